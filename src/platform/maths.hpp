@@ -1,0 +1,36 @@
+// The four operations that the maths library gives. They are called everywhere under these names
+// and with this argument order; which library stands behind them is chosen at configure time
+// (VK_MATH=mkl|open). All index values are 1-based.
+#pragma once
+
+#include <cstdint>
+#include <string_view>
+
+extern "C" {
+
+// Sparse direct solver, single call for all phases: 11 analysis and reordering, 22 numerical
+// factorisation, 33 solve, -1 release. pt: 64 handle words, zero before the first call.
+// a, ia, ja: upper triangle, rows sorted, diagonal first. error: 0 or a negative code.
+void pardiso(void* pt, const int* maxfct, const int* mnum, const int* mtype, const int* phase,
+             const int* n, const void* a, const int* ia, const int* ja, int* perm,
+             const int* nrhs, int* iparm, const int* msglvl, void* b, void* x, int* error);
+
+// The same with 64-bit integers throughout.
+void pardiso_64(void* pt, const long long* maxfct, const long long* mnum, const long long* mtype,
+                const long long* phase, const long long* n, const void* a, const long long* ia,
+                const long long* ja, long long* perm, const long long* nrhs, long long* iparm,
+                const long long* msglvl, void* b, void* x, long long* error);
+
+// y := A x for a symmetric A of which the triangle `uplo` ("U") is stored.
+void mkl_dcsrsymv(const char* uplo, const int* m, const double* a, const int* ia, const int* ja,
+                  const double* x, double* y);
+
+// y := inverse(op(T)) x for the triangle T = `uplo` of the stored matrix; transa "N" or "T",
+// diag "U" takes a unit diagonal without reading it, "N" divides by the stored one.
+void mkl_dcsrtrsv(const char* uplo, const char* transa, const char* diag, const int* m,
+                  const double* a, const int* ia, const int* ja, const double* x, double* y);
+
+}  // extern "C"
+
+// Name and version of the library behind the four operations, for --version: "oneMKL 2025.3.1".
+std::string_view MATHS_NAME();
