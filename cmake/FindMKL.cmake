@@ -1,0 +1,50 @@
+# Finds the static oneMKL and gives it as MKL::MKL, with MKL_VERSION.
+# Looked for in VK_MKL_ROOT, in the project's own environment .local/venv, and in MKLROOT.
+
+set(places "")
+foreach(place "${VK_MKL_ROOT}" "${PROJECT_SOURCE_DIR}/.local/venv" "$ENV{MKLROOT}")
+  if(place)
+    list(APPEND places "${place}")
+  endif()
+endforeach()
+
+# The threading layer has to speak the language of the compiler's OpenMP run-time.
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  set(layer mkl_gnu_thread)
+else()
+  set(layer mkl_intel_thread)
+endif()
+
+find_path(MKL_INCLUDE_DIR mkl.h PATHS ${places} PATH_SUFFIXES include NO_DEFAULT_PATH)
+foreach(name mkl_intel_lp64 ${layer} mkl_core)
+  find_library(MKL_${name} ${CMAKE_STATIC_LIBRARY_PREFIX}${name}${CMAKE_STATIC_LIBRARY_SUFFIX}
+    PATHS ${places} PATH_SUFFIXES lib lib/intel64 NO_DEFAULT_PATH)
+endforeach()
+
+if(MKL_INCLUDE_DIR)
+  # One number, year and release: 20250300 is 2025.3.
+  file(STRINGS ${MKL_INCLUDE_DIR}/mkl_version.h line REGEX "define INTEL_MKL_VERSION ")
+  string(REGEX REPLACE ".* ([0-9][0-9][0-9][0-9])0?([0-9]+)[0-9][0-9]$" "\\1.\\2"
+    MKL_VERSION "${line}")
+endif()
+
+include(FindPackageHandleStandardArgs)
+find_package_handle_standard_args(MKL
+  REQUIRED_VARS MKL_mkl_core MKL_${layer} MKL_mkl_intel_lp64 MKL_INCLUDE_DIR
+  VERSION_VAR MKL_VERSION)
+
+# The two sparse operations are gone from 2026.0 on.
+if(MKL_FOUND AND MKL_VERSION VERSION_GREATER_EQUAL 2026)
+  message(STATUS "oneMKL ${MKL_VERSION} in ${MKL_INCLUDE_DIR} lacks the sparse operations, not used")
+  set(MKL_FOUND FALSE)
+endif()
+
+if(MKL_FOUND AND NOT TARGET MKL::MKL)
+  find_package(Threads REQUIRED)
+  add_library(MKL::MKL INTERFACE IMPORTED)
+  # SYSTEM: the header marks what we use as deprecated.
+  target_include_directories(MKL::MKL SYSTEM INTERFACE ${MKL_INCLUDE_DIR})
+  target_link_libraries(MKL::MKL INTERFACE
+    -Wl,--start-group ${MKL_mkl_intel_lp64} ${MKL_${layer}} ${MKL_mkl_core} -Wl,--end-group
+    OpenMP::OpenMP_CXX Threads::Threads m ${CMAKE_DL_LIBS})
+endif()
