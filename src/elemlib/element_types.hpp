@@ -9,14 +9,15 @@
 inline constexpr int MaxElementNodes = 10;
 inline constexpr int MaxElementDofs = 30;
 
-using ElementDofs = std::int32_t[MaxElementDofs];     // equation numbers, <= 0: no equation
-using ElementVector = double[MaxElementDofs];         // coordinates, displacements or forces
-using ElementScalars = double[MaxElementNodes];       // one value per node
-using ElementMatrix = double[MaxElementDofs * MaxElementDofs];  // entry (i, j), i <= j, counted
-                                                      // from 0, at i + 30 j: upper triangle only
-using MaterialLoadData = double[7];     // RefValue; expansion x, y, z; initial strain x, y, z
-using MaterialConstants = double[9];    // C11 C12 C13 C22 C23 C33, then twice the shear moduli
-                                        // of xy, yz, xz
+using ElementDofs = std::int32_t[MaxElementDofs];  // equation numbers, <= 0: no equation
+using ElementVector = double[MaxElementDofs];      // coordinates, displacements or forces
+using ElementScalars = double[MaxElementNodes];    // one value per node
+using ElementMatrix =
+    double[MaxElementDofs * MaxElementDofs];  // entry (i, j), i <= j, counted
+                                              // from 0, at i + 30 j: upper triangle only
+using MaterialLoadData = double[7];           // RefValue; expansion x, y, z; initial strain x, y, z
+using MaterialConstants = double[9];  // C11 C12 C13 C22 C23 C33, then twice the shear moduli
+                                      // of xy, yz, xz
 // The nine sums over the integration points of one element: dV, H dV, P dV, U H H dV, V H H dV,
 // U P dV, V P dV, mean stress P dV, mean strain P dV.
 using ElementResponse = double[9];

@@ -12,8 +12,8 @@ extern "C" {
 // factorisation, 33 solve, -1 release. pt: 64 handle words, zero before the first call.
 // a, ia, ja: upper triangle, rows sorted, diagonal first. error: 0 or a negative code.
 void pardiso(void* pt, const int* maxfct, const int* mnum, const int* mtype, const int* phase,
-             const int* n, const void* a, const int* ia, const int* ja, int* perm,
-             const int* nrhs, int* iparm, const int* msglvl, void* b, void* x, int* error);
+             const int* n, const void* a, const int* ia, const int* ja, int* perm, const int* nrhs,
+             int* iparm, const int* msglvl, void* b, void* x, int* error);
 
 // The same with 64-bit integers throughout.
 void pardiso_64(void* pt, const long long* maxfct, const long long* mnum, const long long* mtype,

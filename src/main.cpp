@@ -1,0 +1,47 @@
+// vk_rund DIRECTORY: solves the load cases that are prepared in a working directory.
+#include <algorithm>
+#include <cstdio>
+#include <string_view>
+
+#include "platform/maths.hpp"
+#include "platform/process.hpp"
+#include "platform/stop.hpp"
+#include "run/driver.hpp"
+
+namespace {
+
+constexpr std::size_t LongestDirectory = 512;  // what lies beyond is cut
+
+void PrintHelp() {
+  std::puts(
+      "usage: vk_rund DIRECTORY\n"
+      "\n"
+      "Solves every load case that is requested and not yet done in the prepared working\n"
+      "directory. Results, state files, updated flags and the log vk_rund_log.txt are written\n"
+      "there; a stopped run is finished by starting it again.\n"
+      "\n"
+      "  --help     this text\n"
+      "  --version  version and maths library\n"
+      "\n"
+      "Exit status: 0 normal end; else the low 8 bits of 1001 (arguments), 1004 (directory),\n"
+      "1005 (log) or 1010 (an error in the log): 233, 236, 237, 242.");
+}
+
+void PrintVersion() {
+  const std::string_view maths = MATHS_NAME();
+  std::printf("vk_rund %s, maths library: %.*s\n", VK_VERSION, static_cast<int>(maths.size()),
+              maths.data());
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  PLATFORM_FLUSHTOZERO();
+  if (argc != 2)
+    PLATFORM_STOP(StopArguments, "expected one argument, the working directory (see --help)");
+  std::string_view argument = argv[1];
+  if (argument == "--help") return PrintHelp(), 0;
+  if (argument == "--version") return PrintVersion(), 0;
+  argument.remove_prefix(std::min(argument.find_first_not_of(' '), argument.size()));
+  RUN_ENTRY(argument.substr(0, LongestDirectory));
+}

@@ -1,0 +1,179 @@
+#include "model/feloadcase.hpp"
+
+#include <algorithm>
+#include <string>
+
+#include "model/femodel.hpp"
+#include "model/fenod.hpp"
+#include "model/fileio.hpp"
+#include "platform/slot.hpp"
+#include "run/services/logger.hpp"
+#include "run/services/vkcore.hpp"
+
+namespace {
+
+using FELOADCASE::NodeDofMap;
+using FELOADCASE::NodeDofState;
+
+std::int32_t LastPrescribingRow = 0;  // highest NodalConstraints row that NodeDofMap refers to
+
+[[noreturn]] void AbortNoEquations() {
+  LOGGER_POSTERRABORT(
+      "Structure with no degrees of freedom. Check displacement boundary conditions.");
+}
+
+bool IsNode(std::int32_t node) { return node >= 1 && node <= FEMODEL::NumNodes; }
+bool IsPenalty(const NodalConstraintRecord& row) { return (row.Kind & ConstraintPenalty) != 0; }
+
+bool AnyMaterialWithState() {
+  constexpr std::uint32_t kinds = MaterialYielding | MaterialCompressionOnly;
+  for (std::int32_t i = 0; i < FEMODEL::NumMaterials; ++i)
+    if ((FEMODEL::Materials[i].MaterialFlags & kinds) != 0) return true;
+  return false;
+}
+
+// Sets MatStateMissing. A file whose count is not the model's is taken as a state of all 1.0.
+void LoadElementState(std::int32_t number) {
+  const std::string name = FILEIO_NUMBEREDNAME("ws.mstate.", number);
+  const std::int32_t count = std::max(FEMODEL::NumElements, 0);
+  if (!FELOADCASE::ElementState) FELOADCASE::ElementState = ARRAYS_ALLOCATE<float>(count);
+  VKCORE::MatStateMissing = !STREAM_EXISTS(name);
+  bool taken = false;
+  if (!VKCORE::MatStateMissing) {
+    FILEIO_OPENREAD(FILEIO::ReadUnit, name);
+    const auto stored = FILEIO_READVALUE<std::int32_t>();
+    taken = stored == FEMODEL::NumElements && stored > 0;
+    if (taken)
+      FILEIO_READBLOCK(FELOADCASE::ElementState.get(),
+                       std::int64_t{stored} * static_cast<std::int64_t>(sizeof(float)));
+    FILEIO_CLOSEREAD(FILEIO::ReadUnit);
+  }
+  if (!taken) std::fill_n(FELOADCASE::ElementState.get(), count, 1.0f);
+}
+
+// Section 4 of the load-case file. Without pairs the array keeps what an earlier load case left.
+void ReadNodalScalars(const std::string& name) {
+  const auto count = FILEIO_READVALUE<std::int32_t>();
+  VKCORE::NoNodalScalars = count == 0;
+  if (VKCORE::NoNodalScalars) return;
+  const Array<NodalScalarPair> pairs = FILEIO_READARRAY<NodalScalarPair>(count);
+  const std::int32_t nodes = std::max(FEMODEL::NumNodes, 0);
+  if (!FELOADCASE::NodalScalars) FELOADCASE::NodalScalars = ARRAYS_ALLOCATE<float>(nodes);
+  std::fill_n(FELOADCASE::NodalScalars.get(), nodes, 0.0f);
+  for (std::int32_t i = 0; i < count; ++i) {
+    if (!IsNode(pairs[i].Node)) FILEIO_INVALIDINDEX(name);
+    FELOADCASE::NodalScalars[Slot(pairs[i].Node)] = pairs[i].Value;
+  }
+}
+
+void CheckForceNodes(const NodalForceRecord* rows, std::int32_t count, const std::string& name) {
+  const std::int32_t last = FEMODEL::NumNodeRows;
+  for (std::int32_t i = 0; i < count; ++i)
+    if (rows[i].Node < 1 || rows[i].Node > last) FILEIO_INVALIDINDEX(name);
+}
+
+// The rows that the passes will follow: every elastic support, and the prescribed displacements
+// where a numbering is built from them. A kept numbering must find the rows it refers to.
+void CheckConstraints(const std::string& name) {
+  constexpr std::uint16_t directions = 7;
+  for (std::int32_t i = 0; i < FELOADCASE::NumNodalConstraints; ++i) {
+    const NodalConstraintRecord& row = FELOADCASE::NodalConstraints[i];
+    const bool used = IsPenalty(row) || (VKCORE::PatternChanged && (row.DofMask & directions) != 0);
+    if (used && !IsNode(row.Node)) FILEIO_INVALIDINDEX(name);
+  }
+  if (!VKCORE::PatternChanged && LastPrescribingRow > FELOADCASE::NumNodalConstraints)
+    FILEIO_INVALIDINDEX(name);
+}
+
+void ReadLoadCaseFile(std::int32_t number) {
+  const std::string name = FILEIO_NUMBEREDNAME("mxs.lcmap.", number);
+  FILEIO_OPENREAD(FILEIO::ReadUnit, name);
+  FELOADCASE::NodalConstraints =
+      FILEIO_READTABLE<NodalConstraintRecord>(FELOADCASE::NumNodalConstraints);
+  FELOADCASE::NodalForces2 = FILEIO_READTABLE<NodalForceRecord>(FELOADCASE::NumNodalForces2);
+  FELOADCASE::NodalForces3 = FILEIO_READTABLE<NodalForceRecord>(FELOADCASE::NumNodalForces3);
+  ReadNodalScalars(name);
+  FILEIO_CLOSEREAD(FILEIO::ReadUnit);
+  CheckConstraints(name);
+  CheckForceNodes(FELOADCASE::NodalForces2.get(), FELOADCASE::NumNodalForces2, name);
+  CheckForceNodes(FELOADCASE::NodalForces3.get(), FELOADCASE::NumNodalForces3, name);
+}
+
+void BuildSupportList() {
+  const NodalConstraintRecord* rows = FELOADCASE::NodalConstraints.get();
+  const std::int32_t count = std::max(FELOADCASE::NumNodalConstraints, 0);
+  FELOADCASE::NumSupports = static_cast<std::int32_t>(std::count_if(rows, rows + count, IsPenalty));
+  FELOADCASE::SupportList = ARRAYS_ALLOCATE<std::int32_t>(FELOADCASE::NumSupports);
+  std::int32_t next = 0;
+  for (std::int32_t row = 1; row <= count; ++row)
+    if (IsPenalty(rows[Slot(row)])) FELOADCASE::SupportList[next++] = row;
+}
+
+// Clears the three component bits of every node that an active element touches.
+void MarkActiveNodes() {
+  for (std::int32_t e = 1; e <= FEMODEL::NumElements; ++e) {
+    if (!FEMODEL_ISACTIVE(e)) continue;
+    const ElementRecord& element = FEMODEL::Elements[Slot(e)];
+    const std::int32_t* nodes = FEMODEL_NODES(element);
+    const int count = FEMODEL_NODECOUNT(element.TypeCode);
+    for (int i = 0; i < count; ++i) NodeDofState[Slot(nodes[i])] &= FELOADCASE::NodeStateActive;
+  }
+}
+
+// Later rows win. The test is on the value: NaN counts as non-zero.
+void ApplyPrescribed() {
+  for (std::int32_t r = 1; r <= FELOADCASE::NumNodalConstraints; ++r) {
+    const NodalConstraintRecord& row = FELOADCASE::NodalConstraints[Slot(r)];
+    if (IsPenalty(row)) continue;
+    for (int k = 0; k < 3; ++k) {
+      if ((row.DofMask & (1u << k)) == 0) continue;
+      NodeDofState[Slot(row.Node)] |= static_cast<std::uint8_t>(1u << k);
+      NodeDofMap[3 * Slot(row.Node) + k] = row.Value[k] == 0.0f ? 0 : -r;
+    }
+  }
+}
+
+std::int32_t NumberEquations() {
+  std::int32_t equation = 0;
+  for (std::int64_t node = 0; node < FEMODEL::NumNodes; ++node)
+    for (int k = 0; k < 3; ++k)
+      if ((NodeDofState[node] & (1u << k)) == 0) NodeDofMap[3 * node + k] = ++equation;
+  return equation;
+}
+
+}  // namespace
+
+void FELOADCASE_BUILDNUMBERING() {
+  const std::int64_t nodes = std::max(FEMODEL::NumNodes, 0);
+  NodeDofState = ARRAYS_ALLOCATE<std::uint8_t>(nodes);
+  std::fill_n(NodeDofState.get(), nodes, FELOADCASE::NodeStateUnused);
+  MarkActiveNodes();
+  NodeDofMap = ARRAYS_ALLOCATE<std::int32_t>(3 * nodes);
+  std::fill_n(NodeDofMap.get(), 3 * nodes, 0);
+  ApplyPrescribed();
+  const std::int32_t* map = NodeDofMap.get();
+  LastPrescribingRow = nodes > 0 ? -*std::min_element(map, map + 3 * nodes) : 0;
+  FELOADCASE::NumEquations = NumberEquations();
+  if (FELOADCASE::NumEquations == 0) AbortNoEquations();
+}
+
+void FELOADCASE_PREPARE(std::int32_t number, std::int32_t kind, std::int32_t patternIndex) {
+  VKCORE::LCaseId = number;
+  VKCORE::LoadCaseKind = kind;
+  VKCORE::MatStateEnabled = AnyMaterialWithState();
+  VKCORE::PatternChanged = patternIndex != FELOADCASE::PreviousPattern;
+  FELOADCASE::PreviousPattern = patternIndex;
+  VKCORE::MatStateMissing = true;
+  if (VKCORE::MatStateEnabled) LoadElementState(number);
+  LOGGER_POSTDATA("LCaseId", number);
+  LOGGER_POSTINF("LCasePatInx: ", patternIndex);
+  ReadLoadCaseFile(number);
+  BuildSupportList();
+  if (VKCORE::PatternChanged) {
+    FELOADCASE_BUILDNUMBERING();
+    FELOADCASE::Displacements = ARRAYS_ALLOCATE<double>(FELOADCASE::NumEquations);
+  }
+  if (!NodeDofMap) AbortNoEquations();  // a first pattern index of 0 leaves no numbering
+  FENOD_LOADDISP(FILEIO::ReadUnit, FILEIO_NUMBEREDNAME("ws.sstate.", number),
+                 FELOADCASE::Displacements.get());
+}

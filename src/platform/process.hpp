@@ -1,0 +1,17 @@
+// What else the operating system and the processor give: clock, directory, floating-point mode.
+#pragma once
+
+#include <cstdint>
+#include <string_view>
+
+// Monotonic clock: a count, and how many counts make a second.
+std::int64_t PLATFORM_CLOCKCOUNT();
+std::int64_t PLATFORM_CLOCKRATE();
+
+// False when the directory can't be entered.
+bool PLATFORM_ENTERDIRECTORY(std::string_view directory);
+
+// Flush-to-zero and denormals-are-zero for the calling thread. Threads started later inherit it
+// where the system copies the control register; the thread set-up sets it for each all the same.
+void PLATFORM_FLUSHTOZERO();
+bool PLATFORM_FLUSHESTOZERO();

@@ -1,0 +1,171 @@
+#include "response/compsave.hpp"
+
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+#include <limits>
+#include <string>
+
+#include "elements/feelem.hpp"
+#include "elements/response_arrays.hpp"
+#include "model/feloadcase.hpp"
+#include "model/femodel.hpp"
+#include "model/fileio.hpp"
+#include "run/services/logger.hpp"
+#include "run/services/vkcore.hpp"
+
+namespace {
+
+// The real values of ws.comval.NNNN, in file order; also the values posted, by the same names.
+struct CommonValues {
+  float ARQua, SEner, MatVolume, BStress, MaxDis, Rx, Ry, Rz;
+};
+static_assert(sizeof(CommonValues) == 32);
+
+void RaiseAtomically(double& maximum, double value) {
+  std::atomic_ref<double> shared(maximum);
+  double seen = shared.load(std::memory_order_relaxed);
+  while (seen < value && !shared.compare_exchange_weak(seen, value, std::memory_order_relaxed)) {
+  }
+}
+
+template <class T>
+Array<T> AllocateCleared(std::int64_t count) {
+  Array<T> array = ARRAYS_ALLOCATE<T>(count);
+  std::fill_n(array.get(), count, T{});
+  return array;
+}
+
+// int32 count, then that many values.
+void WriteValues(std::string_view stem, const float* values, std::int32_t count) {
+  FILEIO_OPENWRITE(FILEIO::WriteUnit, FILEIO_NUMBEREDNAME(stem, VKCORE::LCaseId));
+  FILEIO_WRITEVALUE(count);
+  FILEIO_WRITEARRAY(values, count);
+  FILEIO_FLUSHCLOSE(FILEIO::WriteUnit);
+}
+
+CommonValues Narrow(const ResponseTotals& totals, double maxDisValue) {
+  return {VKCORE::SolveQuality,
+          static_cast<float>(totals[0]),
+          static_cast<float>(totals[3]),
+          static_cast<float>(totals[5]),
+          static_cast<float>(maxDisValue),
+          static_cast<float>(VKCORE::AppliedLoadSum[0]),
+          static_cast<float>(VKCORE::AppliedLoadSum[1]),
+          static_cast<float>(VKCORE::AppliedLoadSum[2])};
+}
+
+void WriteCommonValues(const CommonValues& values) {
+  FILEIO_OPENWRITE(FILEIO::WriteUnit, FILEIO_NUMBEREDNAME("ws.comval.", VKCORE::LCaseId));
+  FILEIO_WRITEVALUE(VKCORE::LCaseId);
+  FILEIO_WRITEVALUE(VKCORE::LoadCaseKind);
+  FILEIO_WRITEVALUE(values);
+  FILEIO_FLUSHCLOSE(FILEIO::WriteUnit);
+}
+
+void PostCommonValues(const CommonValues& values) {
+  LOGGER_POSTDATA("SEner", values.SEner);
+  LOGGER_POSTDATA("MatVolume", values.MatVolume);
+  LOGGER_POSTDATA("BStress", values.BStress);
+  LOGGER_POSTDATA("MaxDis", values.MaxDis);
+  LOGGER_POSTDATA("Rx", values.Rx);
+  LOGGER_POSTDATA("Ry", values.Ry);
+  LOGGER_POSTDATA("Rz", values.Rz);
+}
+
+}  // namespace
+
+void COMPSAVE_INITRESPONSE(std::int32_t numTc, std::int32_t numNodes) {
+  RESPONSE::NumTc = numTc;
+  RESPONSE::NumNodes = numNodes;
+  const std::int32_t tc = std::max(numTc, 0);
+  const std::int32_t nodes = std::max(numNodes, 0);
+  RESPONSE::TcCounts = AllocateCleared<std::int16_t>(tc);
+  RESPONSE::TcValues = AllocateCleared<float>(tc);
+  RESPONSE::AmsCounts = AllocateCleared<std::int16_t>(nodes);
+  RESPONSE::AmsValues = AllocateCleared<float>(nodes);
+  RESPONSE::AmsSigns = AllocateCleared<float>(nodes);
+  RESPONSE::DisValues = AllocateCleared<float>(nodes);
+}
+
+void COMPSAVE_FREERESPONSE() {
+  RESPONSE::TcCounts.reset();
+  RESPONSE::TcValues.reset();
+  RESPONSE::AmsCounts.reset();
+  RESPONSE::AmsValues.reset();
+  RESPONSE::AmsSigns.reset();
+  RESPONSE::DisValues.reset();
+}
+
+double COMPSAVE_MAGNITUDES() {
+  double maxDisValue = 0.0;
+  const std::int32_t* map = FELOADCASE::NodeDofMap.get();
+  const double* displacements = FELOADCASE::Displacements.get();
+  float* magnitudes = RESPONSE::DisValues.get();
+#pragma omp parallel for schedule(static)
+  for (std::int64_t node = 0; node < RESPONSE::NumNodes; ++node) {
+    double free = 0.0;
+    double full = 0.0;
+    for (int k = 0; k < 3; ++k) {
+      const std::int32_t dof = map[3 * node + k];
+      const double u = FELOADCASE_DOFVALUE(dof, k, displacements);
+      full += u * u;
+      if (dof > 0) free += u * u;
+    }
+    magnitudes[node] = static_cast<float>(std::sqrt(full));
+    RaiseAtomically(maxDisValue, std::sqrt(free));
+  }
+  return maxDisValue;
+}
+
+void COMPSAVE_REDUCETC() {
+  float smallest = std::numeric_limits<float>::max();
+  for (std::int32_t i = 0; i < RESPONSE::NumTc; ++i) {
+    if (RESPONSE::TcCounts[i] <= 0) continue;
+    RESPONSE::TcValues[i] /= static_cast<float>(RESPONSE::TcCounts[i]);
+    smallest = std::min(smallest, RESPONSE::TcValues[i]);
+  }
+  for (std::int32_t i = 0; i < RESPONSE::NumTc; ++i)
+    if (RESPONSE::TcCounts[i] == 0) RESPONSE::TcValues[i] = smallest;
+}
+
+void COMPSAVE_REDUCEAMS() {
+  for (std::int32_t i = 0; i < RESPONSE::NumNodes; ++i) {
+    if (RESPONSE::AmsCounts[i] <= 0) continue;
+    const float average =
+        std::fabs(RESPONSE::AmsValues[i] / static_cast<float>(RESPONSE::AmsCounts[i]));
+    RESPONSE::AmsValues[i] = RESPONSE::AmsSigns[i] < 0.0f ? -average : average;
+  }
+}
+
+void COMPSAVE_BLENDPREVIOUS(int unit, std::string_view fileName, float factor) {
+  if (!STREAM_EXISTS(fileName)) return;
+  const std::int32_t count = std::max(RESPONSE::NumTc, 0);
+  const Array<float> previous = AllocateCleared<float>(count);
+  FILEIO_OPENREAD(unit, fileName);
+  // The stored count isn't compared with the model's: as many values as the model has are read.
+  if (FILEIO_READVALUE<std::int32_t>() > 0)
+    FILEIO_READBLOCK(previous.get(), std::int64_t{count} * std::int64_t{sizeof(float)});
+  FILEIO_CLOSEREAD(unit);
+  for (std::int32_t i = 0; i < count; ++i)
+    RESPONSE::TcValues[i] = RESPONSE::TcValues[i] * (1.0f - factor) + previous[i] * factor;
+}
+
+void VKCORE_COMPSAVERESPONSE() {
+  COMPSAVE_INITRESPONSE(FEMODEL::NumTp, FEMODEL::NumNodes);
+  const double maxDisValue = COMPSAVE_MAGNITUDES();
+  ResponseTotals totals;
+  FEELEM_RESPONSE(FELOADCASE::Displacements.get(), totals);
+  COMPSAVE_REDUCETC();
+  COMPSAVE_REDUCEAMS();
+  if (VKCORE::TcBlendFactor > 0.0f)
+    COMPSAVE_BLENDPREVIOUS(FILEIO::ReadUnit, FILEIO_NUMBEREDNAME("ws.tcval.", VKCORE::LCaseId),
+                           VKCORE::TcBlendFactor);
+  WriteValues("ws.tcval.", RESPONSE::TcValues.get(), RESPONSE::NumTc);
+  WriteValues("ws.amsval.", RESPONSE::AmsValues.get(), RESPONSE::NumNodes);
+  WriteValues("ws.disval.", RESPONSE::DisValues.get(), RESPONSE::NumNodes);
+  COMPSAVE_FREERESPONSE();
+  const CommonValues values = Narrow(totals, maxDisValue);
+  WriteCommonValues(values);
+  PostCommonValues(values);
+}

@@ -1,0 +1,33 @@
+// Module RUN: the program's entry sequence and the one pass over the load cases.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "model/records.hpp"
+#include "run/services/arrays.hpp"
+
+namespace RUN {
+
+inline std::int64_t RunStartTicks = 0;
+inline std::int64_t LoadCaseStartTicks = 0;
+
+inline std::int32_t NumLoadCases = 0;        // the count of mxs.lcflags
+inline std::int32_t NumLoadCaseRecords = 0;  // rows of mxs.lcdata, where the two counts differ
+inline Array<LoadCaseRecord> LoadCases;      // [load case]
+inline Array<std::int32_t> LoadCaseFlags;    // [load case]; the restart point, rewritten as we go
+inline Array<float> LoadCaseValues;          // [load case]; carried along unread
+
+}  // namespace RUN
+
+// The whole run in the working directory `directory`: log, tables, options, load cases, release.
+// Ends the process: status 0, or a stop code.
+[[noreturn]] void RUN_ENTRY(std::string_view directory);
+
+// Reads the load-case tables and the model, then runs every load case that is requested, not done
+// and not excluded, in the order of RunOrder.
+void RUN_LOADCASES();
+
+// hours:minutes:seconds.milliseconds of `ticks` at `rate` ticks a second, in float32 arithmetic.
+std::string RUN_TIMETEXT(std::int64_t ticks, std::int64_t rate);

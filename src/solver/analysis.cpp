@@ -1,0 +1,97 @@
+#include "solver/analysis.hpp"
+
+#include <cstdint>
+
+#include "model/feloadcase.hpp"
+#include "model/femodel.hpp"
+#include "platform/slot.hpp"
+#include "run/services/logger.hpp"
+#include "run/services/vkcore.hpp"
+#include "solver/slepardisosolver.hpp"
+#include "solver/slepccgsolver.hpp"
+#include "solver/solversta.hpp"
+
+namespace {
+
+constexpr float StopQuality = 0.5f;
+constexpr float WarningQuality = 0.9f;
+constexpr std::int32_t FactorIterations = 300;
+
+bool IsMarked(std::int32_t node) {
+  return (static_cast<std::uint16_t>(FEMODEL::NodeFlags[Slot(node)]) & NodeMarked) != 0;
+}
+
+void PushLoad(const NodalForceRecord& load, double* rhs) {
+  if (IsMarked(load.Node)) return;
+  const double force[3] = {static_cast<double>(load.Fx), static_cast<double>(load.Fy),
+                           static_cast<double>(load.Fz)};
+  const std::int32_t* dofs = &FELOADCASE::NodeDofMap[3 * Slot(load.Node)];
+  for (int k = 0; k < 3; ++k) {
+    if (dofs[k] > 0) rhs[Slot(dofs[k])] += force[k];
+#pragma omp atomic
+    VKCORE::AppliedLoadSum[k] += force[k];
+  }
+}
+
+void PushLoads(const NodalForceRecord* loads, std::int32_t count) {
+  if (count < 1) return;
+  double* rhs = SOLVERSTA::SysRhs.get();
+#pragma omp parallel for schedule(static)
+  for (std::int32_t i = 0; i < count; ++i) PushLoad(loads[i], rhs);
+}
+
+// To the variables of the unit-diagonal matrix.
+void ScaleSystem() {
+  for (std::int64_t i = 0; i < SOLVERSTA::NumEquations; ++i) {
+    FELOADCASE::Displacements[i] /= SOLVERSTA::SysScale[i];
+    SOLVERSTA::SysRhs[i] *= SOLVERSTA::SysScale[i];
+  }
+}
+
+void UnscaleDisplacements() {
+  for (std::int64_t i = 0; i < SOLVERSTA::NumEquations; ++i)
+    FELOADCASE::Displacements[i] *= SOLVERSTA::SysScale[i];
+}
+
+void Solve() {
+  using namespace SOLVERSTA;
+  if (UseIm4)
+    SLEPCCGSOLVER_COMPUTE_I4(pR4.get(), pC4.get(), SysMatrixSP.get(), SysMatrix.get(), SysRhs.get(),
+                             FELOADCASE::Displacements.get());
+  else
+    SLEPCCGSOLVER_COMPUTE_I8(pR8.get(), pC8.get(), SysMatrixSP.get(), SysMatrix.get(), SysRhs.get(),
+                             FELOADCASE::Displacements.get());
+}
+
+void JudgeQuality() {
+  if (VKCORE::SolveQuality < StopQuality)
+    LOGGER_POSTERRABORT("No convergence in static response analysis process.");
+  if (VKCORE::SolveQuality < WarningQuality)
+    LOGGER_POSTWARN("Convergence problems in static response analysis process.");
+}
+
+}  // namespace
+
+void PUSHALLLOADSTOSOLVER() {
+  PushLoads(FELOADCASE::NodalForces2.get(), FELOADCASE::NumNodalForces2);
+  PushLoads(FELOADCASE::NodalForces3.get(), FELOADCASE::NumNodalForces3);
+}
+
+void VKCORE_RUNANALYSIS() {
+  VKCORE::SolveQuality = 0.0f;
+  ScaleSystem();
+  if (!SOLVERSTA::SolverReady) SLEPARDISOSOLVER_PREPARE();
+  SLEPCCGSOLVER::PcgMode = SOLVERSTA::IMode;
+  SLEPCCGSOLVER::PcgMaxIter = SOLVERSTA::IMode == SOLVERSTA::ModeFactorised
+                                  ? FactorIterations
+                                  : SOLVERSTA::NumEquations / 10 + 1000;
+  Solve();
+  VKCORE::SolveQuality = SLEPCCGSOLVER::PcgQuality;
+  UnscaleDisplacements();
+  LOGGER_POSTINF("IMode: ", SOLVERSTA::IMode);
+  LOGGER_POSTINF("ICount: ", SLEPCCGSOLVER::ICount);
+  VKCORE::TcBlendFactor =
+      VKCORE_BLENDFACTOR(VKCORE::RunOptions.ResponseDumpFac, VKCORE::SolveQuality);
+  LOGGER_POSTDATA("ARQua", VKCORE::SolveQuality);
+  JudgeQuality();
+}

@@ -1,0 +1,18 @@
+// Module VKCORE, analysis step: completes the right-hand side with the external loads, solves the
+// scaled system for the displacement correction, and judges the solve.
+#pragma once
+
+// Adds the nodal forces of both lists to SysRhs, which holds minus the internal forces, and to
+// AppliedLoadSum. Loads on marked nodes are skipped; a load on a fixed component counts in the sum
+// only. A list must hold a node once.
+void PUSHALLLOADSTOSOLVER();
+
+// One linear solve. In: SysRhs, SysMatrix scaled to a unit diagonal, SysScale, Displacements as the
+// start. Out: Displacements in physical form, SolveQuality, TcBlendFactor; SysRhs stays scaled.
+// Aborts: quality below 0.5, allocation, the direct solver in mode 2.
+void VKCORE_RUNANALYSIS();
+
+// Weight of the earlier run's criterion values: base f for a perfect solve, towards 1 for a failed.
+constexpr float VKCORE_BLENDFACTOR(float base, float quality) {
+  return base + (1.0f - quality) * (1.0f - base);
+}

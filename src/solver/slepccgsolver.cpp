@@ -1,0 +1,258 @@
+#include "solver/slepccgsolver.hpp"
+
+#include <algorithm>
+#include <cmath>
+
+#include "platform/maths.hpp"
+#include "platform/slot.hpp"
+#include "run/services/arrays.hpp"
+#include "solver/slepardisosolver.hpp"
+#include "solver/solversta.hpp"
+
+namespace {
+
+using SLEPCCGSOLVER::ICount;
+using SLEPCCGSOLVER::PcgMaxIter;
+using SLEPCCGSOLVER::PcgMode;
+using SLEPCCGSOLVER::PcgQuality;
+
+constexpr double Tolerance = double{1e-5f};  // on the ratio of maximum norms
+static_assert(Tolerance == 9.999999747378752e-06);
+constexpr double QualityRatio = double{0.001f};  // the ratio whose quality is 0.5
+static_assert(QualityRatio == 0.0010000000474974513);
+constexpr std::string_view WorkArraysFailure = "Error allocating work arrays.";
+
+// Vectors of one solve, each NumEquations long.
+struct WorkArrays {
+  Array<double> r, z, p, q;        // residual A x - b; preconditioned; direction; A p
+  Array<float> spRhs, spSolution;  // what passes through the factor
+};
+
+WorkArrays AllocateWorkArrays(std::int64_t n) {
+  WorkArrays w;
+  w.r = ARRAYS_ALLOCATE<double>(n, WorkArraysFailure);
+  w.z = ARRAYS_ALLOCATE<double>(n, WorkArraysFailure);
+  w.p = ARRAYS_ALLOCATE<double>(n, WorkArraysFailure);
+  w.q = ARRAYS_ALLOCATE<double>(n, WorkArraysFailure);
+  w.spRhs = ARRAYS_ALLOCATE<float>(n, WorkArraysFailure);
+  w.spSolution = ARRAYS_ALLOCATE<float>(n, WorkArraysFailure);
+  std::fill_n(w.spSolution.get(), n, 0.0f);  // read as it is after a failed factor solve
+  return w;
+}
+
+// Largest magnitude; a NaN stays.
+double MaxNorm(const double* v, std::int64_t n) {
+  double norm = 0.0;
+  for (std::int64_t i = 0; i < n; ++i) {
+    const double magnitude = std::fabs(v[i]);
+    if (magnitude > norm || std::isnan(magnitude)) norm = magnitude;
+    if (std::isnan(norm)) return norm;
+  }
+  return norm;
+}
+
+// Four partial sums keep the adders busy; their order is fixed.
+double Dot(const double* a, const double* b, std::int64_t n) {
+  double partial[4] = {};
+  std::int64_t i = 0;
+  for (; i + 4 <= n; i += 4)
+    for (int k = 0; k < 4; ++k) partial[k] += a[i + k] * b[i + k];
+  for (; i < n; ++i) partial[0] += a[i] * b[i];
+  return (partial[0] + partial[1]) + (partial[2] + partial[3]);
+}
+
+// The operations that exist for both index widths, selected by the types of the index arrays.
+void FactorSolve(const std::int32_t* pR, const std::int32_t* pC, const float* m, float* b,
+                 float* x) {
+  SLEPARDISOSOLVER_SOLVE_I4(pR, pC, m, b, x);
+}
+void FactorSolve(const std::int64_t* pR, const std::int64_t* pC, const float* m, float* b,
+                 float* x) {
+  SLEPARDISOSOLVER_SOLVE_I8(pR, pC, m, b, x);
+}
+void Multiply(const std::int32_t* pR, const std::int32_t* pC, const double* m, const double* p,
+              double* q) {
+  SLEPCCGSOLVER_MATVEC_I4(pR, pC, m, p, q);
+}
+void Multiply(const std::int64_t* pR, const std::int64_t* pC, const double* m, const double* p,
+              double* q) {
+  SLEPCCGSOLVER_MATVEC_I8(pR, pC, m, p, q);
+}
+void SweepForward(const std::int32_t* pR, const std::int32_t* pC, const double* m, const double* r,
+                  double* y) {
+  SLEPCCGSOLVER_FORWARDSOLVE_I4(pR, pC, m, r, y);
+}
+void SweepForward(const std::int64_t* pR, const std::int64_t* pC, const double* m, const double* r,
+                  double* y) {
+  SLEPCCGSOLVER_FORWARDSOLVE_I8(pR, pC, m, r, y);
+}
+void SweepBackward(const std::int32_t* pR, const std::int32_t* pC, const double* m, const double* y,
+                   double* z) {
+  SLEPCCGSOLVER_BACKWARDSOLVE_I4(pR, pC, m, y, z);
+}
+void SweepBackward(const std::int64_t* pR, const std::int64_t* pC, const double* m, const double* y,
+                   double* z) {
+  SLEPCCGSOLVER_BACKWARDSOLVE_I8(pR, pC, m, y, z);
+}
+
+// z := inverse(M) r.
+template <class Index>
+void Precondition(const Index* pR, const Index* pC, const float* matrixSP, const double* matrix,
+                  WorkArrays& w, std::int64_t n) {
+  if (PcgMode == SOLVERSTA::ModeFactorised) {
+    for (std::int64_t i = 0; i < n; ++i) w.spRhs[i] = static_cast<float>(w.r[i]);
+    FactorSolve(pR, pC, matrixSP, w.spRhs.get(), w.spSolution.get());
+    for (std::int64_t i = 0; i < n; ++i) w.z[i] = static_cast<double>(w.spSolution[i]);
+  } else if (PcgMode == SOLVERSTA::ModeIterative) {
+    SweepForward(pR, pC, matrix, w.r.get(), w.q.get());
+    SweepBackward(pR, pC, matrix, w.q.get(), w.z.get());
+  } else {
+    std::copy_n(w.r.get(), n, w.z.get());
+  }
+}
+
+// p := beta p - z, from nothing in the first iteration.
+void UpdateDirection(double beta, bool first, const double* z, double* p, std::int64_t n) {
+  if (first)
+    for (std::int64_t i = 0; i < n; ++i) p[i] = -z[i];
+  else
+    for (std::int64_t i = 0; i < n; ++i) p[i] = beta * p[i] - z[i];
+}
+
+// x := x + alpha p beside r := r + alpha q; returns the maximum norm of r.
+double UpdateSolution(double alpha, const WorkArrays& w, double* x, std::int64_t n) {
+  double norm = 0.0;
+  double* r = w.r.get();
+  const double* p = w.p.get();
+  const double* q = w.q.get();
+#pragma omp parallel sections
+  {
+#pragma omp section
+    for (std::int64_t i = 0; i < n; ++i) x[i] += alpha * p[i];
+#pragma omp section
+    {
+      for (std::int64_t i = 0; i < n; ++i) r[i] += alpha * q[i];
+      norm = MaxNorm(r, n);
+    }
+  }
+  return norm;
+}
+
+// Iterates to the tolerance or the limit. `ratio`: 0 when converged. Returns the norm of r.
+template <class Index>
+double Iterate(const Index* pR, const Index* pC, const float* matrixSP, const double* matrix,
+               WorkArrays& w, double* x, double bnorm, double& ratio) {
+  const std::int64_t n = SOLVERSTA::NumEquations;
+  double rnorm = bnorm;
+  double rzPrevious = 0.0;
+  for (std::int32_t iter = 0; iter < PcgMaxIter; ++iter) {
+    --ICount;
+    Precondition(pR, pC, matrixSP, matrix, w, n);
+    const double rz = Dot(w.z.get(), w.r.get(), n);
+    UpdateDirection(rz / rzPrevious, iter == 0, w.z.get(), w.p.get(), n);
+    rzPrevious = rz;
+    Multiply(pR, pC, matrix, w.p.get(), w.q.get());
+    const double alpha = rz / Dot(w.q.get(), w.p.get(), n);
+    rnorm = UpdateSolution(alpha, w, x, n);
+    ratio = rnorm / bnorm;
+    if (ratio <= Tolerance) {
+      ICount = -ICount;
+      ratio = 0.0;
+      break;
+    }
+  }
+  return rnorm;
+}
+
+template <class Index>
+void Compute(const Index* pR, const Index* pC, const float* matrixSP, const double* matrix,
+             const double* b, double* x) {
+  const std::int64_t n = SOLVERSTA::NumEquations;
+  ICount = 0;
+  const double bnorm = MaxNorm(b, n);
+  if (n == 0 || bnorm == 0.0) {
+    std::fill_n(x, n, 0.0);
+    PcgQuality = 1.0f;
+    return;
+  }
+  WorkArrays w = AllocateWorkArrays(n);
+  for (std::int64_t i = 0; i < n; ++i) w.r[i] = -b[i];
+  double ratio = 0.0;
+  const double rnorm = Iterate(pR, pC, matrixSP, matrix, w, x, bnorm, ratio);
+  if (std::isfinite(rnorm)) {
+    PcgQuality = SLEPCCGSOLVER_QUALITY(ratio);
+  } else {
+    std::fill_n(x, n, 0.0);
+    PcgQuality = 0.0f;
+  }
+}
+
+}  // namespace
+
+float SLEPCCGSOLVER_QUALITY(double ratio) {
+  return static_cast<float>(1.0 / (1.0 + ratio / QualityRatio));
+}
+
+void SLEPCCGSOLVER_COMPUTE_I4(const std::int32_t* pR4, const std::int32_t* pC4,
+                              const float* matrixSP, const double* matrix, const double* b,
+                              double* x) {
+  Compute(pR4, pC4, matrixSP, matrix, b, x);
+}
+
+void SLEPCCGSOLVER_COMPUTE_I8(const std::int64_t* pR8, const std::int64_t* pC8,
+                              const float* matrixSP, const double* matrix, const double* b,
+                              double* x) {
+  Compute(pR8, pC8, matrixSP, matrix, b, x);
+}
+
+void SLEPCCGSOLVER_MATVEC_I4(const std::int32_t* pR4, const std::int32_t* pC4, const double* matrix,
+                             const double* p, double* q) {
+  mkl_dcsrsymv("U", &SOLVERSTA::NumEquations, matrix, pR4, pC4, p, q);
+}
+
+void SLEPCCGSOLVER_MATVEC_I8(const std::int64_t* pR8, const std::int64_t* pC8, const double* matrix,
+                             const double* p, double* q) {
+  const std::int64_t n = SOLVERSTA::NumEquations;
+  std::fill_n(q, n, 0.0);
+  for (std::int64_t i = 0; i < n; ++i) {
+    double sum = matrix[Slot(pR8[i])] * p[i];
+    for (std::int64_t k = pR8[i] + 1; k < pR8[i + 1]; ++k) {
+      const std::int64_t j = Slot(pC8[Slot(k)]);
+      sum += matrix[Slot(k)] * p[j];   // the entry itself
+      q[j] += matrix[Slot(k)] * p[i];  // and its mirror image
+    }
+    q[i] += sum;
+  }
+}
+
+void SLEPCCGSOLVER_FORWARDSOLVE_I4(const std::int32_t* pR4, const std::int32_t* pC4,
+                                   const double* matrix, const double* r, double* y) {
+  mkl_dcsrtrsv("U", "T", "U", &SOLVERSTA::NumEquations, matrix, pR4, pC4, r, y);
+}
+
+void SLEPCCGSOLVER_FORWARDSOLVE_I8(const std::int64_t* pR8, const std::int64_t* pC8,
+                                   const double* matrix, const double* r, double* y) {
+  const std::int64_t n = SOLVERSTA::NumEquations;
+  std::copy_n(r, n, y);
+  for (std::int64_t i = 0; i < n; ++i) {
+    y[i] /= matrix[Slot(pR8[i])];
+    for (std::int64_t k = pR8[i] + 1; k < pR8[i + 1]; ++k)
+      y[Slot(pC8[Slot(k)])] -= matrix[Slot(k)] * y[i];
+  }
+}
+
+void SLEPCCGSOLVER_BACKWARDSOLVE_I4(const std::int32_t* pR4, const std::int32_t* pC4,
+                                    const double* matrix, const double* y, double* z) {
+  mkl_dcsrtrsv("U", "N", "N", &SOLVERSTA::NumEquations, matrix, pR4, pC4, y, z);
+}
+
+void SLEPCCGSOLVER_BACKWARDSOLVE_I8(const std::int64_t* pR8, const std::int64_t* pC8,
+                                    const double* matrix, const double* y, double* z) {
+  const std::int64_t n = SOLVERSTA::NumEquations;
+  std::copy_n(y, n, z);
+  for (std::int64_t i = n - 1; i >= 0; --i) {
+    for (std::int64_t k = pR8[i] + 1; k < pR8[i + 1]; ++k)
+      z[i] -= matrix[Slot(k)] * z[Slot(pC8[Slot(k)])];
+    z[i] /= matrix[Slot(pR8[i])];
+  }
+}

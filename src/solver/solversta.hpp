@@ -1,0 +1,60 @@
+// Module SOLVERSTA: the equation system of one constraint pattern.
+// Built by SOLVERSTA_CONFIGURE, kept until the pattern changes, freed by SOLVERSTA_RELEASE.
+// Compressed upper triangle, rows in equation order; index values are 1-based. Invariant: the first
+// entry of row i, at position pR(i), is its diagonal, the other columns ascend. One index pair
+// exists at a time. The assembly loops fill SysForces and SysMatrix; once scaled, SysMatrix has a
+// unit diagonal.
+#pragma once
+
+#include <cstdint>
+#include <string_view>
+
+#include "run/services/arrays.hpp"
+
+namespace SOLVERSTA {
+
+// Values of IMode: what the option Sys.ComputationMode asks for and the PARDISO driver resolves.
+inline constexpr std::int32_t ModeAutomatic = 0;
+inline constexpr std::int32_t ModeIterative = 1;
+inline constexpr std::int32_t ModeFactorised = 2;
+inline std::int32_t IMode = ModeAutomatic;
+
+inline std::int32_t NumEquations = 0;
+inline std::int64_t NumEntries = 0;  // low 32 bits of the true count, sign-extended
+inline std::int32_t MaxBW = 0;       // bandwidth figure of the file, logged only
+
+inline bool UseIm4 = true;       // 32-bit index path: pR4, pC4; otherwise pR8, pC8
+inline Array<std::int32_t> pR4;  // [NumEquations + 1] position of each row's first entry
+inline Array<std::int32_t> pC4;  // [NumEntries] column of each entry
+inline Array<std::int64_t> pR8;
+inline Array<std::int64_t> pC8;
+
+inline Array<double> SysMatrix;   // [NumEntries]
+inline Array<float> SysMatrixSP;  // [NumEntries] copy for the factor; made by its driver
+inline Array<double> SysForces;   // [NumEquations] internal forces
+inline Array<double> SysRhs;      // [NumEquations] right-hand side
+inline Array<double> SysScale;    // [NumEquations] 1 / sqrt(diagonal)
+
+inline bool SolverReady = false;  // the solver is prepared for the present SysMatrix
+
+}  // namespace SOLVERSTA
+
+// Reads the raw structure of all 3 x nodes components, drops the constrained ones, chooses the
+// index path, posts the "SysConfig" line and allocates the system arrays, uncleared. Aborts: file
+// and allocation failures; a raw structure that would lead outside its arrays or breaks the
+// invariant.
+void SOLVERSTA_CONFIGURE(int unit, std::string_view fileName);
+
+// Reads NumRawRows, MaxBW, NumRawEntries, RawColumn and RawRowStart.
+void SOLVERSTA_READADDRESSES(int unit, std::string_view fileName);
+void SOLVERSTA_FREEADDRESSES();
+
+// Frees the system arrays and a held factorisation. Called once, at the end of the run.
+void SOLVERSTA_RELEASE();
+
+// The index path for a system of `numEntries` entries in mode `iMode`: true for 32 bits.
+constexpr bool SOLVERSTA_USESIM4(std::int64_t numEntries, std::int32_t iMode) {
+  constexpr std::int64_t iterativeLimit = 2147000000;
+  constexpr std::int64_t factorisedLimit = 500000000;
+  return numEntries < (iMode == SOLVERSTA::ModeIterative ? iterativeLimit : factorisedLimit);
+}
