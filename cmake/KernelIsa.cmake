@@ -1,0 +1,22 @@
+# The kernel sources, each with the compiler options of its instruction set.
+#
+# vk_add_kernels(<target>) adds them to the target. On x86-64 the templates are compiled three times
+# (baseline, AVX2 with FMA, AVX-512) and the program chooses by the processor when it starts;
+# elsewhere only the portable source exists.
+#
+# Contraction to fused multiply-add is allowed in these files alone: the force sums of the forces
+# and of the matrix kernels run the same instructions, so they stay equal to the last bit.
+function(vk_add_kernels target)
+  set(dir ${PROJECT_SOURCE_DIR}/src/elements)
+  set(common -ffp-contract=fast -fno-math-errno $<$<NOT:$<CONFIG:Debug>>:-O3>)
+  set(sources ${dir}/fekernel_portable.cpp)
+  set_source_files_properties(${dir}/fekernel_portable.cpp PROPERTIES COMPILE_OPTIONS "${common}")
+  if(CMAKE_SYSTEM_PROCESSOR MATCHES "^(x86_64|AMD64|amd64)$")
+    list(APPEND sources ${dir}/fekernel_avx2.cpp ${dir}/fekernel_avx512.cpp)
+    set(avx2 ${common} -mavx2 -mfma)
+    set(avx512 ${avx2} -mavx512f -mavx512dq -mavx512vl)
+    set_source_files_properties(${dir}/fekernel_avx2.cpp PROPERTIES COMPILE_OPTIONS "${avx2}")
+    set_source_files_properties(${dir}/fekernel_avx512.cpp PROPERTIES COMPILE_OPTIONS "${avx512}")
+  endif()
+  target_sources(${target} PRIVATE ${dir}/fekernel.cpp ${sources})
+endfunction()

@@ -1,0 +1,285 @@
+// The nine kernels as one family: three shapes times forces, matrix, response.
+// Phases, in this order everywhere: geometry, field values, strain, stress, weight, accumulate. A
+// vector holds as many integration points as it has lanes up to the weights; the sums over the
+// points then run with the nodes in the lanes, so they need no sum across lanes.
+#pragma once
+
+#include "elements/kernel_laws.hpp"
+#include "elements/kernel_shapes.hpp"
+
+template <class Isa>
+constexpr int RoundUp(int n) {
+  return (n + Isa::Lanes - 1) / Isa::Lanes * Isa::Lanes;
+}
+
+// Gradients, determinant and total strains of one group of points; where the gradients are
+// constant, of the element, and then Real is a double.
+template <class Shape, class Real>
+struct Kinematics {
+  Real gradient[3][Shape::Nodes];
+  Real det;
+  Real strain[6];
+};
+
+template <class Isa, class Shape>
+struct KinematicsTypes {
+  typedef Kinematics<Shape, Vector<Isa>> Type;
+};
+
+template <class Isa, class Shape>
+requires Shape::ConstantGradient struct KinematicsTypes<Isa, Shape> {
+  typedef Kinematics<Shape, double> Type;
+};
+
+template <class Shape, class Real>
+[[gnu::always_inline]] inline void ComputeKinematics(const KernelInput& in,
+                                                     const Real (&parameter)[3],
+                                                     Kinematics<Shape, Real>& out) {
+  out.det = CartesianGradient<Shape>(in.coords, parameter, out.gradient);
+  TotalStrain(out.gradient, in.disp, out.strain);
+}
+
+// Field values, strains and stresses of one group of points.
+template <class Isa>
+struct PointGroup {
+  Vector<Isa> volume;       // dV
+  Vector<Isa> scaledLevel;  // k F
+  Vector<Isa> strain[6];    // mechanical
+  Vector<Isa> stress[6];    // of the full material
+};
+
+template <int Count, class Real, int Size>
+[[gnu::always_inline]] inline Real Interpolate(const Real (&n)[Count],
+                                               const double (&values)[Size]) {
+  Real sum = n[0] * values[0];
+  for (int a = 1; a < Count; ++a) sum += n[a] * values[a];
+  return sum;
+}
+
+template <class Isa, class Shape>
+[[gnu::always_inline]] inline void LoadParameter(const KernelInput& in, int first,
+                                                 Vector<Isa> (&parameter)[3]) {
+  for (int k = 0; k < 3; ++k) parameter[k] = Load<Isa>(in.rule.coordinate[k] + first);
+}
+
+template <class Isa, class Shape, class Kin>
+[[gnu::always_inline]] inline void ComputePointGroup(const KernelInput& in, int first,
+                                                     const Vector<Isa> (&parameter)[3],
+                                                     const Kin& kin, PointGroup<Isa>& out) {
+  Vector<Isa> shape[Shape::Nodes], levelShape[Shape::LevelNodes];
+  Shape::Values(parameter, shape);
+  Shape::LevelValues(parameter, levelShape);
+  out.scaledLevel = in.slope * Interpolate(levelShape, in.phi);
+  MechanicalStrain(in.loadData, kin.strain, Interpolate(shape, in.scalars), out.strain);
+  MaterialStress(in.stiffness, out.strain, out.stress);
+  out.volume = Load<Isa>(in.rule.weight + first) * kin.det / Shape::VolumeDivisor;
+}
+
+// What the force and stiffness sums need, point by point. Where the gradients are constant the
+// sums over the points stand in the one set instead.
+template <class Isa, class Shape>
+struct PointSets {
+  static constexpr int MaxSets = Shape::ConstantGradient ? 1 : RoundUp<Isa>(Shape::MaxPoints);
+  static constexpr int PaddedNodes = RoundUp<Isa>(Shape::Nodes);
+
+  int count;
+  alignas(64) double gradient[MaxSets][3][PaddedNodes];  // 0 behind the last node
+  alignas(64) double weight[MaxSets];                    // H dV
+  alignas(64) double stress[6][MaxSets];                 // times H dV
+};
+
+// Turns [node] vectors over points into [point] vectors over nodes.
+template <class Isa, class Shape>
+[[gnu::always_inline]] inline void StoreGradient(const Vector<Isa> (&gradient)[3][Shape::Nodes],
+                                                 int first, PointSets<Isa, Shape>& out) {
+  constexpr int L = Isa::Lanes;
+  for (int i = 0; i < 3; ++i)
+    for (int a = 0; a < Shape::Nodes; a += L) {
+      Vector<Isa> row[L];
+      for (int b = 0; b < L; ++b)
+        row[b] = a + b < Shape::Nodes ? gradient[i][a + b] : Vector<Isa>{};
+      Transpose<Isa>(row);
+      for (int p = 0; p < L; ++p) Store<Isa>(out.gradient[first + p][i] + a, row[p]);
+    }
+}
+
+template <class Isa, class Shape>
+[[gnu::always_inline]] inline void CollectVarying(const KernelInput& in,
+                                                  PointSets<Isa, Shape>& out) {
+  out.count = in.rule.numPoints;
+  for (int first = 0; first < in.rule.numPoints; first += Isa::Lanes) {
+    Vector<Isa> parameter[3];
+    LoadParameter<Isa, Shape>(in, first, parameter);
+    Kinematics<Shape, Vector<Isa>> kin;
+    ComputeKinematics(in, parameter, kin);
+    StoreGradient<Isa, Shape>(kin.gradient, first, out);
+    PointGroup<Isa> group;
+    ComputePointGroup<Isa, Shape>(in, first, parameter, kin, group);
+    const Vector<Isa> weight = Presence<Isa>(group.scaledLevel) * group.volume;
+    Store<Isa>(out.weight + first, weight);
+    for (int c = 0; c < 6; ++c) Store<Isa>(out.stress[c] + first, weight * group.stress[c]);
+  }
+}
+
+template <class Isa, class Shape>
+[[gnu::always_inline]] inline void CollectConstant(const KernelInput& in,
+                                                   PointSets<Isa, Shape>& out) {
+  Kinematics<Shape, double> kin;
+  ComputeKinematics(in, {}, kin);
+  Vector<Isa> weightSum = {}, stressSum[6] = {};
+  for (int first = 0; first < in.rule.numPoints; first += Isa::Lanes) {
+    Vector<Isa> parameter[3];
+    LoadParameter<Isa, Shape>(in, first, parameter);
+    PointGroup<Isa> group;
+    ComputePointGroup<Isa, Shape>(in, first, parameter, kin, group);
+    const Vector<Isa> weight = Presence<Isa>(group.scaledLevel) * group.volume;
+    weightSum += weight;
+    for (int c = 0; c < 6; ++c) stressSum[c] += weight * group.stress[c];
+  }
+  out.count = 1;
+  out.weight[0] = Sum<Isa>(weightSum);
+  for (int c = 0; c < 6; ++c) out.stress[c][0] = Sum<Isa>(stressSum[c]);
+  for (int i = 0; i < 3; ++i)
+    for (int a = 0; a < out.PaddedNodes; ++a)
+      out.gradient[0][i][a] = a < Shape::Nodes ? kin.gradient[i][a] : 0.0;
+}
+
+// Never inlined, so that the forces and the matrix kernel run the same instructions and deliver the
+// same forces to the last bit, whatever the compiler contracts.
+template <class Isa, class Shape>
+[[gnu::noinline]] void CollectPoints(const KernelInput& in, PointSets<Isa, Shape>& out) {
+  if constexpr (Shape::ConstantGradient)
+    CollectConstant<Isa, Shape>(in, out);
+  else
+    CollectVarying<Isa, Shape>(in, out);
+}
+
+// f_a = sum over the points of H dV stress . grad N_a
+template <class Isa, class Shape>
+[[gnu::noinline]] void IntegrateForces(const PointSets<Isa, Shape>& points, ElementVector& forces) {
+  constexpr int L = Isa::Lanes, Blocks = PointSets<Isa, Shape>::PaddedNodes / L;
+  Vector<Isa> f[3][Blocks] = {};
+  for (int p = 0; p < points.count; ++p) {
+    const double xx = points.stress[0][p], yy = points.stress[1][p], zz = points.stress[2][p];
+    const double xy = points.stress[3][p], yz = points.stress[4][p], xz = points.stress[5][p];
+    for (int block = 0; block < Blocks; ++block) {
+      const Vector<Isa> x = Load<Isa>(points.gradient[p][0] + block * L);
+      const Vector<Isa> y = Load<Isa>(points.gradient[p][1] + block * L);
+      const Vector<Isa> z = Load<Isa>(points.gradient[p][2] + block * L);
+      f[0][block] += x * xx + y * xy + z * xz;
+      f[1][block] += x * xy + y * yy + z * yz;
+      f[2][block] += x * xz + y * yz + z * zz;
+    }
+  }
+  for (int a = 0; a < MaxElementNodes; ++a)
+    for (int i = 0; i < 3; ++i) forces[3 * a + i] = a < Shape::Nodes ? f[i][a / L][a % L] : 0.0;
+}
+
+// Stiffness block of a node pair from g[i][j] = sum over the points of H dV dN_a/dx_i dN_b/dx_j.
+// The material is the same at all points, so B^T M B needs no more of them than these sums:
+// block[i][i] = C_ii g_ii + shear of the two planes that contain i,
+// block[i][j] = C_ij g_ij + G_ij g_ji.
+template <class Real>
+[[gnu::always_inline]] inline void NodePairStiffness(const MaterialConstants& c,
+                                                     const Real (&g)[3][3], Real (&block)[3][3]) {
+  const double gxy = 0.5 * c[6], gyz = 0.5 * c[7], gxz = 0.5 * c[8];
+  block[0][0] = c[0] * g[0][0] + gxy * g[1][1] + gxz * g[2][2];
+  block[1][1] = c[3] * g[1][1] + gxy * g[0][0] + gyz * g[2][2];
+  block[2][2] = c[5] * g[2][2] + gxz * g[0][0] + gyz * g[1][1];
+  block[0][1] = c[1] * g[0][1] + gxy * g[1][0];
+  block[1][0] = c[1] * g[1][0] + gxy * g[0][1];
+  block[0][2] = c[2] * g[0][2] + gxz * g[2][0];
+  block[2][0] = c[2] * g[2][0] + gxz * g[0][2];
+  block[1][2] = c[4] * g[1][2] + gyz * g[2][1];
+  block[2][1] = c[4] * g[2][1] + gyz * g[1][2];
+}
+
+// Writes the blocks of nodes a = first .. first + Lanes - 1, in the lanes, with node b: what lies
+// on or above the diagonal.
+template <class Isa, class Shape>
+[[gnu::always_inline]] inline void StoreBlocks(const Vector<Isa> (&block)[3][3], int first, int b,
+                                               ElementMatrix& matrix) {
+  for (int j = 0; j < 3; ++j) {
+    double* column = matrix + MaxElementDofs * (3 * b + j);
+    for (int lane = 0; lane < Isa::Lanes; ++lane) {
+      const int a = first + lane;
+      if (a > b) break;
+      for (int i = 0; i < 3; ++i)
+        if (a < b || i <= j) column[3 * a + i] = block[i][j][lane];
+    }
+  }
+}
+
+template <class Isa, class Shape>
+[[gnu::noinline]] void IntegrateMatrix(const KernelInput& in, const PointSets<Isa, Shape>& points,
+                                       ElementMatrix& matrix) {
+  for (double& entry : matrix) entry = 0.0;
+  for (int b = 0; b < Shape::Nodes; ++b)
+    for (int first = 0; first <= b; first += Isa::Lanes) {
+      Vector<Isa> sum[3][3] = {};
+      for (int p = 0; p < points.count; ++p)
+        for (int j = 0; j < 3; ++j) {
+          const double weighted = points.weight[p] * points.gradient[p][j][b];
+          for (int i = 0; i < 3; ++i)
+            sum[i][j] += Load<Isa>(points.gradient[p][i] + first) * weighted;
+        }
+      Vector<Isa> block[3][3];
+      NodePairStiffness(in.stiffness, sum, block);
+      StoreBlocks<Isa, Shape>(block, first, b, matrix);
+    }
+}
+
+template <class Isa, class Shape>
+void KernelForces(const KernelInput& in, ElementVector& forces) {
+  PointSets<Isa, Shape> points;
+  CollectPoints(in, points);
+  IntegrateForces(points, forces);
+}
+
+template <class Isa, class Shape>
+void KernelMatrix(const KernelInput& in, ElementVector& forces, ElementMatrix& matrix) {
+  PointSets<Isa, Shape> points;
+  CollectPoints(in, points);
+  IntegrateForces(points, forces);
+  IntegrateMatrix(in, points, matrix);
+}
+
+// The presence enters entries 4 and 5 squared and the sharp presence entries 6 to 9 once:
+// deliberate.
+template <class Isa>
+[[gnu::always_inline]] inline void AddResponse(const PointGroup<Isa>& group,
+                                               Vector<Isa> (&sum)[9]) {
+  const Vector<Isa>(&s)[6] = group.stress;
+  const Vector<Isa>(&e)[6] = group.strain;
+  const Vector<Isa> smooth = Presence<Isa>(group.scaledLevel);
+  const Vector<Isa> sharp = Presence<Isa>(SharpSlope * group.scaledLevel);
+  const Vector<Isa> energy = EnergyDensity(e, s);
+  const Vector<Isa> mises = VonMisesStress<Isa>(s);
+  const Vector<Isa> smoothVolume = smooth * group.volume;
+  const Vector<Isa> sharpVolume = sharp * group.volume;
+  sum[0] += group.volume;
+  sum[1] += smoothVolume;
+  sum[2] += sharpVolume;
+  sum[3] += energy * smooth * smoothVolume;
+  sum[4] += mises * smooth * smoothVolume;
+  sum[5] += energy * sharpVolume;
+  sum[6] += mises * sharpVolume;
+  sum[7] += (s[0] + s[1] + s[2]) / 3.0 * sharpVolume;
+  sum[8] += (e[0] + e[1] + e[2]) / 3.0 * sharpVolume;
+}
+
+template <class Isa, class Shape>
+void KernelResponse(const KernelInput& in, ElementResponse& response) {
+  typename KinematicsTypes<Isa, Shape>::Type kin;
+  if constexpr (Shape::ConstantGradient) ComputeKinematics(in, {}, kin);
+  Vector<Isa> sum[9] = {};
+  for (int first = 0; first < in.rule.numPoints; first += Isa::Lanes) {
+    Vector<Isa> parameter[3];
+    LoadParameter<Isa, Shape>(in, first, parameter);
+    if constexpr (!Shape::ConstantGradient) ComputeKinematics(in, parameter, kin);
+    PointGroup<Isa> group;
+    ComputePointGroup<Isa, Shape>(in, first, parameter, kin, group);
+    AddResponse<Isa>(group, sum);
+  }
+  for (int r = 0; r < 9; ++r) response[r] = Sum<Isa>(sum[r]);
+}
