@@ -11,7 +11,7 @@ namespace FEINTEG {
 
 struct IntegrationRule {
   std::unique_ptr<double[]> weights;  // [point]
-  std::unique_ptr<double[]> points;   // [point][coordinate], 4 on the tetrahedron, 3 on the triangle
+  std::unique_ptr<double[]> points;  // [point][coordinate], 4 on the tetrahedron, 3 on the triangle
 };
 
 inline constexpr int NumTetRules = 14;
