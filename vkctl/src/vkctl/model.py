@@ -241,9 +241,15 @@ class Elements:
         return {TET4: self.tet4, HEX8: self.hex8, TET10: self.tet10}[code]
 
     def of_type(self, code: int) -> tuple[Array, Array]:
-        """(element numbers, connectivity rows) of the elements of a type, in element order."""
+        """(element numbers, connectivity rows) of the elements of a type, in element order.
+
+        IndexError where `conn_index` points outside its table.
+        """
         numbers = np.flatnonzero(self.type_codes == code) + 1
-        return numbers, self.table(code)[self.conn_index[numbers - 1] - 1]
+        rows = self.conn_index[numbers - 1] - 1
+        if np.any(rows < 0):
+            raise IndexError(f"connectivity row below 1 in an element of type {code}")
+        return numbers, self.table(code)[rows]
 
     def used_tables(self) -> list[Array]:
         """Connectivity rows of each type that occurs, as `build_structure` takes them."""
