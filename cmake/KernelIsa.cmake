@@ -8,7 +8,9 @@
 # and of the matrix kernels run the same instructions, so they stay equal to the last bit.
 function(vk_add_kernels target)
   set(dir ${PROJECT_SOURCE_DIR}/src/elements/isa)
-  set(common -ffp-contract=fast -fno-math-errno $<$<NOT:$<CONFIG:Debug>>:-O3>)
+  set(common -ffp-contract=fast -fno-math-errno $<$<NOT:$<CONFIG:Debug>>:-O3>
+    # Clearing 7 kB by vector stores is faster than by the string instruction GCC would make of it.
+    $<$<CXX_COMPILER_ID:GNU>:-fno-tree-loop-distribute-patterns>)
   set(sources ${dir}/kernel_portable.cpp)
   set_source_files_properties(${dir}/kernel_portable.cpp PROPERTIES COMPILE_OPTIONS "${common}")
   if(CMAKE_SYSTEM_PROCESSOR MATCHES "^(x86_64|AMD64|amd64)$")

@@ -139,9 +139,14 @@ template <class Isa, class Shape>
   out.count = 1;
   out.weight[0] = Sum<Isa>(weightSum);
   for (int c = 0; c < 6; ++c) out.stress[c][0] = Sum<Isa>(stressSum[c]);
+  constexpr int L = Isa::Lanes;
   for (int i = 0; i < 3; ++i)
-    for (int a = 0; a < out.PaddedNodes; ++a)
-      out.gradient[0][i][a] = a < Shape::Nodes ? kin.gradient[i][a] : 0.0;
+    for (int first = 0; first < Shape::Nodes; first += L) {
+      Vector<Isa> row = {};
+      for (int lane = 0; lane < L; ++lane)
+        if (first + lane < Shape::Nodes) row[lane] = kin.gradient[i][first + lane];
+      Store<Isa>(out.gradient[0][i] + first, row);
+    }
 }
 
 // Never inlined, so that the forces and the matrix kernel run the same instructions and deliver the
@@ -152,6 +157,40 @@ template <class Isa, class Shape>
     CollectConstant<Isa, Shape>(in, out);
   else
     CollectVarying<Isa, Shape>(in, out);
+}
+
+// Of three vectors x, y, z, vector `Part` of the sequence x1 y1 z1 x2 y2 z2 ...
+template <class Isa, int Part, int... Lane>
+[[gnu::always_inline]] inline Vector<Isa> Interleave(Vector<Isa> x, Vector<Isa> y, Vector<Isa> z,
+                                                     std::integer_sequence<int, Lane...>) {
+  constexpr int L = Isa::Lanes;
+  const Vector<Isa> xy = __builtin_shufflevector(
+      x, y, ((Part * L + Lane) % 3 == 1 ? L : 0) + (Part * L + Lane) / 3 ...);
+  return __builtin_shufflevector(
+      xy, z, ((Part * L + Lane) % 3 == 2 ? L + (Part * L + Lane) / 3 : Lane)...);
+}
+
+// Writes vector `Part` of the x, y, z of nodes first .. first + Lanes - 1 to their places in an
+// element vector. What belongs to nodes behind the last one is not written.
+template <class Isa, class Shape, int Part>
+[[gnu::always_inline]] inline void StoreNodePart(Vector<Isa> x, Vector<Isa> y, Vector<Isa> z,
+                                                 int first, double* vector) {
+  constexpr int L = Isa::Lanes;
+  constexpr int tail = 3 * (Shape::Nodes % L) - Part * L;  // places left in an incomplete block
+  const Vector<Isa> rows = Interleave<Isa, Part>(x, y, z, std::make_integer_sequence<int, L>());
+  double* out = vector + 3 * first + Part * L;
+  if (tail >= L || first + L <= Shape::Nodes)
+    StoreUnaligned<Isa>(out, rows);
+  else
+    for (int lane = 0; lane < tail; ++lane) out[lane] = rows[lane];
+}
+
+template <class Isa, class Shape>
+[[gnu::always_inline]] inline void StoreNodes(Vector<Isa> x, Vector<Isa> y, Vector<Isa> z,
+                                              int first, double* vector) {
+  StoreNodePart<Isa, Shape, 0>(x, y, z, first, vector);
+  StoreNodePart<Isa, Shape, 1>(x, y, z, first, vector);
+  StoreNodePart<Isa, Shape, 2>(x, y, z, first, vector);
 }
 
 // f_a = sum over the points of H dV stress . grad N_a
@@ -171,8 +210,10 @@ template <class Isa, class Shape>
       f[2][block] += x * xz + y * yz + z * zz;
     }
   }
-  for (int a = 0; a < MaxElementNodes; ++a)
-    for (int i = 0; i < 3; ++i) forces[3 * a + i] = a < Shape::Nodes ? f[i][a / L][a % L] : 0.0;
+#pragma GCC unroll 5
+  for (int block = 0; block < Blocks; ++block)
+    StoreNodes<Isa, Shape>(f[0][block], f[1][block], f[2][block], block * L, forces);
+  for (int i = 3 * Shape::Nodes; i < MaxElementDofs; ++i) forces[i] = 0.0;
 }
 
 // Stiffness block of a node pair from g[i][j] = sum over the points of H dV dN_a/dx_i dN_b/dx_j.
@@ -194,39 +235,53 @@ template <class Real>
   block[2][1] = c[4] * g[2][1] + gyz * g[1][2];
 }
 
-// Writes the blocks of nodes a = first .. first + Lanes - 1, in the lanes, with node b: what lies
-// on or above the diagonal.
+// Keeps what lies on or above the diagonal of the blocks of nodes a = first .. with node b.
+template <class Isa>
+[[gnu::always_inline]] inline void ClearBelowDiagonal(int first, int b,
+                                                      Vector<Isa> (&block)[3][3]) {
+  using Mask = typename VectorTypes<Isa>::Mask;
+  Mask a;
+  for (int lane = 0; lane < Isa::Lanes; ++lane) a[lane] = first + lane;
+  const Mask above = a < b;
+  const Mask notBelow = a <= b;
+  for (int i = 0; i < 3; ++i)
+    for (int j = 0; j < 3; ++j)
+      block[i][j] = reinterpret_cast<Vector<Isa>>(reinterpret_cast<Mask>(block[i][j]) &
+                                                  (i <= j ? notBelow : above));
+}
+
+// Blocks of nodes a = first .. first + Lanes - 1, in the lanes, with node b.
 template <class Isa, class Shape>
-[[gnu::always_inline]] inline void StoreBlocks(const Vector<Isa> (&block)[3][3], int first, int b,
-                                               ElementMatrix& matrix) {
-  for (int j = 0; j < 3; ++j) {
-    double* column = matrix + MaxElementDofs * (3 * b + j);
-    for (int lane = 0; lane < Isa::Lanes; ++lane) {
-      const int a = first + lane;
-      if (a > b) break;
-      for (int i = 0; i < 3; ++i)
-        if (a < b || i <= j) column[3 * a + i] = block[i][j][lane];
-    }
-  }
+[[gnu::always_inline]] inline void AddNodePairs(
+    const MaterialConstants& stiffness, const PointSets<Isa, Shape>& points,
+    const double (&weighted)[PointSets<Isa, Shape>::MaxSets][3][PointSets<Isa, Shape>::PaddedNodes],
+    int first, int b, ElementMatrix& matrix) {
+  Vector<Isa> sum[3][3] = {};
+  for (int p = 0; p < points.count; ++p)
+    for (int i = 0; i < 3; ++i)
+      for (int j = 0; j < 3; ++j)
+        sum[i][j] += Load<Isa>(points.gradient[p][i] + first) * weighted[p][j][b];
+  Vector<Isa> block[3][3];
+  NodePairStiffness(stiffness, sum, block);
+  if (first + Isa::Lanes > b) ClearBelowDiagonal<Isa>(first, b, block);
+#pragma GCC unroll 3
+  for (int j = 0; j < 3; ++j)
+    StoreNodes<Isa, Shape>(block[0][j], block[1][j], block[2][j], first,
+                           matrix + MaxElementDofs * (3 * b + j));
 }
 
 template <class Isa, class Shape>
 [[gnu::noinline]] void IntegrateMatrix(const KernelInput& in, const PointSets<Isa, Shape>& points,
                                        ElementMatrix& matrix) {
-  for (double& entry : matrix) entry = 0.0;
+  using Sets = PointSets<Isa, Shape>;
+  alignas(64) double weighted[Sets::MaxSets][3][Sets::PaddedNodes];
+  for (int p = 0; p < points.count; ++p)
+    for (int i = 0; i < 3; ++i)
+      for (int a = 0; a < Sets::PaddedNodes; a += Isa::Lanes)
+        Store<Isa>(weighted[p][i] + a, Load<Isa>(points.gradient[p][i] + a) * points.weight[p]);
   for (int b = 0; b < Shape::Nodes; ++b)
-    for (int first = 0; first <= b; first += Isa::Lanes) {
-      Vector<Isa> sum[3][3] = {};
-      for (int p = 0; p < points.count; ++p)
-        for (int j = 0; j < 3; ++j) {
-          const double weighted = points.weight[p] * points.gradient[p][j][b];
-          for (int i = 0; i < 3; ++i)
-            sum[i][j] += Load<Isa>(points.gradient[p][i] + first) * weighted;
-        }
-      Vector<Isa> block[3][3];
-      NodePairStiffness(in.stiffness, sum, block);
-      StoreBlocks<Isa, Shape>(block, first, b, matrix);
-    }
+    for (int first = 0; first <= b; first += Isa::Lanes)
+      AddNodePairs<Isa, Shape>(in.stiffness, points, weighted, first, b, matrix);
 }
 
 template <class Isa, class Shape>
@@ -238,6 +293,7 @@ void KernelForces(const KernelInput& in, ElementVector& forces) {
 
 template <class Isa, class Shape>
 void KernelMatrix(const KernelInput& in, ElementVector& forces, ElementMatrix& matrix) {
+  for (double& entry : matrix) entry = 0.0;
   PointSets<Isa, Shape> points;
   CollectPoints(in, points);
   IntegrateForces(points, forces);

@@ -7,6 +7,7 @@
 // made of instructions the processor lacks.
 #pragma once
 
+#include "elements/kernel_rules.hpp"
 #include "elemlib/element_types.hpp"
 
 // Instruction sets. Lanes: doubles in one vector register.
@@ -23,17 +24,6 @@ struct IsaAvx512 {
 struct Tet4;
 struct Hex8;
 struct Tet10;
-
-inline constexpr int MaxRulePoints = 27;  // hexahedron, three points per direction
-inline constexpr int RulePadding = 32;    // MaxRulePoints, rounded up to whole vectors
-
-// An integration rule, coordinate by coordinate, so that consecutive points fill a vector. Places
-// behind the last point, up to a whole vector, repeat its coordinates with the weight 0.
-struct alignas(64) KernelRule {
-  double weight[RulePadding];
-  double coordinate[3][RulePadding];  // hexahedron xi, eta, zeta; tetrahedron L2, L3, L4
-  int numPoints;
-};
 
 struct KernelInput {
   const MaterialLoadData& loadData;

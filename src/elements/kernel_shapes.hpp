@@ -16,7 +16,9 @@ struct Tet4 {
   static constexpr bool ConstantGradient = true;
   static constexpr double VolumeDivisor = 6.0;
 
-  static constexpr bool Depends(int k, int a) { return a == 0 || a == k + 1; }
+  [[gnu::always_inline]] static constexpr bool Depends(int k, int a) {
+    return a == 0 || a == k + 1;
+  }
 
   template <class Real>
   [[gnu::always_inline]] static inline void Values(const Real (&p)[3], Real (&n)[Nodes]) {
@@ -53,7 +55,7 @@ struct Hex8 {
                                            {false, false, true, true, false, false, true, true},
                                            {false, false, false, false, true, true, true, true}};
 
-  static constexpr bool Depends(int, int) { return true; }
+  [[gnu::always_inline]] static constexpr bool Depends(int, int) { return true; }
 
   // 1 - p and 1 + p of each direction.
   template <class Real>
@@ -101,9 +103,11 @@ struct Tet10 {
   static constexpr int Edge[6][2] = {{0, 1}, {1, 2}, {0, 2}, {0, 3}, {1, 3}, {2, 3}};
 
   // L1 depends on all three parameters, L2, L3, L4 on one each.
-  static constexpr bool CornerDepends(int k, int corner) { return corner == 0 || corner == k + 1; }
+  [[gnu::always_inline]] static constexpr bool CornerDepends(int k, int corner) {
+    return corner == 0 || corner == k + 1;
+  }
 
-  static constexpr bool Depends(int k, int a) {
+  [[gnu::always_inline]] static constexpr bool Depends(int k, int a) {
     if (a < Corners) return CornerDepends(k, a);
     return CornerDepends(k, Edge[a - Corners][0]) || CornerDepends(k, Edge[a - Corners][1]);
   }

@@ -10,6 +10,7 @@
 template <class Isa>
 struct VectorTypes {
   typedef double Real __attribute__((vector_size(Isa::Lanes * sizeof(double))));
+  typedef double Unaligned __attribute__((vector_size(Isa::Lanes * sizeof(double)), aligned(8)));
   typedef std::int64_t Mask __attribute__((vector_size(Isa::Lanes * sizeof(double))));
 };
 
@@ -24,6 +25,11 @@ template <class Isa>
 template <class Isa>
 [[gnu::always_inline]] inline void Store(double* aligned, Vector<Isa> v) {
   *reinterpret_cast<Vector<Isa>*>(aligned) = v;
+}
+
+template <class Isa>
+[[gnu::always_inline]] inline void StoreUnaligned(double* anywhere, Vector<Isa> v) {
+  *reinterpret_cast<typename VectorTypes<Isa>::Unaligned*>(anywhere) = v;
 }
 
 template <class Isa>
