@@ -34,11 +34,31 @@ int OpenRegular(const std::string& name, std::int64_t& length) {
   return -1;
 }
 
-bool IsReplaceable(const std::string& name, mode_t& mode) {
-  struct stat info = {};
-  if (::lstat(name.c_str(), &info) != 0) return errno == ENOENT;
-  mode = info.st_mode & 07777;
-  return S_ISREG(info.st_mode);
+// What stands in the target's place; only the first two kinds can be replaced by renaming.
+enum class Target { Absent, Regular, Other };
+
+Target TargetKind(const std::string& name, struct stat& info) {
+  if (::lstat(name.c_str(), &info) != 0) return errno == ENOENT ? Target::Absent : Target::Other;
+  return S_ISREG(info.st_mode) ? Target::Regular : Target::Other;
+}
+
+// A new file beside the target, by its name and a tilde. What a killed run left there goes; a
+// directory of that name stays, and another tilde is tried.
+void OpenBeside(FileStream& stream) {
+  constexpr int mostTildes = 4;
+  stream.besideName = stream.name;
+  for (int i = 0; i < mostTildes && stream.descriptor < 0; ++i) {
+    stream.besideName += '~';
+    ::unlink(stream.besideName.c_str());
+    stream.descriptor = OpenRetry(stream.besideName, O_WRONLY | O_CREAT | O_EXCL);
+  }
+}
+
+// Gives the new file the old one's owner, group and mode, as if it had been overwritten. Where the
+// process may not, the new file stays its own.
+void TakeOver(int descriptor, const struct stat& old) {
+  [[maybe_unused]] const int owner = ::fchown(descriptor, old.st_uid, old.st_gid);
+  ::fchmod(descriptor, old.st_mode & 07777);
 }
 
 }  // namespace
@@ -78,17 +98,16 @@ bool STREAM_READ(FileStream& stream, void* data, std::int64_t bytes) {
 bool STREAM_OPENREPLACE(FileStream& stream, std::string_view name) {
   stream = FileStream{};
   stream.name = name;
-  mode_t mode = 0;
-  if (!IsReplaceable(stream.name, mode)) {
+  struct stat old = {};
+  const Target target = TargetKind(stream.name, old);
+  if (target == Target::Other) {
     stream.descriptor = OpenRetry(stream.name, O_WRONLY | O_CREAT | O_TRUNC);
     return stream.descriptor >= 0;
   }
   // Renaming would silently get past a write protection that an overwriting open respects.
-  if (mode != 0 && ::access(stream.name.c_str(), W_OK) != 0) return false;
-  stream.besideName = stream.name + "~";
-  ::unlink(stream.besideName.c_str());  // what a killed run may have left, whatever it is
-  stream.descriptor = OpenRetry(stream.besideName, O_WRONLY | O_CREAT | O_EXCL);
-  if (stream.descriptor >= 0 && mode != 0) ::fchmod(stream.descriptor, mode);
+  if (target == Target::Regular && ::access(stream.name.c_str(), W_OK) != 0) return false;
+  OpenBeside(stream);
+  if (stream.descriptor >= 0 && target == Target::Regular) TakeOver(stream.descriptor, old);
   return stream.descriptor >= 0;
 }
 
@@ -115,16 +134,16 @@ bool STREAM_WRITE(FileStream& stream, const void* data, std::int64_t bytes) {
 }
 
 bool STREAM_FLUSH(FileStream& stream) {
-  if (stream.writeFailed) return false;
-  if (!stream.besideName.empty() && ::fdatasync(stream.descriptor) != 0) stream.writeFailed = true;
+  if (stream.besideName.empty()) return !stream.writeFailed;
+  if (!stream.writeFailed && ::fdatasync(stream.descriptor) != 0) stream.writeFailed = true;
+  if (stream.writeFailed) ::unlink(stream.besideName.c_str());
   return !stream.writeFailed;
 }
 
 bool STREAM_CLOSE(FileStream& stream) {
   const int descriptor = stream.descriptor;
   stream.descriptor = -1;
-  if (::close(descriptor) != 0) return false;
+  if (::close(descriptor) != 0 || stream.writeFailed) return false;
   if (stream.besideName.empty()) return true;
-  if (stream.writeFailed) return ::unlink(stream.besideName.c_str()) == 0;
   return ::rename(stream.besideName.c_str(), stream.name.c_str()) == 0;
 }

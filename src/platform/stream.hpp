@@ -40,8 +40,10 @@ bool STREAM_OPENDIRECT(FileStream& stream, std::string_view name);
 // Writes `bytes` bytes in as few system calls as possible: one for anything shorter than 1 GiB.
 bool STREAM_WRITE(FileStream& stream, const void* data, std::int64_t bytes);
 
-// False if any write failed since opening; a file that replaces another is brought to the disk.
+// False if any write failed since opening; a file that replaces another is brought to the disk, or
+// removed if that can't be done.
 bool STREAM_FLUSH(FileStream& stream);
 
-// Closes, and puts a replacing file in its target's place if all its bytes were flushed.
+// Closes, and puts a replacing file in its target's place. Call it after a STREAM_FLUSH that
+// succeeded; false if a write had failed.
 bool STREAM_CLOSE(FileStream& stream);
