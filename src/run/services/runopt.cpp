@@ -139,8 +139,10 @@ void TakeText(std::string_view text, const std::string& fileName) {
 bool RUNOPT_PARSEINTEGER(std::string_view text, std::int32_t& value) {
   if (IsNullValue(text)) return true;
   std::string_view number = NumberText(text);
-  if (number.starts_with('+')) number.remove_prefix(1);
-  if (number.empty() || number.starts_with('+')) return false;
+  if (number.starts_with('+')) {  // the converter knows the minus sign only
+    number.remove_prefix(1);
+    if (!number.empty() && IsSign(number.front())) return false;
+  }
   std::int32_t parsed = 0;
   const auto [end, status] = std::from_chars(number.data(), number.data() + number.size(), parsed);
   if (status != std::errc{} || end != number.data() + number.size()) return false;
