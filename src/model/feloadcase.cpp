@@ -15,8 +15,6 @@ namespace {
 using FELOADCASE::NodeDofMap;
 using FELOADCASE::NodeDofState;
 
-std::int32_t LastPrescribingRow = 0;  // highest NodalConstraints row that NodeDofMap refers to
-
 [[noreturn]] void AbortNoEquations() {
   LOGGER_POSTERRABORT(
       "Structure with no degrees of freedom. Check displacement boundary conditions.");
@@ -67,7 +65,7 @@ void ReadNodalScalars(const std::string& name) {
 }
 
 void CheckForceNodes(const NodalForceRecord* rows, std::int32_t count, const std::string& name) {
-  const std::int32_t last = FEMODEL::NumNodeRows;
+  const std::int32_t last = std::min(FEMODEL::NumNodes, FEMODEL::NumNodeFlags);
   for (std::int32_t i = 0; i < count; ++i)
     if (rows[i].Node < 1 || rows[i].Node > last) FILEIO_INVALIDINDEX(name);
 }
@@ -81,8 +79,8 @@ void CheckConstraints(const std::string& name) {
     const bool used = IsPenalty(row) || (VKCORE::PatternChanged && (row.DofMask & directions) != 0);
     if (used && !IsNode(row.Node)) FILEIO_INVALIDINDEX(name);
   }
-  if (!VKCORE::PatternChanged && LastPrescribingRow > FELOADCASE::NumNodalConstraints)
-    FILEIO_INVALIDINDEX(name);
+  const std::int32_t rows = std::max(FELOADCASE::NumNodalConstraints, 0);
+  if (!VKCORE::PatternChanged && FELOADCASE::LastPrescribingRow > rows) FILEIO_INVALIDINDEX(name);
 }
 
 void ReadLoadCaseFile(std::int32_t number) {
@@ -152,7 +150,7 @@ void FELOADCASE_BUILDNUMBERING() {
   std::fill_n(NodeDofMap.get(), 3 * nodes, 0);
   ApplyPrescribed();
   const std::int32_t* map = NodeDofMap.get();
-  LastPrescribingRow = nodes > 0 ? -*std::min_element(map, map + 3 * nodes) : 0;
+  FELOADCASE::LastPrescribingRow = nodes > 0 ? -*std::min_element(map, map + 3 * nodes) : 0;
   FELOADCASE::NumEquations = NumberEquations();
   if (FELOADCASE::NumEquations == 0) AbortNoEquations();
 }

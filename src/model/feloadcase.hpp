@@ -31,7 +31,8 @@ inline Array<std::uint8_t> NodeDofState;  // [node]
 
 // > 0 equation number; 0 fixed at zero or unused; < 0 minus the row of NodalConstraints that holds
 // the prescribed displacement.
-inline Array<std::int32_t> NodeDofMap;  // [node][xyz]
+inline Array<std::int32_t> NodeDofMap;       // [node][xyz]
+inline std::int32_t LastPrescribingRow = 0;  // highest row that NodeDofMap refers to
 inline std::int32_t NumEquations = 0;
 inline Array<double> Displacements;  // [equation]
 

@@ -47,6 +47,7 @@ void ReadNodes() {
   FILEIO_OPENREAD(FILEIO::ReadUnit, "mxs.nodeflags");
   FEMODEL::NodeFlags = FILEIO_READTABLE<std::int16_t>(NumNodes);
   FILEIO_CLOSEREAD(FILEIO::ReadUnit);
+  FEMODEL::NumNodeFlags = NumNodes;
   FEMODEL::NumNodeRows = std::min(FEMODEL::NumNodeRows, NumNodes);
 
   FILEIO_OPENREAD(FILEIO::ReadUnit, "mxs.tpadr");

@@ -15,8 +15,9 @@ inline std::int32_t NumMaterials = 0;
 inline Array<MaterialRecord> Materials;
 inline Array<float> MaterialStiffness;  // [material][9]: C11 C12 C13 C22 C23 C33 S1 S2 S3
 
-inline std::int32_t NumNodes = 0;     // the count of mxs.tpadr
-inline std::int32_t NumNodeRows = 0;  // nodes that have coordinates and flags: what may be used
+inline std::int32_t NumNodes = 0;      // the count of mxs.tpadr
+inline std::int32_t NumNodeFlags = 0;  // the count of mxs.nodeflags
+inline std::int32_t NumNodeRows = 0;   // nodes with coordinates and flags: what elements may use
 inline Array<NodeRecord> NodeCoords;
 inline Array<std::int16_t> NodeFlags;
 inline Array<std::int32_t> NodeTpIndex;  // 1-based position in the level value list, <= 0: none
@@ -41,7 +42,7 @@ inline Array<ConnRecord<10>> Conn41;
 void FEMODEL_LOAD();
 
 // MaterialStiffness from Materials, in float32; defined in material_stiffness.cpp. A material of no
-// known kind keeps an unset row. Nothing is tested: Nu = 0.5 gives infinite constants.
+// known kind gets a row of zeros. Nothing is tested: Nu = 0.5 gives infinite constants.
 void FEMAT_BUILDSTIFFNESS();
 
 // Nodes of an element of the type, 0 for an unknown type.
