@@ -141,8 +141,8 @@ std::string RUN_TIMETEXT(std::int64_t ticks, std::int64_t rate) {
 void RUN_LOADCASES() {
   ReadLoadCaseTable();
   ReadLoadCaseFlags();
-  CheckRunOrder();
   FEMODEL_LOAD();
+  CheckRunOrder();
   for (std::int32_t position = 1; position <= NumLoadCases; ++position)
     if (const std::int32_t number = LoadCases[Slot(position)].RunOrder; IsToRun(number))
       RunLoadCase(number);
