@@ -37,11 +37,13 @@ void PrintVersion() {
 
 int main(int argc, char** argv) {
   PLATFORM_FLUSHTOZERO();
+  PLATFORM_GUARDSTREAMS();
   if (argc != 2)
     PLATFORM_STOP(StopArguments, "expected one argument, the working directory (see --help)");
   std::string_view argument = argv[1];
   if (argument == "--help") return PrintHelp(), 0;
   if (argument == "--version") return PrintVersion(), 0;
+  argument = argument.substr(0, LongestDirectory);
   argument.remove_prefix(std::min(argument.find_first_not_of(' '), argument.size()));
-  RUN_ENTRY(argument.substr(0, LongestDirectory));
+  RUN_ENTRY(argument);
 }

@@ -1,8 +1,10 @@
 #include "platform/process.hpp"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <csignal>
 #include <string>
 
 #if defined(__x86_64__)
@@ -37,6 +39,16 @@ std::int64_t PLATFORM_CLOCKRATE() { return Clock::period::den / Clock::period::n
 
 bool PLATFORM_ENTERDIRECTORY(std::string_view directory) {
   return ::chdir(std::string(directory).c_str()) == 0;
+}
+
+void PLATFORM_GUARDSTREAMS() {
+  std::signal(SIGPIPE, SIG_IGN);
+  std::signal(SIGXFSZ, SIG_IGN);
+  int descriptor = -1;
+  do {
+    descriptor = ::open("/dev/null", O_RDWR);  // takes the lowest free number
+  } while (descriptor >= 0 && descriptor <= STDERR_FILENO);
+  if (descriptor >= 0) ::close(descriptor);
 }
 
 void PLATFORM_FLUSHTOZERO() { SetControlRegister(ControlRegister() | FlushMask); }

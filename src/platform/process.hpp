@@ -11,6 +11,11 @@ std::int64_t PLATFORM_CLOCKRATE();
 // False when the directory can't be entered.
 bool PLATFORM_ENTERDIRECTORY(std::string_view directory);
 
+// Lets a failed write come back as a failure: a reader that went away and a file size limit would
+// otherwise end the process by a signal. Fills the standard descriptors where the starter closed
+// them, so that no file of the run takes their place and receives what libraries print there.
+void PLATFORM_GUARDSTREAMS();
+
 // Flush-to-zero and denormals-are-zero for the calling thread. Threads started later inherit it
 // where the system copies the control register; the thread set-up sets it for each all the same.
 void PLATFORM_FLUSHTOZERO();
