@@ -126,9 +126,9 @@ void ScaleMatrix(const Index* pR, const Index* pC) {
 
 // u . n - offset of an elastic support's axis.
 double SupportGap(const double (&u)[3], const float (&axis)[3], float offset) {
-  double gap = -static_cast<double>(offset);
-  for (int k = 0; k < 3; ++k) gap += u[k] * static_cast<double>(axis[k]);
-  return gap;
+  double along = 0.0;
+  for (int k = 0; k < 3; ++k) along += u[k] * static_cast<double>(axis[k]);
+  return along - static_cast<double>(offset);
 }
 
 const NodalConstraintRecord& SupportRow(std::int32_t k) {

@@ -94,4 +94,5 @@ void VKCORE_RUNANALYSIS() {
       VKCORE_BLENDFACTOR(VKCORE::RunOptions.ResponseDumpFac, VKCORE::SolveQuality);
   LOGGER_POSTDATA("ARQua", VKCORE::SolveQuality);
   JudgeQuality();
+  LOGGER::StopHint.clear();  // of a factor that wasn't needed for this solution
 }

@@ -133,13 +133,40 @@ void Solve(const Index* pR, const Index* pC, const float* matrix, float* b, floa
   HANDLEERROR(error, "SLE solution phase error.");
 }
 
+// The entry that made the handle, which alone can release it: when a pattern on the other index
+// path has come since, its own entry would end in an access violation.
+bool HandleIs64 = false;
+
 template <class Index>
-void Release() {
+void CallRelease() {
   const Index dummyIndex = 0;
   float dummy = 0.0f;
   CallPardiso(PhaseRelease, &dummy, &dummyIndex, &dummyIndex, &dummy, &dummy);
+}
+
+void Release() {
+  if (HandleIs64)
+    CallRelease<std::int64_t>();
+  else
+    CallRelease<std::int32_t>();
   HANDLEERROR(error, "SLE solver memory release phase error.");
   PardisoFactorHeld = false;
+}
+
+template <class Index>
+void Analyse(const Index* pR, const Index* pC, const float* matrix) {
+  HandleIs64 = sizeof(Index) == sizeof(std::int64_t);
+  float dummy = 0.0f;
+  CallPardiso(PhaseAnalysis, matrix, pR, pC, &dummy, &dummy);
+  HANDLEERROR(error, "Stiffness matrix reorder phase error.");
+}
+
+// After a failed analysis the factorisation fails with the same code. It is not called for it: with
+// some of the codes it would read what the analysis didn't leave.
+template <class Index>
+void Factorise(const Index* pR, const Index* pC, const float* matrix) {
+  float dummy = 0.0f;
+  if (PardisoError == 0) CallPardiso(PhaseFactor, matrix, pR, pC, &dummy, &dummy);
 }
 
 void ReleaseOnPresentPath() {
@@ -212,9 +239,7 @@ void SLEPARDISOSOLVER_FACTOR_I4(const std::int32_t* pR4, const std::int32_t* pC4
                                 const float* matrix, float& budget) {
   constexpr float gigabytesPerKilobyte = 0x1p-20f;
   if (PardisoError != 0) return;
-  float dummy = 0.0f;
-  CallPardiso(PhaseAnalysis, matrix, pR4, pC4, &dummy, &dummy);
-  HANDLEERROR(error, "Stiffness matrix reorder phase error.");
+  Analyse(pR4, pC4, matrix);
   if (PardisoError == 0) {
     const float estimate = static_cast<float>(iparm[Slot(17)]) * gigabytesPerKilobyte;
     LOGGER_POSTINF("EstDecMemReq: ", estimate);
@@ -223,7 +248,7 @@ void SLEPARDISOSOLVER_FACTOR_I4(const std::int32_t* pR4, const std::int32_t* pC4
       if (budget < 0.0f) return;
     }
   }
-  CallPardiso(PhaseFactor, matrix, pR4, pC4, &dummy, &dummy);
+  Factorise(pR4, pC4, matrix);
   HintAtPivot(iparm[Slot(30)]);
   HANDLEERROR(error, "Stiffness matrix factorization error.");
 }
@@ -232,16 +257,14 @@ void SLEPARDISOSOLVER_FACTOR_I8(const std::int64_t* pR8, const std::int64_t* pC8
                                 const float* matrix, float& budget) {
   constexpr float gigabytesWithMargin = std::bit_cast<float>(0x35933333u);  // 1.15 x 2^-20
   if (PardisoError != 0) return;
-  float dummy = 0.0f;
-  CallPardiso(PhaseAnalysis, matrix, pR8, pC8, &dummy, &dummy);
-  HANDLEERROR(error, "Stiffness matrix reorder phase error.");
+  Analyse(pR8, pC8, matrix);
   if (PardisoError == 0 && budget > 0.0f) {
     // The 32-bit table, which this entry doesn't fill: the deduction is zero on purpose, a system
     // of this size is always factorised.
     budget -= static_cast<float>(iparm[Slot(17)]) * gigabytesWithMargin;
     if (budget < 0.0f) return;
   }
-  CallPardiso(PhaseFactor, matrix, pR8, pC8, &dummy, &dummy);
+  Factorise(pR8, pC8, matrix);
   HintAtPivot(iparm8[Slot(30)]);
   HANDLEERROR(error, "Stiffness matrix factorization error.");
 }
@@ -256,8 +279,8 @@ void SLEPARDISOSOLVER_SOLVE_I8(const std::int64_t* pR8, const std::int64_t* pC8,
   Solve(pR8, pC8, matrix, b, x);
 }
 
-void SLEPARDISOSOLVER_RELEASE_I4() { Release<std::int32_t>(); }
-void SLEPARDISOSOLVER_RELEASE_I8() { Release<std::int64_t>(); }
+void SLEPARDISOSOLVER_RELEASE_I4() { Release(); }
+void SLEPARDISOSOLVER_RELEASE_I8() { Release(); }
 
 bool SLEPARDISOSOLVER_HASERROR() { return PardisoError != 0; }
 bool SLEPARDISOSOLVER_HASFACTOR() { return PardisoFactorHeld; }

@@ -21,24 +21,20 @@ std::int64_t NumRawEntries = 0;
 Array<std::int32_t> RawColumn;
 Array<std::int64_t> RawRowStart;
 
-// What the compression and the solvers will trust of a row that is kept: it lies inside the file's
-// entries and ahead of what is written, and its columns ascend from its diagonal to the last row.
+// What the compression trusts of a row that is kept: its entries lie inside the file's, and its
+// first one, the place of its diagonal, not among those already written.
 bool IsRowSound(std::int64_t row, std::int64_t written) {
   const std::int64_t first = RawRowStart[Slot(row)];
   const std::int64_t end = RawRowStart[Slot(row + 1)];
-  if (first <= written || end <= first || end > NumRawEntries + 1) return false;
-  std::int64_t previous = row;
-  for (std::int64_t k = first + 1; k < end; ++k) {
-    if (RawColumn[Slot(k)] <= previous) return false;
-    previous = RawColumn[Slot(k)];
-  }
-  return previous <= NumRawRows;
+  return first > written && first <= NumRawEntries && end >= first && end <= NumRawEntries + 1;
 }
 
 // Drops the rows and columns of components without equation, in place: the write position never
 // passes the read position. Returns the number of entries kept; NumRawRows becomes the rows kept.
-// `map`: equation number of each raw row, not positive for none.
-std::int64_t CompressAddresses(const std::int32_t* map, std::string_view fileName) {
+// `map` ([components]): equation number of each raw row, not positive for none. The columns that
+// are kept must ascend from the diagonal; dropped rows and columns may stand in any order.
+std::int64_t CompressAddresses(const std::int32_t* map, std::int64_t components,
+                               std::string_view fileName) {
   std::int64_t written = 0;
   std::int64_t rows = 0;
   for (std::int64_t r = 1; r <= NumRawRows; ++r) {
@@ -49,9 +45,15 @@ std::int64_t CompressAddresses(const std::int32_t* map, std::string_view fileNam
     const std::int64_t end = RawRowStart[Slot(r + 1)];
     RawRowStart[Slot(++rows)] = ++written;
     RawColumn[Slot(written)] = equation;
-    for (std::int64_t k = first + 1; k < end; ++k)
-      if (const std::int32_t column = map[Slot(RawColumn[Slot(k)])]; column > 0)
-        RawColumn[Slot(++written)] = column;
+    std::int32_t previous = equation;
+    for (std::int64_t k = first + 1; k < end; ++k) {
+      const std::int32_t component = RawColumn[Slot(k)];
+      if (component < 1 || component > components) FILEIO_INVALIDINDEX(fileName);
+      const std::int32_t column = map[Slot(component)];
+      if (column <= 0) continue;
+      if (column <= previous) FILEIO_INVALIDINDEX(fileName);
+      RawColumn[Slot(++written)] = previous = column;
+    }
   }
   if (rows != FELOADCASE::NumEquations) FILEIO_INVALIDINDEX(fileName);
   RawRowStart[Slot(rows + 1)] = written + 1;
@@ -135,7 +137,7 @@ void SOLVERSTA_CONFIGURE(int unit, std::string_view fileName) {
   if (NumRawRows < 1 || NumRawRows > components) FILEIO_INVALIDINDEX(fileName);
   Array<std::int32_t> map = ARRAYS_ALLOCATE<std::int32_t>(components);
   std::copy_n(FELOADCASE::NodeDofMap.get(), components, map.get());
-  const std::int64_t entries = CompressAddresses(map.get(), fileName);
+  const std::int64_t entries = CompressAddresses(map.get(), components, fileName);
   map.reset();
 
   SOLVERSTA::NumEquations = NumRawRows;
