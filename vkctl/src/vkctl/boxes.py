@@ -146,7 +146,8 @@ def box(
 def _shift(parts: Array) -> Array:
     """Smooth shift of points of the unit cube that vanishes on its sides."""
     bubble = np.sin(np.pi * parts).prod(axis=1)
-    return bubble[:, None] * np.array((1.0, -0.8, 0.6))
+    shift: Array = bubble[:, None] * np.array((1.0, -0.8, 0.6))
+    return shift
 
 
 def _lattice_tables(kind: Kind, cells: tuple[int, int, int], step: int) -> dict[str, Array]:

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 from pathlib import Path
+from typing import TYPE_CHECKING, Any
 
 import numpy as np
 
@@ -12,6 +13,9 @@ from .formats import Array, PathLike
 from .geometry import boundary_faces, face_triangles
 from .model import LoadCase, Material, Model, read, write
 from .results import LoadCaseLog, digest, read_log, read_results, solved
+
+if TYPE_CHECKING:
+    from matplotlib.figure import Figure
 
 LENGTH, WIDTH = 420.0, 95.0  # mm
 CELLS = (84, 19, 19)
@@ -136,7 +140,15 @@ def _has_displacements(directory: PathLike, number: int) -> bool:
     return Path(directory, formats.numbered("ws.sstate", number)).exists()
 
 
-def _draw(figure, axes, nodes, triangles, shift, exaggeration, title) -> None:  # type: ignore[no-untyped-def]
+def _draw(
+    figure: Figure,
+    axes: Any,
+    nodes: Array,
+    triangles: Array,
+    shift: Array,
+    exaggeration: float | None,
+    title: str,
+) -> None:
     """One deformed surface with its colour bar."""
     from mpl_toolkits.mplot3d.art3d import Poly3DCollection
 
@@ -145,7 +157,9 @@ def _draw(figure, axes, nodes, triangles, shift, exaggeration, title) -> None:  
     largest = float(magnitude.max()) or 1.0
     factor = 0.1 * extent / largest if exaggeration is None else exaggeration
     moved = nodes + factor * shift
-    surface = Poly3DCollection(moved[triangles], cmap="viridis", edgecolor="none", antialiased=False)
+    surface = Poly3DCollection(
+        moved[triangles], cmap="viridis", edgecolor="none", antialiased=False
+    )
     surface.set_array(magnitude[triangles].mean(axis=1))
     axes.add_collection3d(surface)
     low, high = moved.min(axis=0), moved.max(axis=0)

@@ -99,7 +99,8 @@ _GRADIENTS: dict[int, Callable[[npt.ArrayLike], Array]] = {
 
 def _determinants(nodes: Array, rows: Array, gradients: Array) -> Array:
     jacobian = np.einsum("ena,nb->eab", nodes[rows - 1], gradients)
-    return np.linalg.det(jacobian)
+    determinants: Array = np.linalg.det(jacobian)
+    return determinants
 
 
 def element_volumes(nodes: Array, elements: Elements) -> Array:
@@ -246,9 +247,7 @@ def _triangle_points() -> list[tuple[float, float, float]]:
 _QUADRANGLE_POINTS = [(r * _G, s * _G, 1.0) for r in (-1, 1) for s in (-1, 1)]
 
 
-def consistent_forces(
-    nodes: Array, faces: list[Array], traction: Traction
-) -> tuple[Array, Array]:
+def consistent_forces(nodes: Array, faces: list[Array], traction: Traction) -> tuple[Array, Array]:
     """Nodal forces of a traction on faces: (node numbers, forces (k, 3)), each node once.
 
     `traction` is a vector, force per area; a number is a pressure, which pushes against the face
@@ -283,4 +282,5 @@ def _point_load(
     area = np.linalg.norm(normal, axis=1, keepdims=True)
     points = np.einsum("fna,n->fa", corners, shape)
     vectors = traction(points) if callable(traction) else np.asarray(traction, np.float64)
-    return (area * vectors)[:, None]
+    loads: Array = (area * vectors)[:, None]
+    return loads

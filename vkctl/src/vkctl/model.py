@@ -11,6 +11,7 @@ from __future__ import annotations
 from collections.abc import Mapping, Sequence
 from dataclasses import dataclass, field
 from pathlib import Path
+from typing import Any
 
 import numpy as np
 import numpy.typing as npt
@@ -144,9 +145,7 @@ class Material:
     @property
     def has_state(self) -> bool:
         """Whether the element state of this material changes from run to run."""
-        return bool(
-            self.flags & (formats.MATERIAL_YIELDING | formats.MATERIAL_COMPRESSION_ONLY)
-        )
+        return bool(self.flags & (formats.MATERIAL_YIELDING | formats.MATERIAL_COMPRESSION_ONLY))
 
 
 # Attribute of Material and field of the MATERIAL record.
@@ -181,8 +180,10 @@ def materials_from_records(records: Array) -> list[Material]:
     """Materials of MATERIAL records."""
     materials = []
     for record in records:
-        values = {attribute: record[name] for attribute, name in _MATERIAL_FIELDS}
-        plain = {k: tuple(v.tolist()) if v.ndim else v.item() for k, v in values.items()}
+        plain: dict[str, Any] = {}
+        for attribute, field_name in _MATERIAL_FIELDS:
+            value = record[field_name]
+            plain[attribute] = tuple(value.tolist()) if value.ndim else value.item()
         name = bytes(record["Name"]).decode("latin-1").rstrip(" \0")
         materials.append(Material(name=name, **plain))
     return materials
@@ -370,9 +371,7 @@ class LoadCase:
         self, nodes: npt.ArrayLike, directions: str | int = "xyz", values: npt.ArrayLike = 0.0
     ) -> LoadCase:
         """Append `prescribed` records; returns the load case, so that calls can be chained."""
-        self.constraints = np.concatenate(
-            (self.constraints, prescribed(nodes, directions, values))
-        )
+        self.constraints = np.concatenate((self.constraints, prescribed(nodes, directions, values)))
         return self
 
     def support(

@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 import re
-from collections.abc import Iterable, Iterator
+from collections.abc import Callable, Iterable, Iterator
 from dataclasses import dataclass, field
 from pathlib import Path
 from typing import Literal
@@ -51,7 +51,9 @@ def read_results(directory: PathLike, number: int) -> Results:
     )
 
 
-def _if_there(reader, directory: PathLike, number: int) -> Array | None:  # type: ignore[no-untyped-def]
+def _if_there(
+    reader: Callable[[PathLike, int], Array], directory: PathLike, number: int
+) -> Array | None:
     try:
         return reader(directory, number)
     except FileNotFoundError:
