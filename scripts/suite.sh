@@ -1,0 +1,56 @@
+# The parts of the test suite, for check and .ci/run. Each part leaves a JUnit report in
+# build/reports, goes on after failures, and shows what failed; `total` counts them all.
+
+REPORTS=$ROOT/build/reports
+
+start_suite() {
+  rm -rf "$REPORTS"
+  mkdir -p "$REPORTS"
+}
+
+# Shows a part's output only if it failed.
+part() {
+  local name=$1
+  shift
+  printf '%-34s' "$name"
+  local log=$LOGS/test-$name.log
+  if "$@" >"$log" 2>&1; then
+    say "passed"
+  else
+    say "FAILED"
+    tail -n 60 "$log" >&2
+    [ -f "$REPORTS/$name.xml" ] || lone_result "$name" 1
+  fi
+}
+
+# A report of one test, for parts that don't count their own: NAME FAILURES.
+lone_result() {
+  printf '<testsuite name="%s" tests="1" failures="%s"/>\n' "$1" "$2" >"$REPORTS/$1.xml"
+}
+
+unit_tests() {
+  part "unit-$1" ctest --test-dir "$ROOT/build/$1" -j "$JOBS" --output-on-failure \
+    --no-tests=error --output-junit "$REPORTS/unit-$1.xml"
+}
+
+# The built program from outside.
+end_to_end_tests() {
+  part "end-to-end-$1" env VK_RUND="$ROOT/build/$1/vk_rund" \
+    "$VENV/bin/python" -m pytest -q "$ROOT/tests/e2e" --junitxml "$REPORTS/end-to-end-$1.xml"
+}
+
+python_tests() {
+  part vkctl env VK_RUND="$ROOT/build/release/vk_rund" \
+    "$VENV/bin/python" -m pytest -q "$ROOT/vkctl/tests" --junitxml "$REPORTS/vkctl.xml"
+}
+
+verification() {
+  [ -f "$ROOT/verification/run.py" ] || return 0
+  part verification env VK_RUND="$ROOT/build/release/vk_rund" \
+    "$VENV/bin/python" "$ROOT/verification/run.py" --junitxml "$REPORTS/verification.xml"
+}
+
+# Prints the last line, "N passed, N failed"; false if any failed.
+total() {
+  "$VENV/bin/python" "$ROOT/scripts/count_tests.py" "$REPORTS"
+}
