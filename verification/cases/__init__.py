@@ -1,0 +1,1 @@
+"""One module per case; each has `run(quick)` and returns a `page.Result`."""

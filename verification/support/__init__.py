@@ -1,0 +1,1 @@
+"""What the cases share: meshes, finite element arithmetic in numpy, the solver, the page."""
