@@ -1,0 +1,91 @@
+// The global state of all modules as it is when the program starts, so that tests run in any order.
+#pragma once
+
+#include "elements/response_arrays.hpp"
+#include "model/feloadcase.hpp"
+#include "model/femodel.hpp"
+#include "model/fileio.hpp"
+#include "run/driver.hpp"
+#include "run/services/arrays.hpp"
+#include "run/services/logger.hpp"
+#include "run/services/vkcore.hpp"
+#include "solver/solversta.hpp"
+
+inline void CloseQuietly(FileStream& stream) {
+  if (stream.descriptor >= 0) STREAM_CLOSE(stream);
+  stream = FileStream{};
+}
+
+inline void ResetServices() {
+  CloseQuietly(LOGGER::Stream);
+  CloseQuietly(FILEIO::ReadStream);
+  CloseQuietly(FILEIO::WriteStream);
+  LOGGER::StopHint.clear();
+  ARRAYS::LargestBytes = std::numeric_limits<std::int64_t>::max();
+  VKCORE::RunOptions = VKCORE::RunOptionValues{};
+  VKCORE::NumThreads = 1;
+  VKCORE::PatternChanged = VKCORE::MatStateEnabled = false;
+  VKCORE::MatStateMissing = VKCORE::NoNodalScalars = true;
+  VKCORE::LCaseId = VKCORE::LoadCaseKind = 0;
+  VKCORE::SolveQuality = VKCORE::TcBlendFactor = 0.0f;
+  for (double& sum : VKCORE::AppliedLoadSum) sum = 0.0;
+}
+
+inline void ResetModel() {
+  FEMODEL::NumMaterials = FEMODEL::NumNodes = FEMODEL::NumNodeFlags = FEMODEL::NumNodeRows = 0;
+  FEMODEL::NumTp = FEMODEL::NumElements = 0;
+  FEMODEL::NumConn40 = FEMODEL::NumConn60 = FEMODEL::NumConn41 = 0;
+  FEMODEL::Materials.reset();
+  FEMODEL::MaterialStiffness.reset();
+  FEMODEL::NodeCoords.reset();
+  FEMODEL::NodeFlags.reset();
+  FEMODEL::NodeTpIndex.reset();
+  FEMODEL::NodeTpFactor.reset();
+  FEMODEL::Elements.reset();
+  FEMODEL::ElementFlags.reset();
+  FEMODEL::Conn40.reset();
+  FEMODEL::Conn60.reset();
+  FEMODEL::Conn41.reset();
+}
+
+inline void ResetLoadCase() {
+  FELOADCASE::PreviousPattern = 0;
+  FELOADCASE::NumNodalConstraints = 0;
+  FELOADCASE::NumNodalForces2 = FELOADCASE::NumNodalForces3 = 0;
+  FELOADCASE::NumSupports = FELOADCASE::NumEquations = FELOADCASE::LastPrescribingRow = 0;
+  FELOADCASE::NodalConstraints.reset();
+  FELOADCASE::NodalForces2.reset();
+  FELOADCASE::NodalForces3.reset();
+  FELOADCASE::SupportList.reset();
+  FELOADCASE::NodalScalars.reset();
+  FELOADCASE::NodeDofState.reset();
+  FELOADCASE::NodeDofMap.reset();
+  FELOADCASE::Displacements.reset();
+  FELOADCASE::ElementState.reset();
+}
+
+inline void ResetSystem() {
+  SOLVERSTA_FREEADDRESSES();
+  SOLVERSTA_RELEASE();
+  SOLVERSTA::IMode = SOLVERSTA::ModeAutomatic;
+  SOLVERSTA::NumEquations = SOLVERSTA::MaxBW = 0;
+  SOLVERSTA::NumEntries = 0;
+  SOLVERSTA::UseIm4 = true;
+  SOLVERSTA::SolverReady = false;
+}
+
+inline void ResetRun() {
+  RUN::RunStartTicks = RUN::LoadCaseStartTicks = 0;
+  RUN::NumLoadCases = RUN::NumLoadCaseRecords = 0;
+  RUN::LoadCases.reset();
+  RUN::LoadCaseFlags.reset();
+  RUN::LoadCaseValues.reset();
+}
+
+inline void ResetModules() {
+  ResetServices();
+  ResetModel();
+  ResetLoadCase();
+  ResetSystem();
+  ResetRun();
+}
