@@ -1,0 +1,28 @@
+"""The program under test: VK_RUND, by default the release build."""
+
+from __future__ import annotations
+
+import importlib.util
+import os
+import sys
+from pathlib import Path
+
+import pytest
+
+ROOT = Path(__file__).resolve().parents[2]
+if importlib.util.find_spec("vkctl") is None:
+    sys.path.insert(0, str(ROOT / "vkctl" / "src"))
+sys.path.insert(0, str(Path(__file__).parent))
+pytest.register_assert_rewrite("runs")
+
+
+@pytest.fixture(scope="session", autouse=True)
+def program() -> Path:
+    """Path of the program, made absolute for helpers that read VK_RUND."""
+    path = Path(os.environ.get("VK_RUND", ROOT / "build" / "release" / "vk_rund")).absolute()
+    if not os.access(path, os.X_OK):
+        pytest.exit(f"no program at {path}: build it, or tell its path in VK_RUND", 2)
+    os.environ["VK_RUND"] = str(path)
+    # Threads that wait would keep each other from working where tests share the processors.
+    os.environ["OMP_WAIT_POLICY"] = "passive"
+    return path
