@@ -30,8 +30,9 @@ void ClearInParallel(double* values, std::int64_t count) {
 }
 
 void AddForces(std::int32_t dofCount, const ElementDofs& dofs, const double* forces) {
+  double* target = SysForces.get();
   for (std::int32_t i = 0; i < dofCount; ++i)
-    if (dofs[i] > 0) AtomicAdd(SysForces[Slot(dofs[i])], forces[i]);
+    if (dofs[i] > 0) AtomicAdd(target[Slot(dofs[i])], forces[i]);
 }
 
 // Position (from 0) of column `column` in the row of `count` ascending columns, or -1. Counting the
@@ -43,35 +44,74 @@ std::int64_t FindInRow(const Index* row, std::int64_t count, Index column) {
   return smaller < count && row[smaller] == column ? smaller : -1;
 }
 
-// Scatter of one matrix into the upper triangle stored by pR, pC. The entry sought in a row mostly
-// follows the last hit in that row, since components of a node are neighbours: `next` keeps the
-// place after the last hit for the row of each local equation.
+// Row of the system that a local equation owns: positions (from 0), and where the next entry is
+// sought first. Components of a node are neighbours in a row, so that is the place after the last
+// hit.
+struct SystemRow {
+  std::int64_t first, end, next;
+};
+
+// Position of `column` in `row`, or -1. `fromEnd`: distance of the column's last hit from the end
+// of its row; the rows of a node's three components end alike, so it mostly holds for the next row
+// too.
 template <class Index>
-void AddMatrix(const Index* pR, const Index* pC, std::int32_t dofCount, const ElementDofs& dofs,
-               const double* forces, const double* matrix, std::int32_t stride) {
-  std::int64_t next[MaxElementDofs];
-  for (std::int32_t i = 0; i < dofCount; ++i)  // at first the place after the diagonal
-    next[i] = dofs[i] > 0 ? static_cast<std::int64_t>(pR[Slot(dofs[i])]) : 0;
+std::int64_t FindColumn(const Index* pC, SystemRow& row, std::int32_t column,
+                        std::int64_t& fromEnd) {
+  const auto sought = static_cast<Index>(column);
+  std::int64_t position = row.next;
+  if (position >= row.end || pC[position] != sought) position = row.end - fromEnd;
+  if (position < row.first || position >= row.end || pC[position] != sought) {
+    const std::int64_t at = FindInRow(pC + row.first, row.end - row.first, sought);
+    if (at < 0) return -1;
+    position = row.first + at;
+  }
+  row.next = position + 1;
+  fromEnd = row.end - position;
+  return position;
+}
+
+using MatrixPlaces = std::int64_t[MaxElementDofs * (MaxElementDofs + 1) / 2];
+
+// Positions (from 0) of the terms of one matrix in the upper triangle stored by pR, pC, row by row
+// from the diagonal on, in the order of the adds. All are found, and asked for from memory, before
+// the first add: an atomic add lets no later access overtake it.
+template <class Index>
+void FindPlaces(const Index* pR, const Index* pC, std::int32_t dofCount, const ElementDofs& dofs,
+                MatrixPlaces& places) {
+  SystemRow rows[MaxElementDofs];
+  std::int64_t fromEnd[MaxElementDofs] = {};
   for (std::int32_t i = 0; i < dofCount; ++i) {
     if (dofs[i] <= 0) continue;
-    AtomicAdd(SysForces[Slot(dofs[i])], forces[i]);
-    std::int64_t position = Slot(static_cast<std::int64_t>(pR[Slot(dofs[i])]));
-    AtomicAdd(SysMatrix[position], matrix[i + i * stride]);
+    const auto first = Slot(static_cast<std::int64_t>(pR[Slot(dofs[i])]));
+    rows[i] = {first, Slot(static_cast<std::int64_t>(pR[dofs[i]])), first + 1};
+  }
+  const double* matrix = SysMatrix.get();
+  std::int64_t* place = places;
+  for (std::int32_t i = 0; i < dofCount; ++i) {
+    if (dofs[i] <= 0) continue;
+    std::int64_t position = rows[i].first;
+    *place++ = position;
+    __builtin_prefetch(matrix + position, 1);
     for (std::int32_t j = i + 1; j < dofCount; ++j) {
       if (dofs[j] <= 0) continue;
-      const bool swapped = dofs[j] <= dofs[i];
-      const std::int32_t owner = swapped ? j : i;
-      const auto column = static_cast<Index>(swapped ? dofs[i] : dofs[j]);
-      const std::int64_t first = Slot(static_cast<std::int64_t>(pR[Slot(dofs[owner])]));
-      const std::int64_t end = Slot(static_cast<std::int64_t>(pR[Slot(dofs[owner] + 1)]));
-      if (next[owner] < end && pC[next[owner]] == column) {
-        position = next[owner]++;
-      } else if (const std::int64_t at = FindInRow(pC + first, end - first, column); at >= 0) {
-        position = first + at;
-        next[owner] = position + 1;
-      }
-      AtomicAdd(SysMatrix[position], matrix[i + j * stride]);
+      const std::int32_t owner = dofs[j] <= dofs[i] ? j : i;
+      const std::int32_t other = i + j - owner;
+      const std::int64_t found = FindColumn(pC, rows[owner], dofs[other], fromEnd[other]);
+      if (found >= 0) position = found;  // else the place of the previous add stays in use
+      *place++ = position;
+      __builtin_prefetch(matrix + position, 1);
     }
+  }
+}
+
+void AddMatrix(std::int32_t dofCount, const ElementDofs& dofs, const double* matrix,
+               std::int32_t stride, const MatrixPlaces& places) {
+  double* target = SysMatrix.get();
+  const std::int64_t* place = places;
+  for (std::int32_t i = 0; i < dofCount; ++i) {
+    if (dofs[i] <= 0) continue;
+    for (std::int32_t j = i; j < dofCount; ++j)
+      if (dofs[j] > 0) AtomicAdd(target[*place++], matrix[i + j * stride]);
   }
 }
 
@@ -175,10 +215,13 @@ void AddSupportMatrix(const NodalConstraintRecord& row, SupportMatrix& matrix) {
 
 void SOLVERSTA_ADDTOFFUSYM(std::int32_t dofCount, const ElementDofs& dofs, const double* forces,
                            const double* matrix, std::int32_t stride) {
+  MatrixPlaces places;
   if (SOLVERSTA::UseIm4)
-    AddMatrix(SOLVERSTA::pR4.get(), SOLVERSTA::pC4.get(), dofCount, dofs, forces, matrix, stride);
+    FindPlaces(SOLVERSTA::pR4.get(), SOLVERSTA::pC4.get(), dofCount, dofs, places);
   else
-    AddMatrix(SOLVERSTA::pR8.get(), SOLVERSTA::pC8.get(), dofCount, dofs, forces, matrix, stride);
+    FindPlaces(SOLVERSTA::pR8.get(), SOLVERSTA::pC8.get(), dofCount, dofs, places);
+  AddForces(dofCount, dofs, forces);
+  AddMatrix(dofCount, dofs, matrix, stride, places);
 }
 
 void SOLVERSTA_SUPPORTFORCE(std::int32_t k, const double* solution, std::int32_t& dofCount,
