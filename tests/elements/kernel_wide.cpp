@@ -1,7 +1,5 @@
 // The kernels with vectors of eight doubles, made of whatever registers the build has. Only these
 // are instantiated here: the others come from the library, compiled for their instruction sets.
-#pragma GCC diagnostic ignored "-Wpsabi"
-
 #include "elements/kernel_cases.hpp"
 #include "elements/kernel_family.hpp"
 

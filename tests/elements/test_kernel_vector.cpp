@@ -1,6 +1,4 @@
 // The vector operations, with two and with eight doubles, made of whatever registers the build has.
-#pragma GCC diagnostic ignored "-Wpsabi"
-
 #include <gtest/gtest.h>
 
 #include <cmath>
