@@ -4,9 +4,9 @@ from __future__ import annotations
 
 import numpy as np
 from support import fem, solver
-from support.mesh import NAMES, Mesh, block, faces_where, model
-from support.page import Result, compare
-from support.recovery import Level, series
+from support.mesh import Mesh, block, faces_where, model
+from support.page import Result
+from support.recovery import Level, finest, level, series
 
 from vkctl.formats import HEX8, TET10, Array
 from vkctl.model import LoadCase, prescribed
@@ -19,7 +19,8 @@ CELLS = {  # thickness, radial, around
     HEX8: [(2, 4, 6), (4, 8, 12), (8, 16, 24), (12, 24, 36)],
     TET10: [(1, 2, 3), (2, 4, 6), (3, 6, 9), (4, 8, 12)],
 }
-BOUND = {HEX8: 0.03, TET10: 0.02}
+BOUNDS = {HEX8: (0.05, 0.03), TET10: (0.01, 0.02)}
+QUICK_BOUNDS = {HEX8: (0.08, 0.05), TET10: (0.02, 0.02)}
 
 
 def plate(grid: Array) -> Array:
@@ -49,34 +50,46 @@ def supports(mesh: Mesh) -> LoadCase:
     return case
 
 
-def level(code: int, cells: tuple[int, int, int]) -> Level:
+def solved(code: int, cells: tuple[int, int, int]) -> Level:
     mesh = block(code, cells, plate)
     top = faces_where(mesh, lambda x, y, z: z > THICKNESS - 1e-5)
     load = fem.face_load(mesh, top, fem.pressure(1.0))
-    case = supports(mesh)
     loaded = np.unique(top)
-    case.load(loaded + 1, load[loaded])
+    case = supports(mesh).load(loaded + 1, load[loaded])
     u = solver.solve(model(mesh, [solver.solid(E, NU)], [case]))[0].u
-    law, node = fem.isotropic(E, NU), mesh.at(D)
-    average = fem.nodal_average(mesh, u, law, node)[1]
-    fit = fem.patch_fit(mesh, u, law, node)[1]
-    return Level(len(mesh.nodes), mesh.count(), average, fit)
+    return level(mesh, u, fem.isotropic(E, NU), mesh.at(D), 1)
 
 
 def run(quick: bool) -> Result:
-    levels = {code: [level(code, c) for c in cells[: 2 if quick else 4]] for code, cells in CELLS.items()}
-    checks = [
-        compare(f"{NAMES[code]}, finest mesh, better of both", _best(found[-1]), TARGET, 0.2 if quick else BOUND[code])
-        for code, found in levels.items()
-    ]
+    take = 3 if quick else 4
+    levels = {code: [solved(code, c) for c in cells[:take]] for code, cells in CELLS.items()}
+    checks = finest(levels, TARGET, QUICK_BOUNDS if quick else BOUNDS)
     table, figure = series("le10", "stress yy at D", TARGET, levels)
-    figure.logarithmic = False
-    return Result("NAFEMS LE10: thick plate under pressure", TEXT, checks, [table], [figure], REMARKS)
+    title = "NAFEMS LE10: thick plate under pressure"
+    return Result(title, TEXT, checks, [table], [figure], REMARKS)
 
 
-def _best(found: Level) -> float:
-    return found.fit
+TEXT = """
+Quarter of a plate, 0.6 m thick, between the ellipses of half axes 2.0 m, 1.0 m and 3.25 m,
+2.75 m; E = 210 GPa, Poisson's ratio 0.3; pressure of 1 MPa on the upper face. Symmetry planes
+held normally, the outer face in both directions of its plane, its middle line upwards. Wanted:
+stress yy at D = (2, 0, 0.6), the inner edge on the loaded face. Reference: -5.38 MPa (The
+Standard NAFEMS Benchmarks, Rev. 3, 1990, test LE10).
 
+The program writes no stress components. Two recoveries from the displacements: the mean, over
+the elements at D, of the stress that each has at D itself, and a quadratic fitted by least
+squares to the stresses at the points of an element where they are most accurate (centres of
+hexahedra, the four Gauss points of 10-node tetrahedra) in the two or three rings of elements
+around D (after Zienkiewicz and Zhu, Int. J. Numer. Meth. Eng. 33, 1992, 1331-1364).
+"""
 
-TEXT = ""
-REMARKS = ""
+REMARKS = """
+D is a corner of the body, so both recoveries extrapolate. The mean of hexahedra is of first
+order: from the second refinement on its error falls like the element size, and the value of the
+coarsest mesh, closer than the next one, is luck. The meshes of both types head for -5.36 to
+-5.40 MPa. The fit needs the stress to be close to a quadratic over its rings, which coarse
+meshes are far from, since they put the whole thickness into them.
+
+The upward support acts on a line, under which displacements of a solid grow with the logarithm
+of the refinement. It moves the plate as a whole and leaves the stress at D alone.
+"""

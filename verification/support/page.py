@@ -73,14 +73,14 @@ class Table:
 
 @dataclass
 class Figure:
-    """Log-log curves: label to (x, y); a label that starts with "slope" is drawn thin."""
+    """Curves: label to (x, y); a label that starts with "slope" is drawn thin."""
 
     name: str
     x_label: str
     y_label: str
     curves: dict[str, tuple[list[float], list[float]]]
     caption: str
-    logarithmic: bool = True
+    logarithmic: str = "xy"  # the axes that are
 
     def rounded(self) -> dict[str, list[list[float]]]:
         return {
@@ -133,8 +133,9 @@ def _draw(figure: Figure, path: Path) -> None:
     for label, (x, y) in data.items():
         thin = label.startswith("slope") or label.startswith("reference")
         axes.plot(x, y, "k--" if thin else "o-", lw=0.8 if thin else 1.4, ms=4, label=label)
-    if figure.logarithmic:
+    if "x" in figure.logarithmic:
         axes.set_xscale("log")
+    if "y" in figure.logarithmic:
         axes.set_yscale("log")
     axes.set_xlabel(figure.x_label)
     axes.set_ylabel(figure.y_label)
