@@ -15,7 +15,7 @@ E, LENGTH, DEPTH, WIDTH, FORCE = 1000.0, 8.0, 2.0, 1.0, 1.0  # Poisson's ratio 0
 INERTIA = WIDTH * DEPTH**3 / 12
 CELLS = {  # along, over the depth, over the width
     TET4: [(8, 4, 1), (16, 8, 2), (32, 16, 4)],
-    HEX8: [(8, 4, 1), (16, 8, 2), (32, 16, 2)],
+    HEX8: [(12, 6, 1), (24, 12, 2), (48, 24, 2)],
     TET10: [(4, 1, 1), (8, 2, 1), (16, 4, 1)],
 }
 BOUND = {TET4: 0.1, HEX8: 5e-3, TET10: 1e-3}

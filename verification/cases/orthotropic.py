@@ -74,7 +74,7 @@ def run(quick: bool) -> Result:
         answers = solver.solve(model(mesh, [wood()], [*cases, warm]))
         for name, answer, field in zip((*NAMES_OF_STRESS, "heat"), answers, [*wanted, field], strict=True):
             error = np.abs(answer.u - field).max() / np.abs(field).max()
-            checks.append(Check(f"{NAMES[code]}, {name}", error, 5e-6))
+            checks.append(Check(f"{NAMES[code]}, {name}", error, 2e-5))
     return Result("Orthotropic block", TEXT, checks)
 
 
@@ -86,4 +86,7 @@ component of 2 as tractions on all faces, for the six components in turn, and he
 degrees with three expansion coefficients. Reference: strain = compliance times stress (Jones,
 Mechanics of Composite Materials, 2nd ed. 1999, section 2.4). Error: largest nodal error over the
 largest displacement.
+
+Bound: rounding of the nodal forces to seven digits leaves unbalanced forces of some 1e-7, which
+the softest modulus turns into displacements up to 12000 / 60 times as large as the stiffest.
 """

@@ -12,7 +12,7 @@ from vkctl.formats import HEX8, TET4, TET10, Array
 from vkctl.model import LoadCase
 
 E, NU, INNER, OUTER, PRESSURE = 1000.0, 0.3, 1.0, 2.0, 10.0
-CELLS = {TET4: [3, 6, 12], HEX8: [3, 6, 12], TET10: [1, 2, 4]}  # in each direction of a patch
+CELLS = {TET4: [3, 6, 12], HEX8: [3, 6, 12], TET10: [2, 4, 6]}  # in each direction of a patch
 BOUND = {TET4: 0.03, HEX8: 5e-3, TET10: 1e-3}
 
 

@@ -14,7 +14,11 @@ from vkctl.formats import HEX8, TET4, TET10
 from vkctl.model import LoadCase, prescribed
 
 E, NU, SIDE, LENGTH, TWIST = 2600.0, 0.3, 1.0, 1.0, 0.01  # G = 1000
-CELLS = {TET4: [(4, 2), (8, 4), (16, 6)], HEX8: [(4, 2), (8, 4), (16, 6)], TET10: [(2, 1), (4, 2), (8, 3)]}
+CELLS = {  # across, along
+    TET4: [(4, 4), (8, 8), (16, 16)],
+    HEX8: [(4, 2), (8, 4), (16, 6)],
+    TET10: [(2, 1), (4, 2), (8, 3)],
+}
 BOUND = {TET4: 0.05, HEX8: 0.01, TET10: 5e-4}
 # J / a^4 by the series of Timoshenko and Goodier, section 109: 0.140577
 FACTOR = (1 - 192 / math.pi**5 * sum(math.tanh(n * math.pi / 2) / n**5 for n in range(1, 40, 2))) / 3
