@@ -9,7 +9,8 @@ from typing import Annotated
 import typer
 from rich.console import Console
 
-from . import boxes, demo, formats, model
+from . import boxes, commands_run, demo, formats, model
+from .new.command import new_command
 
 app = typer.Typer(
     no_args_is_help=True,
@@ -87,3 +88,9 @@ def summary_command(directory: Directory) -> None:
     except (OSError, ValueError, formats.FormatError) as error:
         raise _fail(str(error)) from None
     console.print(text, markup=False, soft_wrap=True)
+
+
+app.command("new")(new_command)
+
+
+commands_run.register(app)

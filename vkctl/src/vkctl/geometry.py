@@ -14,7 +14,7 @@ import numpy.typing as npt
 from .formats import HEX8, TET4, TET10, Array
 from .model import Elements
 
-# A pressure, a vector, or a function from points (k, 3) to vectors (k, 3).
+# A pressure, a vector, or a function from points (k, 3) to pressures (k,) or vectors (k, 3).
 Traction = float | npt.ArrayLike | Callable[[Array], Array]
 
 # Local nodes (0-based) of each face, seen from outside counter-clockwise: corners, then the
@@ -251,8 +251,8 @@ def consistent_forces(nodes: Array, faces: list[Array], traction: Traction) -> t
     """Nodal forces of a traction on faces: (node numbers, forces (k, 3)), each node once.
 
     `traction` is a vector, force per area; a number is a pressure, which pushes against the face
-    from outside; a function takes points (k, 3) and gives vectors (k, 3). The load is integrated
-    over the curved face, with the normal and area at each integration point.
+    from outside; a function takes points (k, 3) and gives pressures (k,) or vectors (k, 3). The load
+    is integrated over the curved face, with the normal and area at each integration point.
     """
     total = np.zeros_like(nodes, np.float64)
     touched = [np.empty(0, np.int64)]
@@ -277,10 +277,12 @@ def _point_load(
     """Load of each face at one integration point, (faces, 1, 3)."""
     tangents = np.einsum("fna,nb->fba", corners, slope)
     normal = weight * np.cross(tangents[:, 0], tangents[:, 1])
-    if not callable(traction) and np.ndim(traction) == 0:
-        return -float(traction) * normal[:, None]  # type: ignore[arg-type]
+    value = traction
+    if callable(traction):
+        value = traction(np.einsum("fna,n->fa", corners, shape))
+    given = np.asarray(value, np.float64)
+    if given.ndim == 0 or (callable(traction) and given.ndim == 1):
+        return -(given[..., None] * normal)[:, None]  # type: ignore[no-any-return]
     area = np.linalg.norm(normal, axis=1, keepdims=True)
-    points = np.einsum("fna,n->fa", corners, shape)
-    vectors = traction(points) if callable(traction) else np.asarray(traction, np.float64)
-    loads: Array = (area * vectors)[:, None]
+    loads: Array = (area * given)[:, None]
     return loads

@@ -138,15 +138,13 @@ def _assign_materials(whole: Model, cases: Cases, sets: Sets) -> None:
     """Give every element its material; left-out elements need none and keep the first."""
     owner = np.zeros(len(whole.elements), np.int64)
     titles = list(cases.materials)
-    for number, (title, entry) in enumerate(cases.materials.items(), 1):
+    for number, entry in enumerate(cases.materials.values(), 1):
         at = (*entry.where, "elements")
         for name in entry.elements:
             chosen = sets.elements(name, at) - 1
             others = np.unique(owner[chosen])
             if taken := [titles[o - 1] for o in others if o not in (0, number)]:
-                cases.report.add(
-                    at, f"elements of {name!r} have the material {taken[0]!r} already"
-                )
+                cases.report.add(at, f"elements of {name!r} have the material {taken[0]!r} already")
             owner[chosen] = number
     rest = [n for n, entry in enumerate(cases.materials.values(), 1) if not entry.elements]
     without = (owner == 0) & sets.active
@@ -154,7 +152,8 @@ def _assign_materials(whole: Model, cases: Cases, sets: Sets) -> None:
         owner[owner == 0] = rest[0]
     elif np.any(without):
         first = int(np.flatnonzero(without)[0]) + 1
-        text = f"{counted(int(np.count_nonzero(without)), 'element')} without a material, the first {first}"
+        left = counted(int(np.count_nonzero(without)), "element")
+        text = f"{left} without a material, the first {first}"
         cases.report.add(("materials",), text, "leave out 'elements' in one material")
     whole.elements.materials = np.maximum(owner, 1).astype(np.int16)
 
@@ -204,7 +203,9 @@ def _support(cases: Cases, sets: Sets, support: Support) -> Array:
     points = sets.mesh.nodes[nodes - 1]
     key = "offset" if support.kind == "elastic" else "value"
     at = (*support.where, key)
-    values = np.column_stack([_guarded(cases, (*at, k), v, points) for k, v in enumerate(support.values)])
+    values = np.column_stack(
+        [_guarded(cases, (*at, k), v, points) for k, v in enumerate(support.values)]
+    )
     if support.kind != "elastic":
         return model.prescribed(nodes, support.directions, values)
     axes = np.array(support.axes, np.float64)
@@ -236,7 +237,8 @@ def _relative_stiffness(cases: Cases, sets: Sets, support: Support, nodes: Array
         amount[np.searchsorted(nodes, numbers[known])] = areas[known]
     if support.per == "total" and len(nodes):
         amount = amount / amount.sum()
-    return amount[:, None] * np.array(support.stiffness) / unit
+    relative: Array = amount[:, None] * np.array(support.stiffness) / unit
+    return relative
 
 
 def _has_faces(sets: Sets, names: tuple[str, ...]) -> bool:

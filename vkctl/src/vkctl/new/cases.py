@@ -137,17 +137,18 @@ def read_cases(path: PathLike) -> Cases:
     for name, table in top.tables("materials").items():
         cases.materials[name] = _read_material(name, table)
     _check_materials(cases, top)
-    for kind in ("node", "element", "face"):
+    kinds: tuple[SetKind, ...] = ("node", "element", "face")
+    for kind in kinds:
         for name, table in top.tables(f"{kind}_sets").items():
-            cases.sets.append((name, _read_set(kind, table)))  # type: ignore[arg-type]
+            cases.sets.append((name, _read_set(kind, table)))
     cases.supports = {n: _read_support(t) for n, t in top.tables("supports").items()}
     cases.loads = {n: _read_load(t) for n, t in top.tables("loads").items()}
-    if table := top.table("level"):
-        cases.level = _read_level(table)
+    if level := top.table("level"):
+        cases.level = _read_level(level)
     _read_load_cases(cases, top)
     cases.run_order = _read_run_order(cases, top)
-    if table := top.table("options"):
-        cases.options = _read_options(table)
+    if options := top.table("options"):
+        cases.options = _read_options(options)
     top.table("optimise")  # keys of the optimisation loop, which reads them itself
     top.done()
     report.finish()
@@ -461,7 +462,9 @@ def _read_run_order(cases: Cases, top: Table) -> list[int] | None:
             top.problem("run_order", text, did_you_mean(name, names), index)
     missing = [name for name in names if name not in given]
     if missing:
-        top.problem("run_order", f"leaves out {', '.join(missing)}", "it has to name all load cases")
+        top.problem(
+            "run_order", f"leaves out {', '.join(missing)}", "it has to name all load cases"
+        )
     if len(set(given)) != len(given):
         top.problem("run_order", "names a load case twice")
     if top.report.problems:

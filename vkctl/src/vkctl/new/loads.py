@@ -112,7 +112,8 @@ def _tet_volumes(nodes: Array, rows: Array) -> Array:
 
 
 def _tet4_shares(nodes: Array, rows: Array) -> Array:
-    return np.repeat(_tet_volumes(nodes, rows)[:, None] / 4, 4, axis=1)
+    shares: Array = _tet_volumes(nodes, rows)[:, None] * np.full(4, 1 / 4)
+    return shares
 
 
 def _tet10_shares(nodes: Array, rows: Array) -> Array:
@@ -148,7 +149,8 @@ def _tet_rule() -> tuple[Array, Array]:
 
 def _shape(code: int, point: Array) -> Array:
     if code == HEX8:
-        return np.prod(1 + geometry.HEX8_SIGNS * point, axis=1) / 8
+        trilinear: Array = np.prod(1 + geometry.HEX8_SIGNS * point, axis=1) / 8
+        return trilinear
     bary = np.concatenate(([1 - point.sum()], point))
     i, j = geometry.TET10_EDGES.T
     return np.concatenate((bary * (2 * bary - 1), 4 * bary[i] * bary[j]))

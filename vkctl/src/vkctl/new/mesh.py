@@ -208,7 +208,7 @@ def _transfer_sets(
         mesh.surfaces[name] = [rows[np.all(rows > 0, axis=1)] for rows in numbered]
         if left := sum(len(a) - len(b) for a, b in zip(numbered, mesh.surfaces[name], strict=True)):
             mesh.notes.append(
-                f"surface {name!r}: {counted(left, 'surface element')} away from the solids left out"
+                f"surface {name!r}: {counted(left, 'surface element')} off the solids left out"
             )
 
 
@@ -265,7 +265,7 @@ def _corner_volumes(nodes: Array, corners: Array) -> tuple[Array, Array]:
 
 
 def _check_middles(nodes: Array, table: Array, labels: Array) -> None:
-    """Refuse mid-edge nodes that are nowhere near their edge: their order isn't that of the type."""
+    """Refuse mid-edge nodes that are nowhere near their edge: a wrong order of nodes."""
     far = np.zeros(len(table), np.bool_)
     for place, (i, j) in enumerate(geometry.TET10_EDGES, 4):
         a, b, middle = (nodes[table[:, k] - 1] for k in (i, j, place))
@@ -283,9 +283,7 @@ def _check_middles(nodes: Array, table: Array, labels: Array) -> None:
 _INNER = {
     TET10: np.array(
         [(0.25, 0.25, 0.25)]
-        + [
-            tuple(0.5854102 if i == k else 0.1381966 for i in (1, 2, 3)) for k in range(4)
-        ]
+        + [tuple(0.5854102 if i == k else 0.1381966 for i in (1, 2, 3)) for k in range(4)]
     ),
     HEX8: geometry.HEX8_SIGNS / np.sqrt(3.0),
 }

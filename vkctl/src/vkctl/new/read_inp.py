@@ -296,7 +296,9 @@ def _part(deck: _Deck) -> Part:
     for name, labels in deck.element_sets.items():
         _split_set(part, deck, deck.titles.get(name, name), labels, solids, flat)
     for name, entries in deck.surfaces.items():
-        rows = [r for entry in entries for r in _surface_rows(deck, part, name, *entry, solids, flat)]
+        rows = [
+            r for entry in entries for r in _surface_rows(deck, part, name, *entry, solids, flat)
+        ]
         if rows:
             part.surfaces.setdefault(deck.titles[name], []).extend(rows)
     return part
@@ -323,7 +325,9 @@ def _split_set(
 
 
 def _flat_rows(deck: _Deck, labels: Array) -> list[Array]:
-    return [rows[np.isin(own, labels)] for _, own, rows in deck.flat if np.any(np.isin(own, labels))]
+    return [
+        rows[np.isin(own, labels)] for _, own, rows in deck.flat if np.any(np.isin(own, labels))
+    ]
 
 
 def _surface_rows(

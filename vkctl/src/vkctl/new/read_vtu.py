@@ -2,6 +2,8 @@
 
 from __future__ import annotations
 
+from pathlib import Path
+
 import numpy as np
 
 from ..formats import HEX8, TET4, TET10, Array, PathLike
@@ -29,7 +31,7 @@ def read_vtu(path: PathLike) -> Part:
     import pyvista
 
     try:
-        grid = pyvista.read(path)
+        grid = pyvista.read(Path(path))
     except Exception as error:
         raise PartError(f"{path}: can't be read as a VTK file: {error}") from None
     if not isinstance(grid, pyvista.UnstructuredGrid):
@@ -83,7 +85,7 @@ def _values(array: Array) -> Array:
 def _names(name: str, values: Array) -> list[tuple[str, Array]]:
     """(set name, value) of each value of an array; a mask gives a set of the array's name too."""
     named = [(f"{name}:{int(value)}", value) for value in values]
-    if len(values) and set(values.tolist()) <= {0, 1, False, True} and values[-1]:
+    if len(values) and set(values.tolist()) <= {0, 1} and values[-1]:
         named.append((name, values[-1]))
     return named
 
@@ -96,9 +98,7 @@ def _cell_sets(
         solids = chosen & np.isin(types, list(_SOLIDS))
         if np.any(solids):
             part.element_sets[title] = np.flatnonzero(solids) + 1
-        flat = [
-            rows[chosen[cells]] for kind, (cells, rows) in rows_of.items() if kind in _SURFACES
-        ]
+        flat = [rows[chosen[cells]] for kind, (cells, rows) in rows_of.items() if kind in _SURFACES]
         if any(len(rows) for rows in flat):
             part.surfaces[title] = [rows for rows in flat if len(rows)]
         thin = [

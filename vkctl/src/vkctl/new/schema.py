@@ -231,7 +231,10 @@ class Table:
         return str(value)
 
     def vector(
-        self, key: str, default: Sequence[float] | None | _Required = REQUIRED, nonzero: bool = False
+        self,
+        key: str,
+        default: Sequence[float] | None | _Required = REQUIRED,
+        nonzero: bool = False,
     ) -> Any:
         """Three numbers as a tuple."""
         given, value = self._take(key, default)
@@ -245,7 +248,9 @@ class Table:
 
     def _triple(self, value: Any, key: tuple[str | int, ...]) -> tuple[float, float, float]:
         if not isinstance(value, list) or len(value) != 3:
-            self.problem(str(key[0]), f"must be three numbers, not {_described(value)}", "", *key[1:])
+            self.problem(
+                str(key[0]), f"must be three numbers, not {_described(value)}", "", *key[1:]
+            )
             return (0.0, 0.0, 0.0)
         numbers = [self._finite(v, (*key, i)) for i, v in enumerate(value)]
         return tuple(0.0 if n is None else n for n in numbers)  # type: ignore[return-value]
@@ -318,7 +323,9 @@ class Table:
                 found[name] = Table(data, self.where(key, name), self.report)
             else:
                 text = f"{name} in [{key}] must be a table, not {_described(data)}"
-                self.report.add(self.where(key, name), text, f"write [{key}.NAME] and keys below it")
+                self.report.add(
+                    self.where(key, name), text, f"write [{key}.NAME] and keys below it"
+                )
         return found
 
     def table_list(self, key: str) -> list[Table]:

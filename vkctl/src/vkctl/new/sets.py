@@ -53,8 +53,10 @@ def _identities(rows: Array) -> Array:
     """One integer per distinct row."""
     span = int(rows.max(initial=0)) + 1
     if span < 1 << 21:
-        return rows.astype(np.int64) @ np.array((span * span, span, 1))
-    return np.unique(rows, axis=0, return_inverse=True)[1].ravel()
+        packed: Array = rows.astype(np.int64) @ np.array((span * span, span, 1))
+        return packed
+    inverse: Array = np.unique(rows, axis=0, return_inverse=True)[1].ravel()
+    return inverse
 
 
 def faces_of_surface(elements: Elements, surface: list[Array], num_nodes: int) -> tuple[Faces, int]:
@@ -172,10 +174,10 @@ class Sets:
         self, name: str, kinds: tuple[SetKind, ...], where: locate.Path
     ) -> tuple[SetKind, str] | None:
         """Kind and exact spelling of a name, searched in the order of the kinds."""
-        for same in (lambda a: a == name, lambda a: a.lower() == name.lower()):
+        for fold in (str, str.lower):
             for kind in kinds:
                 for known in self.names(kind):
-                    if same(known):
+                    if fold(known) == fold(name):
                         return kind, known
         self.report.add(where, f"no set {name!r}", did_you_mean(name, self.names(*kinds)))
         return None
@@ -193,6 +195,17 @@ class Sets:
         if kind == "node":
             return self._resolved("node", title, where)  # type: ignore[return-value]
         return self._nodes_of_elements(self.elements(title, where))
+
+    def members(self, kind: SetKind, name: str) -> Array | Faces:
+        """The set of one kind, where sets of several kinds share a name."""
+        return self._resolved(kind, name, ())
+
+    def nodes_of(self, kind: SetKind, name: str) -> Array:
+        """Numbers of the nodes of `members`."""
+        made = self.members(kind, name)
+        if isinstance(made, Faces):
+            return made.nodes()
+        return self._nodes_of_elements(made) if kind == "element" else made
 
     def _nodes_of_elements(self, numbers: Array) -> Array:
         chosen = np.zeros(len(self.mesh.elements), np.bool_)
@@ -240,7 +253,7 @@ class Sets:
     def _faces_between(self, nodes: Array) -> Faces:
         member = np.zeros(len(self.mesh.nodes) + 1, np.bool_)
         member[nodes] = True
-        return self.outer.chosen([member[t].all(axis=1) for t in self.outer.tables])
+        return self.outer.chosen([np.all(member[t], axis=1) for t in self.outer.tables])
 
     def _resolved(self, kind: SetKind, name: str, where: locate.Path) -> Array | Faces:
         """A set under its own kind, made at its first use."""
@@ -265,11 +278,9 @@ class Sets:
 
     def _from_part(self, kind: SetKind, name: str) -> Array | Faces:
         if kind == "node":
-            numbers = self.mesh.node_sets[name]
-            return numbers[self.active_nodes[numbers - 1]]
+            return _kept(self.mesh.node_sets[name], self.active_nodes)
         if kind == "element":
-            numbers = self.mesh.element_sets[name]
-            return numbers[self.active[numbers - 1]]
+            return _kept(self.mesh.element_sets[name], self.active)
         faces, missing = faces_of_surface(
             self.active_elements, self.mesh.surfaces[name], len(self.mesh.nodes)
         )
@@ -323,7 +334,7 @@ class Sets:
             less = self.faces(name, (*definition.where, "minus"))
             faces = _difference(faces, less)
         inside = self._within(definition, self.mesh.nodes)
-        masks = [inside[t - 1].all(axis=1) for t in faces.tables]
+        masks = [np.all(inside[t - 1], axis=1) for t in faces.tables]
         faces = faces.chosen(masks)
         if definition.normal:
             direction, angle = definition.normal
@@ -340,7 +351,8 @@ class Sets:
             normal = np.cross(c - a, d - b)
         else:
             normal = np.cross(b - a, c - a)
-        return normal / np.linalg.norm(normal, axis=1, keepdims=True)
+        unit: Array = normal / np.linalg.norm(normal, axis=1, keepdims=True)
+        return unit
 
     def _hint(self, definition: SetDefinition) -> str:
         """How far the nearest node or centroid is from the regions of an empty set."""
@@ -354,6 +366,11 @@ class Sets:
             low, high = points.min(axis=0), points.max(axis=0)
             hints.append(f"the part reaches from {_triple(low)} to {_triple(high)}")
         return ", ".join(hints)
+
+
+def _kept(numbers: Array, mask: Array) -> Array:
+    kept: Array = numbers[mask[numbers - 1]]
+    return kept
 
 
 def _triple(point: Array) -> str:
@@ -385,12 +402,14 @@ def _excess(region: Region, points: Array) -> Array:
     offset = points - np.array(region.point)
     if region.shape == "box":
         above = points - np.array(region.direction)
-        return np.maximum(np.maximum(-offset, above), 0.0).max(axis=1)
-    if region.shape == "sphere":
-        return np.maximum(np.linalg.norm(offset, axis=1) - region.radius, 0.0)
-    unit = np.array(region.direction) / np.linalg.norm(region.direction)
-    along = offset @ unit
-    if region.shape == "plane":
-        return np.abs(along)
-    away = np.linalg.norm(offset - along[:, None] * unit, axis=1)
-    return np.maximum(away - region.radius, 0.0)
+        excess = np.maximum(-offset, above).max(axis=1)
+    elif region.shape == "sphere":
+        excess = np.linalg.norm(offset, axis=1) - region.radius
+    else:
+        unit = np.array(region.direction) / np.linalg.norm(region.direction)
+        along = offset @ unit
+        excess = np.abs(along)
+        if region.shape == "cylinder":
+            excess = np.linalg.norm(offset - along[:, None] * unit, axis=1) - region.radius
+    outside: Array = np.maximum(excess, 0.0)
+    return outside
