@@ -52,8 +52,8 @@ inline std::string Log() { return ReadFile(LogName); }
 inline auto StopsWith(int code) { return testing::ExitedWithCode(code & 0xff); }
 
 // `statement` posts this error, which becomes the last line of the log, and stops.
-#define EXPECT_ABORT(statement, message)                                        \
-  do {                                                                          \
-    EXPECT_EXIT(statement, StopsWith(StopError), testing::HasSubstr("1010: ")); \
-    EXPECT_TRUE(Log().ends_with("Error<Msg:" message ">\n")) << Log();          \
+#define EXPECT_ABORT(statement, message)                               \
+  do {                                                                 \
+    EXPECT_EXIT(statement, StopsWith(StopError), "^1010: ");           \
+    EXPECT_TRUE(Log().ends_with("Error<Msg:" message ">\n")) << Log(); \
   } while (false)

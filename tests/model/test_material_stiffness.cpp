@@ -1,0 +1,143 @@
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cmath>
+#include <vector>
+
+#include "model/femodel.hpp"
+#include "support/model_files.hpp"
+#include "support/working_directory.hpp"
+
+namespace {
+
+using MaterialStiffness = WorkingDirectory;
+
+// C11 C12 C13 C22 C23 C33 S1 S2 S3
+using Row = std::array<float, 9>;
+
+Row RowOf(const std::vector<MaterialRecord>& materials, std::size_t number = 1) {
+  FEMODEL::NumMaterials = static_cast<std::int32_t>(materials.size());
+  FEMODEL::Materials = ARRAYS_ALLOCATE<MaterialRecord>(FEMODEL::NumMaterials);
+  std::copy(materials.begin(), materials.end(), FEMODEL::Materials.get());
+  FEMAT_BUILDSTIFFNESS();
+  Row row = {};
+  std::copy_n(&FEMODEL::MaterialStiffness[static_cast<std::int64_t>(9 * (number - 1))], 9,
+              row.begin());
+  return row;
+}
+
+MaterialRecord Orthotropic() {
+  MaterialRecord material = {};
+  material.MaterialFlags = MaterialOrthotropic;
+  material.E1 = 100.0f;
+  material.E2 = 50.0f;
+  material.E3 = 20.0f;
+  material.Nu12 = 0.2f;
+  material.Nu13 = 0.3f;
+  material.Nu23 = 0.25f;
+  material.G12 = 11.0f;
+  material.G13 = 13.0f;
+  material.G23 = 17.0f;
+  return material;
+}
+
+// Normal strains under normal stresses, from the engineering constants.
+std::array<double, 3> StrainOf(const MaterialRecord& m, const std::array<double, 3>& s) {
+  const double e1 = static_cast<double>(m.E1);
+  const double e2 = static_cast<double>(m.E2);
+  const double e3 = static_cast<double>(m.E3);
+  const double nu12 = static_cast<double>(m.Nu12);
+  const double nu13 = static_cast<double>(m.Nu13);
+  const double nu23 = static_cast<double>(m.Nu23);
+  return {s[0] / e1 - nu12 / e1 * s[1] - nu13 / e1 * s[2],
+          -nu12 / e1 * s[0] + s[1] / e2 - nu23 / e2 * s[2],
+          -nu13 / e1 * s[0] - nu23 / e2 * s[1] + s[2] / e3};
+}
+
+}  // namespace
+
+TEST_F(MaterialStiffness, WithoutTransverseContractionTheModulusStandsAlone) {
+  const Row row = RowOf({Isotropic(1234.5f, 0.0f)});
+  EXPECT_EQ(row, (Row{1234.5f, 0.0f, 0.0f, 1234.5f, 0.0f, 1234.5f, 1234.5f, 1234.5f, 1234.5f}));
+}
+
+TEST_F(MaterialStiffness, IsotropicRowFollowsHookesLaw) {
+  // E = 1000, Nu = 1/4: C11 = 1200, C12 = 400, 2 G = 800.
+  const Row row = RowOf({Isotropic(1000.0f, 0.25f)});
+  EXPECT_EQ(row, (Row{1200, 400, 400, 1200, 400, 1200, 800, 800, 800}));
+}
+
+TEST_F(MaterialStiffness, ShearConstantsAreTwiceTheShearModulus) {
+  const Row row = RowOf({Isotropic(210000.0f, 0.3f)});
+  EXPECT_NEAR(static_cast<double>(row[6]), 2.0 * 210000.0 / (2.0 * 1.3), 0.05);
+}
+
+TEST_F(MaterialStiffness, YieldingAndCompressionOnlyMaterialsAreIsotropic) {
+  for (const std::uint32_t kind : {MaterialYielding, MaterialCompressionOnly}) {
+    MaterialRecord material = Isotropic(1000.0f, 0.25f);
+    material.MaterialFlags = kind;
+    EXPECT_EQ(RowOf({material})[0], 1200.0f) << kind;
+  }
+}
+
+TEST_F(MaterialStiffness, OtherFlagBitsAreIgnored) {
+  MaterialRecord material = Isotropic(1000.0f, 0.25f);
+  material.MaterialFlags |= 0xFFFFF0FFu;
+  EXPECT_EQ(RowOf({material})[0], 1200.0f);
+}
+
+TEST_F(MaterialStiffness, MaterialOfNoKindGetsARowOfZeros) {
+  MaterialRecord material = Isotropic(1000.0f, 0.25f);
+  material.MaterialFlags = 0;
+  EXPECT_EQ(RowOf({material}), Row{});
+}
+
+TEST_F(MaterialStiffness, OrthotropicRowInvertsTheCompliance) {
+  const MaterialRecord material = Orthotropic();
+  const Row c = RowOf({material});
+  const std::array<double, 3> strain = {1.0, -2.0, 0.5};
+  std::array<double, 3> stress = {};
+  const int at[3][3] = {{0, 1, 2}, {1, 3, 4}, {2, 4, 5}};
+  for (std::size_t i = 0; i < 3; ++i)
+    for (std::size_t j = 0; j < 3; ++j)
+      stress[i] += static_cast<double>(c[static_cast<std::size_t>(at[i][j])]) * strain[j];
+  const std::array<double, 3> back = StrainOf(material, stress);
+  for (std::size_t i = 0; i < 3; ++i) EXPECT_NEAR(back[i], strain[i], 2e-6) << i;
+}
+
+TEST_F(MaterialStiffness, OrthotropicShearStandsInTheOrderXyYzXz) {
+  const Row row = RowOf({Orthotropic()});
+  EXPECT_EQ(row[6], 22.0f);
+  EXPECT_EQ(row[7], 34.0f);
+  EXPECT_EQ(row[8], 26.0f);
+}
+
+TEST_F(MaterialStiffness, OrthotropicLawWinsOverTheIsotropicOne) {
+  MaterialRecord both = Orthotropic();
+  both.MaterialFlags |= MaterialIsotropic;
+  both.E = 1000.0f;
+  both.Nu = 0.25f;
+  EXPECT_EQ(RowOf({both}), RowOf({Orthotropic()}));
+}
+
+TEST_F(MaterialStiffness, EachMaterialHasItsOwnRow) {
+  const std::vector<MaterialRecord> materials = {Isotropic(1.0f, 0.0f), Isotropic(1000.0f, 0.25f)};
+  EXPECT_EQ(RowOf(materials, 1)[0], 1.0f);
+  EXPECT_EQ(RowOf(materials, 2)[0], 1200.0f);
+}
+
+TEST_F(MaterialStiffness, IncompressibleMaterialGivesInfiniteConstantsAndNoError) {
+  EXPECT_TRUE(std::isinf(RowOf({Isotropic(1000.0f, 0.5f)})[0]));
+}
+
+TEST_F(MaterialStiffness, NoMaterialsGiveAnEmptyTable) {
+  FEMODEL::NumMaterials = -5;
+  FEMAT_BUILDSTIFFNESS();
+  EXPECT_TRUE(FEMODEL::MaterialStiffness);
+}
+
+TEST_F(MaterialStiffness, FailedAllocationAborts) {
+  EXPECT_ABORT((ARRAYS::LargestBytes = 200, RowOf({Isotropic(1, 0)}), ARRAYS::LargestBytes = 30,
+                FEMAT_BUILDSTIFFNESS()),
+               "Error allocating arrays.");
+}
