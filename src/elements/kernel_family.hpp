@@ -42,10 +42,9 @@ template <class Shape, class Real>
 // Field values, strains and stresses of one group of points.
 template <class Isa>
 struct PointGroup {
-  Vector<Isa> volume;       // dV
-  Vector<Isa> scaledLevel;  // k F
-  Vector<Isa> strain[6];    // mechanical
-  Vector<Isa> stress[6];    // of the full material
+  Vector<Isa> volume;     // dV
+  Vector<Isa> strain[6];  // mechanical
+  Vector<Isa> stress[6];  // of the full material
 };
 
 template <int Count, class Real, int Size>
@@ -56,21 +55,45 @@ template <int Count, class Real, int Size>
   return sum;
 }
 
-template <class Isa, class Shape>
+template <class Isa>
 [[gnu::always_inline]] inline void LoadParameter(const KernelInput& in, int first,
                                                  Vector<Isa> (&parameter)[3]) {
   for (int k = 0; k < 3; ++k) parameter[k] = Load<Isa>(in.rule.coordinate[k] + first);
 }
 
+// Field values at all points of the rule.
+struct PointFields {
+  alignas(64) double temperature[RulePadding];  // T
+  alignas(64) double scaledLevel[RulePadding];  // k F
+};
+
+template <class Isa, class Shape>
+[[gnu::always_inline]] inline void ComputeFields(const KernelInput& in, PointFields& out) {
+  for (int first = 0; first < in.rule.numPoints; first += Isa::Lanes) {
+    Vector<Isa> parameter[3], shape[Shape::Nodes], levelShape[Shape::LevelNodes];
+    LoadParameter<Isa>(in, first, parameter);
+    Shape::Values(parameter, shape);
+    Shape::LevelValues(parameter, levelShape);
+    Store<Isa>(out.temperature + first, Interpolate(shape, in.scalars));
+    Store<Isa>(out.scaledLevel + first, in.slope * Interpolate(levelShape, in.phi));
+  }
+}
+
+// Presence at all points, at `sharpness` times the slope. A loop of its own, in which the
+// arctangents of several groups run at the same time.
+template <class Isa>
+[[gnu::always_inline]] inline void ComputePresence(const KernelInput& in, const PointFields& fields,
+                                                   double sharpness,
+                                                   double (&presence)[RulePadding]) {
+  for (int first = 0; first < in.rule.numPoints; first += Isa::Lanes)
+    Store<Isa>(presence + first, Presence<Isa>(sharpness * Load<Isa>(fields.scaledLevel + first)));
+}
+
 template <class Isa, class Shape, class Kin>
-[[gnu::always_inline]] inline void ComputePointGroup(const KernelInput& in, int first,
-                                                     const Vector<Isa> (&parameter)[3],
+[[gnu::always_inline]] inline void ComputePointGroup(const KernelInput& in,
+                                                     const PointFields& fields, int first,
                                                      const Kin& kin, PointGroup<Isa>& out) {
-  Vector<Isa> shape[Shape::Nodes], levelShape[Shape::LevelNodes];
-  Shape::Values(parameter, shape);
-  Shape::LevelValues(parameter, levelShape);
-  out.scaledLevel = in.slope * Interpolate(levelShape, in.phi);
-  MechanicalStrain(in.loadData, kin.strain, Interpolate(shape, in.scalars), out.strain);
+  MechanicalStrain(in.loadData, kin.strain, Load<Isa>(fields.temperature + first), out.strain);
   MaterialStress(in.stiffness, out.strain, out.stress);
   out.volume = Load<Isa>(in.rule.weight + first) * kin.det / Shape::VolumeDivisor;
 }
@@ -106,16 +129,20 @@ template <class Isa, class Shape>
 template <class Isa, class Shape>
 [[gnu::always_inline]] inline void CollectVarying(const KernelInput& in,
                                                   PointSets<Isa, Shape>& out) {
+  PointFields fields;
+  ComputeFields<Isa, Shape>(in, fields);
+  alignas(64) double presence[RulePadding];
+  ComputePresence<Isa>(in, fields, 1.0, presence);
   out.count = in.rule.numPoints;
   for (int first = 0; first < in.rule.numPoints; first += Isa::Lanes) {
     Vector<Isa> parameter[3];
-    LoadParameter<Isa, Shape>(in, first, parameter);
+    LoadParameter<Isa>(in, first, parameter);
     Kinematics<Shape, Vector<Isa>> kin;
     ComputeKinematics(in, parameter, kin);
     StoreGradient<Isa, Shape>(kin.gradient, first, out);
     PointGroup<Isa> group;
-    ComputePointGroup<Isa, Shape>(in, first, parameter, kin, group);
-    const Vector<Isa> weight = Presence<Isa>(group.scaledLevel) * group.volume;
+    ComputePointGroup<Isa, Shape>(in, fields, first, kin, group);
+    const Vector<Isa> weight = Load<Isa>(presence + first) * group.volume;
     Store<Isa>(out.weight + first, weight);
     for (int c = 0; c < 6; ++c) Store<Isa>(out.stress[c] + first, weight * group.stress[c]);
   }
@@ -124,15 +151,17 @@ template <class Isa, class Shape>
 template <class Isa, class Shape>
 [[gnu::always_inline]] inline void CollectConstant(const KernelInput& in,
                                                    PointSets<Isa, Shape>& out) {
+  PointFields fields;
+  ComputeFields<Isa, Shape>(in, fields);
+  alignas(64) double presence[RulePadding];
+  ComputePresence<Isa>(in, fields, 1.0, presence);
   Kinematics<Shape, double> kin;
   ComputeKinematics(in, {}, kin);
   Vector<Isa> weightSum = {}, stressSum[6] = {};
   for (int first = 0; first < in.rule.numPoints; first += Isa::Lanes) {
-    Vector<Isa> parameter[3];
-    LoadParameter<Isa, Shape>(in, first, parameter);
     PointGroup<Isa> group;
-    ComputePointGroup<Isa, Shape>(in, first, parameter, kin, group);
-    const Vector<Isa> weight = Presence<Isa>(group.scaledLevel) * group.volume;
+    ComputePointGroup<Isa, Shape>(in, fields, first, kin, group);
+    const Vector<Isa> weight = Load<Isa>(presence + first) * group.volume;
     weightSum += weight;
     for (int c = 0; c < 6; ++c) stressSum[c] += weight * group.stress[c];
   }
@@ -159,15 +188,28 @@ template <class Isa, class Shape>
     CollectVarying<Isa, Shape>(in, out);
 }
 
-// Of three vectors x, y, z, vector `Part` of the sequence x1 y1 z1 x2 y2 z2 ...
+// Of three vectors x, y, z, vector `Part` of the sequence x1 y1 z1 x2 y2 z2 ... The sequence is one
+// of pairs: of three consecutive ones, (x, y) of an odd node, its z with x of the next, and (y, z)
+// of that one. Three vectors of such pairs are made within 128 bits, then whole pairs are picked.
 template <class Isa, int Part, int... Lane>
 [[gnu::always_inline]] inline Vector<Isa> Interleave(Vector<Isa> x, Vector<Isa> y, Vector<Isa> z,
                                                      std::integer_sequence<int, Lane...>) {
   constexpr int L = Isa::Lanes;
-  const Vector<Isa> xy = __builtin_shufflevector(
-      x, y, ((Part * L + Lane) % 3 == 1 ? L : 0) + (Part * L + Lane) / 3 ...);
-  return __builtin_shufflevector(
-      xy, z, ((Part * L + Lane) % 3 == 2 ? L + (Part * L + Lane) / 3 : Lane)...);
+  // Lane l of the result comes from pair type `Type(l)`, lane `From(l)` of its vector.
+  struct Pick {
+    static constexpr int Pair(int lane) { return (Part * L + lane) / 2; }
+    static constexpr int Type(int lane) { return Pair(lane) % 3; }
+    static constexpr int From(int lane) { return Pair(lane) / 3 * 2 + lane % 2; }
+  };
+  const Vector<Isa> xy = __builtin_shufflevector(x, y, (Lane % 2 == 0 ? Lane : L + Lane - 1)...);
+  const Vector<Isa> zx = __builtin_shufflevector(z, x, (Lane % 2 == 0 ? Lane : L + Lane)...);
+  const Vector<Isa> yz = __builtin_shufflevector(y, z, (Lane % 2 == 0 ? Lane + 1 : L + Lane)...);
+  const Vector<Isa> first = __builtin_shufflevector(xy, zx,
+                                                    (Pick::Type(Lane) == 0   ? Pick::From(Lane)
+                                                     : Pick::Type(Lane) == 1 ? L + Pick::From(Lane)
+                                                                             : Lane)...);
+  return __builtin_shufflevector(first, yz,
+                                 (Pick::Type(Lane) == 2 ? L + Pick::From(Lane) : Lane)...);
 }
 
 // Writes vector `Part` of the x, y, z of nodes first .. first + Lanes - 1 to their places in an
@@ -303,12 +345,10 @@ void KernelMatrix(const KernelInput& in, ElementVector& forces, ElementMatrix& m
 // The presence enters entries 4 and 5 squared and the sharp presence entries 6 to 9 once:
 // deliberate.
 template <class Isa>
-[[gnu::always_inline]] inline void AddResponse(const PointGroup<Isa>& group,
-                                               Vector<Isa> (&sum)[9]) {
+[[gnu::always_inline]] inline void AddResponse(const PointGroup<Isa>& group, Vector<Isa> smooth,
+                                               Vector<Isa> sharp, Vector<Isa> (&sum)[9]) {
   const Vector<Isa>(&s)[6] = group.stress;
   const Vector<Isa>(&e)[6] = group.strain;
-  const Vector<Isa> smooth = Presence<Isa>(group.scaledLevel);
-  const Vector<Isa> sharp = Presence<Isa>(SharpSlope * group.scaledLevel);
   const Vector<Isa> energy = EnergyDensity(e, s);
   const Vector<Isa> mises = VonMisesStress<Isa>(s);
   const Vector<Isa> smoothVolume = smooth * group.volume;
@@ -326,16 +366,23 @@ template <class Isa>
 
 template <class Isa, class Shape>
 void KernelResponse(const KernelInput& in, ElementResponse& response) {
+  PointFields fields;
+  ComputeFields<Isa, Shape>(in, fields);
+  alignas(64) double smooth[RulePadding], sharp[RulePadding];
+  ComputePresence<Isa>(in, fields, 1.0, smooth);
+  ComputePresence<Isa>(in, fields, SharpSlope, sharp);
   typename KinematicsTypes<Isa, Shape>::Type kin;
   if constexpr (Shape::ConstantGradient) ComputeKinematics(in, {}, kin);
   Vector<Isa> sum[9] = {};
   for (int first = 0; first < in.rule.numPoints; first += Isa::Lanes) {
-    Vector<Isa> parameter[3];
-    LoadParameter<Isa, Shape>(in, first, parameter);
-    if constexpr (!Shape::ConstantGradient) ComputeKinematics(in, parameter, kin);
+    if constexpr (!Shape::ConstantGradient) {
+      Vector<Isa> parameter[3];
+      LoadParameter<Isa>(in, first, parameter);
+      ComputeKinematics(in, parameter, kin);
+    }
     PointGroup<Isa> group;
-    ComputePointGroup<Isa, Shape>(in, first, parameter, kin, group);
-    AddResponse<Isa>(group, sum);
+    ComputePointGroup<Isa, Shape>(in, fields, first, kin, group);
+    AddResponse<Isa>(group, Load<Isa>(smooth + first), Load<Isa>(sharp + first), sum);
   }
   for (int r = 0; r < 9; ++r) response[r] = Sum<Isa>(sum[r]);
 }

@@ -50,22 +50,18 @@ template <class Shape, class Real>
   return det;
 }
 
-// Strain of the displacements: exx = sum of dN_a/dx u_a, gxy = sum of dN_a/dy u_a + dN_a/dx v_a,
-// ...
+// Strain of the displacements, from h[i][j] = du_i/dx_j = sum of u_ai dN_a/dx_j.
 template <int Nodes, class Real>
-[[gnu::always_inline]] inline void TotalStrain(const Real (&g)[3][Nodes], const ElementVector& disp,
-                                               Real (&strain)[6]) {
-  Real e[6] = {};
-  for (int a = 0; a < Nodes; ++a) {
-    const double u = disp[3 * a], v = disp[3 * a + 1], w = disp[3 * a + 2];
-    e[0] += g[0][a] * u;
-    e[1] += g[1][a] * v;
-    e[2] += g[2][a] * w;
-    e[3] += g[1][a] * u + g[0][a] * v;
-    e[4] += g[2][a] * v + g[1][a] * w;
-    e[5] += g[2][a] * u + g[0][a] * w;
-  }
-  for (int c = 0; c < 6; ++c) strain[c] = e[c];
+[[gnu::always_inline]] inline void TotalStrain(const Real (&gradient)[3][Nodes],
+                                               const ElementVector& disp, Real (&strain)[6]) {
+  Real h[3][3] = {};
+  for (int a = 0; a < Nodes; ++a)
+    for (int i = 0; i < 3; ++i)
+      for (int j = 0; j < 3; ++j) h[i][j] += gradient[j][a] * disp[3 * a + i];
+  for (int i = 0; i < 3; ++i) strain[i] = h[i][i];
+  strain[3] = h[0][1] + h[1][0];
+  strain[4] = h[1][2] + h[2][1];
+  strain[5] = h[0][2] + h[2][0];
 }
 
 // What the material carries: e_i - alpha_i T - e0_i. Shears have no thermal and no initial part.
