@@ -275,8 +275,7 @@ TEST_F(Feelem, ElementsFlaggedInBitTwoOrEightTakeNoPartInTheResponse) {
   for (int node = 0; node < 14; ++node) EXPECT_EQ(RESPONSE::AmsCounts[node], 0);
 }
 
-// --- Response against a twin that follows the definition step by step. ---
-
+// The response written down step by step.
 struct TwinSums {
   double totals[8] = {};
   double weight = 0.0, power = 0.0;
