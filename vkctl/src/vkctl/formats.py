@@ -479,35 +479,82 @@ def _option_value(text: str, option: Option) -> float | None:
     raise ValueError(text)
 
 
+@dataclass(frozen=True)
+class OptionLine:
+    """One line of the options file. `key` is None for comments, blank lines and unknown keys."""
+
+    text: str  # without its line end
+    key: str | None
+    value: float | None  # None also where a separator leaves the option as it was
+    readable: bool  # False: the solver stops here
+
+
+def parse_option_line(text: str) -> OptionLine:
+    """Read a line as the solver does: it counts as a key's line when it begins with the key."""
+    line = text[:512].strip(" \r")
+    key = next((k for k in OPTIONS if line.startswith(k)), None)
+    if key is None:
+        return OptionLine(text, None, None, True)
+    try:
+        value = _option_value(line[line.find("=") + 1 :], OPTIONS[key])
+    except ValueError:
+        return OptionLine(text, key, None, False)
+    return OptionLine(text, key, value, True)
+
+
+def read_option_lines(directory: PathLike) -> list[OptionLine]:
+    """`vk_rund_cmd.txt` line by line."""
+    text = Path(directory, OPTIONS_FILE).read_bytes().decode("latin-1")
+    return [parse_option_line(line) for line in text.split("\n")]
+
+
 def read_options(directory: PathLike) -> dict[str, float]:
     """`vk_rund_cmd.txt`: the values given there, by key, before the solver's limits.
 
     Follows the solver's reader: a line that begins with a key counts, whatever comes between the
     key and the first "="; comments, unknown keys and blank lines are passed over.
     """
-    path = Path(directory, OPTIONS_FILE)
     options: dict[str, float] = {}
-    for number, full in enumerate(path.read_text("latin-1").split("\n"), 1):
-        line = full[:512].strip(" \r")
-        key = next((k for k in OPTIONS if line.startswith(k)), None)
-        if key is None:
-            continue
-        try:
-            value = _option_value(line[line.find("=") + 1 :], OPTIONS[key])
-        except ValueError:
-            raise FormatError(path, f"line {number}: no value in {line!r}") from None
-        if value is not None:
-            options[key] = value
+    for number, line in enumerate(read_option_lines(directory), 1):
+        if not line.readable:
+            shown = line.text[:512].strip(" \r")
+            path = Path(directory, OPTIONS_FILE)
+            raise FormatError(path, f"line {number}: no value in {shown!r}")
+        if line.key is not None and line.value is not None:
+            options[line.key] = line.value
     return options
+
+
+def _option_text(key: str, value: float) -> str:
+    if key not in OPTIONS:
+        raise KeyError(f"unknown option {key!r}, known are {', '.join(OPTIONS)}")
+    return f"{key}={OPTIONS[key].type(value)!r}"
+
+
+def update_options(directory: PathLike, changes: Mapping[str, float]) -> None:
+    """Set options in `vk_rund_cmd.txt` and leave its other lines alone; made if missing.
+
+    The first line of a key takes the new value, further lines of the key are dropped.
+    """
+    path = Path(directory, OPTIONS_FILE)
+    lines = path.read_bytes().decode("latin-1").split("\n") if path.exists() else [""]
+    end = "\r" if lines[0].endswith("\r") else ""
+    waiting = {key: _option_text(key, value) + end for key, value in changes.items()}
+    kept = []
+    for line in lines:
+        key = parse_option_line(line).key
+        if key not in changes:
+            kept.append(line)
+        elif key in waiting:
+            kept.append(waiting.pop(key))
+    last = kept.pop() if kept and not kept[-1].strip("\r") else None
+    kept += [*waiting.values(), "" if last is None else last]
+    _write(path, ["\n".join(kept).encode("latin-1")])
 
 
 def write_options(directory: PathLike, options: Mapping[str, float]) -> None:
     """`vk_rund_cmd.txt` from values by key. The solver passes over unknown keys, so they raise."""
-    lines = []
-    for key, value in options.items():
-        if key not in OPTIONS:
-            raise KeyError(f"unknown option {key!r}, known are {', '.join(OPTIONS)}")
-        lines.append(f"{key}={OPTIONS[key].type(value)!r}\n")
+    lines = [_option_text(key, value) + "\n" for key, value in options.items()]
     _write(Path(directory, OPTIONS_FILE), ["".join(lines).encode("ascii")])
 
 
