@@ -704,7 +704,7 @@ def criterion(r: np.ndarray, limit: float, options: dict) -> float:
 
 def add_nodal(model, e, value, ratio, stress, mean, kept: Nodes) -> None:
     for node in model.nodes_of(e):
-        place = model.tp_index[node] - 1
+        place = int(model.tp_index[node]) - 1
         if place >= 0:
             kept.tc[place] = np.float32(float(kept.tc[place]) + value)
             kept.tc_count[place] += 1
