@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <limits>
 #include <memory>
@@ -143,6 +144,8 @@ int RunMumps(Factor& factor, int job) {
 }
 
 int Begin(Factor& factor) {
+  // SCOTCH's threads race, which gives another ordering in every run; one thread repeats itself.
+  setenv("SCOTCH_PTHREAD_NUMBER", "1", 0);
   factor.mumps.sym = 1;  // symmetric positive definite
   factor.mumps.par = 1;
   factor.mumps.comm_fortran = CommunicatorWorld;
