@@ -30,7 +30,6 @@ using RUN::NumLoadCases;
 constexpr std::string_view LogName = "vk_rund_log.txt";
 constexpr std::string_view OptionsName = "vk_rund_cmd.txt";
 constexpr int OptionsUnit = 101;
-constexpr float SaveQuality = 0.9f;  // a better solve than this leaves its displacements
 
 void ReadLoadCaseTable() {
   FILEIO_OPENREAD(FILEIO::ReadUnit, "mxs.lcdata");
@@ -114,7 +113,7 @@ void RunLoadCase(std::int32_t number) {
   VKCORE_RUNANALYSIS();
   VKCORE_COMPSAVERESPONSE();
   if (VKCORE::MatStateEnabled) WriteElementState(number);
-  if (VKCORE::SolveQuality > SaveQuality)
+  if (RUN_KEEPSDISPLACEMENTS(VKCORE::SolveQuality))
     FENOD_SAVEDISP(FILEIO::WriteUnit, FILEIO_NUMBEREDNAME("ws.sstate.", number),
                    FELOADCASE::Displacements.get());
   MarkDone(number);

@@ -29,5 +29,9 @@ inline Array<float> LoadCaseValues;          // [load case]; carried along unrea
 // and not excluded, in the order of RunOrder.
 void RUN_LOADCASES();
 
+// True when a solve of this quality leaves its displacements for a later start: more than 0.9,
+// while a warning asks for less than 0.9.
+constexpr bool RUN_KEEPSDISPLACEMENTS(float quality) { return quality > 0.9f; }
+
 // hours:minutes:seconds.milliseconds of `ticks` at `rate` ticks a second, in float32 arithmetic.
 std::string RUN_TIMETEXT(std::int64_t ticks, std::int64_t rate);
