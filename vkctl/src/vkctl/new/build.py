@@ -14,7 +14,7 @@ from ..model import LoadCase, Model
 from . import loads
 from .cases import CaseEntry, Cases, Load, Support, read_cases
 from .expression import ExpressionError
-from .mesh import Mesh, Part, PartError, counted, make_mesh
+from .mesh import Mesh, Part, PartError, counted, distinct, make_mesh
 from .read_gmsh import MeshOptions, mesh_geometry, read_msh
 from .read_inp import read_inp
 from .read_vtu import read_vtu
@@ -142,7 +142,7 @@ def _assign_materials(whole: Model, cases: Cases, sets: Sets) -> None:
         at = (*entry.where, "elements")
         for name in entry.elements:
             chosen = sets.elements(name, at) - 1
-            others = np.unique(owner[chosen])
+            others = distinct(owner[chosen])
             if taken := [titles[o - 1] for o in others if o not in (0, number)]:
                 cases.report.add(at, f"elements of {name!r} have the material {taken[0]!r} already")
             owner[chosen] = number
@@ -178,7 +178,7 @@ def _node_array(cases: Cases, sets: Sets, where: tuple[str | int, ...], name: st
 
 def _united(sets: Sets, names: tuple[str, ...], where: tuple[str | int, ...]) -> Array:
     found = [sets.nodes(name, (*where, "set")) for name in names or ("all",)]
-    return np.unique(np.concatenate(found)).astype(np.int64)
+    return distinct(np.concatenate(found)).astype(np.int64)
 
 
 def _set_level(whole: Model, cases: Cases, sets: Sets) -> None:
@@ -329,7 +329,7 @@ class _Loads:
             names = [self.sets.elements(n, (*load.where, "set")) for n in load.sets]
             chosen[:] = False
             chosen[np.concatenate(names) - 1] = True
-        for number in np.unique(materials[chosen]):
+        for number in distinct(materials[chosen]):
             entry = entries[number - 1]
             if entry.density is None:
                 text = f"[materials.{entry.material.name}] has no 'density', which gravity needs"

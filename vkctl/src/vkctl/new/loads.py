@@ -8,7 +8,7 @@ from .. import geometry
 from ..formats import HEX8, NODES_PER_TYPE, TET4, TET10, Array
 from ..model import Elements
 from .expression import Expression
-from .mesh import curved
+from .mesh import curved, determinants
 from .schema import Field
 
 # Points and weights of Gauss and Legendre on (-1, 1) and, moved, on (0, 1).
@@ -112,14 +112,13 @@ def _tet_volumes(nodes: Array, rows: Array) -> Array:
 
 
 def _tet4_shares(nodes: Array, rows: Array) -> Array:
-    shares: Array = _tet_volumes(nodes, rows)[:, None] * np.full(4, 1 / 4)
-    return shares
+    return np.repeat(_tet_volumes(nodes, rows)[:, None] / 4, 4, axis=1)
 
 
 def _tet10_shares(nodes: Array, rows: Array) -> Array:
     """Closed form (-1/20, 1/5 of the volume) where edges are straight, else integrated."""
     share = np.array((-1 / 20,) * 4 + (1 / 5,) * 6)
-    shares = _tet_volumes(nodes, rows)[:, None] * share
+    shares: Array = _tet_volumes(nodes, rows)[:, None] * share
     bent = curved(nodes, rows)
     if np.any(bent):
         shares[bent] = _integrated(nodes, rows[bent], *_tet_rule(), TET10)
@@ -157,11 +156,6 @@ def _shape(code: int, point: Array) -> Array:
 
 
 def _integrated(nodes: Array, rows: Array, points: Array, weights: Array, code: int) -> Array:
-    gradients = geometry.hex8_gradients if code == HEX8 else geometry.tet10_gradients
-    shares = np.zeros(rows.shape)
-    corners = nodes[rows - 1]
-    for point, weight in zip(points, weights, strict=True):
-        jacobian = np.einsum("ena,nb->eba", corners, gradients(point))
-        volume = np.einsum("ij,ij->i", jacobian[:, 0], np.cross(jacobian[:, 1], jacobian[:, 2]))
-        shares += weight * volume[:, None] * _shape(code, point)
+    shapes = np.array([_shape(code, point) for point in points])
+    shares: Array = (determinants(nodes, rows, code, points) * weights) @ shapes
     return shares

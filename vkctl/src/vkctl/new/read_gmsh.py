@@ -11,7 +11,7 @@ from types import ModuleType
 import numpy as np
 
 from ..formats import HEX8, TET4, TET10, Array, PathLike
-from .mesh import Part, PartError
+from .mesh import Part, PartError, distinct
 
 # Gmsh element types (its reference manual, "Node ordering"): the solver's type and the place of
 # each of the solver's nodes. Gmsh has the mid-edge nodes of 3-4 and 2-4 the other way round.
@@ -140,7 +140,7 @@ def _collect(gmsh: ModuleType) -> Part:
             _collect_block(gmsh, part, names[entity], entity, kind, tags, rows, pieces, surfaces)
     for name, found in pieces.items():
         target = part.element_sets if name.startswith("3 ") else part.node_sets
-        target[name[2:]] = np.unique(np.concatenate(found))
+        target[name[2:]] = distinct(np.concatenate(found))
     part.surfaces = dict(surfaces)
     return part
 
@@ -169,7 +169,7 @@ def _collect_block(
             surfaces[name].append(rows)
     elif dimension < 2:
         for name in names:
-            pieces[f"{dimension} {name}"].append(np.unique(rows))
+            pieces[f"{dimension} {name}"].append(distinct(rows))
     elif dimension == 3 or any(not n.startswith("surface:") for n in names):
         title = gmsh.model.mesh.getElementProperties(kind)[0]
         part.unsupported[title] = part.unsupported.get(title, 0) + len(tags)

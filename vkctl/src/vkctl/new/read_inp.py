@@ -14,7 +14,7 @@ import numpy as np
 
 from ..formats import HEX8, TET4, TET10, Array, PathLike
 from ..geometry import FACES
-from .mesh import Lookup, Part, PartError, counted, labelled
+from .mesh import Lookup, Part, PartError, counted, distinct, labelled
 
 # Both programs count the nodes of these types as the solver does.
 _SOLIDS = {"C3D4": (TET4, 4), "C3D10": (TET10, 10), "C3D8": (HEX8, 8)}
@@ -220,7 +220,7 @@ def _take_elements(deck: _Deck, section: _Section, path: PathLike) -> None:
         deck.flat.append((name, rows[:, 0], rows[:, 1:]))
     elif kind in _LINES:
         rows = _records(section, _LINES[kind] + 1, path).astype(np.int64)
-        deck.extend(deck.node_sets, name or kind, np.unique(rows[:, 1:]))
+        deck.extend(deck.node_sets, name or kind, distinct(rows[:, 1:]))
         deck.notes[f"{kind} elements left out, their nodes are a node set"] = None
         return
     else:

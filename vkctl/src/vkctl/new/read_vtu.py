@@ -7,7 +7,7 @@ from pathlib import Path
 import numpy as np
 
 from ..formats import HEX8, TET4, TET10, Array, PathLike
-from .mesh import Part, PartError
+from .mesh import Part, PartError, distinct
 
 # VTK cell types: the solver's type and the place of each of the solver's nodes. VTK counts the
 # mid-edge nodes of a tetrahedron as the solver does; a voxel counts its corners along the axes.
@@ -55,7 +55,7 @@ def _collect_cells(part: Part, grid) -> dict[int, tuple[Array, Array]]:  # type:
     types = np.asarray(grid.celltypes)
     starts, flat = np.asarray(grid.cell_offsets), np.asarray(grid.cell_connectivity)
     rows_of = {}
-    for kind in np.unique(types):
+    for kind in distinct(types):
         cells = np.flatnonzero(types == kind)
         table = {**{k: p for k, (_, p) in _SOLIDS.items()}, **_SURFACES}
         places = table.get(int(kind), list(range(_LINES_AND_POINTS.get(int(kind), 0))))
@@ -78,7 +78,7 @@ def _values(array: Array) -> Array:
     """The values of an array that names sets; none if it is data."""
     if array.ndim != 1 or array.dtype.kind not in "biu" or not len(array):
         return np.empty(0, np.int64)
-    values = np.unique(array)
+    values = distinct(array)
     return values if len(values) <= _MOST_VALUES else values[:0]
 
 
@@ -107,7 +107,7 @@ def _cell_sets(
             if kind in _LINES_AND_POINTS and np.any(chosen[cells])
         ]
         if thin:
-            part.node_sets[title] = np.unique(np.concatenate(thin))
+            part.node_sets[title] = distinct(np.concatenate(thin))
 
 
 def _point_array(part: Part, name: str, array: Array) -> None:

@@ -12,7 +12,7 @@ from ..geometry import boundary_faces, element_centroids, faces_within
 from ..model import Elements
 from . import locate
 from .cases import Cases, Names, Region, SetDefinition, SetKind
-from .mesh import Mesh, counted
+from .mesh import Mesh, counted, distinct
 from .schema import did_you_mean
 
 TOLERANCE = 1e-5  # of regions, relative to the diagonal of the bounding box
@@ -35,7 +35,7 @@ class Faces:
         """Numbers of their nodes, ascending."""
         if not len(self):
             return np.empty(0, np.int64)
-        return np.unique(np.concatenate([t.ravel() for t in self.tables]))
+        return distinct(np.concatenate([t.ravel() for t in self.tables]))
 
     def chosen(self, masks: list[Array]) -> Faces:
         """Those whose mask is set; faces keep counting as interior if any is."""
@@ -64,7 +64,7 @@ def faces_of_surface(elements: Elements, surface: list[Array], num_nodes: int) -
 
     Each face comes once, however many surface elements name it.
     """
-    nodes = np.unique(np.concatenate([t.ravel() for t in surface] or [np.empty(0, np.int64)]))
+    nodes = distinct(np.concatenate([t.ravel() for t in surface] or [np.empty(0, np.int64)]))
     candidates = faces_within(elements, nodes)
     faces, missing = Faces(), 0
     for width in (3, 4, 6):
@@ -75,7 +75,7 @@ def faces_of_surface(elements: Elements, surface: list[Array], num_nodes: int) -
         given = np.concatenate(wanted)
         found = np.concatenate(there) if there else np.empty((0, width), given.dtype)
         ids = _identities(np.concatenate((_keys(found), _keys(given))))
-        solid, flat = ids[: len(found)], np.unique(ids[len(found) :])
+        solid, flat = ids[: len(found)], distinct(ids[len(found) :])
         names, first, count = np.unique(solid, return_index=True, return_counts=True)
         hit = np.isin(names, flat)
         missing += len(flat) - int(np.count_nonzero(hit))
@@ -300,7 +300,7 @@ class Sets:
         names = ("all",) if definition.sources is None else definition.sources
         at = (*definition.where, "from")
         numbers = [pick(name, at) for name in names]
-        chosen = np.unique(np.concatenate([*numbers, np.empty(0, np.int64)])).astype(np.int64)
+        chosen = distinct(np.concatenate([*numbers, np.empty(0, np.int64)])).astype(np.int64)
         for name in definition.minus:
             chosen = np.setdiff1d(chosen, pick(name, (*definition.where, "minus")))
         chosen = chosen[self._within(definition, points[chosen - 1])]
