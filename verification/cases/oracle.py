@@ -2,10 +2,12 @@
 
 from __future__ import annotations
 
+from collections.abc import Callable
+
 import numpy as np
 from support import ccx, fem, solver
 from support.closed import push
-from support.mesh import NAMES, TYPES, Mesh, block, boundary, faces_where, model
+from support.mesh import NAMES, TYPES, Mesh, block, faces_where, model
 from support.page import Check, Result, Table, error_text
 
 from vkctl.formats import HEX8, TET4, TET10, Array
@@ -50,32 +52,97 @@ def by_solver(mesh: Mesh, order: int, root: Array, load: Array, heat: Array | No
     return solver.solve(part)[0].u
 
 
-def difference(code: int, mapping, end, order: int, warm: bool) -> float:
-    """Largest difference of a displacement component over the largest displacement.
+def gap(a: Array, b: Array) -> float:
+    """Largest difference of a component over the largest displacement."""
+    return float(np.abs(a - b).max() / np.abs(b).max())
 
-    The load is a traction on the end, or a temperature that is linear along the axes.
-    """
+
+def setting(code: int, mapping: Callable, end: Callable) -> tuple[Mesh, Array, Array]:
+    """Mesh, held nodes and the consistent forces of a traction on the end."""
     mesh = block(code, CELLS[code], mapping)
-    root = mesh.where(lambda x, y, z: x < 1e-5)
+    faces = faces_where(mesh, end)
+    load = fem.face_load(mesh, faces, lambda p, n: np.broadcast_to([0.2, -1.0, 0.5], p.shape))
+    return mesh, mesh.where(lambda x, y, z: x < 1e-5), load.astype(np.float32).astype(float)
+
+
+def other(mesh: Mesh, root: Array, load: Array, heat: Array | None = None) -> Array:
     fixed = [(node, d, 0.0) for node in root for d in range(3)]
-    heat, load = None, np.zeros_like(mesh.nodes)
-    if warm:
-        heat = mesh.nodes @ [4.0, 5.0, -3.0]
-    else:
-        faces = faces_where(mesh, end)
-        load = fem.face_load(mesh, faces, lambda p, n: np.broadcast_to([0.2, -1.0, 0.5], p.shape))
-    other = ccx.solve(mesh, E, NU, fixed, load, (EXPANSION, heat) if warm else None)
-    own = by_solver(mesh, order, root, load, heat)
-    return float(np.abs(own - other).max() / np.abs(other).max())
+    return ccx.solve(mesh, E, NU, fixed, load, None if heat is None else (EXPANSION, heat))
+
+
+def pulled(code: int) -> tuple[list[Check], list[str]]:
+    """Box and curved part under the traction, and how far the two rules are apart."""
+    name, law = NAMES[code], fem.isotropic(E, NU)
+    box = setting(code, straight, straight_end)
+    of_box = gap(by_solver(box[0], 3, *box[1:], None), other(*box))
+    mesh, root, load = setting(code, hook, hook_end)
+    foreign = other(mesh, root, load)
+    coarse, fine = (by_solver(mesh, order, root, load, None) for order in (2, 3))
+    checks = [
+        Check(f"{name}, box, against CalculiX", of_box, BOUND),
+        Check(f"{name}, curved part, rule of order 2, against CalculiX", gap(coarse, foreign), BOUND),
+        Check(
+            f"{name}, curved part, rule of order 3, against numpy",
+            gap(fine, fem.solve(mesh, law, root, load, 3)),
+            BOUND,
+        ),
+    ]
+    own = gap(fem.solve(mesh, law, root, load, 3), fem.solve(mesh, law, root, load, 2))
+    return checks, [name, error_text(gap(fine, foreign)), error_text(own)]
+
+
+def warmed(code: int) -> list[Check]:
+    """The box under a temperature that is linear in space."""
+    mesh, root, load = setting(code, straight, straight_end)
+    load, heat = 0.0 * load, (mesh.nodes @ [4.0, 5.0, -3.0]).astype(np.float32).astype(float)
+    own, foreign = by_solver(mesh, 3, root, load, heat), other(mesh, root, load, heat)
+    if code != HEX8:
+        return [Check(f"{NAMES[code]}, box, heat, against CalculiX", gap(own, foreign), BOUND)]
+    q = fem.Points(HEX8, mesh.nodes, mesh.tables[HEX8], *fem.solver_rule(HEX8, 3))
+    varying = EXPANSION * q.field(heat)
+    mean = np.broadcast_to(varying.mean(axis=1, keepdims=True), varying.shape)
+    law = fem.isotropic(E, NU)
+    by_point, by_mean = (fem.solve(mesh, law, root, load, 3, t) for t in (varying, mean))
+    return [
+        Check("8-node hexahedra, box, heat, against numpy", gap(own, by_point), BOUND),
+        Check("CalculiX against numpy with one temperature an element", gap(foreign, by_mean), BOUND),
+    ]
 
 
 def run(quick: bool) -> Result:
+    title = "CalculiX on the same meshes"
+    if not ccx.available():
+        return Result(title, TEXT, [Check("ccx is installed", 1.0, 0.0)])
     checks, rows = [], []
     for code in TYPES:
-        for part, mapping, end in (("box", straight, straight_end), ("curved part", hook, hook_end)):
-            for order in RULES:
-                print(code, part, order, *[difference(code, mapping, end, order,w) for w in (False,True)])
-    return Result("CalculiX on the same meshes", TEXT, checks, [], [])
+        found, row = pulled(code)
+        checks += found + warmed(code)
+        rows.append(row)
+    head = ["type", "solver, order 3, and CalculiX", "numpy, orders 3 and 2"]
+    caption = "Curved part, default rule: what the other rule of CalculiX makes:"
+    return Result(title, TEXT, checks, [Table(head, rows, caption)], remarks=REMARKS)
 
 
-TEXT = ""
+TEXT = """
+A box of 6 by 2 by 1.5 and a curved part, an arc of 100 degrees that widens and thickens along the
+way, held at one end and under a traction at the other, and the box under a temperature linear in
+space. The same nodes, elements and nodal forces go to CalculiX 2.20 (C3D4, C3D8, C3D10; both
+programs number the nodes of all three types alike); its table of displacements has seven digits,
+as the solver's float32 has, so that nothing below some 3e-7 can be told. Error: largest
+difference of a displacement component over the largest displacement.
+"""
+
+REMARKS = """
+The presence factor is taken out as everywhere by E / H. On a box all rules are exact and the
+default rule is compared. On the curved part rules matter: CalculiX integrates C3D8 with 2 by 2 by
+2 points and C3D10 with 4, which are the solver's rules of order 2. The solver takes order 3 where
+there is material. So the curved part is compared twice. A level of -0.5 at all nodes makes the
+solver choose order 2, with E / H(-0.5) as modulus, and both programs agree to single precision.
+The default rule is compared with numpy using that rule, and its difference to CalculiX is that of
+the two rules in numpy, shown in the table.
+
+Heat on hexahedra: CalculiX gives an 8-node element the mean of its nodal temperatures at all
+points, while the solver interpolates, which leads to differences of some percent on this coarse
+mesh. Numpy with one temperature an element gives CalculiX's answer, numpy with the interpolated
+one the solver's.
+"""

@@ -11,6 +11,8 @@ from collections.abc import Callable
 from functools import lru_cache
 
 import numpy as np
+from scipy import sparse
+from scipy.sparse.linalg import spsolve
 from scipy.special import roots_jacobi
 
 from vkctl.formats import HEX8, TET4, TET10, Array
@@ -180,6 +182,30 @@ def stiffness(points: Points, law: Array, factor: Array | float = 1.0) -> Array:
         b[:, :, row, :, axis] = value
     b = b.reshape(e, p, 6, 3 * n)
     return np.einsum("epai,ab,epbj,ep->eij", b, law, b, points.volume * factor, optimize=True)
+
+
+def solve(
+    mesh: Mesh, law: Array, fixed: Array, load: Array, order: int, free_strain: Array | None = None
+) -> Array:
+    """Displacements (n, 3) with the solver's rule of an order, the nodes `fixed` held.
+
+    `free_strain` is a normal strain [element][point] at the points of that rule.
+    """
+    code, table = mesh.only()
+    q = Points(code, mesh.nodes, table, *solver_rule(code, order))
+    dofs = (3 * table[:, :, None] + np.arange(3)).reshape(len(table), -1)
+    rows = np.repeat(dofs, dofs.shape[1], axis=1).ravel()
+    columns = np.tile(dofs, dofs.shape[1]).ravel()
+    total = sparse.csc_matrix((stiffness(q, law).ravel(), (rows, columns)))
+    right = load.astype(float).copy()
+    if free_strain is not None:
+        swelling = law[:3, :3].sum(axis=0)[0] * free_strain * q.volume
+        np.add.at(right, table, np.einsum("epnk,ep->enk", q.gradient, swelling))
+    free = np.ones(mesh.nodes.size, bool)
+    free[(3 * fixed[:, None] + np.arange(3)).ravel()] = False
+    u = np.zeros(mesh.nodes.size)
+    u[free] = spsolve(total[free][:, free], right.ravel()[free])
+    return u.reshape(-1, 3)
 
 
 def body_load(mesh: Mesh, force: Callable[[Array], Array], n: int = 4) -> Array:
