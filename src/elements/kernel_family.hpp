@@ -1,8 +1,11 @@
 // The nine kernels as one family: three shapes times forces, matrix, response.
-// Phases, in this order everywhere: geometry, field values, strain, stress, weight, accumulate. A
-// vector holds as many integration points as it has lanes up to the weights; the sums over the
-// points then run with the nodes in the lanes, so they need no sum across lanes.
+// Phases, in this order everywhere: field values, presence, geometry, strain, stress, weight,
+// accumulate. Up to the weights a vector holds as many integration points as it has lanes; the
+// force and stiffness sums over the points then run with the nodes in the lanes, so that they need
+// no sum across lanes.
 #pragma once
+
+#include <type_traits>
 
 #include "elements/kernel_laws.hpp"
 #include "elements/kernel_shapes.hpp"
@@ -22,14 +25,8 @@ struct Kinematics {
 };
 
 template <class Isa, class Shape>
-struct KinematicsTypes {
-  typedef Kinematics<Shape, Vector<Isa>> Type;
-};
-
-template <class Isa, class Shape>
-requires Shape::ConstantGradient struct KinematicsTypes<Isa, Shape> {
-  typedef Kinematics<Shape, double> Type;
-};
+using KinematicsOf = std::conditional_t<Shape::ConstantGradient, Kinematics<Shape, double>,
+                                        Kinematics<Shape, Vector<Isa>>>;
 
 template <class Shape, class Real>
 [[gnu::always_inline]] inline void ComputeKinematics(const KernelInput& in,
@@ -105,10 +102,12 @@ struct PointSets {
   static constexpr int MaxSets = Shape::ConstantGradient ? 1 : RoundUp<Isa>(Shape::MaxPoints);
   static constexpr int PaddedNodes = RoundUp<Isa>(Shape::Nodes);
 
+  typedef double Gradients[MaxSets][3][PaddedNodes];
+
   int count;
-  alignas(64) double gradient[MaxSets][3][PaddedNodes];  // 0 behind the last node
-  alignas(64) double weight[MaxSets];                    // H dV
-  alignas(64) double stress[6][MaxSets];                 // times H dV
+  alignas(64) Gradients gradient;         // 0 behind the last node
+  alignas(64) double weight[MaxSets];     // H dV
+  alignas(64) double stress[6][MaxSets];  // times H dV
 };
 
 // Turns [node] vectors over points into [point] vectors over nodes.
@@ -137,7 +136,7 @@ template <class Isa, class Shape>
   for (int first = 0; first < in.rule.numPoints; first += Isa::Lanes) {
     Vector<Isa> parameter[3];
     LoadParameter<Isa>(in, first, parameter);
-    Kinematics<Shape, Vector<Isa>> kin;
+    KinematicsOf<Isa, Shape> kin;
     ComputeKinematics(in, parameter, kin);
     StoreGradient<Isa, Shape>(kin.gradient, first, out);
     PointGroup<Isa> group;
@@ -155,7 +154,7 @@ template <class Isa, class Shape>
   ComputeFields<Isa, Shape>(in, fields);
   alignas(64) double presence[RulePadding];
   ComputePresence<Isa>(in, fields, 1.0, presence);
-  Kinematics<Shape, double> kin;
+  KinematicsOf<Isa, Shape> kin;
   ComputeKinematics(in, {}, kin);
   Vector<Isa> weightSum = {}, stressSum[6] = {};
   for (int first = 0; first < in.rule.numPoints; first += Isa::Lanes) {
@@ -296,8 +295,8 @@ template <class Isa>
 template <class Isa, class Shape>
 [[gnu::always_inline]] inline void AddNodePairs(
     const MaterialConstants& stiffness, const PointSets<Isa, Shape>& points,
-    const double (&weighted)[PointSets<Isa, Shape>::MaxSets][3][PointSets<Isa, Shape>::PaddedNodes],
-    int first, int b, ElementMatrix& matrix) {
+    const typename PointSets<Isa, Shape>::Gradients& weighted, int first, int b,
+    ElementMatrix& matrix) {
   Vector<Isa> sum[3][3] = {};
   for (int p = 0; p < points.count; ++p)
     for (int i = 0; i < 3; ++i)
@@ -312,14 +311,14 @@ template <class Isa, class Shape>
                            matrix + MaxElementDofs * (3 * b + j));
 }
 
+// The same sums for all pairs a <= b. matrix holds zeros.
 template <class Isa, class Shape>
 [[gnu::noinline]] void IntegrateMatrix(const KernelInput& in, const PointSets<Isa, Shape>& points,
                                        ElementMatrix& matrix) {
-  using Sets = PointSets<Isa, Shape>;
-  alignas(64) double weighted[Sets::MaxSets][3][Sets::PaddedNodes];
+  alignas(64) typename PointSets<Isa, Shape>::Gradients weighted;
   for (int p = 0; p < points.count; ++p)
     for (int i = 0; i < 3; ++i)
-      for (int a = 0; a < Sets::PaddedNodes; a += Isa::Lanes)
+      for (int a = 0; a < points.PaddedNodes; a += Isa::Lanes)
         Store<Isa>(weighted[p][i] + a, Load<Isa>(points.gradient[p][i] + a) * points.weight[p]);
   for (int b = 0; b < Shape::Nodes; ++b)
     for (int first = 0; first <= b; first += Isa::Lanes)
@@ -371,7 +370,7 @@ void KernelResponse(const KernelInput& in, ElementResponse& response) {
   alignas(64) double smooth[RulePadding], sharp[RulePadding];
   ComputePresence<Isa>(in, fields, 1.0, smooth);
   ComputePresence<Isa>(in, fields, SharpSlope, sharp);
-  typename KinematicsTypes<Isa, Shape>::Type kin;
+  KinematicsOf<Isa, Shape> kin;
   if constexpr (Shape::ConstantGradient) ComputeKinematics(in, {}, kin);
   Vector<Isa> sum[9] = {};
   for (int first = 0; first < in.rule.numPoints; first += Isa::Lanes) {

@@ -5,12 +5,13 @@
 #include <cstdint>
 #include <utility>
 
-// A vector type cannot be a template alias argument-wise portable between the compilers; a member
-// of a class template can.
+// Real computes; Memory and Unaligned are the same values where they lie in arrays of doubles.
 template <class Isa>
 struct VectorTypes {
   typedef double Real __attribute__((vector_size(Isa::Lanes * sizeof(double))));
-  typedef double Unaligned __attribute__((vector_size(Isa::Lanes * sizeof(double)), aligned(8)));
+  typedef double Memory __attribute__((vector_size(Isa::Lanes * sizeof(double)), may_alias));
+  typedef double Unaligned
+      __attribute__((vector_size(Isa::Lanes * sizeof(double)), aligned(8), may_alias));
   typedef std::int64_t Mask __attribute__((vector_size(Isa::Lanes * sizeof(double))));
 };
 
@@ -19,12 +20,12 @@ using Vector = typename VectorTypes<Isa>::Real;
 
 template <class Isa>
 [[gnu::always_inline]] inline Vector<Isa> Load(const double* aligned) {
-  return *reinterpret_cast<const Vector<Isa>*>(aligned);
+  return *reinterpret_cast<const typename VectorTypes<Isa>::Memory*>(aligned);
 }
 
 template <class Isa>
 [[gnu::always_inline]] inline void Store(double* aligned, Vector<Isa> v) {
-  *reinterpret_cast<Vector<Isa>*>(aligned) = v;
+  *reinterpret_cast<typename VectorTypes<Isa>::Memory*>(aligned) = v;
 }
 
 template <class Isa>
