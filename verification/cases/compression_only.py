@@ -74,7 +74,9 @@ def run(quick: bool) -> Result:
     steps = list(range(1, len(after) + 1))
     curves = {"tensionless half": (steps, after)}
     figure = Figure("compression_only", "run", "state", curves, "state over the runs", "y")
-    return Result("Compression-only states over ten restarts", TEXT, checks, [table], [figure], REMARKS)
+    return Result(
+        "Compression-only states over ten restarts", TEXT, checks, [table], [figure], REMARKS
+    )
 
 
 TEXT = """

@@ -70,9 +70,15 @@ def uniform(code: int) -> list[Check]:
     size = np.abs(wanted).max()
     stress = np.abs(warm.stress).max() / (E * EXPANSION * RISE)
     return [
-        Check(f"{NAMES[code]}, free, uniform heat", np.abs(warm.u - wanted).max() / size, HELD_BOUND),
+        Check(
+            f"{NAMES[code]}, free, uniform heat", np.abs(warm.u - wanted).max() / size, HELD_BOUND
+        ),
         Check(f"{NAMES[code]}, free, stress over E a T", stress, 2e-5),
-        Check(f"{NAMES[code]}, free, initial strain", np.abs(grown.u - wanted).max() / size, HELD_BOUND),
+        Check(
+            f"{NAMES[code]}, free, initial strain",
+            np.abs(grown.u - wanted).max() / size,
+            HELD_BOUND,
+        ),
     ]
 
 

@@ -332,7 +332,9 @@ def criteria() -> list[Check]:
             sums = rule_sums(mesh, levels, slope)
             energy = 0.5 * E * STRAIN**2 * sums["P"].sum()
             name = f"{NAMES[code]}, slope {slope:g}"
-            checks.append(compare(f"{name}, SEner by the rule", answer.totals["SEner"], energy, 1e-5))
+            checks.append(
+                compare(f"{name}, SEner by the rule", answer.totals["SEner"], energy, 1e-5)
+            )
             wanted = criterion(mesh, sums)
             found = answer.criterion[: len(wanted)]
             error = np.abs(found - wanted).max() / wanted.max()

@@ -80,7 +80,9 @@ def pulled(code: int) -> tuple[list[Check], list[str]]:
     coarse, fine = (by_solver(mesh, order, root, load, None) for order in (2, 3))
     checks = [
         Check(f"{name}, box, against CalculiX", of_box, BOUND),
-        Check(f"{name}, curved part, rule of order 2, against CalculiX", gap(coarse, foreign), BOUND),
+        Check(
+            f"{name}, curved part, rule of order 2, against CalculiX", gap(coarse, foreign), BOUND
+        ),
         Check(
             f"{name}, curved part, rule of order 3, against numpy",
             gap(fine, fem.solve(mesh, law, root, load, 3)),
@@ -105,7 +107,9 @@ def warmed(code: int) -> list[Check]:
     by_point, by_mean = (fem.solve(mesh, law, root, load, 3, t) for t in (varying, mean))
     return [
         Check("8-node hexahedra, box, heat, against numpy", gap(own, by_point), BOUND),
-        Check("CalculiX against numpy with one temperature an element", gap(foreign, by_mean), BOUND),
+        Check(
+            "CalculiX against numpy with one temperature an element", gap(foreign, by_mean), BOUND
+        ),
     ]
 
 

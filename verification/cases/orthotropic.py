@@ -72,7 +72,9 @@ def run(quick: bool) -> Result:
         warm = held_at(mesh, field).heat(np.arange(1, len(field) + 1), np.full(len(field), 100.0))
         warm.pattern = 7
         answers = solver.solve(model(mesh, [wood()], [*cases, warm]))
-        for name, answer, field in zip((*NAMES_OF_STRESS, "heat"), answers, [*wanted, field], strict=True):
+        for name, answer, field in zip(
+            (*NAMES_OF_STRESS, "heat"), answers, [*wanted, field], strict=True
+        ):
             error = np.abs(answer.u - field).max() / np.abs(field).max()
             checks.append(Check(f"{NAMES[code]}, {name}", error, 2e-5))
     return Result("Orthotropic block", TEXT, checks)

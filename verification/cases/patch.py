@@ -85,7 +85,9 @@ def run(quick: bool) -> Result:
     )
     weak = patch_error(bent, fixed, -1.0)
     checks.append(Check("10-node tetrahedra, curved edges, rule of order 2", weak, 1e-3))
-    checks.append(Check("all three types in one model, regular seam", patch_error(*mixed(0)), BOUND))
+    checks.append(
+        Check("all three types in one model, regular seam", patch_error(*mixed(0)), BOUND)
+    )
     torn = patch_error(*mixed(0.04))
     checks.append(Check("all three types in one model, distorted seam", torn, 1e-2))
     return Result("Patch tests of constant strain", TEXT, checks, remarks=REMARKS)

@@ -28,9 +28,7 @@ def octant(code: int, n: int) -> Mesh:
         direction = np.column_stack((np.ones(len(grid)), np.tan(0.25 * np.pi * grid[:, 1:])))
         return r * direction / np.linalg.norm(direction, axis=1, keepdims=True)
 
-    parts = [
-        block(code, (n, n, n), lambda g, k=k: np.roll(patch(g), k, axis=1)) for k in range(3)
-    ]
+    parts = [block(code, (n, n, n), lambda g, k=k: np.roll(patch(g), k, axis=1)) for k in range(3)]
     return merge(parts)
 
 

@@ -21,12 +21,16 @@ CELLS = {  # across, along
 }
 BOUND = {TET4: 0.05, HEX8: 0.01, TET10: 5e-4}
 # J / a^4 by the series of Timoshenko and Goodier, section 109: 0.140577
-FACTOR = (1 - 192 / math.pi**5 * sum(math.tanh(n * math.pi / 2) / n**5 for n in range(1, 40, 2))) / 3
+FACTOR = (
+    1 - 192 / math.pi**5 * sum(math.tanh(n * math.pi / 2) / n**5 for n in range(1, 40, 2))
+) / 3
 
 
 def constant(code: int, across: int, along: int) -> tuple[int, float]:
     """Nodes, and J / a^4 from the strain energy that the program reports."""
-    mesh = block(code, (across, across, along), lambda g: (g - [0.5, 0.5, 0]) * [SIDE, SIDE, LENGTH])
+    mesh = block(
+        code, (across, across, along), lambda g: (g - [0.5, 0.5, 0]) * [SIDE, SIDE, LENGTH]
+    )
     x, y, z = mesh.nodes.T
     angle = TWIST * z / LENGTH
     rigid = np.column_stack((-angle * y, angle * x, np.zeros_like(x)))

@@ -156,9 +156,7 @@ class Points:
 
 def quadrature(mesh: Mesh, n: int = 4) -> list[Points]:
     """Fine quadrature points of each type in the mesh."""
-    return [
-        Points(code, mesh.nodes, table, *rule(code, n)) for code, table in mesh.tables.items()
-    ]
+    return [Points(code, mesh.nodes, table, *rule(code, n)) for code, table in mesh.tables.items()]
 
 
 def isotropic(e: float, nu: float) -> Array:
@@ -308,8 +306,6 @@ def patch_fit(
     d = (position[chosen] - mesh.nodes[node]).reshape(-1, 3)
     d = d / np.abs(d).max()
     x, y, z = d.T
-    basis = np.column_stack(
-        (np.ones(len(d)), x, y, z, x * x, y * y, z * z, x * y, y * z, x * z)
-    )
+    basis = np.column_stack((np.ones(len(d)), x, y, z, x * x, y * y, z * z, x * y, y * z, x * z))
     fit, *_ = np.linalg.lstsq(basis, stress[chosen].reshape(-1, 6), rcond=1e-8)
     return fit[0]
