@@ -6,6 +6,7 @@ Materials, supports, loads and steps of the deck are passed over: the case file 
 from __future__ import annotations
 
 import re
+import warnings
 from collections.abc import Iterator
 from dataclasses import dataclass, field
 from pathlib import Path
@@ -155,23 +156,24 @@ def _open_scope(deck: _Deck, section: _Section, path: PathLike) -> None:
             raise PartError(f"{path}: the *INSTANCE is moved or turned, which isn't understood")
 
 
-def _numbers(text: str) -> Array:
+def _numbers(text: str, dtype: type = np.float64) -> Array:
     """All numbers of data lines, separated by commas, blanks or line ends."""
-    flat = re.sub(r"[\s,]+", " ", text).strip()
-    if not flat:
-        return np.empty(0)
-    if "d" in flat or "D" in flat:
+    flat = text.replace(",", " ")
+    if dtype is np.float64 and ("d" in flat or "D" in flat):
         flat = flat.replace("d", "e").replace("D", "e")
-    values = np.fromstring(flat, np.float64, sep=" ")
-    return values
+    if not flat or flat.isspace():
+        return np.empty(0, dtype)
+    return np.fromstring(flat, dtype, sep=" ")
 
 
-def _records(section: _Section, width: int, path: PathLike) -> Array:
+def _records(section: _Section, width: int, path: PathLike, dtype: type = np.int64) -> Array:
     """Data lines as records of `width` numbers, whatever lines they are spread over."""
     try:
-        values = _numbers(section.data)
+        with warnings.catch_warnings():
+            warnings.simplefilter("error", DeprecationWarning)
+            values = _numbers(section.data, dtype)
     except (ValueError, DeprecationWarning):
-        values = np.empty(1)
+        values = np.empty(1, dtype)
     if len(values) % width:
         raise PartError(
             f"{path}: the data below {section.first_line!r} aren't records of {width} numbers"
@@ -181,7 +183,7 @@ def _records(section: _Section, width: int, path: PathLike) -> Array:
 
 def _take_nodes(deck: _Deck, section: _Section, path: PathLike) -> None:
     try:
-        records = _records(section, 4, path)
+        records = _records(section, 4, path, np.float64)
     except PartError:
         records = _short_nodes(section, path)
     labels = records[:, 0].astype(np.int64)
@@ -211,15 +213,15 @@ def _take_elements(deck: _Deck, section: _Section, path: PathLike) -> None:
     surface = _SURFACE.match(kind)
     if solid and solid[1] in _SOLIDS:
         code, width = _SOLIDS[solid[1]]
-        rows = _records(section, width + 1, path).astype(np.int64)
+        rows = _records(section, width + 1, path)
         deck.solids.append((code, rows[:, 0], rows[:, 1:]))
         if solid[2]:
             deck.notes[f"{kind} read as {solid[1]}"] = None
     elif surface and (width := {"65": 6}.get(surface[1], int(surface[1]))) in (3, 4, 6):
-        rows = _records(section, width + 1, path).astype(np.int64)
+        rows = _records(section, width + 1, path)
         deck.flat.append((name, rows[:, 0], rows[:, 1:]))
     elif kind in _LINES:
-        rows = _records(section, _LINES[kind] + 1, path).astype(np.int64)
+        rows = _records(section, _LINES[kind] + 1, path)
         deck.extend(deck.node_sets, name or kind, distinct(rows[:, 1:]))
         deck.notes[f"{kind} elements left out, their nodes are a node set"] = None
         return
@@ -244,7 +246,7 @@ def _take_set(deck: _Deck, section: _Section, path: PathLike) -> None:
             deck.extend(sets, name, labels)
         return
     if not re.search(r"[^\d\s,.+-]", section.data):
-        deck.extend(sets, name, _numbers(section.data).astype(np.int64))
+        deck.extend(sets, name, _numbers(section.data, np.int64))
         return
     for word in re.split(r"[\s,]+", section.data.strip(" \t\n,")):
         if re.fullmatch(r"\d+", word):
