@@ -4,7 +4,9 @@ from __future__ import annotations
 
 import importlib.util
 import os
+import shutil
 import sys
+import tempfile
 from pathlib import Path
 
 import pytest
@@ -14,6 +16,19 @@ if importlib.util.find_spec("vkctl") is None:
     sys.path.insert(0, str(ROOT / "vkctl" / "src"))
 sys.path.insert(0, str(Path(__file__).parent))
 pytest.register_assert_rewrite("runs")
+
+MEMORY = Path("/dev/shm")
+ENOUGH = 1 << 30
+
+
+@pytest.hookimpl(tryfirst=True)
+def pytest_configure(config: pytest.Config) -> None:
+    """Work in memory, where syncing a file costs nothing; `--basetemp` chooses another place."""
+    if config.option.basetemp or not os.access(MEMORY, os.W_OK):
+        return
+    if shutil.disk_usage(MEMORY).free >= ENOUGH:
+        config.option.basetemp = tempfile.mkdtemp(prefix="vk_e2e_", dir=MEMORY)
+        config.add_cleanup(lambda: shutil.rmtree(config.option.basetemp, ignore_errors=True))
 
 
 @pytest.fixture(scope="session", autouse=True)
