@@ -137,11 +137,15 @@ std::string RUN_TIMETEXT(std::int64_t ticks, std::int64_t rate) {
   return std::string(text).substr(0, 16);
 }
 
-void RUN_LOADCASES() {
+void RUN_READINPUT() {
   ReadLoadCaseTable();
   ReadLoadCaseFlags();
   FEMODEL_LOAD();
   CheckRunOrder();
+}
+
+void RUN_LOADCASES() {
+  RUN_READINPUT();
   for (std::int32_t position = 1; position <= NumLoadCases; ++position)
     if (const std::int32_t number = LoadCases[Slot(position)].RunOrder; IsToRun(number))
       RunLoadCase(number);

@@ -25,7 +25,11 @@ inline Array<float> LoadCaseValues;          // [load case]; carried along unrea
 // Ends the process: status 0, or a stop code.
 [[noreturn]] void RUN_ENTRY(std::string_view directory);
 
-// Reads the load-case tables and the model, then runs every load case that is requested, not done
+// Reads the load-case tables and the model. Aborts: format number, file and allocation failures, a
+// load-case number or position without a record.
+void RUN_READINPUT();
+
+// Reads the input, then runs every load case that is requested, not done
 // and not excluded, in the order of RunOrder.
 void RUN_LOADCASES();
 

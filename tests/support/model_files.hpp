@@ -94,15 +94,19 @@ inline void WriteLoadCase(int number, const LoadCaseFile& file) {
   WriteFile(Numbered("mxs.lcmap.", number), LoadCaseBytes(file));
 }
 
+inline std::string LoadCaseRecordBytes(const std::vector<LoadCaseRecord>& records,
+                                       std::int32_t format = LoadCaseFormat) {
+  return Bytes(static_cast<std::int32_t>(records.size())) + Bytes(format) + Bytes(records);
+}
+
 inline void WriteLoadCaseTables(const LoadCaseTables& tables,
                                 std::int32_t format = LoadCaseFormat) {
-  WriteFile("mxs.lcdata", Bytes(static_cast<std::int32_t>(tables.records.size())) + Bytes(format) +
-                              Bytes(tables.records));
+  WriteFile("mxs.lcdata", LoadCaseRecordBytes(tables.records, format));
   WriteFile("mxs.lcflags", Table(tables.flags) + Bytes(tables.values));
 }
 
 // Every component of every node coupled to every other.
-inline void WriteFullStructure(std::int32_t nodes) {
+inline std::string FullStructureBytes(std::int32_t nodes) {
   const std::int32_t rows = 3 * nodes;
   std::vector<std::int32_t> columns;
   std::vector<std::int64_t> starts = {1};
@@ -110,9 +114,12 @@ inline void WriteFullStructure(std::int32_t nodes) {
     for (std::int32_t column = row; column <= rows; ++column) columns.push_back(column);
     starts.push_back(static_cast<std::int64_t>(columns.size()) + 1);
   }
-  WriteFile("mxs.sadr", Bytes(rows) + Bytes(rows) +
-                            Bytes(static_cast<std::int64_t>(columns.size())) + Bytes(columns) +
-                            Bytes(starts));
+  return Bytes(rows) + Bytes(rows) + Bytes(static_cast<std::int64_t>(columns.size())) +
+         Bytes(columns) + Bytes(starts);
+}
+
+inline void WriteFullStructure(std::int32_t nodes) {
+  WriteFile("mxs.sadr", FullStructureBytes(nodes));
 }
 
 inline NodalConstraintRecord Prescribed(std::int32_t node, std::uint16_t mask, float x = 0.0f,
