@@ -19,13 +19,13 @@ part() {
   else
     say "FAILED"
     tail -n 60 "$log" >&2
-    [ -f "$REPORTS/$name.xml" ] || lone_result "$name" 1
+    [ -f "$REPORTS/$name.xml" ] || report "$name" 1 1
   fi
 }
 
-# A report of one test, for parts that don't count their own: NAME FAILURES.
-lone_result() {
-  printf '<testsuite name="%s" tests="1" failures="%s"/>\n' "$1" "$2" >"$REPORTS/$1.xml"
+# A report for parts that count otherwise: NAME TESTS FAILURES.
+report() {
+  printf '<testsuite name="%s" tests="%s" failures="%s"/>\n' "$1" "$2" "$3" >"$REPORTS/$1.xml"
 }
 
 unit_tests() {
@@ -44,10 +44,16 @@ python_tests() {
     "$VENV/bin/python" -m pytest -q "$ROOT/vkctl/tests" --junitxml "$REPORTS/vkctl.xml"
 }
 
+# The suite ends with a line "N passed, N failed" of its own.
 verification() {
   [ -f "$ROOT/verification/run.py" ] || return 0
   part verification env VK_RUND="$ROOT/build/release/vk_rund" \
-    "$VENV/bin/python" "$ROOT/verification/run.py" --junitxml "$REPORTS/verification.xml"
+    "$VENV/bin/python" "$ROOT/verification/run.py"
+  local passed failed
+  if read -r passed _ failed _ < <(tail -n 1 "$LOGS/test-verification.log") &&
+    [[ $passed =~ ^[0-9]+$ && $failed =~ ^[0-9]+$ ]]; then
+    report verification $((passed + failed)) "$failed"
+  fi
 }
 
 # Prints the last line, "N passed, N failed"; false if any failed.
