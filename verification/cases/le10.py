@@ -4,8 +4,8 @@ from __future__ import annotations
 
 import numpy as np
 from support import fem, solver
-from support.mesh import Mesh, block, faces_where, model
-from support.page import Result
+from support.mesh import NAMES, Mesh, block, faces_where, model
+from support.page import Result, compare
 from support.recovery import Level, finest, level, series
 
 from vkctl.formats import HEX8, TET10, Array
@@ -50,20 +50,37 @@ def supports(mesh: Mesh) -> LoadCase:
     return case
 
 
-def solved(code: int, cells: tuple[int, int, int]) -> Level:
+def solved(code: int, cells: tuple[int, int, int]) -> tuple[Level, float]:
     mesh = block(code, cells, plate)
     top = faces_where(mesh, lambda x, y, z: z > THICKNESS - 1e-5)
     load = fem.face_load(mesh, top, fem.pressure(1.0))
     loaded = np.unique(top)
     case = supports(mesh).load(loaded + 1, load[loaded])
     u = solver.solve(model(mesh, [solver.solid(E, NU)], [case]))[0].u
-    return level(mesh, u, fem.isotropic(E, NU), mesh.at(D), 1)
+    return level(mesh, u, fem.isotropic(E, NU), mesh.at(D), 1), edge_stress(mesh, u)
+
+
+def edge_stress(mesh: Mesh, u: Array) -> float:
+    """Stress yy at D from the stretch of the upper inner edge and the tractions known there.
+
+    By symmetry uy / y along the edge is even in y; a quadratic through its first three nodes
+    gives the strain yy at D. Stresses xx and zz are 0 and minus the pressure.
+    """
+    x, y, z = mesh.nodes.T
+    edge = np.flatnonzero((abs((x / 2) ** 2 + y**2 - 1) < 1e-5) & (z > THICKNESS - 1e-5))
+    edge = edge[np.argsort(y[edge])][1:4]
+    _, strain = np.polyfit(y[edge] ** 2, u[edge, 1] / y[edge], 1)
+    return float(E * strain - NU * 1.0)
 
 
 def run(quick: bool) -> Result:
     take = 3 if quick else 4
-    levels = {code: [solved(code, c) for c in cells[:take]] for code, cells in CELLS.items()}
+    found = {code: [solved(code, c) for c in cells[:take]] for code, cells in CELLS.items()}
+    levels = {code: [at for at, _ in each] for code, each in found.items()}
     checks = finest(levels, TARGET, QUICK_BOUNDS if quick else BOUNDS)
+    for code, each in found.items():
+        name = f"{NAMES[code]}, stretch of the edge"
+        checks.append(compare(name, each[-1][1], TARGET, 0.05 if quick else 0.02))
     table, figure = series("le10", "stress yy at D", TARGET, levels)
     title = "NAFEMS LE10: thick plate under pressure"
     return Result(title, TEXT, checks, [table], [figure], REMARKS)
@@ -80,15 +97,19 @@ The program writes no stress components. Two recoveries from the displacements: 
 the elements at D, of the stress that each has at D itself, and a quadratic fitted by least
 squares to the stresses at the points of an element where they are most accurate (centres of
 hexahedra, the four Gauss points of 10-node tetrahedra) in the two or three rings of elements
-around D (after Zienkiewicz and Zhu, Int. J. Numer. Meth. Eng. 33, 1992, 1331-1364).
+around D (after Zienkiewicz and Zhu, Int. J. Numer. Meth. Eng. 33, 1992, 1331-1364). A third one
+for the finest meshes: E times the stretch of the upper inner edge at D plus Poisson's ratio times
+the other two normal stresses, 0 and -1 MPa, which the load gives.
 """
 
 REMARKS = """
 D is a corner of the body, so both recoveries extrapolate. The mean of hexahedra is of first
 order: from the second refinement on its error falls like the element size, and the value of the
-coarsest mesh, closer than the next one, is luck. The meshes of both types head for -5.36 to
--5.40 MPa. The fit needs the stress to be close to a quadratic over its rings, which coarse
-meshes are far from, since they put the whole thickness into them.
+coarsest mesh, closer than the next one, is luck. The fit needs the stress to be close to a
+quadratic over its rings, which coarse meshes are far from, since they put the whole thickness
+into them; it overshoots before it settles. The stretch of the edge needs no extrapolation and is
+the best of the three: on finer meshes than the suite has time for it goes to -5.40 to -5.41 MPa
+with both types (16128 tetrahedra: -5.41), about 0.5 % above the published value.
 
 The upward support acts on a line, under which displacements of a solid grow with the logarithm
 of the refinement. It moves the plate as a whole and leaves the stress at D alone.

@@ -368,8 +368,9 @@ The solver agrees with its rule to single precision everywhere. The rule itself 
 step: with the default slope H goes from 5 to 95 % within a level difference of 0.025, while 8 or
 27 points sample the whole element, so that a single cut element is off by up to a quarter (the
 free corner of a 10-node tetrahedron, whose integrand is of degree 4 before H). What matters in
-use is the sum over many cut elements: "MatVolume" of a bar cut askew is right to 1e-3 with eight
-cells along it and the errors of cut elements average out further with refinement. The bar in
+use is the sum over many cut elements: "MatVolume" of a bar cut askew is right to 4e-3 with eight
+cells along it and to 6e-4 with sixteen, and tetrahedra of both kinds give the same, since both
+take the level from their corners. The bar in
 series has one cut element and its soft end carries most of the displacement; its error falls
 with the share of that element. Volume totals use the sharp presence, a step for any slope.
 """

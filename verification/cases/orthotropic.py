@@ -68,12 +68,12 @@ def run(quick: bool) -> Result:
             case.pattern = component + 1
             cases.append(case)
             wanted.append(field)
-        field = mesh.nodes * EXPANSIONS * 100.0
-        warm = held_at(mesh, field).heat(np.arange(1, len(field) + 1), np.full(len(field), 100.0))
+        grown = mesh.nodes * EXPANSIONS * 100.0
+        warm = held_at(mesh, grown).heat(np.arange(1, len(grown) + 1), np.full(len(grown), 100.0))
         warm.pattern = 7
         answers = solver.solve(model(mesh, [wood()], [*cases, warm]))
         for name, answer, field in zip(
-            (*NAMES_OF_STRESS, "heat"), answers, [*wanted, field], strict=True
+            (*NAMES_OF_STRESS, "heat"), answers, [*wanted, grown], strict=True
         ):
             error = np.abs(answer.u - field).max() / np.abs(field).max()
             checks.append(Check(f"{NAMES[code]}, {name}", error, 2e-5))

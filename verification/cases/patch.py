@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 import numpy as np
-from support import fem, solver
+from support import solver
 from support.mesh import NAMES, TYPES, Mesh, block, boundary, merge, model, shake
 from support.page import Check, Result
 

@@ -5,7 +5,7 @@ from __future__ import annotations
 import math
 
 import numpy as np
-from support import fem, solver
+from support import solver
 from support.closed import error_figure, error_table
 from support.mesh import NAMES, TYPES, block, model
 from support.page import Result, compare

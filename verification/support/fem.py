@@ -15,7 +15,7 @@ from scipy import sparse
 from scipy.sparse.linalg import spsolve
 from scipy.special import roots_jacobi
 
-from vkctl.formats import HEX8, TET4, TET10, Array
+from vkctl.formats import HEX8, TET10, Array
 
 from .mesh import CUBE, EDGES, Mesh
 
@@ -47,8 +47,8 @@ def gauss_simplex(n: int, dimension: int = 3) -> tuple[Array, Array]:
         rules.append(((1 + x) / 2, w / 2 ** (dimension - k)))
     t = np.stack(np.meshgrid(*[r[0] for r in rules], indexing="ij"), axis=-1)
     w = np.array(1.0)
-    for k, rule in enumerate(rules):
-        w = w[..., None] * rule[1]
+    for _, of_axis in rules:
+        w = w[..., None] * of_axis
     t, left = t.reshape(-1, dimension), 1.0
     points = np.empty_like(t)
     for k in range(dimension):
@@ -71,12 +71,9 @@ def solver_rule(code: int, order: int) -> tuple[Array, Array]:
         return gauss_cube(order)
     points, weights = [], []
     for weight, a in _TET_ORBITS[order]:
-        for k in range(4):
-            point = np.full(4, a)
-            point[k] = 1 - 3 * a
-            points.append(point[1:])
-            weights.append(weight / 6)
-    return np.array(points), np.array(weights)
+        points.append(np.where(np.eye(4, dtype=bool), 1 - 3 * a, a)[:, 1:])
+        weights.append(np.full(4, weight / 6))
+    return np.concatenate(points), np.concatenate(weights)
 
 
 def rule(code: int, n: int = 4) -> tuple[Array, Array]:

@@ -84,7 +84,7 @@ class Figure:
 
     def rounded(self) -> dict[str, list[list[float]]]:
         return {
-            label: [[float(f"{v:.3g}") for v in axis] for axis in curve]
+            label: [[float(f"{v:.4g}") for v in axis] for axis in curve]
             for label, curve in self.curves.items()
         }
 

@@ -57,15 +57,13 @@ class Workplace:
         self._temporary = tempfile.TemporaryDirectory(prefix="vk-ver-")
         self.path = Path(self._temporary.name)
         self.model = model
+        model.options.setdefault("Sys.MaxNumCompThreads", 2)  # small models, many runs
         vkmodel.write(model, self.path)
 
     def solve(self) -> list[Answer]:
         """Run all requested load cases, from the states of the last run if there was one."""
         vkmodel.set_flags(self.path, clear_done=True)
-        environment = {**os.environ, "OMP_NUM_THREADS": "2"}
-        done = subprocess.run(
-            [program(), str(self.path)], capture_output=True, text=True, env=environment
-        )
+        done = subprocess.run([program(), str(self.path)], capture_output=True, text=True)
         if done.returncode:
             log = (self.path / formats.LOG_FILE).read_text("latin-1")
             raise RuntimeError(f"vk_rund stopped with {done.returncode}\n{log}")

@@ -1,0 +1,150 @@
+"""The suite's own meshes and arithmetic, checked against what is known of them."""
+
+from __future__ import annotations
+
+import math
+import sys
+from pathlib import Path
+
+import numpy as np
+import pytest
+
+HERE = Path(__file__).resolve().parent
+sys.path[:0] = [str(HERE.parent), str(HERE.parents[1] / "vkctl/src")]
+
+from support import fem, page  # noqa: E402
+from support.mesh import TYPES, block, boundary, faces_where, merge, shake, straighten  # noqa: E402
+
+from vkctl.formats import HEX8, TET4, TET10  # noqa: E402
+
+
+def twisted(grid):
+    turn = 0.4 * grid[:, 2]
+    x, y = grid[:, 0] + 0.2 * grid[:, 1], grid[:, 1]
+    return np.column_stack(
+        (x * np.cos(turn) - y * np.sin(turn), x * np.sin(turn) + y * np.cos(turn), 2 * grid[:, 2])
+    )
+
+
+@pytest.mark.parametrize("code", TYPES)
+def test_all_elements_of_a_mapped_block_have_positive_volume(code):
+    for q in fem.quadrature(block(code, (2, 3, 4), twisted)):
+        assert q.volume.min() > 0.0
+
+
+@pytest.mark.parametrize("code", TYPES)
+def test_a_mirrored_block_is_turned_to_positive_volume(code):
+    mesh = block(code, (2, 2, 2), lambda g: g * [-1.0, 1.0, 1.0])
+    assert fem.volume(mesh) == pytest.approx(1.0, rel=1e-6)
+    assert min(q.volume.min() for q in fem.quadrature(mesh)) > 0.0
+
+
+@pytest.mark.parametrize("code", TYPES)
+def test_boundary_faces_of_a_block_have_its_surface_and_point_outwards(code):
+    mesh = block(code, (2, 3, 2))
+    load = fem.face_load(mesh, boundary(*mesh.only()), lambda p, n: (p * n).sum(-1)[..., None] * n)
+    # The integral of (x . n) n: the faces at 1 have x . n = 1, the others 0.
+    assert load.sum(axis=0) == pytest.approx([1.0, 1.0, 1.0], rel=1e-6)
+
+
+@pytest.mark.parametrize("code", TYPES)
+def test_merged_blocks_share_the_faces_between_them(code):
+    parts = [block(code, (2, 2, 2), lambda g, k=k: g + [k, 0, 0]) for k in (0, 1)]
+    mesh, whole = merge(parts), block(code, (4, 2, 2), lambda g: g * [2, 1, 1])
+    assert len(mesh.nodes) == len(whole.nodes)
+    assert len(boundary(*mesh.only())) == len(boundary(*whole.only()))
+
+
+@pytest.mark.parametrize("code", TYPES)
+def test_shaking_moves_inner_nodes_only_and_keeps_the_volume(code):
+    still = block(code, (3, 3, 3))
+    moved = shake(still, 0.08)
+    outer = np.unique(boundary(*still.only()))
+    shift = np.abs(moved.nodes - still.nodes).max(axis=1)
+    assert shift[outer].max() < 1e-6
+    assert np.delete(shift, outer).max() > 0.03
+    assert fem.volume(moved) == pytest.approx(1.0, rel=1e-6)
+
+
+def test_straightened_tetrahedra_have_their_mid_edge_nodes_in_the_middle():
+    mesh = straighten(block(TET10, (1, 1, 1), twisted))
+    _, table = mesh.only()
+    middle = 0.5 * (mesh.nodes[table[:, 0]] + mesh.nodes[table[:, 1]])
+    assert np.abs(mesh.nodes[table[:, 4]] - middle).max() < 1e-6
+
+
+@pytest.mark.parametrize("code", TYPES)
+def test_shapes_sum_to_one_and_give_back_their_nodes_positions(code):
+    q = fem.quadrature(block(code, (1, 1, 1), twisted))[0]
+    assert q.shape.sum(axis=1) == pytest.approx(np.ones(len(q.shape)))
+    assert np.abs(q.gradient.sum(axis=2)).max() < 1e-10
+
+
+@pytest.mark.parametrize(("a", "b", "c"), [(0, 0, 0), (1, 2, 1), (3, 0, 2), (2, 2, 3)])
+def test_the_simplex_rule_integrates_monomials_exactly(a, b, c):
+    points, weights = fem.gauss_simplex(4)
+    f = math.factorial
+    exact = f(a) * f(b) * f(c) / f(a + b + c + 3)
+    assert (points ** [a, b, c]).prod(axis=1) @ weights == pytest.approx(exact)
+
+
+def largest_error(points, weights, degree):
+    """Of the integrals of all monomials x^a y^b z^c of a degree over the unit simplex."""
+    f, errors = math.factorial, []
+    for a in range(degree + 1):
+        for b in range(degree + 1 - a):
+            c = degree - a - b
+            exact = f(a) * f(b) * f(c) / f(degree + 3)
+            errors.append(abs((points ** [a, b, c]).prod(axis=1) @ weights / exact - 1))
+    return max(errors)
+
+
+@pytest.mark.parametrize("order", [2, 3])
+def test_the_tetrahedron_rules_are_exact_to_the_degree_of_their_order_and_not_beyond(order):
+    rule = fem.solver_rule(TET4, order)
+    assert all(largest_error(*rule, degree) < 1e-12 for degree in range(order + 1))
+    assert largest_error(*rule, order + 1) > 1e-3
+
+
+@pytest.mark.parametrize("code", TYPES)
+def test_a_pressure_on_a_closed_surface_has_no_resultant(code):
+    mesh = block(code, (2, 2, 2), twisted)
+    load = fem.face_load(mesh, boundary(*mesh.only()), fem.pressure(3.0))
+    assert np.abs(load.sum(axis=0)).max() < 1e-6 * np.abs(load).max()
+
+
+def test_a_pressure_pushes_against_the_outward_normal():
+    mesh = block(HEX8, (2, 2, 2))
+    top = faces_where(mesh, lambda x, y, z: z > 1 - 1e-5)
+    load = fem.face_load(mesh, top, fem.pressure(3.0))
+    assert load.sum(axis=0) == pytest.approx([0.0, 0.0, -3.0])
+
+
+@pytest.mark.parametrize("code", TYPES)
+def test_rigid_motions_have_no_forces_and_the_matrix_is_symmetric(code):
+    mesh = block(code, (1, 1, 1), twisted)
+    q = fem.quadrature(mesh)[0]
+    matrix = fem.stiffness(q, fem.isotropic(1000.0, 0.3))
+    turn = np.cross([0.3, -0.2, 0.5], mesh.nodes[q.table]) + [1.0, 2.0, 3.0]
+    force = np.einsum("eij,ej->ei", matrix, turn.reshape(len(turn), -1))
+    assert np.abs(force).max() < 1e-9 * np.abs(matrix).max()
+    assert np.abs(matrix - matrix.transpose(0, 2, 1)).max() < 1e-12 * np.abs(matrix).max()
+
+
+@pytest.mark.parametrize("code", (HEX8, TET10))
+def test_both_recoveries_give_a_linear_stress_field_of_quadratic_elements(code):
+    mesh = block(code, (4, 4, 4))
+    x = mesh.nodes
+    u = np.column_stack((x[:, 0] ** 2, np.zeros(len(x)), np.zeros(len(x))))
+    law, node = fem.isotropic(1.0, 0.0), mesh.at((1, 0, 0))
+    rings = 3 if code == HEX8 else 2
+    assert fem.patch_fit(mesh, u, law, node, None, rings)[0] == pytest.approx(2.0, rel=1e-5)
+    if code == TET10:
+        assert fem.nodal_average(mesh, u, law, node)[0] == pytest.approx(2.0, rel=1e-5)
+
+
+def test_a_comparison_with_not_a_number_fails():
+    assert not page.Check("", math.nan, 1.0).passed
+    assert not page.compare("", math.inf, 1.0, 1.0).passed
+    assert page.compare("", 1.01, 1.0, 0.02).passed
+    assert not page.compare("", 1.03, 1.0, 0.02).passed
