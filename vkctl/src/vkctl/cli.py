@@ -9,7 +9,7 @@ from typing import Annotated
 import typer
 from rich.console import Console
 
-from . import boxes, commands_run, commands_view, demo, formats, model
+from . import boxes, commands_optimise, commands_run, commands_view, demo, formats, model
 from .new.command import new_command
 
 app = typer.Typer(
@@ -95,3 +95,4 @@ app.command("new")(new_command)
 
 commands_run.register(app)
 commands_view.register(app)
+commands_optimise.register(app)

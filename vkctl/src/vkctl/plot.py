@@ -8,6 +8,7 @@ from typing import Any, Literal, get_args
 
 import numpy as np
 import pyvista
+from vtkmodules.vtkCommonCore import vtkLogger
 
 from .formats import Array, PathLike
 from .grid import has_boundary, part_surface, point_fields, solved_or_fail
@@ -65,6 +66,8 @@ def draw(
     rest = surface.copy()
     if "displacement" in surface.point_data:
         surface.points = surface.points + scale * surface.point_data["displacement"]
+    # Without a screen VTK warns once and draws in memory, which is what is wanted.
+    vtkLogger.SetStderrVerbosity(vtkLogger.VERBOSITY_ERROR)
     plotter = pyvista.Plotter(off_screen=True, window_size=list(view.size))
     plotter.set_background("white")
     plotter.add_mesh(

@@ -1,0 +1,54 @@
+"""The part over the steps: a .pvd series of its surface, and an animation."""
+
+from __future__ import annotations
+
+from pathlib import Path
+
+from ..export import write_series
+from ..formats import PathLike
+from ..grid import part_surface
+from ..plot import View, draw
+from . import history
+from .loop import model_at
+
+MOST_FRAMES = 40
+_FRAME = View(field="level", size=(900, 600))
+_FRAME_MILLISECONDS = 150
+_LAST_MILLISECONDS = 2000
+
+
+def shown_steps(steps: int, most: int = MOST_FRAMES) -> list[int]:
+    """At most `most` of the steps 1 .. `steps`, evenly spread, the last one always."""
+    stride = -(-steps // most)
+    return sorted({*range(1, steps + 1, stride), steps} - {0})
+
+
+def write_part_series(directory: PathLike, steps: int) -> Path:
+    """Surface of the part after each shown step, as .vtp files and their .pvd."""
+    target = history.folder_of(directory) / history.SERIES
+    target.with_suffix("").mkdir(exist_ok=True)
+    entries = []
+    for step in shown_steps(steps):
+        path = target.with_suffix("") / f"step_{step:04d}.vtp"
+        part_surface(model_at(directory, step)).save(path)
+        entries.append((float(step), path))
+    write_series(target, entries)
+    return target
+
+
+def write_animation(directory: PathLike, steps: int, most: int = MOST_FRAMES) -> Path:
+    """A .gif of the part over the steps."""
+    from PIL import Image
+
+    folder = history.folder_of(directory)
+    frames = []
+    for step in shown_steps(steps, most):
+        picture = folder / f"frame_{step:04d}.png"
+        draw(model_at(directory, step), {}, picture, _FRAME, f"step {step}")
+        with Image.open(picture) as image:
+            frames.append(image.convert("P", palette=Image.Palette.ADAPTIVE))
+        picture.unlink()
+    target = folder / history.ANIMATION
+    durations = [_FRAME_MILLISECONDS] * (len(frames) - 1) + [_LAST_MILLISECONDS]
+    frames[0].save(target, save_all=True, append_images=frames[1:], duration=durations, loop=0)
+    return target

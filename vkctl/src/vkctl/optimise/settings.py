@@ -1,0 +1,89 @@
+"""Settings of the optimisation loop, from the table [optimise] of a case file."""
+
+from __future__ import annotations
+
+from dataclasses import dataclass, field
+from typing import Literal, get_args
+
+from ..formats import PathLike
+from ..new.schema import Report, Table, did_you_mean, load
+
+Combine = Literal["weighted", "worst"]
+
+
+@dataclass
+class Settings:
+    """How the loop works; every value can be given in the case file's table [optimise].
+
+    `volume` is the target part of the design volume. `radius` of smoothing is a length; if not
+    given it is 1.5 times the mean distance of neighbouring nodes. `move` is the part of the way
+    that the level field goes in a step, `reduction` the part of the design volume that is taken
+    away in a step until the target is met; if not given the target is met after half the steps.
+    `keep` names sets that stay material. `tolerance` ends the loop: the mean objective of five
+    steps differs from that of the five before by less than this part of it.
+
+    `combine`: "weighted" adds the load cases' criteria times their weights, which makes for the
+    least weighted sum of strain energies; "worst" takes at each point the largest of the criteria,
+    each relative to its load case's mean and times its weight, so that no load case is starved.
+    """
+
+    volume: float = 0.5
+    steps: int = 60
+    radius: float | None = None
+    move: float = 0.3
+    reduction: float | None = None
+    combine: Combine = "weighted"
+    weights: dict[str, float] = field(default_factory=dict)  # by load-case name; others 1.0
+    keep: tuple[str, ...] = ()
+    tolerance: float = 1e-3
+
+    def step_reduction(self) -> float:
+        """Part of the design volume taken away in a step."""
+        if self.reduction is not None:
+            return self.reduction
+        return (1.0 - self.volume) / max(self.steps / 2, 1.0)
+
+
+def read_settings(path: PathLike) -> Settings:
+    """Settings of a case file; CaseFileError tells all mistakes of the table at once."""
+    top, report = load(path)
+    settings = Settings()
+    if table := top.table("optimise"):
+        names = _case_names(top)
+        settings = _settings(table, names, report)
+        table.done()
+    report.finish()
+    return settings
+
+
+def _case_names(top: Table) -> list[str]:
+    return [entry.text("name", "") for entry in top.table_list("load_case")]
+
+
+def _settings(table: Table, names: list[str], report: Report) -> Settings:
+    default = Settings()
+    combine = table.choice("combine", get_args(Combine), default.combine)
+    settings = Settings(
+        volume=table.number("volume", default.volume, above=0),
+        steps=table.integer("steps", default.steps, 1),
+        radius=table.number("radius", None, above=0),
+        move=table.number("move", default.move, above=0),
+        reduction=table.number("reduction", None, above=0),
+        combine="worst" if combine == "worst" else "weighted",
+        keep=table.names("keep"),
+        tolerance=table.number("tolerance", default.tolerance, above=0),
+    )
+    for key, value in (("volume", settings.volume), ("move", settings.move)):
+        if value is not None and value > 1:
+            table.problem(key, f"must be at most 1, not {value:g}")
+    if weights := table.table("weights"):
+        for name in list(weights.data):
+            settings.weights[name] = weights.number(name, 1.0, above=0)
+            if name not in names:
+                report.add(
+                    weights.where(name),
+                    f"no load case is named {name!r}",
+                    did_you_mean(name, names),
+                )
+        weights.done()
+    return settings
