@@ -502,10 +502,17 @@ def test_counts_that_overwrite_each_other_may_shrink_the_model(tmp_path):
 def test_a_load_case_above_9999_has_asterisks_in_its_file_names(tmp_path):
     count = 12345
     model, mesh = part()
-    model.load_cases = [LoadCase(flags=0) for _ in range(count)]
-    model.load_cases[-1] = pulled(mesh)
-    written(tmp_path, model)
-    expected = solves(tmp_path)
+    directory = written(tmp_path, model, pulled(mesh))
+    Path(directory, "mxs.lcmap.0001").rename(Path(directory, "mxs.lcmap.****"))
+    records = np.zeros((count, 260), "<i4")
+    records[:, 2] = np.arange(1, count + 1)
+    records[-1, :2] = 1
+    flags = np.zeros(1 + 2 * count, "<i4")
+    flags[[0, count]] = (count, 1)
+    Path(directory, "mxs.lcflags").write_bytes(flags.tobytes())
+    header = np.array((count, 128), "<i4")
+    Path(directory, "mxs.lcdata").write_bytes(header.tobytes() + records.tobytes())
+    expected = solves(directory)
     assert [c.number for c in expected.cases] == [count]
     stems = ("amsval", "comval", "disval", "sstate", "tcval")
     assert sorted(p.name for p in tmp_path.glob("ws.*")) == [f"ws.{s}.****" for s in stems]
