@@ -90,7 +90,7 @@ def mesh_geometry(path: PathLike, options: MeshOptions) -> Part:
     with _session(options.threads) as gmsh:
         try:
             _load_geometry(gmsh, path)
-            if not gmsh.model.mesh.getElements(3)[0]:
+            if not len(gmsh.model.mesh.getElements(3)[0]):
                 _mesh(gmsh, options)
         except PartError:
             raise

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import warnings
 from pathlib import Path
 
 import numpy as np
@@ -31,7 +32,9 @@ def read_vtu(path: PathLike) -> Part:
     import pyvista
 
     try:
-        grid = pyvista.read(Path(path))
+        with warnings.catch_warnings():  # of a damaged file, which gives no grid
+            warnings.simplefilter("ignore")
+            grid = pyvista.read(Path(path))
     except Exception as error:
         raise PartError(f"{path}: can't be read as a VTK file: {error}") from None
     if not isinstance(grid, pyvista.UnstructuredGrid):

@@ -145,6 +145,8 @@ class Table:
         self.report.add(self.where(key, *more), f"{key} in {self.label} {text}", suggestion)
 
     def has(self, key: str) -> bool:
+        """Whether the table has a key, which is thereby a known one."""
+        self._seen.append(key)
         return key in self.data
 
     def _take(self, key: str, default: Any) -> tuple[bool, Any]:
@@ -283,7 +285,9 @@ class Table:
     def field(self, key: str, default: Field | None | _Required = REQUIRED) -> Any:
         """A number, or a formula of x, y and z in quotes."""
         given, value = self._take(key, default)
-        return self._field(value, (key,)) if given else (0.0 if value is None else value)
+        if given:
+            return self._field(value, (key,))
+        return 0.0 if isinstance(default, _Required) else default
 
     def field_vector(self, key: str) -> tuple[Field, Field, Field]:
         """Three numbers or formulas."""

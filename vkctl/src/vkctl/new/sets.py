@@ -12,6 +12,7 @@ from ..geometry import boundary_faces, element_centroids, faces_within
 from ..model import Elements
 from . import locate
 from .cases import Cases, Names, Region, SetDefinition, SetKind
+from .expression import ExpressionError
 from .mesh import Mesh, counted, distinct
 from .schema import did_you_mean
 
@@ -316,7 +317,10 @@ class Sets:
         for region in definition.regions:
             mask &= _excess(region, points) <= self._tolerance(region)
         if definition.formula and len(points):
-            mask &= definition.formula(points) != 0
+            try:
+                mask &= definition.formula(points) != 0
+            except ExpressionError as error:
+                self.report.add((*definition.where, "where"), str(error))
         return mask
 
     def _tolerance(self, region: Region) -> float:
