@@ -166,7 +166,7 @@ void SetCounters(benchmark::State& state, double flops) {
   state.counters["elements/s"] = Counter(1.0, Counter::kIsIterationInvariantRate);
   state.counters["flop/element"] = flops;
   state.counters["FLOP/s"] = Counter(flops, Counter::kIsIterationInvariantRate);
-  state.counters["peak"] = Counter(flops / Peak(), Counter::kIsIterationInvariantRate);
+  state.counters["share of peak"] = Counter(flops / Peak(), Counter::kIsIterationInvariantRate);
 }
 
 void BM_Kernel(benchmark::State& state, const Shape& shape, Kind kind) {
