@@ -219,7 +219,8 @@ void SLEPARDISOSOLVER_PREPARE() {
   PardisoErrorText.assign(ErrorTextLength, ' ');
   SetParameters();
   const bool automatic = SOLVERSTA::IMode == SOLVERSTA::ModeAutomatic;
-  float budget = automatic ? VKCORE::RunOptions.AvailableMemGB : 0.0f;
+  // Zero and less stand for no budget.
+  float budget = automatic ? std::max(VKCORE::RunOptions.AvailableMemGB, 0.0f) : 0.0f;
   PardisoFactorHeld = true;
   FactorOnPresentPath(budget);
   if (!automatic) {
