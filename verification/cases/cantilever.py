@@ -91,6 +91,6 @@ REMARKS = """
 The exact field keeps the root's edges at y = -1, 0 and 1 in their plane, so the section between
 them warps and has a mean rotation of -P D^2 / (30 E I), while beam theory holds a section whose
 mean rotation is zero. With that rotation taken out the exact field gives the factor 5/6 to the
-last digit: 1/6 + 1/30 = 1/5. Linear tetrahedra are known to be far too stiff in bending; four
+last digit: 1/6 + 1/30 = 1/5. Linear tetrahedra are known to be far too stiff in bending; two
 refinements more would be needed for what 10-node tetrahedra give with the fewest nodes.
 """
