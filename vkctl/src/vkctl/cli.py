@@ -9,7 +9,16 @@ from typing import Annotated
 import typer
 from rich.console import Console
 
-from . import boxes, commands_optimise, commands_run, commands_view, demo, formats, model
+from . import (
+    boxes,
+    commands_check,
+    commands_optimise,
+    commands_run,
+    commands_view,
+    demo,
+    formats,
+    model,
+)
 from .new.command import new_command
 
 app = typer.Typer(
@@ -94,5 +103,6 @@ app.command("new")(new_command)
 
 
 commands_run.register(app)
+commands_check.register(app)
 commands_view.register(app)
 commands_optimise.register(app)

@@ -4,7 +4,7 @@ from __future__ import annotations
 
 from enum import StrEnum
 from pathlib import Path
-from typing import Annotated, cast
+from typing import Annotated
 
 import typer
 from rich.console import Console
@@ -48,7 +48,7 @@ def run_command(
     be found or executed, 2 where the directory can't be run on.
     """
     console = Console(highlight=False)
-    chosen = None if mode is None else cast(Mode, mode.value)
+    chosen: Mode | None = None if mode is None else mode.value
     try:
         with shown(console) as show:
             result = run(directory, threads=threads, mode=chosen, vk_rund=vk_rund, on_progress=show)

@@ -447,6 +447,12 @@ class Option:
     low: float | None = None
     high: float | None = None
 
+    def clamp(self, value: float) -> float:
+        """The value that the solver takes for a given one."""
+        if self.low is not None and value < self.low:
+            return self.low
+        return self.high if self.high is not None and value > self.high else value
+
 
 # In the order in which the solver compares a line with the keys.
 OPTIONS: dict[str, Option] = {

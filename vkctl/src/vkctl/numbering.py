@@ -16,9 +16,14 @@ def tables_by_type(tables: ElementTables) -> dict[int, Array]:
 
 
 def active_elements(tables: ElementTables, flags: Array) -> Array:
-    """Elements that take part, bool (m,): of a known type and not left out by their flags."""
-    known = np.isin(tables.records["TypeCode"], list(formats.NODES_PER_TYPE))
-    active: Array = known & (flags[: len(known)] & EXCLUDED == 0)
+    """Elements that take part, bool (m,): of a known type and not left out by their flags.
+
+    Elements beyond the end of the flags take no part.
+    """
+    codes = tables.records["TypeCode"][: len(flags)]
+    active = np.zeros(len(tables.records), np.bool_)
+    active[: len(codes)] = np.isin(codes, list(formats.NODES_PER_TYPE))
+    active[: len(codes)] &= flags[: len(codes)] & EXCLUDED == 0
     return active
 
 

@@ -1,0 +1,247 @@
+"""Reads what there is of a working directory and reports files that can't be read as they are."""
+
+from __future__ import annotations
+
+from collections.abc import Callable, Iterator
+from dataclasses import dataclass, field
+from functools import cached_property, partial
+from pathlib import Path
+from typing import Any
+
+import numpy as np
+
+from .. import formats
+from ..formats import HEX8, TET4, TET10, Array, ElementTables, LoadCaseMap, OptionLine, RawStructure
+from ..numbering import active_elements, tables_by_type
+from .findings import Finding, error, note, warning
+
+_DIRECTIONS = 7  # bits of a DofMask
+LARGEST_NUMBER = 9999  # of a load case: its file names have four digits
+
+
+@dataclass
+class Mesh:
+    """Active elements whose indices are in range, by type, and the nodes they use."""
+
+    nodes: Array  # float64 (n, 3)
+    active: Array  # bool per element
+    valid: Array  # bool per element: active, and every index in range
+    blocks: dict[int, tuple[Array, Array]]  # type code: element numbers, node numbers (k, width)
+    used: Array  # bool per node
+
+    @cached_property
+    def extent(self) -> float:
+        """Largest dimension of the used nodes."""
+        points = self.nodes[self.used & np.isfinite(self.nodes).all(axis=1)]
+        return float(np.ptp(points, axis=0).max()) if len(points) else 0.0
+
+
+@dataclass
+class Inputs:
+    """The files of a directory; None for what can't be read."""
+
+    directory: Path
+    materials: Array | None = None
+    nodes: Array | None = None  # float32 (n, 3)
+    tables: ElementTables | None = None
+    node_flags: Array | None = None
+    tp_index: Array | None = None
+    element_flags: Array | None = None
+    tp: Array | None = None
+    structure: RawStructure | None = None
+    load_cases: Array | None = None
+    flags: Array | None = None
+    maps: dict[int, LoadCaseMap] = field(default_factory=dict)
+    options: list[OptionLine] | None = None
+
+    @cached_property
+    def option_values(self) -> dict[str, float]:
+        """Option values as the solver has them: defaults, given values, limits applied."""
+        values = {key: option.default for key, option in formats.OPTIONS.items()}
+        for line in self.options or []:
+            if line.key is not None and line.value is not None:
+                values[line.key] = formats.OPTIONS[line.key].clamp(line.value)
+        return values
+
+    @cached_property
+    def node_count(self) -> int:
+        """Nodes that every table of nodes has."""
+        tables = (self.nodes, self.node_flags, self.tp_index)
+        return min((len(table) for table in tables if table is not None), default=0)
+
+    @cached_property
+    def mesh(self) -> Mesh | None:
+        """The mesh, if its files could be read."""
+        if self.nodes is None or self.tables is None or self.element_flags is None:
+            return None
+        count = min(len(self.tables.records), len(self.element_flags))
+        records = self.tables.records[:count]
+        active = active_elements(self.tables, self.element_flags)[:count]
+        valid = active.copy()
+        if self.materials is not None:
+            valid &= _within(records["MaterialIndex"], len(self.materials))
+        blocks, used = {}, np.zeros(len(self.nodes), np.bool_)
+        for code, table in tables_by_type(self.tables).items():
+            chosen = valid & (records["TypeCode"] == code)
+            valid[chosen] = _within(records["ConnIndex"][chosen], len(table))
+            numbers = np.flatnonzero(valid & chosen)
+            rows = table[records["ConnIndex"][numbers] - 1]
+            sound = _within(rows, self.node_count).all(axis=1)
+            valid[numbers[~sound]] = False
+            blocks[code] = numbers[sound] + 1, rows[sound]
+            used[blocks[code][1] - 1] = True
+        return Mesh(self.nodes.astype(np.float64), active, valid, blocks, used)
+
+    @cached_property
+    def sequence(self) -> list[int]:
+        """Static load cases in run order that are requested and not excluded, done or not."""
+        if self.load_cases is None or self.flags is None:
+            return []
+        numbers = []
+        for number in self.load_cases["RunOrder"][: len(self.flags)].tolist():
+            if not 1 <= number <= min(len(self.load_cases), len(self.flags)):
+                continue
+            static = self.load_cases["Kind"][number - 1] == formats.LOADCASE_STATIC
+            word = int(self.flags[number - 1])
+            wanted = word & formats.LOADCASE_REQUESTED and not word & formats.LOADCASE_EXCLUDED
+            if static and wanted and number not in numbers:
+                numbers.append(number)
+        return numbers
+
+    @cached_property
+    def to_run(self) -> list[int]:
+        """What the next run works on."""
+        assert self.flags is not None or not self.sequence
+        done = formats.LOADCASE_DONE
+        return [n for n in self.sequence if self.flags is not None and not self.flags[n - 1] & done]
+
+    @cached_property
+    def sound_maps(self) -> list[int]:
+        """Load cases of the sequence whose file is there and names only nodes that are there."""
+        sound = []
+        for number in self.sequence:
+            sections = self.maps.get(number)
+            if sections is not None and all(
+                _within(rows["Node"], self.node_count).all()
+                for rows in (acting(sections.constraints), sections.forces2, sections.forces3)
+            ):
+                sound.append(number)
+        return sound
+
+    def pattern(self, number: int) -> int:
+        """Constraint pattern of a load case."""
+        assert self.load_cases is not None
+        return int(self.load_cases["PatternIndex"][number - 1])
+
+
+def acting(constraints: Array) -> Array:
+    """Constraint rows that act in some direction; nobody follows the others."""
+    rows: Array = constraints[constraints["DofMask"] & _DIRECTIONS != 0]
+    return rows
+
+
+def _within(numbers: Array, count: int) -> Array:
+    inside: Array = (numbers >= 1) & (numbers <= count)
+    return inside
+
+
+_WIDTHS = {TET4: 4, HEX8: 8, TET10: 10}
+
+# Attribute of Inputs: file, reader, bytes that the content takes in the file.
+_Row = tuple[str, Callable[[Path], Any], Callable[[Any], int]]
+_TABLES: dict[str, _Row] = {
+    "materials": ("mx.mats", formats.read_materials, lambda v: 8 + v.nbytes),
+    "nodes": ("mx.nodes", formats.read_nodes, lambda v: 8 + v.nbytes),
+    "tables": (
+        "mx.elems",
+        formats.read_elements,
+        lambda v: 20 + v.records.nbytes + v.tet4.nbytes + v.hex8.nbytes + v.tet10.nbytes,
+    ),
+    "node_flags": ("mxs.nodeflags", formats.read_node_flags, lambda v: 4 + v.nbytes),
+    "tp_index": ("mxs.tpadr", formats.read_tp_index, lambda v: 4 + v.nbytes),
+    "element_flags": ("mxs.elemflags", formats.read_element_flags, lambda v: 4 + v.nbytes),
+    "tp": ("mxs.tp", formats.read_tp, lambda v: 4 + v.nbytes),
+    "structure": (
+        "mxs.sadr",
+        formats.read_structure,
+        lambda v: 16 + (v.columns.nbytes + v.row_start.nbytes if v.num_rows > 0 else 0),
+    ),
+    "load_cases": ("mxs.lcdata", formats.read_loadcases, lambda v: 8 + v.nbytes),
+    "flags": ("mxs.lcflags", lambda d: formats.read_loadcase_flags(d)[0], lambda v: 4 + 8 * len(v)),
+}
+
+
+def read_inputs(directory: Path) -> tuple[Inputs, list[Finding]]:
+    """Everything that can be read, and what is to be said about the files."""
+    inputs, findings = Inputs(directory), []
+    for attribute, (name, reader, size) in _TABLES.items():
+        content, found = _read(directory, name, reader, size)
+        setattr(inputs, attribute, content)
+        findings += found
+    inputs.options, found = _read(directory, formats.OPTIONS_FILE, formats.read_option_lines, None)
+    findings += found
+    findings += _read_maps(inputs)
+    findings += _unfinished(directory)
+    return inputs, findings
+
+
+def _read(
+    directory: Path,
+    name: str,
+    reader: Callable[[Path], Any],
+    size: Callable[[Any], int] | None,
+) -> tuple[Any, list[Finding]]:
+    try:
+        content = reader(directory)
+        bytes_there = Path(directory, name).stat().st_size
+    except (OSError, formats.FormatError) as trouble:
+        return None, [_file_finding(name, trouble)]
+    extra = bytes_there - size(content) if size is not None else 0
+    if extra <= 0:
+        return content, []
+    text = f"{name} has {extra} bytes behind what its counts announce."
+    hint = "They are not read; a count may be wrong, or the file be of another format."
+    return content, [warning("file-long", text, name, hint)]
+
+
+def _file_finding(name: str, trouble: Exception) -> Finding:
+    if isinstance(trouble, FileNotFoundError):
+        hint = "An empty file takes all defaults." if name == formats.OPTIONS_FILE else ""
+        return error("file-missing", f"{name} is missing.", name, hint)
+    if isinstance(trouble, formats.ShortFileError):
+        text = f"{name} is too short: {trouble.reason}."
+        return error("file-short", text, name, "It was cut off, or a count in it is wrong.")
+    if isinstance(trouble, formats.FormatError):
+        return error("format-number", f"{name}: {trouble.reason}.", name, "Prepare it anew.")
+    reason = trouble.strerror if isinstance(trouble, OSError) else str(trouble)
+    return error("file-unreadable", f"{name} can't be read: {reason}.", name)
+
+
+def _read_maps(inputs: Inputs) -> Iterator[Finding]:
+    """The load-case files; those of load cases that won't run may be missing."""
+    for number in inputs.sequence:
+        if number > LARGEST_NUMBER:
+            continue
+        name = formats.numbered("mxs.lcmap", number)
+        if number not in inputs.to_run and not Path(inputs.directory, name).exists():
+            continue
+        content, found = _read(
+            inputs.directory,
+            name,
+            partial(formats.read_loadcase_map, number=number),
+            lambda v: 16 + sum(p.nbytes for p in (v.constraints, v.forces2, v.forces3, v.scalars)),
+        )
+        if content is not None:
+            inputs.maps[number] = content
+        yield from found
+
+
+def _unfinished(directory: Path) -> list[Finding]:
+    """What a killed run leaves of a file it was replacing."""
+    names = sorted(
+        path.name for path in directory.glob("*~") if path.name.startswith(("ws.", "mx"))
+    )
+    if not names:
+        return []
+    text = f"Left over from a killed run: {', '.join(names)}."
+    return [note("file-unfinished", text, names[0], "The next run clears it away.")]

@@ -1,0 +1,73 @@
+"""The options file: what the solver would refuse, clamp, pass over or read otherwise."""
+
+from __future__ import annotations
+
+import difflib
+import os
+from collections.abc import Iterator
+
+from .. import formats
+from ..formats import OPTIONS, OPTIONS_FILE, OptionLine
+from .findings import Finding, error, note, warning
+from .inputs import Inputs
+
+_LONGEST_LINE = 512
+_MOST_THREADS = 16
+
+
+def check_options(inputs: Inputs) -> Iterator[Finding]:
+    """Findings on `vk_rund_cmd.txt`, line by line, then on the values together."""
+    seen: set[str] = set()
+    for number, line in enumerate(inputs.options or [], 1):
+        where = f"{OPTIONS_FILE}, line {number}"
+        text = line.text.strip(" \r\t")
+        if not text or line.text.lstrip(" ").startswith("*"):
+            continue
+        if len(line.text.rstrip("\r")) > _LONGEST_LINE:
+            yield warning("option-long-line", "The line is cut at 512 characters.", where)
+        if line.key is None:
+            yield _unknown(text, where)
+            continue
+        yield from _known(line, text, where)
+        if line.key in seen:
+            yield warning("option-twice", f"{line.key} is given again; this value holds.", where)
+        seen.add(line.key)
+    yield from _threads(inputs.option_values)
+
+
+def _unknown(text: str, where: str) -> Finding:
+    name = text.split("=")[0].strip()
+    by_lower = {key.lower(): key for key in OPTIONS}
+    close = difflib.get_close_matches(name.lower(), by_lower, 1, 0.6)
+    hint = f"Did you mean {by_lower[close[0]]}?" if close else "Known are: " + ", ".join(OPTIONS)
+    return warning("option-unknown", f'"{text[:60]}" has no known key and is ignored.', where, hint)
+
+
+def _known(line: OptionLine, text: str, where: str) -> Iterator[Finding]:
+    key = line.key or ""
+    option = OPTIONS[key]
+    if not line.readable:
+        kind = "a whole number" if option.type is int else "a number"
+        problem = f'"{text[:60]}" gives no value for {key}: the run would stop.'
+        yield error("option-unreadable", problem, where, f"Write {key}= and {kind}.")
+        return
+    written = text.split("=")[0].strip()
+    if written != key:
+        problem = f'"{written}" begins with {key} and is taken for it.'
+        yield warning("option-prefix", problem, where)
+    if line.value is None:
+        yield note("option-empty", f"{key} is followed by a separator and keeps its value.", where)
+        return
+    clamped = option.clamp(line.value)
+    if clamped != line.value:
+        problem = f"{key}={line.value:g} is outside its limits and becomes {clamped:g}."
+        yield warning("option-clamped", problem, where)
+
+
+def _threads(values: dict[str, float]) -> Iterator[Finding]:
+    wanted, there = int(values["Sys.MaxNumCompThreads"]), os.cpu_count() or 1
+    most = min(_MOST_THREADS, there)
+    if wanted > most:
+        why = "never more than 16" if most == _MOST_THREADS else "the processors of this machine"
+        text = f"Sys.MaxNumCompThreads={wanted} gives {most} threads ({why})."
+        yield note("option-threads", text, formats.OPTIONS_FILE)

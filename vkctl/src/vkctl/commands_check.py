@@ -1,0 +1,72 @@
+"""The command `vkctl check`."""
+
+from __future__ import annotations
+
+import json
+from pathlib import Path
+from typing import Annotated
+
+import typer
+from rich.console import Console
+from rich.text import Text
+
+from .check import Finding, Report, check
+from .display import clock
+
+_STYLES = {"error": "bold red", "warning": "yellow", "note": "cyan"}
+
+
+def _show(console: Console, finding: Finding) -> None:
+    line = Text.assemble((finding.severity, _STYLES[finding.severity]), "  ", finding.message)
+    if finding.where and finding.where not in finding.message:
+        line.append(f"  [{finding.where}]", "dim")
+    if finding.hint:
+        line.append(f"\n    {finding.hint}", "dim")
+    console.print(line, soft_wrap=True)
+
+
+def _model_line(report: Report) -> str:
+    names = {"design_points": "design points", "load_cases": "load cases"}
+    names["load_cases_to_run"] = "of them to run"
+    return ", ".join(f"{count} {names.get(name, name)}" for name, count in report.counts.items())
+
+
+def _estimate_line(report: Report) -> str:
+    values = report.estimate
+    mode = "iterative" if values["iterative"] else "with a factor"
+    return (
+        f"Estimate: {values['equations'] / 1e6:.3g} million equations, {mode}, "
+        f"factor {values['factor_gb']:.2g} GB, process {values['memory_gb']:.2g} GB, "
+        f"about {clock(values['seconds'])} (time within a factor of two or three)."
+    )
+
+
+def check_command(
+    directory: Annotated[Path, typer.Argument(help="working directory")],
+    as_json: Annotated[bool, typer.Option("--json", help="print the report as JSON")] = False,
+) -> None:
+    """Say everything about a prepared directory that would fail or surprise.
+
+    Exit status: 0 nothing but notes, 1 warnings, 2 errors.
+    """
+    report = check(directory)
+    if as_json:
+        typer.echo(json.dumps(report.as_dict(), indent=2))
+        raise typer.Exit(report.status)
+    console = Console(highlight=False)
+    for finding in report.findings:
+        _show(console, finding)
+    for line in (
+        _model_line(report) if report.counts else "",
+        _estimate_line(report) if report.estimate else "",
+        f"{len(report.of('error'))} errors, {len(report.of('warning'))} warnings, "
+        f"{len(report.of('note'))} notes.",
+    ):
+        if line:
+            console.print(line, markup=False, soft_wrap=True)
+    raise typer.Exit(report.status)
+
+
+def register(app: typer.Typer) -> None:
+    """Add the command to `app`."""
+    app.command("check")(check_command)
