@@ -61,7 +61,9 @@ def plate(directory: Path, order: int = 2) -> Path:
         gmsh.model.occ.cut([(3, 1)], [(3, hole)])
         gmsh.model.occ.synchronize()
         gmsh.write(str(directory / "part.step"))
-        left = [t for d, t in gmsh.model.getEntities(2) if _at_left(gmsh.model.getBoundingBox(d, t))]
+        left = [
+            t for d, t in gmsh.model.getEntities(2) if _at_left(gmsh.model.getBoundingBox(d, t))
+        ]
         gmsh.model.addPhysicalGroup(2, left, name="left")
         gmsh.model.addPhysicalGroup(3, [1], name="body")
         gmsh.option.setNumber("Mesh.MeshSizeMax", 0.5)

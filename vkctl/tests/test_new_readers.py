@@ -301,7 +301,9 @@ def test_coordinates_left_out_at_the_end_of_a_node_line_are_zero(tmp_path: Path)
 
 def test_wedges_and_pyramids_are_named_with_their_counts(tmp_path: Path) -> None:
     cells = np.array([6, 0, 1, 2, 3, 4, 5, 5, 0, 1, 2, 3, 4])
-    grid = pyvista.UnstructuredGrid(cells, np.array([13, 14]), np.random.default_rng(1).random((6, 3)))
+    grid = pyvista.UnstructuredGrid(
+        cells, np.array([13, 14]), np.random.default_rng(1).random((6, 3))
+    )
     grid.save(tmp_path / "one.vtu")
     with pytest.raises(PartError, match="1 Wedge, 1 Pyramid"):
         mesh_of(tmp_path / "one.vtu")

@@ -249,7 +249,11 @@ def test_all_mistakes_are_told_at_once_with_file_and_line(tmp_path: Path) -> Non
         ("", 0, "no materials; add a table [materials.NAME]"),
         ("[materials.a]\nE = 1\nnu = 0\n", 0, "no supports: nothing holds the part"),
         ("materials = 3\n", 1, "must be a table, not 3"),
-        ("[materials]\nE = 3\n", 2, "E in [materials] must be a table, not 3; write [materials.NAME]"),
+        (
+            "[materials]\nE = 3\n",
+            2,
+            "E in [materials] must be a table, not 3; write [materials.NAME]",
+        ),
         ("[load_case]\nname = 'x'\n", 1, "write [[load_case]] instead of [load_case]"),
         ("[materials.a]\nE=1\nnu=0\n[materials.b]\nE=1\nnu=0\n", 4, "both have no 'elements'"),
     ],
@@ -384,7 +388,9 @@ def test_anything_but_arithmetic_is_refused(text: str) -> None:
 
 
 def test_a_formula_without_a_finite_value_names_the_point() -> None:
-    with pytest.raises(ExpressionError, match=r"no finite value at 1 points, such as \(-1, 0.5, 0\)"):
+    with pytest.raises(
+        ExpressionError, match=r"no finite value at 1 points, such as \(-1, 0.5, 0\)"
+    ):
         Expression("1 / z")(POINTS)
     with pytest.raises(ExpressionError, match="no finite value at 2"):
         Expression("9**9**9**9")(POINTS)

@@ -108,6 +108,7 @@ class Sets:
         self.active = np.ones(len(mesh.elements), np.bool_)
         self._done: dict[tuple[SetKind, str], Array | Faces] = {}
         self._open: list[tuple[SetKind, str]] = []
+        self._lost: set[tuple[SetKind, str]] = set()  # had members before elements were left out
 
     def _define(self, name: str, definition: SetDefinition) -> None:
         kind = definition.kind
@@ -122,9 +123,17 @@ class Sets:
         return self.mesh.node_sets if kind == "node" else self.mesh.element_sets
 
     def exclude(self, names: Names, where: locate.Path) -> None:
-        """Take elements out of all sets that are asked for later."""
-        for name in names:
-            self.active[self.elements(name, where) - 1] = False
+        """Take elements out of all sets that are asked for later.
+
+        Element sets are looked at before: one that loses all its elements here is no mistake.
+        """
+        if not names:
+            return
+        for name, definition in self.defined["element"].items():
+            self._resolved("element", name, definition.where)
+        gone = [self.elements(name, where) for name in names]
+        self.active[np.concatenate(gone) - 1] = False
+        self._lost = {key for key, made in self._done.items() if len(made)}
         self._done.clear()
         self.__dict__.pop("active_elements", None)
         self.__dict__.pop("active_nodes", None)
@@ -174,11 +183,15 @@ class Sets:
     def _kind_of(
         self, name: str, kinds: tuple[SetKind, ...], where: locate.Path
     ) -> tuple[SetKind, str] | None:
-        """Kind and exact spelling of a name, searched in the order of the kinds."""
+        """Kind and exact spelling of a name, searched in the order of the kinds.
+
+        A set may be made from one of another kind that has its name.
+        """
         for fold in (str, str.lower):
             for kind in kinds:
                 for known in self.names(kind):
-                    if fold(known) == fold(name):
+                    itself = self._open[-1:] == [(kind, known)]
+                    if fold(known) == fold(name) and not itself:
                         return kind, known
         self.report.add(where, f"no set {name!r}", did_you_mean(name, self.names(*kinds)))
         return None
@@ -273,7 +286,8 @@ class Sets:
                 made, hint = self._from_part(kind, name), ""
             self._open.pop()
             self._done[key] = made
-            if not len(made) and len(self.report.problems) == before:
+            known = kind == "element" and (key in self._lost or name in self.mesh.element_sets)
+            if not len(made) and not known and len(self.report.problems) == before:
                 self.report.add(where, f"{kind} set {name!r} is empty", hint)
         return self._done[key]
 
