@@ -12,6 +12,7 @@ from rich.console import Console
 from . import (
     boxes,
     commands_check,
+    commands_diff,
     commands_optimise,
     commands_run,
     commands_view,
@@ -104,5 +105,6 @@ app.command("new")(new_command)
 
 commands_run.register(app)
 commands_check.register(app)
+commands_diff.register(app)
 commands_view.register(app)
 commands_optimise.register(app)
