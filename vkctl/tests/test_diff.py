@@ -78,7 +78,7 @@ def test_a_difference_is_found_where_it_is(pair, stored, name, noun, index):
 def test_tolerances_are_relative_to_the_largest_value_of_the_quantity(pair):
     change(pair[1], "stress", 1, 8, 1.01)  # 0.667 by one percent, the largest is 3
     (found,) = diff(*pair).differences
-    assert found.scale == 3.0 and found.tolerance == pytest.approx(0.003)
+    assert found.scale == 3.0 and found.tolerance == pytest.approx(0.0003)
     assert found.largest == pytest.approx(0.00667, rel=1e-2)
     assert diff(*pair, rtol=0.0023).equal
     assert not diff(*pair, rtol=0.0022).equal

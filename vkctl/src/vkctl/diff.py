@@ -12,7 +12,7 @@ from . import formats
 from .formats import Array, PathLike
 from .results import Results, read_results, solved
 
-RTOL = 1e-3  # of the largest magnitude of a quantity in a load case
+RTOL = 1e-4  # of the largest magnitude of a quantity in a load case
 ATOL = 0.0
 _SAME_PLACE = 1e-5  # nodes further apart than this part of the extent belong to another mesh
 _WORST = 3  # places named for each difference
