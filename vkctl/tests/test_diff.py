@@ -82,7 +82,7 @@ def test_tolerances_are_relative_to_the_largest_value_of_the_quantity(pair):
     assert found.largest == pytest.approx(0.00667, rel=1e-2)
     assert diff(*pair, rtol=0.0023).equal
     assert not diff(*pair, rtol=0.0022).equal
-    assert diff(*pair, atol=0.005).equal
+    assert diff(*pair, atol=0.0065).equal
 
 
 def test_totals_are_compared_as_vectors_and_numbers(pair):
