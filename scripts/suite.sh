@@ -41,7 +41,7 @@ end_to_end_tests() {
 
 python_tests() {
   part vkctl env VK_RUND="$ROOT/build/release/vk_rund" \
-    "$VENV/bin/python" -m pytest -q "$ROOT/vkctl/tests" --junitxml "$REPORTS/vkctl.xml"
+    "$VENV/bin/python" -m pytest -q "$ROOT/vkctl/tests" "$ROOT/verification/tests" --junitxml "$REPORTS/vkctl.xml"
 }
 
 # The suite ends with a line "N passed, N failed" of its own.

@@ -42,8 +42,11 @@ INTRODUCTION = """
 
 Written by `python verification/run.py`, which runs every case below through `vk_rund`, with
 meshes that the companion package writes, and fails when a comparison is outside its bound. The
-bounds are stated before the run; the errors are what was computed. Shapes, quadrature, loads and
-stress recovery of the cases are written in numpy, apart from the solver's.
+bounds are part of the cases. Where an answer is exact they follow from single precision; for
+discretisation errors they hold a mesh to what it gave when the case was made, with a margin, so
+that they guard against change and prove nothing by themselves: the errors are to be read beside
+them. Shapes, quadrature, loads and stress recovery of the cases are written in numpy, apart from
+the solver's.
 
 Three things hold for all cases:
 
