@@ -1084,7 +1084,7 @@ def test_the_exit_status_tells_the_worst_finding(tmp_path):
     assert runner.invoke(app, ["check", str(tmp_path / "good")]).exit_code == 0
     with_options(tmp_path / "odd", "Nonsense=1\n")
     odd = runner.invoke(app, ["check", str(tmp_path / "odd")])
-    assert odd.exit_code == 1 and "0 errors, 1 warnings" in odd.output
+    assert odd.exit_code == 1 and "0 errors, 1 warning, 0 notes." in odd.output
     shutil.copytree(tmp_path / "odd", tmp_path / "bad")
     Path(tmp_path, "bad", "mx.mats").unlink()
     bad = runner.invoke(app, ["check", str(tmp_path / "bad")])

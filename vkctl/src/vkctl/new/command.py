@@ -7,6 +7,7 @@ from typing import Annotated
 
 import numpy as np
 import typer
+from rich import box
 from rich.console import Console
 from rich.table import Table
 
@@ -59,13 +60,16 @@ def summary(prepared: Prepared) -> str:
 
 def cases_table(prepared: Prepared) -> Table:
     """Load cases with the sums of their forces, to be compared with what was meant."""
-    table = Table("load case", "", "pattern", "Fx", "Fy", "Fz", "Mx", "My", "Mz")
+    table = Table(box=box.SIMPLE_HEAD, pad_edge=False)
+    table.add_column("load case")
+    for title in ("pattern", "Fx", "Fy", "Fz", "Mx", "My", "Mz"):
+        table.add_column(title, justify="right", no_wrap=True)
     for number, (name, case) in enumerate(
         zip(prepared.case_names, prepared.model.load_cases, strict=True), 1
     ):
         sums = prepared.resultants[number - 1]
-        cells = [f"{value:.5g}" for value in _cleaned(sums, prepared)]
-        table.add_row(str(number), name, str(case.pattern), *cells)
+        cells = [f"{value:.4g}" for value in _cleaned(sums, prepared)]
+        table.add_row(f"{number} {name}", str(case.pattern), *cells)
     return table
 
 
@@ -78,11 +82,13 @@ def _cleaned(sums: Array, prepared: Prepared) -> Array:
 
 
 def sets_table(prepared: Prepared) -> Table:
-    """All sets of a part and its case file with sizes and extents."""
-    table = Table("set", "kind", "size", "from", "to")
+    """Sets of a part and its case file with sizes and extents, but for single points and curves."""
+    table = Table("set", "kind", "size", "from", "to", box=box.SIMPLE_HEAD, pad_edge=False)
     mesh: Mesh = prepared.mesh
     for kind in ("node", "element", "face"):
         for name in prepared.sets.names(kind):
+            if name.startswith(("point:", "curve:")):
+                continue
             found = prepared.sets.members(kind, name)
             points = mesh.nodes[prepared.sets.nodes_of(kind, name) - 1]
             ends = [points.min(axis=0), points.max(axis=0)] if len(points) else []
