@@ -1,0 +1,111 @@
+#!/usr/bin/env python3
+"""Where the time and memory of a run go: a box of tetrahedra, run by the program as a whole and
+stage by stage by the benchmark, in each of the modes asked for.
+
+    bench/run_stages.py --build build/release --cells 40 40 40 --modes 2 1
+
+Needs numpy; the working directory is written by vkctl.
+"""
+
+from __future__ import annotations
+
+import argparse
+import json
+import os
+import subprocess
+import sys
+import tempfile
+import time
+from pathlib import Path
+
+ROOT = Path(__file__).resolve().parent.parent
+sys.path.insert(0, str(ROOT / "vkctl" / "src"))
+
+from vkctl.boxes import box  # noqa: E402
+from vkctl.model import LoadCase, Material, Model, write  # noqa: E402
+
+STAGES = (
+    "1_read",
+    "2_prepare",
+    "3_structure",
+    "4_assembly",
+    "5_factor",
+    "6_solve",
+    "7_response_write",
+    "8_state_write",
+)
+
+
+def write_box(directory: Path, cells: tuple[int, int, int], mode: int) -> None:
+    """A clamped box with a pull at its other end, all of material."""
+    part = box("tet4", cells, size=tuple(map(float, cells)))
+    case = LoadCase().prescribe(part.face("x-"))
+    case.load(*part.traction("x+", (0.0, 0.0, -1.0)))
+    options = {"Sys.ComputationMode": mode, "Sys.AvailableMemGB": 1000.0}
+    model = Model(part.nodes, part.elements, [Material.isotropic(210000.0, 0.3)], [case])
+    model.options = options
+    write(model, directory)
+
+
+def run_whole(program: Path, directory: Path) -> tuple[float, float]:
+    """Wall-clock seconds and peak resident GB of the program on the directory."""
+    start = time.perf_counter()
+    process = subprocess.Popen([program, directory])
+    _, status, usage = os.wait4(process.pid, 0)
+    seconds = time.perf_counter() - start
+    if status != 0:
+        sys.exit(f"{program} ended with status {status}")
+    return seconds, usage.ru_maxrss * 1024 / 1e9
+
+
+def run_stages(program: Path, directory: Path) -> dict[str, float]:
+    """Counters of the benchmark."""
+    done = subprocess.run(
+        [program, "--benchmark_filter=^BM_Run", "--benchmark_format=json"],
+        env={**os.environ, "VK_BENCH_DIR": str(directory)},
+        capture_output=True,
+        text=True,
+        check=True,
+    )
+    return json.loads(done.stdout)["benchmarks"][0]
+
+
+def report(mode: int, wall: float, peak: float, found: dict[str, float]) -> None:
+    total = sum(found[name] for name in STAGES)
+    print(
+        f"mode {mode}: {found['equations']:.0f} equations, "
+        f"{found['iterations']:.0f} iterations, whole run {wall:.2f} s"
+    )
+    for name in STAGES:
+        print(f"  {name:17} {found[name]:9.3f} s {100 * found[name] / total:6.1f} %")
+    print(f"  assembly {found['elements_per_s'] / 1e6:.2f} million elements/s")
+    print(f"  reading {found['read_GBs']:.2f} GB/s, page cache {found['cache_GBs']:.2f} GB/s")
+    print(f"  peak {peak:.3f} GB, arrays without factor {found['arrays_GB']:.3f} GB")
+    if "bare_factor" in found:
+        bare = found["bare_analysis"] + found["bare_factor"] + found["bare_solves"]
+        print(
+            f"  bare analysis {found['bare_analysis']:.2f}, factor {found['bare_factor']:.2f}, "
+            f"solves {found['bare_solves']:.2f}; whole run / bare {wall / bare:.3f}, "
+            f"stages / bare {found['bare_ratio']:.3f}"
+        )
+
+
+def main() -> None:
+    parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
+    parser.add_argument("--build", type=Path, required=True, help="folder of vk_rund and vk_bench")
+    parser.add_argument("--cells", type=int, nargs=3, default=(30, 30, 30))
+    parser.add_argument("--modes", type=int, nargs="+", default=(2,), choices=(1, 2))
+    arguments = parser.parse_args()
+    for mode in arguments.modes:
+        with tempfile.TemporaryDirectory(prefix="vk_stages_") as name:
+            directory = Path(name)
+            write_box(directory, tuple(arguments.cells), mode)
+            wall, peak = run_whole(arguments.build.resolve() / "vk_rund", directory)
+            for state in directory.glob("ws.*"):
+                state.unlink()  # a start vector would leave nothing to solve
+            found = run_stages(arguments.build.resolve() / "vk_bench", directory)
+            report(mode, wall, peak, found)
+
+
+if __name__ == "__main__":
+    main()
