@@ -17,6 +17,7 @@
 #include <random>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "elements/assembly.hpp"
 #include "elements/feelem.hpp"
@@ -180,6 +181,21 @@ void MutateContent(std::string& content, std::size_t room, std::mt19937& random)
       LLVMFuzzerMutate(reinterpret_cast<std::uint8_t*>(content.data()), size, content.size()));
 }
 
+// The fuzzer reads its arguments after the working directory has changed.
+void MakePathsAbsolute(int count, char** arguments) {
+  static std::vector<std::string> absolute(static_cast<std::size_t>(count));
+  for (std::size_t i = 1; i < absolute.size(); ++i) {
+    const std::string_view argument = arguments[i];
+    const std::string_view option = "-artifact_prefix=";
+    const std::string_view path =
+        argument.starts_with(option) ? argument.substr(option.size()) : argument;
+    if (path.empty() || path.starts_with('-')) continue;
+    absolute[i] = argument.substr(0, argument.size() - path.size());
+    absolute[i] += (std::filesystem::current_path() / path).string();
+    arguments[i] = absolute[i].data();
+  }
+}
+
 }  // namespace
 
 // In the place of the library's, which would end the fuzzer. The log is a device that takes
@@ -193,7 +209,8 @@ void PLATFORM_STOP(int code, std::string_view why) {
   throw Stopped{code};
 }
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
+extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
+  MakePathsAbsolute(*argc, *argv);
   if (::mkdtemp(WorkingPlace) == nullptr || ::chdir(WorkingPlace) != 0) std::abort();
   std::atexit([] { std::filesystem::remove_all(WorkingPlace); });
   omp_set_num_threads(1);
