@@ -11,6 +11,7 @@ from rich.console import Console
 from rich.text import Text
 
 from .check import Finding, Report, check
+from .check.findings import SEVERITIES, counted
 from .display import clock
 
 _STYLES = {"error": "bold red", "warning": "yellow", "note": "cyan"}
@@ -26,16 +27,19 @@ def _show(console: Console, finding: Finding) -> None:
 
 
 def _model_line(report: Report) -> str:
-    names = {"design_points": "design points", "load_cases": "load cases"}
-    names["load_cases_to_run"] = "of them to run"
-    return ", ".join(f"{count} {names.get(name, name)}" for name, count in report.counts.items())
+    return ", ".join(
+        f"{count} of them to run"
+        if name == "load_cases_to_run"
+        else counted(count, name.removesuffix("s").replace("_", " "))
+        for name, count in report.counts.items()
+    )
 
 
 def _estimate_line(report: Report) -> str:
     values = report.estimate
     mode = "iterative" if values["iterative"] else "with a factor"
     return (
-        f"Estimate: {values['equations'] / 1e6:.3g} million equations, {mode}, "
+        f"Estimate: {values['equations']:,.0f} equations, {mode}, "
         f"factor {values['factor_gb']:.2g} GB, process {values['memory_gb']:.2g} GB, "
         f"about {clock(values['seconds'])} (time within a factor of two or three)."
     )
@@ -59,8 +63,7 @@ def check_command(
     for line in (
         _model_line(report) if report.counts else "",
         _estimate_line(report) if report.estimate else "",
-        f"{len(report.of('error'))} errors, {len(report.of('warning'))} warnings, "
-        f"{len(report.of('note'))} notes.",
+        ", ".join(counted(len(report.of(kind)), kind) for kind in SEVERITIES) + ".",
     ):
         if line:
             console.print(line, markup=False, soft_wrap=True)

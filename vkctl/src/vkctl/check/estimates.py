@@ -42,7 +42,8 @@ def estimate(inputs: Inputs) -> dict[str, float]:
     """Estimates by name, empty where the model doesn't allow any.
 
     "equations", "entries" of the matrix, "factor_gb" as the solver will report it, "memory_gb" of
-    the process, "seconds" of all load cases still to run, "iterative" 1 where no factor is used.
+    the process, "seconds" of the load cases still to run (of all, if all are done), "iterative" 1
+    where no factor is used.
     """
     mesh = inputs.mesh
     if mesh is None or not inputs.sound_maps or not np.isfinite(mesh.nodes[mesh.used]).all():
@@ -114,7 +115,7 @@ def _seconds(
         solve = _FACTOR_ITERATIONS * (_FACTOR_PASS * factor.entries + _SWEEP * entries)
     first = elements / gain + _ORDERING * entries + prepare + solve
     kept = _FORCES_SHARE * elements / gain + solve
-    patterns = [inputs.pattern(number) for number in inputs.to_run]
+    patterns = [inputs.pattern(number) for number in inputs.to_run or inputs.sequence]
     new = sum(1 for i, p in enumerate(patterns) if i == 0 or p != patterns[i - 1])
     return new * first + (len(patterns) - new) * kept
 
