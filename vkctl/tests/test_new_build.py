@@ -11,7 +11,7 @@ from typer.testing import CliRunner
 
 from vkctl import formats, model
 from vkctl.cli import app
-from vkctl.new import PartError, build, new
+from vkctl.new import CaseFileError, PartError, build, new
 from vkctl.results import read_results
 
 KINDS = ("tet4", "tet10", "hex8")
@@ -379,8 +379,6 @@ def test_the_case_file_can_name_its_part(tmp_path: Path) -> None:
     brick(tmp_path, "hex8", (2, 1, 1))
     path = case_file(tmp_path, "", 'part = "part.msh"\n' + CASES)
     assert len(build(None, path).mesh.elements) == 2
-    from vkctl.new import CaseFileError
-
     with pytest.raises(CaseFileError, match="names no part; add part = 'FILE'"):
         build(None, case_file(tmp_path, ""))
     with pytest.raises(PartError, match="gone.msh: no such file"):
@@ -415,6 +413,15 @@ def test_examples_make_a_model(path: Path, tmp_path: Path) -> None:
     assert len(result.model.tp) > 500 and len(result.model.load_cases) >= 1
     assert all(case.will_run for case in result.model.load_cases)
     assert np.all(np.abs(result.resultants[:, :3]).max(axis=1) > 0)
+
+
+def test_the_example_of_the_reference_makes_a_model(tmp_path: Path) -> None:
+    brick(tmp_path, "tet10").joinpath("part.msh").rename(tmp_path / "block.msh")
+    text = (ROOT / "docs" / "case-file.md").read_text("utf-8")
+    example = text.split("```toml\n")[1].split("```")[0]
+    result = build(None, case_file(tmp_path, example, ""))
+    assert result.case_names == ["pull", "pull and weight"]
+    np.testing.assert_allclose(result.resultants[1, :3], (30, 0, -7.85e-9 * 9810 * 8), rtol=1e-5)
 
 
 def test_there_are_examples() -> None:

@@ -6,10 +6,18 @@ from pathlib import Path
 
 import numpy as np
 import pytest
+import pyvista
 from new_parts import brick, case_file, forces, plate, prepared
 
 from vkctl import boxes
-from vkctl.geometry import TET10_EDGES, boundary_faces, element_centroids, element_volumes
+from vkctl.geometry import (
+    TET10_EDGES,
+    boundary_faces,
+    element_centroids,
+    element_volumes,
+    faces_within,
+    tet10_gradients,
+)
 from vkctl.new import Expression, Prepared, build
 from vkctl.new.loads import (
     area_shares,
@@ -74,8 +82,6 @@ def test_uniform_pressure_on_a_closed_surface_is_in_balance(kind: str, curved: b
 @pytest.mark.parametrize("kind", KINDS)
 def test_linear_traction_on_a_plane_face_has_exact_force_and_moment(kind: str) -> None:
     made = boxes.box(kind, (3, 2, 2), (3.0, 2.0, 1.0), distortion=0.1)  # type: ignore[arg-type]
-    from vkctl.geometry import faces_within
-
     faces = faces_within(made.elements, made.face("x+"))
     values = (Expression("2 + y"), Expression("z - 1"), Expression("3 * y"))
     numbers, vectors = traction_forces(made.nodes, faces, values)
@@ -132,8 +138,6 @@ def test_body_force_of_a_curved_tetrahedron_agrees_with_fine_quadrature() -> Non
     masses = nodal_masses(nodes, elements, np.ones(1))
     x, w = np.polynomial.legendre.leggauss(12)
     x, w = (x + 1) / 2, w / 2
-    from vkctl.geometry import tet10_gradients
-
     expected = np.zeros(10)
     for i in range(12):
         for j in range(12):
@@ -286,8 +290,6 @@ def test_later_temperatures_hold_where_sets_overlap(part: Path, tmp_path: Path) 
 
 
 def test_temperature_and_level_come_from_node_data(tmp_path: Path) -> None:
-    import pyvista
-
     brick(tmp_path, "hex8")
     grid = pyvista.read(tmp_path / "part.vtu")
     grid.point_data["T"] = grid.points[:, 0].astype(float)

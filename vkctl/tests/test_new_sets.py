@@ -6,9 +6,19 @@ from pathlib import Path
 
 import numpy as np
 import pytest
-from new_parts import PLATE, RADIUS, brick, case_file, plate, prepared, problems
+from new_parts import (
+    PLATE,
+    RADIUS,
+    brick,
+    case_file,
+    gmsh_session,
+    plate,
+    prepared,
+    problems,
+)
 
 from vkctl.new import Prepared, build
+from vkctl.new.loads import area_shares
 
 
 @pytest.fixture(scope="module")
@@ -26,8 +36,6 @@ def made(part: Path, tmp_path: Path, text: str) -> Prepared:
 
 
 def area(result: Prepared, name: str) -> float:
-    from vkctl.new.loads import area_shares
-
     return float(area_shares(result.mesh.nodes, result.sets.faces(name, ()).tables)[1].sum())
 
 
@@ -162,6 +170,7 @@ MISTAKES = [
         "face set 'a' is empty; the part reaches from (0, 0, 0) to (4, 2, 1)",
     ),
     ('[node_sets.left]\nfrom = "left"\n', 0, ""),
+    ('[model]\nexclude = "left"\n', 2, "'left' is a face set, which has no elements"),
     ("[face_sets.left]\n", 1, "'left' is a set of the part already; choose another name"),
     ("[node_sets.all]\n", 1, "'all' is a set of every part; choose another name"),
     (
@@ -219,8 +228,6 @@ def test_elements_without_a_material_are_told(block: Path, tmp_path: Path) -> No
 
 
 def test_a_pressure_between_two_solids_is_refused(tmp_path: Path) -> None:
-    from new_parts import gmsh_session
-
     with gmsh_session() as gmsh:
         gmsh.model.occ.addBox(0, 0, 0, 1, 1, 1)
         gmsh.model.occ.addBox(1, 0, 0, 1, 1, 1)

@@ -193,7 +193,12 @@ class Sets:
                     itself = self._open[-1:] == [(kind, known)]
                     if fold(known) == fold(name) and not itself:
                         return kind, known
-        self.report.add(where, f"no set {name!r}", did_you_mean(name, self.names(*kinds)))
+        every: tuple[SetKind, ...] = ("node", "element", "face")
+        if others := [kind for kind in every if kind not in kinds and name in self.names(kind)]:
+            text = f"{name!r} is a {others[0]} set, which has no {kinds[0]}s"
+            self.report.add(where, text)
+        else:
+            self.report.add(where, f"no set {name!r}", did_you_mean(name, self.names(*kinds)))
         return None
 
     def nodes(self, name: str, where: locate.Path) -> Array:
