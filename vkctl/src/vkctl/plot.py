@@ -85,7 +85,9 @@ def draw(
     plotter.add_mesh(
         outline if outline is not rest else rest.outline(), color="gray", line_width=1.0
     )
-    plotter.add_text(f"{title}, deformation x {scale:.3g}", color="black", font_size=11)
+    if "displacement" in surface.point_data:
+        title = f"{title}, deformation x {scale:.3g}"
+    plotter.add_text(title, color="black", font_size=11)
     plotter.add_axes(color="black")
     plotter.view_vector(view.direction, viewup=(0.0, 0.0, 1.0))
     plotter.enable_anti_aliasing("ssaa")

@@ -13,6 +13,7 @@ what a stiffest part of its volume shows on a free surface (M. Y. Wang, X. Wang,
 
 from .history import HistoryRow, read_history
 from .loop import Optimised, OptimiseError, StepShown, optimise
+from .pictures import write_animation, write_part_series
 from .settings import Settings, read_settings
 
 __all__ = [
@@ -24,4 +25,6 @@ __all__ = [
     "optimise",
     "read_history",
     "read_settings",
+    "write_animation",
+    "write_part_series",
 ]

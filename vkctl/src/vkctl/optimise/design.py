@@ -16,7 +16,7 @@ from ..model import Model
 from ..numbering import EXCLUDED
 
 DEFAULT_RADIUS = 1.5  # mean distances of neighbouring nodes
-_BISECTIONS = 60
+_BISECTIONS = 45
 _HEX_SAMPLES = (-0.75, -0.25, 0.25, 0.75)
 _TET_SPLITS = 4
 
@@ -44,7 +44,11 @@ class Design:
         nodes = self.levels_of_nodes(levels)
         filled = total = 0.0
         for corners, shapes, volumes in self.samples:
-            filled += float(((nodes[corners] @ shapes.T > 0).mean(axis=1) * volumes).sum())
+            values = nodes[corners]
+            positive = (values > 0).sum(axis=1)
+            cut = (positive > 0) & (positive < values.shape[1])
+            parts = (values[cut] @ shapes.T > 0).mean(axis=1)
+            filled += float(volumes[positive == values.shape[1]].sum() + parts @ volumes[cut])
             total += float(volumes.sum())
         return filled / total
 

@@ -1,12 +1,14 @@
-"""What the loop leaves behind: its state for a restart, the history, pictures of it."""
+"""What the loop leaves behind: its state for a restart, the history, a chart of it."""
 
 from __future__ import annotations
 
 import csv
+import fcntl
 import json
-from dataclasses import asdict, dataclass, fields
+from collections.abc import Iterator
+from contextlib import contextmanager
+from dataclasses import asdict, dataclass
 from pathlib import Path
-from typing import Any
 
 import numpy as np
 
@@ -20,6 +22,15 @@ CHART = "history.png"
 SERIES = "part.pvd"
 ANIMATION = "part.gif"
 
+_LOCK = "lock"
+_PREPARING = "preparing"  # there while the working directory is being written
+_NUMBERS = ("objective", "volume", "target", "change", "quality", "seconds")
+_ENERGY = "energy_"  # columns of the load cases' strain energies, by number
+
+
+class LockedError(Exception):
+    """Another loop works on the directory."""
+
 
 @dataclass(frozen=True)
 class HistoryRow:
@@ -30,27 +41,60 @@ class HistoryRow:
     volume: float  # part of the design volume that is material
     target: float  # of this step
     change: float  # mean change of the level field that followed
+    quality: float  # the poorest of the solutions, 1 is converged
     seconds: float
+    energies: dict[int, float]  # strain energy by load-case number
 
 
 @dataclass
 class State:
-    """Where the loop stands; written before and after every run of the solver.
+    """Where the loop stands; replaced as a whole, last, when a step is complete.
 
     `running` is the step whose solver run has begun, or 0. The levels of step k are in
-    `levels.KKKK.npy`; the smoothed criterion of the step before in `criterion.KKKK.npy`.
+    `levels.KKKK.npy`, its smoothed criterion in `criterion.KKKK.npy`.
     """
 
     step: int  # the step to do next, from 1
     running: int
-    converged: bool
-    keep: list[int]  # node numbers
-    weights: list[float]  # per load case
-    cases: list[int]  # numbers of the load cases that take part
+    model: str  # digests: of the files that the loop doesn't change,
+    cases: str  # and of the case file apart from the loop's own settings
+    load_cases: list[int]  # numbers of those that take part
+    keep: list[str]  # names of the sets that stay material
+    kept: list[int]  # their node numbers
+    combine: str
+    weights: list[float]  # per load case that takes part
+    since: int  # first step whose objective has this meaning
 
 
 def folder_of(directory: PathLike) -> Path:
     return Path(directory, FOLDER)
+
+
+@contextmanager
+def locked(directory: PathLike) -> Iterator[None]:
+    """Keep other loops off the directory; the system drops the lock when the process ends."""
+    folder = folder_of(directory)
+    folder.mkdir(parents=True, exist_ok=True)
+    with open(folder / _LOCK, "w") as stream:
+        try:
+            fcntl.flock(stream, fcntl.LOCK_EX | fcntl.LOCK_NB)
+        except BlockingIOError:
+            raise LockedError(f"another optimisation works on {directory}") from None
+        for unfinished in folder.glob(".*.tmp"):  # a killed loop was writing them
+            unfinished.unlink()
+        yield
+
+
+def is_half_prepared(directory: PathLike) -> bool:
+    return (folder_of(directory) / _PREPARING).exists()
+
+
+def begin_preparing(directory: PathLike) -> None:
+    (folder_of(directory) / _PREPARING).touch()
+
+
+def end_preparing(directory: PathLike) -> None:
+    (folder_of(directory) / _PREPARING).unlink(missing_ok=True)
 
 
 def levels_file(directory: PathLike, step: int) -> Path:
@@ -62,9 +106,15 @@ def criterion_file(directory: PathLike, step: int) -> Path:
 
 
 def save_array(path: Path, values: Array) -> None:
-    """Replace a .npy file as a whole."""
+    """Replace a .npy file as a whole, float32 as in the solver's files."""
     with formats.replacing(path) as stream:
-        np.save(stream, values)
+        np.save(stream, np.asarray(values, np.float32))
+
+
+def load_array(path: Path) -> Array:
+    """Values of a .npy file as float64."""
+    values: Array = np.load(path).astype(np.float64)
+    return values
 
 
 def write_state(directory: PathLike, state: State) -> None:
@@ -82,9 +132,13 @@ def read_state(directory: PathLike) -> State | None:
 
 
 def write_history(directory: PathLike, rows: list[HistoryRow]) -> None:
-    names = [f.name for f in fields(HistoryRow)]
-    lines = [",".join(names)]
-    lines += [",".join(f"{getattr(row, name):.9g}" for name in names) for row in rows]
+    """Replace the table; numbers keep all their digits, so that a restart reads the same."""
+    cases = sorted({number for row in rows for number in row.energies})
+    lines = [",".join(("step", *_NUMBERS, *(f"{_ENERGY}{number}" for number in cases)))]
+    for row in rows:
+        values = [getattr(row, name) for name in _NUMBERS]
+        values += [row.energies.get(number, float("nan")) for number in cases]
+        lines.append(",".join((str(row.step), *map(repr, values))))
     with formats.replacing(folder_of(directory) / HISTORY) as stream:
         stream.write(("\n".join(lines) + "\n").encode())
 
@@ -99,12 +153,17 @@ def read_history(directory: PathLike) -> list[HistoryRow]:
 
 
 def _row(entry: dict[str, str]) -> HistoryRow:
-    values: dict[str, Any] = {name: float(text) for name, text in entry.items()}
-    return HistoryRow(**{**values, "step": int(values["step"])})
+    energies = {
+        int(name.removeprefix(_ENERGY)): float(text)
+        for name, text in entry.items()
+        if name.startswith(_ENERGY)
+    }
+    numbers = {name: float(entry[name]) for name in _NUMBERS}
+    return HistoryRow(step=int(entry["step"]), energies=energies, **numbers)
 
 
 def draw_history(rows: list[HistoryRow], picture: PathLike) -> None:
-    """Chart of objective and volume over the steps."""
+    """Chart of objective, strain energies and volume over the steps."""
     import matplotlib
 
     matplotlib.use("Agg")
@@ -112,13 +171,18 @@ def draw_history(rows: list[HistoryRow], picture: PathLike) -> None:
 
     figure, left = pyplot.subplots(figsize=(8, 4.5), layout="constrained")
     steps = [row.step for row in rows]
-    left.plot(steps, [row.objective for row in rows], color="tab:blue")
+    left.plot(steps, [row.objective for row in rows], color="tab:blue", label="objective")
+    if len(rows[-1].energies) > 1:
+        for number in rows[-1].energies:
+            values = [row.energies[number] for row in rows]
+            left.plot(steps, values, linewidth=0.8, label=f"load case {number}")
     left.set_xlabel("step")
-    left.set_ylabel("objective", color="tab:blue")
+    left.set_ylabel("strain energy")
     left.set_ylim(bottom=0)
     right = left.twinx()
-    right.plot(steps, [row.volume for row in rows], color="tab:orange")
-    right.set_ylabel("volume", color="tab:orange")
+    right.plot(steps, [row.volume for row in rows], color="black", linestyle="--", label="volume")
+    right.set_ylabel("part of the design volume (dashed)")
     right.set_ylim(0, 1.05)
+    left.legend(loc="upper center")
     figure.savefig(picture, dpi=110)
     pyplot.close(figure)

@@ -1,31 +1,49 @@
-"""The loop itself: one solver run a step, resumable after a kill at any point."""
+"""The loop itself: one solver run a step, resumable after a kill at any point.
+
+Every file is replaced as a whole. A step leaves its results in this order: criterion, history,
+levels of the next step, and then the state that counts the step as done. So a killed loop either
+repeats the end of a step from the same inputs, or goes on with the next one.
+"""
 
 from __future__ import annotations
 
+import hashlib
+import json
 import time
+import tomllib
 from collections.abc import Callable
 from dataclasses import dataclass, replace
 from pathlib import Path
 
 import numpy as np
 
-from .. import formats
+from .. import formats, processes
 from ..formats import Array, PathLike
 from ..model import Model, read, set_flags
 from ..new.build import Prepared, build, new
 from ..new.cases import read_cases
-from ..results import read_results
-from ..run import RunResult, run
+from ..progress import Progress
+from ..results import Results, read_results
+from ..run import BusyError, RunResult, run
 from . import history
 from .design import Design, make_design
-from .history import HistoryRow, State
+from .history import HistoryRow, LockedError, State
 from .settings import Settings, read_settings
 
 _WINDOW = 5  # steps whose mean objective is compared with that of as many before
+_POLL = 0.1  # seconds between two looks at a solver that an earlier loop has left behind
+_FIXED_FILES = ("mx.*", "mxs.nodeflags", "mxs.tpadr", "mxs.elemflags", "mxs.lcdata", "mxs.lcmap.*")
 
 
 class OptimiseError(Exception):
-    """The loop can't go on; the message says why. What was finished stays for a restart."""
+    """The loop can't go on; the message says why. What was finished stays for a restart.
+
+    `run` is the solver's run that failed, if that was the reason.
+    """
+
+    def __init__(self, text: str, run: RunResult | None = None) -> None:
+        super().__init__(text)
+        self.run = run
 
 
 @dataclass(frozen=True)
@@ -34,7 +52,6 @@ class StepShown:
 
     row: HistoryRow
     steps: int
-    energies: tuple[float, ...]  # strain energy per load case
     run: RunResult
 
 
@@ -48,6 +65,19 @@ class Optimised:
     levels: Array  # per design point, of the last step solved
 
 
+@dataclass
+class _Loop:
+    """Everything that a step needs."""
+
+    directory: Path
+    settings: Settings
+    state: State
+    design: Design
+    rows: list[HistoryRow]
+    vk_rund: PathLike | None
+    on_progress: Callable[[int, Progress], None] | None
+
+
 def optimise(
     cases: PathLike,
     directory: PathLike,
@@ -56,151 +86,280 @@ def optimise(
     steps: int | None = None,
     vk_rund: PathLike | None = None,
     on_step: Callable[[StepShown], None] | None = None,
+    on_progress: Callable[[int, Progress], None] | None = None,
 ) -> Optimised:
     """Optimise the part of a case file in a working directory.
 
     The directory is made from the case file's part if it isn't prepared. `volume` and `steps`
     override the case file's. A loop that was begun there goes on where it stopped, whatever
-    stopped it; more steps than before carry a finished one further. Raises CaseFileError and
-    PartError for mistakes in the inputs, OptimiseError if the solver fails.
+    stopped it, with the settings that it is given now; more steps than before carry a finished
+    one further. `on_step` is called after each step, `on_progress` with the step's number while
+    the solver runs. Raises CaseFileError and PartError for mistakes in the inputs, OptimiseError
+    if the loop can't go on, BusyError and NotFoundError as `run` does.
     """
-    settings = read_settings(cases)
-    settings = replace(
-        settings, volume=volume or settings.volume, steps=steps or settings.steps
-    )
-    state = history.read_state(directory) or _begin(cases, directory, settings)
-    model = read(directory)
-    design = make_design(model, settings.radius, np.array(state.keep, np.int64))
-    rows = history.read_history(directory)[: state.step - 1]
-    while state.step <= settings.steps and not state.converged:
-        shown = _step(directory, settings, state, design, rows, vk_rund)
+    settings = _overridden(read_settings(cases), volume, steps)
+    try:
+        with history.locked(directory):
+            loop = _start(cases, Path(directory), settings)
+            loop.vk_rund, loop.on_progress = vk_rund, on_progress
+            return _run_steps(loop, on_step)
+    except LockedError as error:
+        raise OptimiseError(str(error)) from None
+
+
+def _overridden(settings: Settings, volume: float | None, steps: int | None) -> Settings:
+    if volume is not None:
+        if not 0 < volume <= 1:
+            raise ValueError(f"the volume must be above 0 and at most 1, not {volume:g}")
+        settings = replace(settings, volume=volume)
+    if steps is not None:
+        if steps < 1:
+            raise ValueError(f"there must be at least one step, not {steps}")
+        settings = replace(settings, steps=steps)
+    return settings
+
+
+def _run_steps(loop: _Loop, on_step: Callable[[StepShown], None] | None) -> Optimised:
+    def converged() -> bool:
+        return has_converged(loop.rows[loop.state.since - 1 :], loop.settings)
+
+    while loop.state.step <= loop.settings.steps and not converged():
+        shown = _step(loop)
         if on_step is not None:
             on_step(shown)
-    levels = np.load(history.levels_file(directory, max(state.step - 1, 1)))
-    return Optimised(Path(directory), rows, state.converged, levels)
+    last = max(loop.state.step - 1, 1)
+    levels = history.load_array(history.levels_file(loop.directory, last))
+    return Optimised(loop.directory, loop.rows, converged(), levels)
 
 
-def _begin(cases: PathLike, directory: PathLike, settings: Settings) -> State:
-    """Prepare the directory where needed and write the first state: everything is material."""
+# --- begin and resume ------------------------------------------------------------------------
+
+
+def _start(cases: PathLike, directory: Path, settings: Settings) -> _Loop:
+    """A loop that was begun goes on with the present settings; otherwise one begins."""
+    state = history.read_state(directory)
+    if state is None:
+        state, model = _begin(cases, directory, settings)
+    else:
+        model = read(directory)
+        _refuse_other_inputs(cases, directory, state)
+        _take_settings(cases, directory, settings, state, model)
+    try:
+        design = make_design(model, settings.radius, np.array(state.kept, np.int64))
+    except ValueError as error:
+        raise OptimiseError(str(error)) from None
+    rows = history.read_history(directory)[: state.step - 1]
+    if len(rows) != state.step - 1:
+        raise OptimiseError(f"{directory} holds only {len(rows)} of {state.step - 1} steps")
+    return _Loop(directory, settings, state, design, rows, None, None)
+
+
+def _begin(cases: PathLike, directory: Path, settings: Settings) -> tuple[State, Model]:
+    """Prepare the directory where needed, write the first levels and the first state."""
     prepared: Prepared | None = None
-    if not Path(directory, "mx.nodes").exists():
+    if history.is_half_prepared(directory) or not Path(directory, "mx.nodes").exists():
+        history.begin_preparing(directory)
         prepared = new(None, cases, directory)
-    elif settings.keep:
-        prepared = build(None, cases)
-    keep = [] if prepared is None else _kept_nodes(prepared, settings)
+        history.end_preparing(directory)
     model = read(directory)
     if not len(model.tp):
         model.set_level(1.0)
         formats.write_tp_index(directory, model.node_tp_index)
         formats.write_tp(directory, model.tp)
-    taking_part = [
+    taking_part = _requested(model)
+    if not taking_part:
+        raise OptimiseError(f"no load case of {directory} is requested")
+    state = State(
+        step=1,
+        running=0,
+        model=_model_digest(directory),
+        cases=_cases_digest(cases),
+        load_cases=taking_part,
+        keep=list(settings.keep),
+        kept=_kept_nodes(cases, settings, model, prepared),
+        combine=settings.combine,
+        weights=_weights(cases, settings, taking_part),
+        since=1,
+    )
+    largest = float(np.abs(model.tp).max())
+    history.save_array(history.levels_file(directory, 1), model.tp / (largest or 1.0))
+    history.write_state(directory, state)
+    return state, model
+
+
+def _requested(model: Model) -> list[int]:
+    return [
         number
         for number, case in enumerate(model.load_cases, 1)
         if case.kind == formats.LOADCASE_STATIC and case.requested and not case.excluded
     ]
-    if not taking_part:
-        raise OptimiseError(f"no load case of {directory} is requested")
-    names = [entry.name for entry in read_cases(cases).load_cases]
-    weights = [_weight(settings, names, number) for number in taking_part]
-    history.folder_of(directory).mkdir(exist_ok=True)
-    history.save_array(history.levels_file(directory, 1), np.ones(len(model.tp)))
-    state = State(1, 0, False, keep, weights, taking_part)
+
+
+def _model_digest(directory: Path) -> str:
+    """Of all input files but levels, flags and options."""
+    total = hashlib.sha256()
+    for path in sorted(p for pattern in _FIXED_FILES for p in directory.glob(pattern)):
+        total.update(path.name.encode())
+        with open(path, "rb") as stream:
+            total.update(hashlib.file_digest(stream, "sha256").digest())
+    return total.hexdigest()
+
+
+def _cases_digest(cases: PathLike) -> str:
+    """Of what the case file says about the model."""
+    said = tomllib.loads(Path(cases).read_text(encoding="utf-8"))
+    said.pop("optimise", None)
+    return hashlib.sha256(json.dumps(said, sort_keys=True, default=str).encode()).hexdigest()
+
+
+def _refuse_other_inputs(cases: PathLike, directory: Path, state: State) -> None:
+    if _cases_digest(cases) != state.cases:
+        raise OptimiseError(
+            f"{cases} has changed outside [optimise] since {directory} was prepared from it: "
+            f"take the changes back, or remove {directory} to begin anew"
+        )
+    if _model_digest(directory) != state.model:
+        raise OptimiseError(
+            f"the model in {directory} has changed since its optimisation began: remove "
+            f"{history.folder_of(directory)} to begin anew"
+        )
+
+
+def _take_settings(
+    cases: PathLike, directory: Path, settings: Settings, state: State, model: Model
+) -> None:
+    """Note changed settings; objectives of before and after aren't compared with each other."""
+    if list(settings.keep) != state.keep:
+        state.kept = _kept_nodes(cases, settings, model, None)
+        state.keep = list(settings.keep)
+    weights = _weights(cases, settings, state.load_cases)
+    if (settings.combine, weights) != (state.combine, state.weights):
+        state.combine, state.weights, state.since = settings.combine, weights, state.step
     history.write_state(directory, state)
-    return state
 
 
-def _kept_nodes(prepared: Prepared, settings: Settings) -> list[int]:
+def _kept_nodes(
+    cases: PathLike, settings: Settings, model: Model, prepared: Prepared | None
+) -> list[int]:
+    if not settings.keep:
+        return []
+    prepared = prepared or build(None, cases)
+    if len(prepared.mesh.nodes) != len(model.nodes):
+        raise OptimiseError(
+            f"the part of {cases} has {len(prepared.mesh.nodes)} nodes, the directory "
+            f"{len(model.nodes)}: the sets to keep can't be found"
+        )
     found = [prepared.sets.nodes(name, ("optimise", "keep")) for name in settings.keep]
     prepared.sets.report.finish()
     return sorted({int(node) for nodes in found for node in nodes})
 
 
-def _weight(settings: Settings, names: list[str], number: int) -> float:
-    return settings.weights.get(names[number - 1], 1.0) if number <= len(names) else 1.0
+def _weights(cases: PathLike, settings: Settings, numbers: list[int]) -> list[float]:
+    names = dict(enumerate((entry.name for entry in read_cases(cases).load_cases), 1))
+    return [settings.weights.get(names.get(number, ""), 1.0) for number in numbers]
 
 
-def _step(
-    directory: PathLike,
-    settings: Settings,
-    state: State,
-    design: Design,
-    rows: list[HistoryRow],
-    vk_rund: PathLike | None,
-) -> StepShown:
+# --- one step --------------------------------------------------------------------------------
+
+
+def _step(loop: _Loop) -> StepShown:
     """Solve the present design, note it, and leave the next one."""
     begun = time.monotonic()
-    levels = np.load(history.levels_file(directory, state.step))
-    outcome = _solve(directory, state, levels, vk_rund)
-    results = [read_results(directory, number) for number in state.cases]
-    energies = tuple(r.strain_energy for r in results)
-    criteria = np.array([r.criterion for r in results], np.float64)
-    criterion = _settled(directory, state, design, combined(criteria, state.weights, settings))
-
-    target = max(settings.volume, 1.0 - settings.step_reduction() * state.step)
-    following, _ = design.next_levels(levels, criterion, target, settings.move)
-    row = HistoryRow(
-        state.step,
-        objective(energies, state.weights, settings),
-        design.volume(levels),
-        max(settings.volume, 1.0 - settings.step_reduction() * (state.step - 1)),
-        float(np.abs(following - levels).mean()),
-        time.monotonic() - begun,
+    state, settings, directory = loop.state, loop.settings, loop.directory
+    levels = history.load_array(history.levels_file(directory, state.step))
+    outcome = _solve(loop, levels)
+    results = [read_results(directory, number) for number in state.load_cases]
+    criterion = _settled(loop, _combined_or_fail(loop, results))
+    volume = loop.design.volume(levels)
+    target = loop.rows[-1].target if loop.rows else volume
+    if state.step > 1:
+        target = settings.next_target(target)
+    following, _ = loop.design.next_levels(
+        levels, criterion, settings.next_target(target), settings.move
     )
-    rows.append(row)
-    history.write_history(directory, rows)
+    energies = {r.number: r.strain_energy for r in results}
+    row = HistoryRow(
+        step=state.step,
+        objective=objective(list(energies.values()), state.weights, settings),
+        volume=volume,
+        target=target,
+        change=float(np.abs(following - levels).mean()),
+        quality=min(r.quality for r in results),
+        seconds=round(time.monotonic() - begun, 3),
+        energies=energies,
+    )
+    loop.rows.append(row)
+    history.write_history(directory, loop.rows)
     history.save_array(history.levels_file(directory, state.step + 1), following)
     state.step, state.running = state.step + 1, 0
-    state.converged = has_converged(rows, settings)
     history.write_state(directory, state)
-    return StepShown(row, settings.steps, energies, outcome)
+    history.criterion_file(directory, state.step - 2).unlink(missing_ok=True)
+    return StepShown(row, settings.steps, outcome)
 
 
-def _solve(
-    directory: PathLike, state: State, levels: Array, vk_rund: PathLike | None
-) -> RunResult:
+def _solve(loop: _Loop, levels: Array) -> RunResult:
     """All load cases at these levels. A run that was cut off is finished, not repeated."""
-    if state.running != state.step:
-        formats.write_tp(directory, levels)
-        set_flags(
-            directory, {n: formats.LOADCASE_REQUESTED for n in state.cases}, clear_done=True
-        )
+    state, directory = loop.state, loop.directory
+    wanted = levels.astype(np.float32)
+    if state.running != state.step or not np.array_equal(formats.read_tp(directory), wanted):
+        if (other := processes.writer_of(directory)) is not None:
+            raise BusyError(f"Process {other} is running on {directory} already.")
+        formats.write_tp(directory, wanted)
+        requested = dict.fromkeys(state.load_cases, formats.LOADCASE_REQUESTED)
+        set_flags(directory, requested, clear_done=True)
         state.running = state.step
         history.write_state(directory, state)
-    outcome = run(directory, vk_rund=vk_rund)
+    while processes.writer_of(directory) is not None:  # outlived the loop that started it
+        time.sleep(_POLL)
+    show = loop.on_progress
+    step = state.step
+    outcome = run(
+        directory,
+        vk_rund=loop.vk_rund,
+        on_progress=None if show is None else lambda progress: show(step, progress),
+    )
     if not outcome.ok:
         hint = f" {outcome.advice.hint}" if outcome.advice.hint else ""
-        raise OptimiseError(f"step {state.step}: {outcome.advice.sentence}{hint}")
+        raise OptimiseError(f"step {step}: {outcome.advice.sentence}{hint}", outcome)
     return outcome
 
 
-def _settled(directory: PathLike, state: State, design: Design, criterion: Array) -> Array:
+def _combined_or_fail(loop: _Loop, results: list[Results]) -> Array:
+    criteria = np.array([r.criterion for r in results], np.float64)
+    criterion = combined(criteria, loop.state.weights, loop.settings)
+    if not np.isfinite(criterion).all() or criterion.max() <= 0:
+        raise OptimiseError(
+            f"step {loop.state.step}: the criterion isn't positive and finite; do the load cases "
+            f"load the part? See vkctl check {loop.directory}"
+        )
+    return criterion
+
+
+def _settled(loop: _Loop, criterion: Array) -> Array:
     """The smoothed criterion, averaged with that of the step before, which calms the loop.
 
     X. Huang, Y. M. Xie, Finite Elem. Anal. Des. 43 (2007) 1039-1049.
     """
-    smooth: Array = design.smoothing @ criterion
-    before = history.criterion_file(directory, state.step - 1)
-    if state.step > 1 and before.exists():
-        smooth = 0.5 * (smooth + np.load(before))
-    history.save_array(history.criterion_file(directory, state.step), smooth)
-    history.criterion_file(directory, state.step - 2).unlink(missing_ok=True)
+    step = loop.state.step
+    smooth: Array = loop.design.smoothing @ criterion
+    if step > 1:
+        before = history.load_array(history.criterion_file(loop.directory, step - 1))
+        smooth = 0.5 * (smooth + before)
+    history.save_array(history.criterion_file(loop.directory, step), smooth)
     return smooth
 
 
 def combined(criteria: Array, weights: list[float], settings: Settings) -> Array:
     """Criterion of all load cases at each design point, from (cases, points)."""
-    weighted = criteria * np.array(weights)[:, None]
+    weighted: Array = criteria * np.array(weights)[:, None]
     if settings.combine == "weighted":
         total: Array = weighted.sum(axis=0)
         return total
-    means = criteria.mean(axis=1, keepdims=True)
-    worst: Array = (weighted / np.where(means > 0, means, 1.0)).max(axis=0)
+    worst: Array = weighted.max(axis=0)
     return worst
 
 
-def objective(
-    energies: tuple[float, ...], weights: list[float], settings: Settings
-) -> float:
+def objective(energies: list[float], weights: list[float], settings: Settings) -> float:
     """Weighted mean of the load cases' strain energies, or the largest weighted one."""
     weighted = np.array(energies) * np.array(weights)
     if settings.combine == "weighted":
@@ -210,10 +369,11 @@ def objective(
 
 def has_converged(rows: list[HistoryRow], settings: Settings) -> bool:
     """Whether the objective has settled since the target volume was met."""
-    held = [row for row in rows if row.target <= settings.volume * (1 + 1e-9)]
-    if len(held) < 2 * _WINDOW:
+    latest = rows[-2 * _WINDOW :]
+    met = [abs(row.target - settings.volume) <= 1e-9 for row in latest]
+    if len(latest) < 2 * _WINDOW or not all(met):
         return False
-    values = np.array([row.objective for row in held[-2 * _WINDOW :]])
+    values = np.array([row.objective for row in latest])
     before, now = values[:_WINDOW].mean(), values[_WINDOW:].mean()
     return bool(abs(now - before) <= settings.tolerance * abs(now))
 

@@ -18,13 +18,13 @@ class Settings:
     `volume` is the target part of the design volume. `radius` of smoothing is a length; if not
     given it is 1.5 times the mean distance of neighbouring nodes. `move` is the part of the way
     that the level field goes in a step, `reduction` the part of the design volume that is taken
-    away in a step until the target is met; if not given the target is met after half the steps.
+    away in a step until the target is met; if not given, so much that it takes half the steps.
     `keep` names sets that stay material. `tolerance` ends the loop: the mean objective of five
     steps differs from that of the five before by less than this part of it.
 
     `combine`: "weighted" adds the load cases' criteria times their weights, which makes for the
-    least weighted sum of strain energies; "worst" takes at each point the largest of the criteria,
-    each relative to its load case's mean and times its weight, so that no load case is starved.
+    least weighted sum of strain energies; "worst" takes at each point the largest of the criteria
+    times their weights, so that material stays wherever any load case needs it.
     """
 
     volume: float = 0.5
@@ -37,11 +37,10 @@ class Settings:
     keep: tuple[str, ...] = ()
     tolerance: float = 1e-3
 
-    def step_reduction(self) -> float:
-        """Part of the design volume taken away in a step."""
-        if self.reduction is not None:
-            return self.reduction
-        return (1.0 - self.volume) / max(self.steps / 2, 1.0)
+    def next_target(self, target: float) -> float:
+        """Target volume of a step from that of the step before."""
+        most = self.reduction or (1.0 - self.volume) / max(self.steps / 2, 1.0)
+        return min(max(self.volume, target - most), target + most)
 
 
 def read_settings(path: PathLike) -> Settings:
@@ -64,18 +63,15 @@ def _settings(table: Table, names: list[str], report: Report) -> Settings:
     default = Settings()
     combine = table.choice("combine", get_args(Combine), default.combine)
     settings = Settings(
-        volume=table.number("volume", default.volume, above=0),
+        volume=table.number("volume", default.volume, above=0, most=1),
         steps=table.integer("steps", default.steps, 1),
         radius=table.number("radius", None, above=0),
-        move=table.number("move", default.move, above=0),
-        reduction=table.number("reduction", None, above=0),
+        move=table.number("move", default.move, above=0, most=1),
+        reduction=table.number("reduction", None, above=0, most=1),
         combine="worst" if combine == "worst" else "weighted",
         keep=table.names("keep"),
         tolerance=table.number("tolerance", default.tolerance, above=0),
     )
-    for key, value in (("volume", settings.volume), ("move", settings.move)):
-        if value is not None and value > 1:
-            table.problem(key, f"must be at most 1, not {value:g}")
     if weights := table.table("weights"):
         for name in list(weights.data):
             settings.weights[name] = weights.number(name, 1.0, above=0)
