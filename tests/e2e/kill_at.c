@@ -17,8 +17,8 @@ enum { MAX_FILES = 4096 };
 static atomic_int operations, writes;
 static atomic_char counted[MAX_FILES];  // by file descriptor
 
-static int chosen(const char *name) {
-  const char *text = getenv(name);
+static int chosen(const char* name) {
+  const char* text = getenv(name);
   return text ? atoi(text) : 0;
 }
 
@@ -33,8 +33,8 @@ static void operation(void) {
 
 static int is_counted(int file) { return file >= 0 && file < MAX_FILES && counted[file]; }
 
-static int open_by(const char *symbol, const char *path, int flags, mode_t mode) {
-  int (*real)(const char *, int, ...) = dlsym(RTLD_NEXT, symbol);
+static int open_by(const char* symbol, const char* path, int flags, mode_t mode) {
+  int (*real)(const char*, int, ...) = dlsym(RTLD_NEXT, symbol);
   const int mine = path[0] != '/';
   if (mine) operation();
   const int file = real(path, flags, mode);
@@ -42,7 +42,7 @@ static int open_by(const char *symbol, const char *path, int flags, mode_t mode)
   return file;
 }
 
-int open(const char *path, int flags, ...) {
+int open(const char* path, int flags, ...) {
   va_list rest;
   va_start(rest, flags);
   const mode_t mode = flags & O_CREAT ? va_arg(rest, mode_t) : 0;
@@ -50,7 +50,7 @@ int open(const char *path, int flags, ...) {
   return open_by("open", path, flags, mode);
 }
 
-int open64(const char *path, int flags, ...) {
+int open64(const char* path, int flags, ...) {
   va_list rest;
   va_start(rest, flags);
   const mode_t mode = flags & O_CREAT ? va_arg(rest, mode_t) : 0;
@@ -58,8 +58,8 @@ int open64(const char *path, int flags, ...) {
   return open_by("open64", path, flags, mode);
 }
 
-ssize_t write(int file, const void *bytes, size_t size) {
-  ssize_t (*real)(int, const void *, size_t) = dlsym(RTLD_NEXT, "write");
+ssize_t write(int file, const void* bytes, size_t size) {
+  ssize_t (*real)(int, const void*, size_t) = dlsym(RTLD_NEXT, "write");
   if (!is_counted(file)) return real(file, bytes, size);
   operation();
   if (atomic_fetch_add(&writes, 1) + 1 == chosen("KILL_WITHIN")) {
@@ -69,7 +69,7 @@ ssize_t write(int file, const void *bytes, size_t size) {
   return real(file, bytes, size);
 }
 
-static int on_file(const char *symbol, int file) {
+static int on_file(const char* symbol, int file) {
   int (*real)(int) = dlsym(RTLD_NEXT, symbol);
   if (is_counted(file)) operation();
   return real(file);
@@ -79,14 +79,14 @@ int fsync(int file) { return on_file("fsync", file); }
 int fdatasync(int file) { return on_file("fdatasync", file); }
 int close(int file) { return on_file("close", file); }
 
-int rename(const char *from, const char *to) {
-  int (*real)(const char *, const char *) = dlsym(RTLD_NEXT, "rename");
+int rename(const char* from, const char* to) {
+  int (*real)(const char*, const char*) = dlsym(RTLD_NEXT, "rename");
   operation();
   return real(from, to);
 }
 
-int unlink(const char *path) {
-  int (*real)(const char *) = dlsym(RTLD_NEXT, "unlink");
+int unlink(const char* path) {
+  int (*real)(const char*) = dlsym(RTLD_NEXT, "unlink");
   if (path[0] != '/') operation();
   return real(path);
 }

@@ -33,12 +33,12 @@ def random(seed: int) -> np.random.Generator:
     return np.random.default_rng(seed)
 
 
-def part(kind: Kind = "tet4", seed: int = 1, level: bool = True, **box_options) -> tuple[Model, Box]:
+def part(kind: Kind = "tet4", level: bool = True) -> tuple[Model, Box]:
     """A distorted box of one material without load cases, with a rough level field."""
-    mesh = box(kind, CELLS[kind], SIZE, distortion=0.1, **box_options)
+    mesh = box(kind, CELLS[kind], SIZE, distortion=0.1)
     model = Model(mesh.nodes, mesh.elements, [STEEL])
     if level:
-        model.set_level(random(seed).uniform(-0.6, 1.0, len(mesh.nodes)))
+        model.set_level(random(1).uniform(-0.6, 1.0, len(mesh.nodes)))
     return model, mesh
 
 

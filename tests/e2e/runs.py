@@ -187,7 +187,7 @@ def compare_displacements(actual: np.ndarray, case: oracle.Case) -> None:
     assert np.array_equal(actual[fixed], exact[fixed].astype(np.float32))
 
 
-# --- the log ---------------------------------------------------------------------------------------
+# --- the log --------------------------------------------------------------------------------------
 
 PLACEHOLDERS = {
     "<count>": r"[1-9]\d*",

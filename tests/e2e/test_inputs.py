@@ -41,7 +41,7 @@ def invalid(directory: Path, name: str) -> None:
     assert not list(directory.glob("ws.*"))
 
 
-# --- files that can't be read ----------------------------------------------------------------------
+# --- files that can't be read ---------------------------------------------------------------------
 
 
 @pytest.mark.parametrize("name", INPUTS)
@@ -89,7 +89,8 @@ def test_a_short_input_file_is_named_wherever_it_ends(tmp_path, name):
     path = Path(directory, name)
     data = path.read_bytes()
     size = len(data)
-    for length in sorted({0, 1, 3, 4, 7, 8, 11, 12, 15, 16, size // 3, size // 2, size - 4, size - 1}):
+    parts = {0, 1, 3, 4, 7, 8, 11, 12, 15, 16, size // 3, size // 2, size - 4, size - 1}
+    for length in sorted(parts):
         if length < size:
             path.write_bytes(data[:length])
             fails(directory, f"Error reading file: {name}")
@@ -180,7 +181,7 @@ def test_a_state_file_is_not_read_where_no_material_has_a_state(tmp_path):
     assert Path(directory, "ws.mstate.0001").read_bytes() == b"ab"
 
 
-# --- indices ---------------------------------------------------------------------------------------
+# --- indices --------------------------------------------------------------------------------------
 
 RECORDS, TABLE = 8, 8 + 2 * 8 + 4  # places of the element records and the first table of `tiny`
 
@@ -350,7 +351,7 @@ def test_header_words_are_ignored(tmp_path):
     solves(directory)
 
 
-# --- places for results ------------------------------------------------------------------------------
+# --- places for results ---------------------------------------------------------------------------
 
 OUTPUTS = ("tcval", "amsval", "disval", "comval", "mstate", "sstate")
 

@@ -295,6 +295,28 @@ def test_the_presence_step_takes_any_slope(tmp_path, slope):
     solves(written(tmp_path, model, pulled(mesh), Sta_MatSlopeFactor=slope))
 
 
+@pytest.mark.parametrize("kind", KINDS)
+def test_elements_far_outside_the_part_are_integrated_with_fewer_points(tmp_path, kind):
+    model, mesh = part(kind)
+    model.set_level(random(13).uniform(-0.9, -0.02, len(mesh.nodes)))
+    expected = solves(written(tmp_path, model, pulled(mesh), Sta_MatSlopeFactor=10))
+    inputs = expected.cases[0].inputs
+    groups = oracle.gather(inputs.model, inputs.state, inputs.scalars, inputs.options)
+    assert {g.order for g in groups} == {2, 3}
+
+
+@pytest.mark.parametrize("kind", KINDS)
+def test_an_element_exactly_at_the_switch_level_is_integrated_with_fewer_points(tmp_path, kind):
+    model, mesh = part(kind)
+    model.tp = np.array((-0.2, -0.8), np.float32)  # of mean magnitude 0.5, so not scaled
+    model.node_tp_index = random(14).integers(1, 3, len(mesh.nodes)).astype(np.int32)
+    expected = solves(written(tmp_path, model, pulled(mesh), Sta_MatSlopeFactor=10))
+    inputs = expected.cases[0].inputs
+    assert inputs.model.level.max() == np.float32(-0.2)
+    groups = oracle.gather(inputs.model, inputs.state, inputs.scalars, inputs.options)
+    assert {g.order for g in groups} == {2}
+
+
 def test_design_points_may_be_shared_or_untouched(tmp_path):
     model, mesh = part()
     count = len(mesh.nodes)
