@@ -9,6 +9,9 @@ JOBS=${JOBS:-$(nproc)}
 
 BUILD_PACKAGES=(g++ cmake ninja-build python3 python3-venv ca-certificates
   libgtest-dev libbenchmark-dev libmumps-seq-dev libopenblas-pthread-dev)
+# What Gmsh and VTK link, though nothing opens a window.
+VKCTL_PACKAGES=(libgl1 libglu1-mesa libx11-6 libxext6 libxfixes3 libxft2 libxinerama1 libxcursor1
+  libxrender1 libfontconfig1 libgomp1)
 CHECK_PACKAGES=(calculix-ccx)
 CI_PACKAGES=(clang libclang-rt-dev libomp-dev)
 
@@ -119,7 +122,7 @@ hand_back() {
 # setup PACKAGE...: everything above.
 setup() {
   trap hand_back EXIT
-  setup_packages "$@"
+  setup_packages "$@" "${VKCTL_PACKAGES[@]}"
   setup_python
   setup_mkl
 }
