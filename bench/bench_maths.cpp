@@ -163,9 +163,10 @@ void PairOfSweeps(benchmark::State& state) {
 // a := b + 3 c on arrays of 256 MB each (J. D. McCalpin, STREAM).
 void StreamTriad(benchmark::State& state) {
   constexpr std::int64_t n = 32'000'000;
-  const std::unique_ptr<double[]> a(new double[n]);
-  const std::unique_ptr<double[]> b(new double[n]);
-  const std::unique_ptr<double[]> c(new double[n]);
+  const std::unique_ptr<double[]> memory(new double[3 * n]);
+  double* a = memory.get();
+  double* b = a + n;
+  double* c = b + n;
 #pragma omp parallel for schedule(static)
   for (std::int64_t i = 0; i < n; ++i) {
     a[i] = 0.0;

@@ -11,8 +11,15 @@
 
 #include "run/services/logger.hpp"
 
+// std::unique_ptr<T[]> that is indexed like the pointer it holds: index values are signed here.
 template <class T>
-using Array = std::unique_ptr<T[]>;
+struct Array : std::unique_ptr<T[]> {
+  using std::unique_ptr<T[]>::unique_ptr;
+  template <class Index>
+  T& operator[](Index place) const {
+    return this->get()[place];
+  }
+};
 
 namespace ARRAYS {
 
