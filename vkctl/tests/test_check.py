@@ -323,6 +323,18 @@ def a_material_without_limit_stress(directory):
     with_material(directory, Material.isotropic(1000.0, 0.3, limit_stress=0.0))
 
 
+@provokes("material-modulus", "error", "1e+37")
+def a_modulus_too_large_for_single_precision(directory):
+    with_material(directory, Material.isotropic(1e37, 0.3))
+
+
+@provokes("material-contrast", "warning", "from 0.1 to 200000")
+def moduli_of_two_unit_systems(directory):
+    whole, _ = sound(materials=[Material.isotropic(2e5, 0.3), Material.isotropic(0.1, 0.3)])
+    whole.elements.materials[0] = 2
+    model.write(whole, directory)
+
+
 @provokes("material-state", "note", "from run to run")
 def a_material_with_a_state(directory):
     with_material(directory, Material.compression_only(1000.0, 0.3))
@@ -850,6 +862,18 @@ def an_element_state_cut_short(directory):
     cut(directory, "ws.mstate.0001")
 
 
+@provokes("state-elements", "error", "1 element (4)", "damaged")
+def an_element_state_of_zero(directory):
+    with_material(directory, Material.yielding(1000.0, 0.3, 5.0))
+    formats.write_element_state(directory, 1, [1.0] * 3 + [0.0] + [1.0] * 14)
+
+
+@provokes("state-displacements", "error", "nothing to start from")
+def displacements_that_are_no_numbers(directory):
+    model.write(sound()[0], directory)
+    formats.write_displacements(directory, 1, np.full((16, 3), np.nan))
+
+
 @provokes("state-criterion", "error", "fewer values")
 def a_criterion_of_fewer_design_points(directory):
     with_level(directory, 1.0)
@@ -972,6 +996,7 @@ def test_every_message_is_in_the_documentation():
         a_criterion_of_fewer_design_points,
         an_element_state_cut_short,
         unsorted_columns,
+        displacements_that_are_no_numbers,
     ],
     ids=lambda function: function.__name__,
 )
@@ -985,6 +1010,47 @@ def test_a_misread_prescribed_value_is_what_the_solver_takes(tmp_path):
     a_prescribed_value_that_the_first_load_case_has_as_zero(tmp_path)
     assert run(tmp_path).ok
     assert formats.read_displacements(tmp_path, 2)[3, 2] == 0.0
+
+
+def _damage(directory, random):
+    """Overwrite, cut or lengthen a file somewhere."""
+    files = sorted(path for path in directory.iterdir() if path.stat().st_size)
+    path = files[random.integers(len(files))]
+    content = bytearray(path.read_bytes())
+    place = int(random.integers(len(content))) // 4 * 4
+    match random.integers(4):
+        case 0:
+            content[place] = random.integers(256)
+        case 1:
+            number = random.choice((0, 1, -1, 2**31 - 1, -(2**31), 65536))
+            content[place : place + 4] = int(number).to_bytes(4, "little", signed=True)
+        case 2:
+            undefined = np.float32(random.choice((np.nan, np.inf, 3e38)))
+            content[place : place + 4] = undefined.tobytes()
+        case 3:
+            del content[place:]
+    path.write_bytes(content)
+
+
+@pytest.mark.filterwarnings("error")
+def test_damaged_files_never_break_the_check(tmp_path):
+    part = box("mixed", (3, 1, 1), (3.0, 1.0, 1.0))
+    case = LoadCase().prescribe(part.face("x-")).support([5]).load(7, (0, 0, -1)).heat(3, 5.0)
+    materials = [Material.yielding(1e3, 0.3, 5.0)]
+    whole = Model(
+        part.nodes, part.elements, materials, [case], options={"Sta.ResponseDumpFac": 0.5}
+    )
+    whole.set_level(part.nodes[:, 1] - 0.3)
+    model.write(whole, tmp_path / "sound")
+    formats.write_displacements(tmp_path / "sound", 1, 0 * part.nodes)
+    formats.write_element_state(tmp_path / "sound", 1, np.ones(len(part.elements)))
+    formats.write_criterion(tmp_path / "sound", 1, whole.tp)
+    worst = []
+    for seed in range(60):
+        damaged = shutil.copytree(tmp_path / "sound", tmp_path / str(seed))
+        _damage(damaged, np.random.default_rng(seed))
+        worst.append(check(damaged).status)
+    assert 10 < worst.count(2) < 60
 
 
 # --- supports ---------------------------------------------------------------------------------

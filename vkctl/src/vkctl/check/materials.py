@@ -17,6 +17,8 @@ _ISOTROPIC = (
 )
 _STATE = formats.MATERIAL_YIELDING | formats.MATERIAL_COMPRESSION_ONLY
 _NEARLY_INCOMPRESSIBLE = 0.49
+_LARGEST_MODULUS = 1e30  # stiffness is computed in single precision
+_LARGE_CONTRAST = 1e6  # of moduli, beyond which solutions lose their accuracy
 
 
 def check_materials(inputs: Inputs) -> Iterator[Finding]:
@@ -27,6 +29,12 @@ def check_materials(inputs: Inputs) -> Iterator[Finding]:
     used = np.unique(inputs.tables.records["MaterialIndex"][: len(valid)][valid]).tolist()
     for number in used:
         yield from _one(number, inputs.materials[number - 1])
+    moduli = [stiffest_modulus(inputs.materials[number - 1]) for number in used]
+    known = [modulus for modulus in moduli if 0 < modulus <= _LARGEST_MODULUS]
+    if known and max(known) > _LARGE_CONTRAST * min(known):
+        text = f"Moduli go from {min(known):g} to {max(known):g}."
+        hint = "Solutions converge badly with such a contrast. Are all in the same unit?"
+        yield warning("material-contrast", text, _WHERE, hint)
     unused = sorted(set(range(1, len(inputs.materials) + 1)) - set(used))
     if unused:
         yield note("material-unused", f"No element has material {some(unused)}.", _WHERE)
@@ -63,9 +71,15 @@ def _one(number: int, record: np.void) -> Iterator[Finding]:
         yield warning("material-limit", text, where, "It is 1 where nothing else is meant.")
 
 
+def stiffest_modulus(record: np.void) -> float:
+    """The modulus, or the largest of an orthotropic material."""
+    ortho = int(record["MaterialFlags"]) & formats.MATERIAL_ORTHOTROPIC
+    return float(record["Moduli"].max() if ortho else record["E"])
+
+
 def _isotropic(called: str, record: np.void, where: str) -> Iterator[Finding]:
     e, nu = float(record["E"]), float(record["Nu"])
-    if not (np.isfinite(e) and e > 0):
+    if not 0 < e <= _LARGEST_MODULUS:
         yield error("material-modulus", f"{called} has the modulus {e:g}: no stiffness.", where)
     if not -1 < nu < 0.5:
         text = f"{called} has Poisson's ratio {nu:g}, outside -1 to 0.5."
@@ -79,7 +93,7 @@ def _isotropic(called: str, record: np.void, where: str) -> Iterator[Finding]:
 
 def _orthotropic(called: str, record: np.void, where: str) -> Iterator[Finding]:
     moduli, shear = record["Moduli"].astype(float), record["Shear"].astype(float)
-    if not (np.isfinite(moduli).all() and (moduli > 0).all()):
+    if not ((moduli > 0) & (moduli <= _LARGEST_MODULUS)).all():
         text = f"{called} has the moduli {_triple(moduli)}: all three must be positive."
         yield error("material-modulus", text, where)
     elif compliance_determinant(record) <= 0:
@@ -91,7 +105,7 @@ def _orthotropic(called: str, record: np.void, where: str) -> Iterator[Finding]:
             f"{called} has Poisson ratios {_triple(record['Poisson'])} that give negative energy."
         )
         yield error("material-poisson", text, where, "Nu12 squared must be below E1/E2, and so on.")
-    if not (np.isfinite(shear).all() and (shear > 0).all()):
+    if not ((shear > 0) & (shear <= _LARGEST_MODULUS)).all():
         text = f"{called} has the shear moduli {_triple(shear)}: all three must be positive."
         yield error("material-shear", text, where)
 
