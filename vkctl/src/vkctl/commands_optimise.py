@@ -149,9 +149,7 @@ def table(finished: list[StepShown], running: tuple[int, Progress] | None) -> Gr
     number, progress = running
     case = progress.log.load_cases[-1].number if progress.log.load_cases else None
     where = f"load case {case}, " if case is not None else ""
-    return Group(
-        grid, Text(f"step {number}: {where}{progress.stage}; {state_line(progress)}")
-    )
+    return Group(grid, Text(f"step {number}: {where}{progress.stage}; {state_line(progress)}"))
 
 
 def register(app: typer.Typer) -> None:

@@ -97,13 +97,11 @@ def make_design(model: Model, radius: float | None, kept_nodes: Array) -> Design
 
 
 def _node_distance(model: Model) -> float:
-    """Mean distance of neighbouring corner nodes."""
+    """Mean length of the first edge of each element."""
     lengths = []
-    for code, edge in ((TET4, (0, 1)), (HEX8, (0, 1)), (TET10, (0, 1))):
-        rows = model.elements.of_type(code)[1]
-        lengths.append(
-            np.linalg.norm(model.nodes[rows[:, edge[0]] - 1] - model.nodes[rows[:, edge[1]] - 1], axis=1)
-        )
+    for code in (TET4, HEX8, TET10):
+        first, second = model.elements.of_type(code)[1][:, :2].T - 1
+        lengths.append(np.linalg.norm(model.nodes[first] - model.nodes[second], axis=1))
     return float(np.concatenate(lengths).mean())
 
 

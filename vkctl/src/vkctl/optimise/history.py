@@ -64,6 +64,7 @@ class State:
     combine: str
     weights: list[float]  # per load case that takes part
     since: int  # first step whose objective has this meaning
+    target: float | None  # volume that this step's levels were to have; None of the first step's
 
 
 def folder_of(directory: PathLike) -> Path:

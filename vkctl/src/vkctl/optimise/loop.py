@@ -180,6 +180,7 @@ def _begin(cases: PathLike, directory: Path, settings: Settings) -> tuple[State,
         combine=settings.combine,
         weights=_weights(cases, settings, taking_part),
         since=1,
+        target=None,
     )
     largest = float(np.abs(model.tp).max())
     history.save_array(history.levels_file(directory, 1), model.tp / (largest or 1.0))
@@ -271,12 +272,9 @@ def _step(loop: _Loop) -> StepShown:
     results = [read_results(directory, number) for number in state.load_cases]
     criterion = _settled(loop, _combined_or_fail(loop, results))
     volume = loop.design.volume(levels)
-    target = loop.rows[-1].target if loop.rows else volume
-    if state.step > 1:
-        target = settings.next_target(target)
-    following, _ = loop.design.next_levels(
-        levels, criterion, settings.next_target(target), settings.move
-    )
+    target = volume if state.target is None else state.target
+    next_target = settings.next_target(target)
+    following, _ = loop.design.next_levels(levels, criterion, next_target, settings.move)
     energies = {r.number: r.strain_energy for r in results}
     row = HistoryRow(
         step=state.step,
@@ -291,7 +289,7 @@ def _step(loop: _Loop) -> StepShown:
     loop.rows.append(row)
     history.write_history(directory, loop.rows)
     history.save_array(history.levels_file(directory, state.step + 1), following)
-    state.step, state.running = state.step + 1, 0
+    state.step, state.running, state.target = state.step + 1, 0, next_target
     history.write_state(directory, state)
     history.criterion_file(directory, state.step - 2).unlink(missing_ok=True)
     return StepShown(row, settings.steps, outcome)
