@@ -15,6 +15,7 @@ from .grid import has_boundary, part_surface, point_fields, solved_or_fail
 from .model import Model, read
 from .results import read_results
 
+Direction = tuple[float, float, float]
 Field = Literal["magnitude", "stress", "criterion", "level"]
 FIELDS: tuple[str, ...] = get_args(Field)
 
@@ -25,18 +26,22 @@ _TITLES = {
     "level": "level",
 }
 _VISIBLE_PART = 0.08  # of the part's extent: what the largest displacement is drawn as
+_THIN_PART = 0.25  # of its other extents: a part as low as this is a plate
 _STRESS_PERCENTILES = (1.0, 99.0)  # a few peaks at supports would wash out the colours
 
 
 @dataclass(frozen=True)
 class View:
-    """How a picture is drawn. `scale` exaggerates the deformation, None chooses it."""
+    """How a picture is drawn. `scale` exaggerates the deformation, None chooses it.
+
+    Up is z, and y where the part is a plate in x and y that is looked at from above.
+    """
 
     field: Field = "magnitude"
     scale: float | None = None
     edges: bool = False
     size: tuple[int, int] = (1400, 900)
-    direction: tuple[float, float, float] = (-0.6, -1.0, 0.5)  # from the part to the eye
+    direction: Direction | None = None  # from the part to the eye; None chooses it
 
 
 def plot(
@@ -89,11 +94,22 @@ def draw(
         title = f"{title}, deformation x {scale:.3g}"
     plotter.add_text(title, color="black", font_size=11)
     plotter.add_axes(color="black")
-    plotter.view_vector(view.direction, viewup=(0.0, 0.0, 1.0))
+    direction, up = _eye(model, view)
+    plotter.view_vector(direction, viewup=up)
     plotter.enable_anti_aliasing("ssaa")
     plotter.screenshot(str(picture))
     plotter.close()
     return Path(picture)
+
+
+def _eye(model: Model, view: View) -> tuple[Direction, Direction]:
+    """Direction to the eye, and the one that points up in the picture."""
+    length, width, height = np.ptp(model.nodes, axis=0)
+    plate = height < _THIN_PART * min(length, width)
+    chosen = (0.3, -0.4, 1.0) if plate else (-0.6, -1.0, 0.5)
+    direction = view.direction or chosen
+    steep = abs(direction[2]) > 2 * max(abs(direction[0]), abs(direction[1]))
+    return direction, (0.0, 1.0, 0.0) if steep else (0.0, 0.0, 1.0)
 
 
 def _scale(model: Model, surface: pyvista.PolyData, view: View) -> float:

@@ -164,6 +164,7 @@ def _begin(cases: PathLike, directory: Path, settings: Settings) -> tuple[State,
     model = read(directory)
     if not len(model.tp):
         model.set_level(1.0)
+        assert model.node_tp_index is not None
         formats.write_tp_index(directory, model.node_tp_index)
         formats.write_tp(directory, model.tp)
     taking_part = _requested(model)
