@@ -6,15 +6,20 @@
 #include <cstdint>
 #include <limits>
 #include <memory>
-#include <new>
 #include <string_view>
+#include <type_traits>
 
+#include "platform/memory.hpp"
 #include "run/services/logger.hpp"
+
+struct ArrayDeleter {
+  void operator()(void* memory) const { PLATFORM_FREE(memory); }
+};
 
 // std::unique_ptr<T[]> that is indexed like the pointer it holds: index values are signed here.
 template <class T>
-struct Array : std::unique_ptr<T[]> {
-  using std::unique_ptr<T[]>::unique_ptr;
+struct Array : std::unique_ptr<T[], ArrayDeleter> {
+  using std::unique_ptr<T[], ArrayDeleter>::unique_ptr;
   template <class Index>
   T& operator[](Index place) const {
     return this->get()[place];
@@ -34,10 +39,12 @@ inline std::int64_t LargestBytes = std::numeric_limits<std::int64_t>::max();
 // can't.
 template <class T>
 Array<T> ARRAYS_ALLOCATE(std::int64_t count, std::string_view failure = ARRAYS::Failure) {
+  static_assert(std::is_trivially_default_constructible_v<T> &&
+                std::is_trivially_destructible_v<T>);
   constexpr auto width = static_cast<std::int64_t>(sizeof(T));
   Array<T> array;
   if (count >= 0 && count <= ARRAYS::LargestBytes / width)
-    array.reset(new (std::nothrow) T[static_cast<std::size_t>(count)]);
+    array.reset(static_cast<T*>(PLATFORM_ALLOCATE(count * width)));
   if (!array) LOGGER_POSTERRABORT(failure);
   return array;
 }

@@ -1,0 +1,10 @@
+// Memory for arrays that may be large.
+#pragma once
+
+#include <cstdint>
+
+// `bytes` bytes, not cleared; null when they can't be had. Aligned to whole vector registers and,
+// from a few megabytes on, to huge pages, which the system is then asked for: touching, reading
+// into and gathering from such an array costs a fraction of what it does in small pages.
+void* PLATFORM_ALLOCATE(std::int64_t bytes);
+void PLATFORM_FREE(void* memory);
