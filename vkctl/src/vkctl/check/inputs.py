@@ -134,6 +134,13 @@ class Inputs:
         return int(self.load_cases["PatternIndex"][number - 1])
 
 
+def fingerprints(rows: Array) -> Array:
+    """A number per row of node numbers that is the same for the same nodes in any order."""
+    salt = np.random.default_rng(1).integers(1, 2**63, int(rows.max(initial=0)) + 1, np.uint64)
+    mixed: Array = salt[rows].sum(axis=1, dtype=np.uint64)
+    return mixed
+
+
 def acting(constraints: Array) -> Array:
     """Constraint rows that act in some direction; nobody follows the others."""
     rows: Array = constraints[constraints["DofMask"] & _DIRECTIONS != 0]

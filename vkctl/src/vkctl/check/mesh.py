@@ -8,7 +8,7 @@ import numpy as np
 
 from ..formats import HEX8, NODES_PER_TYPE, TET4, TET10, Array
 from .findings import Finding, counted, error, listed, note, some, warning
-from .inputs import Inputs, Mesh
+from .inputs import Inputs, Mesh, fingerprints
 from .shapes import ShapeReport, measure
 
 _FILES_PER_NODE = (("node_flags", "mxs.nodeflags"), ("tp_index", "mxs.tpadr"))
@@ -103,18 +103,11 @@ def _rows_in_use(inputs: Inputs, mesh: Mesh, records: Array) -> Iterator[Finding
                 f"{counted(int((uses == 0).sum()), 'row')} of {_TYPE_NAMES[code]} have no element."
             )
             yield note("element-row-unused", text, "mx.elems")
-        double = numbers[_repeated(_fingerprints(rows))]
+        double = numbers[_repeated(fingerprints(rows))]
         if len(double):
             which = listed(double, "element")
             text = f"{which} lie on the same nodes as another: stiffness counts twice."
             yield warning("element-double", text, "mx.elems")
-
-
-def _fingerprints(rows: Array) -> Array:
-    """A number per row that is the same for the same nodes in any order."""
-    salt = np.random.default_rng(1).integers(1, 2**63, int(rows.max(initial=0)) + 1, np.uint64)
-    mixed: Array = salt[rows].sum(axis=1, dtype=np.uint64)
-    return mixed
 
 
 def _repeated(keys: Array) -> Array:

@@ -13,11 +13,10 @@ from .. import formats
 from ..formats import Array
 from ..numbering import prescribed_rows
 from .findings import Finding, counted, error
+from .hinges import Pieces, find_pieces, hinge_findings
 from .inputs import Inputs, Mesh
+from .motions import FREE, describe_motions, displacement_rows
 
-# Eigenvalues of the support matrix below this, relative to the largest, leave a motion free.
-# Coordinates are float32: a straight row of supports has values of about 1e-14.
-_FREE = 1e-10
 _PARTS_SHOWN = 3
 
 
@@ -60,29 +59,35 @@ def check_supports(inputs: Inputs) -> Iterator[Finding]:
     mesh = inputs.mesh
     if mesh is None or not mesh.used.any() or not np.isfinite(mesh.nodes[mesh.used]).all():
         return
-    parts = find_parts(mesh)
+    parts, pieces = find_parts(mesh), find_pieces(mesh)
     checked: set[int] = set()
     for number in inputs.sound_maps:
         pattern = inputs.pattern(number)
         if pattern in checked:
             continue
         checked.add(pattern)
-        yield from _pattern(inputs, mesh, parts, number)
+        yield from _pattern(inputs, mesh, parts, pieces, number)
 
 
-def _pattern(inputs: Inputs, mesh: Mesh, parts: Parts, number: int) -> Iterator[Finding]:
+def _pattern(
+    inputs: Inputs, mesh: Mesh, parts: Parts, pieces: Pieces, number: int
+) -> Iterator[Finding]:
     constraints = inputs.maps[number].constraints
     nodes, directions = _functionals(inputs, constraints)
     held = parts.of_node[nodes] >= 0
-    gram = _support_matrices(mesh, parts, nodes[held], directions[held])
+    nodes, directions = nodes[held], directions[held]
+    gram = _support_matrices(mesh, parts, nodes, directions)
     values, vectors = np.linalg.eigh(gram)
-    free = values <= _FREE * np.maximum(values[:, -1:], 1e-300)
+    free = values <= FREE * np.maximum(values[:, -1:], 1e-300)
     loose = np.flatnonzero(free.any(axis=1))
     for part in loose[:_PARTS_SHOWN]:
         yield _finding(inputs, mesh, parts, number, int(part), vectors[part][:, free[part]])
     if len(loose) > _PARTS_SHOWN:
         text = f"{counted(len(loose) - _PARTS_SHOWN, 'more part')} can move freely too."
         yield error("rigid-body-more", text, f"load case {number}")
+    if not len(loose) and pieces.count > parts.count:
+        where = f"load case {number}, pattern {inputs.pattern(number)}"
+        yield from hinge_findings(mesh, pieces, nodes, directions, where)
 
 
 def _functionals(inputs: Inputs, constraints: Array) -> tuple[Array, Array]:
@@ -109,7 +114,7 @@ def _support_matrices(mesh: Mesh, parts: Parts, nodes: Array, directions: Array)
     part = parts.of_node[nodes]
     radius = np.maximum(parts.radii[part], 1e-300)[:, None]
     arms = (mesh.nodes[nodes] - parts.centres[part]) / radius
-    f = np.concatenate((directions, np.cross(arms, directions)), axis=1)
+    f = np.einsum("kd,kdm->km", directions, displacement_rows(arms))
     gram = np.empty((parts.count, 6, 6))
     for i in range(6):
         for j in range(i, 6):
@@ -144,40 +149,3 @@ def _coincident(mesh: Mesh, parts: Parts, part: int) -> int:
     mine = parts.of_node[used] == part
     own = np.bincount(place[mine], minlength=len(counts))
     return int((own[place[mine]] < counts[place[mine]]).sum())
-
-
-def describe_motions(motions: Array) -> str:
-    """Words for the rigid motions that the columns of (6, k) span."""
-    if motions.shape[1] == 6:
-        return "it has no support at all"
-    turn_basis, strengths, mix = np.linalg.svd(motions[3:])
-    turns = int((strengths > 1e-4).sum())
-    slides = mix[turns:] @ motions[:3].T  # motions without rotation
-    parts = []
-    if len(slides):
-        parts.append("slide " + _along([row / np.linalg.norm(row) for row in slides]))
-    if turns:
-        parts.append("turn " + _about([turn_basis[:, k] for k in range(turns)]))
-    return "it can " + " and ".join(parts)
-
-
-def _along(vectors: list[Array]) -> str:
-    return "in every direction" if len(vectors) == 3 else "along " + _axes(vectors)
-
-
-def _about(vectors: list[Array]) -> str:
-    return "about every axis" if len(vectors) == 3 else "about " + _axes(vectors)
-
-
-def _axes(vectors: list[Array]) -> str:
-    """Names of the coordinate axes that the vectors span, or the vectors themselves."""
-    span = np.array(vectors)
-    aligned = [name for name, axis in zip("xyz", np.eye(3), strict=True) if _spans(span, axis)]
-    if len(aligned) == len(vectors):
-        return " and ".join(aligned)
-    return " and ".join("(" + ", ".join(f"{x:.3g}" for x in v + 0.0) + ")" for v in vectors)
-
-
-def _spans(span: Array, axis: Array) -> bool:
-    rest = axis - np.linalg.lstsq(span.T, axis, rcond=None)[0] @ span
-    return bool(np.linalg.norm(rest) < 1e-3)
