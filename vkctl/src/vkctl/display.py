@@ -4,6 +4,7 @@ from __future__ import annotations
 
 from collections.abc import Callable, Iterator
 from contextlib import contextmanager
+from typing import Literal
 
 from rich.console import Console, Group
 from rich.live import Live
@@ -15,6 +16,17 @@ from .results import LoadCaseLog
 from .run import POOR_QUALITY, RunResult
 
 _ROWS = 12  # load cases shown at a time, the latest
+# Heading, least width (so that the table doesn't twitch), side.
+_COLUMNS: tuple[tuple[str, int, Literal["left", "right"]], ...] = (
+    ("case", 4, "right"),
+    ("pattern", 7, "right"),
+    ("stage", 21, "left"),
+    ("mode", 9, "left"),
+    ("iterations", 12, "right"),
+    ("quality", 7, "right"),
+    ("factor", 8, "right"),
+    ("time", 9, "right"),
+)
 _MODE_NAMES = {1: "iterative", 2: "direct"}
 
 
@@ -59,10 +71,8 @@ def _cells(case: LoadCaseLog, progress: Progress) -> list[str | Text]:
 def table(progress: Progress) -> Group:
     """The table of a run's load cases with a line on the whole run below it."""
     grid = Table(box=None, pad_edge=False)
-    for heading in ("case", "pattern", "stage", "mode"):
-        grid.add_column(heading, justify="right" if heading in ("case", "pattern") else "left")
-    for heading in ("iterations", "quality", "factor", "time"):
-        grid.add_column(heading, justify="right")
+    for heading, width, justify in _COLUMNS:
+        grid.add_column(heading, min_width=width, justify=justify)
     for case in progress.log.load_cases[-_ROWS:]:
         grid.add_row(*_cells(case, progress))
     return Group(grid, Text(state_line(progress)))
