@@ -842,9 +842,9 @@ def joined(*shared, count=2):
         moved = part.nodes + (3.0 * k, 0, 0)
         numbers = np.arange(1, 17) + 16 * k
         for y, z in shared:
-            numbers[part.corner("x-", f"y{y}", f"z{z}") - 1] = (
-                part.corner("x+", f"y{y}", f"z{z}") + 16 * (k - 1)
-            )
+            numbers[part.corner("x-", f"y{y}", f"z{z}") - 1] = part.corner(
+                "x+", f"y{y}", f"z{z}"
+            ) + 16 * (k - 1)
         nodes.append(moved)
         rows.append(numbers[part.elements.tet4 - 1])
     elements = model.Elements.from_tables(tet4=np.concatenate(rows))
