@@ -36,7 +36,9 @@ def write_part_series(directory: PathLike, steps: int) -> Path:
     return target
 
 
-def write_animation(directory: PathLike, steps: int, most: int = MOST_FRAMES) -> Path:
+def write_animation(
+    directory: PathLike, steps: int, most: int = MOST_FRAMES, view: View = _FRAME
+) -> Path:
     """A .gif of the part over the steps."""
     from PIL import Image
 
@@ -44,7 +46,7 @@ def write_animation(directory: PathLike, steps: int, most: int = MOST_FRAMES) ->
     frames = []
     for step in shown_steps(steps, most):
         picture = folder / f"frame_{step:04d}.png"
-        draw(model_at(directory, step), {}, picture, _FRAME, f"step {step}")
+        draw(model_at(directory, step), {}, picture, view, f"step {step}")
         with Image.open(picture) as image:
             frames.append(image.convert("P", palette=Image.Palette.ADAPTIVE))
         picture.unlink()
