@@ -65,7 +65,7 @@ def remake_tutorial() -> None:
     for path in made:
         with Image.open(path) as picture:
             picture.thumbnail((800, 800))
-            picture.convert("P", palette=Image.Palette.ADAPTIVE).save(target / path.name)
+            picture.convert("RGB").save(target / path.name, optimize=True)
 
 
 def main() -> None:

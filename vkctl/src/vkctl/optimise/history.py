@@ -174,9 +174,9 @@ def draw_history(rows: list[HistoryRow], picture: PathLike) -> None:
     steps = [row.step for row in rows]
     left.plot(steps, [row.objective for row in rows], color="tab:blue", label="objective")
     if len(rows[-1].energies) > 1:
-        for number in rows[-1].energies:
+        for k, number in enumerate(rows[-1].energies, 1):
             values = [row.energies[number] for row in rows]
-            left.plot(steps, values, linewidth=0.8, label=f"load case {number}")
+            left.plot(steps, values, color=f"C{k}", linewidth=0.8, label=f"load case {number}")
     left.set_xlabel("step")
     left.set_ylabel("strain energy")
     left.set_ylim(bottom=0)
