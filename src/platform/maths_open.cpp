@@ -12,6 +12,7 @@
 #include <smumps_c.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -248,10 +249,17 @@ int Analyse(void* pt, Int n, const void* a, const Int* ia, const Int* ja, Int* i
   return 0;
 }
 
+bool AllFinite(const float* values, std::int64_t count) {
+  return std::all_of(values, values + count, [](float value) { return std::isfinite(value); });
+}
+
 template <class Int>
 int Factorise(Factor& factor, const void* a, const Int* ia, const Int* ja, Int* iparm) {
   factor.factored = false;
-  int code = RunOnMatrix(factor, JobFactor, Int{factor.mumps.n}, a, ia, ja);
+  // MUMPS would carry a NaN through to the solution without a word.
+  int code = AllFinite(static_cast<const float*>(a), ia[factor.mumps.n] - 1)
+                 ? RunOnMatrix(factor, JobFactor, Int{factor.mumps.n}, a, ia, ja)
+                 : ZeroPivot;
   // A negative pivot is no error to MUMPS: it goes on with the indefinite factor.
   if (code == 0 && factor.mumps.infog[Slot(InfogNegativePivots)] > 0) code = ZeroPivot;
   if (code == ZeroPivot) iparm[Slot(IparmPivot)] = 0;
