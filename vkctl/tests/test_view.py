@@ -197,8 +197,19 @@ def test_a_poor_solve_without_displacements_is_drawn_undeformed(tmp_path: Path) 
     fields = grid.point_fields(
         model,
         Results(
-            1, 1, 0.6, 0.0, 0.0, 0.0, 0.0, (0.0, 0.0, 0.0), np.zeros(0), model.nodes[:, 0],
-            model.nodes[:, 1], None, None,
+            1,
+            1,
+            0.6,
+            0.0,
+            0.0,
+            0.0,
+            0.0,
+            (0.0, 0.0, 0.0),
+            np.zeros(0),
+            model.nodes[:, 0],
+            model.nodes[:, 1],
+            None,
+            None,
         ),
     )
     target = tmp_path / "out.png"

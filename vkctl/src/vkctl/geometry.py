@@ -251,8 +251,8 @@ def consistent_forces(nodes: Array, faces: list[Array], traction: Traction) -> t
     """Nodal forces of a traction on faces: (node numbers, forces (k, 3)), each node once.
 
     `traction` is a vector, force per area; a number is a pressure, which pushes against the face
-    from outside; a function takes points (k, 3) and gives pressures (k,) or vectors (k, 3). The load
-    is integrated over the curved face, with the normal and area at each integration point.
+    from outside; a function takes points (k, 3) and gives pressures (k,) or vectors (k, 3). The
+    load is integrated over the curved face, with the normal and area at each integration point.
     """
     total = np.zeros_like(nodes, np.float64)
     touched = [np.empty(0, np.int64)]
@@ -282,7 +282,7 @@ def _point_load(
         value = traction(np.einsum("fna,n->fa", corners, shape))
     given = np.asarray(value, np.float64)
     if given.ndim == 0 or (callable(traction) and given.ndim == 1):
-        return -(given[..., None] * normal)[:, None]  # type: ignore[no-any-return]
+        return -(given[..., None] * normal)[:, None]
     area = np.linalg.norm(normal, axis=1, keepdims=True)
     loads: Array = (area * given)[:, None]
     return loads

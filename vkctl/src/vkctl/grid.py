@@ -5,7 +5,6 @@ from __future__ import annotations
 import numpy as np
 import pyvista
 
-from . import formats
 from .formats import HEX8, TET4, TET10, Array, PathLike
 from .model import Model, read
 from .numbering import EXCLUDED

@@ -61,9 +61,7 @@ def plot(
     return draw(model, fields, picture, view or View(), f"load case {number}")
 
 
-def draw(
-    model: Model, fields: dict[str, Array], picture: PathLike, view: View, title: str
-) -> Path:
+def draw(model: Model, fields: dict[str, Array], picture: PathLike, view: View, title: str) -> Path:
     """Draw `fields` (per node, see `grid.point_fields`) of a model; returns the picture's path."""
     wide = {name: np.asarray(values, np.float64) for name, values in fields.items()}
     surface = part_surface(model, wide)
