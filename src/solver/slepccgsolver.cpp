@@ -235,9 +235,10 @@ void SLEPCCGSOLVER_FORWARDSOLVE_I8(const std::int64_t* pR8, const std::int64_t* 
   const std::int64_t n = SOLVERSTA::NumEquations;
   std::copy_n(r, n, y);
   for (std::int64_t i = 0; i < n; ++i) {
-    y[i] /= matrix[Slot(pR8[i])];
+    const double solved = y[i] / matrix[Slot(pR8[i])];
+    y[i] = solved;
     for (std::int64_t k = pR8[i] + 1; k < pR8[i + 1]; ++k)
-      y[Slot(pC8[Slot(k)])] -= matrix[Slot(k)] * y[i];
+      y[Slot(pC8[Slot(k)])] -= matrix[Slot(k)] * solved;
   }
 }
 
@@ -251,8 +252,9 @@ void SLEPCCGSOLVER_BACKWARDSOLVE_I8(const std::int64_t* pR8, const std::int64_t*
   const std::int64_t n = SOLVERSTA::NumEquations;
   std::copy_n(y, n, z);
   for (std::int64_t i = n - 1; i >= 0; --i) {
+    double rest = z[i];
     for (std::int64_t k = pR8[i] + 1; k < pR8[i + 1]; ++k)
-      z[i] -= matrix[Slot(k)] * z[Slot(pC8[Slot(k)])];
-    z[i] /= matrix[Slot(pR8[i])];
+      rest -= matrix[Slot(k)] * z[Slot(pC8[Slot(k)])];
+    z[i] = rest / matrix[Slot(pR8[i])];
   }
 }
