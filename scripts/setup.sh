@@ -8,7 +8,7 @@ LOGS=$ROOT/.local/log
 JOBS=${JOBS:-$(nproc)}
 
 BUILD_PACKAGES=(g++ cmake ninja-build python3 python3-venv ca-certificates
-  libgtest-dev libbenchmark-dev libmumps-seq-dev libopenblas-pthread-dev)
+  libgtest-dev libgmock-dev libbenchmark-dev libmumps-seq-dev libopenblas-pthread-dev)
 # What Gmsh and VTK link, though nothing opens a window; OSMesa draws VTK's pictures without one.
 VKCTL_PACKAGES=(libgl1 libglu1-mesa libx11-6 libxext6 libxfixes3 libxft2 libxinerama1 libxcursor1
   libxrender1 libfontconfig1 libgomp1 libosmesa6)
