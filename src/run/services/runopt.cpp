@@ -185,6 +185,8 @@ void RUNOPT_SETTHREADS() {
   VKCORE::NumThreads = RUNOPT_TEAMSIZE(VKCORE::RunOptions.MaxNumCompThreads, omp_get_num_procs(),
                                        omp_get_thread_limit());
   omp_set_num_threads(VKCORE::NumThreads);
+  // First outside of the team: some run-times give threads their master's mode at every fork.
+  PLATFORM_FLUSHTOZERO();
 #pragma omp parallel
   PLATFORM_FLUSHTOZERO();
 }
