@@ -8,7 +8,7 @@
 #include <memory>
 #include <vector>
 
-#include "platform/maths.hpp"
+#include "platform/maths/maths.hpp"
 #include "platform/slot.hpp"
 
 namespace {

@@ -19,7 +19,7 @@
 #include "model/femodel.hpp"
 #include "model/fenod.hpp"
 #include "model/fileio.hpp"
-#include "platform/maths.hpp"
+#include "platform/maths/maths.hpp"
 #include "platform/process.hpp"
 #include "response/compsave.hpp"
 #include "run/services/logger.hpp"

@@ -1,5 +1,5 @@
 # Chooses the library behind the maths operations and gives it as the target vk_maths, with
-#   VK_MATHS_SOURCES  the files of src/platform that adapt it
+#   VK_MATHS_SOURCES  the files of src/platform/maths that adapt it
 #   VK_MATHS_TEXT     name and version, for people and for MATHS_NAME
 # There is one OpenMP run-time in the program, the compiler's own.
 
@@ -21,12 +21,12 @@ endif()
 
 add_library(vk_maths INTERFACE)
 if(choice STREQUAL "mkl")
-  set(VK_MATHS_SOURCES maths_mkl.cpp)
+  set(VK_MATHS_SOURCES mkl.cpp)
   set(VK_MATHS_TEXT "oneMKL ${MKL_VERSION}")
   target_link_libraries(vk_maths INTERFACE MKL::MKL)
 else()
   find_package(OpenMaths REQUIRED)
-  set(VK_MATHS_SOURCES maths_open.cpp maths_open_sparse.cpp)
+  set(VK_MATHS_SOURCES open_direct.cpp open_sparse.cpp)
   set(VK_MATHS_TEXT "MUMPS ${MUMPS_VERSION}, OpenBLAS")
   target_link_libraries(vk_maths INTERFACE OpenMaths::OpenMaths)
 endif()

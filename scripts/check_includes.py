@@ -8,7 +8,17 @@ import re
 import sys
 from pathlib import Path, PurePosixPath
 
-LAYERS = ("platform", "run/services", "model", "elemlib", "solver", "elements", "response", "run")
+LAYERS = (
+    "platform",
+    "platform/maths",
+    "run/services",
+    "model",
+    "elemlib",
+    "solver",
+    "elements",
+    "response",
+    "run",
+)
 INCLUDE = re.compile(r'^\s*#\s*include\s*"([^"]+)"', re.MULTILINE)
 
 

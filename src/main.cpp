@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <string_view>
 
-#include "platform/maths.hpp"
+#include "platform/maths/maths.hpp"
 #include "platform/process.hpp"
 #include "platform/stop.hpp"
 #include "run/driver.hpp"

@@ -5,7 +5,7 @@
 #include <string>
 #include <type_traits>
 
-#include "platform/maths.hpp"
+#include "platform/maths/maths.hpp"
 #include "platform/slot.hpp"
 #include "run/services/logger.hpp"
 #include "run/services/vkcore.hpp"

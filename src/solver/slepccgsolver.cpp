@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
-#include "platform/maths.hpp"
+#include "platform/maths/maths.hpp"
 #include "platform/slot.hpp"
 #include "run/services/arrays.hpp"
 #include "solver/slepardisosolver.hpp"

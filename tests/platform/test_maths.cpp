@@ -7,7 +7,7 @@
 #include <random>
 #include <vector>
 
-#include "platform/maths.hpp"
+#include "platform/maths/maths.hpp"
 #include "platform/slot.hpp"
 
 namespace {

@@ -20,7 +20,7 @@
 #include <memory>
 #include <new>
 
-#include "platform/maths.hpp"
+#include "platform/maths/maths.hpp"
 #include "platform/slot.hpp"
 
 extern "C" {

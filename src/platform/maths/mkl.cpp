@@ -2,6 +2,6 @@
 // header beside ours lets the compiler check that the declarations agree.
 #include <mkl.h>
 
-#include "platform/maths.hpp"
+#include "platform/maths/maths.hpp"
 
 std::string_view MATHS_NAME() { return VK_MATHS_NAME; }

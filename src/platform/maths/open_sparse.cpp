@@ -8,7 +8,7 @@
 #include <memory>
 #include <new>
 
-#include "platform/maths.hpp"
+#include "platform/maths/maths.hpp"
 
 namespace {
 
