@@ -1,8 +1,15 @@
 # Finds the static oneMKL and gives it as MKL::MKL, with MKL_VERSION.
-# Looked for in VK_MKL_ROOT, in the project's own environment .local/venv, and in MKLROOT.
+# Looked for in VK_MKL_ROOT, in the Python environment that a wheel is built with, in the checkout's
+# own environment .local/venv, and in MKLROOT.
 
+set(python "")
+if(SKBUILD AND Python_EXECUTABLE)
+  cmake_path(GET Python_EXECUTABLE PARENT_PATH python)
+  cmake_path(GET python PARENT_PATH python)
+endif()
 set(places "")
-foreach(place "${VK_MKL_ROOT}" "${PROJECT_SOURCE_DIR}/.local/venv" "$ENV{MKLROOT}")
+foreach(place "${VK_MKL_ROOT}" "$ENV{VK_MKL_ROOT}" "${python}" "${PROJECT_SOURCE_DIR}/.local/venv"
+    "$ENV{MKLROOT}")
   if(place)
     list(APPEND places "${place}")
   endif()

@@ -3,9 +3,12 @@
 #   VK_MATHS_TEXT     name and version, for people and for MATHS_NAME
 # There is one OpenMP run-time in the program, the compiler's own.
 
+set(VK_MKL_ADVICE "pip install mkl-static==2025.3.* mkl-include==2025.3.*, and give the \
+environment's folder as -DVK_MKL_ROOT")
+
 string(TOLOWER "${VK_MATH}" choice)
 if(NOT choice MATCHES "^(mkl|open|auto)$")
-  message(FATAL_ERROR "VK_MATH is \"${VK_MATH}\"; it can be mkl, open or auto.")
+  vk_refuse("VK_MATH is \"${VK_MATH}\"; it can be mkl, open or auto")
 endif()
 
 if(NOT choice STREQUAL "open")
@@ -13,9 +16,8 @@ if(NOT choice STREQUAL "open")
   if(MKL_FOUND)
     set(choice mkl)
   elseif(choice STREQUAL "mkl")
-    message(FATAL_ERROR
-      "VK_MATH=mkl, but oneMKL was not found in VK_MKL_ROOT, .local/venv or MKLROOT. "
-      "scripts/setup.sh installs it into .local/venv; VK_MATH=open does without it.")
+    vk_refuse("VK_MATH=mkl, but no oneMKL of 2025 or older was found; ${VK_MKL_ADVICE}, "
+      "or take VK_MATH=open")
   endif()
 endif()
 
@@ -25,7 +27,11 @@ if(choice STREQUAL "mkl")
   set(VK_MATHS_TEXT "oneMKL ${MKL_VERSION}")
   target_link_libraries(vk_maths INTERFACE MKL::MKL)
 else()
-  find_package(OpenMaths REQUIRED)
+  find_package(OpenMaths MODULE QUIET)
+  if(NOT OpenMaths_FOUND)
+    vk_refuse("no maths library was found; install MUMPS and OpenBLAS (Debian: apt install "
+      "libmumps-seq-dev libopenblas-pthread-dev) or oneMKL (${VK_MKL_ADVICE})")
+  endif()
   set(VK_MATHS_SOURCES open_direct.cpp open_sparse.cpp)
   set(VK_MATHS_TEXT "MUMPS ${MUMPS_VERSION}, OpenBLAS")
   target_link_libraries(vk_maths INTERFACE OpenMaths::OpenMaths)

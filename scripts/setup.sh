@@ -127,13 +127,18 @@ setup() {
   setup_mkl
 }
 
+# The line in which the build files say what is missing, or else the second argument.
+refusal() {
+  sed -n "s/^ *\(vk_rund can't be built: \)/\1/p" "$1" | grep . || printf '%s' "$2"
+}
+
 # build PRESET TARGET...: configures and builds into build/PRESET.
 build() {
   local preset=$1
   shift
   say "Building build/$preset"
   (cd "$ROOT" && quietly "configure-$preset" cmake --preset "$preset") ||
-    fail "CMake could not configure the preset $preset"
+    fail "$(refusal "$LOGS/configure-$preset.log" "CMake could not configure the preset $preset")"
   grep -h '^-- Maths library' "$LOGS/configure-$preset.log" | sed 's/^-- /  /'
   (cd "$ROOT" && quietly "build-$preset" cmake --build "build/$preset" -j "$JOBS" ${1:+--target "$@"}) ||
     fail "the preset $preset does not build"

@@ -39,6 +39,12 @@ end_to_end_tests() {
     "$VENV/bin/python" -m pytest -q "$ROOT/tests/e2e" --junitxml "$REPORTS/end-to-end-$1.xml"
 }
 
+# The build as others use it: installed, inside of another project, and what it refuses.
+install_tests() {
+  part install env VK_RUND="$ROOT/build/release/vk_rund" \
+    "$VENV/bin/python" -m pytest -q "$ROOT/tests/install" --junitxml "$REPORTS/install.xml"
+}
+
 python_tests() {
   part vkctl env VK_RUND="$ROOT/build/release/vk_rund" \
     "$VENV/bin/python" -m pytest -q "$ROOT/vkctl/tests" "$ROOT/verification/tests" --junitxml "$REPORTS/vkctl.xml"
