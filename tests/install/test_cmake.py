@@ -137,3 +137,20 @@ def test_a_missing_compiler_is_told(tmp_path):
 def test_a_compiler_that_is_not_there_is_told(tmp_path):
     result = configure(tmp_path, env={**os.environ, "CXX": "/no/such/compiler"})
     assert "no C++ compiler was found" in refusal(result)
+
+
+def test_the_scripts_show_the_refusal_alone(tmp_path):
+    """What quickstart and check say when the configuration was refused, or failed otherwise."""
+    log = tmp_path / "configure.log"
+    told = configure(tmp_path / "build", "-DVK_MATH=fast")
+    log.write_text(told.stdout + told.stderr)
+    (tmp_path / "other.log").write_text("CMake Error: something else\n")
+    script = f'. {ROOT}/scripts/setup.sh; refusal "$1" "it failed"; echo; refusal "$2" "it failed"'
+    shown = subprocess.run(
+        ["bash", "-c", script, "bash", log, tmp_path / "other.log"],
+        capture_output=True,
+        text=True,
+        check=True,
+    ).stdout.split("\n")
+    assert shown[0] == REFUSAL + 'VK_MATH is "fast"; it can be mkl, open or auto'
+    assert shown[-1] == "it failed"
