@@ -1,11 +1,14 @@
 // vk_rund DIRECTORY: solves the load cases that are prepared in a working directory.
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
+#include <string>
 #include <string_view>
 
 #include "platform/maths/maths.hpp"
 #include "platform/process.hpp"
 #include "platform/stop.hpp"
+#include "run/describe.hpp"
 #include "run/driver.hpp"
 
 namespace {
@@ -17,20 +20,31 @@ void PrintHelp() {
       "usage: vk_rund DIRECTORY\n"
       "\n"
       "Solves every load case that is requested and not yet done in the prepared working\n"
-      "directory. Results, state files, updated flags and the log vk_rund_log.txt are written\n"
-      "there; a stopped run is finished by starting it again.\n"
+      "directory. Results, state files, updated flags and the log are written there; a stopped\n"
+      "run is finished by starting it again.\n"
       "\n"
-      "  --help     this text\n"
-      "  --version  version and maths library\n"
+      "  --describe  files, options and codes, as JSON\n"
+      "  --help      this text\n"
+      "  --version   version and maths library\n"
       "\n"
-      "Exit status: 0 normal end; else the low 8 bits of 1001 (arguments), 1004 (directory),\n"
-      "1005 (log) or 1010 (an error in the log): 233, 236, 237, 242.");
+      "Exit status: 0 normal end; else the low 8 bits of the code on standard error:");
+  for (const NamedValue& stop : StopCodes)
+    std::printf("  %3d  %d %.*s\n", static_cast<int>(stop.value) & StopStatusMask,
+                static_cast<int>(stop.value), static_cast<int>(stop.meaning.size()),
+                stop.meaning.data());
 }
 
 void PrintVersion() {
   const std::string_view maths = MATHS_NAME();
   std::printf("vk_rund %s, maths library: %.*s\n", VK_VERSION, static_cast<int>(maths.size()),
               maths.data());
+}
+
+// False when the text can't be written, since half a description is none.
+bool PrintDescription() {
+  const std::string text = DESCRIBE_TEXT();
+  return std::fwrite(text.data(), 1, text.size(), stdout) == text.size() &&
+         std::fflush(stdout) == 0;
 }
 
 }  // namespace
@@ -41,6 +55,7 @@ int main(int argc, char** argv) {
   if (argc != 2)
     PLATFORM_STOP(StopArguments, "expected one argument, the working directory (see --help)");
   std::string_view argument = argv[1];
+  if (argument == "--describe") return PrintDescription() ? EXIT_SUCCESS : EXIT_FAILURE;
   if (argument == "--help") return PrintHelp(), 0;
   if (argument == "--version") return PrintVersion(), 0;
   argument = argument.substr(0, LongestDirectory);

@@ -137,7 +137,8 @@ double TopCriterion(const ElementResult& r, double strength) {
   constexpr double smoothShare = double{0.9f};
   static_assert(plainShare == 0.10000000149011612 && smoothShare == 0.8999999761581421);
   const double weighted = plainShare * r.volume + smoothShare * r.smoothVolume;
-  if (VKCORE::RunOptions.TopCriteriaCode == 0) return r.smoothEnergy / weighted * strength;
+  if (VKCORE::RunOptions.TopCriteriaCode == VKCORE::CriterionEnergy)
+    return r.smoothEnergy / weighted * strength;
   return r.smoothStress / weighted * std::sqrt(strength);
 }
 

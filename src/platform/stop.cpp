@@ -15,5 +15,5 @@ void PLATFORM_STOP(int code, std::string_view why) {
 #ifdef VK_COVERAGE
   __gcov_dump();
 #endif
-  ::_exit(code & 0xff);
+  ::_exit(code & StopStatusMask);
 }

@@ -28,8 +28,6 @@ using RUN::NumLoadCaseRecords;
 using RUN::NumLoadCases;
 
 constexpr std::string_view LogName = "vk_rund_log.txt";
-constexpr std::string_view OptionsName = "vk_rund_cmd.txt";
-constexpr int OptionsUnit = 101;
 
 void ReadLoadCaseTable() {
   FILEIO_OPENREAD(FILEIO::ReadUnit, "mxs.lcdata");
@@ -160,7 +158,7 @@ void RUN_ENTRY(std::string_view directory) {
   LOGGER_POSTINF("Eng x64 TLMx/IC/ID Build 2018.06.03");
   FEINTEG_INITTETRULES();
   FEINTEG_INITTRIRULES();
-  RUNOPT_READ(OptionsUnit, OptionsName);
+  RUNOPT_READ(RUNOPT::Unit, RUNOPT::FileName);
   SOLVERSTA::IMode = VKCORE::RunOptions.ComputationMode;
   RUNOPT_SETTHREADS();
   RUN_LOADCASES();

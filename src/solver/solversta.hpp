@@ -10,13 +10,14 @@
 #include <string_view>
 
 #include "run/services/arrays.hpp"
+#include "run/services/vkcore.hpp"
 
 namespace SOLVERSTA {
 
 // Values of IMode: what the option Sys.ComputationMode asks for and the PARDISO driver resolves.
-inline constexpr std::int32_t ModeAutomatic = 0;
-inline constexpr std::int32_t ModeIterative = 1;
-inline constexpr std::int32_t ModeFactorised = 2;
+using VKCORE::ModeAutomatic;
+using VKCORE::ModeFactorised;
+using VKCORE::ModeIterative;
 inline std::int32_t IMode = ModeAutomatic;
 
 inline std::int32_t NumEquations = 0;

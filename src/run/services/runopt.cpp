@@ -6,7 +6,6 @@
 #include <charconv>
 #include <cmath>
 #include <cstdlib>
-#include <limits>
 #include <string>
 
 #include "platform/process.hpp"
@@ -16,9 +15,7 @@
 
 namespace {
 
-constexpr std::size_t LineLength = 512;      // what lies beyond is cut
 constexpr std::size_t FileNameLength = 256;  // kept for messages
-constexpr std::int32_t MaxThreads = 16;      // design limit, whatever the option says
 
 bool IsDigit(char c) { return c >= '0' && c <= '9'; }
 bool IsSign(char c) { return c == '+' || c == '-'; }
@@ -79,45 +76,25 @@ std::string NormalFloat(std::string_view text) {
   return normal + std::string(text.substr(exponent));
 }
 
-bool ReadIntegerOption(std::string_view text, std::int32_t& option, std::int32_t lowest,
-                       std::int32_t highest) {
-  if (!RUNOPT_PARSEINTEGER(text, option)) return false;
-  option = std::clamp(option, lowest, highest);
-  return true;
-}
+bool Parse(std::string_view text, std::int32_t& value) { return RUNOPT_PARSEINTEGER(text, value); }
+bool Parse(std::string_view text, float& value) { return RUNOPT_PARSEFLOAT(text, value); }
 
-bool ReadFloatOption(std::string_view text, float& option, float lowest, float highest) {
-  if (!RUNOPT_PARSEFLOAT(text, option)) return false;
-  option = std::clamp(option, lowest, highest);
+template <class T>
+bool TakeValue(std::string_view text, const RUNOPT::Option<T>& option) {
+  T& value = VKCORE::RunOptions.*option.value;
+  if (!Parse(text, value)) return false;
+  value = std::clamp(value, option.lowest, option.highest);
   return true;
 }
 
 // Takes the value of the first key that `line` begins with. False: the value can't be read.
 bool TakeLine(std::string_view line) {
-  constexpr float unlimited = std::numeric_limits<float>::infinity();
-  constexpr std::int32_t anyLow = std::numeric_limits<std::int32_t>::min();
-  constexpr std::int32_t anyHigh = std::numeric_limits<std::int32_t>::max();
   const auto equals = line.find('=');
-  const std::string_view value = equals == std::string_view::npos ? line : line.substr(equals + 1);
-  VKCORE::RunOptionValues& o = VKCORE::RunOptions;
-
-  if (line.starts_with("Sys.AvailableMemGB"))
-    return ReadFloatOption(value, o.AvailableMemGB, -unlimited, unlimited);
-  if (line.starts_with("Sys.MaxNumCompThreads"))
-    return ReadIntegerOption(value, o.MaxNumCompThreads, anyLow, anyHigh);
-  if (line.starts_with("Sys.ComputationMode"))
-    return ReadIntegerOption(value, o.ComputationMode, 0, 2);
-  if (line.starts_with("Sta.SupportStiffness"))
-    return ReadFloatOption(value, o.SupportStiffness, 0.0f, unlimited);
-  if (line.starts_with("Sta.ResponseDumpFac"))
-    return ReadFloatOption(value, o.ResponseDumpFac, 0.0f, 0.99f);
-  if (line.starts_with("Sta.TopCriteriaCode"))
-    return ReadIntegerOption(value, o.TopCriteriaCode, 0, 1);
-  if (line.starts_with("Sta.BStressExp")) return ReadIntegerOption(value, o.BStressExp, 1, 24);
-  if (line.starts_with("Sta.YieldStressFac"))
-    return ReadFloatOption(value, o.YieldStressFac, 0.0f, unlimited);
-  if (line.starts_with("Sta.MatSlopeFactor"))
-    return ReadFloatOption(value, o.MatSlopeFactor, 10.0f, 10000.0f);
+  const std::string_view text = equals == std::string_view::npos ? line : line.substr(equals + 1);
+  for (const RUNOPT::AnyOption& any : RUNOPT::Options) {
+    if (!line.starts_with(std::visit([](const auto& option) { return option.key; }, any))) continue;
+    return std::visit([&](const auto& option) { return TakeValue(text, option); }, any);
+  }
   return true;
 }
 
@@ -127,8 +104,8 @@ void TakeText(std::string_view text, const std::string& fileName) {
     std::string_view line = text.substr(0, end);
     text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
     if (line.ends_with('\r')) line.remove_suffix(1);
-    line = TrimBlanks(line.substr(0, LineLength));
-    if (line.empty() || line.front() == '*') continue;
+    line = TrimBlanks(line.substr(0, RUNOPT::LineLength));
+    if (line.empty() || line.front() == RUNOPT::Comment) continue;
     if (!TakeLine(line))
       LOGGER_POSTERRABORT("Bad command line: " + std::string(line) + " in file: " + fileName);
   }
@@ -178,7 +155,7 @@ std::int32_t RUNOPT_TEAMSIZE(std::int32_t request, std::int32_t processors,
   if (request < 0) size = std::max<std::int64_t>(available + request, 1);
   if (request > 0) size = std::min<std::int64_t>(available, request);
   return static_cast<std::int32_t>(
-      std::min({size, static_cast<std::int64_t>(threadLimit), std::int64_t{MaxThreads}}));
+      std::min({size, static_cast<std::int64_t>(threadLimit), std::int64_t{RUNOPT::MaxThreads}}));
 }
 
 void RUNOPT_SETTHREADS() {

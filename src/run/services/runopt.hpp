@@ -1,4 +1,4 @@
-// Module RUNOPT: reader of the options file "vk_rund_cmd.txt", and the thread setting.
+// Module RUNOPT: reader of the options file, and the thread setting.
 //
 // The file is text, one "key=value" a line, in any order; a line that starts with "*" is a comment,
 // a line that starts with no known key is ignored, a key given twice keeps its last value. Values
@@ -14,9 +14,78 @@
 #pragma once
 
 #include <cstdint>
+#include <limits>
+#include <span>
 #include <string_view>
+#include <variant>
 
+#include "platform/described.hpp"
 #include "run/services/vkcore.hpp"
+
+namespace RUNOPT {
+
+inline constexpr std::string_view FileName = "vk_rund_cmd.txt";
+inline constexpr int Unit = 101;
+inline constexpr std::size_t LineLength = 512;  // what lies beyond is cut
+inline constexpr char Comment = '*';
+inline constexpr std::int32_t MaxThreads = 16;  // design limit, whatever the option says
+
+// A key and the value it sets; T is the type of what stands in the file. Without limits, lowest and
+// highest are what T can hold.
+template <class T>
+struct Option {
+  std::string_view key;
+  T VKCORE::RunOptionValues::*value;
+  T lowest, highest;
+  std::string_view meaning;
+  std::span<const NamedValue> codes = {};  // where each value has a meaning of its own
+};
+using IntegerOption = Option<std::int32_t>;
+using FloatOption = Option<float>;
+using AnyOption = std::variant<IntegerOption, FloatOption>;
+
+inline constexpr std::int32_t Lowest = std::numeric_limits<std::int32_t>::min();
+inline constexpr std::int32_t Highest = std::numeric_limits<std::int32_t>::max();
+inline constexpr float Unlimited = std::numeric_limits<float>::infinity();
+
+inline constexpr NamedValue Modes[] = {
+    {"automatic", VKCORE::ModeAutomatic, "a factor where the memory budget allows one"},
+    {"iterative", VKCORE::ModeIterative, "no factor"},
+    {"direct", VKCORE::ModeFactorised, "a factor, without a budget"},
+};
+inline constexpr NamedValue Criteria[] = {
+    {"energy", VKCORE::CriterionEnergy, "strain energy"},
+    {"stress", VKCORE::CriterionStress, "equivalent stress"},
+};
+
+// In the order in which a line is compared with the keys: the first that it begins with counts.
+inline constexpr AnyOption Options[] = {
+    FloatOption{"Sys.AvailableMemGB", &VKCORE::RunOptionValues::AvailableMemGB, -Unlimited,
+                Unlimited,
+                "memory budget in gigabytes of the sparse factor in automatic mode; 0 or less: no "
+                "budget"},
+    IntegerOption{"Sys.MaxNumCompThreads", &VKCORE::RunOptionValues::MaxNumCompThreads, Lowest,
+                  Highest,
+                  "threads: 0 all processors, positive at most that many, negative that many "
+                  "processors left free"},
+    IntegerOption{"Sys.ComputationMode", &VKCORE::RunOptionValues::ComputationMode,
+                  VKCORE::ModeAutomatic, VKCORE::ModeFactorised, "preconditioner of the solution",
+                  Modes},
+    FloatOption{"Sta.SupportStiffness", &VKCORE::RunOptionValues::SupportStiffness, 0.0f, Unlimited,
+                "stiffness of elastic supports"},
+    FloatOption{"Sta.ResponseDumpFac", &VKCORE::RunOptionValues::ResponseDumpFac, 0.0f, 0.99f,
+                "weight of the earlier run's criterion values"},
+    IntegerOption{"Sta.TopCriteriaCode", &VKCORE::RunOptionValues::TopCriteriaCode,
+                  VKCORE::CriterionEnergy, VKCORE::CriterionStress, "criterion", Criteria},
+    IntegerOption{"Sta.BStressExp", &VKCORE::RunOptionValues::BStressExp, 1, 24,
+                  "exponent of the boundary stress"},
+    FloatOption{"Sta.YieldStressFac", &VKCORE::RunOptionValues::YieldStressFac, 0.0f, Unlimited,
+                "factor on the yield stress; at 0 a yielding material stays elastic"},
+    FloatOption{"Sta.MatSlopeFactor", &VKCORE::RunOptionValues::MatSlopeFactor, 10.0f, 10000.0f,
+                "steepness of the presence step"},
+};
+
+}  // namespace RUNOPT
 
 // Reads the whole file into VKCORE::RunOptions. Aborts: file can't be opened or closed, a value
 // can't be read.

@@ -7,17 +7,27 @@
 
 namespace VKCORE {
 
-// The nine values of the options file "vk_rund_cmd.txt", with their built-in defaults.
+// Values of ComputationMode.
+inline constexpr std::int32_t ModeAutomatic = 0;
+inline constexpr std::int32_t ModeIterative = 1;
+inline constexpr std::int32_t ModeFactorised = 2;
+
+// Values of TopCriteriaCode.
+inline constexpr std::int32_t CriterionEnergy = 0;
+inline constexpr std::int32_t CriterionStress = 1;
+
+// The nine values of the options file, with their built-in defaults; RUNOPT::Options tells their
+// keys, limits and meanings.
 struct RunOptionValues {
-  float AvailableMemGB = 8.0f;         // Sys.AvailableMemGB: budget of the direct solver, GB
-  std::int32_t MaxNumCompThreads = 0;  // Sys.MaxNumCompThreads: 0 all, > 0 at most, < 0 left free
-  std::int32_t ComputationMode = 0;    // Sys.ComputationMode: 0 automatic, 1 iterative, 2 direct
-  float SupportStiffness = 1.0f;       // Sta.SupportStiffness: penalty stiffness of supports
-  float ResponseDumpFac = 0.0f;        // Sta.ResponseDumpFac: base of TcBlendFactor, 0 .. 0.99
-  std::int32_t TopCriteriaCode = 0;    // Sta.TopCriteriaCode: 0 energy, 1 equivalent stress
-  std::int32_t BStressExp = 4;         // Sta.BStressExp: exponent of the boundary stress, 1 .. 24
-  float YieldStressFac = 1.0f;         // Sta.YieldStressFac: factor on YieldStress, 0 switches off
-  float MatSlopeFactor = 500.0f;       // Sta.MatSlopeFactor: steepness k of the presence step
+  float AvailableMemGB = 8.0f;
+  std::int32_t MaxNumCompThreads = 0;
+  std::int32_t ComputationMode = ModeAutomatic;
+  float SupportStiffness = 1.0f;
+  float ResponseDumpFac = 0.0f;
+  std::int32_t TopCriteriaCode = CriterionEnergy;
+  std::int32_t BStressExp = 4;
+  float YieldStressFac = 1.0f;
+  float MatSlopeFactor = 500.0f;
 };
 
 inline RunOptionValues RunOptions;   // written by RUNOPT_READ

@@ -1,0 +1,35 @@
+#include "run/describe.hpp"
+
+#include <gmock/gmock.h>
+
+using testing::HasSubstr;
+
+TEST(Describe, TextIsTheSameAtEveryCall) { EXPECT_EQ(DESCRIBE_TEXT(), DESCRIBE_TEXT()); }
+
+TEST(Describe, TextIsOneDocumentThatEndsItsLine) {
+  const std::string text = DESCRIBE_TEXT();
+  EXPECT_TRUE(text.starts_with("{\n  \"schema\": 1,\n"));
+  EXPECT_TRUE(text.ends_with("\n}\n"));
+}
+
+TEST(Describe, StopsHaveTheStatusThatTheSystemHandsOn) {
+  EXPECT_THAT(DESCRIBE_TEXT(), HasSubstr("\"code\": 1010, \"status\": 242,"));
+}
+
+TEST(Describe, LimitsOfAnOptionAreLeftOutWhereThereAreNone) {
+  const std::string text = DESCRIBE_TEXT();
+  EXPECT_THAT(text, HasSubstr("\"key\": \"Sys.AvailableMemGB\",\n"
+                              "        \"type\": \"float32\",\n"
+                              "        \"default\": 8,\n"
+                              "        \"meaning\""));
+  EXPECT_THAT(text, HasSubstr("\"key\": \"Sta.SupportStiffness\",\n"
+                              "        \"type\": \"float32\",\n"
+                              "        \"default\": 1,\n"
+                              "        \"lowest\": 0,\n"
+                              "        \"meaning\""));
+  EXPECT_THAT(text, HasSubstr("\"key\": \"Sta.ResponseDumpFac\",\n"
+                              "        \"type\": \"float32\",\n"
+                              "        \"default\": 0,\n"
+                              "        \"lowest\": 0,\n"
+                              "        \"highest\": 0.99,\n"));
+}
