@@ -21,8 +21,8 @@ from pathlib import Path
 ROOT = Path(__file__).resolve().parent.parent
 sys.path.insert(0, str(ROOT / "vkctl" / "src"))
 
-from vkctl.boxes import box  # noqa: E402
-from vkctl.model import LoadCase, Material, Model, write  # noqa: E402
+from vkctl.directory.model import LoadCase, Material, Model, write  # noqa: E402
+from vkctl.shapes.boxes import box  # noqa: E402
 
 STAGES = (
     "1_read",

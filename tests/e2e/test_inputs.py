@@ -10,7 +10,8 @@ import numpy as np
 import pytest
 from models import MATERIALS, part, pulled, tiny, tiny_case, written
 from runs import BAD_RUN, OPTIONS, fails, lcflags, run, set_options, solves, start, stopped
-from vkctl.model import LoadCase
+
+from vkctl.directory.model import LoadCase
 
 BINARY = (
     *("mxs.lcdata", "mxs.lcflags"),

@@ -17,8 +17,9 @@ import oracle
 import pytest
 from models import MATERIALS, part, pulled, tiny, tiny_case, written
 from runs import check_lines, clear_done, comval, fails, log_lines, run, set_options, solves
-from vkctl.boxes import box
-from vkctl.model import LoadCase, Model
+
+from vkctl.directory.model import LoadCase, Model
+from vkctl.shapes.boxes import box
 
 TIME = r"\d\d:\d\d:\d\d\.\d{3}"
 REAL = r"-?\d\.\d{6}E[+-]\d\d"

@@ -8,8 +8,9 @@ import numpy as np
 import pytest
 from models import MATERIALS, SIZE, part, pulled, written
 from runs import clear_done, comval, counted, run, sstate
-from vkctl.boxes import Box, Kind, box
-from vkctl.model import LoadCase, Material, Model
+
+from vkctl.directory.model import LoadCase, Material, Model
+from vkctl.shapes.boxes import Box, Kind, box
 
 CONFORMING: tuple[Kind, ...] = ("tet4", "hex8", "tet10")
 E, NU = 1000.0, 0.25

@@ -30,7 +30,8 @@ from runs import (
     start,
     stopped,
 )
-from vkctl.model import LoadCase, Material
+
+from vkctl.directory.model import LoadCase, Material
 
 NO_EQUATIONS = "Structure with no degrees of freedom. Check displacement boundary conditions."
 UNCONVERGED = "No convergence in static response analysis process."

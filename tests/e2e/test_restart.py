@@ -20,8 +20,9 @@ import oracle
 import pytest
 from models import MATERIALS, STEEL, pulled, tiny, tiny_case, written
 from runs import TIMEOUT, clear_done, counted, lcflags, run, same, solves, sstate
-from vkctl.boxes import box
-from vkctl.model import Model
+
+from vkctl.directory.model import Model
+from vkctl.shapes.boxes import box
 
 REQUESTED, DONE = 1, 3
 

@@ -16,7 +16,8 @@ import oracle
 import pytest
 from models import KINDS, MATERIALS, STEEL, part, pulled, random, tiny, written
 from runs import clear_done, comval, counted, log_lines, run, same, solves, sstate
-from vkctl.model import LoadCase, Material
+
+from vkctl.directory.model import LoadCase, Material
 
 
 @pytest.mark.parametrize("mode", [0, 1, 2])

@@ -8,7 +8,7 @@ from support.closed import hold, push
 from support.mesh import NAMES, TYPES, Mesh, block, faces_where, model
 from support.page import Check, Figure, Result, Table, compare, number
 
-from vkctl.model import LoadCase, Material, write_load_cases
+from vkctl.directory.model import LoadCase, Material, write_load_cases
 
 E, LENGTH, FORCE = 1000.0, 4.0, 2.0  # Poisson's ratio 0
 SIZE = np.array([LENGTH, 1.0, 1.0])

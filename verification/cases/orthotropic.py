@@ -7,8 +7,8 @@ from support import fem, solver
 from support.mesh import NAMES, TYPES, block, boundary, model, shake
 from support.page import Check, Result
 
-from vkctl.formats import Array
-from vkctl.model import LoadCase, Material, prescribed
+from vkctl.directory.formats import Array
+from vkctl.directory.model import LoadCase, Material, prescribed
 
 MODULI = (12000.0, 900.0, 500.0)  # such as wood
 POISSON = (0.40, 0.45, 0.35)  # nu12, nu13, nu23

@@ -9,8 +9,8 @@ from support.mesh import NAMES, TYPES, Mesh, block, faces_where, model
 from support.page import Result, compare
 from support.recovery import level
 
-from vkctl.formats import HEX8, TET4, TET10, Array
-from vkctl.model import LoadCase
+from vkctl.directory.formats import HEX8, TET4, TET10, Array
+from vkctl.directory.model import LoadCase
 
 E, NU, INNER, OUTER, PRESSURE = 1000.0, 0.3, 1.0, 2.0, 10.0
 CELLS = {  # through the wall, around, along the axis

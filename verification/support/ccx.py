@@ -10,7 +10,7 @@ from pathlib import Path
 
 import numpy as np
 
-from vkctl.formats import HEX8, TET4, TET10, Array
+from vkctl.directory.formats import HEX8, TET4, TET10, Array
 
 from .mesh import Mesh
 

@@ -7,8 +7,8 @@ from collections.abc import Callable
 
 import numpy as np
 
-from vkctl.formats import Array
-from vkctl.model import LoadCase, prescribed
+from vkctl.directory.formats import Array
+from vkctl.directory.model import LoadCase, prescribed
 
 from .mesh import NAMES, Mesh
 from .page import Figure, Table, error_text, number

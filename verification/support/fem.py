@@ -15,7 +15,7 @@ from scipy import sparse
 from scipy.sparse.linalg import spsolve
 from scipy.special import roots_jacobi
 
-from vkctl.formats import HEX8, TET10, Array
+from vkctl.directory.formats import HEX8, TET10, Array
 
 from .mesh import CUBE, EDGES, Mesh
 

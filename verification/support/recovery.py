@@ -4,7 +4,7 @@ from __future__ import annotations
 
 from dataclasses import dataclass
 
-from vkctl.formats import HEX8, Array
+from vkctl.directory.formats import HEX8, Array
 
 from . import fem
 from .mesh import NAMES, Mesh

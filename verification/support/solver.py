@@ -11,10 +11,10 @@ from pathlib import Path
 
 import numpy as np
 
-from vkctl import formats
-from vkctl import model as vkmodel
-from vkctl.formats import Array
-from vkctl.model import Material, Model
+from vkctl.directory import formats
+from vkctl.directory import model as vkmodel
+from vkctl.directory.formats import Array
+from vkctl.directory.model import Material, Model
 
 ROOT = Path(__file__).resolve().parents[2]
 PRESENCE_FLOOR = float(np.float32(0.001))

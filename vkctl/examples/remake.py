@@ -16,10 +16,10 @@ from pathlib import Path
 import tutorial
 from PIL import Image
 
-from vkctl.model import read
+from vkctl.directory.model import read
+from vkctl.directory.results import read_results
 from vkctl.optimise import Optimised, history, optimise, write_animation
-from vkctl.plot import View, plot
-from vkctl.results import read_results
+from vkctl.view.plot import View, plot
 
 HERE = Path(__file__).resolve().parent
 ROOT = HERE.parents[1]

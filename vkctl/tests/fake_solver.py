@@ -3,8 +3,8 @@
 import os
 from pathlib import Path
 
-from vkctl.boxes import box
-from vkctl.model import LoadCase, Material, Model, write
+from vkctl.directory.model import LoadCase, Material, Model, write
+from vkctl.shapes.boxes import box
 
 HEAD = ["Info<Msg:Tool.vk_rund.Start >", "Info<Msg:Eng x64 TLMx/IC/ID Build 2018.06.03 >"]
 TAIL = ["Info<Msg:Total time: 00:00:02.000 >", "Info<Msg:Tool.vk_rund.End >"]

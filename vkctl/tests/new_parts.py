@@ -13,7 +13,7 @@ import gmsh
 import numpy as np
 import pyvista
 
-from vkctl.new import CaseFileError, Mesh, Prepared, build, make_mesh, read_cases, read_part
+from vkctl.prepare import CaseFileError, Mesh, Prepared, build, make_mesh, read_cases, read_part
 
 ROOT = Path(__file__).resolve().parents[2]
 

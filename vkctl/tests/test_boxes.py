@@ -6,9 +6,10 @@ from itertools import combinations
 import numpy as np
 import pytest
 
-from vkctl.boxes import box
-from vkctl.formats import HEX8, TET4, TET10
-from vkctl.geometry import (
+from vkctl.directory.formats import HEX8, TET4, TET10
+from vkctl.directory.model import Elements
+from vkctl.shapes.boxes import box
+from vkctl.shapes.geometry import (
     boundary_faces,
     consistent_forces,
     element_volumes,
@@ -18,7 +19,6 @@ from vkctl.geometry import (
     select_nodes,
     tet10_gradients,
 )
-from vkctl.model import Elements
 
 KINDS = ["tet4", "hex8", "tet10", "mixed"]
 SIDES = ["x-", "x+", "y-", "y+", "z-", "z+"]

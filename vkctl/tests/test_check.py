@@ -11,8 +11,6 @@ from fake_solver import small_box
 from typer.testing import CliRunner
 
 from vkctl import check as check_package
-from vkctl import formats, model
-from vkctl.boxes import box
 from vkctl.check import check
 from vkctl.check.dissection import factor_size
 from vkctl.check.estimates import check_estimate
@@ -20,9 +18,11 @@ from vkctl.check.inputs import read_inputs
 from vkctl.check.structure import size_findings
 from vkctl.check.supports import describe_motions
 from vkctl.cli import app
-from vkctl.model import LoadCase, Material, Model
-from vkctl.run import run
-from vkctl.structure import node_neighbours
+from vkctl.directory import formats, model
+from vkctl.directory.model import LoadCase, Material, Model
+from vkctl.directory.structure import node_neighbours
+from vkctl.running.run import run
+from vkctl.shapes.boxes import box
 
 runner = CliRunner()
 

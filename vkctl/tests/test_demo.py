@@ -5,11 +5,12 @@ import numpy as np
 import pytest
 from typer.testing import CliRunner
 
-from vkctl import demo, formats
-from vkctl.boxes import box
 from vkctl.cli import app
-from vkctl.geometry import element_volumes
-from vkctl.model import LoadCase, Material, Model, read, write
+from vkctl.directory import formats
+from vkctl.directory.model import LoadCase, Material, Model, read, write
+from vkctl.shapes.boxes import box
+from vkctl.shapes.geometry import element_volumes
+from vkctl.view import demo
 
 runner = CliRunner()
 

@@ -7,12 +7,12 @@ import pytest
 from fake_solver import small_box
 from typer.testing import CliRunner
 
-from vkctl import formats, model
-from vkctl.boxes import box
 from vkctl.cli import app
-from vkctl.diff import CannotCompareError, diff
-from vkctl.model import LoadCase, Material, Model
-from vkctl.run import run
+from vkctl.directory import formats, model
+from vkctl.directory.compare import CannotCompareError, diff
+from vkctl.directory.model import LoadCase, Material, Model
+from vkctl.running.run import run
+from vkctl.shapes.boxes import box
 
 runner = CliRunner()
 

@@ -5,7 +5,7 @@ import struct
 import numpy as np
 import pytest
 
-from vkctl import formats
+from vkctl.directory import formats
 
 
 @pytest.mark.parametrize(

@@ -5,9 +5,8 @@ from dataclasses import replace
 import numpy as np
 import pytest
 
-from vkctl import formats
-from vkctl.boxes import box
-from vkctl.model import (
+from vkctl.directory import formats
+from vkctl.directory.model import (
     Elements,
     LoadCase,
     Material,
@@ -21,6 +20,7 @@ from vkctl.model import (
     set_flags,
     write,
 )
+from vkctl.shapes.boxes import box
 
 
 def whole_model():

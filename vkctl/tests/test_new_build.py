@@ -9,10 +9,10 @@ import pytest
 from new_parts import CASES, ROOT, brick, case_file, plate, prepared, solve
 from typer.testing import CliRunner
 
-from vkctl import formats, model
 from vkctl.cli import app
-from vkctl.new import CaseFileError, PartError, build, new
-from vkctl.results import read_results
+from vkctl.directory import formats, model
+from vkctl.directory.results import read_results
+from vkctl.prepare import CaseFileError, PartError, build, new
 
 KINDS = ("tet4", "tet10", "hex8")
 DIRECTORY = "run"

@@ -9,22 +9,22 @@ import pytest
 import pyvista
 from new_parts import brick, case_file, forces, plate, prepared
 
-from vkctl import boxes
-from vkctl.geometry import (
+from vkctl.prepare import Expression, Prepared, build
+from vkctl.prepare.loads import (
+    area_shares,
+    lumped_areas,
+    nodal_masses,
+    spread_force,
+    traction_forces,
+)
+from vkctl.shapes import boxes
+from vkctl.shapes.geometry import (
     TET10_EDGES,
     boundary_faces,
     element_centroids,
     element_volumes,
     faces_within,
     tet10_gradients,
-)
-from vkctl.new import Expression, Prepared, build
-from vkctl.new.loads import (
-    area_shares,
-    lumped_areas,
-    nodal_masses,
-    spread_force,
-    traction_forces,
 )
 
 KINDS = ("tet4", "tet10", "hex8")

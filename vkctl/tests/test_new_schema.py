@@ -9,8 +9,8 @@ import numpy as np
 import pytest
 from new_parts import schema_problems
 
-from vkctl.new import CaseFileError, Expression, ExpressionError, read_cases
-from vkctl.new.locate import locate
+from vkctl.prepare import CaseFileError, Expression, ExpressionError, read_cases
+from vkctl.prepare.case_file.locate import locate
 
 GOOD = """part = "plate.msh"
 run_order = ["second", "first"]

@@ -17,8 +17,8 @@ from new_parts import (
     problems,
 )
 
-from vkctl.new import Prepared, build
-from vkctl.new.loads import area_shares
+from vkctl.prepare import Prepared, build
+from vkctl.prepare.loads import area_shares
 
 
 @pytest.fixture(scope="module")

@@ -23,12 +23,11 @@ from PIL import Image
 from rich.console import Console
 from typer.testing import CliRunner
 
-from vkctl import commands_optimise, formats
-from vkctl.boxes import box
 from vkctl.cli import app
-from vkctl.grid import mesh_grid
-from vkctl.model import LoadCase, Material, Model, read
-from vkctl.new import CaseFileError
+from vkctl.commands import optimise as commands_optimise
+from vkctl.directory import formats
+from vkctl.directory.model import LoadCase, Material, Model, read
+from vkctl.directory.results import read_results
 from vkctl.optimise import (
     HistoryRow,
     OptimiseError,
@@ -42,8 +41,10 @@ from vkctl.optimise.design import make_design
 from vkctl.optimise.loop import Optimised, combined, has_converged, model_at, objective
 from vkctl.optimise.pictures import shown_steps
 from vkctl.optimise.settings import Settings
-from vkctl.progress import Tracker
-from vkctl.results import read_results
+from vkctl.prepare import CaseFileError
+from vkctl.running.progress import Tracker
+from vkctl.shapes.boxes import box
+from vkctl.view.grid import mesh_grid
 
 ROOT = Path(__file__).resolve().parents[2]
 EXAMPLES = ROOT / "vkctl" / "examples"

@@ -10,9 +10,9 @@ from typing import Any
 
 import pytest
 
-from vkctl.boxes import box
-from vkctl.model import LoadCase, Material, Model, write
-from vkctl.run import run
+from vkctl.directory.model import LoadCase, Material, Model, write
+from vkctl.running.run import run
+from vkctl.shapes.boxes import box
 
 ROOT = Path(__file__).resolve().parents[2]
 EXAMPLES = ROOT / "vkctl" / "examples"
@@ -72,16 +72,16 @@ def test_check_tells_its_findings(folder: Path) -> None:
 
 
 def test_run_then_watch_of_a_finished_run(folder: Path, capsys: pytest.CaptureFixture[str]) -> None:
-    assert play(block("from vkctl.run"))["result"].ok
+    assert play(block("from vkctl.running.run"))["result"].ok
     assert "[1]" in capsys.readouterr().out
-    assert play(block("from vkctl.watch"))["result"].outcome == "finished"
+    assert play(block("from vkctl.running.watch"))["result"].outcome == "finished"
 
 
 def test_diff_of_equal_directories_finds_nothing(folder: Path) -> None:
     assert run("part").ok
     shutil.copytree("part", "before")
     shutil.copytree("part", "after")
-    assert play(block("from vkctl.diff"))["comparison"].equal
+    assert play(block("from vkctl.directory.compare"))["comparison"].equal
 
 
 def test_a_model_is_written_read_and_its_results_looked_at(folder: Path) -> None:
@@ -95,9 +95,9 @@ def test_a_model_is_written_read_and_its_results_looked_at(folder: Path) -> None
 
 
 def test_a_part_is_prepared_optimised_exported_and_drawn(bracket: Path) -> None:
-    names = play(block("from vkctl.new"))
+    names = play(block("from vkctl.prepare"))
     assert names["prepared"].resultants.shape == (3, 6)
     names = play(block("from vkctl.optimise").replace("steps=60", "steps=2"))
     assert [row.step for row in names["done"].rows] == [1, 2]
-    play(block("from vkctl.export"))
+    play(block("from vkctl.view.export"))
     assert all(Path(name).stat().st_size > 0 for name in ("results.pvd", "part.stl", "stress.png"))

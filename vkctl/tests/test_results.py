@@ -3,8 +3,16 @@
 import numpy as np
 import pytest
 
-from vkctl import formats
-from vkctl.results import digest, parse_line, parse_log, read_log, read_results, seconds, solved
+from vkctl.directory import formats
+from vkctl.directory.results import (
+    digest,
+    parse_line,
+    parse_log,
+    read_log,
+    read_results,
+    seconds,
+    solved,
+)
 
 LOG = """\
 Info<Msg:Tool.vk_rund.Start >

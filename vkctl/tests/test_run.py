@@ -13,14 +13,16 @@ from fake_solver import HEAD, TAIL, begun, fake_solver, finished, small_box, wri
 from rich.console import Console
 from typer.testing import CliRunner
 
-from vkctl import display, formats, processes
-from vkctl.advice import explain_message, explain_status
 from vkctl.cli import app
-from vkctl.model import Material
-from vkctl.pivot import component_of_equation
-from vkctl.progress import LogReader, PlannedCase, plan, remaining_seconds, stage
-from vkctl.results import digest, parse_line, solved
-from vkctl.run import BusyError, NotFoundError, find_vk_rund, run
+from vkctl.directory import formats
+from vkctl.directory.model import Material
+from vkctl.directory.results import digest, parse_line, solved
+from vkctl.running import processes
+from vkctl.running.advice import explain_message, explain_status
+from vkctl.running.pivot import component_of_equation
+from vkctl.running.progress import LogReader, PlannedCase, plan, remaining_seconds, stage
+from vkctl.running.run import BusyError, NotFoundError, find_vk_rund, run
+from vkctl.terminal import display
 
 runner = CliRunner()
 
@@ -251,7 +253,7 @@ def test_the_build_of_the_checkout_is_found_last(tmp_path, monkeypatch):
     built = _program(tmp_path / "build" / "release" / "vk_rund")
     monkeypatch.delenv("VK_RUND", raising=False)
     monkeypatch.setenv("PATH", str(tmp_path))
-    monkeypatch.setattr("vkctl.run.__file__", str(tmp_path / "vkctl" / "src" / "vkctl" / "run.py"))
+    monkeypatch.setattr("vkctl.running.run.__file__", str(tmp_path / "vkctl/src/vkctl/running/run.py"))
     assert find_vk_rund() == built
     built.unlink()
     with pytest.raises(NotFoundError, match="VK_RUND"):

@@ -3,9 +3,9 @@
 import numpy as np
 import pytest
 
-from vkctl import structure
-from vkctl.boxes import box
-from vkctl.structure import build_structure
+from vkctl.directory import structure
+from vkctl.directory.structure import build_structure
+from vkctl.shapes.boxes import box
 
 
 def by_loops(num_nodes, tables):

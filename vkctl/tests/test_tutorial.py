@@ -20,9 +20,9 @@ sys.path.insert(0, str(EXAMPLES))
 
 import tutorial  # noqa: E402
 
-from vkctl.grid import open_edges  # noqa: E402
-from vkctl.new import read_cases  # noqa: E402
 from vkctl.optimise import read_history  # noqa: E402
+from vkctl.prepare import read_cases  # noqa: E402
+from vkctl.view.grid import open_edges  # noqa: E402
 
 
 def replaced(text: str, old: str, new: str) -> str:

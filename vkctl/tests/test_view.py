@@ -9,10 +9,11 @@ import numpy as np
 import pytest
 import pyvista
 
-from vkctl import export, formats, grid, plot
-from vkctl.boxes import box
-from vkctl.model import LoadCase, Material, Model, write
-from vkctl.results import Results
+from vkctl.directory import formats
+from vkctl.directory.model import LoadCase, Material, Model, write
+from vkctl.directory.results import Results
+from vkctl.shapes.boxes import box
+from vkctl.view import export, grid, plot
 
 KINDS = ("tet4", "hex8", "tet10")
 

@@ -9,17 +9,18 @@ import pytest
 from fake_solver import HEAD, TAIL, begun, fake_solver, finished, small_box, write_log
 from typer.testing import CliRunner
 
-from vkctl import formats, processes
 from vkctl.cli import app
-from vkctl.run import run
-from vkctl.watch import watch
+from vkctl.directory import formats
+from vkctl.running import processes
+from vkctl.running.run import run
+from vkctl.running.watch import watch
 
 runner = CliRunner()
 
 
 @pytest.fixture(autouse=True)
 def short_grace(monkeypatch):
-    monkeypatch.setattr("vkctl.watch._GRACE", 0.05)
+    monkeypatch.setattr("vkctl.running.watch._GRACE", 0.05)
 
 
 def follow(directory, **options):

@@ -1,5 +1,5 @@
 """`python -m vkctl` is the command `vkctl`."""
 
-from .cli import app
+from vkctl.cli import app
 
 app(prog_name="vkctl")

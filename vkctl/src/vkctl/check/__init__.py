@@ -4,7 +4,8 @@ from __future__ import annotations
 
 from pathlib import Path
 
-from ..formats import PathLike
+from vkctl.directory.formats import PathLike
+
 from .cases import check_cases, check_patterns
 from .estimates import check_estimate, estimate
 from .findings import Finding, Report, Severity, error

@@ -6,9 +6,10 @@ from collections.abc import Iterator
 
 import numpy as np
 
-from .. import formats
-from ..formats import Array, LoadCaseMap
-from ..numbering import prescribed_rows
+from vkctl.directory import formats
+from vkctl.directory.formats import Array, LoadCaseMap
+from vkctl.directory.numbering import prescribed_rows
+
 from .findings import Finding, error, listed, note, some, warning
 from .inputs import LARGEST_NUMBER, Inputs
 

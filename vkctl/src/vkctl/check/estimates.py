@@ -13,9 +13,10 @@ from pathlib import Path
 
 import numpy as np
 
-from ..formats import HEX8, OPTIONS_FILE, TET4, TET10, Array
-from ..numbering import prescribed_components
-from ..structure import node_neighbours
+from vkctl.directory.formats import HEX8, OPTIONS_FILE, TET4, TET10, Array
+from vkctl.directory.numbering import prescribed_components
+from vkctl.directory.structure import node_neighbours
+
 from .dissection import FactorSize, factor_size
 from .findings import Finding, note, warning
 from .inputs import Inputs, Mesh

@@ -13,8 +13,9 @@ import numpy as np
 from scipy import sparse
 from scipy.sparse import csgraph
 
-from ..formats import HEX8, Array
-from ..geometry import HEX8_FACES, TET4_FACES
+from vkctl.directory.formats import HEX8, Array
+from vkctl.shapes.geometry import HEX8_FACES, TET4_FACES
+
 from .findings import Finding, counted, error, some, warning
 from .inputs import Mesh, fingerprints
 from .motions import FREE, describe_motions, displacement_rows

@@ -10,9 +10,19 @@ from typing import Any
 
 import numpy as np
 
-from .. import formats
-from ..formats import HEX8, TET4, TET10, Array, ElementTables, LoadCaseMap, OptionLine, RawStructure
-from ..numbering import active_elements, tables_by_type
+from vkctl.directory import formats
+from vkctl.directory.formats import (
+    HEX8,
+    TET4,
+    TET10,
+    Array,
+    ElementTables,
+    LoadCaseMap,
+    OptionLine,
+    RawStructure,
+)
+from vkctl.directory.numbering import active_elements, tables_by_type
+
 from .findings import Finding, error, note, warning
 
 _DIRECTIONS = 7  # bits of a DofMask

@@ -6,8 +6,9 @@ from collections.abc import Iterator
 
 import numpy as np
 
-from .. import formats
-from ..formats import Array
+from vkctl.directory import formats
+from vkctl.directory.formats import Array
+
 from .findings import Finding, error, note, some, warning
 from .inputs import Inputs
 

@@ -6,7 +6,8 @@ from collections.abc import Iterator
 
 import numpy as np
 
-from ..formats import HEX8, NODES_PER_TYPE, TET4, TET10, Array
+from vkctl.directory.formats import HEX8, NODES_PER_TYPE, TET4, TET10, Array
+
 from .findings import Finding, counted, error, listed, note, some, warning
 from .inputs import Inputs, Mesh, fingerprints
 from .shapes import ShapeReport, measure

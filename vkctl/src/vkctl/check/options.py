@@ -6,8 +6,9 @@ import difflib
 import os
 from collections.abc import Iterator
 
-from .. import formats
-from ..formats import OPTIONS, OPTIONS_FILE, OptionLine
+from vkctl.directory import formats
+from vkctl.directory.formats import OPTIONS, OPTIONS_FILE, OptionLine
+
 from .findings import Finding, error, note, warning
 from .inputs import Inputs
 

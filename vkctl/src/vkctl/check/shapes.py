@@ -10,8 +10,8 @@ from itertools import product
 
 import numpy as np
 
-from ..formats import HEX8, TET4, Array
-from ..geometry import HEX8_SIGNS, TET10_EDGES, hex8_gradients, tet10_gradients
+from vkctl.directory.formats import HEX8, TET4, Array
+from vkctl.shapes.geometry import HEX8_SIGNS, TET10_EDGES, hex8_gradients, tet10_gradients
 
 _ELEMENTS_PER_BLOCK = 20_000  # bounds the work arrays
 _FLAT = 1e-10  # volume relative to the cube of the largest edge

@@ -7,8 +7,9 @@ from pathlib import Path
 
 import numpy as np
 
-from .. import formats
-from ..formats import Array
+from vkctl.directory import formats
+from vkctl.directory.formats import Array
+
 from .findings import Finding, error, listed, warning
 from .inputs import LARGEST_NUMBER, Inputs
 

@@ -6,8 +6,9 @@ from collections.abc import Iterator
 
 import numpy as np
 
-from ..formats import Array, RawStructure
-from ..structure import build_structure
+from vkctl.directory.formats import Array, RawStructure
+from vkctl.directory.structure import build_structure
+
 from .findings import Finding, error, note, some, warning
 from .inputs import Inputs, Mesh
 

@@ -9,9 +9,10 @@ import numpy as np
 from scipy import sparse
 from scipy.sparse import csgraph
 
-from .. import formats
-from ..formats import Array
-from ..numbering import prescribed_rows
+from vkctl.directory import formats
+from vkctl.directory.formats import Array
+from vkctl.directory.numbering import prescribed_rows
+
 from .findings import Finding, counted, error
 from .hinges import Pieces, find_pieces, hinge_findings
 from .inputs import Inputs, Mesh

@@ -12,8 +12,8 @@ from pathlib import Path
 
 import numpy as np
 
-from .. import formats
-from ..formats import Array, PathLike
+from vkctl.directory import formats
+from vkctl.directory.formats import Array, PathLike
 
 FOLDER = "optimise"  # in the working directory
 STATE = "state.json"

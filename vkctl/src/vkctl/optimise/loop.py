@@ -17,14 +17,16 @@ from pathlib import Path
 
 import numpy as np
 
-from .. import formats, processes
-from ..formats import Array, PathLike
-from ..model import Model, read, set_flags
-from ..new.build import Prepared, build, new
-from ..new.cases import read_cases
-from ..progress import Progress
-from ..results import Results, read_results
-from ..run import BusyError, RunResult, run
+from vkctl.directory import formats
+from vkctl.directory.formats import Array, PathLike
+from vkctl.directory.model import Model, read, set_flags
+from vkctl.directory.results import Results, read_results
+from vkctl.prepare.build import Prepared, build, new
+from vkctl.prepare.case_file.cases import read_cases
+from vkctl.running import processes
+from vkctl.running.progress import Progress
+from vkctl.running.run import BusyError, RunResult, run
+
 from . import history
 from .design import Design, make_design
 from .history import HistoryRow, LockedError, State

@@ -4,10 +4,11 @@ from __future__ import annotations
 
 from pathlib import Path
 
-from ..export import write_series
-from ..formats import PathLike
-from ..grid import part_surface
-from ..plot import View, draw
+from vkctl.directory.formats import PathLike
+from vkctl.view.export import write_series
+from vkctl.view.grid import part_surface
+from vkctl.view.plot import View, draw
+
 from . import history
 from .loop import model_at
 

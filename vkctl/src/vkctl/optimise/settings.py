@@ -5,8 +5,8 @@ from __future__ import annotations
 from dataclasses import dataclass, field
 from typing import Literal, get_args
 
-from ..formats import PathLike
-from ..new.schema import Report, Table, did_you_mean, load
+from vkctl.directory.formats import PathLike
+from vkctl.prepare.case_file.schema import Report, Table, did_you_mean, load
 
 Combine = Literal["weighted", "worst"]
 

@@ -1,0 +1,1 @@
+"""One file a command: its arguments, one call, what is printed."""

@@ -1,0 +1,70 @@
+"""The command `vkctl check`."""
+
+from __future__ import annotations
+
+import json
+from pathlib import Path
+from typing import Annotated
+
+import typer
+from rich.console import Console
+from rich.text import Text
+
+from vkctl.check import Finding, Report, check
+from vkctl.check.findings import SEVERITIES, counted
+from vkctl.terminal.display import clock
+
+_STYLES = {"error": "bold red", "warning": "yellow", "note": "cyan"}
+
+
+def _show(console: Console, finding: Finding) -> None:
+    line = Text.assemble((finding.severity, _STYLES[finding.severity]), "  ", finding.message)
+    if finding.where and finding.where not in finding.message:
+        line.append(f"  [{finding.where}]", "dim")
+    if finding.hint:
+        line.append(f"\n    {finding.hint}", "dim")
+    console.print(line, soft_wrap=True)
+
+
+def _model_line(report: Report) -> str:
+    return ", ".join(
+        f"{count} of them to run"
+        if name == "load_cases_to_run"
+        else counted(count, name.removesuffix("s").replace("_", " "))
+        for name, count in report.counts.items()
+    )
+
+
+def _estimate_line(report: Report) -> str:
+    values = report.estimate
+    mode = "iterative" if values["iterative"] else "with a factor"
+    return (
+        f"Estimate: {values['equations']:,.0f} equations, {mode}, "
+        f"factor {values['factor_gb']:.2g} GB, process {values['memory_gb']:.2g} GB, "
+        f"about {clock(values['seconds'])} (time within a factor of two or three)."
+    )
+
+
+def check_command(
+    directory: Annotated[Path, typer.Argument(help="working directory")],
+    as_json: Annotated[bool, typer.Option("--json", help="print the report as JSON")] = False,
+) -> None:
+    """Say everything about a prepared directory that would fail or surprise.
+
+    Exit status: 0 nothing but notes, 1 warnings, 2 errors.
+    """
+    report = check(directory)
+    if as_json:
+        typer.echo(json.dumps(report.as_dict(), indent=2))
+        raise typer.Exit(report.status)
+    console = Console(highlight=False)
+    for finding in report.findings:
+        _show(console, finding)
+    for line in (
+        _model_line(report) if report.counts else "",
+        _estimate_line(report) if report.estimate else "",
+        ", ".join(counted(len(report.of(kind)), kind) for kind in SEVERITIES) + ".",
+    ):
+        if line:
+            console.print(line, markup=False, soft_wrap=True)
+    raise typer.Exit(report.status)

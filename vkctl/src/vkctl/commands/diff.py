@@ -1,0 +1,59 @@
+"""The command `vkctl diff`."""
+
+from __future__ import annotations
+
+from pathlib import Path
+from typing import Annotated
+
+import typer
+from rich.console import Console
+
+from vkctl.directory.compare import ATOL, QUANTITIES, RTOL, CannotCompareError, diff
+from vkctl.terminal.refusal import refuse
+
+
+def _tolerances(texts: list[str], default: float, option: str) -> dict[str, float]:
+    """From "1e-4" for all quantities and "stress=1e-2" for one, later ones winning."""
+    values = dict.fromkeys(QUANTITIES, default)
+    for text in texts:
+        name, _, number = text.rpartition("=")
+        if name and name not in values:
+            known = ", ".join(QUANTITIES)
+            raise typer.BadParameter(
+                f"unknown quantity {name!r}, known are {known}", param_hint=option
+            )
+        try:
+            values.update(dict.fromkeys([name] if name else QUANTITIES, float(number)))
+        except ValueError:
+            raise typer.BadParameter(f"{number!r} is no number", param_hint=option) from None
+    return values
+
+
+def diff_command(
+    first: Annotated[Path, typer.Argument(help="working directory")],
+    second: Annotated[Path, typer.Argument(help="working directory to compare it with")],
+    rtol: Annotated[
+        list[str] | None,
+        typer.Option(help="relative to the largest magnitude: NUMBER, or QUANTITY=NUMBER"),
+    ] = None,
+    atol: Annotated[list[str] | None, typer.Option(help="absolute, in the same forms")] = None,
+    signs: Annotated[bool, typer.Option("--signs", help="compare stresses with signs")] = False,
+) -> None:
+    """Compare the results of two directories.
+
+    Exit status: 0 equal within the tolerances, 1 different, 2 can't be compared.
+    """
+    relative = _tolerances(rtol or [], RTOL, "--rtol")
+    absolute = _tolerances(atol or [], ATOL, "--atol")
+    console = Console(highlight=False)
+    try:
+        comparison = diff(first, second, rtol=relative, atol=absolute, signs=signs)
+    except CannotCompareError as error:
+        raise refuse(error) from None
+    for line in [*comparison.one_sided, *map(str, comparison.differences)]:
+        console.print(line, markup=False, soft_wrap=True)
+    cases = len(comparison.load_cases)
+    if comparison.equal:
+        plural = "" if cases == 1 else "s"
+        console.print(f"Equal within the tolerances: {cases} load case{plural}.")
+    raise typer.Exit(comparison.status)

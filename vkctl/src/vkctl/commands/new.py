@@ -1,0 +1,98 @@
+"""The command `vkctl new`."""
+
+from __future__ import annotations
+
+from pathlib import Path
+from typing import Annotated
+
+import numpy as np
+import typer
+from rich import box
+from rich.console import Console
+from rich.table import Table
+
+from vkctl.directory.formats import Array
+from vkctl.prepare.build import Prepared, build, new
+from vkctl.prepare.case_file.schema import CaseFileError
+from vkctl.prepare.mesh import Mesh, PartError
+from vkctl.terminal.refusal import refuse
+
+
+def new_command(
+    part: Annotated[Path, typer.Argument(help="mesh (.msh, .inp, .vtu) or geometry (.step, .geo)")],
+    cases: Annotated[Path, typer.Argument(help="case file (.toml)")],
+    directory: Annotated[
+        Path | None, typer.Argument(help="working directory, made if missing")
+    ] = None,
+    list_sets: Annotated[
+        bool, typer.Option("--list-sets", help="show the sets and write nothing")
+    ] = False,
+) -> None:
+    """Write the working directory of a part under the loads of a case file."""
+    console = Console(highlight=False)
+    if directory is None and not list_sets:
+        raise typer.BadParameter("name the working directory, or give --list-sets")
+    try:
+        if list_sets or directory is None:
+            prepared = build(part, cases)
+        else:
+            prepared = new(part, cases, directory)
+    except (CaseFileError, PartError, OSError) as error:
+        raise refuse(error) from None
+    if list_sets:
+        console.print(sets_table(prepared))
+    else:
+        console.print(summary(prepared), markup=False, soft_wrap=True)
+        console.print(cases_table(prepared))
+    for note in prepared.notes:
+        console.print(f"note: {note}", markup=False, soft_wrap=True)
+
+
+def summary(prepared: Prepared) -> str:
+    """One line on the size of a model and where it was written."""
+    whole = prepared.model
+    patterns = len({case.pattern for case in whole.load_cases})
+    return (
+        f"{len(whole.nodes)} nodes, {len(whole.elements)} elements, {len(whole.tp)} design points, "
+        f"{len(whole.load_cases)} load cases of {patterns} patterns in {prepared.directory}"
+    )
+
+
+def cases_table(prepared: Prepared) -> Table:
+    """Load cases with the sums of their forces, to be compared with what was meant."""
+    table = Table(box=box.SIMPLE_HEAD, pad_edge=False)
+    table.add_column("load case")
+    for title in ("pattern", "Fx", "Fy", "Fz", "Mx", "My", "Mz"):
+        table.add_column(title, justify="right", no_wrap=True)
+    for number, (name, case) in enumerate(
+        zip(prepared.case_names, prepared.model.load_cases, strict=True), 1
+    ):
+        sums = prepared.resultants[number - 1]
+        cells = [f"{value:.4g}" for value in _cleaned(sums, prepared)]
+        table.add_row(f"{number} {name}", str(case.pattern), *cells)
+    return table
+
+
+def _cleaned(sums: Array, prepared: Prepared) -> Array:
+    """Sums without the noise of cancelled forces."""
+    force = float(np.abs(sums[:3]).max())
+    arm = float(np.abs(prepared.model.nodes).max(initial=0.0))
+    noise = 1e-6 * np.repeat((force, force * arm), 3)
+    return np.where(np.abs(sums) < noise, 0.0, sums)
+
+
+def sets_table(prepared: Prepared) -> Table:
+    """Sets of a part and its case file with sizes and extents, but for single points and curves."""
+    table = Table("set", "kind", "size", "from", "to", box=box.SIMPLE_HEAD, pad_edge=False)
+    mesh: Mesh = prepared.mesh
+    for kind in ("node", "element", "face"):
+        for name in prepared.sets.names(kind):
+            if name.startswith(("point:", "curve:")):
+                continue
+            found = prepared.sets.members(kind, name)
+            points = mesh.nodes[prepared.sets.nodes_of(kind, name) - 1]
+            ends = [points.min(axis=0), points.max(axis=0)] if len(points) else []
+            table.add_row(
+                name, kind, str(len(found)), *(" ".join(f"{v:.5g}" for v in e) for e in ends)
+            )
+    return table

@@ -1,0 +1,148 @@
+"""The command `vkctl optimise`."""
+
+from __future__ import annotations
+
+from collections.abc import Callable, Iterator
+from contextlib import contextmanager
+from pathlib import Path
+from typing import TYPE_CHECKING, Annotated
+
+import typer
+from rich.console import Console, Group
+from rich.live import Live
+from rich.table import Table
+from rich.text import Text
+
+from vkctl.running.progress import Progress
+from vkctl.terminal.display import state_line
+from vkctl.terminal.refusal import refuse
+
+if TYPE_CHECKING:
+    from vkctl.optimise import Optimised, OptimiseError, StepShown
+
+_ROWS = 10  # steps shown at a time, the latest
+_HEADINGS = ("step", "objective", "volume", "target", "change", "quality", "time")
+
+OnStep = Callable[["StepShown"], None]
+OnProgress = Callable[[int, Progress], None]
+
+
+def optimise_command(
+    cases: Annotated[Path, typer.Argument(help="case file (.toml) that names its part")],
+    directory: Annotated[Path, typer.Argument(help="working directory, made if missing")],
+    volume: Annotated[
+        float | None, typer.Option(min=0.001, max=1.0, help="target part of the design volume")
+    ] = None,
+    steps: Annotated[int | None, typer.Option(min=1, help="largest number of steps")] = None,
+    vk_rund: Annotated[Path | None, typer.Option("--vk-rund", help="the solver")] = None,
+    pictures: Annotated[
+        bool, typer.Option(help="draw chart, series and animation at the end")
+    ] = True,
+) -> None:
+    """Optimise the part for stiffness; started again, it goes on where it stopped.
+
+    Exit status: 0 converged or at the step limit, that of vk_rund where it failed or was
+    interrupted, 127 or 126 where it can't be found or executed, 2 for mistakes in the inputs.
+    """
+    from vkctl.directory.formats import FormatError
+    from vkctl.optimise import OptimiseError, optimise
+    from vkctl.prepare.case_file.schema import CaseFileError
+    from vkctl.prepare.mesh import PartError
+    from vkctl.running.run import BusyError, NotFoundError
+
+    console = Console(highlight=False)
+    try:
+        with _shown(console) as (on_step, on_progress):
+            done = optimise(
+                cases,
+                directory,
+                volume=volume,
+                steps=steps,
+                vk_rund=vk_rund,
+                on_step=on_step,
+                on_progress=on_progress,
+            )
+    except OptimiseError as error:
+        raise refuse(error, _status(error)) from None
+    except NotFoundError as error:
+        raise refuse(error, error.status) from None
+    except (CaseFileError, PartError, FormatError, BusyError, OSError) as error:
+        raise refuse(error) from None
+    except KeyboardInterrupt:
+        raise refuse("Interrupted: start it again to go on.", 130) from None
+    _conclude(console, done, pictures)
+
+
+def _status(error: OptimiseError) -> int:
+    return 2 if error.run is None else error.run.status or 1
+
+
+def _conclude(console: Console, done: Optimised, draw: bool) -> None:
+    from vkctl.optimise import history, pictures
+
+    end = "converged" if done.converged else "ended at the step limit"
+    last = done.rows[-1]
+    console.print(
+        f"{end} after {last.step} steps: objective {last.objective:.6g}, volume {last.volume:.3f}"
+    )
+    folder = history.folder_of(done.directory)
+    if draw:
+        history.draw_history(done.rows, folder / history.CHART)
+        pictures.write_part_series(done.directory, last.step)
+        pictures.write_animation(done.directory, last.step)
+        console.print(f"history, chart, series and animation in {folder}", soft_wrap=True)
+    else:
+        console.print(f"history in {folder}", soft_wrap=True)
+
+
+@contextmanager
+def _shown(console: Console) -> Iterator[tuple[OnStep, OnProgress]]:
+    """Functions that show the loop: on a terminal a live table, elsewhere a line per step."""
+    if not console.is_terminal:
+        yield lambda step: console.print(step_line(step), soft_wrap=True), lambda *_: None
+        return
+    finished: list[StepShown] = []
+    with Live(console=console, refresh_per_second=8) as live:
+
+        def on_step(step: StepShown) -> None:
+            finished.append(step)
+            live.update(table(finished, None))
+
+        def on_progress(step: int, progress: Progress) -> None:
+            live.update(table(finished, (step, progress)))
+
+        yield on_step, on_progress
+
+
+def _cells(step: StepShown) -> list[str]:
+    row = step.row
+    return [
+        f"{row.step} of {step.steps}",
+        f"{row.objective:.6g}",
+        f"{row.volume:.3f}",
+        f"{row.target:.3f}",
+        f"{row.change:.4f}",
+        f"{row.quality:.3f}",
+        f"{row.seconds:.1f} s",
+    ]
+
+
+def step_line(step: StepShown) -> str:
+    """One finished step in a line."""
+    cells = dict(zip(_HEADINGS, _cells(step), strict=True))
+    return ", ".join(f"{name} {value}" for name, value in cells.items())
+
+
+def table(finished: list[StepShown], running: tuple[int, Progress] | None) -> Group:
+    """The latest steps, and below them what the solver is doing in the present one."""
+    grid = Table(box=None, pad_edge=False)
+    for heading in _HEADINGS:
+        grid.add_column(heading, justify="right")
+    for step in finished[-_ROWS:]:
+        grid.add_row(*_cells(step))
+    if running is None:
+        return Group(grid)
+    number, progress = running
+    case = progress.log.load_cases[-1].number if progress.log.load_cases else None
+    where = f"load case {case}, " if case is not None else ""
+    return Group(grid, Text(f"step {number}: {where}{progress.stage}; {state_line(progress)}"))

@@ -1,0 +1,42 @@
+"""The command `vkctl watch`."""
+
+from __future__ import annotations
+
+from typing import Annotated
+
+import typer
+from rich.console import Console
+
+from vkctl.running.watch import KILLED_STATUS, watch
+from vkctl.terminal.arguments import Directory
+from vkctl.terminal.display import closing_lines, shown
+from vkctl.terminal.refusal import refuse
+
+
+def watch_command(
+    directory: Directory,
+    patience: Annotated[
+        float | None,
+        typer.Option(
+            help="seconds without a log line after which the run counts as killed, for runs on "
+            "another machine; otherwise this machine's process table decides"
+        ),
+    ] = None,
+    wait: Annotated[float, typer.Option(help="seconds to wait for a log to appear")] = 0.0,
+) -> None:
+    """Follow a run that something else started, until it ends.
+
+    Exit status: 0 normal end, 242 the run stopped with an error, 1 it was killed, 2 there is no
+    log.
+    """
+    console = Console(highlight=False)
+    try:
+        with shown(console) as show:
+            result = watch(directory, on_progress=show, patience=patience, wait=wait)
+    except OSError as error:
+        raise refuse(error) from None
+    except KeyboardInterrupt:
+        raise typer.Exit(130) from None  # ends the watching, not the run
+    for line in closing_lines(result):
+        console.print(line, markup=False, soft_wrap=True)
+    raise typer.Exit(KILLED_STATUS if result.status is None else result.status)

@@ -1,0 +1,1 @@
+"""The working directory: its files, the model and the results in memory."""

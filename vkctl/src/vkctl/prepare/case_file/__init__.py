@@ -1,0 +1,1 @@
+"""The case file: its text, its keys, and what it says as typed data."""

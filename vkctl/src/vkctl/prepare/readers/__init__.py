@@ -1,0 +1,1 @@
+"""Parts from files, one reader a format."""

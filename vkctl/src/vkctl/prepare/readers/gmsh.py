@@ -1,0 +1,207 @@
+"""Parts read through Gmsh: its own meshes, and geometry that it meshes."""
+
+from __future__ import annotations
+
+from collections import defaultdict
+from collections.abc import Iterator
+from contextlib import contextmanager
+from dataclasses import dataclass
+from types import ModuleType
+
+import numpy as np
+
+from vkctl.directory.formats import HEX8, TET4, TET10, Array, PathLike
+
+from ..mesh import Part, PartError, distinct
+
+# Gmsh element types (its reference manual, "Node ordering"): the solver's type and the place of
+# each of the solver's nodes. Gmsh has the mid-edge nodes of 3-4 and 2-4 the other way round.
+_SOLIDS = {
+    4: (TET4, [0, 1, 2, 3]),
+    5: (HEX8, [0, 1, 2, 3, 4, 5, 6, 7]),
+    11: (TET10, [0, 1, 2, 3, 4, 5, 6, 7, 9, 8]),
+}
+_SURFACES = {2: 3, 3: 4, 9: 6}  # type and number of nodes, which are in the solver's order
+_DIMENSION_NAMES = ("point", "curve", "surface", "volume")
+
+
+@dataclass
+class MeshOptions:
+    """How geometry is meshed. Sizes are in units of the geometry, before any scaling."""
+
+    size: float | None = None  # largest edge length; a twentieth of the diagonal if not given
+    smallest_size: float | None = None
+    per_circle: int = 0  # elements per full circle of curvature, 0 for no refinement
+    order: int = 2  # 1 for 4-node, 2 for 10-node tetrahedra
+    curved: bool = True  # mid-edge nodes on the geometry rather than halfway
+    threads: int = 1
+
+
+@contextmanager
+def _session(threads: int = 1) -> Iterator[ModuleType]:
+    """Gmsh with a model of its own; a session that the caller has open stays open."""
+    try:
+        import gmsh
+    except OSError as error:
+        raise PartError(
+            f"Gmsh can't be loaded: {error}; it needs the system's OpenGL and X libraries "
+            "(libglu1-mesa, libxrender1, libxcursor1, libxft2, libxinerama1)"
+        ) from None
+    ours = not gmsh.isInitialized()
+    if ours:
+        gmsh.initialize(readConfigFiles=False, interruptible=False)
+    terminal = gmsh.option.getNumber("General.Terminal")
+    gmsh.option.setNumber("General.Terminal", 0)
+    gmsh.option.setNumber("General.NumThreads", threads)
+    gmsh.model.add("vkctl")
+    gmsh.logger.start()
+    try:
+        yield gmsh
+    finally:
+        gmsh.logger.stop()
+        gmsh.model.remove()
+        gmsh.option.setNumber("General.Terminal", terminal)
+        if ours:
+            gmsh.finalize()
+
+
+def _failure(gmsh: ModuleType, path: PathLike, error: Exception) -> PartError:
+    said = [line for line in gmsh.logger.get() if line.startswith("Error")]
+    words = said[-1].partition(":")[2].strip() if said else str(error).strip()
+    return PartError(f"{path}: Gmsh can't read or mesh it: {words or 'no reason given'}")
+
+
+def read_msh(path: PathLike) -> Part:
+    """Part of a Gmsh mesh file of any version that Gmsh reads."""
+    with _session() as gmsh:
+        try:
+            gmsh.merge(str(path))
+        except Exception as error:
+            raise _failure(gmsh, path, error) from None
+        part = _collect(gmsh)
+        part.node_data = _views(gmsh, part.labels)
+        return part
+
+
+def mesh_geometry(path: PathLike, options: MeshOptions) -> Part:
+    """Part meshed from a STEP file or a Gmsh script (.geo).
+
+    Touching solids of a STEP file are glued: their common faces share nodes.
+    """
+    with _session(options.threads) as gmsh:
+        try:
+            _load_geometry(gmsh, path)
+            if not len(gmsh.model.mesh.getElements(3)[0]):
+                _mesh(gmsh, options)
+        except PartError:
+            raise
+        except Exception as error:
+            raise _failure(gmsh, path, error) from None
+        return _collect(gmsh)
+
+
+def _load_geometry(gmsh: ModuleType, path: PathLike) -> None:
+    if str(path).lower().endswith(".geo"):
+        gmsh.merge(str(path))
+    else:
+        solids = [s for s in gmsh.model.occ.importShapes(str(path)) if s[0] == 3]
+        if len(solids) > 1:
+            gmsh.model.occ.fragment(solids[:1], solids[1:])
+        gmsh.model.occ.synchronize()
+    if not gmsh.model.getEntities(3):
+        raise PartError(f"{path} holds no solid")
+
+
+def _mesh(gmsh: ModuleType, options: MeshOptions) -> None:
+    low, high = np.reshape(gmsh.model.getBoundingBox(-1, -1), (2, 3))
+    size = options.size or float(np.linalg.norm(high - low)) / 20
+    numbers = {
+        "Mesh.MeshSizeMax": size,
+        "Mesh.MeshSizeMin": options.smallest_size or 0.0,
+        "Mesh.MeshSizeFromCurvature": options.per_circle,
+        "Mesh.ElementOrder": options.order,
+        "Mesh.SecondOrderLinear": not options.curved,
+        # Pulls curved elements straight where following the geometry would fold them.
+        "Mesh.HighOrderOptimize": 1 if options.order == 2 and options.curved else 0,
+    }
+    for name, value in numbers.items():
+        gmsh.option.setNumber(name, value)
+    gmsh.model.mesh.generate(3)
+
+
+def _collect(gmsh: ModuleType) -> Part:
+    labels, points, _ = gmsh.model.mesh.getNodes(returnParametricCoord=False)
+    part = Part(np.asarray(labels, np.int64), np.reshape(points, (-1, 3)), [])
+    names = _set_names(gmsh)
+    pieces: dict[str, list[Array]] = defaultdict(list)
+    surfaces: dict[str, list[Array]] = defaultdict(list)
+    for entity in gmsh.model.getEntities():
+        groups = gmsh.model.mesh.getElements(*entity)
+        for kind, tags, rows in zip(*groups, strict=True):
+            _collect_block(gmsh, part, names[entity], entity, kind, tags, rows, pieces, surfaces)
+    for name, found in pieces.items():
+        target = part.element_sets if name.startswith("3 ") else part.node_sets
+        target[name[2:]] = distinct(np.concatenate(found))
+    part.surfaces = dict(surfaces)
+    return part
+
+
+def _collect_block(
+    gmsh: ModuleType,
+    part: Part,
+    names: list[str],
+    entity: tuple[int, int],
+    kind: int,
+    tags: Array,
+    flat: Array,
+    pieces: dict[str, list[Array]],
+    surfaces: dict[str, list[Array]],
+) -> None:
+    """File the elements of one type of one entity under the names of their sets."""
+    dimension = entity[0]
+    rows = np.asarray(flat, np.int64).reshape(len(tags), -1)
+    if dimension == 3 and kind in _SOLIDS:
+        code, places = _SOLIDS[kind]
+        part.solids.append((code, np.asarray(tags, np.int64), rows[:, places]))
+        for name in names:
+            pieces[f"3 {name}"].append(np.asarray(tags, np.int64))
+    elif dimension == 2 and kind in _SURFACES:
+        for name in names:
+            surfaces[name].append(rows)
+    elif dimension < 2:
+        for name in names:
+            pieces[f"{dimension} {name}"].append(distinct(rows))
+    elif dimension == 3 or any(not n.startswith("surface:") for n in names):
+        title = gmsh.model.mesh.getElementProperties(kind)[0]
+        part.unsupported[title] = part.unsupported.get(title, 0) + len(tags)
+
+
+def _set_names(gmsh: ModuleType) -> dict[tuple[int, int], list[str]]:
+    """Names of each entity: those of its physical groups, its own, and kind:tag."""
+    names: dict[tuple[int, int], list[str]] = {}
+    for dimension, tag in gmsh.model.getEntities():
+        found = [f"{_DIMENSION_NAMES[dimension]}:{tag}"]
+        for group in gmsh.model.getPhysicalGroupsForEntity(dimension, tag):
+            title = gmsh.model.getPhysicalName(dimension, group)
+            found.append(title or f"{_DIMENSION_NAMES[dimension]}-group:{group}")
+        if title := gmsh.model.getEntityName(dimension, tag).split("/")[-1]:
+            found.append(title)
+        names[dimension, tag] = list(dict.fromkeys(found))
+    return names
+
+
+def _views(gmsh: ModuleType, labels: Array) -> dict[str, Array]:
+    """Scalar node data stored in the mesh file, by the name of the view; 0 where it has none."""
+    found = {}
+    order = np.argsort(labels)
+    for tag in gmsh.view.getTags():
+        index = gmsh.view.getIndex(tag)
+        kind, nodes, values, _, width = gmsh.view.getHomogeneousModelData(tag, 0)
+        if kind == "NodeData" and width == 1:
+            data = np.zeros(len(labels))
+            place = order[np.searchsorted(labels, np.asarray(nodes, np.int64), sorter=order)]
+            data[place] = values
+            found[gmsh.option.getString(f"View[{index}].Name")] = data
+    for tag in gmsh.view.getTags():
+        gmsh.view.remove(tag)
+    return found

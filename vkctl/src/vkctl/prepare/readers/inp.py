@@ -1,0 +1,361 @@
+"""Parts read from the input decks of Abaqus and CalculiX: nodes, elements and sets.
+
+Materials, supports, loads and steps of the deck are passed over: the case file tells them.
+"""
+
+from __future__ import annotations
+
+import re
+import warnings
+from collections.abc import Iterator
+from dataclasses import dataclass, field
+from pathlib import Path
+
+import numpy as np
+
+from vkctl.directory.formats import HEX8, TET4, TET10, Array, PathLike
+from vkctl.shapes.geometry import FACES
+
+from ..mesh import Lookup, Part, PartError, counted, distinct, labelled
+
+# Both programs count the nodes of these types as the solver does.
+_SOLIDS = {"C3D4": (TET4, 4), "C3D10": (TET10, 10), "C3D8": (HEX8, 8)}
+_OTHER_SOLIDS = {"C3D5": 5, "C3D6": 6, "C3D13": 13, "C3D15": 15, "C3D20": 20, "C3D27": 27}
+_SURFACE = re.compile(r"(?:DS|SFM3D|SC|S|STRI|M3D|CPS|CPEG?|CAX|R3D|F3D)(3|4|6|65|8|9)[A-Z]*\Z")
+_SOLID = re.compile(r"(C3D\d+)([A-Z]*)\Z")
+_LINES = {"T3D2": 2, "T3D3": 3, "T2D2": 2, "B31": 2, "B32": 3, "B21": 2, "SPRINGA": 2, "MASS": 1}
+_KEYWORD = re.compile(r"^[ \t]*\*[^\n]*", re.MULTILINE)
+_SILENT = {"HEADING", "PART", "ENDPART", "ASSEMBLY", "ENDASSEMBLY", "INSTANCE", "ENDINSTANCE"}
+_DEEPEST_INCLUDE = 10
+
+
+@dataclass
+class _Section:
+    """One keyword with its parameters (names in capitals) and its data lines."""
+
+    keyword: str
+    parameters: dict[str, str]
+    data: str
+    first_line: str
+
+    def get(self, name: str) -> str:
+        return self.parameters.get(name, "")
+
+
+@dataclass
+class _Deck:
+    """What the sections have told so far. Set names are kept in capitals."""
+
+    node_labels: list[Array] = field(default_factory=list)
+    points: list[Array] = field(default_factory=list)
+    solids: list[tuple[int, Array, Array]] = field(default_factory=list)
+    flat: list[tuple[str, Array, Array]] = field(default_factory=list)  # set, labels, rows
+    node_sets: dict[str, Array] = field(default_factory=dict)
+    element_sets: dict[str, Array] = field(default_factory=dict)
+    surfaces: dict[str, list[tuple[str, str]]] = field(default_factory=dict)  # (set, side)
+    titles: dict[str, str] = field(default_factory=dict)  # spelling of each name
+    unsupported: dict[str, int] = field(default_factory=dict)
+    passed_over: dict[str, None] = field(default_factory=dict)
+    notes: dict[str, None] = field(default_factory=dict)
+    scope: list[str] = field(default_factory=list)  # of PART, ASSEMBLY, INSTANCE
+    instances: int = 0
+    has_part: bool = False
+
+    def name(self, text: str) -> str:
+        """A set's name in capitals, without the instance in front; remembers its spelling."""
+        plain = text.strip().strip('"').rpartition(".")[2]
+        self.titles.setdefault(plain.upper(), plain)
+        return plain.upper()
+
+    def extend(self, sets: dict[str, Array], name: str, labels: Array) -> None:
+        old = sets.get(name)
+        sets[name] = labels if old is None else np.concatenate((old, labels))
+
+
+def read_inp(path: PathLike) -> Part:
+    """Part of an input deck: *NODE, *ELEMENT, *NSET, *ELSET, *SURFACE and *INCLUDE."""
+    deck = _Deck()
+    for section in _sections(Path(path)):
+        _take(deck, section, path)
+    if not deck.node_labels:
+        raise PartError(f"{path}: no *NODE block")
+    return _part(deck)
+
+
+def _sections(path: Path, depth: int = 0) -> Iterator[_Section]:
+    try:
+        text = path.read_text("latin-1").replace("\r\n", "\n")
+    except OSError as error:
+        raise PartError(f"{path}: can't be read: {error.strerror}") from None
+    if depth > _DEEPEST_INCLUDE:
+        raise PartError(f"{path}: *INCLUDE lines go round in a circle")
+    head = ""
+    data: list[str] = []
+    last = 0
+    for match in _KEYWORD.finditer(text):
+        data.append(text[last : match.start()])
+        last = match.end()
+        line = match[0].strip()
+        if line.startswith("**"):
+            continue
+        yield from _finished(head, data, path, depth)
+        head, data = line, []
+        while head.endswith(","):  # the parameters go on in the next line
+            stop = text.find("\n", last + 1)
+            stop = len(text) if stop < 0 else stop
+            head += text[last:stop].strip()
+            last = stop
+    data.append(text[last:])
+    yield from _finished(head, data, path, depth)
+
+
+def _finished(head: str, data: list[str], path: Path, depth: int) -> Iterator[_Section]:
+    if not head:
+        return
+    keyword, *rest = head.lstrip("*").split(",")
+    pairs = [r.partition("=") for r in rest]
+    parameters = {k.strip().upper().replace(" ", ""): v.strip() for k, _, v in pairs}
+    section = _Section(keyword.upper().replace(" ", ""), parameters, "\n".join(data), head)
+    if section.keyword == "INCLUDE":
+        yield from _sections(path.parent / section.get("INPUT").strip('"'), depth + 1)
+    else:
+        yield section
+
+
+def _take(deck: _Deck, section: _Section, path: PathLike) -> None:
+    keyword = section.keyword
+    in_assembly = "ASSEMBLY" in deck.scope and "INSTANCE" not in deck.scope
+    if keyword in ("PART", "ASSEMBLY", "INSTANCE"):
+        _open_scope(deck, section, path)
+    elif keyword.startswith("END") and keyword[3:] in deck.scope:
+        deck.scope.remove(keyword[3:])
+    elif keyword in ("SYSTEM", "NMAP"):
+        raise PartError(f"{path}: *{keyword} moves nodes, which isn't understood")
+    elif keyword == "NODE" and in_assembly and deck.has_part:
+        deck.notes["reference points of the assembly left out"] = None
+    elif keyword == "NODE":
+        _take_nodes(deck, section, path)
+    elif keyword == "ELEMENT":
+        _take_elements(deck, section, path)
+    elif keyword in ("NSET", "ELSET"):
+        if not (in_assembly and deck.has_part and not section.get("INSTANCE")):
+            _take_set(deck, section, path)
+    elif keyword == "SURFACE":
+        _take_surface(deck, section)
+    elif keyword not in _SILENT:
+        deck.passed_over[f"*{keyword}"] = None
+
+
+def _open_scope(deck: _Deck, section: _Section, path: PathLike) -> None:
+    deck.scope.append(section.keyword)
+    deck.has_part |= section.keyword == "PART"
+    if section.keyword == "INSTANCE":
+        deck.instances += 1
+        if deck.instances > 1:
+            raise PartError(f"{path}: more than one *INSTANCE; write the deck as one flat mesh")
+        if section.data.strip():
+            raise PartError(f"{path}: the *INSTANCE is moved or turned, which isn't understood")
+
+
+def _numbers(text: str, dtype: type = np.float64) -> Array:
+    """All numbers of data lines, separated by commas, blanks or line ends."""
+    flat = text.replace(",", " ")
+    if dtype is np.float64 and ("d" in flat or "D" in flat):
+        flat = flat.replace("d", "e").replace("D", "e")
+    if not flat or flat.isspace():
+        return np.empty(0, dtype)
+    return np.fromstring(flat, dtype, sep=" ")
+
+
+def _records(section: _Section, width: int, path: PathLike, dtype: type = np.int64) -> Array:
+    """Data lines as records of `width` numbers, whatever lines they are spread over."""
+    try:
+        with warnings.catch_warnings():
+            warnings.simplefilter("error", DeprecationWarning)
+            values = _numbers(section.data, dtype)
+    except (ValueError, DeprecationWarning):
+        values = np.empty(1, dtype)
+    if len(values) % width:
+        raise PartError(
+            f"{path}: the data below {section.first_line!r} aren't records of {width} numbers"
+        )
+    return values.reshape(-1, width)
+
+
+def _take_nodes(deck: _Deck, section: _Section, path: PathLike) -> None:
+    try:
+        records = _records(section, 4, path, np.float64)
+    except PartError:
+        records = _short_nodes(section, path)
+    labels = records[:, 0].astype(np.int64)
+    deck.node_labels.append(labels)
+    deck.points.append(records[:, 1:])
+    if name := section.get("NSET"):
+        deck.extend(deck.node_sets, deck.name(name), labels)
+
+
+def _short_nodes(section: _Section, path: PathLike) -> Array:
+    """Node lines read one by one: coordinates at the end of a line may be missing, which is 0."""
+    lines = [line.strip().rstrip(",") for line in section.data.split("\n") if line.strip()]
+    rows = np.zeros((len(lines), 4))
+    for row, line in zip(rows, lines, strict=True):
+        words = line.split(",")[:4]
+        try:
+            row[: len(words)] = [float(w.replace("D", "e").replace("d", "e") or 0) for w in words]
+        except ValueError:
+            raise PartError(f"{path}: no node: {line!r}") from None
+    return rows
+
+
+def _take_elements(deck: _Deck, section: _Section, path: PathLike) -> None:
+    kind = section.get("TYPE").upper()
+    name = deck.name(section.get("ELSET")) if section.get("ELSET") else ""
+    solid = _SOLID.match(kind)
+    surface = _SURFACE.match(kind)
+    if solid and solid[1] in _SOLIDS:
+        code, width = _SOLIDS[solid[1]]
+        rows = _records(section, width + 1, path)
+        deck.solids.append((code, rows[:, 0], rows[:, 1:]))
+        if solid[2]:
+            deck.notes[f"{kind} read as {solid[1]}"] = None
+    elif surface and (width := {"65": 6}.get(surface[1], int(surface[1]))) in (3, 4, 6):
+        rows = _records(section, width + 1, path)
+        deck.flat.append((name, rows[:, 0], rows[:, 1:]))
+    elif kind in _LINES:
+        rows = _records(section, _LINES[kind] + 1, path)
+        deck.extend(deck.node_sets, name or kind, distinct(rows[:, 1:]))
+        deck.notes[f"{kind} elements left out, their nodes are a node set"] = None
+        return
+    else:
+        width = _OTHER_SOLIDS.get(solid[1] if solid else "", 0)
+        lines = len([line for line in section.data.split("\n") if line.strip()])
+        count = len(_records(section, width + 1, path)) if width else lines
+        deck.unsupported[kind] = deck.unsupported.get(kind, 0) + count
+        return
+    if name:
+        deck.extend(deck.element_sets, name, rows[:, 0])
+
+
+def _take_set(deck: _Deck, section: _Section, path: PathLike) -> None:
+    sets = deck.node_sets if section.keyword == "NSET" else deck.element_sets
+    name = deck.name(section.get(section.keyword))
+    if "GENERATE" in section.parameters:
+        runs = [line.strip().rstrip(",") for line in section.data.split("\n") if line.strip()]
+        for run in runs:
+            first, last, *step = (int(float(w)) for w in run.split(","))
+            labels = np.arange(first, last + 1, step[0] if step else 1)
+            deck.extend(sets, name, labels)
+        return
+    if not re.search(r"[^\d\s,.+-]", section.data):
+        deck.extend(sets, name, _numbers(section.data, np.int64))
+        return
+    for word in re.split(r"[\s,]+", section.data.strip(" \t\n,")):
+        if re.fullmatch(r"\d+", word):
+            labels = np.array([int(word)])
+        elif (other := deck.name(word)) in sets:
+            labels = sets[other]
+        else:
+            raise PartError(f"{path}: {section.first_line!r} names {word!r}, which isn't a set")
+        deck.extend(sets, name, labels)
+
+
+def _take_surface(deck: _Deck, section: _Section) -> None:
+    name = deck.name(section.get("NAME"))
+    entries = []
+    for line in section.data.split("\n"):
+        words = [w.strip() for w in line.split(",")]
+        if words[0]:
+            entries.append((words[0], words[1].upper() if len(words) > 1 else ""))
+    if section.get("TYPE").upper() == "NODE":
+        for word, _ in entries:
+            labels = [int(word)] if word.isdigit() else deck.node_sets.get(deck.name(word), [])
+            deck.extend(deck.node_sets, name, np.asarray(labels, np.int64))
+    else:
+        deck.surfaces.setdefault(name, []).extend(entries)
+
+
+# --- putting it together ---------------------------------------------------------------------
+
+
+def _part(deck: _Deck) -> Part:
+    part = Part(
+        np.concatenate(deck.node_labels),
+        np.concatenate(deck.points),
+        deck.solids,
+        unsupported=deck.unsupported,
+        notes=list(deck.notes),
+    )
+    if deck.passed_over:
+        part.notes.append(f"passed over in the deck: {', '.join(sorted(deck.passed_over))}")
+    nodes = Lookup(part.labels, "node")
+    solids = Lookup(_all_labels(deck.solids), "element")
+    flat = Lookup(_all_labels(deck.flat), "surface element")
+    for name, labels in deck.node_sets.items():
+        known = nodes.known(labels)
+        if len(known) < len(labels):
+            left = counted(len(labels) - len(known), "node")
+            part.notes.append(f"node set {deck.titles.get(name, name)!r}: {left} unknown")
+        part.node_sets[deck.titles.get(name, name)] = known
+    for name, labels in deck.element_sets.items():
+        _split_set(part, deck, deck.titles.get(name, name), labels, solids, flat)
+    for name, entries in deck.surfaces.items():
+        rows = [
+            r for entry in entries for r in _surface_rows(deck, part, name, *entry, solids, flat)
+        ]
+        if rows:
+            part.surfaces.setdefault(deck.titles[name], []).extend(rows)
+    return part
+
+
+def _all_labels(blocks: list) -> Array:  # type: ignore[type-arg]
+    return np.concatenate([b[1] for b in blocks] or [np.empty(0, np.int64)])
+
+
+def _split_set(
+    part: Part, deck: _Deck, title: str, labels: Array, solids: Lookup, flat: Lookup
+) -> None:
+    """An element set may hold solids and surface elements: the latter become a surface."""
+    inside = solids.known(labels)
+    if len(inside):
+        part.element_sets[title] = inside
+    rest = labels[~np.isin(labels, inside)]
+    on_surface = flat.known(rest)
+    if len(on_surface):
+        part.surfaces[title] = _flat_rows(deck, on_surface)
+    unknown = rest[~np.isin(rest, on_surface)]
+    if len(unknown):
+        part.notes.append(f"element set {title!r}: elements {labelled(unknown)} unknown")
+
+
+def _flat_rows(deck: _Deck, labels: Array) -> list[Array]:
+    return [
+        rows[np.isin(own, labels)] for _, own, rows in deck.flat if np.any(np.isin(own, labels))
+    ]
+
+
+def _surface_rows(
+    deck: _Deck, part: Part, name: str, word: str, side: str, solids: Lookup, flat: Lookup
+) -> list[Array]:
+    """Node rows of one line of a *SURFACE: side S1 to S6 of solids, or surface elements whole."""
+    if word.isdigit():
+        labels = np.array([int(word)])
+    else:
+        labels = deck.element_sets.get(deck.name(word), np.empty(0, np.int64))
+    found = _flat_rows(deck, flat.known(labels))
+    inside = solids.known(labels)
+    if not len(inside) and not found:
+        raise PartError(f"*SURFACE {deck.titles[name]} names {word!r}, which holds no elements")
+    if len(inside) and not re.fullmatch(r"S[1-6]", side):
+        part.notes.append(
+            f"surface {deck.titles[name]!r}: {word!r} without a side S1 to S6 left out; "
+            "a face set of the case file can take outer faces"
+        )
+        return found
+    for code, own, rows in deck.solids:
+        chosen = rows[np.isin(own, inside)]
+        number = int(side[1:] or 0) - 1 if len(chosen) else 0
+        if len(chosen) and number >= len(FACES[code]):
+            raise PartError(f"*SURFACE {deck.titles[name]}: {word!r} has no side {side}")
+        if len(chosen):
+            found.append(chosen[:, FACES[code][number]])
+    return found

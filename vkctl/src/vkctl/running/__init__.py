@@ -1,0 +1,1 @@
+"""Starting the solver, following it, and telling how it ended."""

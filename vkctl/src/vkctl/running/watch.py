@@ -1,0 +1,113 @@
+"""Follow a run that something else started, from its log alone."""
+
+from __future__ import annotations
+
+import time
+from collections.abc import Callable
+from pathlib import Path
+
+from vkctl.directory.formats import LOG_FILE, PathLike
+
+from . import processes
+from .advice import Advice
+from .progress import Progress, Tracker
+from .run import RunResult, summarise
+
+_POLL = 0.2  # seconds between two looks
+_GRACE = 1.0  # seconds without a writer and without a new line until a run counts as killed
+
+STOPPED_STATUS = 242  # of a run whose log ends with an error line
+KILLED_STATUS = 1
+
+_RESTART = "Start it again: load cases that are done stay done."
+
+
+class _Liveness:
+    """Tells whether an unfinished log still has a run behind it.
+
+    Killed means: for a while no line was added and no process had the log open for writing. On a
+    system without a process table, or while a solver of another user runs whose files can't be
+    seen, nothing is concluded unless `patience` is given: then so many seconds without a line
+    count as the end, whatever the process table says (a run on another machine is not in it).
+    """
+
+    def __init__(self, directory: Path, patience: float | None) -> None:
+        self.directory = directory
+        self.patience = patience
+        self.pid: int | None = None
+        self.last_sign = time.monotonic()
+
+    def memory(self) -> tuple[float, float] | None:
+        return processes.memory_gb(self.pid) if self.pid is not None else None
+
+    def look(self, grown: bool) -> bool:
+        """Whether the run may still be alive; `grown` says that the log has new lines."""
+        now = time.monotonic()
+        if grown:
+            self.last_sign = now
+        if self.patience is not None:
+            self.pid = processes.writer_of(self.directory)
+            return now - self.last_sign < self.patience
+        if self.pid is None or processes.memory_gb(self.pid) is None:
+            self.pid = processes.writer_of(self.directory)
+        if self.pid is not None or not processes.is_known():
+            self.last_sign = now
+        if now - self.last_sign < _GRACE:
+            return True
+        return bool(processes.hidden_solvers())
+
+
+def watch(
+    directory: PathLike,
+    *,
+    on_progress: Callable[[Progress], None] | None = None,
+    poll: float = _POLL,
+    patience: float | None = None,
+    wait: float = 0.0,
+) -> RunResult:
+    """Follow the run in `directory` until it ends, also when another run takes its log over.
+
+    A log that ends with the end line or an error line is a run's end. One that just stays as it
+    is belongs to a killed run once no process writes it any more; see `patience` for runs on
+    another machine. `on_progress` is called every `poll` seconds. `wait` is how many seconds a
+    log may take to appear; FileNotFoundError if there is none by then.
+    """
+    target = Path(directory)
+    _await_log(target, wait, poll)
+    tracker, liveness = Tracker(target), _Liveness(target, patience)
+    seen = 0
+    while True:
+        progress = tracker.update(liveness.memory())
+        if on_progress is not None:
+            on_progress(progress)
+        if progress.log.ended:
+            return summarise(progress, "finished", 0)
+        if progress.log.error is not None:
+            return summarise(progress, "stopped", STOPPED_STATUS)
+        lines, seen = seen, len(tracker.reader.records)
+        if not liveness.look(grown=lines != seen):
+            return _killed(tracker.update())
+        time.sleep(poll)
+
+
+def _await_log(directory: Path, wait: float, poll: float) -> None:
+    deadline = time.monotonic() + wait
+    while not Path(directory, LOG_FILE).exists():
+        if time.monotonic() >= deadline:
+            raise FileNotFoundError(f"There is no log in {directory}: no run has been started.")
+        time.sleep(poll)
+
+
+def _killed(progress: Progress) -> RunResult:
+    """Result of a run without an end line; it may have ended in the last moment."""
+    if progress.log.ended:
+        return summarise(progress, "finished", 0)
+    if progress.log.error is not None:
+        return summarise(progress, "stopped", STOPPED_STATUS)
+    result = summarise(progress, "killed")
+    where = f" in load case {progress.log.load_cases[-1].number}" if progress.log.load_cases else ""
+    result.advice = Advice(
+        f"The run broke off{where}: its log has no end, and no process writes it any more.",
+        "It was killed or crashed. " + _RESTART,
+    )
+    return result

@@ -1,0 +1,1 @@
+"""The three element types: topology, shape functions, rules, faces, boxes."""

@@ -1,0 +1,1 @@
+"""Results and the part as grids, pictures and files for other programs."""

@@ -1,0 +1,90 @@
+"""Results and the part as files for other programs: .vtu, .pvd and .stl."""
+
+from __future__ import annotations
+
+from pathlib import Path
+from xml.sax.saxutils import quoteattr
+
+from vkctl.directory.formats import PathLike
+from vkctl.directory.model import read
+from vkctl.directory.results import read_results, solved
+
+from .grid import mesh_grid, open_edges, part_surface, results_grid, solved_or_fail
+
+SUFFIXES = (".vtu", ".pvd", ".stl")
+
+
+def export(directory: PathLike, out: PathLike, case: int | None = None) -> list[Path]:
+    """Write a working directory's results to `out`, by its suffix; returns the files written.
+
+    .vtu: mesh with all fields of load case `case`, the first solved one if not given; of a model
+    without results the mesh with its own fields. .pvd: a series over the solved load cases, one
+    .vtu each in a folder beside. .stl: the part, the closed surface of level zero.
+    """
+    target = Path(out)
+    if target.suffix == ".vtu":
+        return [_export_vtu(directory, target, case)]
+    if target.suffix == ".pvd":
+        return _export_series(directory, target)
+    if target.suffix == ".stl":
+        return [export_part(directory, target)]
+    raise ValueError(f"{target.name}: the suffix must be one of {', '.join(SUFFIXES)}")
+
+
+def _export_vtu(directory: PathLike, target: Path, case: int | None) -> Path:
+    model = read(directory)
+    numbers = solved(directory)
+    if case is not None and case not in numbers:
+        raise ValueError(f"load case {case} has no results in {directory}")
+    if numbers:
+        grid = results_grid(model, read_results(directory, case or numbers[0]))
+    else:
+        grid = mesh_grid(model)
+    grid.save(target)
+    return target
+
+
+def _export_series(directory: PathLike, target: Path) -> list[Path]:
+    model = read(directory)
+    folder = target.with_suffix("")
+    folder.mkdir(parents=True, exist_ok=True)
+    steps: list[tuple[float, Path]] = []
+    for number in solved_or_fail(directory):
+        step = folder / f"case_{number:04d}.vtu"
+        results_grid(model, read_results(directory, number)).save(step)
+        steps.append((float(number), step))
+    write_series(target, steps)
+    return [target, *(step for _, step in steps)]
+
+
+def write_series(target: Path, steps: list[tuple[float, Path]]) -> None:
+    """Write a .pvd file: (time, file) of each step; paths relative to the file's folder."""
+    lines = [
+        f'    <DataSet timestep="{time:g}" group="" part="0" file='
+        f"{quoteattr(path.relative_to(target.parent).as_posix())}/>"
+        for time, path in steps
+    ]
+    text = "\n".join(
+        (
+            '<?xml version="1.0"?>',
+            '<VTKFile type="Collection" version="0.1" byte_order="LittleEndian">',
+            "  <Collection>",
+            *lines,
+            "  </Collection>",
+            "</VTKFile>\n",
+        )
+    )
+    target.write_text(text, encoding="utf-8")
+
+
+def export_part(directory: PathLike, target: PathLike) -> Path:
+    """Write the part as a watertight .stl; ValueError if it is empty or its surface not closed."""
+    surface = part_surface(read(directory))
+    gaps = open_edges(surface)
+    if gaps:
+        raise ValueError(
+            f"the surface has {gaps} edges without two neighbours: does the mesh have cracks, or "
+            "hexahedra beside tetrahedra?"
+        )
+    surface.save(target)
+    return Path(target)

@@ -1,0 +1,206 @@
+"""Models and results as VTK grids, and the part itself: what lies inside the level-zero surface."""
+
+from __future__ import annotations
+
+import numpy as np
+import pyvista
+
+from vkctl.directory.formats import HEX8, TET4, TET10, Array, PathLike
+from vkctl.directory.model import Model, read
+from vkctl.directory.numbering import EXCLUDED
+from vkctl.directory.results import Results, read_results, solved
+
+# Type codes and the VTK cells that have the same node order, mid-edge nodes included.
+_VTK_CELLS = {
+    TET4: pyvista.CellType.TETRA,
+    HEX8: pyvista.CellType.HEXAHEDRON,
+    TET10: pyvista.CellType.QUADRATIC_TETRA,
+}
+# The eight 4-node tetrahedra of a 10-node one; every face is cut alike from both sides.
+_TET10_PARTS = np.array(
+    (
+        (1, 5, 7, 8),
+        (5, 2, 6, 9),
+        (7, 6, 3, 10),
+        (8, 9, 10, 4),
+        (5, 6, 7, 9),
+        (5, 7, 8, 9),
+        (6, 7, 9, 10),
+        (7, 8, 9, 10),
+    )
+)
+_TET10_EDGES = np.array(((1, 2), (2, 3), (1, 3), (1, 4), (2, 4), (3, 4)))
+# Faces of a hexahedron, counter-clockwise seen from outside.
+_HEX8_FACES = np.array(
+    ((1, 4, 3, 2), (5, 6, 7, 8), (1, 2, 6, 5), (2, 3, 7, 6), (3, 4, 8, 7), (4, 1, 5, 8))
+)
+_NEAREST_LEVEL = 1e-3  # of the largest level: nodes closer to zero count as just inside
+
+
+def level_field(model: Model) -> Array:
+    """Level value of each node as the solver uses it, float32 (n,).
+
+    The list is scaled to a mean magnitude of 0.5; nodes without a design point have 1.0.
+    """
+    levels = np.ones(len(model.nodes), np.float32)
+    assert model.node_tp_index is not None
+    mean = np.abs(model.tp).mean() if len(model.tp) else np.float32(0.0)
+    scale = np.float32(0.5) / mean if mean > 0 else mean
+    chosen = model.node_tp_index > 0
+    levels[chosen] = scale * model.tp[model.node_tp_index[chosen] - 1]
+    return levels
+
+
+def has_boundary(model: Model) -> bool:
+    """Whether the level field leaves part of the mesh empty."""
+    return bool((level_field(model) < 0).any())
+
+
+def mesh_grid(model: Model) -> pyvista.UnstructuredGrid:
+    """The active elements as they are, with the model's own fields.
+
+    Points: "level", "node_flags". Cells: "element" (its number), "material", "element_flags".
+    """
+    assert model.element_flags is not None
+    cells, numbers = {}, []
+    active = np.flatnonzero(model.element_flags & EXCLUDED == 0) + 1
+    for code, cell in _VTK_CELLS.items():
+        found, rows = model.elements.of_type(code)
+        kept = np.isin(found, active)
+        if kept.any():
+            cells[cell] = rows[kept] - 1
+            numbers.append(found[kept])
+    grid = pyvista.UnstructuredGrid(cells, model.nodes)
+    order = np.concatenate(numbers) if numbers else np.zeros(0, np.int64)
+    grid.point_data["level"] = level_field(model)
+    grid.point_data["node_flags"] = model.node_flags
+    grid.cell_data["element"] = order
+    grid.cell_data["material"] = model.elements.materials[order - 1]
+    grid.cell_data["element_flags"] = model.element_flags[order - 1]
+    return grid
+
+
+def point_fields(model: Model, results: Results) -> dict[str, Array]:
+    """Result fields per node: displacement (n, 3), magnitude, stress with its sign, criterion.
+
+    The criterion is NaN at nodes without a design point; the displacement is missing where the
+    solve was too poor to leave one.
+    """
+    assert model.node_tp_index is not None
+    criterion = np.full(len(model.nodes), np.nan, np.float32)
+    chosen = model.node_tp_index > 0
+    criterion[chosen] = results.criterion[model.node_tp_index[chosen] - 1]
+    fields = {"magnitude": results.magnitude, "stress": results.stress, "criterion": criterion}
+    if results.displacements is not None:
+        fields["displacement"] = results.displacements
+    return fields
+
+
+def results_grid(model: Model, results: Results) -> pyvista.UnstructuredGrid:
+    """`mesh_grid` with the fields of one load case; cells also have "element_state"."""
+    grid = mesh_grid(model)
+    for name, values in point_fields(model, results).items():
+        grid.point_data[name] = values
+    if results.element_state is not None:
+        grid.cell_data["element_state"] = results.element_state[grid.cell_data["element"] - 1]
+    return grid
+
+
+def read_grid(directory: PathLike, number: int) -> pyvista.UnstructuredGrid:
+    """`results_grid` of a load case of a working directory."""
+    return results_grid(read(directory), read_results(directory, number))
+
+
+def solved_or_fail(directory: PathLike) -> list[int]:
+    """Numbers of the solved load cases; FileNotFoundError if there are none."""
+    numbers = solved(directory)
+    if not numbers:
+        raise FileNotFoundError(f"no solved load case in {directory}")
+    return numbers
+
+
+# --- the part ----------------------------------------------------------------------------------
+
+
+def _hexahedron_parts(rows: Array, centres: Array) -> Array:
+    """Twelve tetrahedra (k, 4) a hexahedron, around its centre.
+
+    A face is cut from its lowest node number, so that neighbours cut it alike.
+    """
+    faces = rows[:, _HEX8_FACES - 1]
+    lowest = faces.argmin(axis=2)
+    turned = np.take_along_axis(faces, (lowest[:, :, None] + np.arange(4)) % 4, axis=2)
+    triangles = np.concatenate((turned[:, :, [0, 1, 2]], turned[:, :, [0, 2, 3]]), axis=1)
+    apex = np.broadcast_to(centres[:, None, None], (*triangles.shape[:2], 1))
+    # The faces are seen from outside: turned inwards they have the apex on their positive side.
+    return np.concatenate((triangles[:, :, ::-1], apex), axis=2).reshape(-1, 4)
+
+
+def simplices(model: Model, fields: dict[str, Array]) -> tuple[Array, Array, dict[str, Array]]:
+    """The active elements as 4-node tetrahedra that fit together: (tetrahedra, points, fields).
+
+    Tetrahedra are 0-based rows. A 10-node tetrahedron gives eight, with the level of its corners
+    halved at its mid-edge nodes, as the solver interpolates it; a hexahedron gives twelve around
+    an added centre point. `fields` are per node; "level" is added to them.
+    """
+    assert model.element_flags is not None
+    active = np.flatnonzero(model.element_flags & EXCLUDED == 0) + 1
+
+    def rows_of(code: int) -> Array:
+        numbers, rows = model.elements.of_type(code)
+        return rows[np.isin(numbers, active)].astype(np.int64) - 1
+
+    tet10, hex8 = rows_of(TET10), rows_of(HEX8)
+    all_fields = {"level": level_field(model).astype(np.float64), **fields}
+    edges = tet10[:, _TET10_EDGES - 1]
+    level = all_fields["level"]
+    level[tet10[:, 4:].ravel()] = level[edges].mean(axis=2).ravel()
+    centres = len(model.nodes) + np.arange(len(hex8))
+    points = np.concatenate((model.nodes, model.nodes[hex8].mean(axis=1)))
+    extended = {
+        name: np.concatenate((values, values[hex8].mean(axis=1)))
+        for name, values in all_fields.items()
+    }
+    parts = (
+        rows_of(TET4),
+        tet10[:, _TET10_PARTS - 1].reshape(-1, 4),
+        _hexahedron_parts(hex8, centres),
+    )
+    return np.concatenate(parts), points, extended
+
+
+def part_grid(model: Model, fields: dict[str, Array] | None = None) -> pyvista.UnstructuredGrid:
+    """The part: the active elements cut off at level zero, with `fields` per node interpolated."""
+    tetrahedra, points, extended = simplices(model, fields or {})
+    grid = pyvista.UnstructuredGrid({pyvista.CellType.TETRA: tetrahedra}, points)
+    for name, values in extended.items():
+        grid.point_data[name] = values
+    level = grid.point_data["level"]
+    # A cut exactly through a node would make the surface touch itself there.
+    margin = _NEAREST_LEVEL * float(np.abs(level).max(initial=0.0)) or 1.0
+    grid.point_data["level"] = np.where(np.abs(level) < margin, margin, level)
+    if (grid.point_data["level"] > 0).all():
+        return grid
+    return grid.clip_scalar(scalars="level", value=0.0, invert=False)
+
+
+def part_surface(model: Model, fields: dict[str, Array] | None = None) -> pyvista.PolyData:
+    """Closed surface of the part in triangles, seen from outside counter-clockwise.
+
+    ValueError if nothing of the mesh is material.
+    """
+    solid = part_grid(model, fields)
+    if solid.n_cells == 0:
+        raise ValueError("the level field leaves no material")
+    surface = solid.extract_surface(algorithm="geometry", pass_pointid=False).triangulate()
+    return surface.compute_normals(
+        cell_normals=True, point_normals=False, auto_orient_normals=True, split_vertices=False
+    )
+
+
+def open_edges(surface: pyvista.PolyData) -> int:
+    """Edges that don't belong to exactly two triangles; 0 for a watertight surface."""
+    edges = surface.extract_feature_edges(
+        boundary_edges=True, non_manifold_edges=True, feature_edges=False, manifold_edges=False
+    )
+    return int(edges.n_cells)

@@ -1,0 +1,150 @@
+"""Pictures of results, drawn without a screen."""
+
+from __future__ import annotations
+
+from dataclasses import dataclass
+from pathlib import Path
+from typing import Any, Literal, get_args
+
+import numpy as np
+import pyvista
+from vtkmodules.vtkCommonCore import vtkLogger
+
+from vkctl.directory.formats import Array, PathLike
+from vkctl.directory.model import Model, read
+from vkctl.directory.results import read_results
+
+from .grid import has_boundary, part_surface, point_fields, solved_or_fail
+
+Direction = tuple[float, float, float]
+Field = Literal["magnitude", "stress", "criterion", "level"]
+FIELDS: tuple[str, ...] = get_args(Field)
+
+_TITLES = {
+    "magnitude": "displacement",
+    "stress": "equivalent stress, signed",
+    "criterion": "criterion",
+    "level": "level",
+}
+_VISIBLE_PART = 0.08  # of the part's extent: what the largest displacement is drawn as
+_THIN_PART = 0.25  # of its other extents: a part as low as this is a plate
+_STRESS_PERCENTILES = (1.0, 99.0)  # a few peaks at supports would wash out the colours
+
+
+@dataclass(frozen=True)
+class View:
+    """How a picture is drawn. `scale` exaggerates the deformation, None chooses it.
+
+    Up is z, and y where the part is a plate in x and y that is looked at from above.
+    """
+
+    field: Field = "magnitude"
+    scale: float | None = None
+    edges: bool = False
+    size: tuple[int, int] = (1400, 900)
+    direction: Direction | None = None  # from the part to the eye; None chooses it
+
+
+def plot(
+    directory: PathLike, picture: PathLike, case: int | None = None, view: View | None = None
+) -> Path:
+    """Draw the deformed part of a load case, the first solved one if not given, into a .png.
+
+    Colours show `view.field` on the part's surface: the surface of level zero where the level
+    field leaves part of the mesh empty, the mesh's own surface otherwise.
+    """
+    model = read(directory)
+    numbers = solved_or_fail(directory)
+    number = numbers[0] if case is None else case
+    if number not in numbers:
+        raise ValueError(f"load case {number} has no results in {directory}")
+    fields = point_fields(model, read_results(directory, number))
+    return draw(model, fields, picture, view or View(), f"load case {number}")
+
+
+def draw(model: Model, fields: dict[str, Array], picture: PathLike, view: View, title: str) -> Path:
+    """Draw `fields` (per node, see `grid.point_fields`) of a model; returns the picture's path."""
+    wide = {name: np.asarray(values, np.float64) for name, values in fields.items()}
+    surface = part_surface(model, wide)
+    scale = _scale(model, surface, view)
+    rest = surface.copy()
+    if "displacement" in surface.point_data:
+        surface.points = surface.points + scale * surface.point_data["displacement"]
+    # Without a screen VTK warns once and draws in memory, which is what is wanted.
+    vtkLogger.SetStderrVerbosity(vtkLogger.VERBOSITY_ERROR)
+    plotter = pyvista.Plotter(off_screen=True, window_size=list(view.size))
+    plotter.set_background("white")
+    plotter.add_mesh(
+        surface,
+        scalars=view.field if view.field in surface.point_data else None,
+        cmap="coolwarm" if view.field == "stress" else "viridis",
+        clim=_range(surface, view.field),
+        show_edges=view.edges,
+        nan_color="lightgray",
+        smooth_shading=not has_boundary(model),
+        split_sharp_edges=not has_boundary(model),
+        scalar_bar_args=_scalar_bar(view.field),
+    )
+    outline = rest.extract_feature_edges(feature_angle=40.0) if not has_boundary(model) else rest
+    plotter.add_mesh(
+        outline if outline is not rest else rest.outline(), color="gray", line_width=1.0
+    )
+    if "displacement" in surface.point_data:
+        title = f"{title}, deformation x {scale:.3g}"
+    plotter.add_text(title, color="black", font_size=11)
+    plotter.add_axes(color="black")
+    direction, up = _eye(model, view)
+    plotter.view_vector(direction, viewup=up)
+    plotter.enable_anti_aliasing("ssaa")
+    plotter.screenshot(str(picture))
+    plotter.close()
+    return Path(picture)
+
+
+def _eye(model: Model, view: View) -> tuple[Direction, Direction]:
+    """Direction to the eye, and the one that points up in the picture."""
+    length, width, height = np.ptp(model.nodes, axis=0)
+    plate = height < _THIN_PART * min(length, width)
+    chosen = (0.3, -0.4, 1.0) if plate else (-0.6, -1.0, 0.5)
+    direction = view.direction or chosen
+    steep = abs(direction[2]) > 2 * max(abs(direction[0]), abs(direction[1]))
+    return direction, (0.0, 1.0, 0.0) if steep else (0.0, 0.0, 1.0)
+
+
+def _scale(model: Model, surface: pyvista.PolyData, view: View) -> float:
+    if view.scale is not None or "displacement" not in surface.point_data:
+        return view.scale or 0.0
+    largest = float(np.linalg.norm(surface.point_data["displacement"], axis=1).max(initial=0.0))
+    extent = float(np.ptp(model.nodes, axis=0).max())
+    return _VISIBLE_PART * extent / largest if largest > 0 else 1.0
+
+
+def _range(surface: pyvista.PolyData, field: str) -> tuple[float, float] | None:
+    """Colour limits: symmetric about zero for the signed stress."""
+    if field not in surface.point_data:
+        return None
+    values = np.asarray(surface.point_data[field])
+    values = values[np.isfinite(values)]
+    if not len(values):
+        return (0.0, 1.0)
+    if field == "stress":
+        low, high = np.percentile(values, _STRESS_PERCENTILES)
+        bound = float(max(abs(low), abs(high))) or 1.0
+        return (-bound, bound)
+    return (float(values.min()), float(values.max()) or 1.0)
+
+
+def _scalar_bar(field: str) -> dict[str, Any]:
+    return {
+        "title": _TITLES[field] + "\n",  # keeps clear of the first label
+        "color": "black",
+        "fmt": "%.3g",
+        "n_labels": 5,
+        "vertical": True,
+        "position_x": 0.86,
+        "position_y": 0.2,
+        "height": 0.6,
+        "width": 0.05,
+        "title_font_size": 18,
+        "label_font_size": 16,
+    }
