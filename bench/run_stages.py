@@ -38,7 +38,7 @@ STAGES = (
 
 def write_box(directory: Path, cells: tuple[int, int, int], mode: int) -> None:
     """A clamped box with a pull at its other end, all of material."""
-    part = box("tet4", cells, size=tuple(map(float, cells)))
+    part = box("tet4", cells, size=(float(cells[0]), float(cells[1]), float(cells[2])))
     case = LoadCase().prescribe(part.face("x-"))
     case.load(*part.traction("x+", (0.0, 0.0, -1.0)))
     options = {"Sys.ComputationMode": mode, "Sys.AvailableMemGB": 1000.0}
@@ -81,7 +81,8 @@ def run_stages(program: Path, directory: Path) -> dict[str, float]:
         text=True,
         check=True,
     )
-    return json.loads(done.stdout)["benchmarks"][0]
+    counters: dict[str, float] = json.loads(done.stdout)["benchmarks"][0]
+    return counters
 
 
 def report(mode: int, wall: float, peak: float, found: dict[str, float]) -> None:

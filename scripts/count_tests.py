@@ -20,7 +20,7 @@ def count(report: Path) -> tuple[int, int]:
 
 def main(folder: str) -> int:
     counts = [count(report) for report in sorted(Path(folder).glob("*.xml"))]
-    passed, failed = (sum(column) for column in zip(*counts)) if counts else (0, 1)
+    passed, failed = (sum(column) for column in zip(*counts, strict=True)) if counts else (0, 1)
     print(f"{passed} passed, {failed} failed")
     return 1 if failed else 0
 

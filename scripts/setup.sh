@@ -1,3 +1,4 @@
+# shellcheck shell=bash disable=SC2034
 # Sets up what building and testing need: Debian packages, and a Python environment in .local/venv
 # with vkctl, its pinned dependencies and oneMKL. Sourced by quickstart, check and .ci/run; safe to
 # run twice, and quick then. What commands print goes to .local/log and is shown when they fail.

@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # The parts of the test suite, for check and .ci/run. Each part leaves a JUnit report in
 # build/reports, goes on after failures, and shows what failed; `total` counts them all.
 
@@ -26,6 +27,15 @@ part() {
 # A report for parts that count otherwise: NAME TESTS FAILURES.
 report() {
   printf '<testsuite name="%s" tests="%s" failures="%s"/>\n' "$1" "$2" "$3" >"$REPORTS/$1.xml"
+}
+
+# Each check of scripts/lint.sh counts as one test.
+lint() {
+  local check
+  for check in $("$ROOT/scripts/lint.sh" --list); do
+    part "lint-$check" "$ROOT/scripts/lint.sh" "$check"
+    [ -f "$REPORTS/lint-$check.xml" ] || report "lint-$check" 1 0
+  done
 }
 
 unit_tests() {

@@ -175,7 +175,11 @@ def test_numbers_have_their_forms(tmp_path):
 def test_the_time_of_a_load_case_is_part_of_the_total(tmp_path):
     lines = run(two_patterns(tmp_path))
     clocks = [re.search(TIME, line)[0] for line in lines if "ime: " in line]
-    seconds = [sum(w * float(p) for w, p in zip((3600, 60, 1), c.split(":"))) for c in clocks]
+    units = (3600, 60, 1)
+    seconds = [
+        sum(unit * float(part) for unit, part in zip(units, clock.split(":"), strict=True))
+        for clock in clocks
+    ]
     assert sum(seconds[:-1]) <= seconds[-1] + 0.005
 
 

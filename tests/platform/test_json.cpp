@@ -1,10 +1,10 @@
-#include "platform/json.hpp"
-
 #include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <limits>
 #include <string>
+
+#include "platform/json.hpp"
 
 namespace {
 

@@ -1,10 +1,10 @@
-#include "platform/memory.hpp"
-
 #include <gtest/gtest.h>
 
 #include <cstdint>
 #include <cstring>
 #include <limits>
+
+#include "platform/memory.hpp"
 
 namespace {
 

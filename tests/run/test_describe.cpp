@@ -1,6 +1,6 @@
-#include "run/describe.hpp"
-
 #include <gmock/gmock.h>
+
+#include "run/describe.hpp"
 
 using testing::HasSubstr;
 

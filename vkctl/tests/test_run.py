@@ -253,7 +253,9 @@ def test_the_build_of_the_checkout_is_found_last(tmp_path, monkeypatch):
     built = _program(tmp_path / "build" / "release" / "vk_rund")
     monkeypatch.delenv("VK_RUND", raising=False)
     monkeypatch.setenv("PATH", str(tmp_path))
-    monkeypatch.setattr("vkctl.running.run.__file__", str(tmp_path / "vkctl/src/vkctl/running/run.py"))
+    monkeypatch.setattr(
+        "vkctl.running.run.__file__", str(tmp_path / "vkctl/src/vkctl/running/run.py")
+    )
     assert find_vk_rund() == built
     built.unlink()
     with pytest.raises(NotFoundError, match="VK_RUND"):

@@ -1,0 +1,85 @@
+#!/usr/bin/env bash
+# shellcheck disable=SC2329
+# Style, types and the include rules: scripts/lint.sh [--fix] [CHECK...], all checks unless named.
+# --fix mends what the formatters can. The tools, pinned, are fetched into .local/lint the first time.
+set -euo pipefail
+. "$(dirname "${BASH_SOURCE[0]}")/setup.sh"
+
+LINT=$ROOT/.local/lint
+CHECKS=(cpp-format includes python-style python-format types shell)
+# Programs and tools; tests hand over wrong types on purpose.
+TYPED=(vkctl/src scripts bench)
+FIX=
+
+setup_lint() {
+  local list=$ROOT/scripts/requirements-lint.txt
+  local stamp=$LINT/.made_from now
+  now=$(sha256sum <"$list")$ROOT
+  [ -f "$stamp" ] && [ "$(cat "$stamp")" = "$now" ] && return
+  say "Fetching the lint tools into .local/lint"
+  quietly lint-venv "$(find_python)" -m venv "$LINT" || fail "the lint tools' environment could not be made"
+  quietly lint-pip "$LINT/bin/python" -m pip install --require-hashes -r "$list" ||
+    fail "the lint tools could not be installed; is there a network?"
+  printf '%s' "$now" >"$stamp"
+}
+
+# files PATTERN...: the tree's own files of these names.
+files() {
+  local names=() pattern
+  for pattern in "$@"; do names+=(-o -name "$pattern"); done
+  find . \( -path ./.git -o -path ./.local -o -path './build*' \) -prune -o \
+    -type f \( "${names[@]:1}" \) -print
+}
+
+lint_cpp-format() {
+  local how=(--dry-run -Werror)
+  [ -z "$FIX" ] || how=(-i)
+  files '*.cpp' '*.hpp' | xargs -d '\n' -P "$JOBS" -n 16 "$LINT/bin/clang-format" "${how[@]}"
+}
+
+# The rule, and that it finds an include that points upwards.
+lint_includes() {
+  "$LINT/bin/python" scripts/check_includes.py src || return 1
+  ! "$LINT/bin/python" scripts/check_includes.py tests/data/upward_include >/dev/null || {
+    say "the include that points upwards in tests/data was not found"
+    return 1
+  }
+}
+
+lint_python-style() {
+  "$LINT/bin/ruff" check --quiet ${FIX:+--fix}
+}
+
+lint_python-format() {
+  local how=(--diff)
+  [ -z "$FIX" ] || how=()
+  "$LINT/bin/ruff" format --quiet "${how[@]}"
+}
+
+lint_types() {
+  "$LINT/bin/mypy" --python-executable "$VENV/bin/python" "${TYPED[@]}"
+}
+
+lint_shell() {
+  "$LINT/bin/shellcheck" check quickstart .ci/run scripts/*.sh
+}
+
+cd "$ROOT"
+if [ "${1:-}" = --list ]; then
+  printf '%s\n' "${CHECKS[@]}"
+  exit
+fi
+if [ "${1:-}" = --fix ]; then
+  FIX=yes
+  shift
+fi
+setup_lint
+status=0
+for check in "${@:-${CHECKS[@]}}"; do
+  [ "$(type -t "lint_$check")" = function ] || fail "no check '$check'; there are: ${CHECKS[*]}"
+  "lint_$check" || {
+    say "lint: $check failed"
+    status=1
+  }
+done
+exit "$status"
