@@ -6,6 +6,7 @@
 #include "model/femodel.hpp"
 #include "model/fenod.hpp"
 #include "model/fileio.hpp"
+#include "model/files.hpp"
 #include "platform/slot.hpp"
 #include "run/services/logger.hpp"
 #include "run/services/vkcore.hpp"
@@ -32,7 +33,7 @@ bool AnyMaterialWithState() {
 
 // Sets MatStateMissing. A file whose count is not the model's is taken as a state of all 1.0.
 void LoadElementState(std::int32_t number) {
-  const std::string name = FILEIO_NUMBEREDNAME("ws.mstate.", number);
+  const std::string name = FILEIO_NUMBEREDNAME(FILES::ElementState.name, number);
   const std::int32_t count = std::max(FEMODEL::NumElements, 0);
   if (!FELOADCASE::ElementState) FELOADCASE::ElementState = ARRAYS_ALLOCATE<float>(count);
   VKCORE::MatStateMissing = !STREAM_EXISTS(name);
@@ -84,7 +85,7 @@ void CheckConstraints(const std::string& name) {
 }
 
 void ReadLoadCaseFile(std::int32_t number) {
-  const std::string name = FILEIO_NUMBEREDNAME("mxs.lcmap.", number);
+  const std::string name = FILEIO_NUMBEREDNAME(FILES::LoadCaseMap.name, number);
   FILEIO_OPENREAD(FILEIO::ReadUnit, name);
   FELOADCASE::NodalConstraints =
       FILEIO_READTABLE<NodalConstraintRecord>(FELOADCASE::NumNodalConstraints);
@@ -172,6 +173,6 @@ void FELOADCASE_PREPARE(std::int32_t number, std::int32_t kind, std::int32_t pat
     FELOADCASE::Displacements = ARRAYS_ALLOCATE<double>(FELOADCASE::NumEquations);
   }
   if (!NodeDofMap) AbortNoEquations();  // a first pattern index of 0 leaves no numbering
-  FENOD_LOADDISP(FILEIO::ReadUnit, FILEIO_NUMBEREDNAME("ws.sstate.", number),
+  FENOD_LOADDISP(FILEIO::ReadUnit, FILEIO_NUMBEREDNAME(FILES::Displacements.name, number),
                  FELOADCASE::Displacements.get());
 }

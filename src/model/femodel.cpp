@@ -6,6 +6,7 @@
 
 #include "model/feloadcase.hpp"
 #include "model/fileio.hpp"
+#include "model/files.hpp"
 
 namespace {
 
@@ -14,52 +15,43 @@ using FEMODEL::NumNodes;
 
 std::int32_t NumElementRecords = 0;  // rows of mx.elems, where mxs.elemflags may count otherwise
 
-// What the preprocessor's layout declares for a material that it leaves unset.
-constexpr MaterialRecord DefaultMaterial() {
-  MaterialRecord m = {};
-  for (char& c : m.Name) c = ' ';
-  m.HardeningRatio = 0.001f;
-  m.LimitStress = 1.0f;
-  for (auto& group : m.Reserved3) group[3] = 1.0f;
-  return m;
-}
-
 void ReadMaterials() {
-  FILEIO_OPENREAD(FILEIO::ReadUnit, "mx.mats");
+  FILEIO_OPENREAD(FILEIO::ReadUnit, FILES::Materials.name);
   FILEIO_READVALUE<std::int32_t>();
   FEMODEL::NumMaterials = FILEIO_READVALUE<std::int32_t>();
   const std::int64_t count = std::max(FEMODEL::NumMaterials, 0);
   FILEIO_REQUIRE(count, sizeof(MaterialRecord));
   FEMODEL::Materials = ARRAYS_ALLOCATE<MaterialRecord>(count);
-  std::fill_n(FEMODEL::Materials.get(), count, DefaultMaterial());
+  std::fill_n(FEMODEL::Materials.get(), count, MaterialDefaults);
   FILEIO_READBLOCK(FEMODEL::Materials.get(),
                    count * static_cast<std::int64_t>(sizeof(MaterialRecord)));
   FILEIO_CLOSEREAD(FILEIO::ReadUnit);
 }
 
 void ReadNodes() {
-  FILEIO_OPENREAD(FILEIO::ReadUnit, "mx.nodes");
+  FILEIO_OPENREAD(FILEIO::ReadUnit, FILES::Nodes.name);
   FILEIO_READVALUE<std::int32_t>();
   FEMODEL::NodeCoords = FILEIO_READTABLE<NodeRecord>(NumNodes);
   FILEIO_CLOSEREAD(FILEIO::ReadUnit);
   FEMODEL::NumNodeRows = NumNodes;
 
-  FILEIO_OPENREAD(FILEIO::ReadUnit, "mxs.nodeflags");
+  FILEIO_OPENREAD(FILEIO::ReadUnit, FILES::NodeFlags.name);
   FEMODEL::NodeFlags = FILEIO_READTABLE<std::int16_t>(NumNodes);
   FILEIO_CLOSEREAD(FILEIO::ReadUnit);
   FEMODEL::NumNodeFlags = NumNodes;
   FEMODEL::NumNodeRows = std::min(FEMODEL::NumNodeRows, NumNodes);
 
-  FILEIO_OPENREAD(FILEIO::ReadUnit, "mxs.tpadr");
+  FILEIO_OPENREAD(FILEIO::ReadUnit, FILES::NodeTpIndex.name);
   FEMODEL::NodeTpIndex = FILEIO_READTABLE<std::int32_t>(NumNodes);
   FILEIO_CLOSEREAD(FILEIO::ReadUnit);
   FEMODEL::NumNodeRows = std::min(FEMODEL::NumNodeRows, NumNodes);
   constexpr std::int32_t mostNodes = std::numeric_limits<std::int32_t>::max() / 3;
-  if (NumNodes > mostNodes) FILEIO_INVALIDINDEX("mxs.tpadr");  // equations are counted in int32
+  if (NumNodes > mostNodes)
+    FILEIO_INVALIDINDEX(FILES::NodeTpIndex.name);  // equations are counted in int32
 }
 
 void ReadElements() {
-  FILEIO_OPENREAD(FILEIO::ReadUnit, "mx.elems");
+  FILEIO_OPENREAD(FILEIO::ReadUnit, FILES::Elements.name);
   FILEIO_READVALUE<std::int32_t>();
   FEMODEL::Elements = FILEIO_READTABLE<ElementRecord>(NumElementRecords);
   FEMODEL::Conn40 = FILEIO_READTABLE<ConnRecord<4>>(FEMODEL::NumConn40);
@@ -67,7 +59,7 @@ void ReadElements() {
   FEMODEL::Conn41 = FILEIO_READTABLE<ConnRecord<10>>(FEMODEL::NumConn41);
   FILEIO_CLOSEREAD(FILEIO::ReadUnit);
 
-  FILEIO_OPENREAD(FILEIO::ReadUnit, "mxs.elemflags");
+  FILEIO_OPENREAD(FILEIO::ReadUnit, FILES::ElementFlags.name);
   FEMODEL::ElementFlags = FILEIO_READTABLE<std::int16_t>(NumElements);
   FILEIO_CLOSEREAD(FILEIO::ReadUnit);
 }
@@ -85,7 +77,7 @@ float LevelScale(const float* values, std::int32_t count) {
 }
 
 void ReadLevelField() {
-  FILEIO_OPENREAD(FILEIO::ReadUnit, "mxs.tp");
+  FILEIO_OPENREAD(FILEIO::ReadUnit, FILES::Level.name);
   const Array<float> values = FILEIO_READTABLE<float>(FEMODEL::NumTp);
   FILEIO_CLOSEREAD(FILEIO::ReadUnit);
 
@@ -94,7 +86,7 @@ void ReadLevelField() {
   FEMODEL::NodeTpFactor = ARRAYS_ALLOCATE<float>(count);
   for (std::int64_t i = 0; i < count; ++i) {
     const std::int32_t position = FEMODEL::NodeTpIndex[i];
-    if (position > FEMODEL::NumTp) FILEIO_INVALIDINDEX("mxs.tpadr");
+    if (position > FEMODEL::NumTp) FILEIO_INVALIDINDEX(FILES::NodeTpIndex.name);
     FEMODEL::NodeTpFactor[i] = position > 0 ? scale * values[Slot(position)] : 1.0f;
   }
 }
@@ -121,9 +113,9 @@ void CheckElements() {
   for (std::int32_t e = 1; e <= NumElements; ++e) {
     const auto flags = static_cast<std::uint16_t>(FEMODEL::ElementFlags[Slot(e)]);
     if ((flags & ElementExcluded) != 0) continue;
-    if (e > NumElementRecords) FILEIO_INVALIDINDEX("mxs.elemflags");
+    if (e > NumElementRecords) FILEIO_INVALIDINDEX(FILES::ElementFlags.name);
     if (FEMODEL_ISACTIVE(e) && !HasValidIndices(FEMODEL::Elements[Slot(e)]))
-      FILEIO_INVALIDINDEX("mx.elems");
+      FILEIO_INVALIDINDEX(FILES::Elements.name);
   }
 }
 

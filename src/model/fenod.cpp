@@ -6,6 +6,7 @@
 #include "model/feloadcase.hpp"
 #include "model/femodel.hpp"
 #include "model/fileio.hpp"
+#include "model/files.hpp"
 
 namespace {
 
@@ -32,7 +33,7 @@ void FENOD_SAVEDISP(int unit, std::string_view fileName, const double* displacem
       target[3 * node + k] =
           static_cast<float>(FELOADCASE_DOFVALUE(map[3 * node + k], k, displacements));
   FILEIO_OPENWRITE(unit, fileName);
-  FILEIO_WRITEVALUE(std::int32_t{1});
+  FILEIO_WRITEVALUE(FILES::SaveKind);
   FILEIO_WRITEVALUE(static_cast<std::int32_t>(NumNodalValues()));
   FILEIO_WRITEARRAY(values.get(), NumNodalValues());
   FILEIO_FLUSHCLOSE(unit);

@@ -58,7 +58,8 @@ void FILEIO_INVALIDINDEX(std::string_view fileName) {
 }
 
 std::string FILEIO_NUMBEREDNAME(std::string_view stem, std::int32_t number) {
-  if (number < 0 || number > 9999) return std::string(stem) + "****";
+  if (number < 0 || number > FILEIO::HighestNumber)
+    return std::string(stem) + std::string(FILEIO::NoNumber);
   const std::string digits = std::to_string(number);
-  return std::string(stem) + std::string(4 - digits.size(), '0') + digits;
+  return std::string(stem) + std::string(FILEIO::NumberDigits - digits.size(), '0') + digits;
 }

@@ -16,6 +16,11 @@ namespace FILEIO {
 inline constexpr int ReadUnit = 200;
 inline constexpr int WriteUnit = 400;
 
+// Load-case numbers in file names; one of more digits becomes that many asterisks.
+inline constexpr int NumberDigits = 4;
+inline constexpr std::int32_t HighestNumber = 9999;
+inline constexpr std::string_view NoNumber = "****";
+
 inline FileStream ReadStream;
 inline FileStream WriteStream;
 

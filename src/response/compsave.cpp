@@ -11,16 +11,11 @@
 #include "model/feloadcase.hpp"
 #include "model/femodel.hpp"
 #include "model/fileio.hpp"
+#include "model/files.hpp"
 #include "run/services/logger.hpp"
 #include "run/services/vkcore.hpp"
 
 namespace {
-
-// The real values of ws.comval.NNNN, in file order; also the values posted, by the same names.
-struct CommonValues {
-  float ARQua, SEner, MatVolume, BStress, MaxDis, Rx, Ry, Rz;
-};
-static_assert(sizeof(CommonValues) == 32);
 
 void RaiseAtomically(double& maximum, double value) {
   std::atomic_ref<double> shared(maximum);
@@ -44,8 +39,10 @@ void WriteValues(std::string_view stem, const float* values, std::int32_t count)
   FILEIO_FLUSHCLOSE(FILEIO::WriteUnit);
 }
 
-CommonValues Narrow(const ResponseTotals& totals, double maxDisValue) {
-  return {VKCORE::SolveQuality,
+TotalsRecord Narrow(const ResponseTotals& totals, double maxDisValue) {
+  return {VKCORE::LCaseId,
+          VKCORE::LoadCaseKind,
+          VKCORE::SolveQuality,
           static_cast<float>(totals[0]),
           static_cast<float>(totals[3]),
           static_cast<float>(totals[5]),
@@ -55,22 +52,20 @@ CommonValues Narrow(const ResponseTotals& totals, double maxDisValue) {
           static_cast<float>(VKCORE::AppliedLoadSum[2])};
 }
 
-void WriteCommonValues(const CommonValues& values) {
-  FILEIO_OPENWRITE(FILEIO::WriteUnit, FILEIO_NUMBEREDNAME("ws.comval.", VKCORE::LCaseId));
-  FILEIO_WRITEVALUE(VKCORE::LCaseId);
-  FILEIO_WRITEVALUE(VKCORE::LoadCaseKind);
-  FILEIO_WRITEVALUE(values);
+void WriteTotals(const TotalsRecord& record) {
+  FILEIO_OPENWRITE(FILEIO::WriteUnit, FILEIO_NUMBEREDNAME(FILES::Totals.name, VKCORE::LCaseId));
+  FILEIO_WRITEVALUE(record);
   FILEIO_FLUSHCLOSE(FILEIO::WriteUnit);
 }
 
-void PostCommonValues(const CommonValues& values) {
-  LOGGER_POSTDATA("SEner", values.SEner);
-  LOGGER_POSTDATA("MatVolume", values.MatVolume);
-  LOGGER_POSTDATA("BStress", values.BStress);
-  LOGGER_POSTDATA("MaxDis", values.MaxDis);
-  LOGGER_POSTDATA("Rx", values.Rx);
-  LOGGER_POSTDATA("Ry", values.Ry);
-  LOGGER_POSTDATA("Rz", values.Rz);
+void PostTotals(const TotalsRecord& record) {
+  LOGGER_POSTDATA("SEner", record.SEner);
+  LOGGER_POSTDATA("MatVolume", record.MatVolume);
+  LOGGER_POSTDATA("BStress", record.BStress);
+  LOGGER_POSTDATA("MaxDis", record.MaxDis);
+  LOGGER_POSTDATA("Rx", record.Rx);
+  LOGGER_POSTDATA("Ry", record.Ry);
+  LOGGER_POSTDATA("Rz", record.Rz);
 }
 
 }  // namespace
@@ -159,13 +154,14 @@ void VKCORE_COMPSAVERESPONSE() {
   COMPSAVE_REDUCETC();
   COMPSAVE_REDUCEAMS();
   if (VKCORE::TcBlendFactor > 0.0f)
-    COMPSAVE_BLENDPREVIOUS(FILEIO::ReadUnit, FILEIO_NUMBEREDNAME("ws.tcval.", VKCORE::LCaseId),
+    COMPSAVE_BLENDPREVIOUS(FILEIO::ReadUnit,
+                           FILEIO_NUMBEREDNAME(FILES::Criterion.name, VKCORE::LCaseId),
                            VKCORE::TcBlendFactor);
-  WriteValues("ws.tcval.", RESPONSE::TcValues.get(), RESPONSE::NumTc);
-  WriteValues("ws.amsval.", RESPONSE::AmsValues.get(), RESPONSE::NumNodes);
-  WriteValues("ws.disval.", RESPONSE::DisValues.get(), RESPONSE::NumNodes);
+  WriteValues(FILES::Criterion.name, RESPONSE::TcValues.get(), RESPONSE::NumTc);
+  WriteValues(FILES::Stress.name, RESPONSE::AmsValues.get(), RESPONSE::NumNodes);
+  WriteValues(FILES::Magnitudes.name, RESPONSE::DisValues.get(), RESPONSE::NumNodes);
   COMPSAVE_FREERESPONSE();
-  const CommonValues values = Narrow(totals, maxDisValue);
-  WriteCommonValues(values);
-  PostCommonValues(values);
+  const TotalsRecord record = Narrow(totals, maxDisValue);
+  WriteTotals(record);
+  PostTotals(record);
 }

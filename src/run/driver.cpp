@@ -10,6 +10,7 @@
 #include "model/femodel.hpp"
 #include "model/fenod.hpp"
 #include "model/fileio.hpp"
+#include "model/files.hpp"
 #include "platform/process.hpp"
 #include "platform/stop.hpp"
 #include "response/compsave.hpp"
@@ -30,7 +31,7 @@ using RUN::NumLoadCases;
 constexpr std::string_view LogName = "vk_rund_log.txt";
 
 void ReadLoadCaseTable() {
-  FILEIO_OPENREAD(FILEIO::ReadUnit, "mxs.lcdata");
+  FILEIO_OPENREAD(FILEIO::ReadUnit, FILES::LoadCases.name);
   NumLoadCases = FILEIO_READVALUE<std::int32_t>();
   if (FILEIO_READVALUE<std::int32_t>() != LoadCaseFormat)
     LOGGER_POSTERRABORT("Incompatible preprocessed files. Run preprocesor again.");
@@ -41,7 +42,7 @@ void ReadLoadCaseTable() {
 
 // The count here replaces the one of mxs.lcdata without comparison.
 void ReadLoadCaseFlags() {
-  FILEIO_OPENREAD(FILEIO::ReadUnit, "mxs.lcflags");
+  FILEIO_OPENREAD(FILEIO::ReadUnit, FILES::LoadCaseFlags.name);
   LoadCaseFlags = FILEIO_READTABLE<std::int32_t>(NumLoadCases);
   LoadCaseValues = FILEIO_READARRAY<float>(NumLoadCases);
   FILEIO_CLOSEREAD(FILEIO::ReadUnit);
@@ -50,11 +51,11 @@ void ReadLoadCaseFlags() {
 // Every position of the pass needs a record, and every load case that can run its flags.
 void CheckRunOrder() {
   for (std::int32_t i = 1; i <= NumLoadCases; ++i) {
-    if (i > NumLoadCaseRecords) FILEIO_INVALIDINDEX("mxs.lcdata");
+    if (i > NumLoadCaseRecords) FILEIO_INVALIDINDEX(FILES::LoadCases.name);
     const std::int32_t j = LoadCases[Slot(i)].RunOrder;
-    if (j < 1 || j > NumLoadCaseRecords) FILEIO_INVALIDINDEX("mxs.lcdata");
+    if (j < 1 || j > NumLoadCaseRecords) FILEIO_INVALIDINDEX(FILES::LoadCases.name);
     if (LoadCases[Slot(j)].Kind == LoadCaseStatic && j > NumLoadCases)
-      FILEIO_INVALIDINDEX("mxs.lcdata");
+      FILEIO_INVALIDINDEX(FILES::LoadCases.name);
   }
 }
 
@@ -67,7 +68,7 @@ bool IsToRun(std::int32_t number) {
 // The matrix is rebuilt on a change of pattern or where a saved element state was taken; otherwise
 // matrix and factor stay as the last load case left them.
 void RunElementPass() {
-  if (VKCORE::PatternChanged) SOLVERSTA_CONFIGURE(FILEIO::ReadUnit, "mxs.sadr");
+  if (VKCORE::PatternChanged) SOLVERSTA_CONFIGURE(FILEIO::ReadUnit, FILES::Addresses.name);
   if (VKCORE::PatternChanged || (VKCORE::MatStateEnabled && !VKCORE::MatStateMissing))
     PREPARESYSMATRIXANDINTERNALFORCES();
   else
@@ -81,7 +82,7 @@ void SetRightHandSide() {
 }
 
 void WriteElementState(std::int32_t number) {
-  FILEIO_OPENWRITE(FILEIO::WriteUnit, FILEIO_NUMBEREDNAME("ws.mstate.", number));
+  FILEIO_OPENWRITE(FILEIO::WriteUnit, FILEIO_NUMBEREDNAME(FILES::ElementState.name, number));
   FILEIO_WRITEVALUE(FEMODEL::NumElements);
   FILEIO_WRITEARRAY(FELOADCASE::ElementState.get(), FEMODEL::NumElements);
   FILEIO_FLUSHCLOSE(FILEIO::WriteUnit);
@@ -90,7 +91,7 @@ void WriteElementState(std::int32_t number) {
 // Last of all files of a load case: once this is written, the load case is never run again.
 void MarkDone(std::int32_t number) {
   LoadCaseFlags[Slot(number)] |= LoadCaseDone;
-  FILEIO_OPENWRITE(FILEIO::WriteUnit, "mxs.lcflags");
+  FILEIO_OPENWRITE(FILEIO::WriteUnit, FILES::LoadCaseFlags.name);
   FILEIO_WRITEVALUE(NumLoadCases);
   FILEIO_WRITEARRAY(LoadCaseFlags.get(), NumLoadCases);
   FILEIO_WRITEARRAY(LoadCaseValues.get(), NumLoadCases);
@@ -112,7 +113,7 @@ void RunLoadCase(std::int32_t number) {
   VKCORE_COMPSAVERESPONSE();
   if (VKCORE::MatStateEnabled) WriteElementState(number);
   if (RUN_KEEPSDISPLACEMENTS(VKCORE::SolveQuality))
-    FENOD_SAVEDISP(FILEIO::WriteUnit, FILEIO_NUMBEREDNAME("ws.sstate.", number),
+    FENOD_SAVEDISP(FILEIO::WriteUnit, FILEIO_NUMBEREDNAME(FILES::Displacements.name, number),
                    FELOADCASE::Displacements.get());
   MarkDone(number);
   const std::int64_t now = PLATFORM_CLOCKCOUNT();

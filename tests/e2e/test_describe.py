@@ -5,15 +5,99 @@ from __future__ import annotations
 import json
 import os
 import subprocess
+from dataclasses import dataclass
+from pathlib import Path
 
+import numpy as np
 import pytest
-from models import tiny
-from runs import BAD_ARGUMENTS, BAD_DIRECTORY, BAD_LOG, BAD_RUN, run, start
+from models import MATERIALS, part, pulled, tiny, written
+from runs import (
+    BAD_ARGUMENTS,
+    BAD_DIRECTORY,
+    BAD_LOG,
+    BAD_RUN,
+    LOG,
+    clear_done,
+    fails,
+    log_lines,
+    run,
+    start,
+)
+
+
+FORMS = {
+    **{"char": "S1", "int16": "<i2", "uint16": "<u2", "int32": "<i4", "uint32": "<u4"},
+    **{"int64": "<i8", "float32": "<f4"},
+}
 
 
 @pytest.fixture(scope="module")
 def described() -> dict:
     return json.loads(start("--describe").out)
+
+
+def form(entry: dict) -> np.dtype:
+    """One row of a plain item, or a field."""
+    return np.dtype((FORMS[entry["type"]], tuple(entry.get("shape", ()))))
+
+
+def row(described: dict, item: dict) -> np.dtype:
+    if "record" not in item:
+        return form(item)
+    record = next(r for r in described["records"] if r["name"] == item["record"])
+    fields = record["fields"]
+    return np.dtype(
+        {
+            "names": [f["name"] for f in fields],
+            "formats": [form(f) for f in fields],
+            "offsets": [f["offset"] for f in fields],
+            "itemsize": record["bytes"],
+        }
+    )
+
+
+@dataclass
+class Item:
+    """An item as it was found in a file, from byte `start` up to byte `end`."""
+
+    values: np.ndarray
+    start: int
+    end: int
+
+
+def parse(described: dict, file: dict, data: bytes) -> dict[str, Item]:
+    """A file's items, by nothing but the description."""
+    found: dict[str, Item] = {}
+    place = 0
+    for item in file["items"]:
+        rows = 1
+        if "count" in item:
+            rows = max(int(found[item["count"]].values[0]), 0) + item.get("more", 0)
+        if "condition" in item and found[item["condition"]].values[0] <= 0:
+            rows = 0
+        kind = row(described, item)
+        values = np.frombuffer(data, kind, rows, place)
+        found[item["name"]] = Item(values, place, place + rows * kind.itemsize)
+        place += rows * kind.itemsize
+    return found
+
+
+def named(described: dict, file: dict, number: int) -> str:
+    rule = described["loadCaseNumber"]
+    if "name" in file:
+        return file["name"]
+    digits = f"{number:0{rule['digits']}}" if number <= rule["highest"] else rule["otherwise"]
+    return file["stem"] + digits
+
+
+@pytest.fixture
+def whole(tmp_path) -> Path:
+    """A small model with something in each table of each file."""
+    model, mesh = part("mixed")
+    model.materials = [MATERIALS["yielding"]]
+    case = pulled(mesh).heat(mesh.face("y+"), 5.0).load(mesh.face("y+"), (0, 1, 0), section=3)
+    case.support(mesh.face("x+"))
+    return written(tmp_path, model, case, Sys_ComputationMode=1)
 
 
 def test_the_description_is_one_document_of_stable_order_and_needs_no_directory(tmp_path):
@@ -76,3 +160,92 @@ def test_a_comment_and_the_end_of_a_line_are_where_the_description_says(tmp_path
     run(directory)
     file.write_text(kept + padded + " 1\n")
     assert start(directory).status != 0
+
+
+def test_every_file_of_a_run_is_described_to_its_last_byte(whole, described):
+    run(whole)
+    names = {named(described, file, 1): file for file in described["files"]}
+    text = {described["options"]["file"], LOG}
+    assert {path.name for path in whole.iterdir()} == set(names) | text
+    for name, file in names.items():
+        data = Path(whole, name).read_bytes()
+        items = parse(described, file, data)
+        assert list(items.values())[-1].end == len(data), name
+        assert all(len(item.values) for item in items.values()), name
+
+
+def test_the_files_say_what_the_run_was_given(whole, described):
+    run(whole)
+    files = {file.get("name", file.get("stem")): file for file in described["files"]}
+
+    def read(name: str) -> dict[str, np.ndarray]:
+        file = files[name]
+        data = Path(whole, named(described, file, 1)).read_bytes()
+        return {key: item.values for key, item in parse(described, file, data).items()}
+
+    elements = read("mx.elems")
+    codes = {t["name"]: t["code"] for t in described["elementTypes"]}
+    assert set(elements["Elements"]["TypeCode"]) == set(codes.values())
+    for kind in described["elementTypes"]:
+        table = elements[kind["table"]]
+        assert table.shape[1] == kind["nodes"]
+        assert len(table) == (elements["Elements"]["TypeCode"] == kind["code"]).sum()
+    nodes = read("mx.nodes")["NumNodes"][0]
+    assert max(elements[t["table"]].max() for t in described["elementTypes"]) == nodes
+    flags = next(i for i in files["mxs.lcflags"]["items"] if i["name"] == "LoadCaseFlags")
+    bits = {bit["name"]: bit["mask"] for bit in flags["bits"]}
+    assert read("mxs.lcflags")["LoadCaseFlags"].tolist() == [bits["requested"] | bits["done"]]
+    totals = read("ws.comval.")["Totals"][0]
+    quality, energy = [line.split("Value:")[1] for line in log_lines(whole) if "<Key:" in line][1:3]
+    assert float(quality[:-1]) == totals["ARQua"] == 1.0
+    assert float(energy[:-1]) == pytest.approx(totals["SEner"], rel=1e-6)
+    assert read("ws.sstate.")["ValueCount"][0] == 3 * nodes
+
+
+def input_files(described: dict) -> list[dict]:
+    """Files that have to be there in full; the state of an earlier run need not."""
+    return [file for file in described["files"] if not named(described, file, 1).startswith("ws.")]
+
+
+def test_a_file_cut_within_any_item_is_too_short_for_the_reader(whole, described):
+    for file in input_files(described):
+        name = named(described, file, 1)
+        path = Path(whole, name)
+        data = path.read_bytes()
+        for item in parse(described, file, data).values():
+            path.write_bytes(data[: item.end - 1])
+            fails(whole, f"Error reading file: {name}")
+        path.write_bytes(data + b"more")
+    run(whole)
+
+
+def test_every_count_governs_the_rows_that_are_said_to_follow(whole, described):
+    for file in input_files(described):
+        name = named(described, file, 1)
+        path = Path(whole, name)
+        data = path.read_bytes()
+        items = parse(described, file, data)
+        for count in {item["count"] for item in file["items"] if "count" in item}:
+            place, more = items[count].start, items[count].values + (1 << 20)
+            path.write_bytes(data[:place] + more.tobytes() + data[items[count].end :])
+            fails(whole, f"Error reading file: {name}")
+        path.write_bytes(data)
+    run(whole)
+
+
+@pytest.mark.parametrize("count", [0, -1])
+def test_a_table_of_no_rows_has_no_bytes(whole, described, count):
+    """Forces and temperatures can be missing; what follows them must still be found."""
+    file = next(f for f in described["files"] if f.get("stem") == "mxs.lcmap.")
+    path = Path(whole, named(described, file, 1))
+    data = path.read_bytes()
+    items = parse(described, file, data)
+    for name in ("NodalForces2", "NodalForces3"):
+        table = items[name]
+        head = np.int32(count).tobytes()
+        path.write_bytes(data[: table.start - 4] + head + data[table.end :])
+        assert list(parse(described, file, path.read_bytes()).values())[-1].end == len(
+            path.read_bytes()
+        )
+        run(whole)
+        clear_done(whole)

@@ -12,6 +12,31 @@ TEST(Describe, TextIsOneDocumentThatEndsItsLine) {
   EXPECT_TRUE(text.ends_with("\n}\n"));
 }
 
+TEST(Describe, FieldsLieWhereTheCompilerPutsThem) {
+  const std::string text = DESCRIBE_TEXT();
+  EXPECT_THAT(text, HasSubstr("\"name\": \"E\", \"offset\": 36, \"type\": \"float32\""));
+  EXPECT_THAT(text, HasSubstr("\"name\": \"Axis\", \"offset\": 20, \"type\": \"float32\", "
+                              "\"shape\": [3, 3]"));
+  EXPECT_THAT(text, HasSubstr("\"name\": \"ConnIndex\", \"offset\": 4, \"type\": \"int32\""));
+}
+
+TEST(Describe, DefaultsAreThoseOfAMaterialThatIsLeftUnset) {
+  const std::string text = DESCRIBE_TEXT();
+  EXPECT_THAT(text, HasSubstr("\"default\": \"" + std::string(32, ' ') + "\""));
+  EXPECT_THAT(text, HasSubstr("\"default\": 0.001, \"meaning\": \"slope above yield"));
+  EXPECT_THAT(text, HasSubstr("\"default\": [0, 0, 0, 1, 0, 0, 0, 1, 0, 0, 0, 1]"));
+}
+
+TEST(Describe, ItemsNameTheirCountAndRowsBeyondIt) {
+  EXPECT_THAT(DESCRIBE_TEXT(),
+              HasSubstr("{\"name\": \"RawRowStart\", \"type\": \"int64\", \"count\": "
+                        "\"NumRawRows\", \"more\": 1, \"condition\": \"NumRawRows\""));
+}
+
+TEST(Describe, AnElementTypeHasItsNodesAndTable) {
+  EXPECT_THAT(DESCRIBE_TEXT(), HasSubstr("\"code\": 41, \"nodes\": 10, \"table\": \"Conn41\""));
+}
+
 TEST(Describe, StopsHaveTheStatusThatTheSystemHandsOn) {
   EXPECT_THAT(DESCRIBE_TEXT(), HasSubstr("\"code\": 1010, \"status\": 242,"));
 }
