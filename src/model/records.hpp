@@ -17,7 +17,7 @@ inline constexpr NamedValue MaterialKinds[] = {
     {"isotropic", MaterialIsotropic, "isotropic"},
     {"yielding", MaterialYielding, "isotropic, yielding"},
     {"compression only", MaterialCompressionOnly, "isotropic, compression-only"},
-    {"orthotropic", MaterialOrthotropic, "orthotropic; wins over the others"},
+    {"orthotropic", MaterialOrthotropic, "orthotropic (wins over the others)"},
 };
 
 struct MaterialRecord {
@@ -144,7 +144,7 @@ inline constexpr std::uint16_t ElementExcluded = 0x104;    // bit 2 or bit 8: le
 
 inline constexpr NamedValue ElementFlagBits[] = {
     {"ignores level", ElementIgnoresLevel, "the element ignores the level field"},
-    {"excluded", ElementExcluded, "either bit: the element is left out of the model"},
+    {"excluded", ElementExcluded, "the element is left out of the model (either bit)"},
 };
 
 template <int Nodes>
@@ -171,7 +171,7 @@ inline constexpr std::int32_t LoadCaseExcluded = 4;
 
 inline constexpr NamedValue LoadCaseFlagBits[] = {
     {"requested", LoadCaseRequested, "to be run"},
-    {"done", LoadCaseDone, "has been run; only the solver sets it"},
+    {"done", LoadCaseDone, "has been run (only the solver sets it)"},
     {"excluded", LoadCaseExcluded, "not to be run, requested or not"},
 };
 
@@ -201,7 +201,7 @@ inline constexpr std::int16_t ConstraintPenalty = 1;  // bit 0 of Kind
 
 inline constexpr NamedValue ConstraintKindBits[] = {
     {"elastic support", ConstraintPenalty,
-     "set: elastic support; clear: prescribed displacement in x, y, z"},
+     "elastic support (clear: prescribed displacement in x, y, z)"},
 };
 inline constexpr NamedValue DirectionBits[] = {
     {"first", 1 << 0, "x, or the first axis"},

@@ -4,7 +4,9 @@ from __future__ import annotations
 
 import json
 import os
+import shutil
 import subprocess
+import sys
 from dataclasses import dataclass
 from pathlib import Path
 
@@ -18,13 +20,14 @@ from runs import (
     BAD_RUN,
     LOG,
     clear_done,
+    counted,
     fails,
     log_lines,
     run,
     start,
 )
 
-
+ROOT = Path(__file__).resolve().parents[2]
 FORMS = {
     **{"char": "S1", "int16": "<i2", "uint16": "<u2", "int32": "<i4", "uint32": "<u4"},
     **{"int64": "<i8", "float32": "<f4"},
@@ -160,6 +163,75 @@ def test_a_comment_and_the_end_of_a_line_are_where_the_description_says(tmp_path
     run(directory)
     file.write_text(kept + padded + " 1\n")
     assert start(directory).status != 0
+
+
+def documents(root: Path, *arguments: str) -> tuple[int, str, str]:
+    command = [sys.executable, root / "scripts" / "describe_docs.py", *arguments]
+    done = subprocess.run(command, capture_output=True, text=True, check=False)
+    return done.returncode, done.stdout, done.stderr
+
+
+@pytest.fixture
+def copied(tmp_path) -> Path:
+    """The documents and their script, to be changed."""
+    (tmp_path / "scripts").mkdir()
+    shutil.copy(ROOT / "scripts" / "describe_docs.py", tmp_path / "scripts")
+    shutil.copytree(ROOT / "docs", tmp_path / "docs")
+    return tmp_path
+
+
+def test_the_documents_have_the_tables_of_the_program():
+    assert documents(ROOT, "--check") == (0, "", "")
+
+
+def test_a_table_that_differs_is_named_and_written_anew(copied):
+    page = copied / "docs" / "options.md"
+    kept = page.read_text()
+    page.write_text(kept.replace("| 4 | 1 .. 24 |", "| 5 | 1 .. 24 |"))
+    told = 'docs/options.md: not as the program describes it: "options".'
+    assert documents(copied, "--check") == (1, f"{told} Run scripts/describe_docs.py.\n", "")
+    assert page.read_text() != kept
+    assert documents(copied)[0] == 0
+    assert page.read_text() == kept
+
+
+@pytest.mark.parametrize(
+    ("old", "new", "told"),
+    [
+        ("generated: options", "generated: opinions", 'nothing called "opinions"'),
+        ("<!-- end -->", "", "the last generated table has no end"),
+        ("<!-- generated: options -->", "", "a generated table has no end, or an end no beginning"),
+    ],
+)
+def test_marks_that_lead_nowhere_are_told(copied, old, new, told):
+    page = copied / "docs" / "options.md"
+    page.write_text(page.read_text().replace(old, new))
+    status, out, err = documents(copied, "--check")
+    assert (status, out) == (2, "")
+    assert err.startswith("docs/options.md: ")
+    assert told in err
+
+
+def test_a_program_that_cannot_be_asked_is_named(copied):
+    status, _, err = documents(copied, "--check", "no/such/program")
+    assert status == 2
+    assert err.startswith("no/such/program can't be asked: ")
+
+
+def test_the_example_of_the_page_reads_a_result(whole, described):
+    run(whole)
+    page = (ROOT / "docs" / "file-formats.md").read_text()
+    example = page.split("```python\n")[1].split("```")[0]
+    path = f"{Path(os.environ['VK_RUND']).parent}:{os.environ['PATH']}"
+    done = subprocess.run(
+        [sys.executable, "-c", example],
+        cwd=whole,
+        env={**os.environ, "PATH": path},
+        capture_output=True,
+        text=True,
+        check=True,
+    )
+    assert float(done.stdout) == pytest.approx(counted(whole, "ws.amsval", 1).max(), rel=1e-6)
 
 
 def test_every_file_of_a_run_is_described_to_its_last_byte(whole, described):
