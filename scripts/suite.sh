@@ -29,13 +29,32 @@ report() {
   printf '<testsuite name="%s" tests="%s" failures="%s"/>\n' "$1" "$2" "$3" >"$REPORTS/$1.xml"
 }
 
-# Each check of scripts/lint.sh counts as one test.
+# A part that counts as one test.
+single_part() {
+  part "$@"
+  [ -f "$REPORTS/$1.xml" ] || report "$1" 1 0
+}
+
 lint() {
   local check
   for check in $("$ROOT/scripts/lint.sh" --list); do
-    part "lint-$check" "$ROOT/scripts/lint.sh" "$check"
-    [ -f "$REPORTS/lint-$check.xml" ] || report "lint-$check" 1 0
+    single_part "lint-$check" "$ROOT/scripts/lint.sh" "$check"
   done
+}
+
+# A broken link or anchor fails.
+site() {
+  single_part site "$ROOT/scripts/site.sh"
+}
+
+# Nothing that the tests run writes into the sources.
+clean_tree() {
+  single_part clean-tree nothing_changed
+}
+
+nothing_changed() {
+  git -C "$ROOT" status --porcelain
+  [ -z "$(git -C "$ROOT" status --porcelain)" ]
 }
 
 unit_tests() {
