@@ -10,9 +10,11 @@ import typer
 from rich.console import Console
 
 from vkctl.directory import formats
+from vkctl.directory.summary import summary
+from vkctl.prepare.cantilever import write_cantilever
 from vkctl.terminal.arguments import Directory
-from vkctl.terminal.refusal import refuse
-from vkctl.view import demo
+from vkctl.terminal.refusal import refuse, refusing
+from vkctl.view.deformed import picture
 
 PICTURE = "deformed.png"
 
@@ -25,7 +27,7 @@ def demo_command(
 ) -> None:
     """Write the cantilever of the quick start; with --vk-rund solve it and draw it."""
     console = Console(highlight=False)
-    demo.write_cantilever(directory)
+    write_cantilever(directory)
     console.print(f"cantilever written to {directory}")
     if vk_rund is None:
         return
@@ -34,8 +36,9 @@ def demo_command(
     except OSError as error:
         raise refuse(f"cannot run {vk_rund}: {error.strerror}") from None
     if Path(directory, formats.LOG_FILE).exists():
-        console.print(demo.summary(directory), markup=False, soft_wrap=True)
+        console.print(summary(directory), markup=False, soft_wrap=True)
     if status:
         raise refuse(f"{vk_rund} ended with status {status}")
-    demo.picture(directory, directory / PICTURE)
+    with refusing():
+        picture(directory, directory / PICTURE)
     console.print(f"picture in {directory / PICTURE}")

@@ -1,0 +1,34 @@
+"""Heavy parts that an installation may go without, loaded where they are needed."""
+
+from __future__ import annotations
+
+import importlib
+from types import ModuleType
+
+# Module: how it is called in a sentence, and the extra of the package that brings it.
+_PARTS = {
+    "gmsh": ("Gmsh", "mesh"),
+    "pyvista": ("VTK and PyVista", "view"),
+    "vtk": ("VTK and PyVista", "view"),
+    "vtkmodules": ("VTK and PyVista", "view"),
+    "matplotlib": ("Matplotlib", ""),
+    "mpl_toolkits": ("Matplotlib", ""),
+    "PIL": ("Pillow", ""),
+}
+
+
+class MissingPartError(Exception):
+    """A part of the companion isn't installed; the text says how to get it."""
+
+
+def need(name: str) -> ModuleType:
+    """The module `name`, or MissingPartError where its package isn't installed."""
+    package = name.partition(".")[0]
+    try:
+        return importlib.import_module(name)
+    except ModuleNotFoundError as error:
+        if error.name is None or error.name.partition(".")[0] not in _PARTS:
+            raise
+        title, extra = _PARTS[package]
+        target = f"'vkctl[{extra}]'" if extra else package.replace("PIL", "pillow")
+        raise MissingPartError(f"This needs {title}: pip install {target}") from None
