@@ -8,17 +8,26 @@ VENV=$ROOT/.local/venv
 LOGS=$ROOT/.local/log
 JOBS=${JOBS:-$(nproc)}
 
-BUILD_PACKAGES=(g++ cmake ninja-build python3 python3-venv ca-certificates
-  libgtest-dev libgmock-dev libbenchmark-dev libmumps-seq-dev libopenblas-pthread-dev)
-# What Gmsh and VTK link, though nothing opens a window; OSMesa draws VTK's pictures without one.
-VKCTL_PACKAGES=(libgl1 libglu1-mesa libx11-6 libxext6 libxfixes3 libxft2 libxinerama1 libxcursor1
+BUILD_PACKAGES=(g++ cmake ninja-build python3 python3-venv ca-certificates)
+# The open maths libraries: what stands in for oneMKL where it can't be had.
+OPEN_PACKAGES=(libmumps-seq-dev libopenblas-pthread-dev)
+# For the tests: their libraries, another solver to compare with, and what Gmsh and VTK link though
+# nothing opens a window; OSMesa draws VTK's pictures without one.
+CHECK_PACKAGES=(libgtest-dev libgmock-dev libbenchmark-dev calculix-ccx "${OPEN_PACKAGES[@]}"
+  libgl1 libglu1-mesa libx11-6 libxext6 libxfixes3 libxft2 libxinerama1 libxcursor1
   libxrender1 libfontconfig1 libgomp1 libosmesa6)
-CHECK_PACKAGES=(calculix-ccx)
 CI_PACKAGES=(clang libclang-rt-dev libomp-dev)
 
-# The sparse operations that the solver calls were removed in oneMKL 2026.0.
-MKL_RELEASE=2025.3.1
+# Back end of what is built: auto is oneMKL, which is fetched, or else the open libraries.
+VK_MATH=${VK_MATH:-auto}
 MKL_LINKED=(libmkl_intel_lp64.a libmkl_gnu_thread.a libmkl_intel_thread.a libmkl_core.a)
+
+# What a list of Python packages fetches and takes, about.
+declare -A SIZES=(
+  [requirements.txt]="@ MB to fetch, @ MB on disk"
+  [requirements-check.txt]="@ MB to fetch, @ MB on disk"
+  [requirements-mkl.txt]="@ MB to fetch, @ MB on disk"
+)
 
 say() { printf '%s\n' "$*"; }
 
@@ -58,11 +67,13 @@ setup_packages() {
     installed "$package" || missing+=("$package")
   done
   [ ${#missing[@]} = 0 ] && return
+  say "Installing packages: ${missing[*]}"
   [ "$(id -u)" = 0 ] || command -v sudo >/dev/null ||
     fail "packages are missing and there is neither root nor sudo; install: ${missing[*]}"
-  say "Installing packages: ${missing[*]}"
   quietly apt-update as_root env DEBIAN_FRONTEND=noninteractive apt-get -q update ||
     fail "the package lists could not be fetched; is there a network?"
+  apt-get --assume-no install --no-install-recommends "${missing[@]}" 2>/dev/null |
+    sed -n 's/^Need to get \(.*\) of archives.*/  \1 to fetch/p; s/^After this operation, \(.*\) of additional.*/  \1 on disk/p' || true
   quietly apt-install as_root env DEBIAN_FRONTEND=noninteractive \
     apt-get -q -y install --no-install-recommends "${missing[@]}" ||
     fail "packages could not be installed: ${missing[*]}"
@@ -78,37 +89,63 @@ find_python() {
   fail "Python 3.11 or later with the venv module was not found"
 }
 
-# The environment with vkctl, made anew when what it is made from has changed.
-setup_python() {
-  local stamp=$VENV/.made_from now
-  now=$(cat "$ROOT/vkctl/pyproject.toml" "$ROOT/scripts/requirements.txt" | sha256sum)
-  [ -f "$stamp" ] && [ "$(cat "$stamp")" = "$now$ROOT" ] && return
-  say "Setting up Python packages in .local/venv"
-  quietly venv "$(find_python)" -m venv "$VENV" || fail "the Python environment could not be made"
-  quietly pip "$VENV/bin/python" -m pip install \
-    --constraint "$ROOT/scripts/requirements.txt" --editable "$ROOT/vkctl[test]" ||
-    fail "Python packages could not be installed; is there a network?"
-  printf '%s' "$now$ROOT" >"$stamp"
+# Into the environment from a list with hashes. Nothing is kept twice: no cache of downloads unless
+# PIP_CACHE_DIR names one, and code is compiled when it is first used.
+pip_list() {
+  local list=$1 cache=(--no-cache-dir)
+  shift
+  [ -z "${PIP_CACHE_DIR:-}" ] || cache=()
+  quietly "pip-$list" "$VENV/bin/python" -m pip install --no-compile "${cache[@]}" \
+    --require-hashes -r "$ROOT/scripts/$list" "$@"
 }
 
-# oneMKL into the environment, without what is not linked. Doing without it is no failure.
+made_from() {
+  printf '%s %s' "$(cat "$ROOT/pyproject.toml" "$ROOT/scripts/$1" | sha256sum)" "$ROOT"
+}
+
+is_made() {
+  [ -f "$VENV/.made_from-$1" ] && [ "$(cat "$VENV/.made_from-$1")" = "$(made_from "$1")" ]
+}
+
+# The environment with vkctl and the packages of a list, made anew when one of them has changed.
+setup_python() {
+  local list=$1
+  is_made "$list" || is_made requirements-check.txt && return
+  say "Setting up Python packages in .local/venv: ${SIZES[$list]}"
+  quietly venv "$(find_python)" -m venv "$VENV" || fail "the Python environment could not be made"
+  pip_list "$list" || fail "Python packages could not be installed; is there a network?"
+  quietly pip-vkctl "$VENV/bin/python" -m pip install --no-build-isolation --no-deps --editable "$ROOT" ||
+    fail "vkctl could not be installed"
+  made_from "$list" >"$VENV/.made_from-$list"
+}
+
+# The maths library that was chosen: oneMKL into the environment, without what is not linked, or the
+# open libraries where that can't be had.
+setup_maths() {
+  [ "$VK_MATH" = open ] || setup_mkl || [ "$VK_MATH" = mkl ] || VK_MATH=open
+  [ "$VK_MATH" != open ] || setup_packages "${OPEN_PACKAGES[@]}"
+}
+
 setup_mkl() {
-  [ -f "$VENV/.mkl-$MKL_RELEASE" ] && return
-  [ "$(uname -m)" = x86_64 ] || return 0
-  say "Fetching oneMKL $MKL_RELEASE into .local/venv"
-  if ! quietly mkl "$VENV/bin/python" -m pip install --no-deps \
-    "mkl-static==$MKL_RELEASE" "mkl-include==$MKL_RELEASE"; then
+  local list=requirements-mkl.txt library
+  is_mkl_made "$list" && return
+  [ "$(uname -m)" = x86_64 ] || return 1
+  say "Fetching oneMKL into .local/venv: ${SIZES[$list]}"
+  if ! pip_list "$list" --no-deps; then
     say "oneMKL could not be had: building on MUMPS and OpenBLAS instead (slower factor)"
-    return
+    return 1
   fi
-  local library
   for library in "$VENV"/lib/libmkl_*.a; do
     case " ${MKL_LINKED[*]} " in
       *" ${library##*/} "*) ;;
       *) rm "$library" ;;
     esac
   done
-  touch "$VENV/.mkl-$MKL_RELEASE"
+  sha256sum <"$ROOT/scripts/$list" >"$VENV/.mkl_made_from"
+}
+
+is_mkl_made() {
+  [ -f "$VENV/.mkl_made_from" ] && [ "$(cat "$VENV/.mkl_made_from")" = "$(sha256sum <"$ROOT/scripts/$1")" ]
 }
 
 # Under sudo what was made belongs to the user who called it.
@@ -120,12 +157,14 @@ hand_back() {
   done
 }
 
-# setup PACKAGE...: everything above.
+# setup LIST PACKAGE...: everything above.
 setup() {
+  local list=$1
+  shift
   trap hand_back EXIT
-  setup_packages "$@" "${VKCTL_PACKAGES[@]}"
-  setup_python
-  setup_mkl
+  setup_packages "$@"
+  setup_python "$list"
+  setup_maths
 }
 
 # The line in which the build files say what is missing, or else the second argument.
@@ -133,12 +172,18 @@ refusal() {
   sed -n "s/^ *\(vk_rund can't be built: \)/\1/p" "$1" | grep . || printf '%s' "$2"
 }
 
-# build PRESET TARGET...: configures and builds into build/PRESET.
+# build PRESET TARGET...: configures and builds into build/PRESET, without the tests if the target is
+# the program alone.
 build() {
-  local preset=$1
+  local preset=$1 options=()
   shift
+  case $preset in
+    *-open | *-mkl) ;;
+    *) options=("-DVK_MATH=$VK_MATH") ;;
+  esac
+  [ "$*" != vk_rund ] || options+=(-DVK_TESTS=OFF -DVK_BENCH=OFF)
   say "Building build/$preset"
-  (cd "$ROOT" && quietly "configure-$preset" cmake --preset "$preset") ||
+  (cd "$ROOT" && quietly "configure-$preset" cmake --preset "$preset" "${options[@]}") ||
     fail "$(refusal "$LOGS/configure-$preset.log" "CMake could not configure the preset $preset")"
   grep -h '^-- Maths library' "$LOGS/configure-$preset.log" | sed 's/^-- /  /'
   (cd "$ROOT" && quietly "build-$preset" cmake --build "build/$preset" -j "$JOBS" ${1:+--target "$@"}) ||

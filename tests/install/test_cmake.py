@@ -2,6 +2,7 @@
 
 import json
 import os
+import re
 import shutil
 import subprocess
 from pathlib import Path
@@ -154,3 +155,13 @@ def test_the_scripts_show_the_refusal_alone(tmp_path):
     ).stdout.split("\n")
     assert shown[0] == REFUSAL + 'VK_MATH is "fast"; it can be mkl, open or auto'
     assert shown[-1] == "it failed"
+
+
+def test_the_man_page_lists_every_command():
+    from typer.main import get_command
+
+    from vkctl.cli import app
+
+    page = (ROOT / "docs/man/vkctl.1.in").read_text()
+    commands = page[page.index(".SH COMMANDS") : page.index(".SH ENVIRONMENT")]
+    assert set(re.findall(r"^\.TP\n\.B (\w+)$", commands, re.M)) == set(get_command(app).commands)

@@ -10,8 +10,7 @@ from pathlib import Path
 
 import numpy as np
 
-from vkctl.basics.types import Array
-from vkctl.shapes.topology import HEX8, TET4, TET10
+from vkctl.directory.formats import HEX8, TET4, TET10, Array
 
 from .mesh import Mesh
 

@@ -4,8 +4,7 @@ from __future__ import annotations
 
 from dataclasses import dataclass
 
-from vkctl.basics.types import Array
-from vkctl.shapes.topology import HEX8
+from vkctl.directory.formats import HEX8, Array
 
 from . import fem
 from .mesh import NAMES, Mesh

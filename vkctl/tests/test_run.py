@@ -1,5 +1,6 @@
 """Running the solver: results, live progress, and every way a run can end badly."""
 
+import importlib.metadata
 import os
 import signal
 import subprocess
@@ -15,14 +16,12 @@ from typer.testing import CliRunner
 
 from vkctl.cli import app
 from vkctl.directory import formats
-from vkctl.directory.log import digest, parse_line
 from vkctl.directory.model import Material
-from vkctl.directory.plan import PlannedCase, plan
-from vkctl.directory.results import solved
+from vkctl.directory.results import digest, parse_line, solved
 from vkctl.running import processes
 from vkctl.running.advice import explain_message, explain_status
 from vkctl.running.pivot import component_of_equation
-from vkctl.running.progress import LogReader, remaining_seconds, stage
+from vkctl.running.progress import LogReader, PlannedCase, plan, remaining_seconds, stage
 from vkctl.running.run import BusyError, NotFoundError, find_vk_rund, run
 from vkctl.terminal import display
 
@@ -249,6 +248,20 @@ def test_the_program_is_found_by_argument_then_environment_then_path(tmp_path, m
     assert find_vk_rund() == second
     monkeypatch.delenv("VK_RUND")
     assert find_vk_rund() == third
+
+
+def test_the_program_that_came_with_vkctl_goes_before_the_search_path(tmp_path, monkeypatch):
+    """An environment as a wheel leaves it: the program listed among the distribution's files."""
+    own = _program(tmp_path / "bin" / "vk_rund")
+    listed = [importlib.metadata.PackagePath(name) for name in ("share/vk_rund.1", "bin/vk_rund")]
+    for path in listed:
+        path.dist = importlib.metadata.PathDistribution(tmp_path / "vkctl.dist-info")
+    monkeypatch.setattr(importlib.metadata, "files", lambda name: listed)
+    monkeypatch.delenv("VK_RUND", raising=False)
+    monkeypatch.setenv("PATH", str(_program(tmp_path / "other" / "vk_rund").parent))
+    assert find_vk_rund() == own
+    monkeypatch.setattr(importlib.metadata, "files", lambda name: None)
+    assert find_vk_rund() == tmp_path / "other" / "vk_rund"
 
 
 def test_the_build_of_the_checkout_is_found_last(tmp_path, monkeypatch):

@@ -5,4 +5,11 @@ connectivity rows and design points are numbered from 1, in the files and in eve
 of this package. A number is turned into a numpy position with ``number - 1``.
 """
 
-__version__ = "0.1.0"
+
+def __getattr__(name: str) -> str:
+    """`__version__` is the installed distribution's, looked up when it is asked for."""
+    if name == "__version__":
+        from importlib.metadata import version
+
+        return version("vkctl")
+    raise AttributeError(f"module {__name__!r} has no attribute {name!r}")

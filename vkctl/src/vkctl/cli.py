@@ -2,8 +2,11 @@
 
 from __future__ import annotations
 
+from typing import Annotated
+
 import typer
 
+from . import __version__
 from .commands.box import box_command
 from .commands.check import check_command
 from .commands.demo import demo_command
@@ -15,6 +18,7 @@ from .commands.plot import plot_command
 from .commands.run import run_command
 from .commands.summary import summary_command
 from .commands.watch import watch_command
+from .terminal.declare import declared
 
 app = typer.Typer(
     no_args_is_help=True,
@@ -22,14 +26,34 @@ app = typer.Typer(
     pretty_exceptions_enable=False,
     help="Prepares working directories for vk_rund and reads its results.",
 )
-app.command("box")(box_command)
-app.command("demo")(demo_command)
-app.command("summary")(summary_command)
-app.command("new")(new_command)
-app.command("run")(run_command)
-app.command("watch")(watch_command)
-app.command("check")(check_command)
-app.command("diff")(diff_command)
-app.command("export")(export_command)
-app.command("plot")(plot_command)
-app.command("optimise")(optimise_command)
+
+
+def _print_version(wanted: bool) -> None:
+    if wanted:
+        typer.echo(f"vkctl {__version__}")
+        raise typer.Exit
+
+
+def _without_command(
+    version: Annotated[
+        bool,
+        typer.Option(
+            ..., "--version", callback=_print_version, is_eager=True, help="Show the version."
+        ),
+    ] = False,
+) -> None:
+    """What `vkctl` takes before a command."""
+
+
+app.callback()(declared(_without_command))
+app.command("box")(declared(box_command))
+app.command("demo")(declared(demo_command))
+app.command("summary")(declared(summary_command))
+app.command("new")(declared(new_command))
+app.command("run")(declared(run_command))
+app.command("watch")(declared(watch_command))
+app.command("check")(declared(check_command))
+app.command("diff")(declared(diff_command))
+app.command("export")(declared(export_command))
+app.command("plot")(declared(plot_command))
+app.command("optimise")(declared(optimise_command))

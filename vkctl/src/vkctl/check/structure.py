@@ -6,13 +6,11 @@ from collections.abc import Iterator
 
 import numpy as np
 
-from vkctl.basics.types import Array
-from vkctl.basics.words import some
-from vkctl.directory.formats import RawStructure
+from vkctl.directory.formats import Array, RawStructure
 from vkctl.directory.structure import build_structure
 
-from .findings import Finding, error, note, warning
-from .inputs import ActiveMesh, Inputs
+from .findings import Finding, error, note, some, warning
+from .inputs import Inputs, Mesh
 
 _WHERE = "mxs.sadr"
 _ROWS_PER_BLOCK = 300_000
@@ -84,9 +82,7 @@ def _form(structure: RawStructure, components: int) -> Iterator[Finding]:
         yield error("structure-order", f"The columns don't ascend in row {some(bad)}.", _WHERE)
 
 
-def _couplings(
-    structure: RawStructure, expected: RawStructure, mesh: ActiveMesh
-) -> Iterator[Finding]:
+def _couplings(structure: RawStructure, expected: RawStructure, mesh: Mesh) -> Iterator[Finding]:
     """Couplings of active elements that are missing, and how many there are too many."""
     rows = structure.num_rows
     missing: list[Array] = []

@@ -10,25 +10,35 @@ from rich.console import Console
 from vkctl.directory import model
 from vkctl.shapes import boxes
 from vkctl.terminal.arguments import Directory
-from vkctl.terminal.refusal import refuse, refusing
+from vkctl.terminal.refusal import refuse
 
 
 def box_command(
     directory: Directory,
-    kind: Annotated[str, typer.Option(help="tet4, hex8, tet10 or mixed")] = "tet4",
-    cells: Annotated[tuple[int, int, int], typer.Option(help="cells along x, y, z")] = (10, 4, 4),
-    size: Annotated[tuple[float, float, float], typer.Option(help="extent")] = (10.0, 4.0, 4.0),
-    modulus: Annotated[float, typer.Option(help="Young's modulus")] = 1000.0,
-    poisson: Annotated[float, typer.Option(help="Poisson's ratio")] = 0.3,
+    kind: Annotated[str, typer.Option(..., help="tet4, hex8, tet10 or mixed")] = "tet4",
+    cells: Annotated[tuple[int, int, int], typer.Option(..., help="cells along x, y, z")] = (
+        10,
+        4,
+        4,
+    ),
+    size: Annotated[tuple[float, float, float], typer.Option(..., help="extent")] = (
+        10.0,
+        4.0,
+        4.0,
+    ),
+    modulus: Annotated[float, typer.Option(..., help="Young's modulus")] = 1000.0,
+    poisson: Annotated[float, typer.Option(..., help="Poisson's ratio")] = 0.3,
     traction: Annotated[
-        tuple[float, float, float], typer.Option(help="force per area on the side x+")
+        tuple[float, float, float], typer.Option(..., help="force per area on the side x+")
     ] = (0.0, 0.0, -1.0),
 ) -> None:
     """Write a box, clamped on the side x- and loaded on the side x+."""
     if kind not in ("tet4", "hex8", "tet10", "mixed"):
         raise refuse(f"unknown kind {kind!r}: tet4, hex8, tet10 or mixed")
-    with refusing(ValueError):
+    try:
         part = boxes.box(kind, cells, size)  # type: ignore[arg-type]
+    except ValueError as error:
+        raise refuse(error) from None
     case = model.LoadCase().prescribe(part.face("x-")).load(*part.traction("x+", traction))
     whole = model.Model(
         part.nodes, part.elements, [model.Material.isotropic(modulus, poisson)], [case]

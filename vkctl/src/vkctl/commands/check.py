@@ -10,9 +10,8 @@ import typer
 from rich.console import Console
 from rich.text import Text
 
-from vkctl.basics.words import counted
 from vkctl.check import Finding, Report, check
-from vkctl.check.findings import SEVERITIES
+from vkctl.check.findings import SEVERITIES, counted
 from vkctl.terminal.display import clock
 
 _STYLES = {"error": "bold red", "warning": "yellow", "note": "cyan"}
@@ -47,8 +46,8 @@ def _estimate_line(report: Report) -> str:
 
 
 def check_command(
-    directory: Annotated[Path, typer.Argument(help="working directory")],
-    as_json: Annotated[bool, typer.Option("--json", help="print the report as JSON")] = False,
+    directory: Annotated[Path, typer.Argument(..., help="working directory")],
+    as_json: Annotated[bool, typer.Option(..., "--json", help="print the report as JSON")] = False,
 ) -> None:
     """Say everything about a prepared directory that would fail or surprise.
 

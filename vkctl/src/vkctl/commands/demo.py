@@ -10,11 +10,10 @@ import typer
 from rich.console import Console
 
 from vkctl.directory import formats
-from vkctl.directory.summary import summary
-from vkctl.prepare.cantilever import write_cantilever
+from vkctl.running.run import NotFoundError, find_vk_rund
 from vkctl.terminal.arguments import Directory
-from vkctl.terminal.refusal import refuse, refusing
-from vkctl.view.deformed import picture
+from vkctl.terminal.refusal import refuse
+from vkctl.view import demo
 
 PICTURE = "deformed.png"
 
@@ -22,23 +21,39 @@ PICTURE = "deformed.png"
 def demo_command(
     directory: Directory,
     vk_rund: Annotated[
-        Path | None, typer.Option("--vk-rund", help="solver to run on it at once")
+        Path | None, typer.Option(..., "--vk-rund", help="solver; otherwise the one that is found")
     ] = None,
 ) -> None:
-    """Write the cantilever of the quick start; with --vk-rund solve it and draw it."""
+    """Write the cantilever of the quick start, solve it and draw it."""
     console = Console(highlight=False)
-    write_cantilever(directory)
+    demo.write_cantilever(directory)
     console.print(f"cantilever written to {directory}")
-    if vk_rund is None:
-        return
     try:
-        status = subprocess.run([vk_rund.resolve(), directory.resolve()], check=False).returncode
+        program = find_vk_rund(vk_rund)
+    except NotFoundError as error:
+        if vk_rund is not None:
+            raise refuse(str(error)) from None
+        console.print(f"not solved: {error}", markup=False, soft_wrap=True)
+        return
+    _solve(program, directory, console)
+    try:
+        demo.picture(directory, directory / PICTURE)
+    except ModuleNotFoundError as error:
+        console.print(
+            f"no picture: {error.name} is missing (pip install 'vkctl[view]')",
+            markup=False,
+            soft_wrap=True,
+        )
+    else:
+        console.print(f"picture in {directory / PICTURE}")
+
+
+def _solve(program: Path, directory: Path, console: Console) -> None:
+    try:
+        status = subprocess.run([program, directory.resolve()], check=False).returncode
     except OSError as error:
-        raise refuse(f"cannot run {vk_rund}: {error.strerror}") from None
+        raise refuse(f"cannot run {program}: {error.strerror}") from None
     if Path(directory, formats.LOG_FILE).exists():
-        console.print(summary(directory), markup=False, soft_wrap=True)
+        console.print(demo.summary(directory), markup=False, soft_wrap=True)
     if status:
-        raise refuse(f"{vk_rund} ended with status {status}")
-    with refusing():
-        picture(directory, directory / PICTURE)
-    console.print(f"picture in {directory / PICTURE}")
+        raise refuse(f"{program} ended with status {status}")

@@ -8,9 +8,8 @@ from typing import Annotated
 import typer
 from rich.console import Console
 
-from vkctl.basics.words import counted
 from vkctl.directory.compare import ATOL, QUANTITIES, RTOL, CannotCompareError, diff
-from vkctl.terminal.refusal import refusing
+from vkctl.terminal.refusal import refuse
 
 
 def _tolerances(texts: list[str], default: float, option: str) -> dict[str, float]:
@@ -31,14 +30,16 @@ def _tolerances(texts: list[str], default: float, option: str) -> dict[str, floa
 
 
 def diff_command(
-    first: Annotated[Path, typer.Argument(help="working directory")],
-    second: Annotated[Path, typer.Argument(help="working directory to compare it with")],
+    first: Annotated[Path, typer.Argument(..., help="working directory")],
+    second: Annotated[Path, typer.Argument(..., help="working directory to compare it with")],
     rtol: Annotated[
         list[str] | None,
-        typer.Option(help="relative to the largest magnitude: NUMBER, or QUANTITY=NUMBER"),
+        typer.Option(..., help="relative to the largest magnitude: NUMBER, or QUANTITY=NUMBER"),
     ] = None,
-    atol: Annotated[list[str] | None, typer.Option(help="absolute, in the same forms")] = None,
-    signs: Annotated[bool, typer.Option("--signs", help="compare stresses with signs")] = False,
+    atol: Annotated[list[str] | None, typer.Option(..., help="absolute, in the same forms")] = None,
+    signs: Annotated[
+        bool, typer.Option(..., "--signs", help="compare stresses with signs")
+    ] = False,
 ) -> None:
     """Compare the results of two directories.
 
@@ -47,11 +48,14 @@ def diff_command(
     relative = _tolerances(rtol or [], RTOL, "--rtol")
     absolute = _tolerances(atol or [], ATOL, "--atol")
     console = Console(highlight=False)
-    with refusing(CannotCompareError):
+    try:
         comparison = diff(first, second, rtol=relative, atol=absolute, signs=signs)
+    except CannotCompareError as error:
+        raise refuse(error) from None
     for line in [*comparison.one_sided, *map(str, comparison.differences)]:
         console.print(line, markup=False, soft_wrap=True)
     cases = len(comparison.load_cases)
     if comparison.equal:
-        console.print(f"Equal within the tolerances: {counted(cases, 'load case')}.")
+        plural = "" if cases == 1 else "s"
+        console.print(f"Equal within the tolerances: {cases} load case{plural}.")
     raise typer.Exit(comparison.status)

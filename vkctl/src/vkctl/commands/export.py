@@ -9,17 +9,19 @@ import typer
 from rich.console import Console
 
 from vkctl.terminal.arguments import Case, Directory
-from vkctl.terminal.refusal import refusing
+from vkctl.terminal.refusal import refuse
 
 
 def export_command(
     directory: Directory,
-    out: Annotated[Path, typer.Argument(help="file to write: .vtu, .pvd or .stl")],
+    out: Annotated[Path, typer.Argument(..., help="file to write: .vtu, .pvd or .stl")],
     case: Case = None,
 ) -> None:
     """Write results as .vtu or as a .pvd series over load cases, or the part as .stl."""
     from vkctl.view.export import export
 
-    with refusing(OSError, ValueError):
+    try:
         files = export(directory, out, case)
+    except (OSError, ValueError) as error:
+        raise refuse(error) from None
     Console(highlight=False).print(f"written: {', '.join(map(str, files))}", soft_wrap=True)

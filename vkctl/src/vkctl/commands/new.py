@@ -11,33 +11,36 @@ from rich import box
 from rich.console import Console
 from rich.table import Table
 
-from vkctl.basics.types import Array
+from vkctl.directory.formats import Array
 from vkctl.prepare.build import Prepared, build, new
-from vkctl.prepare.case_file.mistakes import CaseFileError
-from vkctl.prepare.mesh import PartMesh
-from vkctl.prepare.part import PartError
-from vkctl.terminal.refusal import refusing
+from vkctl.prepare.case_file.schema import CaseFileError
+from vkctl.prepare.mesh import Mesh, PartError
+from vkctl.terminal.refusal import refuse
 
 
 def new_command(
-    part: Annotated[Path, typer.Argument(help="mesh (.msh, .inp, .vtu) or geometry (.step, .geo)")],
-    cases: Annotated[Path, typer.Argument(help="case file (.toml)")],
+    part: Annotated[
+        Path, typer.Argument(..., help="mesh (.msh, .inp, .vtu) or geometry (.step, .geo)")
+    ],
+    cases: Annotated[Path, typer.Argument(..., help="case file (.toml)")],
     directory: Annotated[
-        Path | None, typer.Argument(help="working directory, made if missing")
+        Path | None, typer.Argument(..., help="working directory, made if missing")
     ] = None,
     list_sets: Annotated[
-        bool, typer.Option("--list-sets", help="show the sets and write nothing")
+        bool, typer.Option(..., "--list-sets", help="show the sets and write nothing")
     ] = False,
 ) -> None:
     """Write the working directory of a part under the loads of a case file."""
     console = Console(highlight=False)
     if directory is None and not list_sets:
         raise typer.BadParameter("name the working directory, or give --list-sets")
-    with refusing(CaseFileError, PartError, OSError):
+    try:
         if list_sets or directory is None:
             prepared = build(part, cases)
         else:
             prepared = new(part, cases, directory)
+    except (CaseFileError, PartError, OSError) as error:
+        raise refuse(error) from None
     if list_sets:
         console.print(sets_table(prepared))
     else:
@@ -83,7 +86,7 @@ def _cleaned(sums: Array, prepared: Prepared) -> Array:
 def sets_table(prepared: Prepared) -> Table:
     """Sets of a part and its case file with sizes and extents, but for single points and curves."""
     table = Table("set", "kind", "size", "from", "to", box=box.SIMPLE_HEAD, pad_edge=False)
-    mesh: PartMesh = prepared.mesh
+    mesh: Mesh = prepared.mesh
     for kind in ("node", "element", "face"):
         for name in prepared.sets.names(kind):
             if name.startswith(("point:", "curve:")):

@@ -13,10 +13,9 @@ from rich.live import Live
 from rich.table import Table
 from rich.text import Text
 
-from vkctl.basics.extras import need
 from vkctl.running.progress import Progress
 from vkctl.terminal.display import state_line
-from vkctl.terminal.refusal import refuse, refusing
+from vkctl.terminal.refusal import refuse
 
 if TYPE_CHECKING:
     from vkctl.optimise import Optimised, OptimiseError, StepShown
@@ -29,15 +28,15 @@ OnProgress = Callable[[int, Progress], None]
 
 
 def optimise_command(
-    cases: Annotated[Path, typer.Argument(help="case file (.toml) that names its part")],
-    directory: Annotated[Path, typer.Argument(help="working directory, made if missing")],
+    cases: Annotated[Path, typer.Argument(..., help="case file (.toml) that names its part")],
+    directory: Annotated[Path, typer.Argument(..., help="working directory, made if missing")],
     volume: Annotated[
-        float | None, typer.Option(min=0.001, max=1.0, help="target part of the design volume")
+        float | None, typer.Option(..., min=0.001, max=1.0, help="target part of the design volume")
     ] = None,
-    steps: Annotated[int | None, typer.Option(min=1, help="largest number of steps")] = None,
-    vk_rund: Annotated[Path | None, typer.Option("--vk-rund", help="the solver")] = None,
+    steps: Annotated[int | None, typer.Option(..., min=1, help="largest number of steps")] = None,
+    vk_rund: Annotated[Path | None, typer.Option(..., "--vk-rund", help="the solver")] = None,
     pictures: Annotated[
-        bool, typer.Option(help="draw chart, series and animation at the end")
+        bool, typer.Option(..., help="draw chart, series and animation at the end")
     ] = True,
 ) -> None:
     """Optimise the part for stiffness; started again, it goes on where it stopped.
@@ -47,19 +46,13 @@ def optimise_command(
     """
     from vkctl.directory.formats import FormatError
     from vkctl.optimise import OptimiseError, optimise
-    from vkctl.prepare.case_file.mistakes import CaseFileError
-    from vkctl.prepare.part import PartError
+    from vkctl.prepare.case_file.schema import CaseFileError
+    from vkctl.prepare.mesh import PartError
     from vkctl.running.run import BusyError, NotFoundError
 
     console = Console(highlight=False)
-    with refusing():
-        for name in ("pyvista", "matplotlib", "PIL") if pictures else ():
-            need(name)
     try:
-        with (
-            refusing(CaseFileError, PartError, FormatError, BusyError, OSError),
-            _shown(console) as (on_step, on_progress),
-        ):
+        with _shown(console) as (on_step, on_progress):
             done = optimise(
                 cases,
                 directory,
@@ -73,6 +66,8 @@ def optimise_command(
         raise refuse(error, _status(error)) from None
     except NotFoundError as error:
         raise refuse(error, error.status) from None
+    except (CaseFileError, PartError, FormatError, BusyError, OSError) as error:
+        raise refuse(error) from None
     except KeyboardInterrupt:
         raise refuse("Interrupted: start it again to go on.", 130) from None
     _conclude(console, done, pictures)

@@ -9,22 +9,28 @@ import typer
 from rich.console import Console
 
 from vkctl.terminal.arguments import Case, Directory
-from vkctl.terminal.refusal import refuse, refusing
+from vkctl.terminal.refusal import refuse
 
 
 def plot_command(
     directory: Directory,
-    out: Annotated[Path, typer.Option("-o", "--out", help="picture to write, .png")],
-    field: Annotated[str, typer.Option(help="magnitude, stress, criterion or level")] = "magnitude",
+    out: Annotated[Path, typer.Option(..., "-o", "--out", help="picture to write, .png")],
+    field: Annotated[
+        str, typer.Option(..., help="magnitude, stress, criterion or level")
+    ] = "magnitude",
     case: Case = None,
-    scale: Annotated[float | None, typer.Option(help="exaggeration of the deformation")] = None,
-    edges: Annotated[bool, typer.Option("--edges", help="draw the triangles' edges")] = False,
+    scale: Annotated[
+        float | None, typer.Option(..., help="exaggeration of the deformation")
+    ] = None,
+    edges: Annotated[bool, typer.Option(..., "--edges", help="draw the triangles' edges")] = False,
 ) -> None:
     """Draw the deformed part, coloured by a field."""
     from vkctl.view.plot import FIELDS, View, plot
 
     if field not in FIELDS:
         raise refuse(f"unknown field {field!r}: {', '.join(FIELDS)}")
-    with refusing(OSError, ValueError):
+    try:
         plot(directory, out, case, View(field=field, scale=scale, edges=edges))  # type: ignore[arg-type]
+    except (OSError, ValueError) as error:
+        raise refuse(error) from None
     Console(highlight=False).print(f"written: {out}", soft_wrap=True)

@@ -24,12 +24,12 @@ class _Mode(StrEnum):
 def run_command(
     directory: Directory,
     threads: Annotated[
-        int | None, typer.Option(help="set Sys.MaxNumCompThreads in the options file")
+        int | None, typer.Option(..., help="set Sys.MaxNumCompThreads in the options file")
     ] = None,
     mode: Annotated[
-        _Mode | None, typer.Option(help="set Sys.ComputationMode in the options file")
+        _Mode | None, typer.Option(..., help="set Sys.ComputationMode in the options file")
     ] = None,
-    vk_rund: Annotated[Path | None, typer.Option("--vk-rund", help="the solver")] = None,
+    vk_rund: Annotated[Path | None, typer.Option(..., "--vk-rund", help="the solver")] = None,
 ) -> None:
     """Run the solver on a directory and follow it.
 

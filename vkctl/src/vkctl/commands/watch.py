@@ -18,11 +18,12 @@ def watch_command(
     patience: Annotated[
         float | None,
         typer.Option(
+            ...,
             help="seconds without a log line after which the run counts as killed, for runs on "
-            "another machine; otherwise this machine's process table decides"
+            "another machine; otherwise this machine's process table decides",
         ),
     ] = None,
-    wait: Annotated[float, typer.Option(help="seconds to wait for a log to appear")] = 0.0,
+    wait: Annotated[float, typer.Option(..., help="seconds to wait for a log to appear")] = 0.0,
 ) -> None:
     """Follow a run that something else started, until it ends.
 

@@ -12,9 +12,7 @@ import numpy as np
 import numpy.typing as npt
 from scipy import sparse
 
-from vkctl.basics.types import Array
-
-from .formats import RawStructure
+from .formats import Array, RawStructure
 
 _NODES_PER_BLOCK = 1 << 16  # bounds the temporary index arrays of the expansion
 

@@ -5,10 +5,8 @@ from __future__ import annotations
 from dataclasses import dataclass, field
 from typing import Literal, get_args
 
-from vkctl.basics.types import PathLike
-from vkctl.basics.words import did_you_mean
-from vkctl.prepare.case_file.mistakes import Mistakes
-from vkctl.prepare.case_file.toml_table import Table, load
+from vkctl.directory.formats import PathLike
+from vkctl.prepare.case_file.schema import Report, Table, did_you_mean, load
 
 Combine = Literal["weighted", "worst"]
 
@@ -61,7 +59,7 @@ def _case_names(top: Table) -> list[str]:
     return [entry.text("name", "") for entry in top.table_list("load_case")]
 
 
-def _settings(table: Table, names: list[str], report: Mistakes) -> Settings:
+def _settings(table: Table, names: list[str], report: Report) -> Settings:
     default = Settings()
     combine = table.choice("combine", get_args(Combine), default.combine)
     settings = Settings(

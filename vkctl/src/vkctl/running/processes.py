@@ -5,8 +5,7 @@ from __future__ import annotations
 import os
 from pathlib import Path
 
-from vkctl.basics.types import PathLike
-from vkctl.directory.formats import LOG_FILE
+from vkctl.directory.formats import LOG_FILE, PathLike
 
 _TABLE = Path("/proc")
 _WRITE_MODES = os.O_WRONLY | os.O_RDWR

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import importlib.metadata
 import os
 import shutil
 import signal
@@ -15,15 +16,14 @@ from pathlib import Path
 from types import FrameType
 from typing import IO, Literal
 
-from vkctl.basics.types import PathLike
 from vkctl.directory import formats
-from vkctl.directory.log import RunLog
-from vkctl.directory.plan import plan_or_nothing
+from vkctl.directory.formats import PathLike
+from vkctl.directory.results import RunLog
 
 from . import processes
 from .advice import Advice, explain_message, explain_status
 from .pivot import explain_pivot
-from .progress import Progress, Tracker
+from .progress import Progress, Tracker, plan_or_nothing
 
 Mode = Literal["automatic", "iterative", "direct"]
 MODES: dict[str, int] = {"automatic": 0, "iterative": 1, "direct": 2}
@@ -78,13 +78,18 @@ class BusyError(Exception):
 
 
 def find_vk_rund(given: PathLike | None = None) -> Path:
-    """The program: `given`, else VK_RUND, else the search path, else the checkout's build.
+    """The program: `given`, else VK_RUND, else vkctl's own, else the search path's, else a build.
+
+    Its own is the one of the wheel that vkctl was installed from; the build is the one of the
+    checkout that it lies in.
 
     Raises NotFoundError; a given or environment path that doesn't work is not passed over.
     """
     for source, value in (("--vk-rund", given), ("VK_RUND", os.environ.get("VK_RUND"))):
         if value:
             return _executable(Path(value).expanduser(), source)
+    if own := _installed_with_vkctl():
+        return own
     if found := shutil.which("vk_rund"):
         return Path(found)
     for parent in Path(__file__).resolve().parents:
@@ -95,6 +100,16 @@ def find_vk_rund(given: PathLike | None = None) -> Path:
         "vk_rund was not found: give its path with --vk-rund or in the environment variable "
         "VK_RUND, put it on the search path, or build it in this checkout (./quickstart)."
     )
+
+
+def _installed_with_vkctl() -> Path | None:
+    """The program of the wheel that vkctl came in, wherever the wheel was installed."""
+    try:
+        files = importlib.metadata.files("vkctl") or []
+    except importlib.metadata.PackageNotFoundError:
+        return None
+    programs = (Path(str(file.locate())) for file in files if file.name == "vk_rund")
+    return next((path.resolve() for path in programs if path.is_file()), None)
 
 
 def _executable(path: Path, source: str) -> Path:

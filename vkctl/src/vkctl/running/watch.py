@@ -6,8 +6,7 @@ import time
 from collections.abc import Callable
 from pathlib import Path
 
-from vkctl.basics.types import PathLike
-from vkctl.directory.formats import LOG_FILE
+from vkctl.directory.formats import LOG_FILE, PathLike
 
 from . import processes
 from .advice import Advice

@@ -7,5 +7,5 @@ from typing import Annotated
 
 import typer
 
-Directory = Annotated[Path, typer.Argument(help="working directory")]
-Case = Annotated[int | None, typer.Option(help="load case; the first solved one if not given")]
+Directory = Annotated[Path, typer.Argument(..., help="working directory")]
+Case = Annotated[int | None, typer.Option(..., help="load case; the first solved one if not given")]

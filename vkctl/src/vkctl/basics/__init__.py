@@ -1,1 +1,0 @@
-"""What every room uses and what knows nothing of the problem."""
