@@ -28,7 +28,7 @@ tests() {
   quietly "coverage-$name" "$@" || failed=yes
 }
 
-setup "${BUILD_PACKAGES[@]}"
+setup requirements-check.txt "${BUILD_PACKAGES[@]}" "${CHECK_PACKAGES[@]}"
 setup_coverage
 build release vk_rund
 build coverage
