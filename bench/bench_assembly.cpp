@@ -46,8 +46,7 @@ void BM_MatrixKernel(benchmark::State& state) {
   std::int32_t element = 0;
   for (auto _ : state) {
     element = element % FEMODEL::NumElements + 1;
-    FEELEM_MATRIXANDFORCES(element, FELOADCASE::Displacements.get(), dofCount, dofs, forces,
-                           matrix);
+    FEELEM_MATRIXANDFORCES(element, FEDOF::Displacements.get(), dofCount, dofs, forces, matrix);
     benchmark::DoNotOptimize(matrix);
   }
   CountElements(state, 1);
@@ -70,7 +69,7 @@ void BM_Scatter(benchmark::State& state) {
       const std::int32_t target = contended ? FEMODEL::NumElements / 2 + element % 6 : element;
       const std::int32_t* nodes = FEMODEL::Conn40[Slot(target)].Node;
       for (int i = 0; i < 12; ++i)
-        dofs[dofCount++] = FELOADCASE::NodeDofMap[3 * Slot(nodes[i / 3]) + i % 3];
+        dofs[dofCount++] = FEDOF::NodeDofMap[3 * Slot(nodes[i / 3]) + i % 3];
       SOLVERSTA_ADDTOFFUSYM(dofCount, dofs, forces, matrix, MaxElementDofs);
     }
   }

@@ -1,7 +1,8 @@
-"""Checks that includes of src/ point downwards.
+"""Checks that includes of src/ point downwards, and never around in a circle.
 
 The layers, from the ground up, are the folders below with what is in them; a file may include its
-own layer and those under it. Lists every offence; status 1 if there is one.
+own layer and those under it. Header and source of one name are one module: a module that reaches
+itself through others stands in a circle. Lists every offence; status 1 if there is one.
 """
 
 import re
@@ -22,6 +23,15 @@ LAYERS = (
 INCLUDE = re.compile(r'^\s*#\s*include\s*"([^"]+)"', re.MULTILINE)
 
 
+def includes(source: Path) -> dict[str, list[str]]:
+    """The quoted includes of every file below `source`, both by their paths there."""
+    files = sorted(path for kind in ("*.cpp", "*.hpp") for path in source.rglob(kind))
+    return {
+        file.relative_to(source).as_posix(): INCLUDE.findall(file.read_text(encoding="utf-8"))
+        for file in files
+    }
+
+
 def layer(path: str) -> int:
     """Height of the file's folder, or of the nearest one around it that is a layer.
 
@@ -33,23 +43,45 @@ def layer(path: str) -> int:
     return next((LAYERS.index(folder) for folder in folders if folder in LAYERS), -1)
 
 
-def offences(source: Path) -> list[str]:
-    """Sentences on the files below `source` that break the rule."""
+def upward(files: dict[str, list[str]]) -> list[str]:
+    """Sentences on the files that break the rule of the layers."""
     found = []
-    for file in sorted(path for kind in ("*.cpp", "*.hpp") for path in source.rglob(kind)):
-        name = file.relative_to(source).as_posix()
+    for name, targets in files.items():
         if layer(name) < 0:
             found.append(f"{name}: its folder is no layer")
-        for target in INCLUDE.findall(file.read_text(encoding="utf-8")):
-            if not (source / target).is_file():
+        for target in targets:
+            if target not in files:
                 found.append(f'{name}: "{target}" is no path below src/')
             elif layer(target) > layer(name):
                 found.append(f'{name}: "{target}" lies above it')
     return found
 
 
+def circles(files: dict[str, list[str]]) -> list[str]:
+    """Sentences on the modules that reach themselves, one for each way on which that happens."""
+    arrows: dict[str, set[str]] = {}
+    for name, targets in files.items():
+        module = name.rpartition(".")[0]
+        others = {target.rpartition(".")[0] for target in targets if target in files}
+        arrows.setdefault(module, set()).update(others - {module})
+    found = []
+    while arrows:
+        loose = [module for module, targets in arrows.items() if not targets & arrows.keys()]
+        if not loose:
+            path = [min(arrows)]  # from here every step leads on, so it must come back
+            while path[-1] not in path[:-1]:
+                path.append(min(arrows[path[-1]] & arrows.keys()))
+            path = path[path.index(path[-1]) :]
+            found.append("circle: " + " -> ".join(path))
+            arrows[path[0]].discard(path[1])
+        for module in loose:
+            del arrows[module]
+    return found
+
+
 def main(source: str) -> int:
-    found = offences(Path(source))
+    files = includes(Path(source))
+    found = upward(files) + circles(files)
     print("\n".join(found) or "all includes point downwards")
     return 1 if found else 0
 

@@ -4,11 +4,12 @@
 #include <cmath>
 
 #include "elements/feelem.hpp"
+#include "model/fedof.hpp"
 #include "model/feloadcase.hpp"
 #include "model/femodel.hpp"
 #include "platform/slot.hpp"
 #include "run/services/vkcore.hpp"
-#include "solver/solversta.hpp"
+#include "solver/system_arrays.hpp"
 
 namespace {
 
@@ -120,7 +121,7 @@ void AddSupportForces() {
     std::int32_t dofCount = 0;
     ElementDofs dofs;
     ElementVector forces;
-    SOLVERSTA_SUPPORTFORCE(k, FELOADCASE::Displacements.get(), dofCount, dofs, forces);
+    SOLVERSTA_SUPPORTFORCE(k, FEDOF::Displacements.get(), dofCount, dofs, forces);
     AddForces(dofCount, dofs, forces);
   }
 }
@@ -131,8 +132,7 @@ void AddSupportMatrices() {
     ElementDofs dofs;
     double forces[3];
     SupportMatrix matrix;
-    SOLVERSTA_SUPPORTMATRIXANDFORCE(k, FELOADCASE::Displacements.get(), dofCount, dofs, forces,
-                                    matrix);
+    SOLVERSTA_SUPPORTMATRIXANDFORCE(k, FEDOF::Displacements.get(), dofCount, dofs, forces, matrix);
     SOLVERSTA_ADDTOFFUSYM(dofCount, dofs, forces, matrix, 3);
   }
 }
@@ -140,10 +140,10 @@ void AddSupportMatrices() {
 template <class Index>
 void RaiseMarkedDiagonals(const Index* pR) {
   for (std::int64_t node = 0; node < FEMODEL::NumNodes; ++node) {
-    if (FELOADCASE::NodeDofState[node] == FELOADCASE::NodeStateUnused) continue;
+    if (FEDOF::NodeDofState[node] == FEDOF::NodeStateUnused) continue;
     if ((static_cast<std::uint16_t>(FEMODEL::NodeFlags[node]) & NodeMarked) == 0) continue;
     for (int k = 0; k < 3; ++k)
-      if (const std::int32_t dof = FELOADCASE::NodeDofMap[3 * node + k]; dof > 0)
+      if (const std::int32_t dof = FEDOF::NodeDofMap[3 * node + k]; dof > 0)
         SysMatrix[Slot(static_cast<std::int64_t>(pR[Slot(dof)]))] *= MarkedDiagonal;
   }
 }
@@ -172,7 +172,7 @@ double SupportGap(const double (&u)[3], const float (&axis)[3], float offset) {
 }
 
 const NodalConstraintRecord& SupportRow(std::int32_t k) {
-  return FELOADCASE::NodalConstraints[Slot(FELOADCASE::SupportList[Slot(k)])];
+  return FEDOF::NodalConstraints[Slot(FELOADCASE::SupportList[Slot(k)])];
 }
 
 // Equations and displacement of the support's node.
@@ -180,8 +180,8 @@ void GatherSupport(const NodalConstraintRecord& row, const double* solution, std
                    ElementDofs& dofs, double (&u)[3]) {
   dofCount = 3;
   for (int c = 0; c < 3; ++c) {
-    dofs[c] = FELOADCASE::NodeDofMap[3 * Slot(row.Node) + c];
-    u[c] = FELOADCASE_DOFVALUE(dofs[c], c, solution);
+    dofs[c] = FEDOF::NodeDofMap[3 * Slot(row.Node) + c];
+    u[c] = FEDOF_VALUE(dofs[c], c, solution);
   }
 }
 
@@ -248,7 +248,7 @@ void SOLVERSTA_SUPPORTMATRIXANDFORCE(std::int32_t k, const double* solution, std
 void PREPARESYSINTERNALFORCES() {
   ClearInParallel(SysForces.get(), SOLVERSTA::NumEquations);
   AddSupportForces();
-  const double* solution = FELOADCASE::Displacements.get();
+  const double* solution = FEDOF::Displacements.get();
 #pragma omp parallel for schedule(static)
   for (std::int32_t element = 1; element <= FEMODEL::NumElements; ++element) {
     if (!FEMODEL_ISACTIVE(element)) continue;
@@ -265,7 +265,7 @@ void PREPARESYSMATRIXANDINTERNALFORCES() {
   ClearInParallel(SysForces.get(), SOLVERSTA::NumEquations);
   ClearInParallel(SysMatrix.get(), SOLVERSTA::NumEntries);
   AddSupportMatrices();
-  const double* solution = FELOADCASE::Displacements.get();
+  const double* solution = FEDOF::Displacements.get();
 #pragma omp parallel for schedule(static)
   for (std::int32_t element = 1; element <= FEMODEL::NumElements; ++element) {
     if (!FEMODEL_ISACTIVE(element)) continue;

@@ -11,7 +11,7 @@
 
 #include "elemlib/element_types.hpp"
 
-// SysForces at FELOADCASE::Displacements.
+// SysForces at FEDOF::Displacements.
 void PREPARESYSINTERNALFORCES();
 
 // SysForces and SysMatrix; scales the matrix to a unit diagonal, records SysScale, and clears

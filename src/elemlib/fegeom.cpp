@@ -1,6 +1,6 @@
 #include "elemlib/fegeom.hpp"
 
-#include "model/feloadcase.hpp"
+#include "model/fedof.hpp"
 #include "model/femodel.hpp"
 
 namespace {
@@ -9,8 +9,8 @@ template <int Nodes>
 void GatherDisplacements(const ConnRecord<Nodes>& row, const double* solution,
                          ElementVector& disp) {
   for (int i = 0; i < Nodes; ++i) {
-    const std::int32_t* dofs = &FELOADCASE::NodeDofMap[3 * Slot(row.Node[i])];
-    for (int k = 0; k < 3; ++k) disp[3 * i + k] = FELOADCASE_DOFVALUE(dofs[k], k, solution);
+    const std::int32_t* dofs = &FEDOF::NodeDofMap[3 * Slot(row.Node[i])];
+    for (int k = 0; k < 3; ++k) disp[3 * i + k] = FEDOF_VALUE(dofs[k], k, solution);
   }
 }
 
@@ -33,7 +33,7 @@ void FEGEOM_ELEMDOFS(std::int32_t elementNumber, std::int32_t& dofCount, Element
   const std::int32_t* nodes = FEMODEL_NODES(element);
   dofCount = 3 * count;
   for (int i = 0; i < count; ++i)
-    for (int k = 0; k < 3; ++k) dofs[3 * i + k] = FELOADCASE::NodeDofMap[3 * Slot(nodes[i]) + k];
+    for (int k = 0; k < 3; ++k) dofs[3 * i + k] = FEDOF::NodeDofMap[3 * Slot(nodes[i]) + k];
 }
 
 void FEGEOM_ELEMDISP(std::int32_t elementNumber, const double* solution, ElementVector& disp) {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <string>
 
+#include "model/fedof.hpp"
 #include "model/femodel.hpp"
 #include "model/fenod.hpp"
 #include "model/fileio.hpp"
@@ -13,16 +14,7 @@
 
 namespace {
 
-using FELOADCASE::NodeDofMap;
-using FELOADCASE::NodeDofState;
-
-[[noreturn]] void AbortNoEquations() {
-  LOGGER_POSTERRABORT(
-      "Structure with no degrees of freedom. Check displacement boundary conditions.");
-}
-
 bool IsNode(std::int32_t node) { return node >= 1 && node <= FEMODEL::NumNodes; }
-bool IsPenalty(const NodalConstraintRecord& row) { return (row.Kind & ConstraintPenalty) != 0; }
 
 bool AnyMaterialWithState() {
   constexpr std::uint32_t kinds = MaterialYielding | MaterialCompressionOnly;
@@ -75,20 +67,20 @@ void CheckForceNodes(const NodalForceRecord* rows, std::int32_t count, const std
 // where a numbering is built from them. A kept numbering must find the rows it refers to.
 void CheckConstraints(const std::string& name) {
   constexpr std::uint16_t directions = 7;
-  for (std::int32_t i = 0; i < FELOADCASE::NumNodalConstraints; ++i) {
-    const NodalConstraintRecord& row = FELOADCASE::NodalConstraints[i];
-    const bool used = IsPenalty(row) || (VKCORE::PatternChanged && (row.DofMask & directions) != 0);
+  for (std::int32_t i = 0; i < FEDOF::NumNodalConstraints; ++i) {
+    const NodalConstraintRecord& row = FEDOF::NodalConstraints[i];
+    const bool used =
+        FEDOF_ISSUPPORT(row) || (VKCORE::PatternChanged && (row.DofMask & directions) != 0);
     if (used && !IsNode(row.Node)) FILEIO_INVALIDINDEX(name);
   }
-  const std::int32_t rows = std::max(FELOADCASE::NumNodalConstraints, 0);
-  if (!VKCORE::PatternChanged && FELOADCASE::LastPrescribingRow > rows) FILEIO_INVALIDINDEX(name);
+  const std::int32_t rows = std::max(FEDOF::NumNodalConstraints, 0);
+  if (!VKCORE::PatternChanged && FEDOF::LastPrescribingRow > rows) FILEIO_INVALIDINDEX(name);
 }
 
 void ReadLoadCaseFile(std::int32_t number) {
   const std::string name = FILEIO_NUMBEREDNAME(FILES::LoadCaseMap.name, number);
   FILEIO_OPENREAD(FILEIO::ReadUnit, name);
-  FELOADCASE::NodalConstraints =
-      FILEIO_READTABLE<NodalConstraintRecord>(FELOADCASE::NumNodalConstraints);
+  FEDOF::NodalConstraints = FILEIO_READTABLE<NodalConstraintRecord>(FEDOF::NumNodalConstraints);
   FELOADCASE::NodalForces2 = FILEIO_READTABLE<NodalForceRecord>(FELOADCASE::NumNodalForces2);
   FELOADCASE::NodalForces3 = FILEIO_READTABLE<NodalForceRecord>(FELOADCASE::NumNodalForces3);
   ReadNodalScalars(name);
@@ -99,62 +91,17 @@ void ReadLoadCaseFile(std::int32_t number) {
 }
 
 void BuildSupportList() {
-  const NodalConstraintRecord* rows = FELOADCASE::NodalConstraints.get();
-  const std::int32_t count = std::max(FELOADCASE::NumNodalConstraints, 0);
-  FELOADCASE::NumSupports = static_cast<std::int32_t>(std::count_if(rows, rows + count, IsPenalty));
+  const NodalConstraintRecord* rows = FEDOF::NodalConstraints.get();
+  const std::int32_t count = std::max(FEDOF::NumNodalConstraints, 0);
+  FELOADCASE::NumSupports =
+      static_cast<std::int32_t>(std::count_if(rows, rows + count, FEDOF_ISSUPPORT));
   FELOADCASE::SupportList = ARRAYS_ALLOCATE<std::int32_t>(FELOADCASE::NumSupports);
   std::int32_t next = 0;
   for (std::int32_t row = 1; row <= count; ++row)
-    if (IsPenalty(rows[Slot(row)])) FELOADCASE::SupportList[next++] = row;
-}
-
-// Clears the three component bits of every node that an active element touches.
-void MarkActiveNodes() {
-  for (std::int32_t e = 1; e <= FEMODEL::NumElements; ++e) {
-    if (!FEMODEL_ISACTIVE(e)) continue;
-    const ElementRecord& element = FEMODEL::Elements[Slot(e)];
-    const std::int32_t* nodes = FEMODEL_NODES(element);
-    const int count = FEMODEL_NODECOUNT(element.TypeCode);
-    for (int i = 0; i < count; ++i) NodeDofState[Slot(nodes[i])] &= FELOADCASE::NodeStateActive;
-  }
-}
-
-// Later rows win. The test is on the value: NaN counts as non-zero.
-void ApplyPrescribed() {
-  for (std::int32_t r = 1; r <= FELOADCASE::NumNodalConstraints; ++r) {
-    const NodalConstraintRecord& row = FELOADCASE::NodalConstraints[Slot(r)];
-    if (IsPenalty(row)) continue;
-    for (int k = 0; k < 3; ++k) {
-      if ((row.DofMask & (1u << k)) == 0) continue;
-      NodeDofState[Slot(row.Node)] |= static_cast<std::uint8_t>(1u << k);
-      NodeDofMap[3 * Slot(row.Node) + k] = row.Value[k] == 0.0f ? 0 : -r;
-    }
-  }
-}
-
-std::int32_t NumberEquations() {
-  std::int32_t equation = 0;
-  for (std::int64_t node = 0; node < FEMODEL::NumNodes; ++node)
-    for (int k = 0; k < 3; ++k)
-      if ((NodeDofState[node] & (1u << k)) == 0) NodeDofMap[3 * node + k] = ++equation;
-  return equation;
+    if (FEDOF_ISSUPPORT(rows[Slot(row)])) FELOADCASE::SupportList[next++] = row;
 }
 
 }  // namespace
-
-void FELOADCASE_BUILDNUMBERING() {
-  const std::int64_t nodes = std::max(FEMODEL::NumNodes, 0);
-  NodeDofState = ARRAYS_ALLOCATE<std::uint8_t>(nodes);
-  std::fill_n(NodeDofState.get(), nodes, FELOADCASE::NodeStateUnused);
-  MarkActiveNodes();
-  NodeDofMap = ARRAYS_ALLOCATE<std::int32_t>(3 * nodes);
-  std::fill_n(NodeDofMap.get(), 3 * nodes, 0);
-  ApplyPrescribed();
-  const std::int32_t* map = NodeDofMap.get();
-  FELOADCASE::LastPrescribingRow = nodes > 0 ? -*std::min_element(map, map + 3 * nodes) : 0;
-  FELOADCASE::NumEquations = NumberEquations();
-  if (FELOADCASE::NumEquations == 0) AbortNoEquations();
-}
 
 void FELOADCASE_PREPARE(std::int32_t number, std::int32_t kind, std::int32_t patternIndex) {
   VKCORE::LCaseId = number;
@@ -168,11 +115,15 @@ void FELOADCASE_PREPARE(std::int32_t number, std::int32_t kind, std::int32_t pat
   LOGGER_POSTINF("LCasePatInx: ", patternIndex);
   ReadLoadCaseFile(number);
   BuildSupportList();
-  if (VKCORE::PatternChanged) {
-    FELOADCASE_BUILDNUMBERING();
-    FELOADCASE::Displacements = ARRAYS_ALLOCATE<double>(FELOADCASE::NumEquations);
-  }
-  if (!NodeDofMap) AbortNoEquations();  // a first pattern index of 0 leaves no numbering
+  if (VKCORE::PatternChanged) FEDOF_BUILDNUMBERING();
+  FEDOF_REQUIREEQUATIONS();  // a first pattern index of 0 leaves no numbering
   FENOD_LOADDISP(FILEIO::ReadUnit, FILEIO_NUMBEREDNAME(FILES::Displacements.name, number),
-                 FELOADCASE::Displacements.get());
+                 FEDOF::Displacements.get());
+}
+
+void FELOADCASE_SAVESTATE(std::int32_t number) {
+  FILEIO_OPENWRITE(FILEIO::WriteUnit, FILEIO_NUMBEREDNAME(FILES::ElementState.name, number));
+  FILEIO_WRITEVALUE(FEMODEL::NumElements);
+  FILEIO_WRITEARRAY(FELOADCASE::ElementState.get(), FEMODEL::NumElements);
+  FILEIO_FLUSHCLOSE(FILEIO::WriteUnit);
 }

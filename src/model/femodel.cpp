@@ -4,7 +4,6 @@
 #include <cmath>
 #include <limits>
 
-#include "model/feloadcase.hpp"
 #include "model/fileio.hpp"
 #include "model/files.hpp"
 
@@ -128,5 +127,4 @@ void FEMODEL_LOAD() {
   ReadElements();
   ReadLevelField();
   CheckElements();
-  FELOADCASE::PreviousPattern = 0;
 }

@@ -36,9 +36,9 @@ inline Array<ConnRecord<10>> Conn41;
 
 }  // namespace FEMODEL
 
-// Reads mx.mats, mx.nodes, mxs.nodeflags, mxs.tpadr, mx.elems, mxs.elemflags and mxs.tp, derives
-// MaterialStiffness and NodeTpFactor, and resets the previous pattern index to 0. Aborts: a file
-// can't be opened, read or closed, an array can't be allocated, an index would leave its array.
+// Reads mx.mats, mx.nodes, mxs.nodeflags, mxs.tpadr, mx.elems, mxs.elemflags and mxs.tp, and
+// derives MaterialStiffness and NodeTpFactor. Aborts: a file can't be opened, read or closed, an
+// array can't be allocated, an index would leave its array.
 void FEMODEL_LOAD();
 
 // MaterialStiffness from Materials, in float32; defined in material_stiffness.cpp. A material of no

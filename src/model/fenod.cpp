@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstdint>
 
-#include "model/feloadcase.hpp"
+#include "model/fedof.hpp"
 #include "model/femodel.hpp"
 #include "model/fileio.hpp"
 #include "model/files.hpp"
@@ -25,13 +25,12 @@ bool ReadNodalValues(float* values) {
 void FENOD_SAVEDISP(int unit, std::string_view fileName, const double* displacements) {
   const auto values = ARRAYS_ALLOCATE<float>(NumNodalValues());
   float* target = values.get();
-  const std::int32_t* map = FELOADCASE::NodeDofMap.get();
+  const std::int32_t* map = FEDOF::NodeDofMap.get();
   const std::int64_t nodes = FEMODEL::NumNodes;
 #pragma omp parallel for schedule(static)
   for (std::int64_t node = 0; node < nodes; ++node)
     for (int k = 0; k < 3; ++k)
-      target[3 * node + k] =
-          static_cast<float>(FELOADCASE_DOFVALUE(map[3 * node + k], k, displacements));
+      target[3 * node + k] = static_cast<float>(FEDOF_VALUE(map[3 * node + k], k, displacements));
   FILEIO_OPENWRITE(unit, fileName);
   FILEIO_WRITEVALUE(FILES::SaveKind);
   FILEIO_WRITEVALUE(static_cast<std::int32_t>(NumNodalValues()));
@@ -41,7 +40,7 @@ void FENOD_SAVEDISP(int unit, std::string_view fileName, const double* displacem
 
 bool FENOD_LOADDISP(int unit, std::string_view fileName, double* displacements) {
   if (!STREAM_EXISTS(fileName)) {
-    std::fill_n(displacements, FELOADCASE::NumEquations, 0.0);
+    std::fill_n(displacements, FEDOF::NumEquations, 0.0);
     return false;
   }
   const auto values = ARRAYS_ALLOCATE<float>(NumNodalValues());
@@ -49,11 +48,11 @@ bool FENOD_LOADDISP(int unit, std::string_view fileName, double* displacements) 
   const bool complete = FEMODEL::NumNodes < 1 || ReadNodalValues(values.get());
   FILEIO_CLOSEREAD(unit);
   if (!complete) {
-    std::fill_n(displacements, FELOADCASE::NumEquations, 0.0);
+    std::fill_n(displacements, FEDOF::NumEquations, 0.0);
     return true;
   }
   const float* source = values.get();
-  const std::int32_t* map = FELOADCASE::NodeDofMap.get();
+  const std::int32_t* map = FEDOF::NodeDofMap.get();
   const std::int64_t nodes = FEMODEL::NumNodes;
 #pragma omp parallel for schedule(static)
   for (std::int64_t i = 0; i < 3 * nodes; ++i)

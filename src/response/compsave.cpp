@@ -8,7 +8,7 @@
 
 #include "elements/feelem.hpp"
 #include "elements/response_arrays.hpp"
-#include "model/feloadcase.hpp"
+#include "model/fedof.hpp"
 #include "model/femodel.hpp"
 #include "model/fileio.hpp"
 #include "model/files.hpp"
@@ -94,8 +94,8 @@ void COMPSAVE_FREERESPONSE() {
 
 double COMPSAVE_MAGNITUDES() {
   double maxDisValue = 0.0;
-  const std::int32_t* map = FELOADCASE::NodeDofMap.get();
-  const double* displacements = FELOADCASE::Displacements.get();
+  const std::int32_t* map = FEDOF::NodeDofMap.get();
+  const double* displacements = FEDOF::Displacements.get();
   float* magnitudes = RESPONSE::DisValues.get();
 #pragma omp parallel for schedule(static)
   for (std::int64_t node = 0; node < RESPONSE::NumNodes; ++node) {
@@ -103,7 +103,7 @@ double COMPSAVE_MAGNITUDES() {
     double full = 0.0;
     for (int k = 0; k < 3; ++k) {
       const std::int32_t dof = map[3 * node + k];
-      const double u = FELOADCASE_DOFVALUE(dof, k, displacements);
+      const double u = FEDOF_VALUE(dof, k, displacements);
       full += u * u;
       if (dof > 0) free += u * u;
     }
@@ -150,7 +150,7 @@ void VKCORE_COMPSAVERESPONSE() {
   COMPSAVE_INITRESPONSE(FEMODEL::NumTp, FEMODEL::NumNodes);
   const double maxDisValue = COMPSAVE_MAGNITUDES();
   ResponseTotals totals;
-  FEELEM_RESPONSE(FELOADCASE::Displacements.get(), totals);
+  FEELEM_RESPONSE(FEDOF::Displacements.get(), totals);
   COMPSAVE_REDUCETC();
   COMPSAVE_REDUCEAMS();
   if (VKCORE::TcBlendFactor > 0.0f)

@@ -5,19 +5,10 @@
 #include <string>
 #include <string_view>
 
-#include "model/records.hpp"
-#include "run/services/arrays.hpp"
-
 namespace RUN {
 
 inline std::int64_t RunStartTicks = 0;
 inline std::int64_t LoadCaseStartTicks = 0;
-
-inline std::int32_t NumLoadCases = 0;        // the count of mxs.lcflags
-inline std::int32_t NumLoadCaseRecords = 0;  // rows of mxs.lcdata, where the two counts differ
-inline Array<LoadCaseRecord> LoadCases;      // [load case]
-inline Array<std::int32_t> LoadCaseFlags;    // [load case]; the restart point, rewritten as we go
-inline Array<float> LoadCaseValues;          // [load case]; carried along unread
 
 }  // namespace RUN
 
@@ -25,8 +16,8 @@ inline Array<float> LoadCaseValues;          // [load case]; carried along unrea
 // Ends the process: status 0, or a stop code.
 [[noreturn]] void RUN_ENTRY(std::string_view directory);
 
-// Reads the load-case tables and the model. Aborts: format number, file and allocation failures, a
-// load-case number or position without a record.
+// Reads the load-case tables and the model; no pattern counts as run. Aborts: format number, file
+// and allocation failures, a load-case number or position without a record.
 void RUN_READINPUT();
 
 // Reads the input, then runs every load case that is requested, not done

@@ -1,7 +1,10 @@
 #include "solver/analysis.hpp"
 
+#include <algorithm>
 #include <cstdint>
+#include <iterator>
 
+#include "model/fedof.hpp"
 #include "model/feloadcase.hpp"
 #include "model/femodel.hpp"
 #include "platform/slot.hpp"
@@ -9,7 +12,7 @@
 #include "run/services/vkcore.hpp"
 #include "solver/slepardisosolver.hpp"
 #include "solver/slepccgsolver.hpp"
-#include "solver/solversta.hpp"
+#include "solver/system_arrays.hpp"
 
 namespace {
 
@@ -25,7 +28,7 @@ void PushLoad(const NodalForceRecord& load, double* rhs) {
   if (IsMarked(load.Node)) return;
   const double force[3] = {static_cast<double>(load.Fx), static_cast<double>(load.Fy),
                            static_cast<double>(load.Fz)};
-  const std::int32_t* dofs = &FELOADCASE::NodeDofMap[3 * Slot(load.Node)];
+  const std::int32_t* dofs = &FEDOF::NodeDofMap[3 * Slot(load.Node)];
   for (int k = 0; k < 3; ++k) {
     if (dofs[k] > 0) rhs[Slot(dofs[k])] += force[k];
 #pragma omp atomic
@@ -43,24 +46,24 @@ void PushLoads(const NodalForceRecord* loads, std::int32_t count) {
 // To the variables of the unit-diagonal matrix.
 void ScaleSystem() {
   for (std::int64_t i = 0; i < SOLVERSTA::NumEquations; ++i) {
-    FELOADCASE::Displacements[i] /= SOLVERSTA::SysScale[i];
+    FEDOF::Displacements[i] /= SOLVERSTA::SysScale[i];
     SOLVERSTA::SysRhs[i] *= SOLVERSTA::SysScale[i];
   }
 }
 
 void UnscaleDisplacements() {
   for (std::int64_t i = 0; i < SOLVERSTA::NumEquations; ++i)
-    FELOADCASE::Displacements[i] *= SOLVERSTA::SysScale[i];
+    FEDOF::Displacements[i] *= SOLVERSTA::SysScale[i];
 }
 
 void Solve() {
   using namespace SOLVERSTA;
   if (UseIm4)
     SLEPCCGSOLVER_COMPUTE_I4(pR4.get(), pC4.get(), SysMatrixSP.get(), SysMatrix.get(), SysRhs.get(),
-                             FELOADCASE::Displacements.get());
+                             FEDOF::Displacements.get());
   else
     SLEPCCGSOLVER_COMPUTE_I8(pR8.get(), pC8.get(), SysMatrixSP.get(), SysMatrix.get(), SysRhs.get(),
-                             FELOADCASE::Displacements.get());
+                             FEDOF::Displacements.get());
 }
 
 void JudgeQuality() {
@@ -75,6 +78,13 @@ void JudgeQuality() {
 void PUSHALLLOADSTOSOLVER() {
   PushLoads(FELOADCASE::NodalForces2.get(), FELOADCASE::NumNodalForces2);
   PushLoads(FELOADCASE::NodalForces3.get(), FELOADCASE::NumNodalForces3);
+}
+
+void VKCORE_FORMRIGHTHANDSIDE() {
+  std::fill(std::begin(VKCORE::AppliedLoadSum), std::end(VKCORE::AppliedLoadSum), 0.0);
+  for (std::int64_t i = 0; i < SOLVERSTA::NumEquations; ++i)
+    SOLVERSTA::SysRhs[i] = -SOLVERSTA::SysForces[i];
+  PUSHALLLOADSTOSOLVER();
 }
 
 void VKCORE_RUNANALYSIS() {

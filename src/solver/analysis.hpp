@@ -1,10 +1,12 @@
-// Module VKCORE, analysis step: completes the right-hand side with the external loads, solves the
-// scaled system for the displacement correction, and judges the solve.
+// Module VKCORE, analysis step: forms the right-hand side, solves the scaled system for the
+// displacement correction, and judges the solve.
 #pragma once
 
-// Adds the nodal forces of both lists to SysRhs, which holds minus the internal forces, and to
-// AppliedLoadSum. Loads on marked nodes are skipped; a load on a fixed component counts in the sum
-// only. A list must hold a node once.
+// SysRhs and AppliedLoadSum: minus the internal forces of SysForces, and the nodal forces.
+void VKCORE_FORMRIGHTHANDSIDE();
+
+// Adds the nodal forces of both lists to SysRhs and to AppliedLoadSum. Loads on marked nodes are
+// skipped; a load on a fixed component counts in the sum only. A list must hold a node once.
 void PUSHALLLOADSTOSOLVER();
 
 // One linear solve. In: SysRhs, SysMatrix scaled to a unit diagonal, SysScale, Displacements as the

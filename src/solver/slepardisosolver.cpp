@@ -9,7 +9,7 @@
 #include "platform/slot.hpp"
 #include "run/services/logger.hpp"
 #include "run/services/vkcore.hpp"
-#include "solver/solversta.hpp"
+#include "solver/system_arrays.hpp"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include "platform/slot.hpp"
 #include "run/services/arrays.hpp"
 #include "solver/slepardisosolver.hpp"
-#include "solver/solversta.hpp"
+#include "solver/system_arrays.hpp"
 
 namespace {
 

@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <string>
 
-#include "model/feloadcase.hpp"
+#include "model/fedof.hpp"
 #include "model/femodel.hpp"
 #include "model/fileio.hpp"
 #include "platform/slot.hpp"
@@ -55,7 +55,7 @@ std::int64_t CompressAddresses(const std::int32_t* map, std::int64_t components,
       RawColumn[Slot(++written)] = previous = column;
     }
   }
-  if (rows != FELOADCASE::NumEquations) FILEIO_INVALIDINDEX(fileName);
+  if (rows != FEDOF::NumEquations) FILEIO_INVALIDINDEX(fileName);
   RawRowStart[Slot(rows + 1)] = written + 1;
   NumRawRows = static_cast<std::int32_t>(rows);
   return written;
@@ -136,7 +136,7 @@ void SOLVERSTA_CONFIGURE(int unit, std::string_view fileName) {
   const std::int64_t components = 3 * std::int64_t{FEMODEL::NumNodes};
   if (NumRawRows < 1 || NumRawRows > components) FILEIO_INVALIDINDEX(fileName);
   Array<std::int32_t> map = ARRAYS_ALLOCATE<std::int32_t>(components);
-  std::copy_n(FELOADCASE::NodeDofMap.get(), components, map.get());
+  std::copy_n(FEDOF::NodeDofMap.get(), components, map.get());
   const std::int64_t entries = CompressAddresses(map.get(), components, fileName);
   map.reset();
 

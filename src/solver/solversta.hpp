@@ -1,44 +1,10 @@
-// Module SOLVERSTA: the equation system of one constraint pattern.
-// Built by SOLVERSTA_CONFIGURE, kept until the pattern changes, freed by SOLVERSTA_RELEASE.
-// Compressed upper triangle, rows in equation order; index values are 1-based. Invariant: the first
-// entry of row i, at position pR(i), is its diagonal, the other columns ascend. One index pair
-// exists at a time. The assembly loops fill SysForces and SysMatrix; once scaled, SysMatrix has a
-// unit diagonal.
+// Module SOLVERSTA, set-up: makes and frees the equation system of a constraint pattern.
 #pragma once
 
 #include <cstdint>
 #include <string_view>
 
-#include "run/services/arrays.hpp"
-#include "run/services/vkcore.hpp"
-
-namespace SOLVERSTA {
-
-// Values of IMode: what the option Sys.ComputationMode asks for and the PARDISO driver resolves.
-using VKCORE::ModeAutomatic;
-using VKCORE::ModeFactorised;
-using VKCORE::ModeIterative;
-inline std::int32_t IMode = ModeAutomatic;
-
-inline std::int32_t NumEquations = 0;
-inline std::int64_t NumEntries = 0;  // low 32 bits of the true count, sign-extended
-inline std::int32_t MaxBW = 0;       // bandwidth figure of the file, logged only
-
-inline bool UseIm4 = true;       // 32-bit index path: pR4, pC4; otherwise pR8, pC8
-inline Array<std::int32_t> pR4;  // [NumEquations + 1] position of each row's first entry
-inline Array<std::int32_t> pC4;  // [NumEntries] column of each entry
-inline Array<std::int64_t> pR8;
-inline Array<std::int64_t> pC8;
-
-inline Array<double> SysMatrix;   // [NumEntries]
-inline Array<float> SysMatrixSP;  // [NumEntries] copy for the factor; made by its driver
-inline Array<double> SysForces;   // [NumEquations] internal forces
-inline Array<double> SysRhs;      // [NumEquations] right-hand side
-inline Array<double> SysScale;    // [NumEquations] 1 / sqrt(diagonal)
-
-inline bool SolverReady = false;  // the solver is prepared for the present SysMatrix
-
-}  // namespace SOLVERSTA
+#include "solver/system_arrays.hpp"
 
 // Reads the raw structure of all 3 x nodes components, drops the constrained ones, chooses the
 // index path, posts the "SysConfig" line and allocates the system arrays, uncleared. Aborts: file

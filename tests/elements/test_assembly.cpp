@@ -47,7 +47,7 @@ struct Twin {
       ElementDofs dofs;
       ElementVector f;
       ElementMatrix m;
-      FEELEM_MATRIXANDFORCES(e, FELOADCASE::Displacements.get(), count, dofs, f, m);
+      FEELEM_MATRIXANDFORCES(e, FEDOF::Displacements.get(), count, dofs, f, m);
       Add(count, dofs, f, m, MaxElementDofs);
     }
   }
@@ -97,8 +97,8 @@ class Assembly : public SmallModel, public testing::WithParamInterface<bool> {
     SmallModel::SetUp();
     SetBox(3, 2, 2);
     SetModel(ClampedFace());
-    for (std::int32_t i = 0; i < FELOADCASE::NumEquations; ++i)
-      FELOADCASE::Displacements[i] = 0.01 * std::cos(2.0 * i);
+    for (std::int32_t i = 0; i < FEDOF::NumEquations; ++i)
+      FEDOF::Displacements[i] = 0.01 * std::cos(2.0 * i);
   }
 };
 
@@ -177,7 +177,7 @@ TEST_P(Assembly, ElementWithoutEquationsAddsNothing) {
   ElementDofs dofs;
   ElementVector forces;
   ElementMatrix matrix;
-  FEELEM_MATRIXANDFORCES(31, FELOADCASE::Displacements.get(), count, dofs, forces, matrix);
+  FEELEM_MATRIXANDFORCES(31, FEDOF::Displacements.get(), count, dofs, forces, matrix);
   ASSERT_EQ(count, 12);
   SOLVERSTA_ADDTOFFUSYM(count, dofs, forces, matrix, MaxElementDofs);
   for (std::int64_t p = 0; p < SOLVERSTA::NumEntries; ++p) EXPECT_EQ(SOLVERSTA::SysMatrix[p], 0.0);
@@ -222,7 +222,7 @@ TEST_P(Assembly, PrescribedDisplacementWithoutLoadsGivesForcesAtItsFreeNeighbour
         if (FEMODEL::Conn40[e].Node[a] == moved)
           neighbour[static_cast<std::size_t>(FEMODEL::Conn40[e].Node[b] - 1)] = true;
   for (std::int32_t node = 0; node < FEMODEL::NumNodes; ++node) {
-    const std::int32_t d = FELOADCASE::NodeDofMap[3 * node];
+    const std::int32_t d = FEDOF::NodeDofMap[3 * node];
     if (d <= 0) continue;
     if (neighbour[static_cast<std::size_t>(node)])
       EXPECT_NE(SOLVERSTA::SysForces[d - 1], 0.0) << node + 1;
@@ -235,7 +235,7 @@ TEST_P(Assembly, MarkedNodeHasItsDiagonalRaisedBeforeScaling) {
   omp_set_num_threads(1);
   PREPARESYSMATRIXANDINTERNALFORCES();
   const std::int32_t node = FEMODEL::NumNodes;
-  const std::int32_t equation = FELOADCASE::NodeDofMap[3 * Slot(node)];
+  const std::int32_t equation = FEDOF::NodeDofMap[3 * Slot(node)];
   std::vector<double> before(SOLVERSTA::SysScale.get(),
                              SOLVERSTA::SysScale.get() + SOLVERSTA::NumEquations);
   FEMODEL::NodeFlags[Slot(node)] = NodeMarked;
@@ -253,7 +253,7 @@ TEST_P(Assembly, MarkOnANodeWithoutFreeComponentsRaisesNothing) {
   const std::int32_t node = FEMODEL::NumNodes;
   const double scale = SOLVERSTA::SysScale[SOLVERSTA::NumEquations - 1];
   FEMODEL::NodeFlags[Slot(node)] = NodeMarked;
-  FELOADCASE::NodeDofState[Slot(node)] = FELOADCASE::NodeStateUnused;
+  FEDOF::NodeDofState[Slot(node)] = FEDOF::NodeStateUnused;
   PREPARESYSMATRIXANDINTERNALFORCES();
   EXPECT_EQ(SOLVERSTA::SysScale[SOLVERSTA::NumEquations - 1], scale);
 }
@@ -275,8 +275,7 @@ TEST_P(Assembly, UnsortedAndConstrainedEquationNumbersScatterLikeTheTwin) {
   for (int round = 0; round < 200; ++round) {
     const ConnRecord<4>& row = FEMODEL::Conn40[static_cast<std::int32_t>(random() % 72)];
     ElementDofs dofs;
-    for (int i = 0; i < 12; ++i)
-      dofs[i] = FELOADCASE::NodeDofMap[3 * Slot(row.Node[i / 3]) + i % 3];
+    for (int i = 0; i < 12; ++i) dofs[i] = FEDOF::NodeDofMap[3 * Slot(row.Node[i / 3]) + i % 3];
     std::shuffle(dofs, dofs + 12, random);
     if (round % 3 == 0) dofs[random() % 12] = -1;
     if (round % 4 == 0) dofs[random() % 12] = 0;
@@ -394,13 +393,13 @@ TEST_P(Supports, ForceIsStiffnessTimesGapAlongEachActiveAxis) {
   row.Axis[0][1] = 0.8f;
   row.Axis[2][2] = 1.0f;
   SetSupports({row});
-  const std::int32_t last = FELOADCASE::NumEquations;
+  const std::int32_t last = FEDOF::NumEquations;
   const double u[3] = {0.1, 0.2, 0.3};
-  for (int k = 0; k < 3; ++k) FELOADCASE::Displacements[last - 3 + k] = u[k];
+  for (int k = 0; k < 3; ++k) FEDOF::Displacements[last - 3 + k] = u[k];
   std::int32_t count = 0;
   ElementDofs dofs;
   ElementVector forces;
-  SOLVERSTA_SUPPORTFORCE(1, FELOADCASE::Displacements.get(), count, dofs, forces);
+  SOLVERSTA_SUPPORTFORCE(1, FEDOF::Displacements.get(), count, dofs, forces);
   EXPECT_EQ(count, 3);
   for (int k = 0; k < 3; ++k) EXPECT_EQ(dofs[k], last - 2 + k);
   const double g = u[0] * double{0.6f} + u[1] * double{0.8f} - 0.25;
@@ -422,8 +421,8 @@ TEST_P(Supports, MatrixIsTheUpperTriangleOfTheAxisProductsWithTheSameForces) {
   double forces[3];
   ElementVector expected;
   SupportMatrix matrix;
-  SOLVERSTA_SUPPORTFORCE(1, FELOADCASE::Displacements.get(), count, dofs, expected);
-  SOLVERSTA_SUPPORTMATRIXANDFORCE(1, FELOADCASE::Displacements.get(), count, dofs, forces, matrix);
+  SOLVERSTA_SUPPORTFORCE(1, FEDOF::Displacements.get(), count, dofs, expected);
+  SOLVERSTA_SUPPORTMATRIXANDFORCE(1, FEDOF::Displacements.get(), count, dofs, forces, matrix);
   const double n[2][3] = {{0.5, -0.25, 1.0}, {0.0, 1.0, 0.0}};
   for (int i = 0; i < 3; ++i) {
     EXPECT_EQ(forces[i], expected[i]);
@@ -438,7 +437,7 @@ TEST_P(Supports, DisplacementOfAPrescribedComponentComesFromItsRow) {
   std::int32_t count = 0;
   ElementDofs dofs;
   ElementVector forces;
-  SOLVERSTA_SUPPORTFORCE(1, FELOADCASE::Displacements.get(), count, dofs, forces);
+  SOLVERSTA_SUPPORTFORCE(1, FEDOF::Displacements.get(), count, dofs, forces);
   EXPECT_EQ(forces[0], 0.5);
 }
 
@@ -447,10 +446,10 @@ TEST_P(Supports, NodeWithOneFreeComponentAddsToThatDiagonalOnly) {
   const std::int32_t node = FEMODEL::NumNodes;
   SetSupports({Prescribed(node, 5), Support(node, 7)});
   for (std::int32_t e = 0; e < FEMODEL::NumElements; ++e) FEMODEL::ElementFlags[e] = 0x100;
-  FELOADCASE::Displacements[FELOADCASE::NumEquations - 1] = 0.5;
+  FEDOF::Displacements[FEDOF::NumEquations - 1] = 0.5;
   PREPARESYSMATRIXANDINTERNALFORCES();
-  const std::int32_t free = FELOADCASE::NodeDofMap[3 * Slot(node) + 1];
-  ASSERT_EQ(free, FELOADCASE::NumEquations);
+  const std::int32_t free = FEDOF::NodeDofMap[3 * Slot(node) + 1];
+  ASSERT_EQ(free, FEDOF::NumEquations);
   for (std::int32_t i = 1; i <= SOLVERSTA::NumEquations; ++i) {
     EXPECT_EQ(SOLVERSTA::SysForces[i - 1], i == free ? 20.0 : 0.0);
     if (i == free)
@@ -466,8 +465,8 @@ TEST_P(Supports, TwoSupportsOnOneNodeAddUpInBothPasses) {
   SetSupports({Support(node, 1), Support(node, 1)});
   ASSERT_EQ(FELOADCASE::NumSupports, 2);
   for (std::int32_t e = 0; e < FEMODEL::NumElements; ++e) FEMODEL::ElementFlags[e] = 0x100;
-  const std::int32_t equation = FELOADCASE::NumEquations - 2;
-  FELOADCASE::Displacements[equation - 1] = 0.5;
+  const std::int32_t equation = FEDOF::NumEquations - 2;
+  FEDOF::Displacements[equation - 1] = 0.5;
   PREPARESYSINTERNALFORCES();
   EXPECT_EQ(SOLVERSTA::SysForces[equation - 1], 10.0);
   PREPARESYSMATRIXANDINTERNALFORCES();

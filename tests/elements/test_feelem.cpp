@@ -51,8 +51,8 @@ class Feelem : public SmallModel {
     SetConstraints({Prescribed(2, 7, 0.01f, 0.0f, -0.02f)});
     FEMODEL::ElementFlags[3] = 0;
     SetNumbering();
-    for (std::int32_t i = 0; i < FELOADCASE::NumEquations; ++i)
-      FELOADCASE::Displacements[i] = 0.001 * std::sin(3.0 * i);
+    for (std::int32_t i = 0; i < FEDOF::NumEquations; ++i)
+      FEDOF::Displacements[i] = 0.001 * std::sin(3.0 * i);
     for (std::int32_t i = 0; i < FEMODEL::NumNodes; ++i)
       FEMODEL::NodeTpFactor[i] = 0.3f * static_cast<float>(std::cos(i));
     FELOADCASE::NodalScalars = Copy(std::vector<float>(14, 25.0f));
@@ -86,9 +86,9 @@ class Feelem : public SmallModel {
       g.coords[3 * i + 1] = double{node.Y};
       g.coords[3 * i + 2] = double{node.Z};
       for (int k = 0; k < 3; ++k) {
-        const std::int32_t d = FELOADCASE::NodeDofMap[3 * Slot(nodes[i]) + k];
-        g.disp[3 * i + k] = d > 0   ? FELOADCASE::Displacements[d - 1]
-                            : d < 0 ? double{FELOADCASE::NodalConstraints[0].Value[k]}
+        const std::int32_t d = FEDOF::NodeDofMap[3 * Slot(nodes[i]) + k];
+        g.disp[3 * i + k] = d > 0   ? FEDOF::Displacements[d - 1]
+                            : d < 0 ? double{FEDOF::NodalConstraints[0].Value[k]}
                                     : 0.0;
       }
       if (i < levels) g.phi[i] = double{FEMODEL::NodeTpFactor[Slot(nodes[i])]};
@@ -113,7 +113,7 @@ class Feelem : public SmallModel {
     std::int32_t dofCount = 0;
     ElementDofs dofs;
     ElementVector forces;
-    FEELEM_INTERNALFORCES(element, FELOADCASE::Displacements.get(), dofCount, dofs, forces);
+    FEELEM_INTERNALFORCES(element, FEDOF::Displacements.get(), dofCount, dofs, forces);
     for (int i = 0; i < dofCount; ++i) EXPECT_EQ(forces[i], expected[i]) << i;
   }
 
@@ -130,16 +130,15 @@ class Feelem : public SmallModel {
     return {r, r + 9};
   }
 
-  void RunResponse() { FEELEM_RESPONSE(FELOADCASE::Displacements.get(), totals_); }
+  void RunResponse() { FEELEM_RESPONSE(FEDOF::Displacements.get(), totals_); }
 
   // A pure stretch or compression of every node along x.
   void Stretch(double strain) {
     for (std::int32_t node = 0; node < FEMODEL::NumNodes; ++node)
       for (int k = 0; k < 3; ++k)
-        if (const std::int32_t d = FELOADCASE::NodeDofMap[3 * node + k]; d > 0)
-          FELOADCASE::Displacements[d - 1] =
-              k == 0 ? strain * double{FEMODEL::NodeCoords[node].X} : 0.0;
-    FELOADCASE::NodalConstraints[0] = Prescribed(2, 7, static_cast<float>(strain));
+        if (const std::int32_t d = FEDOF::NodeDofMap[3 * node + k]; d > 0)
+          FEDOF::Displacements[d - 1] = k == 0 ? strain * double{FEMODEL::NodeCoords[node].X} : 0.0;
+    FEDOF::NodalConstraints[0] = Prescribed(2, 7, static_cast<float>(strain));
   }
 
   void SetLevel(float value) {
@@ -161,10 +160,8 @@ TEST_F(Feelem, MatrixOperationDeliversTheSameForcesAndTheKernelsMatrix) {
     ElementDofs dofs, dofsOfForces;
     ElementVector forces, expected, kernelForces;
     ElementMatrix matrix, kernelMatrix;
-    FEELEM_INTERNALFORCES(element, FELOADCASE::Displacements.get(), dofCount, dofsOfForces,
-                          expected);
-    FEELEM_MATRIXANDFORCES(element, FELOADCASE::Displacements.get(), dofCount, dofs, forces,
-                           matrix);
+    FEELEM_INTERNALFORCES(element, FEDOF::Displacements.get(), dofCount, dofsOfForces, expected);
+    FEELEM_MATRIXANDFORCES(element, FEDOF::Displacements.get(), dofCount, dofs, forces, matrix);
     const Gathered g = Gather(element, 1.0f, element == 2 ? 8 : 4);
     if (element == 1)
       FEKERNEL_TET4_MATRIX(g.loadData, g.stiffness, g.coords, g.phi, g.disp, g.scalars,
@@ -251,8 +248,8 @@ TEST_F(Feelem, UnknownTypeRunsNoKernelAndLeavesOutputsAlone) {
   ElementDofs dofs = {5};
   ElementVector forces = {2.5};
   ElementMatrix matrix = {3.5};
-  FEELEM_INTERNALFORCES(4, FELOADCASE::Displacements.get(), dofCount, dofs, forces);
-  FEELEM_MATRIXANDFORCES(4, FELOADCASE::Displacements.get(), dofCount, dofs, forces, matrix);
+  FEELEM_INTERNALFORCES(4, FEDOF::Displacements.get(), dofCount, dofs, forces);
+  FEELEM_MATRIXANDFORCES(4, FEDOF::Displacements.get(), dofCount, dofs, forces, matrix);
   EXPECT_EQ(dofCount, 7);
   EXPECT_EQ(dofs[0], 5);
   EXPECT_EQ(forces[0], 2.5);

@@ -26,15 +26,15 @@ class Fegeom : public SmallModel {
     SetConstraints({Prescribed(1, 7), Prescribed(2, 7, 0.1f, 0.2f, 0.3f)});
     std::vector<std::int32_t> map = {0, 0, 0, -2, -2, -2};
     for (std::int32_t equation = 1; equation <= 30; ++equation) map.push_back(equation);
-    FELOADCASE::NodeDofMap = Copy(map);
+    FEDOF::NodeDofMap = Copy(map);
     for (int i = 1; i <= 30; ++i) solution_.push_back(100.0 + i);
   }
 
   // By the definition, one value at a time.
   double Displacement(std::int32_t node, int k) const {
-    const std::int32_t d = FELOADCASE::NodeDofMap[3 * Slot(node) + k];
+    const std::int32_t d = FEDOF::NodeDofMap[3 * Slot(node) + k];
     if (d > 0) return solution_[static_cast<std::size_t>(d - 1)];
-    return d < 0 ? double{FELOADCASE::NodalConstraints[-d - 1].Value[k]} : 0.0;
+    return d < 0 ? double{FEDOF::NodalConstraints[-d - 1].Value[k]} : 0.0;
   }
 
   void ExpectGather(std::int32_t element, const std::int32_t* nodes, int count) {
@@ -45,7 +45,7 @@ class Fegeom : public SmallModel {
     FEGEOM_ELEMDISP(element, solution_.data(), disp);
     EXPECT_EQ(dofCount, 3 * count);
     for (int i = 0; i < 3 * count; ++i) {
-      EXPECT_EQ(dofs[i], FELOADCASE::NodeDofMap[3 * Slot(nodes[i / 3]) + i % 3]) << i;
+      EXPECT_EQ(dofs[i], FEDOF::NodeDofMap[3 * Slot(nodes[i / 3]) + i % 3]) << i;
       EXPECT_EQ(disp[i], Displacement(nodes[i / 3], i % 3)) << i;
     }
   }

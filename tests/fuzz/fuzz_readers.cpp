@@ -149,11 +149,10 @@ void PassOver(std::int32_t number) {
   if (VKCORE::PatternChanged) SOLVERSTA_CONFIGURE(FILEIO::ReadUnit, "mxs.sadr");
   PREPARESYSMATRIXANDINTERNALFORCES();
   PREPARESYSINTERNALFORCES();
-  std::fill_n(SOLVERSTA::SysRhs.get(), SOLVERSTA::NumEquations, 0.0);
-  PUSHALLLOADSTOSOLVER();
+  VKCORE_FORMRIGHTHANDSIDE();
   VKCORE::TcBlendFactor = 0.5f;
   VKCORE_COMPSAVERESPONSE();
-  FENOD_SAVEDISP(FILEIO::WriteUnit, "ws.out", FELOADCASE::Displacements.get());
+  FENOD_SAVEDISP(FILEIO::WriteUnit, "ws.out", FEDOF::Displacements.get());
 }
 
 void RunDirectory() {

@@ -5,7 +5,6 @@
 #include <string>
 #include <vector>
 
-#include "model/feloadcase.hpp"
 #include "model/femodel.hpp"
 #include "support/close_fault.hpp"
 #include "support/model_files.hpp"
@@ -167,12 +166,6 @@ TEST_F(Femodel, BytesBehindTheLastTableAreNotRead) {
   for (const std::string& name : FilesInReadingOrder) WriteFile(name, ReadFile(name) + "more");
   FEMODEL_LOAD();
   EXPECT_EQ(FEMODEL::NumElements, 1);
-}
-
-TEST_F(Femodel, LoadingResetsThePreviousPattern) {
-  FELOADCASE::PreviousPattern = 5;
-  Load(OneTetrahedron());
-  EXPECT_EQ(FELOADCASE::PreviousPattern, 0);
 }
 
 TEST_F(Femodel, MeanMagnitudeOfTheLevelValuesIsScaledToOneHalf) {

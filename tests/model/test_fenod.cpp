@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "model/feloadcase.hpp"
+#include "model/fedof.hpp"
 #include "model/femodel.hpp"
 #include "model/fenod.hpp"
 #include "model/fileio.hpp"
@@ -24,17 +24,17 @@ class Fenod : public WorkingDirectory {
   void SetUp() override {
     WorkingDirectory::SetUp();
     SetMap({1, 2, 3, 0, -2, 4, 0, 0, 5});
-    FELOADCASE::NumEquations = 5;
-    FELOADCASE::NumNodalConstraints = 2;
-    FELOADCASE::NodalConstraints = ARRAYS_ALLOCATE<NodalConstraintRecord>(2);
-    FELOADCASE::NodalConstraints[0] = Prescribed(3, 3);
-    FELOADCASE::NodalConstraints[1] = Prescribed(2, 2, 91.0f, 0.25f, 92.0f);
+    FEDOF::NumEquations = 5;
+    FEDOF::NumNodalConstraints = 2;
+    FEDOF::NodalConstraints = ARRAYS_ALLOCATE<NodalConstraintRecord>(2);
+    FEDOF::NodalConstraints[0] = Prescribed(3, 3);
+    FEDOF::NodalConstraints[1] = Prescribed(2, 2, 91.0f, 0.25f, 92.0f);
   }
 
   static void SetMap(const std::vector<std::int32_t>& map) {
     FEMODEL::NumNodes = static_cast<std::int32_t>(map.size() / 3);
-    FELOADCASE::NodeDofMap = ARRAYS_ALLOCATE<std::int32_t>(static_cast<std::int64_t>(map.size()));
-    std::copy(map.begin(), map.end(), FELOADCASE::NodeDofMap.get());
+    FEDOF::NodeDofMap = ARRAYS_ALLOCATE<std::int32_t>(static_cast<std::int64_t>(map.size()));
+    std::copy(map.begin(), map.end(), FEDOF::NodeDofMap.get());
   }
 };
 
@@ -51,7 +51,7 @@ struct Loaded {
 
 Loaded Load() {
   Loaded loaded;
-  loaded.displacements.assign(static_cast<std::size_t>(FELOADCASE::NumEquations), 777.0);
+  loaded.displacements.assign(static_cast<std::size_t>(FEDOF::NumEquations), 777.0);
   loaded.exists = FENOD_LOADDISP(FILEIO::ReadUnit, Name, loaded.displacements.data());
   return loaded;
 }
@@ -84,7 +84,7 @@ TEST_F(Fenod, FreeValuesComeBackRoundedToSinglePrecision) {
 TEST_F(Fenod, PrescribedValuesInTheFileArePassedOver) {
   Save();
   SetMap({-1, 0, 1, 0, 2, -2, 0, 0, 3});  // other directions are free now
-  FELOADCASE::NumEquations = 3;
+  FEDOF::NumEquations = 3;
   EXPECT_EQ(Load().displacements, (std::vector<double>{-3.0, 0.25, 5.5}));
 }
 
@@ -133,7 +133,7 @@ TEST_F(Fenod, UndefinedValuesTravel) {
 
 TEST_F(Fenod, ModelWithoutNodesSavesTheHeaderAlone) {
   FEMODEL::NumNodes = 0;
-  FELOADCASE::NumEquations = 0;
+  FEDOF::NumEquations = 0;
   Save();
   EXPECT_EQ(ReadFile(Name), Header(1, 0));
   EXPECT_TRUE(Load().exists);
@@ -154,7 +154,7 @@ TEST_F(Fenod, AnyNumberOfThreadsGivesTheSameFileAndVector) {
     map.push_back(isFree ? static_cast<std::int32_t>(displacements.size()) : 0);
   }
   SetMap(map);
-  FELOADCASE::NumEquations = static_cast<std::int32_t>(displacements.size());
+  FEDOF::NumEquations = static_cast<std::int32_t>(displacements.size());
   const int before = omp_get_max_threads();
   omp_set_num_threads(1);
   Save(displacements);

@@ -28,8 +28,8 @@ class Compsave : public SmallModel {
     SetNumbering();
     for (std::int32_t node = 0; node < FEMODEL::NumNodes; ++node)
       for (int k = 0; k < 3; ++k)
-        if (const std::int32_t d = FELOADCASE::NodeDofMap[3 * node + k]; d > 0)
-          FELOADCASE::Displacements[d - 1] = 0.01 * (k + 1) * double{FEMODEL::NodeCoords[node].X};
+        if (const std::int32_t d = FEDOF::NodeDofMap[3 * node + k]; d > 0)
+          FEDOF::Displacements[d - 1] = 0.01 * (k + 1) * double{FEMODEL::NodeCoords[node].X};
     for (std::int32_t node = 0; node < FEMODEL::NumNodes; ++node)
       FEMODEL::NodeTpFactor[node] = FEMODEL::NodeCoords[node].Z - 0.25f;
     SetDesignPoints({1, 2, 0, 2, 3, -1});
@@ -94,8 +94,8 @@ TEST_F(Compsave, ArraysAreThereAndClear) {
 TEST_F(Compsave, MagnitudesCountPrescribedComponentsAndTheMaximumIgnoresThem) {
   SetNodes(std::vector<NodeRecord>(3));
   SetConstraints({Prescribed(2, 7, 30.0f, 40.0f, 0.0f)});
-  FELOADCASE::NodeDofMap = Copy(std::vector<std::int32_t>{1, 2, 3, 4, -1, 0, -1, -1, -1});
-  FELOADCASE::Displacements = Copy(std::vector<double>{2.0, -3.0, 6.0, 9.0});
+  FEDOF::NodeDofMap = Copy(std::vector<std::int32_t>{1, 2, 3, 4, -1, 0, -1, -1, -1});
+  FEDOF::Displacements = Copy(std::vector<double>{2.0, -3.0, 6.0, 9.0});
   COMPSAVE_INITRESPONSE(0, 3);
   EXPECT_EQ(COMPSAVE_MAGNITUDES(), 9.0);  // node 2: its free x alone
   EXPECT_EQ(RESPONSE::DisValues[0], 7.0f);
@@ -112,8 +112,8 @@ TEST_F(Compsave, MaximumIsFoundByAnyNumberOfThreads) {
     displacements.push_back(i % 3 == 1 ? std::fmod(i * 0.7, 1.0) : 0.0);
   }
   displacements[1500] = -2.5;
-  FELOADCASE::NodeDofMap = Copy(map);
-  FELOADCASE::Displacements = Copy(displacements);
+  FEDOF::NodeDofMap = Copy(map);
+  FEDOF::Displacements = Copy(displacements);
   COMPSAVE_INITRESPONSE(0, nodes);
   for (const int threads : {1, 2, 5}) {
     omp_set_num_threads(threads);
@@ -233,7 +233,7 @@ TEST_F(Compsave, WritesTheReducedArraysOfTheElementPass) {
   COMPSAVE_INITRESPONSE(FEMODEL::NumTp, FEMODEL::NumNodes);
   const double maxDis = COMPSAVE_MAGNITUDES();
   ResponseTotals totals;
-  FEELEM_RESPONSE(FELOADCASE::Displacements.get(), totals);
+  FEELEM_RESPONSE(FEDOF::Displacements.get(), totals);
   COMPSAVE_REDUCETC();
   COMPSAVE_REDUCEAMS();
   const std::vector<float> tc = Tc();
@@ -284,8 +284,8 @@ TEST_F(Compsave, NodeThatNoElementTouchesHasNoStress) {
 TEST_F(Compsave, NodeStressOfAStretchedBoxIsPositiveAndOfAPressedOneNegative) {
   for (std::int32_t node = 0; node < FEMODEL::NumNodes; ++node) FEMODEL::NodeTpFactor[node] = 1.0f;
   for (const float sign : {1.0f, -1.0f}) {
-    for (std::int32_t i = 0; i < FELOADCASE::NumEquations; ++i)
-      FELOADCASE::Displacements[i] = i % 3 == 0 ? sign * 0.01 : 0.0;
+    for (std::int32_t i = 0; i < FEDOF::NumEquations; ++i)
+      FEDOF::Displacements[i] = i % 3 == 0 ? sign * 0.01 : 0.0;
     VKCORE_COMPSAVERESPONSE();
     EXPECT_GT(sign * FileValues("ws.amsval.0007")[0], 0.0f);
   }

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "model/feloadcase.hpp"
 #include "run/driver.hpp"
 #include "support/close_fault.hpp"
 #include "support/model_files.hpp"
@@ -165,6 +166,14 @@ TEST_F(Driver, OtherFormatNumberLeavesThreeLinesInTheLog) {
   EXPECT_RUN_ABORTS("Incompatible preprocessed files. Run preprocesor again.");
   EXPECT_EQ(Log(), std::string(Head) +
                        "Error<Msg:Incompatible preprocessed files. Run preprocesor again.>\n");
+}
+
+TEST_F(Driver, ReadingTheInputForgetsThePreviousPattern) {
+  WriteDirectory();
+  WriteCases({1});
+  FELOADCASE::PreviousPattern = 5;
+  RUN_READINPUT();
+  EXPECT_EQ(FELOADCASE::PreviousPattern, 0);
 }
 
 TEST_F(Driver, RequestedLoadCaseLeavesAllItsFilesAndItsFlag) {

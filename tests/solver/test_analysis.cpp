@@ -23,7 +23,7 @@ class Loads : public SmallModel {
     SmallModel::SetUp();
     SetNodes(std::vector<NodeRecord>(4));
     FEMODEL::NodeFlags[3] = NodeMarked;
-    FELOADCASE::NodeDofMap = Copy(std::vector<std::int32_t>{1, 2, 3, 0, 4, 0, -1, -1, -1, 5, 6, 7});
+    FEDOF::NodeDofMap = Copy(std::vector<std::int32_t>{1, 2, 3, 0, 4, 0, -1, -1, -1, 5, 6, 7});
     SOLVERSTA::NumEquations = 7;
     SOLVERSTA::SysRhs = Copy(std::vector<double>{10, 20, 30, 40, 50, 60, 70});
   }
@@ -83,12 +83,23 @@ TEST_F(Loads, EmptyListsChangeNothing) {
 TEST_F(Loads, ManyThreadsLoseNothingOfTheSum) {
   const std::size_t nodes = 5000;
   SetNodes(std::vector<NodeRecord>(nodes));
-  FELOADCASE::NodeDofMap = Copy(std::vector<std::int32_t>(3 * nodes, 0));
+  FEDOF::NodeDofMap = Copy(std::vector<std::int32_t>(3 * nodes, 0));
   std::vector<NodalForceRecord> loads;
   for (std::int32_t node = 1; node <= 5000; ++node) loads.push_back({node, 1.0f, 2.0f, -1.0f});
   omp_set_num_threads(4);
   Push(loads);
   ExpectSum(5000.0, 10000.0, -5000.0);
+}
+
+TEST_F(Loads, RightHandSideIsTheLoadsLessTheInternalForcesWhateverItHeld) {
+  SOLVERSTA::SysForces = Copy(std::vector<double>{1, -2, 3, -4, 5, -6, 7});
+  FELOADCASE::NodalForces2 = Copy(std::vector<NodalForceRecord>{{1, 10.0f, 20.0f, 30.0f}});
+  FELOADCASE::NumNodalForces2 = 1;
+  for (int round = 0; round < 2; ++round) {
+    VKCORE_FORMRIGHTHANDSIDE();
+    EXPECT_EQ(Values(SOLVERSTA::SysRhs), (std::vector<double>{9, 22, 27, 4, -5, 6, -7}));
+    ExpectSum(10.0, 20.0, 30.0);
+  }
 }
 
 // VKCORE_RUNANALYSIS on systems set by hand.
@@ -98,7 +109,7 @@ class Analysis : public SmallModel {
     SetMatrix(upper, use4);
     SOLVERSTA::SysRhs = Copy(rhs);
     SOLVERSTA::SysScale = Copy(std::vector<double>(rhs.size(), 1.0));
-    FELOADCASE::Displacements = Copy(std::vector<double>(rhs.size(), 0.0));
+    FEDOF::Displacements = Copy(std::vector<double>(rhs.size(), 0.0));
     SOLVERSTA::SolverReady = false;
   }
 
@@ -131,12 +142,12 @@ TEST_F(Analysis, SolvesInScaledVariablesAndAddsTheCorrectionInPhysicalOnes) {
     for (const std::int32_t mode : {0, 1, 2}) {
       Set(Pair, {3.0, -1.0}, use4);
       SOLVERSTA::SysScale = Copy(std::vector<double>{0.5, 4.0});
-      FELOADCASE::Displacements = Copy(std::vector<double>{10.0, 20.0});
+      FEDOF::Displacements = Copy(std::vector<double>{10.0, 20.0});
       SOLVERSTA::IMode = mode;
       VKCORE_RUNANALYSIS();
       const std::vector<double> y = SolveDense({{1.0, 0.25}, {0.25, 1.0}}, {1.5, -4.0});
-      EXPECT_NEAR(FELOADCASE::Displacements[0], 10.0 + 0.5 * y[0], 1e-4);
-      EXPECT_NEAR(FELOADCASE::Displacements[1], 20.0 + 4.0 * y[1], 1e-3);
+      EXPECT_NEAR(FEDOF::Displacements[0], 10.0 + 0.5 * y[0], 1e-4);
+      EXPECT_NEAR(FEDOF::Displacements[1], 20.0 + 4.0 * y[1], 1e-3);
       EXPECT_EQ(SOLVERSTA::SysRhs[0], 1.5);  // left in its scaled form
       EXPECT_EQ(SOLVERSTA::SysRhs[1], -4.0);
       EXPECT_EQ(VKCORE::SolveQuality, 1.0f);
@@ -153,11 +164,11 @@ TEST_F(Analysis, PostsModeCountAndQualityInThisOrder) {
 
 TEST_F(Analysis, ZeroRightHandSideGivesZeroDisplacementsQualityOneAndCountZero) {
   Set(Pair, {0.0, 0.0});
-  FELOADCASE::Displacements = Copy(std::vector<double>{5.0, 6.0});
+  FEDOF::Displacements = Copy(std::vector<double>{5.0, 6.0});
   SOLVERSTA::IMode = 1;
   VKCORE_RUNANALYSIS();
-  EXPECT_EQ(FELOADCASE::Displacements[0], 0.0);
-  EXPECT_EQ(FELOADCASE::Displacements[1], 0.0);
+  EXPECT_EQ(FEDOF::Displacements[0], 0.0);
+  EXPECT_EQ(FEDOF::Displacements[1], 0.0);
   EXPECT_EQ(VKCORE::SolveQuality, 1.0f);
   EXPECT_EQ(CountInLog("Info<Msg:ICount: 0>\n"), 1);
 }
@@ -188,7 +199,7 @@ TEST_F(Analysis, SweepsAllowAThousandAndATenthOfTheEquations) {
   std::fill_n(SOLVERSTA::SysMatrix.get(), n, 1.0);
   std::fill_n(SOLVERSTA::SysScale.get(), n, 1.0);
   std::fill_n(SOLVERSTA::SysRhs.get(), n, 1.0);
-  FELOADCASE::Displacements = Copy(std::vector<double>(n, 0.0));
+  FEDOF::Displacements = Copy(std::vector<double>(n, 0.0));
   SOLVERSTA::IMode = 1;
   VKCORE_RUNANALYSIS();
   EXPECT_EQ(SLEPCCGSOLVER::PcgMaxIter, 6000);
@@ -208,13 +219,13 @@ TEST_F(Analysis, SecondLoadCaseOfThePatternKeepsThePreparation) {
   EXPECT_TRUE(SOLVERSTA::SolverReady);
   const float* single = SOLVERSTA::SysMatrixSP.get();
   SOLVERSTA::SysRhs = Copy(std::vector<double>{-2.0, 1.0});
-  FELOADCASE::Displacements = Copy(std::vector<double>{0.0, 0.0});
+  FEDOF::Displacements = Copy(std::vector<double>{0.0, 0.0});
   VKCORE_RUNANALYSIS();
   EXPECT_EQ(CountInLog("EstDecMemReq: "), 1);
   EXPECT_EQ(SOLVERSTA::SysMatrixSP.get(), single);
   const std::vector<double> expected = SolveDense({{1.0, 0.25}, {0.25, 1.0}}, {-2.0, 1.0});
-  EXPECT_NEAR(FELOADCASE::Displacements[0], expected[0], 1e-5);
-  EXPECT_NEAR(FELOADCASE::Displacements[1], expected[1], 1e-5);
+  EXPECT_NEAR(FEDOF::Displacements[0], expected[0], 1e-5);
+  EXPECT_NEAR(FEDOF::Displacements[1], expected[1], 1e-5);
 }
 
 TEST_F(Analysis, RebuiltMatrixIsPreparedAgain) {

@@ -24,8 +24,8 @@ void Configure() { SOLVERSTA_CONFIGURE(FILEIO::ReadUnit, Name); }
 // Numbering made by hand for `map`, three entries a node.
 void SetMap(const std::vector<std::int32_t>& map) {
   FEMODEL::NumNodes = static_cast<std::int32_t>(map.size()) / 3;
-  FELOADCASE::NodeDofMap = Copy(map);
-  FELOADCASE::NumEquations = std::max(*std::max_element(map.begin(), map.end()), 0);
+  FEDOF::NodeDofMap = Copy(map);
+  FEDOF::NumEquations = std::max(*std::max_element(map.begin(), map.end()), 0);
 }
 
 void ExpectRows(const std::vector<std::int64_t>& starts, const std::vector<std::int64_t>& columns) {

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "elemlib/feinteg.hpp"
+#include "model/fedof.hpp"
 #include "model/feloadcase.hpp"
 #include "model/femodel.hpp"
 #include "run/services/arrays.hpp"
@@ -95,8 +96,8 @@ inline void SetBox(int nx, int ny, int nz) {
 }
 
 inline void SetConstraints(const std::vector<NodalConstraintRecord>& rows) {
-  FELOADCASE::NodalConstraints = Copy(rows);
-  FELOADCASE::NumNodalConstraints = static_cast<std::int32_t>(rows.size());
+  FEDOF::NodalConstraints = Copy(rows);
+  FEDOF::NumNodalConstraints = static_cast<std::int32_t>(rows.size());
   std::vector<std::int32_t> supports;
   for (std::size_t i = 0; i < rows.size(); ++i)
     if ((rows[i].Kind & ConstraintPenalty) != 0)
@@ -121,9 +122,9 @@ inline std::vector<NodalConstraintRecord> ClampedFace() {
 
 // The numbering for the present constraints, displacements zero.
 inline void SetNumbering() {
-  FELOADCASE_BUILDNUMBERING();
-  FELOADCASE::Displacements =
-      Copy(std::vector<double>(static_cast<std::size_t>(FELOADCASE::NumEquations), 0.0));
+  FEDOF_BUILDNUMBERING();
+  FEDOF::Displacements =
+      Copy(std::vector<double>(static_cast<std::size_t>(FEDOF::NumEquations), 0.0));
 }
 
 // For each node itself and the neighbours of higher number, ascending.
@@ -193,7 +194,7 @@ inline void SetStructure(const std::vector<std::int64_t>& starts,
 // The compressed structure of the present numbering.
 inline void SetSystem(bool use4) {
   const RawStructure raw = MakeRawStructure();
-  const std::int32_t* map = FELOADCASE::NodeDofMap.get();
+  const std::int32_t* map = FEDOF::NodeDofMap.get();
   std::vector<std::int64_t> starts{1};
   std::vector<std::int64_t> columns;
   for (std::size_t r = 0; r + 1 < raw.starts.size(); ++r) {

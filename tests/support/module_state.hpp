@@ -2,10 +2,12 @@
 #pragma once
 
 #include "elements/response_arrays.hpp"
+#include "model/fedof.hpp"
 #include "model/feloadcase.hpp"
 #include "model/femodel.hpp"
 #include "model/fileio.hpp"
 #include "run/driver.hpp"
+#include "run/load_case_table.hpp"
 #include "run/services/arrays.hpp"
 #include "run/services/logger.hpp"
 #include "run/services/vkcore.hpp"
@@ -48,19 +50,21 @@ inline void ResetModel() {
   FEMODEL::Conn41.reset();
 }
 
+inline void ResetNumbering() {
+  FEDOF::NumNodalConstraints = FEDOF::NumEquations = FEDOF::LastPrescribingRow = 0;
+  FEDOF::NodalConstraints.reset();
+  FEDOF::NodeDofState.reset();
+  FEDOF::NodeDofMap.reset();
+  FEDOF::Displacements.reset();
+}
+
 inline void ResetLoadCase() {
   FELOADCASE::PreviousPattern = 0;
-  FELOADCASE::NumNodalConstraints = 0;
-  FELOADCASE::NumNodalForces2 = FELOADCASE::NumNodalForces3 = 0;
-  FELOADCASE::NumSupports = FELOADCASE::NumEquations = FELOADCASE::LastPrescribingRow = 0;
-  FELOADCASE::NodalConstraints.reset();
+  FELOADCASE::NumNodalForces2 = FELOADCASE::NumNodalForces3 = FELOADCASE::NumSupports = 0;
   FELOADCASE::NodalForces2.reset();
   FELOADCASE::NodalForces3.reset();
   FELOADCASE::SupportList.reset();
   FELOADCASE::NodalScalars.reset();
-  FELOADCASE::NodeDofState.reset();
-  FELOADCASE::NodeDofMap.reset();
-  FELOADCASE::Displacements.reset();
   FELOADCASE::ElementState.reset();
 }
 
@@ -85,6 +89,7 @@ inline void ResetRun() {
 inline void ResetModules() {
   ResetServices();
   ResetModel();
+  ResetNumbering();
   ResetLoadCase();
   ResetSystem();
   ResetRun();

@@ -1,0 +1,2 @@
+#include "model/first.hpp"
+#include "model/second.hpp"
