@@ -216,10 +216,9 @@ void AddSupportMatrix(const NodalConstraintRecord& row, SupportMatrix& matrix) {
 void SOLVERSTA_ADDTOFFUSYM(std::int32_t dofCount, const ElementDofs& dofs, const double* forces,
                            const double* matrix, std::int32_t stride) {
   MatrixPlaces places;
-  if (SOLVERSTA::UseIm4)
-    FindPlaces(SOLVERSTA::pR4.get(), SOLVERSTA::pC4.get(), dofCount, dofs, places);
-  else
-    FindPlaces(SOLVERSTA::pR8.get(), SOLVERSTA::pC8.get(), dofCount, dofs, places);
+  SOLVERSTA_WITHINDICES([&](const auto& pR, const auto& pC) {
+    FindPlaces(pR.get(), pC.get(), dofCount, dofs, places);
+  });
   AddForces(dofCount, dofs, forces);
   AddMatrix(dofCount, dofs, matrix, stride, places);
 }
@@ -250,12 +249,12 @@ void PREPARESYSINTERNALFORCES() {
   AddSupportForces();
   const double* solution = FEDOF::Displacements.get();
 #pragma omp parallel for schedule(static)
-  for (std::int32_t element = 1; element <= FEMODEL::NumElements; ++element) {
-    if (!FEMODEL_ISACTIVE(element)) continue;
-    std::int32_t dofCount = 0;
+  for (std::int32_t e = 1; e <= FEMODEL::NumElements; ++e) {
+    if (FEMODEL_ISEXCLUDED(e)) continue;
+    std::int32_t dofCount = 0;  // stays 0 for an unknown type
     ElementDofs dofs;
     ElementVector forces;
-    FEELEM_INTERNALFORCES(element, solution, dofCount, dofs, forces);
+    FEELEM_INTERNALFORCES(FEMODEL_ELEMENT(e), solution, dofCount, dofs, forces);
     AddForces(dofCount, dofs, forces);
   }
 }
@@ -267,20 +266,17 @@ void PREPARESYSMATRIXANDINTERNALFORCES() {
   AddSupportMatrices();
   const double* solution = FEDOF::Displacements.get();
 #pragma omp parallel for schedule(static)
-  for (std::int32_t element = 1; element <= FEMODEL::NumElements; ++element) {
-    if (!FEMODEL_ISACTIVE(element)) continue;
-    std::int32_t dofCount = 0;
+  for (std::int32_t e = 1; e <= FEMODEL::NumElements; ++e) {
+    if (FEMODEL_ISEXCLUDED(e)) continue;
+    std::int32_t dofCount = 0;  // stays 0 for an unknown type
     ElementDofs dofs;
     ElementVector forces;
     ElementMatrix matrix;
-    FEELEM_MATRIXANDFORCES(element, solution, dofCount, dofs, forces, matrix);
+    FEELEM_MATRIXANDFORCES(FEMODEL_ELEMENT(e), solution, dofCount, dofs, forces, matrix);
     SOLVERSTA_ADDTOFFUSYM(dofCount, dofs, forces, matrix, MaxElementDofs);
   }
-  if (SOLVERSTA::UseIm4) {
-    RaiseMarkedDiagonals(SOLVERSTA::pR4.get());
-    ScaleMatrix(SOLVERSTA::pR4.get(), SOLVERSTA::pC4.get());
-  } else {
-    RaiseMarkedDiagonals(SOLVERSTA::pR8.get());
-    ScaleMatrix(SOLVERSTA::pR8.get(), SOLVERSTA::pC8.get());
-  }
+  SOLVERSTA_WITHINDICES([](const auto& pR, const auto& pC) {
+    RaiseMarkedDiagonals(pR.get());
+    ScaleMatrix(pR.get(), pC.get());
+  });
 }

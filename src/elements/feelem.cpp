@@ -2,13 +2,14 @@
 
 #include <algorithm>
 #include <cmath>
+#include <iterator>
 
 #include "elements/fekernel.hpp"
 #include "elements/response_arrays.hpp"
 #include "elemlib/fegeom.hpp"
 #include "elemlib/femat.hpp"
 #include "model/feloadcase.hpp"
-#include "model/femodel.hpp"
+#include "platform/slot.hpp"
 #include "run/services/vkcore.hpp"
 
 namespace {
@@ -23,46 +24,45 @@ struct ElementInput {
   ElementScalars scalars;
 };
 
-std::uint32_t MaterialFlagsOf(const ElementRecord& element) {
-  return FEMODEL::Materials[Slot(element.MaterialIndex)].MaterialFlags;
-}
+// Bounds of the state of yielding and compression-only elements, a factor on their stiffness, and
+// the step by which compression-only ones lose and regain it.
+constexpr float SmallestState = 0.001f;
+static_assert(double{SmallestState} == 0.0010000000474974513);
+constexpr float LargestState = 1.0f;
+constexpr float StateStep = 10.0f;
 
-bool IgnoresLevel(std::int32_t element) {
-  return (FEMODEL::ElementFlags[Slot(element)] & ElementIgnoresLevel) != 0;
+bool IgnoresLevel(const ElementView& element) {
+  return (FEMODEL::ElementFlags[Slot(element.number)] & ElementIgnoresLevel) != 0;
 }
 
 // Level values live at the corners only, whatever the element's order.
-int LevelNodeCount(std::int16_t typeCode) { return typeCode == TypeHex8 ? 8 : 4; }
+int LevelNodeCount(const ElementView& element) {
+  return element.record->TypeCode == TypeHex8 ? 8 : 4;
+}
 
-float ElementFactor(std::int32_t element, std::uint32_t materialFlags) {
-  if ((materialFlags & MaterialCompressionOnly) != 0)
-    return FELOADCASE::ElementState[Slot(element)];
-  if ((materialFlags & MaterialYielding) != 0 && VKCORE::RunOptions.YieldStressFac > 0.0f)
-    return FELOADCASE::ElementState[Slot(element)];
+float& StateOf(const ElementView& element) {
+  return FELOADCASE::ElementState[Slot(element.number)];
+}
+
+float ElementFactor(const ElementView& element) {
+  const std::uint32_t flags = element.material->MaterialFlags;
+  if ((flags & MaterialCompressionOnly) != 0) return StateOf(element);
+  if ((flags & MaterialYielding) != 0 && VKCORE::RunOptions.YieldStressFac > 0.0f)
+    return StateOf(element);
   return 1.0f;
 }
 
-void GatherCoordinates(const ElementRecord& element, ElementVector& coords) {
-  if (element.TypeCode == TypeTet4) FEGEOM_ELEMCOORDS_TET4(element.ConnIndex, coords);
-  if (element.TypeCode == TypeHex8) FEGEOM_ELEMCOORDS_HEX8(element.ConnIndex, coords);
-  if (element.TypeCode == TypeTet10) FEGEOM_ELEMCOORDS_TET10(element.ConnIndex, coords);
-}
-
-void Gather(std::int32_t element, const double* solution, ElementInput& in) {
-  const ElementRecord& record = FEMODEL::Elements[Slot(element)];
-  const std::int32_t* nodes = FEMODEL_NODES(record);
-  const int nodeCount = FEMODEL_NODECOUNT(record.TypeCode);
-  FEMAT_GETPROPS(record.MaterialIndex, ElementFactor(element, MaterialFlagsOf(record)), in.loadData,
-                 in.stiffness);
+void Gather(const ElementView& element, const double* solution, ElementInput& in) {
+  FEMAT_GETPROPS(element.record->MaterialIndex, ElementFactor(element), in.loadData, in.stiffness);
   FEGEOM_ELEMDISP(element, solution, in.disp);
-  GatherCoordinates(record, in.coords);
+  FEGEOM_ELEMCOORDS(element, in.coords);
   std::fill_n(in.phi, MaxElementNodes, 1.0);
   if (!IgnoresLevel(element))
-    FEGEOM_NODEVALUES(FEMODEL::NodeTpFactor.get(), nodes, LevelNodeCount(record.TypeCode), in.phi);
+    FEGEOM_NODEVALUES(FEMODEL::NodeTpFactor.get(), element.nodes, LevelNodeCount(element), in.phi);
   if (VKCORE::NoNodalScalars)
-    std::fill_n(in.scalars, nodeCount, 0.0);
+    std::fill_n(in.scalars, element.nodeCount, 0.0);
   else
-    FEGEOM_NODEVALUES(FELOADCASE::NodalScalars.get(), nodes, nodeCount, in.scalars);
+    FEGEOM_NODEVALUES(FELOADCASE::NodalScalars.get(), element.nodes, element.nodeCount, in.scalars);
 }
 
 void CallResponseKernel(std::int16_t typeCode, const ElementInput& in, ElementResponse& response) {
@@ -77,20 +77,29 @@ void CallResponseKernel(std::int16_t typeCode, const ElementInput& in, ElementRe
                             response);
 }
 
-// Named entries of an ElementResponse, R1 to R9, and what the pass derives from them.
+// The sums of an ElementResponse by name, and what the pass derives from them.
 struct ElementResult {
-  double volume, smoothVolume, sharpVolume;  // R1, R2, R3
-  double smoothEnergy, smoothStress;         // R4, R5
-  double energy, stressSum;                  // R6, R7
-  double meanStressSum, meanStrainSum;       // R8, R9
-  double ratio;                              // the part of the element that is material
-  double stress;                             // equivalent stress of the material
-  double mean;                               // its mean stress
+  double volume, smoothVolume, sharpVolume;
+  double smoothEnergy, smoothStress;
+  double energy;
+  double meanStressSum, meanStrainSum;
+  double ratio;   // the part of the element that is material
+  double stress;  // equivalent stress of the material
+  double mean;    // its mean stress
 };
 
 ElementResult Interpret(const ElementResponse& r) {
-  return {r[0], r[1], r[2], r[3],        r[4],        r[5],
-          r[6], r[7], r[8], r[2] / r[0], r[6] / r[2], r[7] / r[2]};
+  return {.volume = r[SumVolume],
+          .smoothVolume = r[SumSmoothVolume],
+          .sharpVolume = r[SumSharpVolume],
+          .smoothEnergy = r[SumSmoothEnergy],
+          .smoothStress = r[SumSmoothStress],
+          .energy = r[SumEnergy],
+          .meanStressSum = r[SumMeanStress],
+          .meanStrainSum = r[SumMeanStrain],
+          .ratio = r[SumSharpVolume] / r[SumVolume],
+          .stress = r[SumStress] / r[SumSharpVolume],
+          .mean = r[SumMeanStress] / r[SumSharpVolume]};
 }
 
 // Counters are 16 bits wide and wrap.
@@ -102,12 +111,12 @@ void AddRounded(float& sum, double value) {
   sum = static_cast<float>(static_cast<double>(sum) + value);
 }
 
-// A stretched element loses stiffness by a factor of ten, a compressed one regains it.
+// A stretched element loses stiffness by a step, a compressed one regains it.
 void UpdateCompressionState(float& state, double meanStrainSum) {
   if (meanStrainSum > 0.0)
-    state = std::max(state / 10.0f, 0.001f);
+    state = std::max(state / StateStep, SmallestState);
   else
-    state = std::min(state * 10.0f, 1.0f);
+    state = std::min(state * StateStep, LargestState);
 }
 
 // Secant ratio of a two-slope stress-strain line, averaged with the present state. Below yield the
@@ -121,7 +130,7 @@ void UpdateYieldState(float& state, const MaterialRecord& material, double stres
   const double secant =
       (yield + static_cast<double>(material.HardeningRatio) * (elastic - yield)) / elastic;
   const auto next = static_cast<float>((present + secant) * 0.5);
-  state = std::max(std::min(next, 1.0f), 0.001f);
+  state = std::max(std::min(next, LargestState), SmallestState);
 }
 
 // Limit stress acts as a multiplier under compression, as a divisor under tension.
@@ -142,11 +151,9 @@ double TopCriterion(const ElementResult& r, double strength) {
   return r.smoothStress / weighted * std::sqrt(strength);
 }
 
-void AddToNodes(const ElementRecord& element, const ElementResult& r, double criterion) {
-  const std::int32_t* nodes = FEMODEL_NODES(element);
-  const int count = FEMODEL_NODECOUNT(element.TypeCode);
-  for (int i = 0; i < count; ++i) {
-    const std::int64_t node = Slot(nodes[i]);
+void AddToNodes(const ElementView& element, const ElementResult& r, double criterion) {
+  for (int i = 0; i < element.nodeCount; ++i) {
+    const std::int64_t node = Slot(element.nodes[i]);
     if (const std::int32_t design = FEMODEL::NodeTpIndex[node]; design > 0) {
       AddRounded(RESPONSE::TcValues[Slot(design)], criterion);
       Increment(RESPONSE::TcCounts[Slot(design)]);
@@ -191,38 +198,37 @@ void AddBoundaryStress(const ElementResult& r, const MaterialRecord& material,
   sums.power += weight * IntegerPower(x, VKCORE::RunOptions.BStressExp);
 }
 
-void AddElementResponse(std::int32_t element, const double* solution, ResponseTotals& totals,
+void AddElementResponse(const ElementView& element, const double* solution, ResponseTotals& totals,
                         BoundaryStressSums& boundary) {
-  const ElementRecord& record = FEMODEL::Elements[Slot(element)];
-  const MaterialRecord& material = FEMODEL::Materials[Slot(record.MaterialIndex)];
   ElementInput in;
   ElementResponse response;
   Gather(element, solution, in);
-  CallResponseKernel(record.TypeCode, in, response);
+  CallResponseKernel(element.record->TypeCode, in, response);
   const ElementResult r = Interpret(response);
 
+  const MaterialRecord& material = *element.material;
   // Nothing of a compression-only element reaches totals or accumulators.
   if ((material.MaterialFlags & MaterialCompressionOnly) != 0) {
-    UpdateCompressionState(FELOADCASE::ElementState[Slot(element)], r.meanStrainSum);
+    UpdateCompressionState(StateOf(element), r.meanStrainSum);
     return;
   }
-  totals[0] += r.energy;
-  AddToNodes(record, r, TopCriterion(r, StrengthFactor(material, r.meanStressSum)));
+  totals[TotalEnergy] += r.energy;
+  AddToNodes(element, r, TopCriterion(r, StrengthFactor(material, r.meanStressSum)));
   if ((material.MaterialFlags & MaterialYielding) != 0)
-    UpdateYieldState(FELOADCASE::ElementState[Slot(element)], material, r.stress);
+    UpdateYieldState(StateOf(element), material, r.stress);
   if (IgnoresLevel(element)) return;
-  totals[1] += r.volume;
-  totals[2] += r.smoothVolume;
-  totals[3] += r.sharpVolume;
-  AddBoundaryStress(r, material, in.phi, LevelNodeCount(record.TypeCode), boundary);
+  totals[TotalVolume] += r.volume;
+  totals[TotalSmoothVolume] += r.smoothVolume;
+  totals[TotalSharpVolume] += r.sharpVolume;
+  AddBoundaryStress(r, material, in.phi, LevelNodeCount(element), boundary);
 }
 
 }  // namespace
 
-void FEELEM_INTERNALFORCES(std::int32_t element, const double* solution, std::int32_t& dofCount,
-                           ElementDofs& dofs, ElementVector& forces) {
-  const std::int16_t typeCode = FEMODEL::Elements[Slot(element)].TypeCode;
-  if (FEMODEL_NODECOUNT(typeCode) == 0) return;
+void FEELEM_INTERNALFORCES(const ElementView& element, const double* solution,
+                           std::int32_t& dofCount, ElementDofs& dofs, ElementVector& forces) {
+  if (element.nodeCount == 0) return;
+  const std::int16_t typeCode = element.record->TypeCode;
   ElementInput in;
   FEGEOM_ELEMDOFS(element, dofCount, dofs);
   Gather(element, solution, in);
@@ -235,10 +241,11 @@ void FEELEM_INTERNALFORCES(std::int32_t element, const double* solution, std::in
                           forces);
 }
 
-void FEELEM_MATRIXANDFORCES(std::int32_t element, const double* solution, std::int32_t& dofCount,
-                            ElementDofs& dofs, ElementVector& forces, ElementMatrix& matrix) {
-  const std::int16_t typeCode = FEMODEL::Elements[Slot(element)].TypeCode;
-  if (FEMODEL_NODECOUNT(typeCode) == 0) return;
+void FEELEM_MATRIXANDFORCES(const ElementView& element, const double* solution,
+                            std::int32_t& dofCount, ElementDofs& dofs, ElementVector& forces,
+                            ElementMatrix& matrix) {
+  if (element.nodeCount == 0) return;
+  const std::int16_t typeCode = element.record->TypeCode;
   ElementInput in;
   FEGEOM_ELEMDOFS(element, dofCount, dofs);
   Gather(element, solution, in);
@@ -253,14 +260,27 @@ void FEELEM_MATRIXANDFORCES(std::int32_t element, const double* solution, std::i
                           matrix);
 }
 
+void FEELEM_INTERNALFORCES(std::int32_t element, const double* solution, std::int32_t& dofCount,
+                           ElementDofs& dofs, ElementVector& forces) {
+  FEELEM_INTERNALFORCES(FEMODEL_ELEMENT(element), solution, dofCount, dofs, forces);
+}
+
+void FEELEM_MATRIXANDFORCES(std::int32_t element, const double* solution, std::int32_t& dofCount,
+                            ElementDofs& dofs, ElementVector& forces, ElementMatrix& matrix) {
+  FEELEM_MATRIXANDFORCES(FEMODEL_ELEMENT(element), solution, dofCount, dofs, forces, matrix);
+}
+
 void FEELEM_RESPONSE(const double* solution, ResponseTotals& totals) {
-  std::fill_n(totals, 8, 0.0);
+  std::fill(std::begin(totals), std::end(totals), 0.0);
   BoundaryStressSums boundary;
-  for (std::int32_t element = 1; element <= FEMODEL::NumElements; ++element)
-    if (FEMODEL_ISACTIVE(element)) AddElementResponse(element, solution, totals, boundary);
+  for (std::int32_t e = 1; e <= FEMODEL::NumElements; ++e) {
+    if (FEMODEL_ISEXCLUDED(e)) continue;
+    const ElementView element = FEMODEL_ELEMENT(e);
+    if (element.nodeCount > 0) AddElementResponse(element, solution, totals, boundary);
+  }
   if (boundary.weight == 0.0) boundary.weight = 1.0;
-  totals[4] = totals[3] / totals[1];
-  totals[5] = std::pow(boundary.power / boundary.weight,
-                       1.0 / static_cast<double>(VKCORE::RunOptions.BStressExp));
-  totals[6] = boundary.largest;
+  totals[TotalSharpShare] = totals[TotalSharpVolume] / totals[TotalVolume];
+  totals[TotalBoundaryStress] = std::pow(boundary.power / boundary.weight,
+                                         1.0 / static_cast<double>(VKCORE::RunOptions.BStressExp));
+  totals[TotalLargestStress] = boundary.largest;
 }

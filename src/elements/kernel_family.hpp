@@ -341,26 +341,27 @@ void KernelMatrix(const KernelInput& in, ElementVector& forces, ElementMatrix& m
   IntegrateMatrix(in, points, matrix);
 }
 
-// The presence enters entries 4 and 5 squared and the sharp presence entries 6 to 9 once:
+// The smooth presence enters its energy and stress squared, the sharp presence enters once:
 // deliberate.
 template <class Isa>
 [[gnu::always_inline]] inline void AddResponse(const PointGroup<Isa>& group, Vector<Isa> smooth,
-                                               Vector<Isa> sharp, Vector<Isa> (&sum)[9]) {
+                                               Vector<Isa> sharp,
+                                               Vector<Isa> (&sum)[NumResponseSums]) {
   const Vector<Isa>(&s)[6] = group.stress;
   const Vector<Isa>(&e)[6] = group.strain;
   const Vector<Isa> energy = EnergyDensity(e, s);
   const Vector<Isa> mises = VonMisesStress<Isa>(s);
   const Vector<Isa> smoothVolume = smooth * group.volume;
   const Vector<Isa> sharpVolume = sharp * group.volume;
-  sum[0] += group.volume;
-  sum[1] += smoothVolume;
-  sum[2] += sharpVolume;
-  sum[3] += energy * smooth * smoothVolume;
-  sum[4] += mises * smooth * smoothVolume;
-  sum[5] += energy * sharpVolume;
-  sum[6] += mises * sharpVolume;
-  sum[7] += (s[0] + s[1] + s[2]) / 3.0 * sharpVolume;
-  sum[8] += (e[0] + e[1] + e[2]) / 3.0 * sharpVolume;
+  sum[SumVolume] += group.volume;
+  sum[SumSmoothVolume] += smoothVolume;
+  sum[SumSharpVolume] += sharpVolume;
+  sum[SumSmoothEnergy] += energy * smooth * smoothVolume;
+  sum[SumSmoothStress] += mises * smooth * smoothVolume;
+  sum[SumEnergy] += energy * sharpVolume;
+  sum[SumStress] += mises * sharpVolume;
+  sum[SumMeanStress] += (s[0] + s[1] + s[2]) / 3.0 * sharpVolume;
+  sum[SumMeanStrain] += (e[0] + e[1] + e[2]) / 3.0 * sharpVolume;
 }
 
 template <class Isa, class Shape>
@@ -372,7 +373,7 @@ void KernelResponse(const KernelInput& in, ElementResponse& response) {
   ComputePresence<Isa>(in, fields, SharpSlope, sharp);
   KinematicsOf<Isa, Shape> kin;
   if constexpr (Shape::ConstantGradient) ComputeKinematics(in, {}, kin);
-  Vector<Isa> sum[9] = {};
+  Vector<Isa> sum[NumResponseSums] = {};
   for (int first = 0; first < in.rule.numPoints; first += Isa::Lanes) {
     if constexpr (!Shape::ConstantGradient) {
       Vector<Isa> parameter[3];
@@ -383,5 +384,5 @@ void KernelResponse(const KernelInput& in, ElementResponse& response) {
     ComputePointGroup<Isa, Shape>(in, fields, first, kin, group);
     AddResponse<Isa>(group, Load<Isa>(smooth + first), Load<Isa>(sharp + first), sum);
   }
-  for (int r = 0; r < 9; ++r) response[r] = Sum<Isa>(sum[r]);
+  for (int r = 0; r < NumResponseSums; ++r) response[r] = Sum<Isa>(sum[r]);
 }

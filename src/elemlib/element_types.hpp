@@ -18,6 +18,19 @@ using ElementMatrix =
 using MaterialLoadData = double[7];           // RefValue; expansion x, y, z; initial strain x, y, z
 using MaterialConstants = double[9];  // C11 C12 C13 C22 C23 C33, then twice the shear moduli
                                       // of xy, yz, xz
-// The nine sums over the integration points of one element: dV, H dV, P dV, U H H dV, V H H dV,
-// U P dV, V P dV, mean stress P dV, mean strain P dV.
-using ElementResponse = double[9];
+// The sums over the integration points of one element that a response kernel returns. H is the
+// smooth presence, P the sharp one.
+enum ResponseSum {
+  SumVolume,        // dV
+  SumSmoothVolume,  // H dV
+  SumSharpVolume,   // P dV
+  SumSmoothEnergy,  // energy density H H dV
+  SumSmoothStress,  // equivalent stress H H dV
+  SumEnergy,        // energy density P dV
+  SumStress,        // equivalent stress P dV
+  SumMeanStress,    // mean stress P dV
+  SumMeanStrain,    // mean strain P dV
+  NumResponseSums
+};
+using ElementResponse = double[NumResponseSums];
+static_assert(NumResponseSums == 9);

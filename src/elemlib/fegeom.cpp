@@ -1,46 +1,61 @@
 #include "elemlib/fegeom.hpp"
 
 #include "model/fedof.hpp"
-#include "model/femodel.hpp"
+#include "platform/slot.hpp"
 
 namespace {
 
-template <int Nodes>
-void GatherDisplacements(const ConnRecord<Nodes>& row, const double* solution,
+void GatherDisplacements(const std::int32_t* nodes, int count, const double* solution,
                          ElementVector& disp) {
-  for (int i = 0; i < Nodes; ++i) {
-    const std::int32_t* dofs = &FEDOF::NodeDofMap[3 * Slot(row.Node[i])];
+  for (int i = 0; i < count; ++i) {
+    const std::int32_t* dofs = &FEDOF::NodeDofMap[3 * Slot(nodes[i])];
     for (int k = 0; k < 3; ++k) disp[3 * i + k] = FEDOF_VALUE(dofs[k], k, solution);
   }
 }
 
-template <int Nodes>
-void GatherCoordinates(const ConnRecord<Nodes>& row, ElementVector& coords) {
-  for (int i = 0; i < Nodes; ++i) {
-    const NodeRecord& node = FEMODEL::NodeCoords[Slot(row.Node[i])];
+void GatherCoordinates(const std::int32_t* nodes, int count, ElementVector& coords) {
+  for (int i = 0; i < count; ++i) {
+    const NodeRecord& node = FEMODEL::NodeCoords[Slot(nodes[i])];
     coords[3 * i] = static_cast<double>(node.X);
     coords[3 * i + 1] = static_cast<double>(node.Y);
     coords[3 * i + 2] = static_cast<double>(node.Z);
   }
 }
 
+template <int Nodes>
+void GatherDisplacements(const ConnRecord<Nodes>& row, const double* solution,
+                         ElementVector& disp) {
+  GatherDisplacements(row.Node, Nodes, solution, disp);
+}
+
+template <int Nodes>
+void GatherCoordinates(const ConnRecord<Nodes>& row, ElementVector& coords) {
+  GatherCoordinates(row.Node, Nodes, coords);
+}
+
 }  // namespace
 
+void FEGEOM_ELEMDOFS(const ElementView& element, std::int32_t& dofCount, ElementDofs& dofs) {
+  if (element.nodeCount == 0) return;
+  dofCount = 3 * element.nodeCount;
+  for (int i = 0; i < element.nodeCount; ++i)
+    for (int k = 0; k < 3; ++k) dofs[3 * i + k] = FEDOF::NodeDofMap[3 * Slot(element.nodes[i]) + k];
+}
+
+void FEGEOM_ELEMDISP(const ElementView& element, const double* solution, ElementVector& disp) {
+  GatherDisplacements(element.nodes, element.nodeCount, solution, disp);
+}
+
+void FEGEOM_ELEMCOORDS(const ElementView& element, ElementVector& coords) {
+  GatherCoordinates(element.nodes, element.nodeCount, coords);
+}
+
 void FEGEOM_ELEMDOFS(std::int32_t elementNumber, std::int32_t& dofCount, ElementDofs& dofs) {
-  const ElementRecord& element = FEMODEL::Elements[Slot(elementNumber)];
-  const int count = FEMODEL_NODECOUNT(element.TypeCode);
-  if (count == 0) return;
-  const std::int32_t* nodes = FEMODEL_NODES(element);
-  dofCount = 3 * count;
-  for (int i = 0; i < count; ++i)
-    for (int k = 0; k < 3; ++k) dofs[3 * i + k] = FEDOF::NodeDofMap[3 * Slot(nodes[i]) + k];
+  FEGEOM_ELEMDOFS(FEMODEL_ELEMENT(elementNumber), dofCount, dofs);
 }
 
 void FEGEOM_ELEMDISP(std::int32_t elementNumber, const double* solution, ElementVector& disp) {
-  const ElementRecord& element = FEMODEL::Elements[Slot(elementNumber)];
-  if (element.TypeCode == TypeTet4) FEGEOM_ELEMDISP_TET4(element.ConnIndex, solution, disp);
-  if (element.TypeCode == TypeHex8) FEGEOM_ELEMDISP_HEX8(element.ConnIndex, solution, disp);
-  if (element.TypeCode == TypeTet10) FEGEOM_ELEMDISP_TET10(element.ConnIndex, solution, disp);
+  FEGEOM_ELEMDISP(FEMODEL_ELEMENT(elementNumber), solution, disp);
 }
 
 void FEGEOM_ELEMDISP_TET4(std::int32_t connIndex, const double* solution, ElementVector& disp) {

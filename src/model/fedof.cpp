@@ -14,11 +14,10 @@ using FEDOF::NodeDofState;
 // Clears the three component bits of every node that an active element touches.
 void MarkActiveNodes() {
   for (std::int32_t e = 1; e <= FEMODEL::NumElements; ++e) {
-    if (!FEMODEL_ISACTIVE(e)) continue;
-    const ElementRecord& element = FEMODEL::Elements[Slot(e)];
-    const std::int32_t* nodes = FEMODEL_NODES(element);
-    const int count = FEMODEL_NODECOUNT(element.TypeCode);
-    for (int i = 0; i < count; ++i) NodeDofState[Slot(nodes[i])] &= FEDOF::NodeStateActive;
+    if (FEMODEL_ISEXCLUDED(e)) continue;
+    const ElementView element = FEMODEL_ELEMENT(e);
+    for (int i = 0; i < element.nodeCount; ++i)
+      NodeDofState[Slot(element.nodes[i])] &= FEDOF::NodeStateActive;
   }
 }
 

@@ -110,10 +110,10 @@ bool HasValidIndices(const ElementRecord& element) {
 // anything, since no pass looks at them.
 void CheckElements() {
   for (std::int32_t e = 1; e <= NumElements; ++e) {
-    const auto flags = static_cast<std::uint16_t>(FEMODEL::ElementFlags[Slot(e)]);
-    if ((flags & ElementExcluded) != 0) continue;
+    if (FEMODEL_ISEXCLUDED(e)) continue;
     if (e > NumElementRecords) FILEIO_INVALIDINDEX(FILES::ElementFlags.name);
-    if (FEMODEL_ISACTIVE(e) && !HasValidIndices(FEMODEL::Elements[Slot(e)]))
+    const ElementRecord& element = FEMODEL::Elements[Slot(e)];
+    if (FEMODEL_NODECOUNT(element.TypeCode) != 0 && !HasValidIndices(element))
       FILEIO_INVALIDINDEX(FILES::Elements.name);
   }
 }

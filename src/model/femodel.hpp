@@ -62,9 +62,30 @@ inline const std::int32_t* FEMODEL_NODES(const ElementRecord& element) {
   return nullptr;
 }
 
-// True when the passes work on element `element` (1-based): it is not excluded and its type known.
-inline bool FEMODEL_ISACTIVE(std::int32_t element) {
+// True when element `element` (1-based) is left out of the model: its record may hold anything.
+inline bool FEMODEL_ISEXCLUDED(std::int32_t element) {
   const auto flags = static_cast<std::uint16_t>(FEMODEL::ElementFlags[Slot(element)]);
-  return (flags & ElementExcluded) == 0 &&
-         FEMODEL_NODECOUNT(FEMODEL::Elements[Slot(element)].TypeCode) != 0;
+  return (flags & ElementExcluded) != 0;
+}
+
+// An element and what its record leads to: looked up once, handed on by the passes.
+struct ElementView {
+  std::int32_t number = 0;  // 1-based
+  const ElementRecord* record = nullptr;
+  int nodeCount = 0;  // 0 for an unknown type, which no pass works on
+  // Of a known type:
+  const std::int32_t* nodes = nullptr;  // [nodeCount] 1-based node numbers
+  const MaterialRecord* material = nullptr;
+};
+
+// Element `number`, which must not be excluded.
+inline ElementView FEMODEL_ELEMENT(std::int32_t number) {
+  const ElementRecord& record = FEMODEL::Elements[Slot(number)];
+  const int nodeCount = FEMODEL_NODECOUNT(record.TypeCode);
+  if (nodeCount == 0) return {.number = number, .record = &record};
+  return {.number = number,
+          .record = &record,
+          .nodeCount = nodeCount,
+          .nodes = FEMODEL_NODES(record),
+          .material = &FEMODEL::Materials[Slot(record.MaterialIndex)]};
 }

@@ -16,6 +16,10 @@ bool PLATFORM_ENTERDIRECTORY(std::string_view directory);
 // them, so that no file of the run takes their place and receives what libraries print there.
 void PLATFORM_GUARDSTREAMS();
 
+// Threads of the largest team that the program works with, whatever the options say: what its loops
+// are tuned for, and the size of what is kept per thread.
+inline constexpr int LargestTeam = 16;
+
 // Flush-to-zero and denormals-are-zero for the calling thread. Threads started later inherit it
 // where the system copies the control register; the thread set-up sets it for each all the same.
 void PLATFORM_FLUSHTOZERO();

@@ -40,16 +40,16 @@ void WriteValues(std::string_view stem, const float* values, std::int32_t count)
 }
 
 TotalsRecord Narrow(const ResponseTotals& totals, double maxDisValue) {
-  return {VKCORE::LCaseId,
-          VKCORE::LoadCaseKind,
-          VKCORE::SolveQuality,
-          static_cast<float>(totals[0]),
-          static_cast<float>(totals[3]),
-          static_cast<float>(totals[5]),
-          static_cast<float>(maxDisValue),
-          static_cast<float>(VKCORE::AppliedLoadSum[0]),
-          static_cast<float>(VKCORE::AppliedLoadSum[1]),
-          static_cast<float>(VKCORE::AppliedLoadSum[2])};
+  return {.LoadCase = VKCORE::LCaseId,
+          .Kind = VKCORE::LoadCaseKind,
+          .ARQua = VKCORE::SolveQuality,
+          .SEner = static_cast<float>(totals[TotalEnergy]),
+          .MatVolume = static_cast<float>(totals[TotalSharpVolume]),
+          .BStress = static_cast<float>(totals[TotalBoundaryStress]),
+          .MaxDis = static_cast<float>(maxDisValue),
+          .Rx = static_cast<float>(VKCORE::AppliedLoadSum[0]),
+          .Ry = static_cast<float>(VKCORE::AppliedLoadSum[1]),
+          .Rz = static_cast<float>(VKCORE::AppliedLoadSum[2])};
 }
 
 void WriteTotals(const TotalsRecord& record) {

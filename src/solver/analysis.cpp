@@ -20,6 +20,10 @@ constexpr float StopQuality = 0.5f;
 constexpr float WarningQuality = 0.9f;
 constexpr std::int32_t FactorIterations = 300;
 
+// The run's mode, once it is resolved, is the number of its preconditioner.
+static_assert(SLEPCCGSOLVER::PcgSweeps == SOLVERSTA::ModeIterative);
+static_assert(SLEPCCGSOLVER::PcgFactor == SOLVERSTA::ModeFactorised);
+
 bool IsMarked(std::int32_t node) {
   return (static_cast<std::uint16_t>(FEMODEL::NodeFlags[Slot(node)]) & NodeMarked) != 0;
 }
@@ -57,13 +61,11 @@ void UnscaleDisplacements() {
 }
 
 void Solve() {
-  using namespace SOLVERSTA;
-  if (UseIm4)
-    SLEPCCGSOLVER_COMPUTE_I4(pR4.get(), pC4.get(), SysMatrixSP.get(), SysMatrix.get(), SysRhs.get(),
-                             FEDOF::Displacements.get());
-  else
-    SLEPCCGSOLVER_COMPUTE_I8(pR8.get(), pC8.get(), SysMatrixSP.get(), SysMatrix.get(), SysRhs.get(),
-                             FEDOF::Displacements.get());
+  SOLVERSTA_WITHINDICES([](const auto& pR, const auto& pC) {
+    SLEPCCGSOLVER_COMPUTE(pR.get(), pC.get(), SOLVERSTA::SysMatrixSP.get(),
+                          SOLVERSTA::SysMatrix.get(), SOLVERSTA::SysRhs.get(),
+                          FEDOF::Displacements.get());
+  });
 }
 
 void JudgeQuality() {

@@ -41,6 +41,15 @@ long long maxfct8 = 1, mnum8 = 1, mtype8 = 2, nrhs8 = 1, msglvl8 = 0, n8 = 0, er
 constexpr float FactorDiagonal = std::bit_cast<float>(0x3f800002u);
 static_assert(double{FactorDiagonal} == 1.0000002384185791);
 
+// The estimate of the analysis comes in kilobytes; a factor is affordable when the estimate, with a
+// margin for what the library takes beside it, fits the budget. The 64-bit path has its own margin,
+// 1.15, in one constant with the unit.
+constexpr float GigabytesPerKilobyte = 0x1p-20f;
+constexpr float EstimateMargin = 1.1f;
+static_assert(double{EstimateMargin} == 1.10000002384185791015625);
+constexpr float GigabytesWithMargin8 = 1.15f * GigabytesPerKilobyte;
+static_assert(std::bit_cast<std::uint32_t>(GigabytesWithMargin8) == 0x35933333u);
+
 void SetParameters() {
   std::fill(std::begin(pt), std::end(pt), nullptr);
   std::fill(std::begin(iparm), std::end(iparm), 0);
@@ -126,13 +135,6 @@ std::string_view ErrorText(std::int32_t code) {
   }
 }
 
-template <class Index>
-void Solve(const Index* pR, const Index* pC, const float* matrix, float* b, float* x) {
-  if (PardisoError != 0) return;
-  CallPardiso(PhaseSolve, matrix, pR, pC, b, x);
-  HANDLEERROR(error, "SLE solution phase error.");
-}
-
 // The entry that made the handle, which alone can release it: when a pattern on the other index
 // path has come since, its own entry would end in an access violation.
 bool HandleIs64 = false;
@@ -142,15 +144,6 @@ void CallRelease() {
   const Index dummyIndex = 0;
   float dummy = 0.0f;
   CallPardiso(PhaseRelease, &dummy, &dummyIndex, &dummyIndex, &dummy, &dummy);
-}
-
-void Release() {
-  if (HandleIs64)
-    CallRelease<std::int64_t>();
-  else
-    CallRelease<std::int32_t>();
-  HANDLEERROR(error, "SLE solver memory release phase error.");
-  PardisoFactorHeld = false;
 }
 
 template <class Index>
@@ -169,13 +162,6 @@ void Factorise(const Index* pR, const Index* pC, const float* matrix) {
   if (PardisoError == 0) CallPardiso(PhaseFactor, matrix, pR, pC, &dummy, &dummy);
 }
 
-void ReleaseOnPresentPath() {
-  if (SOLVERSTA::UseIm4)
-    SLEPARDISOSOLVER_RELEASE_I4();
-  else
-    SLEPARDISOSOLVER_RELEASE_I8();
-}
-
 template <class Index>
 void CopyToSinglePrecision(const Index* pR) {
   const double* matrix = SOLVERSTA::SysMatrix.get();
@@ -188,18 +174,39 @@ void CopyToSinglePrecision(const Index* pR) {
 void CopyMatrix() {
   if (!SOLVERSTA::SysMatrixSP)
     SOLVERSTA::SysMatrixSP = ARRAYS_ALLOCATE<float>(SOLVERSTA::NumEntries);
-  if (SOLVERSTA::UseIm4)
-    CopyToSinglePrecision(SOLVERSTA::pR4.get());
-  else
-    CopyToSinglePrecision(SOLVERSTA::pR8.get());
+  SOLVERSTA_WITHINDICES([](const auto& pR, const auto&) { CopyToSinglePrecision(pR.get()); });
 }
 
-void FactorOnPresentPath(float& budget) {
-  const float* matrix = SOLVERSTA::SysMatrixSP.get();
-  if (SOLVERSTA::UseIm4)
-    SLEPARDISOSOLVER_FACTOR_I4(SOLVERSTA::pR4.get(), SOLVERSTA::pC4.get(), matrix, budget);
-  else
-    SLEPARDISOSOLVER_FACTOR_I8(SOLVERSTA::pR8.get(), SOLVERSTA::pC8.get(), matrix, budget);
+// The 32-bit path posts the estimate and compares it with the budget.
+void Factor(const std::int32_t* pR4, const std::int32_t* pC4, const float* matrix, float& budget) {
+  if (PardisoError != 0) return;
+  Analyse(pR4, pC4, matrix);
+  if (PardisoError == 0) {
+    const float estimate = static_cast<float>(iparm[Slot(17)]) * GigabytesPerKilobyte;
+    LOGGER_POSTINF("EstDecMemReq: ", estimate);
+    if (budget > 0.0f) {
+      budget -= EstimateMargin * estimate;
+      if (budget < 0.0f) return;
+    }
+  }
+  Factorise(pR4, pC4, matrix);
+  HintAtPivot(iparm[Slot(30)]);
+  HANDLEERROR(error, "Stiffness matrix factorization error.");
+}
+
+// The 64-bit path posts nothing, and its comparison never fails.
+void Factor(const std::int64_t* pR8, const std::int64_t* pC8, const float* matrix, float& budget) {
+  if (PardisoError != 0) return;
+  Analyse(pR8, pC8, matrix);
+  if (PardisoError == 0 && budget > 0.0f) {
+    // The 32-bit table, which this entry doesn't fill: the deduction is zero on purpose, a system
+    // of this size is always factorised.
+    budget -= static_cast<float>(iparm[Slot(17)]) * GigabytesWithMargin8;
+    if (budget < 0.0f) return;
+  }
+  Factorise(pR8, pC8, matrix);
+  HintAtPivot(iparm8[Slot(30)]);
+  HANDLEERROR(error, "Stiffness matrix factorization error.");
 }
 
 [[noreturn]] void AbortWithErrorText() {
@@ -214,7 +221,7 @@ void SLEPARDISOSOLVER_PREPARE() {
   SOLVERSTA::SolverReady = true;
   if (SOLVERSTA::IMode == SOLVERSTA::ModeIterative) return;
   CopyMatrix();
-  if (PardisoFactorHeld) ReleaseOnPresentPath();
+  if (PardisoFactorHeld) SLEPARDISOSOLVER_RELEASE();
   PardisoError = 0;
   PardisoErrorText.assign(ErrorTextLength, ' ');
   SetParameters();
@@ -222,7 +229,9 @@ void SLEPARDISOSOLVER_PREPARE() {
   // Zero and less stand for no budget.
   float budget = automatic ? std::max(VKCORE::RunOptions.AvailableMemGB, 0.0f) : 0.0f;
   PardisoFactorHeld = true;
-  FactorOnPresentPath(budget);
+  SOLVERSTA_WITHINDICES([&budget](const auto& pR, const auto& pC) {
+    Factor(pR.get(), pC.get(), SOLVERSTA::SysMatrixSP.get(), budget);
+  });
   if (!automatic) {
     if (SLEPARDISOSOLVER_HASERROR()) AbortWithErrorText();
     return;
@@ -231,57 +240,55 @@ void SLEPARDISOSOLVER_PREPARE() {
     SOLVERSTA::IMode = SOLVERSTA::ModeFactorised;
     return;
   }
-  if (PardisoFactorHeld) ReleaseOnPresentPath();
+  if (PardisoFactorHeld) SLEPARDISOSOLVER_RELEASE();
   SOLVERSTA::SysMatrixSP.reset();
   SOLVERSTA::IMode = SOLVERSTA::ModeIterative;
 }
 
 void SLEPARDISOSOLVER_FACTOR_I4(const std::int32_t* pR4, const std::int32_t* pC4,
                                 const float* matrix, float& budget) {
-  constexpr float gigabytesPerKilobyte = 0x1p-20f;
-  if (PardisoError != 0) return;
-  Analyse(pR4, pC4, matrix);
-  if (PardisoError == 0) {
-    const float estimate = static_cast<float>(iparm[Slot(17)]) * gigabytesPerKilobyte;
-    LOGGER_POSTINF("EstDecMemReq: ", estimate);
-    if (budget > 0.0f) {
-      budget -= 1.1f * estimate;
-      if (budget < 0.0f) return;
-    }
-  }
-  Factorise(pR4, pC4, matrix);
-  HintAtPivot(iparm[Slot(30)]);
-  HANDLEERROR(error, "Stiffness matrix factorization error.");
+  Factor(pR4, pC4, matrix, budget);
 }
 
 void SLEPARDISOSOLVER_FACTOR_I8(const std::int64_t* pR8, const std::int64_t* pC8,
                                 const float* matrix, float& budget) {
-  constexpr float gigabytesWithMargin = std::bit_cast<float>(0x35933333u);  // 1.15 x 2^-20
-  if (PardisoError != 0) return;
-  Analyse(pR8, pC8, matrix);
-  if (PardisoError == 0 && budget > 0.0f) {
-    // The 32-bit table, which this entry doesn't fill: the deduction is zero on purpose, a system
-    // of this size is always factorised.
-    budget -= static_cast<float>(iparm[Slot(17)]) * gigabytesWithMargin;
-    if (budget < 0.0f) return;
-  }
-  Factorise(pR8, pC8, matrix);
-  HintAtPivot(iparm8[Slot(30)]);
-  HANDLEERROR(error, "Stiffness matrix factorization error.");
+  Factor(pR8, pC8, matrix, budget);
 }
+
+template <class Index>
+void SLEPARDISOSOLVER_SOLVE(const Index* pR, const Index* pC, const float* matrix, float* b,
+                            float* x) {
+  if (PardisoError != 0) return;
+  CallPardiso(PhaseSolve, matrix, pR, pC, b, x);
+  HANDLEERROR(error, "SLE solution phase error.");
+}
+
+template void SLEPARDISOSOLVER_SOLVE(const std::int32_t*, const std::int32_t*, const float*, float*,
+                                     float*);
+template void SLEPARDISOSOLVER_SOLVE(const std::int64_t*, const std::int64_t*, const float*, float*,
+                                     float*);
 
 void SLEPARDISOSOLVER_SOLVE_I4(const std::int32_t* pR4, const std::int32_t* pC4,
                                const float* matrix, float* b, float* x) {
-  Solve(pR4, pC4, matrix, b, x);
+  SLEPARDISOSOLVER_SOLVE(pR4, pC4, matrix, b, x);
 }
 
 void SLEPARDISOSOLVER_SOLVE_I8(const std::int64_t* pR8, const std::int64_t* pC8,
                                const float* matrix, float* b, float* x) {
-  Solve(pR8, pC8, matrix, b, x);
+  SLEPARDISOSOLVER_SOLVE(pR8, pC8, matrix, b, x);
 }
 
-void SLEPARDISOSOLVER_RELEASE_I4() { Release(); }
-void SLEPARDISOSOLVER_RELEASE_I8() { Release(); }
+void SLEPARDISOSOLVER_RELEASE() {
+  if (HandleIs64)
+    CallRelease<std::int64_t>();
+  else
+    CallRelease<std::int32_t>();
+  HANDLEERROR(error, "SLE solver memory release phase error.");
+  PardisoFactorHeld = false;
+}
+
+void SLEPARDISOSOLVER_RELEASE_I4() { SLEPARDISOSOLVER_RELEASE(); }
+void SLEPARDISOSOLVER_RELEASE_I8() { SLEPARDISOSOLVER_RELEASE(); }
 
 bool SLEPARDISOSOLVER_HASERROR() { return PardisoError != 0; }
 bool SLEPARDISOSOLVER_HASFACTOR() { return PardisoFactorHeld; }

@@ -34,12 +34,18 @@ void SLEPARDISOSOLVER_FACTOR_I4(const std::int32_t* pR4, const std::int32_t* pC4
 void SLEPARDISOSOLVER_FACTOR_I8(const std::int64_t* pR8, const std::int64_t* pC8,
                                 const float* matrix, float& budget);
 
-// x := inverse(factor) b, both float32 [NumEquations]. After an error x stays as it is.
+// x := inverse(factor) b, both float32 [NumEquations]. After an error x stays as it is. Index:
+// std::int32_t or std::int64_t, each with a name of its own below.
+template <class Index>
+void SLEPARDISOSOLVER_SOLVE(const Index* pR, const Index* pC, const float* matrix, float* b,
+                            float* x);
 void SLEPARDISOSOLVER_SOLVE_I4(const std::int32_t* pR4, const std::int32_t* pC4,
                                const float* matrix, float* b, float* x);
 void SLEPARDISOSOLVER_SOLVE_I8(const std::int64_t* pR8, const std::int64_t* pC8,
                                const float* matrix, float* b, float* x);
 
+// Releases the factor by the entry that made it, whatever the present width.
+void SLEPARDISOSOLVER_RELEASE();
 void SLEPARDISOSOLVER_RELEASE_I4();
 void SLEPARDISOSOLVER_RELEASE_I8();
 

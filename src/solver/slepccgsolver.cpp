@@ -62,48 +62,70 @@ double Dot(const double* a, const double* b, std::int64_t n) {
 }
 
 // The operations that exist for both index widths, selected by the types of the index arrays.
-void FactorSolve(const std::int32_t* pR, const std::int32_t* pC, const float* m, float* b,
-                 float* x) {
-  SLEPARDISOSOLVER_SOLVE_I4(pR, pC, m, b, x);
+
+void Multiply(const std::int32_t* pR4, const std::int32_t* pC4, const double* matrix,
+              const double* p, double* q) {
+  mkl_dcsrsymv("U", &SOLVERSTA::NumEquations, matrix, pR4, pC4, p, q);
 }
-void FactorSolve(const std::int64_t* pR, const std::int64_t* pC, const float* m, float* b,
-                 float* x) {
-  SLEPARDISOSOLVER_SOLVE_I8(pR, pC, m, b, x);
+
+void Multiply(const std::int64_t* pR8, const std::int64_t* pC8, const double* matrix,
+              const double* p, double* q) {
+  const std::int64_t n = SOLVERSTA::NumEquations;
+  std::fill_n(q, n, 0.0);
+  for (std::int64_t i = 0; i < n; ++i) {
+    double sum = matrix[Slot(pR8[i])] * p[i];
+    for (std::int64_t k = pR8[i] + 1; k < pR8[i + 1]; ++k) {
+      const std::int64_t j = Slot(pC8[Slot(k)]);
+      sum += matrix[Slot(k)] * p[j];   // the entry itself
+      q[j] += matrix[Slot(k)] * p[i];  // and its mirror image
+    }
+    q[i] += sum;
+  }
 }
-void Multiply(const std::int32_t* pR, const std::int32_t* pC, const double* m, const double* p,
-              double* q) {
-  SLEPCCGSOLVER_MATVEC_I4(pR, pC, m, p, q);
+
+void SweepForward(const std::int32_t* pR4, const std::int32_t* pC4, const double* matrix,
+                  const double* r, double* y) {
+  mkl_dcsrtrsv("U", "T", "U", &SOLVERSTA::NumEquations, matrix, pR4, pC4, r, y);
 }
-void Multiply(const std::int64_t* pR, const std::int64_t* pC, const double* m, const double* p,
-              double* q) {
-  SLEPCCGSOLVER_MATVEC_I8(pR, pC, m, p, q);
+
+void SweepForward(const std::int64_t* pR8, const std::int64_t* pC8, const double* matrix,
+                  const double* r, double* y) {
+  const std::int64_t n = SOLVERSTA::NumEquations;
+  std::copy_n(r, n, y);
+  for (std::int64_t i = 0; i < n; ++i) {
+    const double solved = y[i] / matrix[Slot(pR8[i])];
+    y[i] = solved;
+    for (std::int64_t k = pR8[i] + 1; k < pR8[i + 1]; ++k)
+      y[Slot(pC8[Slot(k)])] -= matrix[Slot(k)] * solved;
+  }
 }
-void SweepForward(const std::int32_t* pR, const std::int32_t* pC, const double* m, const double* r,
-                  double* y) {
-  SLEPCCGSOLVER_FORWARDSOLVE_I4(pR, pC, m, r, y);
+
+void SweepBackward(const std::int32_t* pR4, const std::int32_t* pC4, const double* matrix,
+                   const double* y, double* z) {
+  mkl_dcsrtrsv("U", "N", "N", &SOLVERSTA::NumEquations, matrix, pR4, pC4, y, z);
 }
-void SweepForward(const std::int64_t* pR, const std::int64_t* pC, const double* m, const double* r,
-                  double* y) {
-  SLEPCCGSOLVER_FORWARDSOLVE_I8(pR, pC, m, r, y);
-}
-void SweepBackward(const std::int32_t* pR, const std::int32_t* pC, const double* m, const double* y,
-                   double* z) {
-  SLEPCCGSOLVER_BACKWARDSOLVE_I4(pR, pC, m, y, z);
-}
-void SweepBackward(const std::int64_t* pR, const std::int64_t* pC, const double* m, const double* y,
-                   double* z) {
-  SLEPCCGSOLVER_BACKWARDSOLVE_I8(pR, pC, m, y, z);
+
+void SweepBackward(const std::int64_t* pR8, const std::int64_t* pC8, const double* matrix,
+                   const double* y, double* z) {
+  const std::int64_t n = SOLVERSTA::NumEquations;
+  std::copy_n(y, n, z);
+  for (std::int64_t i = n - 1; i >= 0; --i) {
+    double rest = z[i];
+    for (std::int64_t k = pR8[i] + 1; k < pR8[i + 1]; ++k)
+      rest -= matrix[Slot(k)] * z[Slot(pC8[Slot(k)])];
+    z[i] = rest / matrix[Slot(pR8[i])];
+  }
 }
 
 // z := inverse(M) r.
 template <class Index>
 void Precondition(const Index* pR, const Index* pC, const float* matrixSP, const double* matrix,
                   WorkArrays& w, std::int64_t n) {
-  if (PcgMode == SOLVERSTA::ModeFactorised) {
+  if (PcgMode == SLEPCCGSOLVER::PcgFactor) {
     for (std::int64_t i = 0; i < n; ++i) w.spRhs[i] = static_cast<float>(w.r[i]);
-    FactorSolve(pR, pC, matrixSP, w.spRhs.get(), w.spSolution.get());
+    SLEPARDISOSOLVER_SOLVE(pR, pC, matrixSP, w.spRhs.get(), w.spSolution.get());
     for (std::int64_t i = 0; i < n; ++i) w.z[i] = static_cast<double>(w.spSolution[i]);
-  } else if (PcgMode == SOLVERSTA::ModeIterative) {
+  } else if (PcgMode == SLEPCCGSOLVER::PcgSweeps) {
     SweepForward(pR, pC, matrix, w.r.get(), w.q.get());
     SweepBackward(pR, pC, matrix, w.q.get(), w.z.get());
   } else {
@@ -164,9 +186,15 @@ double Iterate(const Index* pR, const Index* pC, const float* matrixSP, const do
   return rnorm;
 }
 
+}  // namespace
+
+float SLEPCCGSOLVER_QUALITY(double ratio) {
+  return static_cast<float>(1.0 / (1.0 + ratio / QualityRatio));
+}
+
 template <class Index>
-void Compute(const Index* pR, const Index* pC, const float* matrixSP, const double* matrix,
-             const double* b, double* x) {
+void SLEPCCGSOLVER_COMPUTE(const Index* pR, const Index* pC, const float* matrixSP,
+                           const double* matrix, const double* b, double* x) {
   const std::int64_t n = SOLVERSTA::NumEquations;
   ICount = 0;
   const double bnorm = MaxNorm(b, n);
@@ -187,74 +215,49 @@ void Compute(const Index* pR, const Index* pC, const float* matrixSP, const doub
   }
 }
 
-}  // namespace
-
-float SLEPCCGSOLVER_QUALITY(double ratio) {
-  return static_cast<float>(1.0 / (1.0 + ratio / QualityRatio));
-}
+template void SLEPCCGSOLVER_COMPUTE(const std::int32_t*, const std::int32_t*, const float*,
+                                    const double*, const double*, double*);
+template void SLEPCCGSOLVER_COMPUTE(const std::int64_t*, const std::int64_t*, const float*,
+                                    const double*, const double*, double*);
 
 void SLEPCCGSOLVER_COMPUTE_I4(const std::int32_t* pR4, const std::int32_t* pC4,
                               const float* matrixSP, const double* matrix, const double* b,
                               double* x) {
-  Compute(pR4, pC4, matrixSP, matrix, b, x);
+  SLEPCCGSOLVER_COMPUTE(pR4, pC4, matrixSP, matrix, b, x);
 }
 
 void SLEPCCGSOLVER_COMPUTE_I8(const std::int64_t* pR8, const std::int64_t* pC8,
                               const float* matrixSP, const double* matrix, const double* b,
                               double* x) {
-  Compute(pR8, pC8, matrixSP, matrix, b, x);
+  SLEPCCGSOLVER_COMPUTE(pR8, pC8, matrixSP, matrix, b, x);
 }
 
 void SLEPCCGSOLVER_MATVEC_I4(const std::int32_t* pR4, const std::int32_t* pC4, const double* matrix,
                              const double* p, double* q) {
-  mkl_dcsrsymv("U", &SOLVERSTA::NumEquations, matrix, pR4, pC4, p, q);
+  Multiply(pR4, pC4, matrix, p, q);
 }
 
 void SLEPCCGSOLVER_MATVEC_I8(const std::int64_t* pR8, const std::int64_t* pC8, const double* matrix,
                              const double* p, double* q) {
-  const std::int64_t n = SOLVERSTA::NumEquations;
-  std::fill_n(q, n, 0.0);
-  for (std::int64_t i = 0; i < n; ++i) {
-    double sum = matrix[Slot(pR8[i])] * p[i];
-    for (std::int64_t k = pR8[i] + 1; k < pR8[i + 1]; ++k) {
-      const std::int64_t j = Slot(pC8[Slot(k)]);
-      sum += matrix[Slot(k)] * p[j];   // the entry itself
-      q[j] += matrix[Slot(k)] * p[i];  // and its mirror image
-    }
-    q[i] += sum;
-  }
+  Multiply(pR8, pC8, matrix, p, q);
 }
 
 void SLEPCCGSOLVER_FORWARDSOLVE_I4(const std::int32_t* pR4, const std::int32_t* pC4,
                                    const double* matrix, const double* r, double* y) {
-  mkl_dcsrtrsv("U", "T", "U", &SOLVERSTA::NumEquations, matrix, pR4, pC4, r, y);
+  SweepForward(pR4, pC4, matrix, r, y);
 }
 
 void SLEPCCGSOLVER_FORWARDSOLVE_I8(const std::int64_t* pR8, const std::int64_t* pC8,
                                    const double* matrix, const double* r, double* y) {
-  const std::int64_t n = SOLVERSTA::NumEquations;
-  std::copy_n(r, n, y);
-  for (std::int64_t i = 0; i < n; ++i) {
-    const double solved = y[i] / matrix[Slot(pR8[i])];
-    y[i] = solved;
-    for (std::int64_t k = pR8[i] + 1; k < pR8[i + 1]; ++k)
-      y[Slot(pC8[Slot(k)])] -= matrix[Slot(k)] * solved;
-  }
+  SweepForward(pR8, pC8, matrix, r, y);
 }
 
 void SLEPCCGSOLVER_BACKWARDSOLVE_I4(const std::int32_t* pR4, const std::int32_t* pC4,
                                     const double* matrix, const double* y, double* z) {
-  mkl_dcsrtrsv("U", "N", "N", &SOLVERSTA::NumEquations, matrix, pR4, pC4, y, z);
+  SweepBackward(pR4, pC4, matrix, y, z);
 }
 
 void SLEPCCGSOLVER_BACKWARDSOLVE_I8(const std::int64_t* pR8, const std::int64_t* pC8,
                                     const double* matrix, const double* y, double* z) {
-  const std::int64_t n = SOLVERSTA::NumEquations;
-  std::copy_n(y, n, z);
-  for (std::int64_t i = n - 1; i >= 0; --i) {
-    double rest = z[i];
-    for (std::int64_t k = pR8[i] + 1; k < pR8[i + 1]; ++k)
-      rest -= matrix[Slot(k)] * z[Slot(pC8[Slot(k)])];
-    z[i] = rest / matrix[Slot(pR8[i])];
-  }
+  SweepBackward(pR8, pC8, matrix, y, z);
 }

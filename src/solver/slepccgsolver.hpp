@@ -9,8 +9,12 @@
 
 namespace SLEPCCGSOLVER {
 
-// Preconditioner, by the values of SOLVERSTA::IMode.
-inline std::int32_t PcgMode = 0;  // 0 none, 1 symmetric Gauss-Seidel, 2 single-precision factor
+// Preconditioner of the next solve. The run's mode is resolved to one of the latter two; without a
+// preconditioner the solver serves comparisons.
+inline constexpr std::int32_t PcgPlain = 0;
+inline constexpr std::int32_t PcgSweeps = 1;  // symmetric Gauss-Seidel
+inline constexpr std::int32_t PcgFactor = 2;  // single-precision factor
+inline std::int32_t PcgMode = PcgPlain;
 inline std::int32_t PcgMaxIter = 0;
 
 inline std::int32_t ICount = 0;  // iterations; negative when PcgMaxIter was exhausted
@@ -20,7 +24,10 @@ inline float PcgQuality = 0.0f;  // 1 converged, 0.5 at a residual ratio of 0.00
 
 // Solves A x = b from x, for the scaled upper triangle `matrix` ([entry]) with its float32 copy
 // `matrixSP` (mode 2), b and x [NumEquations]. A zero b clears x. Aborts: work arrays not
-// allocated.
+// allocated. Index: std::int32_t or std::int64_t, each with a name of its own below.
+template <class Index>
+void SLEPCCGSOLVER_COMPUTE(const Index* pR, const Index* pC, const float* matrixSP,
+                           const double* matrix, const double* b, double* x);
 void SLEPCCGSOLVER_COMPUTE_I4(const std::int32_t* pR4, const std::int32_t* pC4,
                               const float* matrixSP, const double* matrix, const double* b,
                               double* x);

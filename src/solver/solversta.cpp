@@ -147,10 +147,7 @@ void SOLVERSTA_CONFIGURE(int unit, std::string_view fileName) {
   FreeIndexPairs();
   // A wrapped count is outside what the index arrays can be made for.
   if (SOLVERSTA::NumEntries != entries) LOGGER_POSTERRABORT(IndexArraysFailure);
-  if (SOLVERSTA::UseIm4)
-    CopyAddresses(entries, SOLVERSTA::pR4, SOLVERSTA::pC4);
-  else
-    CopyAddresses(entries, SOLVERSTA::pR8, SOLVERSTA::pC8);
+  SOLVERSTA_WITHINDICES([entries](auto& pR, auto& pC) { CopyAddresses(entries, pR, pC); });
   SOLVERSTA_FREEADDRESSES();
   AllocateSystemArrays();
 }
@@ -158,9 +155,5 @@ void SOLVERSTA_CONFIGURE(int unit, std::string_view fileName) {
 void SOLVERSTA_RELEASE() {
   FreeIndexPairs();
   FreeSystemArrays();
-  if (!SLEPARDISOSOLVER_HASFACTOR()) return;
-  if (SOLVERSTA::UseIm4)
-    SLEPARDISOSOLVER_RELEASE_I4();
-  else
-    SLEPARDISOSOLVER_RELEASE_I8();
+  if (SLEPARDISOSOLVER_HASFACTOR()) SLEPARDISOSOLVER_RELEASE();
 }

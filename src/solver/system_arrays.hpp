@@ -38,3 +38,12 @@ inline Array<double> SysScale;    // [NumEquations] 1 / sqrt(diagonal)
 inline bool SolverReady = false;  // the solver is prepared for the present SysMatrix
 
 }  // namespace SOLVERSTA
+
+// Hands the index pair of the present width, pR and pC, to `use`. Nothing else asks for the width.
+template <class Use>
+void SOLVERSTA_WITHINDICES(Use use) {
+  if (SOLVERSTA::UseIm4)
+    use(SOLVERSTA::pR4, SOLVERSTA::pC4);
+  else
+    use(SOLVERSTA::pR8, SOLVERSTA::pC8);
+}

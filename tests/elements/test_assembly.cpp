@@ -42,7 +42,7 @@ struct Twin {
 
   void AddElements() {
     for (std::int32_t e = 1; e <= FEMODEL::NumElements; ++e) {
-      if (!FEMODEL_ISACTIVE(e)) continue;
+      if (FEMODEL_ISEXCLUDED(e)) continue;
       std::int32_t count = 0;
       ElementDofs dofs;
       ElementVector f;

@@ -199,7 +199,8 @@ TEST_F(Feelem, BoundaryStressOfAQuadraticTetrahedronLooksAtFourLevels) {
   SetLevel(1.0f);
   for (std::int32_t node = 9; node <= 14; ++node) FEMODEL::NodeTpFactor[Slot(node)] = -1.0f;
   RunResponse();
-  EXPECT_EQ(totals_[5], 0.0);  // four equal levels: no boundary, whatever the mid-edge nodes hold
+  EXPECT_EQ(totals_[TotalBoundaryStress],
+            0.0);  // four equal levels: no boundary, whatever the mid-edge nodes hold
 }
 
 TEST_F(Feelem, TemperaturesAreGatheredAtAllNodesWhenTheLoadCaseHasThem) {
@@ -266,9 +267,9 @@ TEST_F(Feelem, ElementsFlaggedInBitTwoOrEightTakeNoPartInTheResponse) {
   for (std::int32_t e = 0; e < 4; ++e) FEMODEL::ElementFlags[e] = 0x100;
   FEMODEL::ElementFlags[1] = 0x4;
   RunResponse();
-  EXPECT_EQ(totals_[0], 0.0);
-  EXPECT_EQ(totals_[5], 0.0);
-  EXPECT_TRUE(std::isnan(totals_[4]));  // no volume at all
+  EXPECT_EQ(totals_[TotalEnergy], 0.0);
+  EXPECT_EQ(totals_[TotalBoundaryStress], 0.0);
+  EXPECT_TRUE(std::isnan(totals_[TotalSharpShare]));  // no volume at all
   for (int node = 0; node < 14; ++node) EXPECT_EQ(RESPONSE::AmsCounts[node], 0);
 }
 
@@ -298,7 +299,7 @@ class FeelemResponse : public Feelem {
     const auto r = [&R](int i) { return R[static_cast<std::size_t>(i - 1)]; };
     const double limit = double{Material().LimitStress};
     const double ratio = r(3) / r(1), stress = r(7) / r(3), mean = r(8) / r(3);
-    sums_.totals[0] += r(6);
+    sums_.totals[TotalEnergy] += r(6);
     const double f = r(8) < 0 ? limit : r(8) > 0 ? 1.0 / limit : 1.0;
     const double W = 0.10000000149011612 * r(1) + 0.8999999761581421 * r(2);
     const double c =
@@ -330,7 +331,7 @@ class FeelemResponse : public Feelem {
     if (ratio < 0.5 || !(p > 0)) return;
     const double w = q < 0 ? 1.0 : std::pow(p - q, 32);
     if (w == 0) return;
-    sums_.totals[6] = std::max(sums_.totals[6], stress);
+    sums_.totals[TotalLargestStress] = std::max(sums_.totals[TotalLargestStress], stress);
     sums_.weight += w;
     double x = stress * w;
     if (r8 > 0) x /= limit;
@@ -340,8 +341,9 @@ class FeelemResponse : public Feelem {
   void ExpectTwin() {
     RunResponse();
     if (sums_.weight == 0) sums_.weight = 1;
-    sums_.totals[4] = sums_.totals[3] / sums_.totals[1];
-    sums_.totals[5] = std::pow(sums_.power / sums_.weight, 1.0 / VKCORE::RunOptions.BStressExp);
+    sums_.totals[TotalSharpShare] = sums_.totals[TotalSharpVolume] / sums_.totals[TotalVolume];
+    sums_.totals[TotalBoundaryStress] =
+        std::pow(sums_.power / sums_.weight, 1.0 / VKCORE::RunOptions.BStressExp);
     for (int i = 0; i < 8; ++i)
       EXPECT_NEAR(totals_[i], sums_.totals[i], 1e-12 * std::fabs(sums_.totals[i])) << i;
     for (std::size_t i = 0; i < 3; ++i) {
@@ -425,8 +427,8 @@ TEST_F(FeelemResponse, ElementThatIgnoresTheLevelCountsInEnergyAndNodesButNotInV
   AddTwin(1);
   SetLevel(-5.0f);  // would leave no material, if it were read
   RunResponse();
-  EXPECT_GT(totals_[0], 0.0);
-  EXPECT_EQ(totals_[0], sums_.totals[0]);
+  EXPECT_GT(totals_[TotalEnergy], 0.0);
+  EXPECT_EQ(totals_[TotalEnergy], sums_.totals[TotalEnergy]);
   for (const int i : {1, 2, 3, 5, 6}) EXPECT_EQ(totals_[i], 0.0) << i;
   for (std::size_t i = 0; i < 14; ++i) EXPECT_EQ(RESPONSE::AmsValues[i], sums_.ams[i]) << i;
 }
@@ -434,22 +436,22 @@ TEST_F(FeelemResponse, ElementThatIgnoresTheLevelCountsInEnergyAndNodesButNotInV
 TEST_F(FeelemResponse, NoElementAtTheBoundaryGivesABoundaryStressOfZero) {
   SetLevel(1.0f);
   RunResponse();
-  EXPECT_GT(totals_[0], 0.0);
-  EXPECT_EQ(totals_[5], 0.0);
-  EXPECT_EQ(totals_[6], 0.0);
+  EXPECT_GT(totals_[TotalEnergy], 0.0);
+  EXPECT_EQ(totals_[TotalBoundaryStress], 0.0);
+  EXPECT_EQ(totals_[TotalLargestStress], 0.0);
 }
 
 TEST_F(FeelemResponse, TotalSevenStaysZeroAndTotalFourIsTheMaterialShare) {
   RunResponse();
-  EXPECT_EQ(totals_[7], 0.0);
-  EXPECT_EQ(totals_[4], totals_[3] / totals_[1]);
+  EXPECT_EQ(totals_[TotalUnused], 0.0);
+  EXPECT_EQ(totals_[TotalSharpShare], totals_[TotalSharpVolume] / totals_[TotalVolume]);
 }
 
 TEST_F(FeelemResponse, NoElementsAtAllGiveZeroBoundaryStress) {
   FEMODEL::NumElements = 0;
   RunResponse();
-  EXPECT_EQ(totals_[5], 0.0);
-  EXPECT_TRUE(std::isnan(totals_[4]));
+  EXPECT_EQ(totals_[TotalBoundaryStress], 0.0);
+  EXPECT_TRUE(std::isnan(totals_[TotalSharpShare]));
 }
 
 // Level values of element 1 at which its material share, as computed, is exactly one half: near a
@@ -486,8 +488,8 @@ TEST_F(FeelemResponse, ShareOfExactlyOneHalfTakesPartInTheBoundaryStressAndNotIn
   ASSERT_TRUE(FindHalfShare(share, coarse, fine));
   ASSERT_EQ(share(coarse, fine), 0.5);
   RunResponse();
-  EXPECT_GT(totals_[5], 0.0);
-  EXPECT_GT(totals_[6], 0.0);
+  EXPECT_GT(totals_[TotalBoundaryStress], 0.0);
+  EXPECT_GT(totals_[TotalLargestStress], 0.0);
   for (int node = 0; node < 14; ++node) EXPECT_EQ(RESPONSE::AmsCounts[node], 0);
 }
 
@@ -497,8 +499,8 @@ TEST_F(FeelemResponse, ShareBelowOneHalfTakesPartInNeither) {
   SetLevel(-1.0f);
   FEMODEL::NodeTpFactor[1] = 0.1f;
   RunResponse();
-  EXPECT_GT(totals_[0], 0.0);
-  EXPECT_EQ(totals_[5], 0.0);
+  EXPECT_GT(totals_[TotalEnergy], 0.0);
+  EXPECT_EQ(totals_[TotalBoundaryStress], 0.0);
   EXPECT_EQ(RESPONSE::AmsCounts[0], 0);
 }
 
@@ -612,7 +614,7 @@ TEST_F(FeelemResponse, YieldingElementStillReachesTotalsAndNodes) {
   SetLevel(1.0f);
   Stretch(0.02);
   RunResponse();
-  EXPECT_GT(totals_[0], 0.0);
+  EXPECT_GT(totals_[TotalEnergy], 0.0);
   EXPECT_EQ(RESPONSE::AmsCounts[0], 1);
 }
 
@@ -634,7 +636,7 @@ TEST_F(FeelemResponse, DegenerateElementLetsUndefinedValuesFlowOn) {
   SetLevel(1.0f);
   FEMODEL::NodeCoords[4] = FEMODEL::NodeCoords[0];  // no volume
   RunResponse();
-  EXPECT_FALSE(std::isfinite(totals_[0]));
+  EXPECT_FALSE(std::isfinite(totals_[TotalEnergy]));
 }
 
 }  // namespace

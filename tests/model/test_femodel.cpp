@@ -293,8 +293,8 @@ TEST_F(Femodel, RowsOfExcludedElementsMayHoldAnything) {
     model.elements.push_back({-3, TypeTet4, 77});
     model.elementFlags.push_back(static_cast<std::int16_t>(flag));
     Load(model);
-    EXPECT_TRUE(FEMODEL_ISACTIVE(1));
-    EXPECT_FALSE(FEMODEL_ISACTIVE(2));
+    EXPECT_FALSE(FEMODEL_ISEXCLUDED(1));
+    EXPECT_TRUE(FEMODEL_ISEXCLUDED(2));
   }
 }
 
@@ -303,14 +303,30 @@ TEST_F(Femodel, RowsOfUnknownTypesMayHoldAnything) {
   model.elements.push_back({-3, 42, 77});
   model.elementFlags.push_back(0);
   Load(model);
-  EXPECT_FALSE(FEMODEL_ISACTIVE(2));
+  EXPECT_FALSE(FEMODEL_ISEXCLUDED(2));
+  EXPECT_EQ(FEMODEL_ELEMENT(2).nodeCount, 0);
+}
+
+TEST_F(Femodel, ViewOfAnElementLeadsToItsNodesAndMaterial) {
+  ModelFiles model = OneTetrahedron();
+  model.materials.push_back(Isotropic(7.0f, 0.0f));
+  model.elements.push_back({2, TypeTet4, 2});
+  model.elementFlags.push_back(0);
+  model.conn40.push_back({{4, 3, 2, 1}});
+  Load(model);
+  const ElementView element = FEMODEL_ELEMENT(2);
+  EXPECT_EQ(element.number, 2);
+  EXPECT_EQ(element.record->TypeCode, TypeTet4);
+  EXPECT_EQ(element.material->E, 7.0f);
+  EXPECT_EQ(std::vector<std::int32_t>(element.nodes, element.nodes + element.nodeCount),
+            (std::vector<std::int32_t>{4, 3, 2, 1}));
 }
 
 TEST_F(Femodel, FlagBitsOtherThanTwoAndEightLeaveTheElementIn) {
   ModelFiles model = OneTetrahedron();
   model.elementFlags = {static_cast<std::int16_t>(~0x104)};
   Load(model);
-  EXPECT_TRUE(FEMODEL_ISACTIVE(1));
+  EXPECT_FALSE(FEMODEL_ISEXCLUDED(1));
 }
 
 TEST_F(Femodel, FewerFlagsThanElementsLeaveTheRestOut) {

@@ -246,16 +246,16 @@ TEST_F(Compsave, WritesTheReducedArraysOfTheElementPass) {
   EXPECT_EQ(ReadFile("ws.amsval.0007"), Table(ams));
   EXPECT_EQ(ReadFile("ws.disval.0007"), Table(dis));
   const std::vector<float> reals = {0.75f,
-                                    static_cast<float>(totals[0]),
-                                    static_cast<float>(totals[3]),
-                                    static_cast<float>(totals[5]),
+                                    static_cast<float>(totals[TotalEnergy]),
+                                    static_cast<float>(totals[TotalSharpVolume]),
+                                    static_cast<float>(totals[TotalBoundaryStress]),
                                     static_cast<float>(maxDis),
                                     1.0f,
                                     -2.0f,
                                     0.1f};
-  EXPECT_GT(totals[0], 0.0);
-  EXPECT_GT(totals[3], 0.0);
-  EXPECT_GT(totals[5], 0.0);
+  EXPECT_GT(totals[TotalEnergy], 0.0);
+  EXPECT_GT(totals[TotalSharpVolume], 0.0);
+  EXPECT_GT(totals[TotalBoundaryStress], 0.0);
   EXPECT_EQ(ReadFile("ws.comval.0007"),
             Bytes(std::int32_t{7}) + Bytes(std::int32_t{1}) + Bytes(reals));
   EXPECT_FALSE(RESPONSE::TcValues);

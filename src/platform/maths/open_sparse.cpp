@@ -9,6 +9,7 @@
 #include <new>
 
 #include "platform/maths/maths.hpp"
+#include "platform/process.hpp"
 
 namespace {
 
@@ -26,8 +27,6 @@ struct RowShare {
   int spillEnd = 0;
   double* spill = nullptr;
 };
-
-constexpr int LargestTeam = 16;
 
 // Kept between calls, since a solve multiplies hundreds of times.
 struct SpillStore {

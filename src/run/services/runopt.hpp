@@ -20,6 +20,7 @@
 #include <variant>
 
 #include "platform/described.hpp"
+#include "platform/process.hpp"
 #include "run/services/vkcore.hpp"
 
 namespace RUNOPT {
@@ -28,7 +29,7 @@ inline constexpr std::string_view FileName = "vk_rund_cmd.txt";
 inline constexpr int Unit = 101;
 inline constexpr std::size_t LineLength = 512;  // what lies beyond is cut
 inline constexpr char Comment = '*';
-inline constexpr std::int32_t MaxThreads = 16;  // design limit, whatever the option says
+inline constexpr std::int32_t MaxThreads = LargestTeam;  // whatever the option says
 
 // A key and the value it sets; T is the type of what stands in the file. Without limits, lowest and
 // highest are what T can hold.
@@ -97,7 +98,7 @@ bool RUNOPT_PARSEINTEGER(std::string_view text, std::int32_t& value);
 bool RUNOPT_PARSEFLOAT(std::string_view text, float& value);
 
 // Team size for the option value `request` on `processors` processors with the run-time's limit
-// `threadLimit`: 1 .. 16.
+// `threadLimit`: 1 .. MaxThreads.
 std::int32_t RUNOPT_TEAMSIZE(std::int32_t request, std::int32_t processors,
                              std::int32_t threadLimit);
 

@@ -31,7 +31,7 @@ struct RunOptionValues {
 };
 
 inline RunOptionValues RunOptions;   // written by RUNOPT_READ
-inline std::int32_t NumThreads = 1;  // the run's team size, 1 .. 16; written by RUNOPT_SETTHREADS
+inline std::int32_t NumThreads = 1;  // the run's team size, written by RUNOPT_SETTHREADS
 
 // Flags of the load case that runs, written by FELOADCASE_PREPARE.
 inline bool PatternChanged = false;
