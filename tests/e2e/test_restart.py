@@ -16,7 +16,6 @@ from collections.abc import Callable
 from pathlib import Path
 
 import numpy as np
-import oracle
 import pytest
 from models import MATERIALS, STEEL, pulled, tiny, tiny_case, written
 from runs import TIMEOUT, clear_done, counted, lcflags, run, same, solves, sstate
@@ -161,13 +160,34 @@ def test_a_run_killed_again_and_again_gets_done(tmp_path, program):
         assert np.abs(sstate(directory, number) - expected).max() <= 1e-3 * np.abs(expected).max()
 
 
-def test_a_request_made_anew_solves_from_the_earlier_solution(tmp_path):
+def iterations(directory: Path) -> int:
+    """Iterations of the one load case of a run."""
+    (line,) = (line for line in run(directory) if line.startswith("Info<Msg:ICount: "))
+    return int(line.removeprefix("Info<Msg:ICount: ").removesuffix(">"))
+
+
+def test_a_request_made_anew_solves_again(tmp_path):
     directory = tiny(tmp_path, Sys_ComputationMode=1)
-    solves(directory)
+    assert len(solves(directory).cases) == 1
+    assert solves(directory).cases == []
     clear_done(directory)
-    solves(directory)
-    start = oracle.simulate(directory)
-    assert start.cases == []
+    assert len(solves(directory).cases) == 1
+
+
+def test_a_request_made_anew_starts_from_the_earlier_solution(tmp_path):
+    """With the load taken away, a start from zero has nothing to do; one from the earlier solution
+    has that to undo."""
+    started, unstarted = tmp_path / "started", tmp_path / "unstarted"
+    tiny(started, Sys_ComputationMode=1)
+    run(started)
+    largest = np.abs(sstate(started, 1)).max()
+    tiny(started, tiny_case(force=(0.0, 0.0, 0.0)), Sys_ComputationMode=1)
+    shutil.copytree(started, unstarted)
+    (unstarted / "ws.sstate.0001").unlink()
+    assert iterations(unstarted) == 0
+    assert not sstate(unstarted, 1).any()
+    assert iterations(started) > 0
+    assert np.abs(sstate(started, 1)).max() <= 1e-4 * largest
 
 
 def test_an_unfinished_replacement_is_cleared_away(tmp_path, preload):

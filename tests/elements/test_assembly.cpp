@@ -140,6 +140,51 @@ TEST_P(Assembly, ForcePassGivesTheForcesOfTheMatrixPassAndLeavesTheMatrix) {
   EXPECT_TRUE(SOLVERSTA::SolverReady);
 }
 
+// Without free strains the forces are K u; K is the scaled matrix with its scales taken out.
+TEST_P(Assembly, MatrixTimesDisplacementsIsTheInternalForces) {
+  PREPARESYSMATRIXANDINTERNALFORCES();
+  const DenseMatrix scaled = DenseOf(SOLVERSTA::SysMatrix.get());
+  for (std::size_t i = 0; i < scaled.size(); ++i) {
+    double force = 0.0, size = 0.0;
+    for (std::size_t j = 0; j < scaled.size(); ++j) {
+      const double term =
+          scaled[i][j] / SOLVERSTA::SysScale[i] / SOLVERSTA::SysScale[j] * FEDOF::Displacements[j];
+      force += term;
+      size += std::fabs(term);
+    }
+    EXPECT_NEAR(SOLVERSTA::SysForces[i], force, 1e-13 * size) << i;
+  }
+}
+
+// Nothing held: moving or turning the whole box makes no force, stretching it alone does.
+TEST_P(Assembly, MotionsOfTheWholeBodyMakeNoForces) {
+  SetModel({});
+  const auto largestForce = [](auto displacement) {
+    for (std::int32_t node = 0; node < FEMODEL::NumNodes; ++node) {
+      const NodeRecord& at = FEMODEL::NodeCoords[node];
+      const double x[3] = {double{at.X}, double{at.Y}, double{at.Z}};
+      for (int k = 0; k < 3; ++k)
+        FEDOF::Displacements[FEDOF::NodeDofMap[3 * node + k] - 1] = displacement(x, k);
+    }
+    PREPARESYSINTERNALFORCES();
+    double largest = 0.0;
+    for (std::int32_t i = 0; i < SOLVERSTA::NumEquations; ++i)
+      largest = std::max(largest, std::fabs(SOLVERSTA::SysForces[i]));
+    return largest;
+  };
+  const double stretched = largestForce([](const double* x, int k) { return k == 0 ? x[0] : 0.0; });
+  ASSERT_GT(stretched, 1.0);
+  for (int axis = 0; axis < 3; ++axis) {
+    EXPECT_LT(largestForce([axis](const double*, int k) { return k == axis ? 1.0 : 0.0; }),
+              1e-13 * stretched);
+    EXPECT_LT(largestForce([axis](const double* x, int k) {
+                if (k == axis) return 0.0;
+                return k == (axis + 1) % 3 ? -x[(axis + 2) % 3] : x[(axis + 1) % 3];
+              }),
+              1e-13 * stretched);
+  }
+}
+
 TEST_P(Assembly, RebuildingTheMatrixMakesTheFactorStale) {
   SOLVERSTA::SolverReady = true;
   PREPARESYSMATRIXANDINTERNALFORCES();

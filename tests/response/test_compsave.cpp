@@ -1,8 +1,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cmath>
+#include <cstdio>
 #include <filesystem>
 #include <limits>
 #include <string>
@@ -12,6 +12,7 @@
 #include "model/fileio.hpp"
 #include "response/compsave.hpp"
 #include "run/services/vkcore.hpp"
+#include "support/close_fault.hpp"
 #include "support/small_model.hpp"
 
 namespace {
@@ -217,48 +218,62 @@ TEST_F(Compsave, BlendBufferThatCannotBeAllocatedStopsTheRun) {
 }
 
 TEST_F(Compsave, FailedCloseOfTheEarlierFileIsToldWithItsUnit) {
+  SetTc({4.0f}, {1});
   WriteFile("f", Table(std::vector<float>{8.0f}));
-  EXPECT_ABORT(
-      {
-        FILEIO_OPENREAD(FILEIO::ReadUnit, "f");
-        ::close(FILEIO::ReadStream.descriptor);
-        FILEIO_CLOSEREAD(FILEIO::ReadUnit);
-      },
-      "Error closing fileunit: 200");
+  EXPECT_ABORT((FailingClose = 2,  // the first belongs to the question whether the file exists
+                COMPSAVE_BLENDPREVIOUS(FILEIO::ReadUnit, "f", 0.25f)),
+               "Error closing fileunit: 200");
 }
 
 // The whole step.
 
-TEST_F(Compsave, WritesTheReducedArraysOfTheElementPass) {
-  COMPSAVE_INITRESPONSE(FEMODEL::NumTp, FEMODEL::NumNodes);
-  const double maxDis = COMPSAVE_MAGNITUDES();
-  ResponseTotals totals;
-  FEELEM_RESPONSE(FEDOF::Displacements.get(), totals);
-  COMPSAVE_REDUCETC();
-  COMPSAVE_REDUCEAMS();
-  const std::vector<float> tc = Tc();
-  const std::vector<float> ams(RESPONSE::AmsValues.get(),
-                               RESPONSE::AmsValues.get() + FEMODEL::NumNodes);
-  const std::vector<float> dis(RESPONSE::DisValues.get(),
-                               RESPONSE::DisValues.get() + FEMODEL::NumNodes);
+// The box is stretched by a strain of 1/64 along x, its first cell alone is material of the model,
+// and all of it is at one level. So every element has the energy density and the stress of Hooke's
+// law with the moduli 1200 and 400, and every average is that of any element.
+TEST_F(Compsave, WritesAveragesAndTotalsOfAUniformState) {
+  constexpr double strain = 0x1p-6;
+  for (std::int32_t node = 0; node < FEMODEL::NumNodes; ++node) {
+    FEMODEL::NodeTpFactor[node] = 0.5f;
+    for (int k = 0; k < 3; ++k)
+      if (const std::int32_t d = FEDOF::NodeDofMap[3 * node + k]; d > 0)
+        FEDOF::Displacements[d - 1] = k == 0 ? strain * double{FEMODEL::NodeCoords[node].X} : 0.0;
+  }
+  FEMODEL::Materials[0].LimitStress = 2.0f;
+  for (std::int32_t e = 6; e < FEMODEL::NumElements; ++e) FEMODEL::ElementFlags[e] = 0x100;
   VKCORE_COMPSAVERESPONSE();
-  EXPECT_EQ(ReadFile("ws.tcval.0007"), Table(tc));
-  EXPECT_EQ(ReadFile("ws.amsval.0007"), Table(ams));
-  EXPECT_EQ(ReadFile("ws.disval.0007"), Table(dis));
-  const std::vector<float> reals = {0.75f,
-                                    static_cast<float>(totals[TotalEnergy]),
-                                    static_cast<float>(totals[TotalSharpVolume]),
-                                    static_cast<float>(totals[TotalBoundaryStress]),
-                                    static_cast<float>(maxDis),
-                                    1.0f,
-                                    -2.0f,
-                                    0.1f};
-  EXPECT_GT(totals[TotalEnergy], 0.0);
-  EXPECT_GT(totals[TotalSharpVolume], 0.0);
-  EXPECT_GT(totals[TotalBoundaryStress], 0.0);
-  EXPECT_EQ(ReadFile("ws.comval.0007"),
-            Bytes(std::int32_t{7}) + Bytes(std::int32_t{1}) + Bytes(reals));
+
+  const double whole = (std::atan(250.0) / M_PI + 0.5) * (1.0 - double{0.001f}) + double{0.001f};
+  const double sharp = (std::atan(250e3) / M_PI + 0.5) * (1.0 - double{0.001f}) + double{0.001f};
+  const double energy = 600.0 * strain * strain, stress = 800.0 * strain;
+  const double criterion =
+      energy * whole * whole / (double{0.1f} + double{0.9f} * whole) / 2.0;  // the limit stress
+  // Design point 3 lies at node 5, like the others at the first cell.
+  for (const float value : FileValues("ws.tcval.0007"))
+    EXPECT_NEAR(value, criterion, 1e-6 * criterion);
+  const std::vector<float> ams = FileValues("ws.amsval.0007"), dis = FileValues("ws.disval.0007");
+  for (std::int32_t node = 0; node < FEMODEL::NumNodes; ++node) {
+    const auto at = static_cast<std::size_t>(node);
+    const double x = double{FEMODEL::NodeCoords[node].X};
+    EXPECT_NEAR(ams[at], x < 1.5 ? stress : 0.0, 1e-6 * stress) << node + 1;
+    EXPECT_EQ(dis[at], static_cast<float>(strain * x)) << node + 1;
+  }
+  const std::string common = ReadFile("ws.comval.0007");
+  EXPECT_EQ(common.substr(0, 12), Bytes(std::int32_t{7}) + Bytes(std::int32_t{1}) + Bytes(0.75f));
+  EXPECT_NEAR(ValueAt<float>(common, 12), energy * sharp, 1e-6 * energy);
+  EXPECT_NEAR(ValueAt<float>(common, 16), sharp, 1e-6);
+  EXPECT_EQ(ValueAt<float>(common, 20), 0.0f);  // no boundary
+  EXPECT_EQ(common.substr(24),
+            Bytes(static_cast<float>(2.0 * strain)) + Bytes(std::vector<float>{1.0f, -2.0f, 0.1f}));
   EXPECT_FALSE(RESPONSE::TcValues);
+}
+
+TEST_F(Compsave, BoundaryStressReachesTheFileAndTheLog) {
+  VKCORE_COMPSAVERESPONSE();
+  const auto value = ValueAt<float>(ReadFile("ws.comval.0007"), 20);
+  EXPECT_GT(value, 0.0f);
+  char line[64];
+  std::snprintf(line, sizeof line, "Data<Key:BStress><Value:%.6E>\n", double{value});
+  EXPECT_EQ(CountInLog(line), 1);
 }
 
 TEST_F(Compsave, PostsTheTotalsInOrder) {
@@ -350,16 +365,11 @@ TEST_F(Compsave, FullDeviceIsAFailedFlush) {
   EXPECT_ABORT(VKCORE_COMPSAVERESPONSE(), "Error flushing file unit: 400");
 }
 
-TEST_F(Compsave, FailedCloseOfAResultFileIsToldWithItsUnit) {
-  EXPECT_ABORT(
-      {
-        FILEIO_OPENWRITE(FILEIO::WriteUnit, "ws.tcval.0007");
-        const int descriptor = FILEIO::WriteStream.descriptor;
-        FILEIO::WriteStream.besideName.clear();  // nothing to bring to the disk
-        ::close(descriptor);
-        FILEIO_FLUSHCLOSE(FILEIO::WriteUnit);
-      },
-      "Error closing file unit: 400");
+TEST_F(Compsave, FailedCloseOfAnyResultFileIsToldWithItsUnit) {
+  for (const int number : {1, 2, 3, 4})
+    EXPECT_EXIT((FailingClose = number, VKCORE_COMPSAVERESPONSE()), StopsWith(StopError),
+                "1010: Error closing file unit: 400\n")
+        << number;
 }
 
 }  // namespace

@@ -326,11 +326,6 @@ TEST_F(Slepardisosolver, SystemOfAnotherSizeFollowsOnTheSameHandle) {
   ExpectSolves(Good);
 }
 
-TEST_F(Slepardisosolver, ReleaseWarnsAboutAFailureAndGoesOn) {
-  HANDLEERROR(-1, "SLE solver memory release phase error.");
-  EXPECT_EQ(Log(), "Warning<Msg:SLE solver memory release phase error. Inconsistent input.>\n");
-}
-
 TEST_F(Slepardisosolver, CopyThatCannotBeAllocatedStopsTheRun) {
   SetMatrix(Good, true);
   SOLVERSTA::IMode = SOLVERSTA::ModeAutomatic;

@@ -98,7 +98,7 @@ TEST_P(Slepccgsolver, FactorAsPreconditionerSolvesInFewIterations) { ExpectSolve
 TEST_P(Slepccgsolver, SweepsAsPreconditionerSolve) { ExpectSolved(1, 12); }
 TEST_P(Slepccgsolver, NoPreconditionerSolves) { ExpectSolved(0, 40); }
 
-TEST_P(Slepccgsolver, BoxSystemNeedsFewIterationsWithTheFactorAndMoreWithTheSweeps) {
+TEST_P(Slepccgsolver, LineNeedsFewIterationsWithTheFactorMoreWithTheSweepsAndMostWithoutEither) {
   const std::size_t n = 400;
   Set(Line(n));
   const std::vector<double> b = RandomVector(n);

@@ -1,12 +1,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <limits>
 #include <vector>
 
 #include "model/fileio.hpp"
 #include "solver/solversta.hpp"
+#include "support/close_fault.hpp"
 #include "support/small_model.hpp"
 
 namespace {
@@ -305,14 +305,9 @@ TEST_F(Solversta, MissingFileIsAnOpeningError) {
 }
 
 TEST_F(Solversta, FailedCloseIsToldWithItsUnit) {
+  SetMap({1, 2, 3, 4, 5, 6});
   WriteStructure(TwoNodes());
-  EXPECT_ABORT(
-      {
-        FILEIO_OPENREAD(FILEIO::ReadUnit, Name);
-        ::close(FILEIO::ReadStream.descriptor);
-        FILEIO_CLOSEREAD(FILEIO::ReadUnit);
-      },
-      "Error closing fileunit: 200");
+  EXPECT_ABORT((FailingClose = 1, Configure()), "Error closing fileunit: 200");
 }
 
 TEST_F(Solversta, ShortFileIsAReadingError) {
