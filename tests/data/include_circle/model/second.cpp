@@ -1,2 +1,3 @@
-#include "model/first.hpp"
 #include "model/second.hpp"
+
+#include "model/first.hpp"
