@@ -6,8 +6,9 @@ from pathlib import Path
 
 import numpy as np
 
-from vkctl.directory.model import Elements, LoadCase, Material, Model, write
+from vkctl.directory.model import LoadCase, Material, Model, write
 from vkctl.shapes.boxes import Box, Kind, box
+from vkctl.shapes.elements import Elements
 
 KINDS: tuple[Kind, ...] = ("tet4", "hex8", "tet10", "mixed")
 CELLS = {"tet4": (3, 2, 2), "hex8": (3, 2, 2), "tet10": (2, 1, 1), "mixed": (3, 1, 1)}

@@ -8,8 +8,9 @@ from support.closed import error_figure, error_table, push
 from support.mesh import NAMES, TYPES, Mesh, block, faces_where, model
 from support.page import Check, Result, compare
 
-from vkctl.directory.formats import HEX8, TET4, TET10, Array
+from vkctl.basics.types import Array
 from vkctl.directory.model import LoadCase, prescribed
+from vkctl.shapes.topology import HEX8, TET4, TET10
 
 E, LENGTH, DEPTH, WIDTH, FORCE = 1000.0, 8.0, 2.0, 1.0, 1.0  # Poisson's ratio 0
 INERTIA = WIDTH * DEPTH**3 / 12

@@ -8,8 +8,9 @@ from support.closed import order, push
 from support.mesh import NAMES, TYPES, block, boundary, model, shake
 from support.page import Figure, Result, Table, error_text, near, number
 
-from vkctl.directory.formats import HEX8, TET4, TET10, Array
+from vkctl.basics.types import Array
 from vkctl.directory.model import LoadCase, prescribed
+from vkctl.shapes.topology import HEX8, TET4, TET10
 
 E, NU = 100.0, 0.3
 CELLS = {TET4: (4, 8, 16), HEX8: (4, 8, 16), TET10: (2, 4, 8)}

@@ -8,8 +8,9 @@ from support.closed import hold, order
 from support.mesh import NAMES, TYPES, block, model, shake
 from support.page import Check, Figure, Result, compare, near
 
-from vkctl.directory.formats import HEX8, TET4, TET10, Array
+from vkctl.basics.types import Array
 from vkctl.directory.model import LoadCase, Material, prescribed
+from vkctl.shapes.topology import HEX8, TET4, TET10
 
 E, NU, EXPANSION, RISE = 210e3, 0.3, 1.2e-5, 50.0
 HELD_BOUND = 3e-6

@@ -8,8 +8,9 @@ from support.mesh import NAMES, Mesh, block, faces_where, model
 from support.page import Result, compare
 from support.recovery import Level, finest, level, series
 
-from vkctl.directory.formats import HEX8, TET10, Array
+from vkctl.basics.types import Array
 from vkctl.directory.model import LoadCase, prescribed
+from vkctl.shapes.topology import HEX8, TET10
 
 E, NU = 210e3, 0.3  # MPa
 THICKNESS = 0.6  # m

@@ -8,8 +8,9 @@ from support.mesh import block, model
 from support.page import Result
 from support.recovery import Level, finest, level, series
 
-from vkctl.directory.formats import HEX8, TET10, Array
+from vkctl.basics.types import Array
 from vkctl.directory.model import LoadCase, prescribed
+from vkctl.shapes.topology import HEX8, TET10
 
 E, NU, EXPANSION = 210e3, 0.3, 2.3e-4  # MPa, -, per degree
 TARGET = -105.0  # MPa

@@ -11,8 +11,9 @@ from support.closed import hold, push
 from support.mesh import NAMES, TYPES, Mesh, block, faces_where, model
 from support.page import Check, Figure, Result, Table, compare, error_text, number
 
-from vkctl.directory.formats import HEX8, TET4, TET10, Array
+from vkctl.basics.types import Array
 from vkctl.directory.model import LoadCase, Model, prescribed
+from vkctl.shapes.topology import HEX8, TET4, TET10
 
 E, NU = 1000.0, 0.0
 SLOPES = (10.0, 500.0)

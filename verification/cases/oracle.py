@@ -10,8 +10,9 @@ from support.closed import push
 from support.mesh import NAMES, TYPES, Mesh, block, faces_where, model
 from support.page import Check, Result, Table, error_text
 
-from vkctl.directory.formats import HEX8, TET4, TET10, Array
+from vkctl.basics.types import Array
 from vkctl.directory.model import LoadCase, Material, prescribed
+from vkctl.shapes.topology import HEX8, TET4, TET10
 
 E, NU, EXPANSION = 1000.0, 0.3, 1e-3
 BOUND = 1e-4

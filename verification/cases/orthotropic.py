@@ -7,7 +7,7 @@ from support import fem, solver
 from support.mesh import NAMES, TYPES, block, boundary, model, shake
 from support.page import Check, Result
 
-from vkctl.directory.formats import Array
+from vkctl.basics.types import Array
 from vkctl.directory.model import LoadCase, Material, prescribed
 
 MODULI = (12000.0, 900.0, 500.0)  # such as wood

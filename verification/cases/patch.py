@@ -7,8 +7,9 @@ from support import solver
 from support.mesh import NAMES, TYPES, Mesh, block, boundary, merge, model, shake
 from support.page import Check, Result
 
-from vkctl.directory.formats import HEX8, TET4, TET10, Array
+from vkctl.basics.types import Array
 from vkctl.directory.model import LoadCase, prescribed
+from vkctl.shapes.topology import HEX8, TET4, TET10
 
 E, NU = 210000.0, 0.3
 GRADIENT = 1e-3 * np.array([[1.0, 0.5, -0.3], [0.2, -0.7, 0.4], [0.6, -0.1, 0.8]])

@@ -8,7 +8,7 @@ from support.closed import push
 from support.mesh import NAMES, TYPES, block, boundary, faces_where, model, shake
 from support.page import Check, Result, compare
 
-from vkctl.directory.formats import Array
+from vkctl.basics.types import Array
 from vkctl.directory.model import LoadCase, elastic, prescribed
 
 E, NU, STIFFNESS = 500.0, 0.3, 40.0  # STIFFNESS is "Sta.SupportStiffness"

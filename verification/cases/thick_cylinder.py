@@ -9,8 +9,9 @@ from support.mesh import NAMES, TYPES, Mesh, block, faces_where, model
 from support.page import Result, compare
 from support.recovery import level
 
-from vkctl.directory.formats import HEX8, TET4, TET10, Array
+from vkctl.basics.types import Array
 from vkctl.directory.model import LoadCase
+from vkctl.shapes.topology import HEX8, TET4, TET10
 
 E, NU, INNER, OUTER, PRESSURE = 1000.0, 0.3, 1.0, 2.0, 10.0
 CELLS = {  # through the wall, around, along the axis

@@ -8,8 +8,9 @@ from support.closed import error_figure, error_table, hold, push
 from support.mesh import NAMES, TYPES, Mesh, block, faces_where, merge, model
 from support.page import Result, compare
 
-from vkctl.directory.formats import HEX8, TET4, TET10, Array
+from vkctl.basics.types import Array
 from vkctl.directory.model import LoadCase
+from vkctl.shapes.topology import HEX8, TET4, TET10
 
 E, NU, INNER, OUTER, PRESSURE = 1000.0, 0.3, 1.0, 2.0, 10.0
 CELLS = {TET4: [3, 6, 12], HEX8: [3, 6, 12], TET10: [2, 4, 6]}  # in each direction of a patch

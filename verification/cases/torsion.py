@@ -10,8 +10,8 @@ from support.closed import error_figure, error_table
 from support.mesh import NAMES, TYPES, block, model
 from support.page import Result, compare
 
-from vkctl.directory.formats import HEX8, TET4, TET10
 from vkctl.directory.model import LoadCase, prescribed
+from vkctl.shapes.topology import HEX8, TET4, TET10
 
 E, NU, SIDE, LENGTH, TWIST = 2600.0, 0.3, 1.0, 1.0, 0.01  # G = 1000
 CELLS = {  # across, along

@@ -8,7 +8,7 @@ from support.closed import hold, push
 from support.mesh import NAMES, TYPES, Mesh, block, faces_where, model
 from support.page import Check, Figure, Result, Table, compare, number
 
-from vkctl.directory.formats import Array
+from vkctl.basics.types import Array
 from vkctl.directory.model import LoadCase, Material, prescribed
 
 E, NU, YIELD, HARDENING = 1000.0, 0.3, 2.0, 0.1

@@ -10,7 +10,8 @@ from pathlib import Path
 
 import numpy as np
 
-from vkctl.directory.formats import HEX8, TET4, TET10, Array
+from vkctl.basics.types import Array
+from vkctl.shapes.topology import HEX8, TET4, TET10
 
 from .mesh import Mesh
 

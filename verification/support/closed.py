@@ -7,7 +7,7 @@ from collections.abc import Callable
 
 import numpy as np
 
-from vkctl.directory.formats import Array
+from vkctl.basics.types import Array
 from vkctl.directory.model import LoadCase, prescribed
 
 from .mesh import NAMES, Mesh

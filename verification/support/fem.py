@@ -15,7 +15,8 @@ from scipy import sparse
 from scipy.sparse.linalg import spsolve
 from scipy.special import roots_jacobi
 
-from vkctl.directory.formats import HEX8, TET10, Array
+from vkctl.basics.types import Array
+from vkctl.shapes.topology import HEX8, TET10
 
 from .mesh import CUBE, EDGES, Mesh
 

@@ -11,8 +11,10 @@ from dataclasses import dataclass, field
 
 import numpy as np
 
-from vkctl.directory.formats import HEX8, TET4, TET10, Array
-from vkctl.directory.model import Elements, LoadCase, Material, Model
+from vkctl.basics.types import Array
+from vkctl.directory.model import LoadCase, Material, Model
+from vkctl.shapes.elements import Elements
+from vkctl.shapes.topology import HEX8, TET4, TET10
 
 NAMES = {TET4: "4-node tetrahedra", HEX8: "8-node hexahedra", TET10: "10-node tetrahedra"}
 TYPES = (TET4, HEX8, TET10)

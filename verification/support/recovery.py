@@ -4,7 +4,8 @@ from __future__ import annotations
 
 from dataclasses import dataclass
 
-from vkctl.directory.formats import HEX8, Array
+from vkctl.basics.types import Array
+from vkctl.shapes.topology import HEX8
 
 from . import fem
 from .mesh import NAMES, Mesh

@@ -11,9 +11,9 @@ from pathlib import Path
 
 import numpy as np
 
+from vkctl.basics.types import Array
 from vkctl.directory import formats
 from vkctl.directory import model as vkmodel
-from vkctl.directory.formats import Array
 from vkctl.directory.model import Material, Model
 
 ROOT = Path(__file__).resolve().parents[2]

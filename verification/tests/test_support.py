@@ -15,7 +15,7 @@ sys.path[:0] = [str(HERE.parent), str(HERE.parents[1] / "vkctl/src")]
 from support import fem, page  # noqa: E402
 from support.mesh import TYPES, block, boundary, faces_where, merge, shake, straighten  # noqa: E402
 
-from vkctl.directory.formats import HEX8, TET4, TET10  # noqa: E402
+from vkctl.shapes.topology import HEX8, TET4, TET10  # noqa: E402
 
 
 def twisted(grid):

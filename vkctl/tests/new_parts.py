@@ -13,7 +13,7 @@ import gmsh
 import numpy as np
 import pyvista
 
-from vkctl.prepare import CaseFileError, Mesh, Prepared, build, make_mesh, read_cases, read_part
+from vkctl.prepare import CaseFileError, PartMesh, Prepared, build, make_mesh, read_cases, read_part
 
 ROOT = Path(__file__).resolve().parents[2]
 
@@ -100,7 +100,7 @@ def brick(directory: Path, kind: str, cells: tuple[int, int, int] = (6, 3, 2)) -
     return directory
 
 
-def mesh_of(path: Path) -> Mesh:
+def mesh_of(path: Path) -> PartMesh:
     return make_mesh(read_part(path))
 
 

@@ -6,19 +6,13 @@ from itertools import combinations
 import numpy as np
 import pytest
 
-from vkctl.directory.formats import HEX8, TET4, TET10
-from vkctl.directory.model import Elements
 from vkctl.shapes.boxes import box
-from vkctl.shapes.geometry import (
-    boundary_faces,
-    consistent_forces,
-    element_volumes,
-    face_triangles,
-    faces_within,
-    hex8_gradients,
-    select_nodes,
-    tet10_gradients,
-)
+from vkctl.shapes.elements import Elements
+from vkctl.shapes.faces import boundary_faces, face_triangles, faces_within
+from vkctl.shapes.forces import consistent_forces
+from vkctl.shapes.functions import hex8_gradients, tet10_gradients
+from vkctl.shapes.measures import element_volumes, select_nodes
+from vkctl.shapes.topology import HEX8, TET4, TET10
 
 KINDS = ["tet4", "hex8", "tet10", "mixed"]
 SIDES = ["x-", "x+", "y-", "y+", "z-", "z+"]

@@ -20,7 +20,7 @@ from vkctl.check.supports import describe_motions
 from vkctl.cli import app
 from vkctl.directory import formats, model
 from vkctl.directory.model import LoadCase, Material, Model
-from vkctl.directory.structure import node_neighbours
+from vkctl.directory.structure import build_structure, node_neighbours
 from vkctl.running.run import run
 from vkctl.shapes.boxes import box
 
@@ -545,7 +545,7 @@ def unsorted_columns(directory):
 def a_structure_without_a_coupling(directory):
     whole, part = sound()
     kept = [t for t in part.elements.used_tables() if len(t)]
-    structure = model.build_structure(16, kept)
+    structure = build_structure(16, kept)
     row = np.repeat(np.arange(48), np.diff(structure.row_start))
     gone = (row // 3 == 0) & ((structure.columns - 1) // 3 == 1)
     lengths = np.bincount(row[~gone], minlength=48)
@@ -557,7 +557,7 @@ def a_structure_without_a_coupling(directory):
 def a_structure_with_couplings_too_many(directory):
     whole, _ = sound()
     everything = np.arange(1, 17)[None]
-    model.write(whole, directory, model.build_structure(16, [everything]))
+    model.write(whole, directory, build_structure(16, [everything]))
 
 
 # Table of load cases.

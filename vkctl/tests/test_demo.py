@@ -10,10 +10,12 @@ from typer.testing import CliRunner
 from vkctl.cli import app
 from vkctl.directory import formats
 from vkctl.directory.model import LoadCase, Material, Model, read, write
+from vkctl.directory.summary import summary
+from vkctl.prepare import cantilever
 from vkctl.running.run import NotFoundError
 from vkctl.shapes.boxes import box
-from vkctl.shapes.geometry import element_volumes
-from vkctl.view import demo
+from vkctl.shapes.measures import element_volumes
+from vkctl.view.deformed import picture
 
 runner = CliRunner()
 
@@ -41,28 +43,28 @@ def solved_box(directory, deflection=0.01):
 
 
 def test_the_cantilever_has_about_100000_equations_and_one_pattern():
-    model, part = demo.cantilever()
+    model, part = cantilever.cantilever()
     clamped = len(part.face("x-"))
     assert 95_000 < 3 * (len(part.nodes) - clamped) < 105_000
     assert [case.pattern for case in model.load_cases] == [1, 1]
     assert model.node_tp_index.min() == 1
     volumes = element_volumes(model.nodes, model.elements)
     assert volumes.min() > 0
-    assert volumes.sum() == pytest.approx(demo.LENGTH * demo.WIDTH**2)
+    assert volumes.sum() == pytest.approx(cantilever.LENGTH * cantilever.WIDTH**2)
 
 
 def test_the_cantilever_carries_the_force_and_the_moment_it_claims():
-    model, _ = demo.cantilever()
+    model, _ = cantilever.cantilever()
     bending, twisting = (case.forces2 for case in model.load_cases)
     assert np.allclose(bending["Force"].sum(axis=0, dtype=float), (0, 0, -20000.0), atol=1e-2)
-    arms = model.nodes[twisting["Node"] - 1] - (0, demo.WIDTH / 2, demo.WIDTH / 2)
+    arms = model.nodes[twisting["Node"] - 1] - (0, cantilever.WIDTH / 2, cantilever.WIDTH / 2)
     moment = np.cross(arms, twisting["Force"].astype(float)).sum(axis=0)
-    assert moment[0] == pytest.approx(demo.TWISTING_MOMENT, rel=1e-5)
+    assert moment[0] == pytest.approx(cantilever.TWISTING_MOMENT, rel=1e-5)
 
 
 def test_summary_tells_log_and_results(tmp_path):
     solved_box(tmp_path)
-    text = demo.summary(tmp_path)
+    text = summary(tmp_path)
     assert text.splitlines() == [
         "load case 1: iterative, 17 iterations, quality 1.000, 1.5 s",
         "results of load case 1:",
@@ -77,12 +79,12 @@ def test_summary_tells_log_and_results(tmp_path):
 def test_summary_of_a_stopped_run_ends_with_the_error(tmp_path):
     solved_box(tmp_path)
     (tmp_path / formats.LOG_FILE).write_text("Error<Msg:Error opening file: mx.mats>\n")
-    assert demo.summary(tmp_path).endswith("the run stopped: Error opening file: mx.mats")
+    assert summary(tmp_path).endswith("the run stopped: Error opening file: mx.mats")
 
 
 def test_the_picture_shows_a_coloured_part(tmp_path):
     solved_box(tmp_path)
-    demo.picture(tmp_path, tmp_path / "part.png")
+    picture(tmp_path, tmp_path / "part.png")
     pixels = matplotlib.image.imread(tmp_path / "part.png")[..., :3]
     coloured = np.ptp(pixels, axis=2) > 0.1
     assert coloured.mean() > 0.05
@@ -94,7 +96,7 @@ def test_a_picture_needs_a_solved_load_case(tmp_path):
     solved_box(tmp_path)
     (tmp_path / "ws.comval.0001").unlink()
     with pytest.raises(FileNotFoundError, match="no solved load case"):
-        demo.picture(tmp_path, tmp_path / "part.png")
+        picture(tmp_path, tmp_path / "part.png")
 
 
 def test_command_box_writes_a_directory(tmp_path):
@@ -117,12 +119,12 @@ def test_command_summary(tmp_path):
     solved_box(tmp_path)
     result = runner.invoke(app, ["summary", str(tmp_path)])
     assert result.exit_code == 0
-    assert result.output == demo.summary(tmp_path) + "\n"
+    assert result.output == summary(tmp_path) + "\n"
 
 
 @pytest.fixture
 def small_cantilever(monkeypatch):
-    monkeypatch.setattr(demo, "CELLS", (4, 2, 2))
+    monkeypatch.setattr(cantilever, "CELLS", (4, 2, 2))
 
 
 def test_command_demo_solves_and_draws_with_the_solver_that_is_found(tmp_path, small_cantilever):
@@ -150,7 +152,7 @@ def test_command_demo_without_matplotlib_says_how_to_get_pictures(
     monkeypatch.setitem(sys.modules, "matplotlib", None)
     result = runner.invoke(app, ["demo", str(tmp_path)])
     assert result.exit_code == 0, result.output
-    assert "no picture: matplotlib is missing (pip install 'vkctl[view]')" in result.stdout
+    assert "no picture: This needs Matplotlib: pip install 'vkctl[view]'" in result.stdout
     assert "results of load case 2:" in result.stdout
 
 

@@ -7,7 +7,6 @@ import pytest
 
 from vkctl.directory import formats
 from vkctl.directory.model import (
-    Elements,
     LoadCase,
     Material,
     Model,
@@ -21,6 +20,8 @@ from vkctl.directory.model import (
     write,
 )
 from vkctl.shapes.boxes import box
+from vkctl.shapes.elements import Elements
+from vkctl.shapes.topology import TET4
 
 
 def whole_model():
@@ -162,9 +163,9 @@ def test_counts_that_disagree_name_the_file(tmp_path):
 def test_elements_of_a_type_follow_their_connectivity_rows():
     elements = Elements.from_tables(tet4=[[1, 2, 3, 4], [5, 6, 7, 8]], hex8=[range(11, 19)])
     elements.conn_index[:2] = 2, 1
-    numbers, rows = elements.of_type(formats.TET4)
+    numbers, rows = elements.of_type(TET4)
     assert numbers.tolist() == [1, 2]
     assert rows.tolist() == [[5, 6, 7, 8], [1, 2, 3, 4]]
     elements.conn_index[0] = 0
     with pytest.raises(IndexError):
-        elements.of_type(formats.TET4)
+        elements.of_type(TET4)

@@ -10,22 +10,13 @@ import pyvista
 from new_parts import brick, case_file, forces, plate, prepared
 
 from vkctl.prepare import Expression, Prepared, build
-from vkctl.prepare.loads import (
-    area_shares,
-    lumped_areas,
-    nodal_masses,
-    spread_force,
-    traction_forces,
-)
+from vkctl.prepare.conditions import traction_forces
 from vkctl.shapes import boxes
-from vkctl.shapes.geometry import (
-    TET10_EDGES,
-    boundary_faces,
-    element_centroids,
-    element_volumes,
-    faces_within,
-    tet10_gradients,
-)
+from vkctl.shapes.faces import boundary_faces, faces_within
+from vkctl.shapes.forces import area_shares, lumped_areas, nodal_masses, spread_force
+from vkctl.shapes.functions import tet10_gradients
+from vkctl.shapes.measures import element_centroids, element_volumes
+from vkctl.shapes.topology import TET10_EDGES
 
 KINDS = ("tet4", "tet10", "hex8")
 

@@ -9,10 +9,10 @@ import pytest
 import pyvista
 from new_parts import PLATE, RADIUS, brick, gmsh_session, mesh_of, plate
 
-from vkctl.directory.formats import HEX8, TET4, TET10
 from vkctl.prepare import MeshOptions, PartError, make_mesh, read_part
 from vkctl.prepare.readers.gmsh import mesh_geometry
-from vkctl.shapes.geometry import TET10_EDGES, element_volumes
+from vkctl.shapes.measures import element_volumes
+from vkctl.shapes.topology import HEX8, TET4, TET10, TET10_EDGES
 
 FORMATS = ("msh", "inp", "vtu")
 

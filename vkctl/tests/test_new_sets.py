@@ -18,7 +18,7 @@ from new_parts import (
 )
 
 from vkctl.prepare import Prepared, build
-from vkctl.prepare.loads import area_shares
+from vkctl.shapes.forces import area_shares
 
 
 @pytest.fixture(scope="module")

@@ -4,15 +4,8 @@ import numpy as np
 import pytest
 
 from vkctl.directory import formats
-from vkctl.directory.results import (
-    digest,
-    parse_line,
-    parse_log,
-    read_log,
-    read_results,
-    seconds,
-    solved,
-)
+from vkctl.directory.log import digest, parse_line, parse_log, read_log, seconds
+from vkctl.directory.results import read_results, solved
 
 LOG = """\
 Info<Msg:Tool.vk_rund.Start >

@@ -16,12 +16,14 @@ from typer.testing import CliRunner
 
 from vkctl.cli import app
 from vkctl.directory import formats
+from vkctl.directory.log import digest, parse_line
 from vkctl.directory.model import Material
-from vkctl.directory.results import digest, parse_line, solved
+from vkctl.directory.plan import PlannedCase, plan
+from vkctl.directory.results import solved
 from vkctl.running import processes
 from vkctl.running.advice import explain_message, explain_status
 from vkctl.running.pivot import component_of_equation
-from vkctl.running.progress import LogReader, PlannedCase, plan, remaining_seconds, stage
+from vkctl.running.progress import LogReader, remaining_seconds, stage
 from vkctl.running.run import BusyError, NotFoundError, find_vk_rund, run
 from vkctl.terminal import display
 

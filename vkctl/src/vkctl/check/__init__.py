@@ -4,15 +4,15 @@ from __future__ import annotations
 
 from pathlib import Path
 
-from vkctl.directory.formats import PathLike
+from vkctl.basics.types import PathLike
 
-from .cases import check_cases, check_patterns
+from .case_contents import check_loads
+from .case_table import check_cases, check_patterns
+from .element_tables import check_counts, check_elements, check_levels, check_nodes
 from .estimates import check_estimate, estimate
 from .findings import Finding, Report, Severity, error
 from .inputs import Inputs, read_inputs
-from .loads import check_loads
 from .materials import check_materials
-from .mesh import check_counts, check_elements, check_levels, check_nodes
 from .options import check_options
 from .states import check_states
 from .structure import check_structure

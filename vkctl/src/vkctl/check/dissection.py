@@ -13,7 +13,7 @@ from dataclasses import dataclass
 
 import numpy as np
 
-from vkctl.directory.formats import Array
+from vkctl.basics.types import Array
 
 _LEAF = 64  # nodes of a part that is not split any more
 

@@ -13,13 +13,15 @@ from pathlib import Path
 
 import numpy as np
 
-from vkctl.directory.formats import HEX8, OPTIONS_FILE, TET4, TET10, Array
+from vkctl.basics.types import Array
+from vkctl.directory.formats import OPTIONS_FILE
 from vkctl.directory.numbering import prescribed_components
 from vkctl.directory.structure import node_neighbours
+from vkctl.shapes.topology import HEX8, TET4, TET10
 
 from .dissection import FactorSize, factor_size
 from .findings import Finding, note, warning
-from .inputs import Inputs, Mesh
+from .inputs import ActiveMesh, Inputs
 
 _GB = 2.0**30
 _MARGIN = 1.1  # on the solver's own estimate when it compares with the budget
@@ -70,7 +72,7 @@ def estimate(inputs: Inputs) -> dict[str, float]:
     }
 
 
-def _free_graph(mesh: Mesh, free: Array) -> tuple[tuple[Array, Array], Array]:
+def _free_graph(mesh: ActiveMesh, free: Array) -> tuple[tuple[Array, Array], Array]:
     """Edges between nodes with equations, renumbered from 0, and their coordinates."""
     start, neighbours = node_neighbours(len(free), [rows for _, rows in mesh.blocks.values()])
     row = np.repeat(np.arange(len(free)), np.diff(start))
@@ -85,7 +87,7 @@ def _is_iterative(inputs: Inputs, factor_gb: float) -> bool:
     return mode == _ITERATIVE or (mode == _AUTOMATIC and 0 < budget < _MARGIN * factor_gb)
 
 
-def _memory(inputs: Inputs, mesh: Mesh, entries: float, factor_gb: float) -> float:
+def _memory(inputs: Inputs, mesh: ActiveMesh, entries: float, factor_gb: float) -> float:
     """Peak of the process, GB: with the factor, or while the raw structure is compressed."""
     nodes, elements = len(mesh.nodes), len(mesh.active)
     connectivity = sum(rows.size for _, rows in mesh.blocks.values())
@@ -104,7 +106,12 @@ def threads(inputs: Inputs) -> int:
 
 
 def _seconds(
-    inputs: Inputs, mesh: Mesh, entries: float, factor: FactorSize, nodes: int, iterative: bool
+    inputs: Inputs,
+    mesh: ActiveMesh,
+    entries: float,
+    factor: FactorSize,
+    nodes: int,
+    iterative: bool,
 ) -> float:
     """All load cases to run, on this machine's threads as if they were those measured on."""
     gain = 1 + _THREAD_GAIN * (threads(inputs) - 1)
@@ -121,7 +128,7 @@ def _seconds(
     return new * first + (len(patterns) - new) * kept
 
 
-def _iterations(mesh: Mesh, nodes: int) -> float:
+def _iterations(mesh: ActiveMesh, nodes: int) -> float:
     """Iterations without a factor: they grow with the nodes along the longest side."""
     sides = np.sort(np.ptp(mesh.nodes[mesh.used], axis=0))
     spacing = (max(float(sides.prod()), 1e-300) / nodes) ** (1 / 3)

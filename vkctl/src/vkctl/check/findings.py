@@ -2,19 +2,16 @@
 
 from __future__ import annotations
 
-from collections.abc import Sequence
 from dataclasses import asdict, dataclass, field
 from pathlib import Path
 from typing import Any, Literal
 
-import numpy.typing as npt
-
 # error: the run would stop or its results would be wrong; warning: it would run, and surprise;
 # note: worth knowing.
 Severity = Literal["error", "warning", "note"]
-SEVERITIES: tuple[Severity, ...] = ("error", "warning", "note")
 
-_SHOWN = 5  # numbers listed in a message
+
+SEVERITIES: tuple[Severity, ...] = ("error", "warning", "note")
 
 
 @dataclass(frozen=True)
@@ -41,22 +38,6 @@ def warning(code: str, message: str, where: str = "", hint: str = "") -> Finding
 def note(code: str, message: str, where: str = "", hint: str = "") -> Finding:
     """Finding that is worth knowing."""
     return Finding(code, "note", message, where, hint)
-
-
-def some(numbers: Sequence[int] | npt.NDArray[Any]) -> str:
-    """The first few of a list of numbers: "3, 4, 9, 12, 15 and 40 more"."""
-    text = ", ".join(str(int(number)) for number in numbers[:_SHOWN])
-    return text if len(numbers) <= _SHOWN else f"{text} and {len(numbers) - _SHOWN} more"
-
-
-def counted(count: int, noun: str) -> str:
-    """Such as "1 element" or "3 elements"."""
-    return f"{count} {noun}" + ("" if count == 1 else "s")
-
-
-def listed(numbers: Sequence[int] | npt.NDArray[Any], noun: str) -> str:
-    """Such as "1 element (7)" or "3 elements (7, 8, 9)"."""
-    return f"{counted(len(numbers), noun)} ({some(numbers)})"
 
 
 @dataclass

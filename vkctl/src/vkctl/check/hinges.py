@@ -13,11 +13,12 @@ import numpy as np
 from scipy import sparse
 from scipy.sparse import csgraph
 
-from vkctl.directory.formats import HEX8, Array
-from vkctl.shapes.geometry import HEX8_FACES, TET4_FACES
+from vkctl.basics.types import Array
+from vkctl.basics.words import counted, some
+from vkctl.shapes.topology import HEX8, HEX8_FACES, TET4_FACES
 
-from .findings import Finding, counted, error, some, warning
-from .inputs import Mesh, fingerprints
+from .findings import Finding, error, warning
+from .inputs import ActiveMesh, fingerprints
 from .motions import FREE, describe_motions, displacement_rows
 
 _MOST_PIECES = 200  # beyond which the motions aren't worked out
@@ -35,7 +36,7 @@ class Pieces:
     radii: Array  # root mean square distance of the nodes from the centre
 
 
-def find_pieces(mesh: Mesh) -> Pieces:
+def find_pieces(mesh: ActiveMesh) -> Pieces:
     """Pieces of the active elements."""
     keys, elements, first = [], [], 0
     for code, (_, rows) in mesh.blocks.items():
@@ -52,7 +53,7 @@ def find_pieces(mesh: Mesh) -> Pieces:
     return _with_nodes(mesh, int(count), label.astype(np.int64))
 
 
-def _with_nodes(mesh: Mesh, count: int, label: Array) -> Pieces:
+def _with_nodes(mesh: ActiveMesh, count: int, label: Array) -> Pieces:
     total = len(mesh.nodes)
     pairs, first = [], 0
     for _, rows in mesh.blocks.values():
@@ -69,7 +70,7 @@ def _with_nodes(mesh: Mesh, count: int, label: Array) -> Pieces:
 
 
 def hinge_findings(
-    mesh: Mesh, pieces: Pieces, nodes: Array, directions: Array, where: str
+    mesh: ActiveMesh, pieces: Pieces, nodes: Array, directions: Array, where: str
 ) -> Iterator[Finding]:
     """Motions of the pieces that neither supports nor common nodes prevent.
 
@@ -90,7 +91,7 @@ def hinge_findings(
         yield error("hinge-more", text, where)
 
 
-def _constraint_matrix(mesh: Mesh, pieces: Pieces, nodes: Array, directions: Array) -> Array:
+def _constraint_matrix(mesh: ActiveMesh, pieces: Pieces, nodes: Array, directions: Array) -> Array:
     """Sum of f^T f over supports and ties, (6 pieces, 6 pieces); each f forbids a displacement.
 
     The six motions of a piece are those about its centre in units of its radius.
@@ -114,7 +115,7 @@ def _constraint_matrix(mesh: Mesh, pieces: Pieces, nodes: Array, directions: Arr
     return matrix
 
 
-def _rows(mesh: Mesh, pieces: Pieces, owner: Array, nodes: Array) -> Array:
+def _rows(mesh: ActiveMesh, pieces: Pieces, owner: Array, nodes: Array) -> Array:
     radius = np.maximum(pieces.radii[owner], 1e-300)[:, None]
     return displacement_rows((mesh.nodes[nodes] - pieces.centres[owner]) / radius)
 

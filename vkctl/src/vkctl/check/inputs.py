@@ -10,27 +10,22 @@ from typing import Any
 
 import numpy as np
 
+from vkctl.basics.types import Array
 from vkctl.directory import formats
-from vkctl.directory.formats import (
-    HEX8,
-    TET4,
-    TET10,
-    Array,
-    ElementTables,
-    LoadCaseMap,
-    OptionLine,
-    RawStructure,
-)
+from vkctl.directory.formats import ElementTables, LoadCaseMap, OptionLine, RawStructure
 from vkctl.directory.numbering import active_elements, tables_by_type
+from vkctl.shapes.topology import HEX8, TET4, TET10
 
 from .findings import Finding, error, note, warning
 
 _DIRECTIONS = 7  # bits of a DofMask
+
+
 LARGEST_NUMBER = 9999  # of a load case: its file names have four digits
 
 
 @dataclass
-class Mesh:
+class ActiveMesh:
     """Active elements whose indices are in range, by type, and the nodes they use."""
 
     nodes: Array  # float64 (n, 3)
@@ -80,7 +75,7 @@ class Inputs:
         return min((len(table) for table in tables if table is not None), default=0)
 
     @cached_property
-    def mesh(self) -> Mesh | None:
+    def mesh(self) -> ActiveMesh | None:
         """The mesh, if its files could be read."""
         if self.nodes is None or self.tables is None or self.element_flags is None:
             return None
@@ -100,7 +95,7 @@ class Inputs:
             valid[numbers[~sound]] = False
             blocks[code] = numbers[sound] + 1, rows[sound]
             used[blocks[code][1] - 1] = True
-        return Mesh(self.nodes.astype(np.float64), active, valid, blocks, used)
+        return ActiveMesh(self.nodes.astype(np.float64), active, valid, blocks, used)
 
     @cached_property
     def sequence(self) -> list[int]:
@@ -164,8 +159,11 @@ def _within(numbers: Array, count: int) -> Array:
 
 _WIDTHS = {TET4: 4, HEX8: 8, TET10: 10}
 
+
 # Attribute of Inputs: file, reader, bytes that the content takes in the file.
 _Row = tuple[str, Callable[[Path], Any], Callable[[Any], int]]
+
+
 _TABLES: dict[str, _Row] = {
     "materials": ("mx.mats", formats.read_materials, lambda v: 8 + v.nbytes),
     "nodes": ("mx.nodes", formats.read_nodes, lambda v: 8 + v.nbytes),

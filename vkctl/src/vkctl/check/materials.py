@@ -6,10 +6,11 @@ from collections.abc import Iterator
 
 import numpy as np
 
+from vkctl.basics.types import Array
+from vkctl.basics.words import some
 from vkctl.directory import formats
-from vkctl.directory.formats import Array
 
-from .findings import Finding, error, note, some, warning
+from .findings import Finding, error, note, warning
 from .inputs import Inputs
 
 _WHERE = "mx.mats"

@@ -4,7 +4,7 @@ from __future__ import annotations
 
 import numpy as np
 
-from vkctl.directory.formats import Array
+from vkctl.basics.types import Array
 
 # Eigenvalues of a support matrix below this, relative to the largest, leave a motion free.
 # Coordinates are float32: a straight row of supports has values of about 1e-14.

@@ -7,10 +7,11 @@ from pathlib import Path
 
 import numpy as np
 
+from vkctl.basics.types import Array
+from vkctl.basics.words import listed
 from vkctl.directory import formats
-from vkctl.directory.formats import Array
 
-from .findings import Finding, error, listed, warning
+from .findings import Finding, error, warning
 from .inputs import LARGEST_NUMBER, Inputs
 
 _STATE = formats.MATERIAL_YIELDING | formats.MATERIAL_COMPRESSION_ONLY

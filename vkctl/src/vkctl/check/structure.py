@@ -6,11 +6,13 @@ from collections.abc import Iterator
 
 import numpy as np
 
-from vkctl.directory.formats import Array, RawStructure
+from vkctl.basics.types import Array
+from vkctl.basics.words import some
+from vkctl.directory.formats import RawStructure
 from vkctl.directory.structure import build_structure
 
-from .findings import Finding, error, note, some, warning
-from .inputs import Inputs, Mesh
+from .findings import Finding, error, note, warning
+from .inputs import ActiveMesh, Inputs
 
 _WHERE = "mxs.sadr"
 _ROWS_PER_BLOCK = 300_000
@@ -82,7 +84,9 @@ def _form(structure: RawStructure, components: int) -> Iterator[Finding]:
         yield error("structure-order", f"The columns don't ascend in row {some(bad)}.", _WHERE)
 
 
-def _couplings(structure: RawStructure, expected: RawStructure, mesh: Mesh) -> Iterator[Finding]:
+def _couplings(
+    structure: RawStructure, expected: RawStructure, mesh: ActiveMesh
+) -> Iterator[Finding]:
     """Couplings of active elements that are missing, and how many there are too many."""
     rows = structure.num_rows
     missing: list[Array] = []

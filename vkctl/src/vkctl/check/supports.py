@@ -9,13 +9,14 @@ import numpy as np
 from scipy import sparse
 from scipy.sparse import csgraph
 
+from vkctl.basics.types import Array
+from vkctl.basics.words import counted
 from vkctl.directory import formats
-from vkctl.directory.formats import Array
 from vkctl.directory.numbering import prescribed_rows
 
-from .findings import Finding, counted, error
+from .findings import Finding, error
 from .hinges import Pieces, find_pieces, hinge_findings
-from .inputs import Inputs, Mesh
+from .inputs import ActiveMesh, Inputs
 from .motions import FREE, describe_motions, displacement_rows
 
 _PARTS_SHOWN = 3
@@ -32,7 +33,7 @@ class Parts:
     radii: Array  # root mean square distance of the nodes from the centre
 
 
-def find_parts(mesh: Mesh) -> Parts:
+def find_parts(mesh: ActiveMesh) -> Parts:
     """Connected parts of the active elements, the largest first."""
     count = len(mesh.nodes)
     pairs = [
@@ -71,7 +72,7 @@ def check_supports(inputs: Inputs) -> Iterator[Finding]:
 
 
 def _pattern(
-    inputs: Inputs, mesh: Mesh, parts: Parts, pieces: Pieces, number: int
+    inputs: Inputs, mesh: ActiveMesh, parts: Parts, pieces: Pieces, number: int
 ) -> Iterator[Finding]:
     constraints = inputs.maps[number].constraints
     nodes, directions = _functionals(inputs, constraints)
@@ -105,7 +106,7 @@ def _functionals(inputs: Inputs, constraints: Array) -> tuple[Array, Array]:
     return all_nodes, np.concatenate((np.eye(3)[direction], axes[acts] / lengths[acts]))
 
 
-def _support_matrices(mesh: Mesh, parts: Parts, nodes: Array, directions: Array) -> Array:
+def _support_matrices(mesh: ActiveMesh, parts: Parts, nodes: Array, directions: Array) -> Array:
     """Sum over the supports of f f^T for each part, (parts, 6, 6).
 
     f maps a rigid motion (translation t, rotation r about the part's centre, in units of its
@@ -124,7 +125,7 @@ def _support_matrices(mesh: Mesh, parts: Parts, nodes: Array, directions: Array)
 
 
 def _finding(
-    inputs: Inputs, mesh: Mesh, parts: Parts, number: int, part: int, motions: Array
+    inputs: Inputs, mesh: ActiveMesh, parts: Parts, number: int, part: int, motions: Array
 ) -> Finding:
     where = f"load case {number}, pattern {inputs.pattern(number)}"
     if parts.count == 1:
@@ -142,7 +143,7 @@ def _finding(
     return error("rigid-body", text, where, hint)
 
 
-def _coincident(mesh: Mesh, parts: Parts, part: int) -> int:
+def _coincident(mesh: ActiveMesh, parts: Parts, part: int) -> int:
     """Nodes of a part at the very place of a node of another part."""
     used = np.flatnonzero(mesh.used)
     _, place, counts = np.unique(mesh.nodes[used], axis=0, return_inverse=True, return_counts=True)

@@ -6,8 +6,8 @@ from collections.abc import Iterator
 
 import numpy as np
 
+from vkctl.basics.types import Array
 from vkctl.directory import formats
-from vkctl.directory.formats import Array
 
 from .findings import Finding, warning
 from .inputs import Inputs

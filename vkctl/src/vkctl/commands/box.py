@@ -10,7 +10,7 @@ from rich.console import Console
 from vkctl.directory import model
 from vkctl.shapes import boxes
 from vkctl.terminal.arguments import Directory
-from vkctl.terminal.refusal import refuse
+from vkctl.terminal.refusal import refuse, refusing
 
 
 def box_command(
@@ -35,10 +35,8 @@ def box_command(
     """Write a box, clamped on the side x- and loaded on the side x+."""
     if kind not in ("tet4", "hex8", "tet10", "mixed"):
         raise refuse(f"unknown kind {kind!r}: tet4, hex8, tet10 or mixed")
-    try:
+    with refusing(ValueError):
         part = boxes.box(kind, cells, size)  # type: ignore[arg-type]
-    except ValueError as error:
-        raise refuse(error) from None
     case = model.LoadCase().prescribe(part.face("x-")).load(*part.traction("x+", traction))
     whole = model.Model(
         part.nodes, part.elements, [model.Material.isotropic(modulus, poisson)], [case]

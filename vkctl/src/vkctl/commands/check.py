@@ -10,8 +10,9 @@ import typer
 from rich.console import Console
 from rich.text import Text
 
+from vkctl.basics.words import counted
 from vkctl.check import Finding, Report, check
-from vkctl.check.findings import SEVERITIES, counted
+from vkctl.check.findings import SEVERITIES
 from vkctl.terminal.display import clock
 
 _STYLES = {"error": "bold red", "warning": "yellow", "note": "cyan"}

@@ -9,11 +9,14 @@ from typing import Annotated
 import typer
 from rich.console import Console
 
+from vkctl.basics.extras import MissingPartError
 from vkctl.directory import formats
+from vkctl.directory.summary import summary
+from vkctl.prepare.cantilever import write_cantilever
 from vkctl.running.run import NotFoundError, find_vk_rund
 from vkctl.terminal.arguments import Directory
 from vkctl.terminal.refusal import refuse
-from vkctl.view import demo
+from vkctl.view.deformed import picture
 
 PICTURE = "deformed.png"
 
@@ -26,7 +29,7 @@ def demo_command(
 ) -> None:
     """Write the cantilever of the quick start, solve it and draw it."""
     console = Console(highlight=False)
-    demo.write_cantilever(directory)
+    write_cantilever(directory)
     console.print(f"cantilever written to {directory}")
     try:
         program = find_vk_rund(vk_rund)
@@ -37,13 +40,9 @@ def demo_command(
         return
     _solve(program, directory, console)
     try:
-        demo.picture(directory, directory / PICTURE)
-    except ModuleNotFoundError as error:
-        console.print(
-            f"no picture: {error.name} is missing (pip install 'vkctl[view]')",
-            markup=False,
-            soft_wrap=True,
-        )
+        picture(directory, directory / PICTURE)
+    except MissingPartError as error:
+        console.print(f"no picture: {error}", markup=False, soft_wrap=True)
     else:
         console.print(f"picture in {directory / PICTURE}")
 
@@ -54,6 +53,6 @@ def _solve(program: Path, directory: Path, console: Console) -> None:
     except OSError as error:
         raise refuse(f"cannot run {program}: {error.strerror}") from None
     if Path(directory, formats.LOG_FILE).exists():
-        console.print(demo.summary(directory), markup=False, soft_wrap=True)
+        console.print(summary(directory), markup=False, soft_wrap=True)
     if status:
         raise refuse(f"{program} ended with status {status}")

@@ -8,8 +8,9 @@ from typing import Annotated
 import typer
 from rich.console import Console
 
+from vkctl.basics.words import counted
 from vkctl.directory.compare import ATOL, QUANTITIES, RTOL, CannotCompareError, diff
-from vkctl.terminal.refusal import refuse
+from vkctl.terminal.refusal import refusing
 
 
 def _tolerances(texts: list[str], default: float, option: str) -> dict[str, float]:
@@ -48,14 +49,11 @@ def diff_command(
     relative = _tolerances(rtol or [], RTOL, "--rtol")
     absolute = _tolerances(atol or [], ATOL, "--atol")
     console = Console(highlight=False)
-    try:
+    with refusing(CannotCompareError):
         comparison = diff(first, second, rtol=relative, atol=absolute, signs=signs)
-    except CannotCompareError as error:
-        raise refuse(error) from None
     for line in [*comparison.one_sided, *map(str, comparison.differences)]:
         console.print(line, markup=False, soft_wrap=True)
     cases = len(comparison.load_cases)
     if comparison.equal:
-        plural = "" if cases == 1 else "s"
-        console.print(f"Equal within the tolerances: {cases} load case{plural}.")
+        console.print(f"Equal within the tolerances: {counted(cases, 'load case')}.")
     raise typer.Exit(comparison.status)

@@ -9,7 +9,7 @@ import typer
 from rich.console import Console
 
 from vkctl.terminal.arguments import Case, Directory
-from vkctl.terminal.refusal import refuse
+from vkctl.terminal.refusal import refusing
 
 
 def export_command(
@@ -20,8 +20,6 @@ def export_command(
     """Write results as .vtu or as a .pvd series over load cases, or the part as .stl."""
     from vkctl.view.export import export
 
-    try:
+    with refusing(OSError, ValueError):
         files = export(directory, out, case)
-    except (OSError, ValueError) as error:
-        raise refuse(error) from None
     Console(highlight=False).print(f"written: {', '.join(map(str, files))}", soft_wrap=True)

@@ -11,11 +11,12 @@ from rich import box
 from rich.console import Console
 from rich.table import Table
 
-from vkctl.directory.formats import Array
+from vkctl.basics.types import Array
 from vkctl.prepare.build import Prepared, build, new
-from vkctl.prepare.case_file.schema import CaseFileError
-from vkctl.prepare.mesh import Mesh, PartError
-from vkctl.terminal.refusal import refuse
+from vkctl.prepare.case_file.mistakes import CaseFileError
+from vkctl.prepare.mesh import PartMesh
+from vkctl.prepare.part import PartError
+from vkctl.terminal.refusal import refusing
 
 
 def new_command(
@@ -34,13 +35,11 @@ def new_command(
     console = Console(highlight=False)
     if directory is None and not list_sets:
         raise typer.BadParameter("name the working directory, or give --list-sets")
-    try:
+    with refusing(CaseFileError, PartError, OSError):
         if list_sets or directory is None:
             prepared = build(part, cases)
         else:
             prepared = new(part, cases, directory)
-    except (CaseFileError, PartError, OSError) as error:
-        raise refuse(error) from None
     if list_sets:
         console.print(sets_table(prepared))
     else:
@@ -86,7 +85,7 @@ def _cleaned(sums: Array, prepared: Prepared) -> Array:
 def sets_table(prepared: Prepared) -> Table:
     """Sets of a part and its case file with sizes and extents, but for single points and curves."""
     table = Table("set", "kind", "size", "from", "to", box=box.SIMPLE_HEAD, pad_edge=False)
-    mesh: Mesh = prepared.mesh
+    mesh: PartMesh = prepared.mesh
     for kind in ("node", "element", "face"):
         for name in prepared.sets.names(kind):
             if name.startswith(("point:", "curve:")):

@@ -13,9 +13,10 @@ from rich.live import Live
 from rich.table import Table
 from rich.text import Text
 
+from vkctl.basics.extras import need
 from vkctl.running.progress import Progress
 from vkctl.terminal.display import state_line
-from vkctl.terminal.refusal import refuse
+from vkctl.terminal.refusal import refuse, refusing
 
 if TYPE_CHECKING:
     from vkctl.optimise import Optimised, OptimiseError, StepShown
@@ -46,13 +47,19 @@ def optimise_command(
     """
     from vkctl.directory.formats import FormatError
     from vkctl.optimise import OptimiseError, optimise
-    from vkctl.prepare.case_file.schema import CaseFileError
-    from vkctl.prepare.mesh import PartError
+    from vkctl.prepare.case_file.mistakes import CaseFileError
+    from vkctl.prepare.part import PartError
     from vkctl.running.run import BusyError, NotFoundError
 
     console = Console(highlight=False)
+    with refusing():
+        for name in ("pyvista", "matplotlib", "PIL") if pictures else ():
+            need(name)
     try:
-        with _shown(console) as (on_step, on_progress):
+        with (
+            refusing(CaseFileError, PartError, FormatError, BusyError, OSError),
+            _shown(console) as (on_step, on_progress),
+        ):
             done = optimise(
                 cases,
                 directory,
@@ -66,8 +73,6 @@ def optimise_command(
         raise refuse(error, _status(error)) from None
     except NotFoundError as error:
         raise refuse(error, error.status) from None
-    except (CaseFileError, PartError, FormatError, BusyError, OSError) as error:
-        raise refuse(error) from None
     except KeyboardInterrupt:
         raise refuse("Interrupted: start it again to go on.", 130) from None
     _conclude(console, done, pictures)

@@ -9,7 +9,7 @@ import typer
 from rich.console import Console
 
 from vkctl.terminal.arguments import Case, Directory
-from vkctl.terminal.refusal import refuse
+from vkctl.terminal.refusal import refuse, refusing
 
 
 def plot_command(
@@ -29,8 +29,6 @@ def plot_command(
 
     if field not in FIELDS:
         raise refuse(f"unknown field {field!r}: {', '.join(FIELDS)}")
-    try:
+    with refusing(OSError, ValueError):
         plot(directory, out, case, View(field=field, scale=scale, edges=edges))  # type: ignore[arg-type]
-    except (OSError, ValueError) as error:
-        raise refuse(error) from None
     Console(highlight=False).print(f"written: {out}", soft_wrap=True)

@@ -8,8 +8,9 @@ from pathlib import Path
 
 import numpy as np
 
+from vkctl.basics.types import Array, PathLike
+
 from . import formats
-from .formats import Array, PathLike
 from .results import Results, read_results, solved
 
 RTOL = 1e-4  # of the largest magnitude of a quantity in a load case

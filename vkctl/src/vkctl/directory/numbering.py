@@ -4,8 +4,11 @@ from __future__ import annotations
 
 import numpy as np
 
+from vkctl.basics.types import Array
+from vkctl.shapes.topology import HEX8, NODES_PER_TYPE, TET4, TET10
+
 from . import formats
-from .formats import HEX8, TET4, TET10, Array, ElementTables
+from .formats import ElementTables
 
 EXCLUDED = np.int16(formats.ELEMENT_EXCLUDED | formats.ELEMENT_EXCLUDED_ALSO)
 
@@ -22,7 +25,7 @@ def active_elements(tables: ElementTables, flags: Array) -> Array:
     """
     codes = tables.records["TypeCode"][: len(flags)]
     active = np.zeros(len(tables.records), np.bool_)
-    active[: len(codes)] = np.isin(codes, list(formats.NODES_PER_TYPE))
+    active[: len(codes)] = np.isin(codes, list(NODES_PER_TYPE))
     active[: len(codes)] &= flags[: len(codes)] & EXCLUDED == 0
     return active
 

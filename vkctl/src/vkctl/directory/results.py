@@ -1,15 +1,14 @@
-"""What a run leaves behind: result files of a load case, and the log."""
+"""Result files of a load case."""
 
 from __future__ import annotations
 
-import re
-from collections.abc import Callable, Iterable, Iterator
-from dataclasses import dataclass, field
+from collections.abc import Callable
+from dataclasses import dataclass
 from pathlib import Path
-from typing import Literal
+
+from vkctl.basics.types import Array, PathLike
 
 from . import formats
-from .formats import Array, PathLike
 
 
 @dataclass
@@ -64,133 +63,3 @@ def solved(directory: PathLike) -> list[int]:
     """Numbers of the load cases that have results."""
     names = Path(directory).glob("ws.comval.[0-9][0-9][0-9][0-9]")
     return sorted(int(path.suffix[1:]) for path in names)
-
-
-# --- log -------------------------------------------------------------------------------------
-
-Frame = Literal["info", "data", "warning", "error"]
-
-
-@dataclass(frozen=True)
-class LogRecord:
-    """One line of the log.
-
-    `text` is the message; of a data line, its value. `key` is that of a data line, or what an
-    info line has before its first ": " ("IMode" of "IMode: 2"), with `value` what comes after.
-    """
-
-    frame: Frame
-    text: str
-    key: str = ""
-    value: str = ""
-
-    def number(self) -> float:
-        """The value as a number; ValueError if it is none."""
-        return float(self.value)
-
-
-_DATA = re.compile(r"Data<Key:(.*?)><Value:(.*)>\Z")
-_MESSAGE = re.compile(r"(Info|Warning|Error)<Msg:(.*)>\Z")
-_FRAMES: dict[str, Frame] = {"Info": "info", "Warning": "warning", "Error": "error"}
-
-
-def parse_line(line: str) -> LogRecord:
-    """The record of a log line; ValueError for anything else."""
-    text = line.rstrip("\r\n")
-    if match := _DATA.match(text):
-        return LogRecord("data", match[2], match[1], match[2])
-    if match := _MESSAGE.match(text):
-        message = match[2].rstrip(" ")
-        if match[1] != "Info":
-            return LogRecord(_FRAMES[match[1]], message)
-        key, _, value = message.partition(": ")
-        return LogRecord("info", message, key.rstrip(":"), value)
-    raise ValueError(f"no line of the log: {text!r}")
-
-
-def parse_log(lines: Iterable[str]) -> Iterator[LogRecord]:
-    """Records of log lines; a last line without an end, still being written, is left out."""
-    for line in lines:
-        if line.endswith("\n"):
-            yield parse_line(line)
-
-
-def read_log(directory: PathLike) -> list[LogRecord]:
-    """Records of `vk_rund_log.txt`."""
-    with open(Path(directory, formats.LOG_FILE), encoding="latin-1", newline="") as stream:
-        return list(parse_log(stream))
-
-
-def seconds(clock: str) -> float:
-    """Seconds of a time text such as "00:03:07.250"."""
-    hours, minutes, rest = clock.split(":")
-    return 3600 * int(hours) + 60 * int(minutes) + float(rest)
-
-
-@dataclass
-class LoadCaseLog:
-    """What the log tells of one load case; None for what hasn't come yet."""
-
-    number: int
-    pattern: int | None = None
-    equations_millions: float | None = None  # only on a change of pattern
-    entries_millions: float | None = None
-    memory_estimate_gb: float | None = None
-    mode: int | None = None  # 1 iterative, 2 with a factor
-    iterations: int | None = None
-    seconds: float | None = None
-    data: dict[str, float] = field(default_factory=dict)  # "ARQua", "SEner", "MaxDis", ...
-    warnings: list[str] = field(default_factory=list)
-
-
-@dataclass
-class RunLog:
-    """A log put together by load case, in the order of the run."""
-
-    load_cases: list[LoadCaseLog] = field(default_factory=list)
-    warnings: list[str] = field(default_factory=list)  # all, those of load cases too
-    error: str | None = None
-    seconds: float | None = None  # of the whole run, once it has ended
-    ended: bool = False
-
-
-_SYSTEM = re.compile(r"Im[48]::MaxBW/MDOF/MPRE=-?\d+/([^/]+)/([^/]+)\Z")
-
-
-def digest(records: Iterable[LogRecord]) -> RunLog:
-    """Put log records together. Accepts a log that is still growing or broke off."""
-    run = RunLog()
-    for record in records:
-        if record.frame == "error":
-            run.error = record.text
-        elif record.frame == "data" and record.key == "LCaseId":
-            run.load_cases.append(LoadCaseLog(int(record.value)))
-        elif record.frame == "info" and record.key == "Total time":
-            run.seconds = seconds(record.value)
-        elif record.frame == "info" and record.text == "Tool.vk_rund.End":
-            run.ended = True
-        else:
-            if record.frame == "warning":
-                run.warnings.append(record.text)
-            if run.load_cases:
-                _add(run.load_cases[-1], record)
-    return run
-
-
-def _add(case: LoadCaseLog, record: LogRecord) -> None:
-    if record.frame == "warning":
-        case.warnings.append(record.text)
-    elif record.frame == "data":
-        case.data[record.key] = record.number()
-    elif record.key == "LCasePatInx":
-        case.pattern = int(record.value)
-    elif record.key == "IMode":
-        case.mode = int(record.value)
-    elif record.key == "ICount":
-        case.iterations = int(record.value)
-    elif record.key == "EstDecMemReq":
-        case.memory_estimate_gb = record.number()
-    elif record.key == "LCaseTime":
-        case.seconds = seconds(record.value)
-    elif record.key == "SysConfig" and (match := _SYSTEM.match(record.value)):
-        case.equations_millions, case.entries_millions = float(match[1]), float(match[2])

@@ -12,7 +12,9 @@ import numpy as np
 import numpy.typing as npt
 from scipy import sparse
 
-from .formats import Array, RawStructure
+from vkctl.basics.types import Array
+
+from .formats import RawStructure
 
 _NODES_PER_BLOCK = 1 << 16  # bounds the temporary index arrays of the expansion
 

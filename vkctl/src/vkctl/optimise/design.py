@@ -9,11 +9,12 @@ import numpy as np
 from scipy import sparse
 from scipy.spatial import cKDTree
 
+from vkctl.basics.types import Array
 from vkctl.directory import formats
-from vkctl.directory.formats import HEX8, TET4, TET10, Array
 from vkctl.directory.model import Model
 from vkctl.directory.numbering import EXCLUDED
-from vkctl.shapes.geometry import element_volumes
+from vkctl.shapes.measures import element_volumes
+from vkctl.shapes.topology import HEX8, TET4, TET10
 
 DEFAULT_RADIUS = 1.5  # mean distances of neighbouring nodes
 _BISECTIONS = 45

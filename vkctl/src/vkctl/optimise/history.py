@@ -12,8 +12,9 @@ from pathlib import Path
 
 import numpy as np
 
+from vkctl.basics.extras import need
+from vkctl.basics.types import Array, PathLike
 from vkctl.directory import formats
-from vkctl.directory.formats import Array, PathLike
 
 FOLDER = "optimise"  # in the working directory
 STATE = "state.json"
@@ -165,10 +166,8 @@ def _row(entry: dict[str, str]) -> HistoryRow:
 
 def draw_history(rows: list[HistoryRow], picture: PathLike) -> None:
     """Chart of objective, strain energies and volume over the steps."""
-    import matplotlib
-
-    matplotlib.use("Agg")
-    from matplotlib import pyplot
+    need("matplotlib").use("Agg")
+    pyplot = need("matplotlib.pyplot")
 
     figure, left = pyplot.subplots(figsize=(8, 4.5), layout="constrained")
     steps = [row.step for row in rows]

@@ -17,12 +17,12 @@ from pathlib import Path
 
 import numpy as np
 
+from vkctl.basics.types import Array, PathLike
 from vkctl.directory import formats
-from vkctl.directory.formats import Array, PathLike
 from vkctl.directory.model import Model, read, set_flags
 from vkctl.directory.results import Results, read_results
 from vkctl.prepare.build import Prepared, build, new
-from vkctl.prepare.case_file.cases import read_cases
+from vkctl.prepare.case_file.read import read_cases
 from vkctl.running import processes
 from vkctl.running.progress import Progress
 from vkctl.running.run import BusyError, RunResult, run

@@ -4,7 +4,8 @@ from __future__ import annotations
 
 from pathlib import Path
 
-from vkctl.directory.formats import PathLike
+from vkctl.basics.extras import need
+from vkctl.basics.types import PathLike
 from vkctl.view.export import write_series
 from vkctl.view.grid import part_surface
 from vkctl.view.plot import View, draw
@@ -41,15 +42,14 @@ def write_animation(
     directory: PathLike, steps: int, most: int = MOST_FRAMES, view: View = _FRAME
 ) -> Path:
     """A .gif of the part over the steps."""
-    from PIL import Image
-
+    images = need("PIL.Image")
     folder = history.folder_of(directory)
     frames = []
     for step in shown_steps(steps, most):
         picture = folder / f"frame_{step:04d}.png"
         draw(model_at(directory, step), {}, picture, view, f"step {step}")
-        with Image.open(picture) as image:
-            frames.append(image.convert("P", palette=Image.Palette.ADAPTIVE))
+        with images.open(picture) as image:
+            frames.append(image.convert("P", palette=images.Palette.ADAPTIVE))
         picture.unlink()
     target = folder / history.ANIMATION
     durations = [_FRAME_MILLISECONDS] * (len(frames) - 1) + [_LAST_MILLISECONDS]

@@ -5,8 +5,10 @@ from __future__ import annotations
 from dataclasses import dataclass, field
 from typing import Literal, get_args
 
-from vkctl.directory.formats import PathLike
-from vkctl.prepare.case_file.schema import Report, Table, did_you_mean, load
+from vkctl.basics.types import PathLike
+from vkctl.basics.words import did_you_mean
+from vkctl.prepare.case_file.mistakes import Mistakes
+from vkctl.prepare.case_file.toml_table import Table, load
 
 Combine = Literal["weighted", "worst"]
 
@@ -59,7 +61,7 @@ def _case_names(top: Table) -> list[str]:
     return [entry.text("name", "") for entry in top.table_list("load_case")]
 
 
-def _settings(table: Table, names: list[str], report: Report) -> Settings:
+def _settings(table: Table, names: list[str], report: Mistakes) -> Settings:
     default = Settings()
     combine = table.choice("combine", get_args(Combine), default.combine)
     settings = Settings(

@@ -4,13 +4,17 @@
 part, `read_cases` for the case file, `build_model` for both together.
 """
 
-from .build import Prepared, assign_patterns, build, build_model, new, read_part
-from .case_file.cases import Cases, read_cases
+from .build import Prepared, build, build_model, new
+from .case_file.entries import Cases
 from .case_file.expression import Expression, ExpressionError
-from .case_file.schema import CaseFileError, Problem
-from .mesh import Mesh, Part, PartError, make_mesh
-from .readers.gmsh import MeshOptions
-from .sets import Faces, Sets
+from .case_file.mistakes import CaseFileError, Problem
+from .case_file.read import read_cases
+from .case_records import assign_patterns
+from .face_sets import Faces
+from .mesh import PartMesh, make_mesh
+from .part import MeshOptions, Part, PartError
+from .readers.registry import read_part
+from .sets import Sets
 
 __all__ = [
     "CaseFileError",
@@ -18,7 +22,7 @@ __all__ = [
     "Expression",
     "ExpressionError",
     "Faces",
-    "Mesh",
+    "PartMesh",
     "MeshOptions",
     "Part",
     "PartError",

@@ -2,89 +2,23 @@
 
 from __future__ import annotations
 
-from dataclasses import dataclass, field
 from functools import cached_property
 
 import numpy as np
 
-from vkctl.directory.formats import Array
-from vkctl.directory.model import Elements
-from vkctl.shapes.geometry import boundary_faces, element_centroids, faces_within
+from vkctl.basics.arrays import distinct
+from vkctl.basics.types import Array
+from vkctl.basics.words import counted, did_you_mean
+from vkctl.shapes.elements import Elements
+from vkctl.shapes.faces import boundary_faces
+from vkctl.shapes.measures import element_centroids
 
 from .case_file import locate
-from .case_file.cases import Cases, Names, Region, SetDefinition, SetKind
+from .case_file.entries import Cases, Names, Region, SetDefinition, SetKind
 from .case_file.expression import ExpressionError
-from .case_file.schema import did_you_mean
-from .mesh import Mesh, counted, distinct
-
-TOLERANCE = 1e-5  # of regions, relative to the diagonal of the bounding box
-
-
-@dataclass
-class Faces:
-    """Faces of active elements as rows of node numbers, outward, tables of 3, 4 or 6 columns.
-
-    `interior` counts those with an active element on both sides, whose outward is arbitrary.
-    """
-
-    tables: list[Array] = field(default_factory=list)
-    interior: int = 0
-
-    def __len__(self) -> int:
-        return sum(len(table) for table in self.tables)
-
-    def nodes(self) -> Array:
-        """Numbers of their nodes, ascending."""
-        if not len(self):
-            return np.empty(0, np.int64)
-        return distinct(np.concatenate([t.ravel() for t in self.tables]))
-
-    def chosen(self, masks: list[Array]) -> Faces:
-        """Those whose mask is set; faces keep counting as interior if any is."""
-        tables = [t[m] for t, m in zip(self.tables, masks, strict=True)]
-        return Faces([t for t in tables if len(t)], self.interior)
-
-
-def _keys(table: Array) -> Array:
-    """Three lowest corner numbers of each face, which are enough to tell it."""
-    corners = table[:, : 4 if table.shape[1] == 4 else 3]
-    return np.sort(corners, axis=1)[:, :3]
-
-
-def _identities(rows: Array) -> Array:
-    """One integer per distinct row."""
-    span = int(rows.max(initial=0)) + 1
-    if span < 1 << 21:
-        packed: Array = rows.astype(np.int64) @ np.array((span * span, span, 1))
-        return packed
-    inverse: Array = np.unique(rows, axis=0, return_inverse=True)[1].ravel()
-    return inverse
-
-
-def faces_of_surface(elements: Elements, surface: list[Array], num_nodes: int) -> tuple[Faces, int]:
-    """Solid faces that surface elements lie on, and how many lie on none.
-
-    Each face comes once, however many surface elements name it.
-    """
-    nodes = distinct(np.concatenate([t.ravel() for t in surface] or [np.empty(0, np.int64)]))
-    candidates = faces_within(elements, nodes)
-    faces, missing = Faces(), 0
-    for width in (3, 4, 6):
-        wanted = [t for t in surface if t.shape[1] == width]
-        there = [t for t in candidates if t.shape[1] == width]
-        if not wanted:
-            continue
-        given = np.concatenate(wanted)
-        found = np.concatenate(there) if there else np.empty((0, width), given.dtype)
-        ids = _identities(np.concatenate((_keys(found), _keys(given))))
-        solid, flat = ids[: len(found)], distinct(ids[len(found) :])
-        names, first, count = np.unique(solid, return_index=True, return_counts=True)
-        hit = np.isin(names, flat)
-        missing += len(flat) - int(np.count_nonzero(hit))
-        faces.interior += int(np.count_nonzero(count[hit] > 1))
-        if np.any(hit):
-            faces.tables.append(found[first[hit]])
-    return faces, missing
+from .face_sets import Faces, faces_of_surface, faces_without, unique_faces
+from .mesh import PartMesh
+from .regions import TOLERANCE, distance_outside
 
 
 class Sets:
@@ -96,7 +30,7 @@ class Sets:
     that aren't left out of the model. "all" stands for all of them, for faces the outer ones.
     """
 
-    def __init__(self, mesh: Mesh, cases: Cases) -> None:
+    def __init__(self, mesh: PartMesh, cases: Cases) -> None:
         self.mesh = mesh
         self.report = cases.report
         self.defined: dict[SetKind, dict[str, SetDefinition]] = {
@@ -335,7 +269,7 @@ class Sets:
     def _within(self, definition: SetDefinition, points: Array) -> Array:
         mask = np.ones(len(points), np.bool_)
         for region in definition.regions:
-            mask &= _excess(region, points) <= self._tolerance(region)
+            mask &= distance_outside(region, points) <= self._tolerance(region)
         if definition.formula and len(points):
             try:
                 mask &= definition.formula(points) != 0
@@ -353,10 +287,10 @@ class Sets:
             at = (*definition.where, "from")
             parts = [self.faces(name, at) for name in definition.sources]
             tables = [t for p in parts for t in p.tables]
-            faces = _unique(Faces(tables, sum(p.interior for p in parts)))
+            faces = unique_faces(Faces(tables, sum(p.interior for p in parts)))
         for name in definition.minus:
             less = self.faces(name, (*definition.where, "minus"))
-            faces = _difference(faces, less)
+            faces = faces_without(faces, less)
         inside = self._within(definition, self.mesh.nodes)
         masks = [np.all(inside[t - 1], axis=1) for t in faces.tables]
         faces = faces.chosen(masks)
@@ -383,7 +317,7 @@ class Sets:
         points = self.centroids if definition.kind == "element" else self.mesh.nodes
         hints = []
         for region in definition.regions:
-            away = float(_excess(region, points).min())
+            away = float(distance_outside(region, points).min())
             if away > self._tolerance(region):
                 hints.append(f"the {region.shape} is {away:.4g} away from the nearest point")
         if not hints:
@@ -399,41 +333,3 @@ def _kept(numbers: Array, mask: Array) -> Array:
 
 def _triple(point: Array) -> str:
     return "(" + ", ".join(f"{v:.6g}" for v in point) + ")"
-
-
-def _unique(faces: Faces) -> Faces:
-    tables = []
-    for width in (3, 4, 6):
-        same = [t for t in faces.tables if t.shape[1] == width]
-        if same:
-            rows = np.concatenate(same)
-            tables.append(rows[np.unique(_identities(_keys(rows)), return_index=True)[1]])
-    return Faces(tables, faces.interior)
-
-
-def _difference(faces: Faces, less: Faces) -> Faces:
-    masks = []
-    for table in faces.tables:
-        others = [t for t in less.tables if t.shape[1] == table.shape[1]]
-        keys = np.concatenate([_keys(t) for t in (table, *others)])
-        ids = _identities(keys)
-        masks.append(~np.isin(ids[: len(table)], ids[len(table) :]))
-    return faces.chosen(masks)
-
-
-def _excess(region: Region, points: Array) -> Array:
-    """Distance of points from a region, 0 inside; for a plane the distance from it."""
-    offset = points - np.array(region.point)
-    if region.shape == "box":
-        above = points - np.array(region.direction)
-        excess = np.maximum(-offset, above).max(axis=1)
-    elif region.shape == "sphere":
-        excess = np.linalg.norm(offset, axis=1) - region.radius
-    else:
-        unit = np.array(region.direction) / np.linalg.norm(region.direction)
-        along = offset @ unit
-        excess = np.abs(along)
-        if region.shape == "cylinder":
-            excess = np.linalg.norm(offset - along[:, None] * unit, axis=1) - region.radius
-    outside: Array = np.maximum(excess, 0.0)
-    return outside

@@ -7,10 +7,10 @@ from pathlib import Path
 
 import numpy as np
 
+from vkctl.basics.types import Array, PathLike
 from vkctl.directory import formats
-from vkctl.directory.formats import Array, PathLike
+from vkctl.directory.log import RunLog
 from vkctl.directory.numbering import active_nodes, prescribed_components
-from vkctl.directory.results import RunLog
 
 _PIVOT = re.compile(r"pivot of equation (\d+)")
 

@@ -5,7 +5,8 @@ from __future__ import annotations
 import os
 from pathlib import Path
 
-from vkctl.directory.formats import LOG_FILE, PathLike
+from vkctl.basics.types import PathLike
+from vkctl.directory.formats import LOG_FILE
 
 _TABLE = Path("/proc")
 _WRITE_MODES = os.O_WRONLY | os.O_RDWR

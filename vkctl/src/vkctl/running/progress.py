@@ -7,47 +7,10 @@ from collections.abc import Sequence
 from dataclasses import dataclass, field
 from pathlib import Path
 
-from vkctl.directory import formats
-from vkctl.directory.formats import LOG_FILE, PathLike
-from vkctl.directory.results import LogRecord, RunLog, digest, parse_line
-
-
-@dataclass(frozen=True)
-class PlannedCase:
-    """A load case that a run works on."""
-
-    number: int
-    pattern: int
-
-
-def plan(directory: PathLike) -> list[PlannedCase]:
-    """Load cases that a run started now would work on, in its order.
-
-    Raises as the readers of `mxs.lcdata` and `mxs.lcflags` do; a run order that leads outside
-    them ends the list.
-    """
-    records = formats.read_loadcases(directory)
-    flags, _ = formats.read_loadcase_flags(directory)
-    not_to_run = formats.LOADCASE_DONE | formats.LOADCASE_EXCLUDED
-    planned: dict[int, PlannedCase] = {}
-    for number in records["RunOrder"][: len(flags)].tolist():
-        if not 1 <= number <= min(len(records), len(flags)):
-            break
-        word = int(flags[number - 1])
-        static = records["Kind"][number - 1] == formats.LOADCASE_STATIC
-        if static and word & formats.LOADCASE_REQUESTED and not word & not_to_run:
-            planned.setdefault(
-                number, PlannedCase(number, int(records["PatternIndex"][number - 1]))
-            )
-    return list(planned.values())
-
-
-def plan_or_nothing(directory: PathLike) -> list[PlannedCase]:
-    """`plan`, empty where the files can't be read: the run itself will say what is wrong."""
-    try:
-        return plan(directory)
-    except (OSError, formats.FormatError):
-        return []
+from vkctl.basics.types import PathLike
+from vkctl.directory.formats import LOG_FILE
+from vkctl.directory.log import LogRecord, RunLog, digest, parse_line
+from vkctl.directory.plan import PlannedCase, plan_or_nothing
 
 
 class LogReader:

@@ -16,14 +16,15 @@ from pathlib import Path
 from types import FrameType
 from typing import IO, Literal
 
+from vkctl.basics.types import PathLike
 from vkctl.directory import formats
-from vkctl.directory.formats import PathLike
-from vkctl.directory.results import RunLog
+from vkctl.directory.log import RunLog
+from vkctl.directory.plan import plan_or_nothing
 
 from . import processes
 from .advice import Advice, explain_message, explain_status
 from .pivot import explain_pivot
-from .progress import Progress, Tracker, plan_or_nothing
+from .progress import Progress, Tracker
 
 Mode = Literal["automatic", "iterative", "direct"]
 MODES: dict[str, int] = {"automatic": 0, "iterative": 1, "direct": 2}

@@ -6,7 +6,8 @@ import time
 from collections.abc import Callable
 from pathlib import Path
 
-from vkctl.directory.formats import LOG_FILE, PathLike
+from vkctl.basics.types import PathLike
+from vkctl.directory.formats import LOG_FILE
 
 from . import processes
 from .advice import Advice

@@ -10,17 +10,13 @@ from typing import Literal
 import numpy as np
 import numpy.typing as npt
 
-from vkctl.directory.formats import Array
-from vkctl.directory.model import Elements
+from vkctl.basics.types import Array
 
-from .geometry import (
-    TET10_EDGES,
-    Traction,
-    consistent_forces,
-    element_centroids,
-    faces_within,
-    select_nodes,
-)
+from .elements import Elements
+from .faces import faces_within
+from .forces import Traction, consistent_forces
+from .measures import element_centroids, select_nodes
+from .topology import TET10_EDGES
 
 Kind = Literal["tet4", "hex8", "tet10", "mixed"]
 Side = Literal["x-", "x+", "y-", "y+", "z-", "z+"]

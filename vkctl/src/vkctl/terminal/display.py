@@ -11,7 +11,7 @@ from rich.live import Live
 from rich.table import Table
 from rich.text import Text
 
-from vkctl.directory.results import LoadCaseLog
+from vkctl.directory.log import LoadCaseLog
 from vkctl.running.progress import Progress
 from vkctl.running.run import POOR_QUALITY, RunResult
 

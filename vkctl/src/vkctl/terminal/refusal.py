@@ -2,8 +2,13 @@
 
 from __future__ import annotations
 
+from collections.abc import Iterator
+from contextlib import contextmanager
+
 import typer
 from rich.console import Console
+
+from vkctl.basics.extras import MissingPartError
 
 REFUSED = 2  # exit status of a command that can't do what it was asked
 
@@ -12,3 +17,13 @@ def refuse(reason: object, status: int = REFUSED) -> typer.Exit:
     """Tell the reason on standard error; the caller raises what comes back."""
     Console(stderr=True, highlight=False).print(str(reason), markup=False, soft_wrap=True)
     return typer.Exit(status)
+
+
+@contextmanager
+def refusing(*kinds: type[Exception]) -> Iterator[None]:
+    """Refuse where one of these errors comes out of the block, or a part isn't installed."""
+    known: tuple[type[Exception], ...] = (MissingPartError, *kinds)
+    try:
+        yield
+    except known as error:
+        raise refuse(error) from None

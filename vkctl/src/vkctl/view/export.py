@@ -5,7 +5,7 @@ from __future__ import annotations
 from pathlib import Path
 from xml.sax.saxutils import quoteattr
 
-from vkctl.directory.formats import PathLike
+from vkctl.basics.types import PathLike
 from vkctl.directory.model import read
 from vkctl.directory.results import read_results, solved
 

@@ -2,20 +2,20 @@
 
 from __future__ import annotations
 
-import numpy as np
-import pyvista
+from typing import TYPE_CHECKING
 
-from vkctl.directory.formats import HEX8, TET4, TET10, Array, PathLike
+import numpy as np
+
+from vkctl.basics.extras import need
+from vkctl.basics.types import Array, PathLike
 from vkctl.directory.model import Model, read
 from vkctl.directory.numbering import EXCLUDED
 from vkctl.directory.results import Results, read_results, solved
+from vkctl.shapes.topology import HEX8, TET4, TET10, VTK_CELLS
 
-# Type codes and the VTK cells that have the same node order, mid-edge nodes included.
-_VTK_CELLS = {
-    TET4: pyvista.CellType.TETRA,
-    HEX8: pyvista.CellType.HEXAHEDRON,
-    TET10: pyvista.CellType.QUADRATIC_TETRA,
-}
+if TYPE_CHECKING:
+    import pyvista
+
 # The eight 4-node tetrahedra of a 10-node one; every face is cut alike from both sides.
 _TET10_PARTS = np.array(
     (
@@ -62,9 +62,10 @@ def mesh_grid(model: Model) -> pyvista.UnstructuredGrid:
     Points: "level", "node_flags". Cells: "element" (its number), "material", "element_flags".
     """
     assert model.element_flags is not None
+    pyvista = need("pyvista")
     cells, numbers = {}, []
     active = np.flatnonzero(model.element_flags & EXCLUDED == 0) + 1
-    for code, cell in _VTK_CELLS.items():
+    for code, cell in VTK_CELLS.items():
         found, rows = model.elements.of_type(code)
         kept = np.isin(found, active)
         if kept.any():
@@ -171,8 +172,9 @@ def simplices(model: Model, fields: dict[str, Array]) -> tuple[Array, Array, dic
 
 def part_grid(model: Model, fields: dict[str, Array] | None = None) -> pyvista.UnstructuredGrid:
     """The part: the active elements cut off at level zero, with `fields` per node interpolated."""
+    pyvista = need("pyvista")
     tetrahedra, points, extended = simplices(model, fields or {})
-    grid = pyvista.UnstructuredGrid({pyvista.CellType.TETRA: tetrahedra}, points)
+    grid = pyvista.UnstructuredGrid({VTK_CELLS[TET4]: tetrahedra}, points)
     for name, values in extended.items():
         grid.point_data[name] = values
     level = grid.point_data["level"]

@@ -4,17 +4,19 @@ from __future__ import annotations
 
 from dataclasses import dataclass
 from pathlib import Path
-from typing import Any, Literal, get_args
+from typing import TYPE_CHECKING, Any, Literal, get_args
 
 import numpy as np
-import pyvista
-from vtkmodules.vtkCommonCore import vtkLogger
 
-from vkctl.directory.formats import Array, PathLike
+from vkctl.basics.extras import need
+from vkctl.basics.types import Array, PathLike
 from vkctl.directory.model import Model, read
 from vkctl.directory.results import read_results
 
 from .grid import has_boundary, part_surface, point_fields, solved_or_fail
+
+if TYPE_CHECKING:
+    import pyvista
 
 Direction = tuple[float, float, float]
 Field = Literal["magnitude", "stress", "criterion", "level"]
@@ -64,6 +66,8 @@ def plot(
 
 def draw(model: Model, fields: dict[str, Array], picture: PathLike, view: View, title: str) -> Path:
     """Draw `fields` (per node, see `grid.point_fields`) of a model; returns the picture's path."""
+    pyvista = need("pyvista")
+    logger = need("vtkmodules.vtkCommonCore").vtkLogger
     wide = {name: np.asarray(values, np.float64) for name, values in fields.items()}
     surface = part_surface(model, wide)
     scale = _scale(model, surface, view)
@@ -71,7 +75,7 @@ def draw(model: Model, fields: dict[str, Array], picture: PathLike, view: View, 
     if "displacement" in surface.point_data:
         surface.points = surface.points + scale * surface.point_data["displacement"]
     # Without a screen VTK warns once and draws in memory, which is what is wanted.
-    vtkLogger.SetStderrVerbosity(vtkLogger.VERBOSITY_ERROR)
+    logger.SetStderrVerbosity(logger.VERBOSITY_ERROR)
     plotter = pyvista.Plotter(off_screen=True, window_size=list(view.size))
     plotter.set_background("white")
     plotter.add_mesh(

@@ -9,7 +9,7 @@ from typing import Any
 
 import numpy as np
 
-from vkctl.directory.formats import Array
+from vkctl.basics.types import Array
 
 _CONSTANTS = {"pi": np.pi, "e": np.e}
 _FUNCTIONS: dict[str, tuple[Callable[..., Any], int]] = {

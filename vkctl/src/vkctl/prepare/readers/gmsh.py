@@ -5,14 +5,16 @@ from __future__ import annotations
 from collections import defaultdict
 from collections.abc import Iterator
 from contextlib import contextmanager
-from dataclasses import dataclass
 from types import ModuleType
 
 import numpy as np
 
-from vkctl.directory.formats import HEX8, TET4, TET10, Array, PathLike
+from vkctl.basics.arrays import distinct
+from vkctl.basics.extras import need
+from vkctl.basics.types import Array, PathLike
+from vkctl.shapes.topology import HEX8, TET4, TET10
 
-from ..mesh import Part, PartError, distinct
+from ..part import MeshOptions, Part, PartError
 
 # Gmsh element types (its reference manual, "Node ordering"): the solver's type and the place of
 # each of the solver's nodes. Gmsh has the mid-edge nodes of 3-4 and 2-4 the other way round.
@@ -21,27 +23,19 @@ _SOLIDS = {
     5: (HEX8, [0, 1, 2, 3, 4, 5, 6, 7]),
     11: (TET10, [0, 1, 2, 3, 4, 5, 6, 7, 9, 8]),
 }
+
+
 _SURFACES = {2: 3, 3: 4, 9: 6}  # type and number of nodes, which are in the solver's order
+
+
 _DIMENSION_NAMES = ("point", "curve", "surface", "volume")
-
-
-@dataclass
-class MeshOptions:
-    """How geometry is meshed. Sizes are in units of the geometry, before any scaling."""
-
-    size: float | None = None  # largest edge length; a twentieth of the diagonal if not given
-    smallest_size: float | None = None
-    per_circle: int = 0  # elements per full circle of curvature, 0 for no refinement
-    order: int = 2  # 1 for 4-node, 2 for 10-node tetrahedra
-    curved: bool = True  # mid-edge nodes on the geometry rather than halfway
-    threads: int = 1
 
 
 @contextmanager
 def _session(threads: int = 1) -> Iterator[ModuleType]:
     """Gmsh with a model of its own; a session that the caller has open stays open."""
     try:
-        import gmsh
+        gmsh = need("gmsh")
     except OSError as error:
         raise PartError(
             f"Gmsh can't be loaded: {error}; it needs the system's OpenGL and X libraries "

@@ -13,10 +13,12 @@ from pathlib import Path
 
 import numpy as np
 
-from vkctl.directory.formats import HEX8, TET4, TET10, Array, PathLike
-from vkctl.shapes.geometry import FACES
+from vkctl.basics.arrays import distinct
+from vkctl.basics.types import Array, PathLike
+from vkctl.basics.words import counted
+from vkctl.shapes.topology import FACES, HEX8, TET4, TET10
 
-from ..mesh import Lookup, Part, PartError, counted, distinct, labelled
+from ..part import Lookup, Part, PartError, labelled
 
 # Both programs count the nodes of these types as the solver does.
 _SOLIDS = {"C3D4": (TET4, 4), "C3D10": (TET10, 10), "C3D8": (HEX8, 8)}

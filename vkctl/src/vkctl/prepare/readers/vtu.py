@@ -7,9 +7,12 @@ from pathlib import Path
 
 import numpy as np
 
-from vkctl.directory.formats import HEX8, TET4, TET10, Array, PathLike
+from vkctl.basics.arrays import distinct
+from vkctl.basics.extras import need
+from vkctl.basics.types import Array, PathLike
+from vkctl.shapes.topology import HEX8, TET4, TET10
 
-from ..mesh import Part, PartError, distinct
+from ..part import Part, PartError
 
 # VTK cell types: the solver's type and the place of each of the solver's nodes. VTK counts the
 # mid-edge nodes of a tetrahedron as the solver does; a voxel counts its corners along the axes.
@@ -30,8 +33,7 @@ def read_vtu(path: PathLike) -> Part:
     Every integer cell array makes sets named ARRAY:VALUE; a boolean or 0/1 array makes a set
     ARRAY too. The same holds for integer point arrays. Real point arrays are node data.
     """
-    import pyvista
-
+    pyvista = need("pyvista")
     try:
         with warnings.catch_warnings():  # of a damaged file, which gives no grid
             warnings.simplefilter("ignore")
@@ -54,8 +56,7 @@ def read_vtu(path: PathLike) -> Part:
 
 def _collect_cells(part: Part, grid) -> dict[int, tuple[Array, Array]]:  # type: ignore[no-untyped-def]
     """Fill in the solids, in runs of one type; (cells, node rows) of each VTK type."""
-    import vtk
-
+    vtk = need("vtk")
     types = np.asarray(grid.celltypes)
     starts, flat = np.asarray(grid.cell_offsets), np.asarray(grid.cell_connectivity)
     rows_of = {}

@@ -4,20 +4,21 @@ from __future__ import annotations
 
 import difflib
 import math
-import os
 import re
 import tomllib
-from collections.abc import Iterable, Sequence
-from dataclasses import dataclass, field
+from collections.abc import Sequence
 from pathlib import Path
 from typing import Any
 
-from vkctl.directory.formats import PathLike
+from vkctl.basics.types import PathLike
+from vkctl.basics.words import did_you_mean
 
 from . import locate
 from .expression import Expression, ExpressionError
+from .mistakes import CaseFileError, Mistakes, Problem
 
 Field = float | Expression  # a number, or a formula of x, y and z
+
 
 _TYPE_NAMES = {
     bool: "a truth value",
@@ -29,65 +30,7 @@ _TYPE_NAMES = {
 }
 
 
-@dataclass(frozen=True, order=True)
-class Problem:
-    """One mistake of a case file; line 0 stands for the file as a whole."""
-
-    line: int
-    text: str
-    suggestion: str = ""
-
-    def __str__(self) -> str:
-        return f"{self.text}; {self.suggestion}" if self.suggestion else self.text
-
-
-class CaseFileError(Exception):
-    """A case file with mistakes, one `FILE:LINE: TEXT; SUGGESTION` a line."""
-
-    def __init__(self, path: PathLike, problems: Iterable[Problem]) -> None:
-        self.path = Path(path)
-        self.problems = sorted(problems)
-        name = os.fspath(path)
-        places = [f"{name}:{p.line}: {p}" if p.line else f"{name}: {p}" for p in self.problems]
-        super().__init__("\n".join(places))
-
-
-def did_you_mean(word: str, options: Iterable[str]) -> str:
-    """Suggestion for a misspelt word: the closest option, or all of them."""
-    known = list(options)
-    folded = {option.lower(): option for option in reversed(known)}
-    close = difflib.get_close_matches(word.lower(), folded, 1, 0.6)
-    if close:
-        return f"did you mean {folded[close[0]]!r}?"
-    if not known:
-        return ""
-    shown = ", ".join(known[:12]) + (", ..." if len(known) > 12 else "")
-    return f"known: {shown}"
-
-
-@dataclass
-class Report:
-    """Collects the mistakes of one case file."""
-
-    path: Path
-    lines: dict[locate.Path, int] = field(default_factory=dict)
-    problems: list[Problem] = field(default_factory=list)
-
-    def add(self, where: locate.Path, text: str, suggestion: str = "") -> None:
-        """Note a mistake at the key path `where`, or at the nearest table that has a line."""
-        while where and where not in self.lines:
-            where = where[:-1]
-        problem = Problem(self.lines.get(where, 0), text, suggestion)
-        if problem not in self.problems:
-            self.problems.append(problem)
-
-    def finish(self) -> None:
-        """Raise CaseFileError if there is any mistake."""
-        if self.problems:
-            raise CaseFileError(self.path, self.problems)
-
-
-def load(path: PathLike) -> tuple[Table, Report]:
+def load(path: PathLike) -> tuple[Table, Mistakes]:
     """The top table of a TOML file and the report for its mistakes.
 
     CaseFileError where the file is missing or isn't TOML.
@@ -108,7 +51,7 @@ def load(path: PathLike) -> tuple[Table, Report]:
         else:
             problem = Problem(text.count("\n") + 1, f"not TOML: {error}")
         raise CaseFileError(path, [problem]) from None
-    report = Report(Path(path), locate.locate(text))
+    report = Mistakes(Path(path), locate.locate(text))
     return Table(data, (), report), report
 
 
@@ -126,7 +69,7 @@ class Table:
     all mistakes.
     """
 
-    def __init__(self, data: dict[str, Any], path: locate.Path, report: Report) -> None:
+    def __init__(self, data: dict[str, Any], path: locate.Path, report: Mistakes) -> None:
         self.data = data
         self.path = path
         self.report = report

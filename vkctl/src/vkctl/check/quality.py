@@ -6,45 +6,47 @@ The determinant of the Jacobian is taken at the points at which the solver integ
 from __future__ import annotations
 
 from dataclasses import dataclass
-from itertools import product
 
 import numpy as np
 
-from vkctl.directory.formats import HEX8, TET4, Array
-from vkctl.shapes.geometry import HEX8_SIGNS, TET10_EDGES, hex8_gradients, tet10_gradients
+from vkctl.basics.types import Array
+from vkctl.shapes.functions import hex8_gradients, tet10_gradients
+from vkctl.shapes.rules import solver_hexahedron_points, solver_tetrahedron_points
+from vkctl.shapes.topology import (
+    HEX8,
+    HEX8_EDGES,
+    HEX8_NEIGHBOURS,
+    HEX8_SIGNS,
+    TET4,
+    TET10_EDGES,
+    TET_CORNERS,
+)
 
 _ELEMENTS_PER_BLOCK = 20_000  # bounds the work arrays
+
+
 _FLAT = 1e-10  # volume relative to the cube of the largest edge
+
+
 _SLIVER = 0.05  # quality below which an element is a sliver: about 1 thick and 100 wide
+
+
 _STRAIGHT = 1e-4  # mid-edge nodes off their edges' middles, relative to the edge: no more, straight
 
-# Orbits (a, a, a, b) of the tetrahedron rules of 4 and of 8 points.
-_TET_ORBITS = (0.1381966011250105, 0.3280546967114267, 0.10695227393293068)
-_GAUSS = (-0.774596669241483, -0.577350269189626, 0.0, 0.577350269189626, 0.774596669241483)
+
+_TET10_INNER = np.array([tet10_gradients(point) for point in solver_tetrahedron_points()])
 
 
-def _tet_points() -> list[tuple[float, float, float]]:
-    points = []
-    for a in _TET_ORBITS:
-        b = 1 - 3 * a
-        points += [(a, a, a), (a, a, b), (a, b, a), (b, a, a)]
-    return points
+_TET10_OUTER = np.array([tet10_gradients(point) for point in TET_CORNERS])
 
 
-def _hex_points() -> list[tuple[float, ...]]:
-    """Points of the products of the rules of 3 and of 2 points."""
-    return [*product(_GAUSS[::2], repeat=3), *product(_GAUSS[1::2], repeat=3)]
+_HEX8_INNER = np.array([hex8_gradients(point) for point in solver_hexahedron_points()])
 
 
-_TET_CORNERS = [(0.0, 0.0, 0.0), (1.0, 0.0, 0.0), (0.0, 1.0, 0.0), (0.0, 0.0, 1.0)]
-_TET10_INNER = np.array([tet10_gradients(point) for point in _tet_points()])
-_TET10_OUTER = np.array([tet10_gradients(point) for point in _TET_CORNERS])
-_HEX8_INNER = np.array([hex8_gradients(point) for point in _hex_points()])
 _HEX8_OUTER = np.array([hex8_gradients(point) for point in HEX8_SIGNS])
+
+
 _TET4_EDGES = TET10_EDGES
-_HEX8_EDGES = np.array(
-    [(0, 1), (1, 2), (2, 3), (3, 0), (4, 5), (5, 6), (6, 7), (7, 4), (0, 4), (1, 5), (2, 6), (3, 7)]
-)
 
 
 @dataclass
@@ -77,7 +79,7 @@ def _measure(code: int, nodes: Array, rows: Array) -> ShapeReport:
     # Coordinates that are no numbers are told of with the nodes.
     points = np.where(np.isfinite(points).all(axis=(1, 2))[:, None, None], points, _regular(code))
     inner, outer, volume = _determinants(code, points)
-    edges = points[:, _HEX8_EDGES if code == HEX8 else _TET4_EDGES]
+    edges = points[:, HEX8_EDGES if code == HEX8 else _TET4_EDGES]
     lengths = np.linalg.norm(edges[:, :, 1] - edges[:, :, 0], axis=2)
     flat = ~repeated & (np.abs(volume) <= _FLAT * lengths.max(axis=1) ** 3)
     sound = ~repeated & ~flat
@@ -101,7 +103,7 @@ def _regular(code: int) -> Array:
     """Node positions that no test objects to."""
     if code == HEX8:
         return HEX8_SIGNS
-    corners = np.array(_TET_CORNERS)
+    corners = np.array(TET_CORNERS)
     return corners if code == TET4 else np.concatenate((corners, corners[TET10_EDGES].mean(axis=1)))
 
 
@@ -147,14 +149,8 @@ def _det(m: Array) -> Array:
     return determinant
 
 
-# Neighbours of a hexahedron's corner along its three edges.
-_HEX8_NEIGHBOURS = np.array(
-    [(1, 3, 4), (0, 2, 5), (1, 3, 6), (0, 2, 7), (0, 5, 7), (1, 4, 6), (2, 5, 7), (3, 4, 6)]
-)
-
-
 def _scaled_jacobian(points: Array, outer: Array) -> Array:
     """Smallest corner determinant relative to the edges that meet there (Knupp 2000)."""
-    edges = np.linalg.norm(points[:, _HEX8_NEIGHBOURS] - points[:, :, None], axis=3)
+    edges = np.linalg.norm(points[:, HEX8_NEIGHBOURS] - points[:, :, None], axis=3)
     scaled: Array = (8 * outer / np.maximum(edges.prod(axis=2), 1e-300)).min(axis=1)
     return scaled

@@ -6,13 +6,17 @@ from collections.abc import Iterator
 
 import numpy as np
 
-from vkctl.directory.formats import HEX8, NODES_PER_TYPE, TET4, TET10, Array
+from vkctl.basics.types import Array
+from vkctl.basics.words import counted, listed, some
+from vkctl.shapes.topology import HEX8, NODES_PER_TYPE, TET4, TET10
 
-from .findings import Finding, counted, error, listed, note, some, warning
-from .inputs import Inputs, Mesh, fingerprints
-from .shapes import ShapeReport, measure
+from .findings import Finding, error, note, warning
+from .inputs import ActiveMesh, Inputs, fingerprints
+from .quality import ShapeReport, measure
 
 _FILES_PER_NODE = (("node_flags", "mxs.nodeflags"), ("tp_index", "mxs.tpadr"))
+
+
 _TYPE_NAMES = {TET4: "4-node tetrahedra", HEX8: "hexahedra", TET10: "10-node tetrahedra"}
 
 
@@ -56,7 +60,7 @@ def check_elements(inputs: Inputs) -> Iterator[Finding]:
     yield from _shapes(mesh)
 
 
-def _indices(inputs: Inputs, mesh: Mesh, records: Array) -> Iterator[Finding]:
+def _indices(inputs: Inputs, mesh: ActiveMesh, records: Array) -> Iterator[Finding]:
     """Why active elements are not valid: material, row, or a node number."""
     wrong = mesh.active & ~mesh.valid
     if not wrong.any():
@@ -90,7 +94,7 @@ def _elements(mask: Array) -> str:
     return listed(np.flatnonzero(mask) + 1, "element")
 
 
-def _rows_in_use(inputs: Inputs, mesh: Mesh, records: Array) -> Iterator[Finding]:
+def _rows_in_use(inputs: Inputs, mesh: ActiveMesh, records: Array) -> Iterator[Finding]:
     """Connectivity rows without an element, rows with several, elements on the same nodes."""
     assert inputs.tables is not None
     sizes = {TET4: len(inputs.tables.tet4), HEX8: len(inputs.tables.hex8)}
@@ -119,7 +123,7 @@ def _repeated(keys: Array) -> Array:
     return positions
 
 
-def _shapes(mesh: Mesh) -> Iterator[Finding]:
+def _shapes(mesh: ActiveMesh) -> Iterator[Finding]:
     for code, (numbers, rows) in mesh.blocks.items():
         if len(numbers):
             yield from _shape_findings(measure(code, mesh.nodes, rows), numbers)

@@ -6,14 +6,18 @@ from collections.abc import Iterator
 
 import numpy as np
 
+from vkctl.basics.types import Array
+from vkctl.basics.words import listed, some
 from vkctl.directory import formats
-from vkctl.directory.formats import Array, LoadCaseMap
+from vkctl.directory.formats import LoadCaseMap
 from vkctl.directory.numbering import prescribed_rows
 
-from .findings import Finding, error, listed, note, some, warning
+from .findings import Finding, error, note, warning
 from .inputs import LARGEST_NUMBER, Inputs
 
 _TABLE = "mxs.lcdata"
+
+
 _FLAGS = "mxs.lcflags"
 
 

@@ -6,13 +6,16 @@ from collections.abc import Iterator
 
 import numpy as np
 
+from vkctl.basics.types import Array
+from vkctl.basics.words import counted, listed, some
 from vkctl.directory import formats
-from vkctl.directory.formats import Array, LoadCaseMap
+from vkctl.directory.formats import LoadCaseMap
 from vkctl.directory.numbering import prescribed_components, prescribed_rows
+from vkctl.shapes.topology import HEX8
 
-from .findings import Finding, counted, error, listed, note, some, warning
+from .element_tables import node_levels
+from .findings import Finding, error, note, warning
 from .inputs import Inputs, acting
-from .mesh import node_levels
 
 _NEGLIGIBLE = 0.01  # part of the load below which its loss is worth a note only
 
@@ -190,7 +193,7 @@ class _LoadCase:
         holds = np.zeros(len(levels), np.bool_)
         assert self.inputs.element_flags is not None
         for code, (numbers, nodes) in mesh.blocks.items():
-            corners = nodes[:, :4] if code != formats.HEX8 else nodes
+            corners = nodes[:, :4] if code != HEX8 else nodes
             no_level = self.inputs.element_flags[numbers - 1] & formats.ELEMENT_NO_LEVEL != 0
             solid = (levels[corners - 1] >= 0).any(axis=1) | no_level
             holds[nodes[solid] - 1] = True

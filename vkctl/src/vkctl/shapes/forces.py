@@ -2,42 +2,62 @@
 
 from __future__ import annotations
 
+from collections.abc import Callable
+
 import numpy as np
+import numpy.typing as npt
 
-from vkctl.directory.formats import HEX8, NODES_PER_TYPE, TET4, TET10, Array
-from vkctl.directory.model import Elements
-from vkctl.shapes import geometry
+from vkctl.basics.types import Array
 
-from .case_file.expression import Expression
-from .case_file.schema import Field
-from .mesh import curved, determinants
+from .elements import Elements
+from .functions import quad4, shape_values, tri3, tri6
+from .measures import curved, determinants
+from .rules import GAUSS_2, QUADRANGLE_POINTS, tetrahedron_rule, triangle_points
+from .topology import HEX8, NODES_PER_TYPE, TET4, TET10
 
-# Points and weights of Gauss and Legendre on (-1, 1) and, moved, on (0, 1).
-_GAUSS_2 = np.polynomial.legendre.leggauss(2)
-_GAUSS_4 = np.polynomial.legendre.leggauss(4)
-
-
-def evaluate(value: Field, points: Array) -> Array:
-    """Values (k,) of a number or formula at points (k, 3)."""
-    if isinstance(value, Expression):
-        return value(points)
-    return np.full(len(points), float(value))
+# A pressure, a vector, or a function from points (k, 3) to pressures (k,) or vectors (k, 3).
+Traction = float | npt.ArrayLike | Callable[[Array], Array]
 
 
-def traction_forces(
-    nodes: Array, tables: list[Array], values: tuple[Field, ...]
-) -> tuple[Array, Array]:
-    """Nodal forces of a traction (three values) or a pressure (one): (numbers, forces (k, 3)).
+def consistent_forces(nodes: Array, faces: list[Array], traction: Traction) -> tuple[Array, Array]:
+    """Nodal forces of a traction on faces: (node numbers, forces (k, 3)), each node once.
 
-    A pressure pushes against the faces from outside. Formulas are taken at the integration
-    points, so a field that is linear gives its exact resultant on plane faces.
+    `traction` is a vector, force per area; a number is a pressure, which pushes against the face
+    from outside; a function takes points (k, 3) and gives pressures (k,) or vectors (k, 3). The
+    load is integrated over the curved face, with the normal and area at each integration point.
     """
+    total = np.zeros_like(nodes, np.float64)
+    touched = [np.empty(0, np.int64)]
+    for table in faces:
+        width = table.shape[1]
+        shape_of = {3: tri3, 4: quad4, 6: tri6}[width]
+        points = QUADRANGLE_POINTS if width == 4 else triangle_points()
+        loads = np.zeros((len(table), width, 3))
+        for r, s, weight in points:
+            shape, slope = shape_of(r, s)
+            loads += shape[:, None] * _point_load(nodes[table - 1], shape, slope, weight, traction)
+        for k in range(3):
+            total[:, k] += np.bincount(table.ravel() - 1, loads[..., k].ravel(), len(nodes))
+        touched.append(table.ravel().astype(np.int64))
+    numbers = np.unique(np.concatenate(touched))
+    return numbers, total[numbers - 1]
 
-    def at(points: Array) -> Array:
-        columns = [evaluate(v, points) for v in values]
-        return columns[0] if len(columns) == 1 else np.column_stack(columns)
 
-    return geometry.consistent_forces(nodes, tables, at)
+def _point_load(
+    corners: Array, shape: Array, slope: Array, weight: float, traction: Traction
+) -> Array:
+    """Load of each face at one integration point, (faces, 1, 3)."""
+    tangents = np.einsum("fna,nb->fba", corners, slope)
+    normal = weight * np.cross(tangents[:, 0], tangents[:, 1])
+    value = traction
+    if callable(traction):
+        value = traction(np.einsum("fna,n->fa", corners, shape))
+    given = np.asarray(value, np.float64)
+    if given.ndim == 0 or (callable(traction) and given.ndim == 1):
+        return -(given[..., None] * normal)[:, None]
+    area = np.linalg.norm(normal, axis=1, keepdims=True)
+    loads: Array = (area * given)[:, None]
+    return loads
 
 
 def area_shares(nodes: Array, tables: list[Array]) -> tuple[Array, Array]:
@@ -45,7 +65,7 @@ def area_shares(nodes: Array, tables: list[Array]) -> tuple[Array, Array]:
 
     They add up to the area of the faces. At the corners of plane 6-node triangles they vanish.
     """
-    numbers, areas = geometry.consistent_forces(nodes, tables, (1.0, 0.0, 0.0))
+    numbers, areas = consistent_forces(nodes, tables, (1.0, 0.0, 0.0))
     return numbers, areas[:, 0]
 
 
@@ -86,9 +106,6 @@ def _face_areas(nodes: Array, table: Array) -> Array:
     return per_face
 
 
-# --- body forces -----------------------------------------------------------------------------
-
-
 def nodal_masses(nodes: Array, elements: Elements, densities: Array) -> Array:
     """Integral of density times shape function over the elements, (n,) per node.
 
@@ -122,12 +139,12 @@ def _tet10_shares(nodes: Array, rows: Array) -> Array:
     shares: Array = _tet_volumes(nodes, rows)[:, None] * share
     bent = curved(nodes, rows)
     if np.any(bent):
-        shares[bent] = _integrated(nodes, rows[bent], *_tet_rule(), TET10)
+        shares[bent] = _integrated(nodes, rows[bent], *tetrahedron_rule(), TET10)
     return shares
 
 
 def _hex8_shares(nodes: Array, rows: Array) -> Array:
-    points, weights = _GAUSS_2
+    points, weights = GAUSS_2
     grid = np.stack(np.meshgrid(points, points, points, indexing="ij"), axis=-1).reshape(-1, 3)
     return _integrated(nodes, rows, grid, np.ones(8) * weights[0] ** 3, HEX8)
 
@@ -135,28 +152,7 @@ def _hex8_shares(nodes: Array, rows: Array) -> Array:
 _SHARES = {TET4: _tet4_shares, TET10: _tet10_shares, HEX8: _hex8_shares}
 
 
-def _tet_rule() -> tuple[Array, Array]:
-    """64 points (a, b, c) and weights on the unit tetrahedron (Stroud 1971, conical product).
-
-    Exact to degree 5: shape function times the Jacobian of a curved tetrahedron.
-    """
-    points, weights = (_GAUSS_4[0] + 1) / 2, _GAUSS_4[1] / 2
-    u, v, w = (g.ravel() for g in np.meshgrid(points, points, points, indexing="ij"))
-    product = np.einsum("i,j,k->ijk", weights, weights, weights).ravel()
-    abc = np.column_stack((u, v * (1 - u), w * (1 - u) * (1 - v)))
-    return abc, product * (1 - u) ** 2 * (1 - v)
-
-
-def _shape(code: int, point: Array) -> Array:
-    if code == HEX8:
-        trilinear: Array = np.prod(1 + geometry.HEX8_SIGNS * point, axis=1) / 8
-        return trilinear
-    bary = np.concatenate(([1 - point.sum()], point))
-    i, j = geometry.TET10_EDGES.T
-    return np.concatenate((bary * (2 * bary - 1), 4 * bary[i] * bary[j]))
-
-
 def _integrated(nodes: Array, rows: Array, points: Array, weights: Array, code: int) -> Array:
-    shapes = np.array([_shape(code, point) for point in points])
+    shapes = np.array([shape_values(code, point) for point in points])
     shares: Array = (determinants(nodes, rows, code, points) * weights) @ shapes
     return shares

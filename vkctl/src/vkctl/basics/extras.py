@@ -1,0 +1,33 @@
+"""Heavy parts that an installation may go without, loaded where they are needed."""
+
+from __future__ import annotations
+
+import importlib
+from types import ModuleType
+
+# Module: how it is called in a sentence, and the extra of the package that brings it.
+_PARTS = {
+    "gmsh": ("Gmsh", "mesh"),
+    "pyvista": ("VTK and PyVista", "view"),
+    "vtk": ("VTK and PyVista", "view"),
+    "vtkmodules": ("VTK and PyVista", "view"),
+    "matplotlib": ("Matplotlib", "view"),
+    "mpl_toolkits": ("Matplotlib", "view"),
+    "PIL": ("Pillow", "view"),
+}
+
+
+class MissingPartError(Exception):
+    """A part of the companion isn't installed; the text says how to get it."""
+
+
+def need(name: str) -> ModuleType:
+    """The module `name`, or MissingPartError where its package isn't installed."""
+    package = name.partition(".")[0]
+    try:
+        return importlib.import_module(name)
+    except ModuleNotFoundError as error:
+        if error.name is None or error.name.partition(".")[0] not in _PARTS:
+            raise
+        title, extra = _PARTS[package]
+        raise MissingPartError(f"This needs {title}: pip install 'vkctl[{extra}]'") from None

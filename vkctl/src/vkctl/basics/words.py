@@ -1,0 +1,41 @@
+"""Words of messages: counts, lists of numbers, suggestions."""
+
+from __future__ import annotations
+
+import difflib
+from collections.abc import Iterable, Sequence
+from typing import Any
+
+import numpy.typing as npt
+
+
+def counted(count: int, what: str) -> str:
+    """Count and plural of a noun that takes an s: "1 node", "2 nodes"."""
+    return f"{count} {what}" + ("" if count == 1 else "s")
+
+
+def did_you_mean(word: str, options: Iterable[str]) -> str:
+    """Suggestion for a misspelt word: the closest option, or all of them."""
+    known = list(options)
+    folded = {option.lower(): option for option in reversed(known)}
+    close = difflib.get_close_matches(word.lower(), folded, 1, 0.6)
+    if close:
+        return f"did you mean {folded[close[0]]!r}?"
+    if not known:
+        return ""
+    shown = ", ".join(known[:12]) + (", ..." if len(known) > 12 else "")
+    return f"known: {shown}"
+
+
+_SHOWN = 5  # numbers listed in a message
+
+
+def some(numbers: Sequence[int] | npt.NDArray[Any]) -> str:
+    """The first few of a list of numbers: "3, 4, 9, 12, 15 and 40 more"."""
+    text = ", ".join(str(int(number)) for number in numbers[:_SHOWN])
+    return text if len(numbers) <= _SHOWN else f"{text} and {len(numbers) - _SHOWN} more"
+
+
+def listed(numbers: Sequence[int] | npt.NDArray[Any], noun: str) -> str:
+    """Such as "1 element (7)" or "3 elements (7, 8, 9)"."""
+    return f"{counted(len(numbers), noun)} ({some(numbers)})"

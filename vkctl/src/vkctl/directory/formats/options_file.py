@@ -1,0 +1,142 @@
+"""The file of run options, read as the solver reads it."""
+
+from __future__ import annotations
+
+import re
+from collections.abc import Mapping
+from dataclasses import dataclass
+from pathlib import Path
+
+from vkctl.basics.types import PathLike
+
+from .records import OPTIONS_FILE
+from .streams import FormatError, write_parts
+
+
+@dataclass(frozen=True)
+class Option:
+    """One key of the options file: its type, its default and the limits the solver applies."""
+
+    type: type
+    default: float
+    low: float | None = None
+    high: float | None = None
+
+    def clamp(self, value: float) -> float:
+        """The value that the solver takes for a given one."""
+        if self.low is not None and value < self.low:
+            return self.low
+        return self.high if self.high is not None and value > self.high else value
+
+
+# In the order in which the solver compares a line with the keys.
+OPTIONS: dict[str, Option] = {
+    "Sys.AvailableMemGB": Option(float, 8.0),
+    "Sys.MaxNumCompThreads": Option(int, 0),
+    "Sys.ComputationMode": Option(int, 0, 0, 2),
+    "Sta.SupportStiffness": Option(float, 1.0, 0.0),
+    "Sta.ResponseDumpFac": Option(float, 0.0, 0.0, 0.99),
+    "Sta.TopCriteriaCode": Option(int, 0, 0, 1),
+    "Sta.BStressExp": Option(int, 4, 1, 24),
+    "Sta.YieldStressFac": Option(float, 1.0, 0.0),
+    "Sta.MatSlopeFactor": Option(float, 500.0, 10.0, 10000.0),
+}
+
+
+_INTEGER = re.compile(r"[+-]?\d+\Z")
+
+
+_FLOAT = re.compile(r"([+-]?(?:\d+\.?\d*|\.\d+))(?:[eEdD]([+-]?\d+)|([+-]\d+))?\Z")
+
+
+def _option_value(text: str, option: Option) -> float | None:
+    """Value at the start of `text`; None where a separator leaves the option as it was."""
+    text = text.lstrip(" \t")
+    token = re.split(r"[ \t,/]", text, maxsplit=1)[0]
+    if not token and text:
+        return None
+    if option.type is int:
+        if _INTEGER.match(token):
+            return int(token)
+    elif match := _FLOAT.match(token):
+        return float(f"{match[1]}e{match[2] or match[3] or 0}")
+    raise ValueError(text)
+
+
+@dataclass(frozen=True)
+class OptionLine:
+    """One line of the options file. `key` is None for comments, blank lines and unknown keys."""
+
+    text: str  # without its line end
+    key: str | None
+    value: float | None  # None also where a separator leaves the option as it was
+    readable: bool  # False: the solver stops here
+
+
+def parse_option_line(text: str) -> OptionLine:
+    """Read a line as the solver does: it counts as a key's line when it begins with the key."""
+    line = text[:512].strip(" \r")
+    key = next((k for k in OPTIONS if line.startswith(k)), None)
+    if key is None:
+        return OptionLine(text, None, None, True)
+    try:
+        value = _option_value(line[line.find("=") + 1 :], OPTIONS[key])
+    except ValueError:
+        return OptionLine(text, key, None, False)
+    return OptionLine(text, key, value, True)
+
+
+def read_option_lines(directory: PathLike) -> list[OptionLine]:
+    """`vk_rund_cmd.txt` line by line."""
+    text = Path(directory, OPTIONS_FILE).read_bytes().decode("latin-1")
+    return [parse_option_line(line) for line in text.split("\n")]
+
+
+def read_options(directory: PathLike) -> dict[str, float]:
+    """`vk_rund_cmd.txt`: the values given there, by key, before the solver's limits.
+
+    Follows the solver's reader: a line that begins with a key counts, whatever comes between the
+    key and the first "="; comments, unknown keys and blank lines are passed over.
+    """
+    options: dict[str, float] = {}
+    for number, line in enumerate(read_option_lines(directory), 1):
+        if not line.readable:
+            shown = line.text[:512].strip(" \r")
+            path = Path(directory, OPTIONS_FILE)
+            raise FormatError(path, f"line {number}: no value in {shown!r}")
+        if line.key is not None and line.value is not None:
+            options[line.key] = line.value
+    return options
+
+
+def _option_text(key: str, value: float) -> str:
+    if key not in OPTIONS:
+        raise KeyError(f"unknown option {key!r}, known are {', '.join(OPTIONS)}")
+    return f"{key}={OPTIONS[key].type(value)!r}"
+
+
+def update_options(directory: PathLike, changes: Mapping[str, float]) -> None:
+    """Set options in `vk_rund_cmd.txt` and leave its other lines alone; made if missing.
+
+    The first line of a key takes the new value, further lines of the key are dropped.
+    """
+    path = Path(directory, OPTIONS_FILE)
+    lines = path.read_bytes().decode("latin-1").split("\n") if path.exists() else [""]
+    end = "\r" if lines[0].endswith("\r") else ""
+    waiting = {key: _option_text(key, value) + end for key, value in changes.items()}
+    kept = []
+    for line in lines:
+        key = parse_option_line(line).key
+        if key not in changes:
+            kept.append(line)
+        elif key in waiting:
+            kept.append(waiting.pop(key))
+    last = kept.pop() if kept and not kept[-1].strip("\r") else None
+    kept += [*waiting.values(), "" if last is None else last]
+    write_parts(path, ["\n".join(kept).encode("latin-1")])
+
+
+def write_options(directory: PathLike, options: Mapping[str, float]) -> None:
+    """`vk_rund_cmd.txt` from values by key. The solver passes over unknown keys, so they raise."""
+    lines = [_option_text(key, value) + "\n" for key, value in options.items()]
+    write_parts(Path(directory, OPTIONS_FILE), ["".join(lines).encode("ascii")])

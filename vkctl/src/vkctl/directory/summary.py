@@ -1,0 +1,54 @@
+"""What the log and the results of a directory say, in a few lines."""
+
+from __future__ import annotations
+
+from vkctl.basics.types import PathLike
+
+from .log import LoadCaseLog, digest, read_log
+from .results import read_results, solved
+
+
+def summary(directory: PathLike) -> str:
+    """A few lines on the log and the results of a run directory."""
+    run = digest(read_log(directory))
+    lines = []
+    for case in run.load_cases:
+        lines.append(f"load case {case.number}: {_solver_words(case)}")
+        lines += [f"  warning: {text}" for text in case.warnings]
+    for number in solved(directory):
+        lines.append(f"results of load case {number}:")
+        lines += _result_lines(directory, number)
+    if run.error:
+        lines.append(f"the run stopped: {run.error}")
+    elif run.seconds is None:
+        lines.append("the run has not ended")
+    else:
+        lines.append(f"the whole run took {run.seconds:.1f} s")
+    return "\n".join(lines)
+
+
+def _solver_words(case: LoadCaseLog) -> str:
+    words = []
+    if case.equations_millions is not None:
+        words.append(f"{case.equations_millions:.2f} million equations")
+    if case.mode is not None:
+        words.append("factorised" if case.mode == 2 else "iterative")
+    if case.iterations is not None:
+        words.append(f"{case.iterations} iterations")
+    if "ARQua" in case.data:
+        words.append(f"quality {case.data['ARQua']:.3f}")
+    if case.seconds is not None:
+        words.append(f"{case.seconds:.1f} s")
+    return ", ".join(words) or "begun"
+
+
+def _result_lines(directory: PathLike, number: int) -> list[str]:
+    r = read_results(directory, number)
+    load = ", ".join(f"{component:.4g}" for component in r.applied_load)
+    lines = [
+        f"  largest displacement {r.max_displacement:.4g}",
+        f"  strain energy        {r.strain_energy:.4g}",
+    ]
+    if len(r.stress):
+        lines.append(f"  nodal stress         {r.stress.min():.4g} to {r.stress.max():.4g}")
+    return [*lines, f"  sum of loads         ({load})"]

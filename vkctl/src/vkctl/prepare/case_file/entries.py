@@ -1,0 +1,127 @@
+"""What a case file says, as typed data, before any mesh is known."""
+
+from __future__ import annotations
+
+from dataclasses import dataclass, field
+from pathlib import Path
+from typing import Literal
+
+from vkctl.directory.model import Material
+
+from ..part import MeshOptions
+from . import locate
+from .expression import Expression
+from .mistakes import Mistakes
+from .toml_table import Field
+
+Vector = tuple[float, float, float]
+
+
+Names = tuple[str, ...]
+
+
+SetKind = Literal["node", "element", "face"]
+
+
+MATERIAL_KINDS = ("isotropic", "yielding", "compression_only", "orthotropic")
+
+
+@dataclass
+class Region:
+    """One geometric condition; which fields count depends on `shape`."""
+
+    shape: Literal["box", "plane", "sphere", "cylinder"]
+    point: Vector  # lower corner, point of the plane or axis, centre
+    direction: Vector = (0.0, 0.0, 0.0)  # upper corner, normal, axis
+    radius: float = 0.0
+    tolerance: float | None = None  # None: the default of the part
+
+
+@dataclass
+class SetDefinition:
+    """A set of the case file: what all conditions given hold for."""
+
+    kind: SetKind
+    where: locate.Path
+    sources: Names | None  # None: all active nodes or elements, all outer faces
+    minus: Names
+    regions: list[Region]
+    formula: Expression | None
+    nearest: tuple[Vector, ...]
+    normal: tuple[Vector, float] | None  # direction, largest angle in degrees
+
+
+@dataclass
+class MaterialEntry:
+    material: Material
+    where: locate.Path
+    elements: Names  # empty: all elements that no other material has
+    density: float | None
+
+
+@dataclass
+class Support:
+    """`values` are the prescribed displacements or the offsets of an elastic support."""
+
+    kind: Literal["fixed", "prescribed", "elastic"]
+    where: locate.Path
+    sets: Names
+    directions: str
+    values: tuple[Field, Field, Field] = (0.0, 0.0, 0.0)
+    axes: tuple[Vector, ...] = ((1.0, 0.0, 0.0), (0.0, 1.0, 0.0), (0.0, 0.0, 1.0))
+    stiffness: Vector | None = None  # along each axis; None: the option's
+    per: Literal["node", "area", "total"] = "node"
+
+
+@dataclass
+class Load:
+    kind: Literal["force", "traction", "pressure", "gravity", "temperature"]
+    where: locate.Path
+    sets: Names  # empty: the whole part
+    values: tuple[Field, ...] = ()  # three, or one of pressure and temperature
+    spread: Literal["area", "equal", "each"] | None = None
+    array: str = ""  # node data that holds the temperature
+    reference: float = 0.0
+
+
+@dataclass
+class Level:
+    where: locate.Path
+    sets: Names
+    value: Field | None
+    array: str
+
+
+@dataclass
+class CaseEntry:
+    """One load case; supports and loads by name, loads with a factor."""
+
+    name: str
+    where: locate.Path
+    supports: Names
+    loads: dict[str, float]
+    requested: bool
+    excluded: bool
+
+
+@dataclass
+class Cases:
+    """A case file. `report` holds the lines of its keys and takes further mistakes."""
+
+    path: Path
+    report: Mistakes
+    part: str = ""
+    scale: float = 1.0
+    reorder: bool = True
+    mesh: MeshOptions = field(default_factory=MeshOptions)
+    exclude: Names = ()
+    ignore_level: Names = ()
+    marked_nodes: Names = ()
+    materials: dict[str, MaterialEntry] = field(default_factory=dict)
+    sets: list[tuple[str, SetDefinition]] = field(default_factory=list)
+    supports: dict[str, Support] = field(default_factory=dict)
+    loads: dict[str, Load] = field(default_factory=dict)
+    level: Level | None = None
+    load_cases: list[CaseEntry] = field(default_factory=list)
+    run_order: list[int] | None = None  # numbers of load cases
+    options: dict[str, float] = field(default_factory=dict)

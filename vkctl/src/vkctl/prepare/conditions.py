@@ -1,0 +1,215 @@
+"""Supports and loads of a case file on a mesh, as records and nodal values."""
+
+from __future__ import annotations
+
+from dataclasses import dataclass
+
+import numpy as np
+
+from vkctl.basics.arrays import distinct
+from vkctl.basics.types import Array
+from vkctl.basics.words import counted, did_you_mean
+from vkctl.directory import model
+from vkctl.directory.model import Model
+from vkctl.shapes.forces import consistent_forces, lumped_areas, nodal_masses, spread_force
+
+from .case_file.entries import Cases, Load, Support
+from .case_file.expression import Expression, ExpressionError
+from .case_file.toml_table import Field
+from .face_sets import Faces
+from .sets import Sets
+
+
+def guarded(cases: Cases, where: tuple[str | int, ...], value: Field, points: Array) -> Array:
+    """Values of a number or formula; zeros where the formula has no finite value."""
+    try:
+        return evaluate(value, points)
+    except ExpressionError as error:
+        cases.report.add(where, str(error))
+        return np.zeros(len(points))
+
+
+def node_array(cases: Cases, sets: Sets, where: tuple[str | int, ...], name: str) -> Array:
+    data = sets.mesh.node_data
+    if name not in data:
+        hint = did_you_mean(name, data) if data else "the part holds no node data"
+        cases.report.add((*where, "array"), f"no node data {name!r} in the part", hint)
+        return np.zeros(len(sets.mesh.nodes))
+    return data[name]
+
+
+def united(sets: Sets, names: tuple[str, ...], where: tuple[str | int, ...]) -> Array:
+    found = [sets.nodes(name, (*where, "set")) for name in names or ("all",)]
+    return distinct(np.concatenate(found)).astype(np.int64)
+
+
+def support_records(cases: Cases, sets: Sets, support: Support) -> Array:
+    """CONSTRAINT records of a support."""
+    nodes = united(sets, support.sets, support.where)
+    points = sets.mesh.nodes[nodes - 1]
+    key = "offset" if support.kind == "elastic" else "value"
+    at = (*support.where, key)
+    values = np.column_stack(
+        [guarded(cases, (*at, k), v, points) for k, v in enumerate(support.values)]
+    )
+    if support.kind != "elastic":
+        return model.prescribed(nodes, support.directions, values)
+    axes = np.array(support.axes, np.float64)
+    lengths = np.linalg.norm(axes, axis=1)
+    axes = axes / np.where(lengths > 0, lengths, 1.0)[:, None]
+    factors = np.sqrt(_relative_stiffness(cases, sets, support, nodes))
+    scaled = factors[:, :, None] * axes
+    return model.elastic(nodes, scaled, factors * values, support.directions)
+
+
+def _relative_stiffness(cases: Cases, sets: Sets, support: Support, nodes: Array) -> Array:
+    """Stiffness of each node along each axis over that of the option, (nodes, 3).
+
+    The squared length of an axis multiplies the option's stiffness.
+    """
+    unit = cases.options.get("Sta.SupportStiffness", 1.0)
+    if unit <= 0:
+        text = "an elastic support has no effect while Sta.SupportStiffness is 0"
+        cases.report.add(support.where, text, "set the option to 1 and give a 'stiffness'")
+        return np.ones((len(nodes), 3))
+    if support.stiffness is None:
+        return np.ones((len(nodes), 3))
+    amount = np.ones(len(nodes))
+    if support.per == "area" or (support.per == "total" and _has_faces(sets, support.sets)):
+        faces = _faces(cases, sets, support.sets, support.where)
+        numbers, areas = lumped_areas(sets.mesh.nodes, faces.tables)
+        amount = np.zeros(len(nodes))
+        known = np.isin(numbers, nodes)
+        amount[np.searchsorted(nodes, numbers[known])] = areas[known]
+    if support.per == "total" and len(nodes):
+        amount = amount / amount.sum()
+    relative: Array = amount[:, None] * np.array(support.stiffness) / unit
+    return relative
+
+
+def _has_faces(sets: Sets, names: tuple[str, ...]) -> bool:
+    own, nodes = sets.names("face"), sets.names("node")
+    return all(name in own and name not in nodes for name in names)
+
+
+def _faces(cases: Cases, sets: Sets, names: tuple[str, ...], where: tuple[str | int, ...]) -> Faces:
+    found = [sets.faces(name, (*where, "set")) for name in names]
+    return Faces([t for f in found for t in f.tables], sum(f.interior for f in found))
+
+
+@dataclass
+class AppliedLoad:
+    """Nodal forces or temperatures of one load at the factor 1."""
+
+    nodes: Array
+    values: Array  # (k, 3) forces or (k,) temperatures
+    kind: str
+
+
+class LoadMaker:
+    """Makes the loads of a case file; mistakes go to its report."""
+
+    def __init__(self, cases: Cases, sets: Sets, whole: Model) -> None:
+        self.cases = cases
+        self.sets = sets
+        self.whole = whole
+        self.nodes = sets.mesh.nodes
+
+    def make(self, load: Load) -> AppliedLoad:
+        before = len(self.cases.report.problems)
+        make = {
+            "force": self._force,
+            "traction": self._on_faces,
+            "pressure": self._on_faces,
+            "gravity": self._gravity,
+            "temperature": self._temperature,
+        }[load.kind]
+        numbers, values = make(load)
+        missing = len(self.cases.report.problems) > before
+        if not missing and load.kind != "temperature" and not np.any(values):
+            self.cases.report.add(load.where, f"the {load.kind} is zero everywhere")
+        return AppliedLoad(numbers, values, load.kind)
+
+    def _nothing(self) -> tuple[Array, Array]:
+        return np.empty(0, np.int64), np.empty((0, 3))
+
+    def _force(self, load: Load) -> tuple[Array, Array]:
+        vector = np.array(load.values, np.float64)
+        spread = load.spread or ("area" if _has_faces(self.sets, load.sets) else "equal")
+        if spread == "area":
+            faces = _faces(self.cases, self.sets, load.sets, load.where)
+            if not len(faces):
+                return self._nothing()
+            return spread_force(self.nodes, faces.tables, vector)
+        numbers = united(self.sets, load.sets, load.where)
+        if not len(numbers):
+            return self._nothing()
+        share = vector / (len(numbers) if spread == "equal" else 1)
+        return numbers, np.tile(share, (len(numbers), 1))
+
+    def _on_faces(self, load: Load) -> tuple[Array, Array]:
+        faces = _faces(self.cases, self.sets, load.sets, load.where)
+        if load.kind == "pressure" and faces.interior:
+            self.cases.report.add(
+                (*load.where, "set"),
+                f"{counted(faces.interior, 'face')} of the pressure have solids on both sides",
+                "use a traction, or leave the elements on one side out",
+            )
+        if not len(faces):
+            return self._nothing()
+        try:
+            return traction_forces(self.nodes, faces.tables, load.values)
+        except ExpressionError as error:
+            self.cases.report.add((*load.where, "value"), str(error))
+            return self._nothing()
+
+    def _gravity(self, load: Load) -> tuple[Array, Array]:
+        entries = list(self.cases.materials.values())
+        per_material = np.array([0.0] + [e.density or 0.0 for e in entries])
+        materials = self.whole.elements.materials
+        chosen = self.sets.active.copy()
+        if load.sets:
+            names = [self.sets.elements(n, (*load.where, "set")) for n in load.sets]
+            chosen[:] = False
+            chosen[np.concatenate(names) - 1] = True
+        for number in distinct(materials[chosen]):
+            entry = entries[number - 1]
+            if entry.density is None:
+                text = f"[materials.{entry.material.name}] has no 'density', which gravity needs"
+                self.cases.report.add(entry.where, text)
+        densities = np.where(chosen, per_material[materials], 0.0)
+        masses = nodal_masses(self.nodes, self.whole.elements, densities)
+        numbers = np.flatnonzero(masses) + 1
+        return numbers, masses[numbers - 1, None] * np.array(load.values, np.float64)
+
+    def _temperature(self, load: Load) -> tuple[Array, Array]:
+        numbers = united(self.sets, load.sets, load.where)
+        if load.array:
+            values = node_array(self.cases, self.sets, load.where, load.array)[numbers - 1]
+        else:
+            at = (*load.where, "value")
+            values = guarded(self.cases, at, load.values[0], self.nodes[numbers - 1])
+        return numbers, values - load.reference
+
+
+def evaluate(value: Field, points: Array) -> Array:
+    """Values (k,) of a number or formula at points (k, 3)."""
+    if isinstance(value, Expression):
+        return value(points)
+    return np.full(len(points), float(value))
+
+
+def traction_forces(
+    nodes: Array, tables: list[Array], values: tuple[Field, ...]
+) -> tuple[Array, Array]:
+    """Nodal forces of a traction (three values) or a pressure (one): (numbers, forces (k, 3)).
+
+    A pressure pushes against the faces from outside. Formulas are taken at the integration
+    points, so a field that is linear gives its exact resultant on plane faces.
+    """
+
+    def at(points: Array) -> Array:
+        columns = [evaluate(v, points) for v in values]
+        return columns[0] if len(columns) == 1 else np.column_stack(columns)
+
+    return consistent_forces(nodes, tables, at)

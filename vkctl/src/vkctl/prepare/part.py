@@ -1,0 +1,94 @@
+"""A part as its file tells it, in the labels of the file, and the positions of its labels."""
+
+from __future__ import annotations
+
+from collections.abc import Iterable
+from dataclasses import dataclass, field
+
+import numpy as np
+
+from vkctl.basics.arrays import distinct
+from vkctl.basics.types import Array
+
+
+@dataclass
+class MeshOptions:
+    """How geometry is meshed. Sizes are in units of the geometry, before any scaling."""
+
+    size: float | None = None  # largest edge length; a twentieth of the diagonal if not given
+    smallest_size: float | None = None
+    per_circle: int = 0  # elements per full circle of curvature, 0 for no refinement
+    order: int = 2  # 1 for 4-node, 2 for 10-node tetrahedra
+    curved: bool = True  # mid-edge nodes on the geometry rather than halfway
+    threads: int = 1
+
+
+_SHOWN = 5  # labels named in a message
+
+
+class PartError(Exception):
+    """A part that can't be turned into a model; the text says why and what helps."""
+
+
+@dataclass
+class Part:
+    """Mesh in the labels of its file.
+
+    `solids` holds (type code, element labels (k,), rows of node labels (k, nodes)) in the order
+    of the file, nodes already in the solver's order. `surfaces` holds for each name the node
+    labels of surface elements, arrays of 3, 4 or 6 columns. `node_data` has one value per entry
+    of `labels`.
+    """
+
+    labels: Array
+    points: Array  # float64 (n, 3)
+    solids: list[tuple[int, Array, Array]]
+    node_sets: dict[str, Array] = field(default_factory=dict)
+    element_sets: dict[str, Array] = field(default_factory=dict)
+    surfaces: dict[str, list[Array]] = field(default_factory=dict)
+    node_data: dict[str, Array] = field(default_factory=dict)
+    unsupported: dict[str, int] = field(default_factory=dict)  # element type and count
+    notes: list[str] = field(default_factory=list)
+
+
+def labelled(labels: Iterable[int]) -> str:
+    """The first few labels, for messages."""
+    shown = [int(label) for label in labels]
+    dots = ", ..." if len(shown) > _SHOWN else ""
+    return ", ".join(str(label) for label in shown[:_SHOWN]) + dots
+
+
+class Lookup:
+    """Positions of labels; the labels need not be dense nor sorted."""
+
+    def __init__(self, labels: Array, what: str) -> None:
+        self.what = what
+        self.order = np.argsort(labels, kind="stable")
+        self.sorted = np.asarray(labels)[self.order]
+        self.dense = False
+        if len(labels):
+            double = self.sorted[1:][self.sorted[1:] == self.sorted[:-1]]
+            if len(double):
+                raise PartError(f"{what} labels occur twice: {labelled(double)}")
+            self.dense = bool(self.sorted[-1] - self.sorted[0] + 1 == len(labels))
+
+    def positions(self, labels: Array) -> Array:
+        """Positions (0-based) of `labels`; PartError names those that don't exist."""
+        wanted = np.asarray(labels)
+        if not len(self.sorted):
+            place = np.zeros(wanted.shape, np.int64)
+            missing = np.ones(wanted.shape, np.bool_)
+        elif self.dense:
+            place = wanted - self.sorted[0]
+            missing = (place < 0) | (place >= len(self.sorted))
+        else:
+            place = np.minimum(np.searchsorted(self.sorted, wanted), len(self.sorted) - 1)
+            missing = self.sorted[place] != wanted
+        if np.any(missing):
+            bad = distinct(wanted[missing])
+            raise PartError(f"{self.what}s that don't exist are referred to: {labelled(bad)}")
+        return self.order[place]
+
+    def known(self, labels: Array) -> Array:
+        """Those of `labels` that exist."""
+        return labels[np.isin(labels, self.sorted)]
