@@ -178,7 +178,7 @@ build() {
   local preset=$1 options=()
   shift
   case $preset in
-    *-open | *-mkl) ;;
+    *-open | *-mkl | package) ;;
     *) options=("-DVK_MATH=$VK_MATH") ;;
   esac
   [ "$*" != vk_rund ] || options+=(-DVK_TESTS=OFF -DVK_BENCH=OFF)
