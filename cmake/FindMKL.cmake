@@ -1,4 +1,4 @@
-# Finds the static oneMKL and gives it as MKL::MKL, with MKL_VERSION.
+# Finds the static oneMKL and gives it as MKL::MKL, with MKL_VERSION and its terms in MKL_LICENCE.
 # Looked for in VK_MKL_ROOT, in the Python environment that a wheel is built with, in the checkout's
 # own environment .local/venv, and in MKLROOT.
 
@@ -45,6 +45,16 @@ if(MKL_FOUND AND MKL_VERSION VERSION_GREATER_EQUAL 2026)
   message(STATUS "oneMKL ${MKL_VERSION} in ${MKL_INCLUDE_DIR} lacks the sparse operations, not used")
   set(MKL_FOUND FALSE)
 endif()
+
+# Who passes the program on has to pass this on.
+set(MKL_LICENCE "")
+foreach(place ${places})
+  file(GLOB texts ${place}/lib/python*/site-packages/mkl_static-*.dist-info/LICENSE.txt
+    ${place}/share/doc/mkl/licensing/license.txt)
+  if(MKL_FOUND AND texts AND NOT MKL_LICENCE)
+    list(GET texts 0 MKL_LICENCE)
+  endif()
+endforeach()
 
 if(MKL_FOUND AND NOT TARGET MKL::MKL)
   find_package(Threads REQUIRED)

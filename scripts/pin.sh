@@ -17,5 +17,6 @@ compile() {
 
 compile requirements-check.txt --extra test ../pyproject.toml requirements.in
 compile requirements.txt --constraint requirements-check.txt requirements.in
+compile requirements-sbom.txt requirements-sbom.in
 printf 'mkl-static==%s\nmkl-include==%s\n' "$MKL" "$MKL" |
   compile requirements-mkl.txt --no-deps -
