@@ -62,7 +62,7 @@ installed() {
 # Installs those of the named Debian packages that are missing.
 setup_packages() {
   local missing=() package
-  command -v apt-get >/dev/null || fail "no apt-get here: this set-up is made for Debian 12; install by hand: $*"
+  command -v apt-get >/dev/null || fail "no apt-get here: this set-up is made for Debian 12 and 13; install by hand: $*"
   for package in "$@"; do
     installed "$package" || missing+=("$package")
   done
