@@ -8,6 +8,4 @@ from typing import Any
 import numpy.typing as npt
 
 PathLike = str | os.PathLike[str]
-
-
 Array = npt.NDArray[Any]  # dtype and shape are told at each use

@@ -16,8 +16,6 @@ from .findings import Finding, error, note, warning
 from .inputs import LARGEST_NUMBER, Inputs
 
 _TABLE = "mxs.lcdata"
-
-
 _FLAGS = "mxs.lcflags"
 
 

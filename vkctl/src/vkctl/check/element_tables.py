@@ -15,8 +15,6 @@ from .inputs import ActiveMesh, Inputs, fingerprints
 from .quality import ShapeReport, measure
 
 _FILES_PER_NODE = (("node_flags", "mxs.nodeflags"), ("tp_index", "mxs.tpadr"))
-
-
 _TYPE_NAMES = {TET4: "4-node tetrahedra", HEX8: "hexahedra", TET10: "10-node tetrahedra"}
 
 

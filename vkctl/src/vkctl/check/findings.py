@@ -9,8 +9,6 @@ from typing import Any, Literal
 # error: the run would stop or its results would be wrong; warning: it would run, and surprise;
 # note: worth knowing.
 Severity = Literal["error", "warning", "note"]
-
-
 SEVERITIES: tuple[Severity, ...] = ("error", "warning", "note")
 
 

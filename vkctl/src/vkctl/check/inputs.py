@@ -19,8 +19,6 @@ from vkctl.shapes.topology import HEX8, TET4, TET10
 from .findings import Finding, error, note, warning
 
 _DIRECTIONS = 7  # bits of a DofMask
-
-
 LARGEST_NUMBER = 9999  # of a load case: its file names have four digits
 
 
@@ -159,10 +157,8 @@ def _within(numbers: Array, count: int) -> Array:
 
 _WIDTHS = {TET4: 4, HEX8: 8, TET10: 10}
 
-
 # Attribute of Inputs: file, reader, bytes that the content takes in the file.
 _Row = tuple[str, Callable[[Path], Any], Callable[[Any], int]]
-
 
 _TABLES: dict[str, _Row] = {
     "materials": ("mx.mats", formats.read_materials, lambda v: 8 + v.nbytes),

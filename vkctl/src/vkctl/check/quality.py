@@ -23,29 +23,13 @@ from vkctl.shapes.topology import (
 )
 
 _ELEMENTS_PER_BLOCK = 20_000  # bounds the work arrays
-
-
 _FLAT = 1e-10  # volume relative to the cube of the largest edge
-
-
 _SLIVER = 0.05  # quality below which an element is a sliver: about 1 thick and 100 wide
-
-
 _STRAIGHT = 1e-4  # mid-edge nodes off their edges' middles, relative to the edge: no more, straight
-
-
 _TET10_INNER = np.array([tet10_gradients(point) for point in solver_tetrahedron_points()])
-
-
 _TET10_OUTER = np.array([tet10_gradients(point) for point in TET_CORNERS])
-
-
 _HEX8_INNER = np.array([hex8_gradients(point) for point in solver_hexahedron_points()])
-
-
 _HEX8_OUTER = np.array([hex8_gradients(point) for point in HEX8_SIGNS])
-
-
 _TET4_EDGES = TET10_EDGES
 
 

@@ -35,7 +35,7 @@ def demo_command(
         program = find_vk_rund(vk_rund)
     except NotFoundError as error:
         if vk_rund is not None:
-            raise refuse(str(error)) from None
+            raise refuse(error) from None
         console.print(f"not solved: {error}", markup=False, soft_wrap=True)
         return
     _solve(program, directory, console)

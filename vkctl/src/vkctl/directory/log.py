@@ -34,11 +34,7 @@ class LogRecord:
 
 
 _DATA = re.compile(r"Data<Key:(.*?)><Value:(.*)>\Z")
-
-
 _MESSAGE = re.compile(r"(Info|Warning|Error)<Msg:(.*)>\Z")
-
-
 _FRAMES: dict[str, Frame] = {"Info": "info", "Warning": "warning", "Error": "error"}
 
 

@@ -9,17 +9,9 @@ from vkctl.directory.model import LoadCase, Material, Model, write
 from vkctl.shapes.boxes import Box, box
 
 LENGTH, WIDTH = 420.0, 95.0  # mm
-
-
 CELLS = (84, 19, 19)
-
-
 E, NU = 210000.0, 0.3  # MPa, steel
-
-
 BENDING_FORCE = 20000.0  # N, downwards at the tip
-
-
 TWISTING_MOMENT = 2.0e6  # N mm, about the long axis
 
 

@@ -79,7 +79,6 @@ _INNER = {
     HEX8: HEX8_SIGNS / np.sqrt(3.0),
 }
 
-
 _OUTER = {
     TET10: np.array(((0, 0, 0), (1, 0, 0), (0, 1, 0), (0, 0, 1)), np.float64),
     HEX8: HEX8_SIGNS,

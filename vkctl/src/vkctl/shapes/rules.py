@@ -12,7 +12,6 @@ from .topology import HEX8, HEX8_SIGNS, TET4, TET10
 
 _G = 1.0 / np.sqrt(3.0)
 
-
 # Points and weights that integrate the Jacobian determinant exactly: it is constant on the
 # 4-node tetrahedron, at most quadratic in each parameter of the hexahedron, and of degree 3 on
 # the 10-node tetrahedron (five-point rule of Stroud 1971, T3:3-1).
@@ -46,11 +45,8 @@ def triangle_points() -> list[tuple[float, float, float]]:
 
 QUADRANGLE_POINTS = [(r * _G, s * _G, 1.0) for r in (-1, 1) for s in (-1, 1)]
 
-
 # Points and weights of Gauss and Legendre on (-1, 1) and, moved, on (0, 1).
 GAUSS_2 = np.polynomial.legendre.leggauss(2)
-
-
 _GAUSS_4 = np.polynomial.legendre.leggauss(4)
 
 
@@ -68,8 +64,6 @@ def tetrahedron_rule() -> tuple[Array, Array]:
 
 # Orbits (a, a, a, b) of the tetrahedron rules of 4 and of 8 points.
 _TET_ORBITS = (0.1381966011250105, 0.3280546967114267, 0.10695227393293068)
-
-
 _GAUSS = (-0.774596669241483, -0.577350269189626, 0.0, 0.577350269189626, 0.774596669241483)
 
 

@@ -42,10 +42,7 @@ OPTIONS: dict[str, Option] = {
     "Sta.MatSlopeFactor": Option(float, 500.0, 10.0, 10000.0),
 }
 
-
 _INTEGER = re.compile(r"[+-]?\d+\Z")
-
-
 _FLOAT = re.compile(r"([+-]?(?:\d+\.?\d*|\.\d+))(?:[eEdD]([+-]?\d+)|([+-]\d+))?\Z")
 
 

@@ -10,53 +10,26 @@ from vkctl.basics.types import Array
 
 # MaterialFlags.
 MATERIAL_ISOTROPIC = 1 << 8
-
-
 MATERIAL_YIELDING = 1 << 9
-
-
 MATERIAL_COMPRESSION_ONLY = 1 << 10
-
-
 MATERIAL_ORTHOTROPIC = 1 << 11
-
 
 # NodeFlags: nodal loads skipped, diagonal entries perturbed.
 NODE_NO_LOADS = 1 << 11
 
-
 # ElementFlags: the level field is ignored; the element is left out (two bits, same effect).
 ELEMENT_NO_LEVEL = 1 << 1
-
-
 ELEMENT_EXCLUDED = 1 << 2
-
-
 ELEMENT_EXCLUDED_ALSO = 1 << 8
-
 
 # LoadCaseFlags.
 LOADCASE_REQUESTED = 1 << 0
-
-
 LOADCASE_DONE = 1 << 1
-
-
 LOADCASE_EXCLUDED = 1 << 2
-
-
 LOADCASE_STATIC = 1  # the one LoadCaseRecord Kind that runs
-
-
 LOADCASE_FORMAT = 128  # format number of mxs.lcdata
-
-
 CONSTRAINT_PENALTY = 1 << 0  # NodalConstraintRecord Kind: elastic support
-
-
 OPTIONS_FILE = "vk_rund_cmd.txt"
-
-
 LOG_FILE = "vk_rund_log.txt"
 
 
@@ -93,12 +66,8 @@ MATERIAL = _record(
     ("Reserved3", ("<f4", (3, 4)), 144),
 )
 
-
 NODE = np.dtype([("X", "<f4"), ("Y", "<f4"), ("Z", "<f4")])
-
-
 ELEMENT = np.dtype([("MaterialIndex", "<i2"), ("TypeCode", "<i2"), ("ConnIndex", "<i4")])
-
 
 LOADCASE = _record(
     1040,
@@ -107,7 +76,6 @@ LOADCASE = _record(
     ("RunOrder", "<i4", 8),
     ("Reserved", "V1028", 12),
 )
-
 
 CONSTRAINT = np.dtype(
     [
@@ -119,12 +87,8 @@ CONSTRAINT = np.dtype(
     ]
 )
 
-
 FORCE = np.dtype([("Node", "<i4"), ("Force", "<f4", (3,))])
-
-
 SCALAR = np.dtype([("Node", "<i4"), ("Value", "<f4")])
-
 
 TOTALS = np.dtype(
     [

@@ -15,14 +15,8 @@ from .mistakes import Mistakes
 from .toml_table import Field
 
 Vector = tuple[float, float, float]
-
-
 Names = tuple[str, ...]
-
-
 SetKind = Literal["node", "element", "face"]
-
-
 MATERIAL_KINDS = ("isotropic", "yielding", "compression_only", "orthotropic")
 
 

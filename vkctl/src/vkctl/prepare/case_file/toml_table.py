@@ -19,7 +19,6 @@ from .mistakes import CaseFileError, Mistakes, Problem
 
 Field = float | Expression  # a number, or a formula of x, y and z
 
-
 _TYPE_NAMES = {
     bool: "a truth value",
     int: "a whole number",

@@ -24,10 +24,7 @@ _SOLIDS = {
     11: (TET10, [0, 1, 2, 3, 4, 5, 6, 7, 9, 8]),
 }
 
-
 _SURFACES = {2: 3, 3: 4, 9: 6}  # type and number of nodes, which are in the solver's order
-
-
 _DIMENSION_NAMES = ("point", "curve", "surface", "volume")
 
 

@@ -18,7 +18,6 @@ _READERS: dict[str, Callable[[PathLike], Part]] = {
     ".vtu": read_vtu,
 }
 
-
 _GEOMETRY = (".step", ".stp", ".geo")
 
 

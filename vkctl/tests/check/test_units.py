@@ -1,0 +1,46 @@
+"""Faults that `vkctl.check.units` tells."""
+
+import pytest
+
+from vkctl.directory import model
+from vkctl.directory.model import Material
+from vkctl.shapes.boxes import box
+
+from .faults import assert_told, collection, sound, with_case
+
+FAULTS, provokes = collection()
+
+
+@provokes("units-size", "warning", "looks like Pa", "millimetres")
+def pascals_with_millimetres(directory):
+    part = box("tet4", (3, 1, 1), (300.0, 100.0, 100.0))
+    materials = [Material.isotropic(2.1e11, 0.3)]
+    model.write(sound(nodes=part.nodes, materials=materials)[0], directory)
+
+
+@provokes("units-size", "warning", "looks like MPa", "metres")
+def megapascals_with_metres(directory):
+    part = box("tet4", (3, 1, 1), (0.3, 0.1, 0.1))
+    materials = [Material.isotropic(2.1e5, 0.3)]
+    model.write(sound(nodes=part.nodes, materials=materials)[0], directory)
+
+
+@provokes("units-load", "warning", "mean strain of 1.1")
+def a_force_that_is_too_large(directory):
+    with_case(directory, lambda case, part: case.load(16, (0, 0, -9999.0)))
+
+
+@provokes("units-displacement", "warning", "displacement of 30")
+def a_displacement_beyond_the_size(directory):
+    with_case(directory, lambda case, part: case.prescribe(4, "z", 30.0))
+
+
+@provokes("units-temperature", "warning", "strain of 0.24")
+def a_temperature_that_doubles_the_part(directory):
+    materials = [Material.isotropic(1000.0, 0.3, expansion=0.012)]
+    with_case(directory, lambda case, part: case.heat(4, 20.0), materials=materials)
+
+
+@pytest.mark.parametrize("name", sorted(FAULTS))
+def test_a_fault_is_told_with_its_code_severity_and_place(tmp_path, name):
+    assert_told(FAULTS[name], tmp_path / "part")

@@ -1,0 +1,24 @@
+"""The cantilever and the command line around it."""
+
+import pytest
+from typer.testing import CliRunner
+
+from vkctl.cli import app
+from vkctl.directory.model import read
+
+runner = CliRunner()
+
+
+def test_command_box_writes_a_directory(tmp_path):
+    result = runner.invoke(
+        app, ["box", str(tmp_path / "b"), "--kind", "tet10", "--cells", "2", "1", "1"]
+    )
+    assert result.exit_code == 0, result.output
+    assert "45 nodes and 12 elements" in result.output
+    model = read(tmp_path / "b")
+    assert model.load_cases[0].forces2["Force"].sum(axis=0)[2] == pytest.approx(-16.0)
+
+
+def test_command_box_refuses_what_it_cannot_make(tmp_path):
+    assert runner.invoke(app, ["box", str(tmp_path), "--kind", "tri"]).exit_code == 2
+    assert runner.invoke(app, ["box", str(tmp_path), "--cells", "0", "1", "1"]).exit_code == 2

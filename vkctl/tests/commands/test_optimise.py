@@ -1,0 +1,67 @@
+"""The optimisation loop: what it arrives at, what it leaves behind, what it survives."""
+
+from __future__ import annotations
+
+import os
+import re
+from pathlib import Path
+
+import pytest
+from rich.console import Console
+from small_loops import script, write_small
+from typer.testing import CliRunner
+
+from vkctl.cli import app
+from vkctl.commands import optimise as commands_optimise
+from vkctl.optimise import StepShown, read_history
+from vkctl.running.progress import Tracker
+
+ROOT = Path(__file__).resolve().parents[3]
+
+
+def test_the_command_prints_a_line_per_step_and_the_end(drawn: tuple[Path, str]) -> None:
+    lines = drawn[1].splitlines()
+    assert re.match(r"step 1 of 4, objective [\d.]+, volume 1.000, target 1.000, ", lines[0])
+    assert [line.split(",")[0] for line in lines[:4]] == [f"step {k} of 4" for k in range(1, 5)]
+    assert lines[4].startswith("ended at the step limit after 4 steps: objective ")
+    assert len(lines) == 6
+
+
+def test_a_terminal_sees_the_steps_and_what_the_solver_does(drawn: tuple[Path, str]) -> None:
+    directory = drawn[0].parent
+    progress = Tracker(directory).update()
+    progress.stage = "factorising"
+    steps = [
+        StepShown(row, 9, None)  # type: ignore[arg-type]
+        for row in read_history(directory)
+    ]
+    console = Console(width=100, record=True, file=open(os.devnull, "w"))
+    console.print(commands_optimise.table(steps, (5, progress)))
+    text = console.export_text()
+    assert re.search(r"step +objective +volume +target +change +quality +time", text)
+    assert re.search(r"4 of 9 +[\d.]+ +0\.\d{3} +0\.600", text)
+    assert "step 5: load case 2, factorising; 2 of 2 load cases" in text
+
+
+@pytest.mark.parametrize(
+    ("text", "status", "words"),
+    [("exit 242", 242, "step 1: "), ("kill -9 $$", 137, "step 1: "), (None, 127, "no program")],
+)
+def test_the_command_tells_how_the_solver_failed(
+    tmp_path: Path, text: str | None, status: int, words: str
+) -> None:
+    cases = write_small(tmp_path)
+    program = script(tmp_path / "program", text) if text else tmp_path / "nothing"
+    shown = CliRunner().invoke(
+        app, ["optimise", str(cases), str(tmp_path / "d"), "--vk-rund", str(program)]
+    )
+    assert shown.exit_code == status
+    assert words in shown.output
+
+
+def test_the_command_refuses_a_wrong_case_file(tmp_path: Path) -> None:
+    cases = write_small(tmp_path, "volume = 2\n")
+    shown = CliRunner().invoke(app, ["optimise", str(cases), str(tmp_path / "d")])
+    assert shown.exit_code == 2
+    assert "cases.toml:" in shown.output and "at most 1" in shown.output
+    assert not (tmp_path / "d").exists()

@@ -1,0 +1,96 @@
+"""The commands of the tutorial, typed as the page has them, on a coarse mesh in few steps."""
+
+from __future__ import annotations
+
+import os
+import re
+import subprocess
+import sys
+from pathlib import Path
+
+import numpy as np
+import pytest
+import pyvista
+import tutorial
+from PIL import Image
+
+from vkctl.optimise import read_history
+from vkctl.prepare import read_cases
+from vkctl.view.grid import open_edges
+
+ROOT = Path(__file__).resolve().parents[3]
+EXAMPLES = ROOT / "vkctl" / "examples"
+PAGE = ROOT / "docs" / "tutorial.md"
+
+
+def replaced(text: str, old: str, new: str) -> str:
+    assert text.count(old) == 1
+    return text.replace(old, new)
+
+
+@pytest.fixture(scope="module")
+def folder(tmp_path_factory: pytest.TempPathFactory) -> Path:
+    """The reader's folder after the last command."""
+    directory = tmp_path_factory.mktemp("reader") / "bracket"
+    cases = tutorial.set_up(PAGE, EXAMPLES, directory)
+    text = replaced(cases.read_text(), "size = 5.0", "size = 10.0")
+    cases.write_text(replaced(text, "steps = 60", "steps = 4"))
+    program = directory.parent / "bin" / "vkctl"
+    program.parent.mkdir()
+    program.write_text(f'#!/bin/sh\nexec "{sys.executable}" -m vkctl "$@"\n')
+    program.chmod(0o755)
+    solver = Path(os.environ.get("VK_RUND", ROOT / "build" / "release" / "vk_rund")).resolve()
+    known = {**os.environ, "PATH": f"{program.parent}:{os.environ['PATH']}", "VK_RUND": str(solver)}
+    for command in tutorial.commands(PAGE):
+        done = subprocess.run(
+            command, shell=True, cwd=directory, env=known, capture_output=True, text=True
+        )
+        assert done.returncode == 0, f"{command}\n{done.stdout}{done.stderr}"
+    return directory
+
+
+def test_the_tutorial_goes_from_step_to_stl() -> None:
+    typed = [command.split()[1] for command in tutorial.commands(PAGE)]
+    assert typed[0] == "new" and typed[-1] == "export"
+    assert {"new", "check", "run", "plot", "export", "optimise"} == set(typed)
+    assert tutorial.commands(PAGE)[-1].endswith(".stl")
+
+
+def test_its_pictures_show_something(folder: Path) -> None:
+    for name in ("up.png", "along.png", "optimised.png", "work/optimise/history.png"):
+        with Image.open(folder / name) as picture:
+            colours = picture.convert("RGB").getcolors(1 << 24)
+        assert len(colours) > 100, name
+
+
+def test_its_results_can_be_read(folder: Path) -> None:
+    reader = pyvista.get_reader(folder / "results.pvd")
+    assert reader.time_values == [1.0, 2.0, 3.0]
+    reader.set_active_time_value(3.0)
+    assert np.linalg.norm(reader.read()[0].point_data["displacement"]) > 0
+
+
+def test_its_part_is_closed_and_smaller(folder: Path) -> None:
+    surface = pyvista.read(folder / "optimised.stl")
+    assert open_edges(surface) == 0
+    whole = pyvista.get_reader(folder / "results.pvd").read()[0].volume
+    last = read_history(folder / "work")[-1]
+    assert last.step == 4 and last.volume < 0.5
+    assert surface.volume / whole == pytest.approx(last.volume, abs=0.02)
+
+
+def test_every_picture_of_the_pages_is_there() -> None:
+    for page in (PAGE, ROOT / "docs" / "optimisation.md"):
+        names = re.findall(r"!\[[^\]]*\]\(([^)]+)\)", page.read_text())
+        assert names
+        for name in names:
+            assert (page.parent / name).stat().st_size > 5000, name
+
+
+def test_its_case_file_is_that_of_the_example(folder: Path) -> None:
+    ours, example = read_cases(folder / "bracket.toml"), read_cases(EXAMPLES / "bracket.toml")
+    assert repr(ours.sets) == repr(example.sets[: len(ours.sets)])
+    for here, there in zip(ours.load_cases, example.load_cases, strict=True):
+        assert (here.name, here.loads) == (there.name, there.loads)
+    for name, load in ours.loads.items():
+        assert (load.sets, load.values) == (example.loads[name].sets, example.loads[name].values)

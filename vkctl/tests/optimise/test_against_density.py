@@ -1,0 +1,108 @@
+"""The optimisation loop: what it arrives at, what it leaves behind, what it survives."""
+
+from __future__ import annotations
+
+import shutil
+from dataclasses import dataclass
+from pathlib import Path
+
+import density_method
+import numpy as np
+import pytest
+from density_method import Frame
+from small_loops import NOBODY, OPTIONS, VK_RUND
+
+from vkctl.directory.model import read
+from vkctl.directory.results import read_results
+from vkctl.optimise import optimise
+from vkctl.optimise.design import make_design
+from vkctl.optimise.loop import Optimised, model_at
+
+ROOT = Path(__file__).resolve().parents[3]
+EXAMPLES = ROOT / "vkctl" / "examples"
+
+
+@dataclass
+class Compared:
+    """A finished loop beside a density method on the same mesh with the same radius."""
+
+    done: Optimised
+    frame: Frame
+    volume: float
+    grey: float  # compliance of the densities, the intermediate ones penalised
+    reference: float  # of the densities turned black and white
+    filled: np.ndarray  # part of each element that the loop has left as material
+
+
+@pytest.fixture(
+    scope="module", params=[("mbb-beam", "mbb_beam", 0.5), ("cantilever", "cantilever", 0.4)]
+)
+def compared(request: pytest.FixtureRequest, tmp_path_factory: pytest.TempPathFactory) -> Compared:
+    example, name, volume = request.param
+    folder = tmp_path_factory.mktemp(example)
+    for ending in ("geo", "toml"):
+        shutil.copy(EXAMPLES / f"{example}.{ending}", folder)
+    cases = folder / f"{example}.toml"
+    cases.write_text(cases.read_text() + OPTIONS)
+    done = optimise(cases, folder / "d", vk_rund=VK_RUND)
+    frame = getattr(density_method, name)()
+    densities, grey = density_method.optimise(frame, volume, radius=1.5)
+    black = density_method.black_and_white(densities, volume)
+    reference = density_method.compliance(frame, black)
+    return Compared(done, frame, volume, grey, reference, filled_parts(done, frame))
+
+
+def filled_parts(done: Optimised, frame: Frame) -> np.ndarray:
+    """Filled part of each element, (columns, rows)."""
+    model = model_at(done.directory, done.rows[-1].step)
+    design = make_design(model, None, NOBODY)
+    ((corners, shapes, _),) = design.samples
+    levels = design.levels_of_nodes(model.tp.astype(np.float64))
+    centres = model.nodes[corners].mean(axis=1).astype(int)
+    parts = np.zeros((frame.columns, frame.rows))
+    parts[centres[:, 0], centres[:, 1]] = (levels[corners] @ shapes.T > 0).mean(axis=1)
+    return parts
+
+
+def work_of_the_load(directory: Path) -> float:
+    forces = read(directory).load_cases[0].forces2
+    moved = read_results(directory, 1).displacements
+    assert moved is not None
+    return float((forces["Force"] * moved[forces["Node"] - 1]).sum())
+
+
+def test_the_density_method_meets_the_published_compliance() -> None:
+    """c = 216.81 for 60 x 20 elements, volume 0.5, radius 2.4 (Andreassen et al. 2011)."""
+    _, compliance = density_method.optimise(density_method.mbb_beam(), 0.5, radius=2.4)
+    assert compliance == pytest.approx(216.81, abs=0.1)
+
+
+def test_the_part_is_as_stiff_as_that_of_the_density_method(compared: Compared) -> None:
+    """Both turned into whole elements, full or empty, of the same volume."""
+    black = density_method.black_and_white(compared.filled, compared.volume)
+    ours = density_method.compliance(compared.frame, black)
+    assert ours == pytest.approx(compared.reference, rel=0.02)
+    assert ours < compared.grey
+
+
+def test_the_solver_agrees_on_the_compliance_of_the_part(compared: Compared) -> None:
+    """In two dimensions, elements that the surface cuts counted by the part that is filled."""
+    moduli = np.maximum(compared.filled, density_method.EMPTY)
+    flat = density_method.compliance(compared.frame, moduli)
+    assert work_of_the_load(compared.done.directory) == pytest.approx(flat, rel=0.01)
+
+
+def test_the_objective_is_the_strain_energy_of_the_part(compared: Compared) -> None:
+    last = compared.done.rows[-1]
+    assert 2 * last.objective == pytest.approx(work_of_the_load(compared.done.directory), rel=0.01)
+    assert last.energies == {1: last.objective}
+
+
+def test_the_loop_converges_at_its_volume(compared: Compared) -> None:
+    rows = compared.done.rows
+    assert compared.done.converged and len(rows) < 60
+    assert rows[0].volume == 1.0
+    assert rows[-1].target == compared.volume
+    assert rows[-1].volume == pytest.approx(compared.volume, abs=0.002)
+    assert compared.filled.mean() == pytest.approx(compared.volume, abs=0.002)
+    assert min(row.quality for row in rows) > 0.99

@@ -1,0 +1,47 @@
+"""The optimisation loop: what it arrives at, what it leaves behind, what it survives."""
+
+from __future__ import annotations
+
+import numpy as np
+import pytest
+from small_loops import NOBODY
+
+from vkctl.directory.model import LoadCase, Material, Model
+from vkctl.optimise.design import make_design
+from vkctl.shapes.boxes import box
+
+
+def design_of(kind: str, radius: float = 1.0):
+    part = box(kind, (6, 4, 4), (6.0, 4.0, 4.0))  # type: ignore[arg-type]
+    model = Model(part.nodes, part.elements, [Material.isotropic(1.0, 0.3)], [LoadCase()])
+    model.set_level(1.0)
+    return model, make_design(model, radius, NOBODY)
+
+
+@pytest.mark.parametrize("kind", ["tet4", "tet10", "hex8"])
+def test_the_volume_of_a_half_space_is_what_it_cuts_off(kind: str) -> None:
+    model, design = design_of(kind)
+    assert design.volume(np.ones(len(model.tp))) == 1.0
+    assert design.volume(model.nodes[:, 0] - 3.0) == pytest.approx(0.5, abs=1e-6)
+    assert design.volume(model.nodes[:, 0] - 1.47) == pytest.approx(1 - 1.47 / 6, abs=0.03)
+
+
+@pytest.mark.parametrize("kind", ["tet4", "tet10", "hex8"])
+@pytest.mark.parametrize("volume", [0.25, 0.8])
+def test_the_threshold_meets_the_volume(kind: str, volume: float) -> None:
+    model, design = design_of(kind)
+    criterion = 1.0 + np.sin(model.nodes).sum(axis=1) ** 2
+    levels, threshold = design.next_levels(np.ones(len(model.tp)), criterion, volume, 1.0)
+    assert design.volume(levels) == pytest.approx(volume, abs=0.01)
+    assert np.array_equal(levels > 0, criterion > threshold)
+    assert np.abs(levels).max() <= 1.0
+
+
+def test_smoothing_keeps_constants_and_reaches_as_far_as_its_radius() -> None:
+    model, design = design_of("hex8", radius=1.5)
+    assert np.allclose(design.smoothing @ np.full(len(model.tp), 7.0), 7.0)
+    peak = np.zeros(len(model.tp))
+    peak[70] = 1.0
+    smooth = design.smoothing @ peak
+    distance = np.linalg.norm(model.nodes - model.nodes[70], axis=1)
+    assert (smooth[distance < 1.49] > 0).all() and (smooth[distance >= 1.5] == 0).all()

@@ -1,0 +1,33 @@
+"""The optimisation loop: what it arrives at, what it leaves behind, what it survives."""
+
+from __future__ import annotations
+
+import csv
+from pathlib import Path
+
+import numpy as np
+import pytest
+from PIL import Image
+
+ROOT = Path(__file__).resolve().parents[3]
+
+
+def test_the_history_is_a_table(drawn: tuple[Path, str]) -> None:
+    with open(drawn[0] / "history.csv", newline="") as stream:
+        rows = list(csv.DictReader(stream))
+    assert list(rows[0]) == [
+        "step", "objective", "volume", "target", "change", "quality", "seconds",
+        "energy_1", "energy_2",
+    ]  # fmt: skip
+    assert [int(row["step"]) for row in rows] == [1, 2, 3, 4]
+    assert [float(row["target"]) for row in rows] == pytest.approx([1.0, 0.85, 0.7, 0.6])
+    for row in rows:
+        mean = 0.5 * (float(row["energy_1"]) + float(row["energy_2"]))
+        assert float(row["objective"]) == pytest.approx(mean)
+
+
+def test_the_chart_is_not_blank(drawn: tuple[Path, str]) -> None:
+    with Image.open(drawn[0] / "history.png") as picture:
+        pixels = np.asarray(picture.convert("RGB")).reshape(-1, 3)
+    blue = (pixels == (31, 119, 180)).all(axis=1)  # the objective's line
+    assert blue.sum() > 200 and (pixels == 255).all(axis=1).mean() < 0.99

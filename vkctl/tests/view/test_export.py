@@ -1,0 +1,64 @@
+"""VTK grids, exported files and pictures."""
+
+from __future__ import annotations
+
+import xml.etree.ElementTree as ElementTree
+from pathlib import Path
+
+import numpy as np
+import pytest
+import pyvista
+from results_on_disk import make_model, with_hole, write_results
+
+from vkctl.directory import formats
+from vkctl.directory.model import write
+from vkctl.view import export, grid
+
+
+def test_the_stl_is_watertight_and_read_back_with_its_volume(tmp_path: Path) -> None:
+    write(with_hole(make_model()), tmp_path / "dir")
+    export.export(tmp_path / "dir", tmp_path / "part.stl")
+    surface = pyvista.read(tmp_path / "part.stl").clean()
+    assert grid.open_edges(surface) == 0
+    assert surface.volume == pytest.approx(128 - np.pi * 1.3**2 * 4, rel=0.03)
+
+
+def test_a_vtu_holds_every_field_of_the_load_case(tmp_path: Path) -> None:
+    model = with_hole(make_model())
+    write_results(model, tmp_path / "dir", (1, 2))
+    formats.write_element_state(tmp_path / "dir", 2, np.arange(1, len(model.elements) + 1))
+    export.export(tmp_path / "dir", tmp_path / "out.vtu", case=2)
+    read_back = pyvista.read(tmp_path / "out.vtu")
+    np.testing.assert_allclose(read_back.point_data["displacement"], 0.02 * model.nodes, rtol=1e-6)
+    np.testing.assert_allclose(read_back.point_data["criterion"], model.tp)
+    np.testing.assert_array_equal(
+        read_back.cell_data["element_state"], read_back.cell_data["element"]
+    )
+    assert {"magnitude", "stress", "level", "node_flags"} <= set(read_back.point_data.keys())
+    assert {"material", "element_flags"} <= set(read_back.cell_data.keys())
+
+
+def test_a_vtu_of_a_model_without_results_holds_the_model(tmp_path: Path) -> None:
+    write(make_model(), tmp_path / "dir")
+    export.export(tmp_path / "dir", tmp_path / "out.vtu")
+    assert "level" in pyvista.read(tmp_path / "out.vtu").point_data
+
+
+def test_a_series_has_one_step_per_solved_load_case(tmp_path: Path) -> None:
+    write_results(make_model(), tmp_path / "dir", (1, 2, 3))
+    files = export.export(tmp_path / "dir", tmp_path / "series.pvd")
+    steps = ElementTree.parse(tmp_path / "series.pvd").getroot().findall(".//DataSet")
+    assert [step.get("timestep") for step in steps] == ["1", "2", "3"]
+    assert all((tmp_path / str(step.get("file"))).exists() for step in steps)
+    assert len(files) == 4
+    assert pyvista.get_reader(tmp_path / "series.pvd").time_values == [1.0, 2.0, 3.0]
+
+
+def test_export_refuses_what_it_cannot_do(tmp_path: Path) -> None:
+    write(make_model(), tmp_path / "dir")
+    with pytest.raises(ValueError, match="suffix"):
+        export.export(tmp_path / "dir", tmp_path / "out.obj")
+    with pytest.raises(ValueError, match="load case 5"):
+        export.export(tmp_path / "dir", tmp_path / "out.vtu", case=5)
+    with pytest.raises(FileNotFoundError):
+        export.export(tmp_path / "dir", tmp_path / "out.pvd")

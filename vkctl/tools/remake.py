@@ -1,0 +1,90 @@
+"""Optimise the examples and remake the pictures and numbers of docs/optimisation.md.
+
+    python vkctl/tools/remake.py [EXAMPLE ...] [tutorial]
+
+`tutorial` runs the commands of docs/tutorial.md and remakes its pictures. Working directories are
+left in run/examples of the checkout; a loop that stopped goes on.
+"""
+
+from __future__ import annotations
+
+import shutil
+import subprocess
+import sys
+from pathlib import Path
+
+import tutorial
+from PIL import Image
+
+from vkctl.directory.model import read
+from vkctl.directory.results import read_results
+from vkctl.optimise import Optimised, history, optimise, write_animation
+from vkctl.view.plot import View, plot
+
+ROOT = Path(__file__).resolve().parents[2]
+SOURCES = ROOT / "vkctl" / "examples"
+PICTURES = ROOT / "docs" / "optimise"
+EXAMPLES = ("cantilever", "mbb-beam", "l-bracket", "bracket")
+ANIMATED = "mbb-beam"
+_VIEW = View(size=(900, 600))
+_FRAME = View(field="level", size=(560, 360))
+
+
+def compliance(directory: Path, number: int) -> float:
+    """Work of the nodal forces of a load case over its displacements."""
+    case = read(directory).load_cases[number - 1]
+    moved = read_results(directory, number).displacements
+    if moved is None:
+        raise ValueError(f"load case {number} of {directory} was solved too poorly")
+    forces = case.forces2
+    return float((forces["Force"] * moved[forces["Node"] - 1]).sum())
+
+
+def remake(name: str) -> Optimised:
+    directory = ROOT / "run" / "examples" / name
+    done = optimise(SOURCES / f"{name}.toml", directory)
+    plot(directory, PICTURES / f"{name}.png", view=_VIEW)
+    history.draw_history(done.rows, PICTURES / f"{name}-history.png")
+    if name == ANIMATED:
+        film = write_animation(directory, done.rows[-1].step, 15, _FRAME)
+        film.replace(PICTURES / f"{name}.gif")
+    return done
+
+
+def remake_tutorial() -> None:
+    page = ROOT / "docs" / "tutorial.md"
+    directory = ROOT / "run" / "examples" / "tutorial"
+    shutil.rmtree(directory, ignore_errors=True)
+    tutorial.set_up(page, SOURCES, directory)
+    for command in tutorial.commands(page):
+        print(f"$ {command}", flush=True)
+        subprocess.run(command, shell=True, cwd=directory, check=True)
+    target = page.with_suffix("")
+    target.mkdir(exist_ok=True)
+    made = [*directory.glob("*.png"), directory / "work" / "optimise" / "history.png"]
+    for path in made:
+        with Image.open(path) as picture:
+            picture.thumbnail((800, 800))
+            picture.convert("RGB").save(target / path.name, optimize=True)
+
+
+def main() -> None:
+    PICTURES.mkdir(parents=True, exist_ok=True)
+    for name in sys.argv[1:] or (*EXAMPLES, "tutorial"):
+        if name == "tutorial":
+            remake_tutorial()
+            continue
+        done = remake(name)
+        last = done.rows[-1]
+        work = [f"{compliance(done.directory, number):.5g}" for number in last.energies]
+        end = "converged" if done.converged else "not converged"
+        print(
+            f"{name}: {end} in {last.step} steps, {sum(r.seconds for r in done.rows):.0f} s; "
+            f"volume {last.volume:.3f}, strain energy {done.rows[0].objective:.5g} -> "
+            f"{last.objective:.5g}, compliance {', '.join(work)}",
+            flush=True,
+        )
+
+
+if __name__ == "__main__":
+    main()
