@@ -152,10 +152,10 @@ def type_table(described: Entry) -> str:
     )
 
 
-def stop_table(described: Entry) -> str:
+def limit_table(described: Entry) -> str:
     return table(
-        ("code", "status", "meaning"),
-        ((str(s["code"]), str(s["status"]), s["meaning"]) for s in described["stops"]),
+        ("limit", "value", "meaning"),
+        ((limit["name"], str(limit["value"]), limit["meaning"]) for limit in described["limits"]),
     )
 
 
@@ -164,7 +164,7 @@ def tables(described: Entry) -> dict[str, str]:
     made = {
         "options": option_table(described),
         "element types": type_table(described),
-        "stops": stop_table(described),
+        "limits": limit_table(described),
     }
     for record in described["records"]:
         made[f"record {record['name']}"] = record_table(record)
@@ -180,10 +180,9 @@ def tables(described: Entry) -> dict[str, str]:
 def renewed(text: str, made: dict[str, str]) -> str:
     """A document's text with its tables as they should be."""
     marks = MARK.findall(text)
-    if any("generated" in mark for mark in marks[1::2]) or marks[::2].count("<!-- end -->"):
+    ends = ["generated" not in mark for mark in marks]
+    if ends != [False, True] * (len(marks) // 2):
         raise DescriptionError("a generated table has no end, or an end no beginning")
-    if len(marks) % 2:
-        raise DescriptionError("the last generated table has no end")
 
     def put(match: re.Match[str]) -> str:
         if match[2] not in made:

@@ -10,6 +10,7 @@
 #include "model/files.hpp"
 #include "platform/slot.hpp"
 #include "run/services/logger.hpp"
+#include "run/services/loglines.hpp"
 #include "run/services/vkcore.hpp"
 
 namespace {
@@ -111,8 +112,8 @@ void FELOADCASE_PREPARE(std::int32_t number, std::int32_t kind, std::int32_t pat
   FELOADCASE::PreviousPattern = patternIndex;
   VKCORE::MatStateMissing = true;
   if (VKCORE::MatStateEnabled) LoadElementState(number);
-  LOGGER_POSTDATA("LCaseId", number);
-  LOGGER_POSTINF("LCasePatInx: ", patternIndex);
+  LOGGER_POSTDATA(LOGLINES::LCaseId.text, number);
+  LOGGER_POSTINF(LOGLINES::LCasePatInx.text, patternIndex);
   ReadLoadCaseFile(number);
   BuildSupportList();
   if (VKCORE::PatternChanged) FEDOF_BUILDNUMBERING();

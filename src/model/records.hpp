@@ -6,6 +6,7 @@
 #include <cstdint>
 
 #include "platform/described.hpp"
+#include "run/services/loglines.hpp"
 
 // Kinds of material, bits of MaterialRecord::MaterialFlags; other bits are ignored.
 inline constexpr std::uint32_t MaterialIsotropic = 0x100;
@@ -261,7 +262,7 @@ inline constexpr auto NodalScalarFields =
 inline constexpr RecordTable NodalScalarTable = {"NodalScalarPair", sizeof(NodalScalarPair),
                                                  NodalScalarFields};
 
-// The totals of a load case; the reals are also posted, by the same names.
+// The totals of a load case.
 struct TotalsRecord {
   std::int32_t LoadCase;
   std::int32_t Kind;
@@ -270,15 +271,18 @@ struct TotalsRecord {
 static_assert(sizeof(TotalsRecord) == 40);
 static_assert(offsetof(TotalsRecord, ARQua) == 8);
 
+// A real that is also posted: its name and meaning are the line's.
+constexpr Member<TotalsRecord, float> Total(float TotalsRecord::*place,
+                                            const LOGLINES::Line& line) {
+  return {line.text, place, line.meaning};
+}
+
 inline constexpr auto TotalsFields = RECORD_FIELDS(
     Member{"LoadCase", &TotalsRecord::LoadCase, "load-case number"},
     Member{"Kind", &TotalsRecord::Kind, "of the load case", {ValueKind::Codes, LoadCaseKinds}},
-    Member{"ARQua", &TotalsRecord::ARQua, "quality of the solution: 1 converged"},
-    Member{"SEner", &TotalsRecord::SEner, "strain energy"},
-    Member{"MatVolume", &TotalsRecord::MatVolume, "material volume"},
-    Member{"BStress", &TotalsRecord::BStress, "boundary stress"},
-    Member{"MaxDis", &TotalsRecord::MaxDis, "largest displacement of free components"},
-    Member{"Rx", &TotalsRecord::Rx, "sum of the forces in x"},
-    Member{"Ry", &TotalsRecord::Ry, "sum of the forces in y"},
-    Member{"Rz", &TotalsRecord::Rz, "sum of the forces in z"});
+    Total(&TotalsRecord::ARQua, LOGLINES::ARQua), Total(&TotalsRecord::SEner, LOGLINES::SEner),
+    Total(&TotalsRecord::MatVolume, LOGLINES::MatVolume),
+    Total(&TotalsRecord::BStress, LOGLINES::BStress),
+    Total(&TotalsRecord::MaxDis, LOGLINES::MaxDis), Total(&TotalsRecord::Rx, LOGLINES::Rx),
+    Total(&TotalsRecord::Ry, LOGLINES::Ry), Total(&TotalsRecord::Rz, LOGLINES::Rz));
 inline constexpr RecordTable TotalsTable = {"TotalsRecord", sizeof(TotalsRecord), TotalsFields};

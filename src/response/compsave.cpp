@@ -13,6 +13,7 @@
 #include "model/fileio.hpp"
 #include "model/files.hpp"
 #include "run/services/logger.hpp"
+#include "run/services/loglines.hpp"
 #include "run/services/vkcore.hpp"
 
 namespace {
@@ -59,13 +60,13 @@ void WriteTotals(const TotalsRecord& record) {
 }
 
 void PostTotals(const TotalsRecord& record) {
-  LOGGER_POSTDATA("SEner", record.SEner);
-  LOGGER_POSTDATA("MatVolume", record.MatVolume);
-  LOGGER_POSTDATA("BStress", record.BStress);
-  LOGGER_POSTDATA("MaxDis", record.MaxDis);
-  LOGGER_POSTDATA("Rx", record.Rx);
-  LOGGER_POSTDATA("Ry", record.Ry);
-  LOGGER_POSTDATA("Rz", record.Rz);
+  LOGGER_POSTDATA(LOGLINES::SEner.text, record.SEner);
+  LOGGER_POSTDATA(LOGLINES::MatVolume.text, record.MatVolume);
+  LOGGER_POSTDATA(LOGLINES::BStress.text, record.BStress);
+  LOGGER_POSTDATA(LOGLINES::MaxDis.text, record.MaxDis);
+  LOGGER_POSTDATA(LOGLINES::Rx.text, record.Rx);
+  LOGGER_POSTDATA(LOGLINES::Ry.text, record.Ry);
+  LOGGER_POSTDATA(LOGLINES::Rz.text, record.Rz);
 }
 
 }  // namespace

@@ -12,8 +12,12 @@
 #include "platform/described.hpp"
 #include "platform/json.hpp"
 #include "platform/stop.hpp"
+#include "run/driver.hpp"
+#include "run/services/logger.hpp"
+#include "run/services/loglines.hpp"
 #include "run/services/runopt.hpp"
 #include "run/services/vkcore.hpp"
+#include "solver/analysis.hpp"
 
 namespace {
 
@@ -234,6 +238,79 @@ void DescribeElementTypes(JsonText& json) {
   JSON_CLOSE(json, ']');
 }
 
+void DescribeFrame(JsonText& json, string_view name, string_view begin) {
+  JSON_OPEN(json, "", '{', JsonLayout::Row);
+  JSON_TEXT(json, "name", name);
+  JSON_TEXT(json, "begin", begin);
+  if (begin == LOGGER::DataFrame) JSON_TEXT(json, "value", LOGGER::DataValue);
+  JSON_TEXT(json, "end", LOGGER::FrameEnd);
+  JSON_CLOSE(json, '}');
+}
+
+string_view TailName(LOGLINES::Tail tail) {
+  if (tail == LOGLINES::Tail::Integer) return "int32";
+  if (tail == LOGLINES::Tail::Float) return "float32";
+  return tail == LOGLINES::Tail::Text ? "text" : "none";
+}
+
+void DescribeLog(JsonText& json) {
+  JSON_OPEN(json, "log", '{');
+  JSON_TEXT(json, "file", LOGGER::FileName);
+  JSON_OPEN(json, "frames", '[');
+  DescribeFrame(json, "info", LOGGER::InfoFrame);
+  DescribeFrame(json, "data", LOGGER::DataFrame);
+  DescribeFrame(json, "warning", LOGGER::WarningFrame);
+  DescribeFrame(json, "error", LOGGER::ErrorFrame);
+  JSON_CLOSE(json, ']');
+  JSON_OPEN(json, "lines", '[');
+  for (const LOGLINES::Line* line : LOGLINES::All) {
+    JSON_OPEN(json, "", '{', JsonLayout::Row);
+    JSON_TEXT(json, "frame", line->frame == LOGLINES::Frame::Data ? "data" : "info");
+    JSON_TEXT(json, "text", line->text);
+    JSON_TEXT(json, "tail", TailName(line->tail));
+    JSON_TEXT(json, "meaning", line->meaning);
+    JSON_CLOSE(json, '}');
+  }
+  JSON_CLOSE(json, ']');
+  JSON_CLOSE(json, '}');
+}
+
+void DescribeUnit(JsonText& json, string_view name, int unit, string_view meaning) {
+  JSON_OPEN(json, "", '{', JsonLayout::Row);
+  JSON_TEXT(json, "name", name);
+  JSON_INTEGER(json, "unit", unit);
+  JSON_TEXT(json, "meaning", meaning);
+  JSON_CLOSE(json, '}');
+}
+
+void DescribeUnits(JsonText& json) {
+  JSON_OPEN(json, "units", '[');
+  DescribeUnit(json, "options", RUNOPT::Unit, "the options file");
+  DescribeUnit(json, "read", FILEIO::ReadUnit, "binary files that are read");
+  DescribeUnit(json, "write", FILEIO::WriteUnit, "binary files that are written");
+  JSON_CLOSE(json, ']');
+}
+
+template <class T>
+void DescribeLimit(JsonText& json, string_view name, T value, string_view meaning) {
+  JSON_OPEN(json, "", '{', JsonLayout::Row);
+  JSON_TEXT(json, "name", name);
+  PutNumber(json, "value", value);
+  JSON_TEXT(json, "meaning", meaning);
+  JSON_CLOSE(json, '}');
+}
+
+void DescribeLimits(JsonText& json) {
+  JSON_OPEN(json, "limits", '[');
+  DescribeLimit(json, "threads", RUNOPT::MaxThreads, "most threads of a run, whatever the option");
+  DescribeLimit(json, "stop quality", VKCORE::StopQuality, "a solution below it ends the run");
+  DescribeLimit(json, "warning quality", VKCORE::WarningQuality,
+                "a solution below it gives a warning");
+  DescribeLimit(json, "keep quality", RUN::KeepQuality,
+                "a solution above it leaves its displacements for a later start");
+  JSON_CLOSE(json, ']');
+}
+
 }  // namespace
 
 std::string DESCRIBE_TEXT() {
@@ -244,6 +321,9 @@ std::string DESCRIBE_TEXT() {
   JSON_TEXT(json, "version", VK_VERSION);
   DescribeStops(json);
   DescribeOptions(json);
+  DescribeLimits(json);
+  DescribeLog(json);
+  DescribeUnits(json);
   JSON_TEXT(json, "byteOrder", "little");
   DescribeElementTypes(json);
   DescribeRecords(json);

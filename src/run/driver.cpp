@@ -17,14 +17,13 @@
 #include "response/compsave.hpp"
 #include "run/load_case_table.hpp"
 #include "run/services/logger.hpp"
+#include "run/services/loglines.hpp"
 #include "run/services/runopt.hpp"
 #include "run/services/vkcore.hpp"
 #include "solver/analysis.hpp"
 #include "solver/solversta.hpp"
 
 namespace {
-
-constexpr std::string_view LogName = "vk_rund_log.txt";
 
 // The matrix is rebuilt on a change of pattern or where a saved element state was taken; otherwise
 // matrix and factor stay as the last load case left them.
@@ -36,9 +35,9 @@ void RunElementPass() {
     PREPARESYSINTERNALFORCES();
 }
 
-// Posts the time since `start` behind the message text.
-void PostTime(const std::string& message, std::int64_t start, std::int64_t now) {
-  LOGGER_POSTINF(message + RUN_TIMETEXT(now - start, PLATFORM_CLOCKRATE()));
+// Posts the time since `start` behind the line's text.
+void PostTime(const LOGLINES::Line& line, std::int64_t start, std::int64_t now) {
+  LOGGER_POSTINF(std::string(line.text) + RUN_TIMETEXT(now - start, PLATFORM_CLOCKRATE()));
 }
 
 void RunLoadCase(std::int32_t number) {
@@ -55,7 +54,7 @@ void RunLoadCase(std::int32_t number) {
                    FEDOF::Displacements.get());
   RUN_MARKDONE(number);
   const std::int64_t now = PLATFORM_CLOCKCOUNT();
-  PostTime("LCaseTime: ", RUN::LoadCaseStartTicks, now);
+  PostTime(LOGLINES::LCaseTime, RUN::LoadCaseStartTicks, now);
   RUN::LoadCaseStartTicks = now;
 }
 
@@ -91,10 +90,10 @@ void RUN_LOADCASES() {
 void RUN_ENTRY(std::string_view directory) {
   if (!PLATFORM_ENTERDIRECTORY(directory))
     PLATFORM_STOP(StopDirectory, "cannot enter directory \"" + std::string(directory) + "\"");
-  LOGGER_OPEN(LogName);
-  LOGGER_POSTINF("Tool.vk_rund.Start");
+  LOGGER_OPEN(LOGGER::FileName);
+  LOGGER_POSTINF(LOGLINES::Start.text);
   RUN::RunStartTicks = PLATFORM_CLOCKCOUNT();
-  LOGGER_POSTINF("Eng x64 TLMx/IC/ID Build 2018.06.03");
+  LOGGER_POSTINF(LOGLINES::Banner.text);
   FEINTEG_INITTETRULES();
   FEINTEG_INITTRIRULES();
   RUNOPT_READ(RUNOPT::Unit, RUNOPT::FileName);
@@ -102,8 +101,8 @@ void RUN_ENTRY(std::string_view directory) {
   RUNOPT_SETTHREADS();
   RUN_LOADCASES();
   SOLVERSTA_RELEASE();
-  PostTime("Total time: ", RUN::RunStartTicks, PLATFORM_CLOCKCOUNT());
-  LOGGER_POSTINF("Tool.vk_rund.End");
+  PostTime(LOGLINES::TotalTime, RUN::RunStartTicks, PLATFORM_CLOCKCOUNT());
+  LOGGER_POSTINF(LOGLINES::End.text);
   LOGGER_CLOSE();
   std::exit(0);
 }

@@ -7,6 +7,8 @@
 
 namespace RUN {
 
+inline constexpr float KeepQuality = 0.9f;  // a solution above it starts a later run
+
 inline std::int64_t RunStartTicks = 0;
 inline std::int64_t LoadCaseStartTicks = 0;
 
@@ -26,7 +28,7 @@ void RUN_LOADCASES();
 
 // True when a solve of this quality leaves its displacements for a later start: more than 0.9,
 // while a warning asks for less than 0.9.
-constexpr bool RUN_KEEPSDISPLACEMENTS(float quality) { return quality > 0.9f; }
+constexpr bool RUN_KEEPSDISPLACEMENTS(float quality) { return quality > RUN::KeepQuality; }
 
 // hours:minutes:seconds.milliseconds of `ticks` at `rate` ticks a second, in float32 arithmetic.
 std::string RUN_TIMETEXT(std::int64_t ticks, std::int64_t rate);

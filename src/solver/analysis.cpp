@@ -9,6 +9,7 @@
 #include "model/femodel.hpp"
 #include "platform/slot.hpp"
 #include "run/services/logger.hpp"
+#include "run/services/loglines.hpp"
 #include "run/services/vkcore.hpp"
 #include "solver/slepardisosolver.hpp"
 #include "solver/slepccgsolver.hpp"
@@ -16,8 +17,6 @@
 
 namespace {
 
-constexpr float StopQuality = 0.5f;
-constexpr float WarningQuality = 0.9f;
 constexpr std::int32_t FactorIterations = 300;
 
 // The run's mode, once it is resolved, is the number of its preconditioner.
@@ -69,9 +68,9 @@ void Solve() {
 }
 
 void JudgeQuality() {
-  if (VKCORE::SolveQuality < StopQuality)
+  if (VKCORE::SolveQuality < VKCORE::StopQuality)
     LOGGER_POSTERRABORT("No convergence in static response analysis process.");
-  if (VKCORE::SolveQuality < WarningQuality)
+  if (VKCORE::SolveQuality < VKCORE::WarningQuality)
     LOGGER_POSTWARN("Convergence problems in static response analysis process.");
 }
 
@@ -100,11 +99,11 @@ void VKCORE_RUNANALYSIS() {
   Solve();
   VKCORE::SolveQuality = SLEPCCGSOLVER::PcgQuality;
   UnscaleDisplacements();
-  LOGGER_POSTINF("IMode: ", SOLVERSTA::IMode);
-  LOGGER_POSTINF("ICount: ", SLEPCCGSOLVER::ICount);
+  LOGGER_POSTINF(LOGLINES::IMode.text, SOLVERSTA::IMode);
+  LOGGER_POSTINF(LOGLINES::ICount.text, SLEPCCGSOLVER::ICount);
   VKCORE::TcBlendFactor =
       VKCORE_BLENDFACTOR(VKCORE::RunOptions.ResponseDumpFac, VKCORE::SolveQuality);
-  LOGGER_POSTDATA("ARQua", VKCORE::SolveQuality);
+  LOGGER_POSTDATA(LOGLINES::ARQua.text, VKCORE::SolveQuality);
   JudgeQuality();
   LOGGER::StopHint.clear();  // of a factor that wasn't needed for this solution
 }

@@ -2,6 +2,14 @@
 // displacement correction, and judges the solve.
 #pragma once
 
+namespace VKCORE {
+
+// Qualities of a solution, 0 .. 1, below which the run stops, or warns.
+inline constexpr float StopQuality = 0.5f;
+inline constexpr float WarningQuality = 0.9f;
+
+}  // namespace VKCORE
+
 // SysRhs and AppliedLoadSum: minus the internal forces of SysForces, and the nodal forces.
 void VKCORE_FORMRIGHTHANDSIDE();
 

@@ -8,6 +8,7 @@
 #include "platform/maths/maths.hpp"
 #include "platform/slot.hpp"
 #include "run/services/logger.hpp"
+#include "run/services/loglines.hpp"
 #include "run/services/vkcore.hpp"
 #include "solver/system_arrays.hpp"
 
@@ -183,7 +184,7 @@ void Factor(const std::int32_t* pR4, const std::int32_t* pC4, const float* matri
   Analyse(pR4, pC4, matrix);
   if (PardisoError == 0) {
     const float estimate = static_cast<float>(iparm[Slot(17)]) * GigabytesPerKilobyte;
-    LOGGER_POSTINF("EstDecMemReq: ", estimate);
+    LOGGER_POSTINF(LOGLINES::EstDecMemReq.text, estimate);
     if (budget > 0.0f) {
       budget -= EstimateMargin * estimate;
       if (budget < 0.0f) return;

@@ -9,6 +9,7 @@
 #include "model/fileio.hpp"
 #include "platform/slot.hpp"
 #include "run/services/logger.hpp"
+#include "run/services/loglines.hpp"
 #include "solver/slepardisosolver.hpp"
 
 namespace {
@@ -67,9 +68,8 @@ void PostConfiguration() {
   char numbers[49];
   std::snprintf(numbers, sizeof numbers, "%d/%.2f/%.2f", SOLVERSTA::MaxBW,
                 static_cast<double>(equations), static_cast<double>(entries));
-  const std::string head =
-      SOLVERSTA::UseIm4 ? "SysConfig: Im4::MaxBW/MDOF/MPRE=" : "SysConfig: Im8::MaxBW/MDOF/MPRE=";
-  LOGGER_POSTINF(head + numbers);
+  const LOGLINES::Line& line = SOLVERSTA::UseIm4 ? LOGLINES::SysConfig32 : LOGLINES::SysConfig64;
+  LOGGER_POSTINF(std::string(line.text) + numbers);
 }
 
 template <class Index>

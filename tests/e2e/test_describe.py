@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import json
 import os
+import re
 import shutil
 import subprocess
 import sys
@@ -165,6 +166,53 @@ def test_a_comment_and_the_end_of_a_line_are_where_the_description_says(tmp_path
     assert start(directory).status != 0
 
 
+# What an info line ends in has its blank even where nothing follows; a data line has its own field.
+TAILS = {
+    "info": {"none": " ", "int32": r"-?\d+", "float32": r"\d+\.\d{5}", "text": r"\S+ "},
+    "data": {"int32": r"-?\d+", "float32": r"-?\d\.\d{6}E[+-]\d\d"},
+}
+
+
+def line_pattern(described: dict, line: dict) -> str:
+    frame = next(f for f in described["log"]["frames"] if f["name"] == line["frame"])
+    parts = frame["begin"], line["text"], frame.get("value", ""), frame["end"]
+    begin, text, value, end = map(re.escape, parts)
+    return f"{begin}{text}{value}{TAILS[line['frame']][line['tail']]}{end}"
+
+
+def test_the_log_of_a_run_has_the_described_lines_in_their_order(tmp_path, described):
+    directory = tiny(tmp_path)
+    run(directory)
+    assert described["log"]["file"] == LOG
+    lines = described["log"]["lines"]
+    expected = [line for line in lines if not line["text"].startswith("SysConfig: Im8")]
+    patterns = [line_pattern(described, line) for line in expected]
+    written = log_lines(directory)
+    for line, pattern in zip(written, patterns, strict=True):
+        assert re.fullmatch(pattern, line), pattern
+
+
+def test_errors_and_warnings_have_the_described_frames(tmp_path, described):
+    frames = {frame["name"]: frame for frame in described["log"]["frames"]}
+    directory = tiny(tmp_path)
+    (directory / described["options"]["file"]).unlink()
+    start(directory)
+    last = log_lines(directory)[-1]
+    assert last.startswith(frames["error"]["begin"] + "Error opening file")
+    assert last.endswith(frames["error"]["end"])
+    assert frames["warning"]["begin"] == "Warning<Msg:"
+
+
+def test_the_limits_are_those_of_the_program(described):
+    limits = {limit["name"]: limit["value"] for limit in described["limits"]}
+    assert limits == {
+        "threads": 16,
+        "stop quality": 0.5,
+        "warning quality": 0.9,
+        "keep quality": 0.9,
+    }
+
+
 def documents(root: Path, *arguments: str) -> tuple[int, str, str]:
     command = [sys.executable, root / "scripts" / "describe_docs.py", *arguments]
     done = subprocess.run(command, capture_output=True, text=True, check=False)
@@ -199,7 +247,7 @@ def test_a_table_that_differs_is_named_and_written_anew(copied):
     ("old", "new", "told"),
     [
         ("generated: options", "generated: opinions", 'nothing called "opinions"'),
-        ("<!-- end -->", "", "the last generated table has no end"),
+        ("<!-- end -->", "", "a generated table has no end, or an end no beginning"),
         ("<!-- generated: options -->", "", "a generated table has no end, or an end no beginning"),
     ],
 )

@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <cstdio>
+#include <initializer_list>
 #include <mutex>
 
 #include "platform/stop.hpp"
@@ -20,7 +21,10 @@ std::string TrimRight(std::string_view text) {
                 "cannot " + std::string(what) + " the log \"" + LOGGER::Stream.name + "\"");
 }
 
-void WriteLine(std::string line) {
+// One line of the parts.
+void WriteLine(std::initializer_list<std::string_view> parts) {
+  std::string line;
+  for (const std::string_view part : parts) line += part;
   line += '\n';
   if (!STREAM_WRITE(LOGGER::Stream, line.data(), static_cast<std::int64_t>(line.size())))
     StopByLog("write");
@@ -41,17 +45,17 @@ std::string ScientificText(float value) { return FieldText("%.6E", value, 14); }
 
 void PostInfo(std::string_view message, const std::string& tail) {
   const std::lock_guard guard(Lock);
-  WriteLine("Info<Msg:" + TrimRight(message) + " " + tail + ">");
+  WriteLine({LOGGER::InfoFrame, TrimRight(message), " ", tail, LOGGER::FrameEnd});
 }
 
 void PostData(std::string_view key, const std::string& value) {
   const std::lock_guard guard(Lock);
-  WriteLine("Data<Key:" + TrimRight(key) + "><Value:" + value + ">");
+  WriteLine({LOGGER::DataFrame, TrimRight(key), LOGGER::DataValue, value, LOGGER::FrameEnd});
 }
 
 [[noreturn]] void PostErrorAndStop(const std::string& text) {
   const std::lock_guard guard(Lock);
-  WriteLine("Error<Msg:" + text + ">");
+  WriteLine({LOGGER::ErrorFrame, text, LOGGER::FrameEnd});
   LOGGER_CLOSE();
   PLATFORM_STOP(StopError, LOGGER::StopHint.empty() ? text : text + " (" + LOGGER::StopHint + ")");
 }
@@ -84,7 +88,7 @@ void LOGGER_POSTDATA(std::string_view key, float value) { PostData(key, Scientif
 
 void LOGGER_POSTWARN(std::string_view message) {
   const std::lock_guard guard(Lock);
-  WriteLine("Warning<Msg:" + TrimRight(message) + ">");
+  WriteLine({LOGGER::WarningFrame, TrimRight(message), LOGGER::FrameEnd});
 }
 
 void LOGGER_POSTERRABORT(std::string_view message) { PostErrorAndStop(TrimRight(message)); }

@@ -1,4 +1,4 @@
-// Module LOGGER: the text log "vk_rund_log.txt", the program's only report to the outside.
+// Module LOGGER: the text log, the program's only report to the outside.
 // Each posting is exactly one line, written with one system call, so a reader beside the run sees
 // whole lines only. One lock is held over the building and writing of a line; it is taken inside
 // these operations and nowhere else. Any thread may post. Nothing may be posted before LOGGER_OPEN
@@ -14,11 +14,21 @@
 
 namespace LOGGER {
 
+inline constexpr std::string_view FileName = "vk_rund_log.txt";
+
 inline constexpr int Unit = 100;
 inline FileStream Stream;
 
 // A sentence that explains an error further, for standard error alone; the log stays as prescribed.
 inline std::string StopHint;
+
+// A line begins and ends in its frame.
+inline constexpr std::string_view InfoFrame = "Info<Msg:";
+inline constexpr std::string_view DataFrame = "Data<Key:";
+inline constexpr std::string_view DataValue = "><Value:";  // between key and value
+inline constexpr std::string_view WarningFrame = "Warning<Msg:";
+inline constexpr std::string_view ErrorFrame = "Error<Msg:";
+inline constexpr std::string_view FrameEnd = ">";
 
 }  // namespace LOGGER
 

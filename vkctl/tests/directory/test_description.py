@@ -14,7 +14,9 @@ import numpy as np
 import pytest
 
 from vkctl.directory import formats
+from vkctl.directory.results import digest, parse_line
 from vkctl.running.advice import explain_status
+from vkctl.running.progress import stage
 from vkctl.running.run import MODES
 from vkctl.shapes import topology
 
@@ -250,6 +252,55 @@ def test_every_stop_is_explained():
     assert len(DESCRIBED["stops"]) == 4
     for stop in DESCRIBED["stops"]:
         assert explain_status(stop["status"]).sentence != unknown.format(stop["status"])
+
+
+# --- the log --------------------------------------------------------------------------------------
+
+
+def test_the_log_has_the_described_name():
+    assert DESCRIBED["log"]["file"] == formats.LOG_FILE
+
+
+def log_line(line: dict[str, Any]) -> str:
+    """A line of a log as the description has it, with some value."""
+    frame = next(f for f in DESCRIBED["log"]["frames"] if f["name"] == line["frame"])
+    tail = {"none": " ", "int32": "1", "float32": "1.00000", "text": "00:00:01.000 "}[line["tail"]]
+    if "SysConfig" in line["text"]:
+        tail = "1/0.01/0.02 "
+    return frame["begin"] + line["text"] + frame.get("value", "") + tail + frame["end"]
+
+
+@pytest.mark.parametrize("line", DESCRIBED["log"]["lines"], ids=lambda line: line["text"])
+def test_every_line_of_a_log_is_understood(line):
+    record = parse_line(log_line(line))
+    assert record.frame == line["frame"]
+    assert line["text"].startswith(record.key or record.text)
+    assert (record.value == "") == (line["tail"] == "none")
+
+
+def test_the_described_lines_tell_the_stage_of_a_run():
+    """A run's lines one after another lead through its stages, the last of them the end."""
+    records = [parse_line(log_line(line)) for line in DESCRIBED["log"]["lines"]]
+    log = digest(records)
+    assert log.ended
+    assert log.seconds == 1.0
+    assert all(value is not None for value in dataclasses.asdict(log.load_cases[0]).values())
+    described = {field["name"] for field in RECORDS["TotalsRecord"]["fields"]} - {
+        "LoadCase",
+        "Kind",
+    }
+    assert set(log.load_cases[0].data) == described
+    stages = [stage(records[:i]) for i in range(1, len(records) + 1)]
+    assert list(dict.fromkeys(stages)) == [
+        "reading the model",
+        "reading the load case",
+        "reading the structure",
+        "assembling",
+        "factorising",
+        "response",
+        "next load case",
+        "ended",
+    ]
 
 
 # --- options --------------------------------------------------------------------------------------
