@@ -37,6 +37,19 @@ TEST(Describe, AnElementTypeHasItsNodesAndTable) {
   EXPECT_THAT(DESCRIBE_TEXT(), HasSubstr("\"code\": 41, \"nodes\": 10, \"table\": \"Conn41\""));
 }
 
+TEST(Describe, LinesOfTheLogHaveTheirFrameAndWhatFollows) {
+  const std::string text = DESCRIBE_TEXT();
+  EXPECT_THAT(text, HasSubstr("{\"name\": \"data\", \"begin\": \"Data<Key:\", \"value\": "
+                              "\"><Value:\", \"end\": \">\"}"));
+  EXPECT_THAT(text, HasSubstr("{\"frame\": \"info\", \"text\": \"ICount: \", \"tail\": \"int32\""));
+}
+
+TEST(Describe, LimitsAreThoseThatTheRunKeeps) {
+  const std::string text = DESCRIBE_TEXT();
+  EXPECT_THAT(text, HasSubstr("{\"name\": \"threads\", \"value\": 16,"));
+  EXPECT_THAT(text, HasSubstr("{\"name\": \"stop quality\", \"value\": 0.5,"));
+}
+
 TEST(Describe, StopsHaveTheStatusThatTheSystemHandsOn) {
   EXPECT_THAT(DESCRIBE_TEXT(), HasSubstr("\"code\": 1010, \"status\": 242,"));
 }

@@ -16,7 +16,6 @@ namespace LOGGER {
 
 inline constexpr std::string_view FileName = "vk_rund_log.txt";
 
-inline constexpr int Unit = 100;
 inline FileStream Stream;
 
 // A sentence that explains an error further, for standard error alone; the log stays as prescribed.

@@ -14,7 +14,7 @@ import numpy as np
 import pytest
 
 from vkctl.directory import formats
-from vkctl.directory.results import digest, parse_line
+from vkctl.directory.log import digest, parse_line
 from vkctl.running.advice import explain_status
 from vkctl.running.progress import stage
 from vkctl.running.run import MODES
