@@ -275,24 +275,8 @@ void DescribeLog(JsonText& json) {
   JSON_CLOSE(json, '}');
 }
 
-void DescribeUnit(JsonText& json, string_view name, int unit, string_view meaning) {
-  JSON_OPEN(json, "", '{', JsonLayout::Row);
-  JSON_TEXT(json, "name", name);
-  JSON_INTEGER(json, "unit", unit);
-  JSON_TEXT(json, "meaning", meaning);
-  JSON_CLOSE(json, '}');
-}
-
-void DescribeUnits(JsonText& json) {
-  JSON_OPEN(json, "units", '[');
-  DescribeUnit(json, "options", RUNOPT::Unit, "the options file");
-  DescribeUnit(json, "read", FILEIO::ReadUnit, "binary files that are read");
-  DescribeUnit(json, "write", FILEIO::WriteUnit, "binary files that are written");
-  JSON_CLOSE(json, ']');
-}
-
 template <class T>
-void DescribeLimit(JsonText& json, string_view name, T value, string_view meaning) {
+void DescribeNumber(JsonText& json, string_view name, T value, string_view meaning) {
   JSON_OPEN(json, "", '{', JsonLayout::Row);
   JSON_TEXT(json, "name", name);
   PutNumber(json, "value", value);
@@ -300,14 +284,22 @@ void DescribeLimit(JsonText& json, string_view name, T value, string_view meanin
   JSON_CLOSE(json, '}');
 }
 
+void DescribeUnits(JsonText& json) {
+  JSON_OPEN(json, "units", '[');
+  DescribeNumber(json, "options", RUNOPT::Unit, "the options file");
+  DescribeNumber(json, "read", FILEIO::ReadUnit, "binary files that are read");
+  DescribeNumber(json, "write", FILEIO::WriteUnit, "binary files that are written");
+  JSON_CLOSE(json, ']');
+}
+
 void DescribeLimits(JsonText& json) {
   JSON_OPEN(json, "limits", '[');
-  DescribeLimit(json, "threads", RUNOPT::MaxThreads, "most threads of a run, whatever the option");
-  DescribeLimit(json, "stop quality", VKCORE::StopQuality, "a solution below it ends the run");
-  DescribeLimit(json, "warning quality", VKCORE::WarningQuality,
-                "a solution below it gives a warning");
-  DescribeLimit(json, "keep quality", RUN::KeepQuality,
-                "a solution above it leaves its displacements for a later start");
+  DescribeNumber(json, "threads", RUNOPT::MaxThreads, "most threads of a run, whatever the option");
+  DescribeNumber(json, "stop quality", VKCORE::StopQuality, "a solution below it ends the run");
+  DescribeNumber(json, "warning quality", VKCORE::WarningQuality,
+                 "a solution below it gives a warning");
+  DescribeNumber(json, "keep quality", RUN::KeepQuality,
+                 "a solution above it leaves its displacements for a later start");
   JSON_CLOSE(json, ']');
 }
 

@@ -294,6 +294,20 @@ def test_every_file_of_a_run_is_described_to_its_last_byte(whole, described):
         assert all(len(item.values) for item in items.values()), name
 
 
+def test_a_run_writes_the_files_that_are_said_to_be_written(whole, described):
+    before = {path.name: path.stat().st_mtime_ns for path in whole.iterdir()}
+    run(whole)
+    after = {path.name: path.stat().st_mtime_ns for path in whole.iterdir()}
+    written = {name for name, time in after.items() if before.get(name) != time}
+    files = [file for file in described["files"] if file["written"]]
+    assert written == {named(described, file, 1) for file in files} | {LOG}
+
+
+def test_messages_about_files_have_the_described_units(described):
+    units = {unit["name"]: unit["value"] for unit in described["units"]}
+    assert units == {"options": 101, "read": 200, "write": 400}
+
+
 def test_the_files_say_what_the_run_was_given(whole, described):
     run(whole)
     files = {file.get("name", file.get("stem")): file for file in described["files"]}
