@@ -6,8 +6,8 @@ import sys
 from pathlib import Path
 
 DOCUMENTS = ("*.md", "docs/**/*.md", "docs/**/*.png", "docs/**/*.gif", "vkctl/*.md")
-# Rooms that are the command, not for programs.
-COMMAND = ("commands", "terminal")
+# Rooms that other programs have no use for.
+INTERNAL = ("basics", "commands", "terminal")
 HEADLESS = """::: {}
     options:
       show_root_heading: false
@@ -25,7 +25,9 @@ def copy_documents(root: Path, pages: Path) -> None:
 
 
 def modules(room: Path) -> list[str]:
-    """The room and what is in it, by their import paths."""
+    """The room and the modules in it, by their import paths; alone if it says what it offers."""
+    if "__all__" in (room / "__init__.py").read_text():
+        return [f"vkctl.{room.name}"]
     package = room.parents[1]
     names = []
     for path in sorted(room.rglob("*.py")):
@@ -42,7 +44,7 @@ def write_functions(package: Path, folder: Path) -> None:
     rooms = [path.parent for path in sorted(package.glob("*/__init__.py"))]
     links = []
     for room in rooms:
-        if room.name in COMMAND:
+        if room.name in INTERNAL:
             continue
         own, *others = modules(room)
         blocks = [f"# {own}", HEADLESS.format(own), *(f"::: {name}" for name in others)]
