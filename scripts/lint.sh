@@ -6,7 +6,7 @@ set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/setup.sh"
 
 LINT=$ROOT/.local/lint
-CHECKS=(cpp-format includes python-style python-format types shell)
+CHECKS=(cpp-format includes imports python-style python-format types shell)
 # Programs and tools; tests hand over wrong types on purpose.
 TYPED=(vkctl/src scripts bench)
 FIX=
@@ -49,6 +49,10 @@ lint_includes() {
   done
 }
 
+lint_imports() {
+  "$LINT/bin/python" scripts/check_imports.py vkctl/src/vkctl
+}
+
 lint_python-style() {
   "$LINT/bin/ruff" check --quiet ${FIX:+--fix}
 }
@@ -65,6 +69,13 @@ lint_types() {
 
 lint_shell() {
   "$LINT/bin/shellcheck" check quickstart .ci/run scripts/*.sh
+}
+
+# Not among all checks: needs the packages and builds of .ci/run, and minutes. What only one maths
+# library's build compiles is read with that build's options.
+lint_clang-tidy() {
+  run-clang-tidy-14 -quiet -j "$JOBS" -p build/release-clang "^$ROOT/src/" &&
+    run-clang-tidy-14 -quiet -j "$JOBS" -p build/release-open "^$ROOT/src/platform/maths/"
 }
 
 cd "$ROOT"

@@ -16,7 +16,7 @@ OPEN_PACKAGES=(libmumps-seq-dev libopenblas-pthread-dev)
 CHECK_PACKAGES=(libgtest-dev libgmock-dev libbenchmark-dev calculix-ccx "${OPEN_PACKAGES[@]}"
   libgl1 libglu1-mesa libx11-6 libxext6 libxfixes3 libxft2 libxinerama1 libxcursor1
   libxrender1 libfontconfig1 libgomp1 libosmesa6)
-CI_PACKAGES=(clang libclang-rt-dev libomp-dev)
+CI_PACKAGES=(clang clang-tidy libclang-rt-dev libomp-dev)
 
 # Back end of what is built: auto is oneMKL, which is fetched, or else the open libraries.
 VK_MATH=${VK_MATH:-auto}

@@ -42,6 +42,10 @@ lint() {
   done
 }
 
+clang_tidy() {
+  single_part lint-clang-tidy "$ROOT/scripts/lint.sh" clang-tidy
+}
+
 # A broken link or anchor fails.
 site() {
   single_part site "$ROOT/scripts/site.sh"
