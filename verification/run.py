@@ -1,9 +1,10 @@
-"""Runs the verification cases through vk_rund and writes docs/verification.md.
+"""Runs the verification cases through vk_rund and compares them with docs/verification.md.
 
-    python verification/run.py [--only CASE ...] [--quick]
+    python verification/run.py [--write | --only CASE ... | --quick]
 
---only runs the named cases and --quick small meshes; either leaves the page as it is. The solver
-is $VK_RUND or build/release/vk_rund. Exit status 1 when a comparison is outside its bound.
+--write writes the page and its pictures anew. --only runs the named cases and --quick small
+meshes; either looks at no page. The solver is $VK_RUND or build/release/vk_rund. Exit status 1
+when a comparison is outside its bound, or when the page doesn't tell what was found.
 """
 
 from __future__ import annotations
@@ -15,6 +16,7 @@ import time
 from pathlib import Path
 
 HERE = Path(__file__).resolve().parent
+DOCS = HERE.parent / "docs"
 sys.path[:0] = [str(HERE), str(HERE.parent / "vkctl/src")]
 
 from support import page, solver  # noqa: E402
@@ -40,9 +42,10 @@ CASES = (
 INTRODUCTION = """
 # Verification
 
-Written by `python verification/run.py`, which runs every case below through `vk_rund`, with
-meshes that the companion package writes, and fails when a comparison is outside its bound. The
-bounds are part of the cases. Where an answer is exact they follow from single precision; for
+Written by `python verification/run.py --write`, which runs every case below through `vk_rund`,
+with meshes that the companion package writes. Without `--write` it compares the cases with this
+page, and fails when a comparison is outside its bound or the page tells another value. The bounds
+are part of the cases. Where an answer is exact they follow from single precision; for
 discretisation errors they hold a mesh to what it gave when the case was made, with a margin, so
 that they guard against change and prove nothing by themselves: the errors are to be read beside
 them. Shapes, quadrature, loads and stress recovery of the cases are written in numpy, apart from
@@ -67,9 +70,11 @@ says.
 
 
 def arguments() -> argparse.Namespace:
-    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("--only", action="append", choices=CASES, metavar="CASE")
-    parser.add_argument("--quick", action="store_true", help="small meshes, no page")
+    parser = argparse.ArgumentParser(description=(__doc__ or "").splitlines()[0])
+    part = parser.add_mutually_exclusive_group()
+    part.add_argument("--write", action="store_true", help="write the page and its pictures")
+    part.add_argument("--only", action="append", choices=CASES, metavar="CASE")
+    part.add_argument("--quick", action="store_true", help="small meshes, no page")
     return parser.parse_args()
 
 
@@ -86,10 +91,16 @@ def main() -> int:
         failed_cases += any(not check.passed for check in result.checks)
         print(page.console(result))
         print(f"  {time.perf_counter() - started:.1f} s", flush=True)
-    if not options.only and not options.quick:
-        page.write(results, INTRODUCTION, HERE.parent / "docs")
-    print(f"{len(results) - failed_cases} passed, {failed_cases} failed")
-    return 1 if failed_cases else 0
+    count, failed = len(results), failed_cases
+    if options.write:
+        page.write(results, INTRODUCTION, DOCS)
+    elif not options.only and not options.quick:
+        differences = page.differences(results, INTRODUCTION, DOCS)
+        for difference in differences:
+            print(f"docs/verification.md: {difference}")
+        count, failed = count + 1, failed + bool(differences)
+    print(f"{count - failed} passed, {failed} failed")
+    return 1 if failed else 0
 
 
 if __name__ == "__main__":

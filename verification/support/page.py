@@ -1,13 +1,15 @@
-"""Results of the cases and the page they are written to.
+"""Results of the cases, the page they are written to, and the comparison with that page.
 
 Numbers are shown with so few digits, and errors below `FLOOR` without any, that a repeated run
-gives the same page. A figure is written anew only when the shown digits of its data change.
+gives nearly the same page; what round-off changes from machine to machine is no difference. A
+figure is written anew only when the shown digits of its data change.
 """
 
 from __future__ import annotations
 
 import hashlib
 import json
+import re
 from dataclasses import dataclass, field
 from pathlib import Path
 
@@ -18,6 +20,8 @@ import matplotlib.pyplot as plt
 from PIL import Image
 
 FLOOR = 1e-6  # single precision of the files: nothing below means anything
+ROUNDING = 1e-4  # of numbers shown with five digits, errors with two
+PAGE = "verification.md"
 
 
 def number(value: float, digits: int = 5) -> str:
@@ -153,6 +157,10 @@ def write(results: list[Result], introduction: str, docs: Path) -> None:
     for result in results:
         for figure in result.figures:
             _draw(figure, folder / f"{figure.name}.png")
+    (docs / PAGE).write_text(_text(results, introduction))
+
+
+def _text(results: list[Result], introduction: str) -> str:
     checks = [check for result in results for check in result.checks]
     failed = sum(not check.passed for check in checks)
     summary = [
@@ -164,7 +172,72 @@ def write(results: list[Result], introduction: str, docs: Path) -> None:
         f"{len(checks) - failed} comparisons passed, {failed} failed.",
         *[_section(result) for result in results],
     ]
-    (docs / "verification.md").write_text("\n\n".join(parts) + "\n")
+    return "\n\n".join(parts) + "\n"
+
+
+_NUMBER = re.compile(r"below 1e-6|[-+]?\d+(?:\.\d+)?(?:e[-+]?\d+)?")
+
+
+def differences(results: list[Result], introduction: str, docs: Path) -> list[str]:
+    """What the page tells otherwise than `results`, in words.
+
+    Words, cases and rows must be the same. A stated value has to agree within its row's bound
+    and the rounding of the page; how large an error came out differs between machines and only
+    has to lie within the bound.
+    """
+    told = (docs / PAGE).read_text().splitlines()
+    found = _text(results, introduction).splitlines()
+    wrong = [
+        f"line {place}: {old!r}, but now {new!r}"
+        for place, (old, new) in enumerate(zip(told, found, strict=False), 1)
+        if _NUMBER.sub("#", old) != _NUMBER.sub("#", new)
+    ]
+    if len(told) != len(found):
+        wrong.append(f"{len(told)} lines, but now {len(found)}")
+    if wrong:  # where the rows don't match there is no use in comparing their values
+        return wrong[:5]
+    rows = dict(_rows(told))
+    for result in results:
+        for check in result.checks:
+            wrong += _told_otherwise(result.title, check, rows[result.title, check.name])
+    names = [figure.name for result in results for figure in result.figures]
+    missing = [name for name in names if not (docs / "verification" / f"{name}.png").exists()]
+    return wrong + [f"no picture {name}.png" for name in missing]
+
+
+def _rows(lines: list[str]) -> list[tuple[tuple[str, str], list[str]]]:
+    """Cells of every table row by its section's title and its first cell, the first of each."""
+    found: dict[tuple[str, str], list[str]] = {}
+    title = ""
+    for line in lines:
+        if line.startswith("## "):
+            title = line[3:]
+        elif line.startswith("| "):
+            cells = [cell.strip() for cell in line.strip("|").split("|")]
+            found.setdefault((title, cells[0]), cells)
+    return list(found.items())
+
+
+def _told_otherwise(title: str, check: Check, cells: list[str]) -> list[str]:
+    """Differences of one row from its comparison."""
+    _, value, reference, error, bound, _ = cells
+    place = f"{title}, {check.name}"
+    wrong = []
+    if bound != f"{check.bound:.2g}":
+        wrong.append(f"{place}: bound {bound}, but now {check.bound:.2g}")
+    if error != error_text(0.0) and not float(error) <= check.bound * 1.1:
+        wrong.append(f"{place}: error {error} beyond its bound {bound}")
+    if check.value is not None and check.reference is not None:
+        apart = abs(check.value - check.reference)
+        relative = abs(check.error * abs(check.reference) - apart) <= abs(check.error - apart)
+        scale = abs(check.reference) if relative else 1.0
+        for words, stated, now, allowed in (
+            ("value", value, check.value, check.bound * scale),
+            ("reference", reference, check.reference, 0.0),
+        ):
+            if not abs(float(stated) - now) <= allowed + ROUNDING * abs(now) + FLOOR * scale:
+                wrong.append(f"{place}: {words} {stated}, but now {number(now)}")
+    return wrong
 
 
 def console(result: Result) -> str:

@@ -148,3 +148,55 @@ def test_a_comparison_with_not_a_number_fails():
     assert not page.compare("", math.inf, 1.0, 1.0).passed
     assert page.compare("", 1.01, 1.0, 0.02).passed
     assert not page.compare("", 1.03, 1.0, 0.02).passed
+
+
+def found(value: float = 2.0, error: float = 0.03, name: str = "deflection") -> list[page.Result]:
+    """One case of a relative, an absolute and a nodal comparison."""
+    checks = [
+        page.Check(name, error, 0.05, value, value / (1 + error)),
+        page.near("order", 1.98, 2.0, 0.1),
+        page.Check("largest nodal error", 3e-7, 2e-6),
+    ]
+    table = page.Table(["step", "residual"], [["1", "2.5e-06"]])
+    return [page.Result("A bar", "A bar of length 2.", checks, [table])]
+
+
+def test_a_page_agrees_with_what_it_was_written_from(tmp_path):
+    page.write(found(), "# Page", tmp_path)
+    assert page.differences(found(), "# Page", tmp_path) == []
+
+
+def test_round_off_of_another_machine_is_no_difference(tmp_path):
+    page.write(found(), "# Page", tmp_path)
+    text = (tmp_path / page.PAGE).read_text()
+    for old, new in (
+        ("| below 1e-6 |", "| 1.4e-06 |"),
+        ("2.5e-06", "3.1e-06"),
+        ("| 2 |", "| 2.0001 |"),
+    ):
+        assert old in text
+        text = text.replace(old, new)
+    (tmp_path / page.PAGE).write_text(text)
+    assert page.differences(found(), "# Page", tmp_path) == []
+
+
+@pytest.mark.parametrize(
+    ("old", "new", "words"),
+    [
+        ("deflection | 2 |", "deflection | 2.2 |", "value 2.2, but now 2"),
+        ("order | 1.98 |", "order | 1.7 |", "value 1.7, but now 1.98"),
+        ("| 1.9417 |", "| 1.9437 |", "reference 1.9437, but now 1.9417"),
+        ("| 3.0e-02 | 0.05 |", "| 3.0e-02 | 0.04 |", "bound 0.04, but now 0.05"),
+        ("| 3.0e-02 |", "| 7.0e-02 |", "error 7.0e-02 beyond its bound 0.05"),
+        ("| order |", "| degree |", "'| degree | 1.98 | 2 | 2.0e-02 | 0.1 | passed |', but now"),
+        ("A bar of length", "A rod of length", "'A rod of length 2.'"),
+        ("| largest nodal error |  |  | below 1e-6 | 2e-06 | passed |\n", "", "lines, but now"),
+        ("2e-06 | passed", "2e-06 | **FAILED**", "FAILED"),
+    ],
+)
+def test_a_page_that_tells_something_else_is_found(tmp_path, old, new, words):
+    page.write(found(), "# Page", tmp_path)
+    text = (tmp_path / page.PAGE).read_text()
+    assert text.count(old) == 1
+    (tmp_path / page.PAGE).write_text(text.replace(old, new))
+    assert any(words in sentence for sentence in page.differences(found(), "# Page", tmp_path))

@@ -173,9 +173,15 @@ def _until(condition, seconds=20.0):
         time.sleep(0.01)
 
 
+def _takes_signals():
+    """In the child: what a background shell ignores is not left ignored."""
+    for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
+        signal.signal(number, signal.SIG_DFL)
+
+
 def _started(directory, solver):
     command = [sys.executable, "-m", "vkctl", "run", str(directory), "--vk-rund", str(solver)]
-    return subprocess.Popen(command, stdout=subprocess.PIPE, text=True)
+    return subprocess.Popen(command, stdout=subprocess.PIPE, text=True, preexec_fn=_takes_signals)
 
 
 @pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM])
