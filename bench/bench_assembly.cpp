@@ -3,8 +3,6 @@
 #include <benchmark/benchmark.h>
 #include <omp.h>
 
-#include <vector>
-
 #include "../tests/support/box_model.hpp"
 #include "elements/assembly.hpp"
 #include "elements/feelem.hpp"

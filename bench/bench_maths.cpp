@@ -3,6 +3,7 @@
 // gives 89,373 equations, 46 gives 292,008.
 #include <benchmark/benchmark.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <memory>

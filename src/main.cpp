@@ -1,7 +1,6 @@
 // vk_rund DIRECTORY: solves the load cases that are prepared in a working directory.
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 #include <string>
 #include <string_view>
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <iterator>
 
 #include "elements/feelem.hpp"
 #include "model/fedof.hpp"

@@ -52,5 +52,3 @@ void PLATFORM_GUARDSTREAMS() {
 }
 
 void PLATFORM_FLUSHTOZERO() { SetControlRegister(ControlRegister() | FlushMask); }
-
-bool PLATFORM_FLUSHESTOZERO() { return (ControlRegister() & FlushMask) == FlushMask; }

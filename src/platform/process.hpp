@@ -23,4 +23,3 @@ inline constexpr int LargestTeam = 16;
 // Flush-to-zero and denormals-are-zero for the calling thread. Threads started later inherit it
 // where the system copies the control register; the thread set-up sets it for each all the same.
 void PLATFORM_FLUSHTOZERO();
-bool PLATFORM_FLUSHESTOZERO();

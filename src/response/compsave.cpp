@@ -4,7 +4,6 @@
 #include <atomic>
 #include <cmath>
 #include <limits>
-#include <string>
 
 #include "elements/feelem.hpp"
 #include "elements/response_arrays.hpp"

@@ -1,9 +1,9 @@
 #include "run/describe.hpp"
 
-#include <algorithm>
 #include <cstring>
 #include <span>
 #include <string_view>
+#include <variant>
 #include <vector>
 
 #include "model/femodel.hpp"

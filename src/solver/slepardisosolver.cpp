@@ -2,8 +2,8 @@
 
 #include <algorithm>
 #include <bit>
+#include <iterator>
 #include <string>
-#include <type_traits>
 
 #include "platform/maths/maths.hpp"
 #include "platform/slot.hpp"

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
+#include <omp.h>
 
+#include <algorithm>
 #include <cmath>
 #include <random>
 #include <vector>

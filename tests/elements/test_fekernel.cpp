@@ -5,6 +5,7 @@
 #include <cstring>
 #include <limits>
 #include <tuple>
+#include <utility>
 
 #include "elements/fekernel.hpp"
 #include "elements/kernel_cases.hpp"

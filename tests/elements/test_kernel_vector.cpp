@@ -1,10 +1,9 @@
 // The vector operations, with two and with eight doubles, made of whatever registers the build has.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
-#include <random>
-#include <vector>
 
 #include "elements/kernel_vector.hpp"
 

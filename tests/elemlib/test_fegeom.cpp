@@ -76,6 +76,16 @@ TEST_F(Fegeom, CoordinatesComeInConnectivityOrder) {
   ExpectCoordinates(coords, FEMODEL::Conn41[0].Node, 10);
 }
 
+TEST_F(Fegeom, DisplacementsOfARowAreThoseOfItsElement) {
+  ElementVector disp, expected;
+  FEGEOM_ELEMDISP(2, solution_.data(), expected);
+  FEGEOM_ELEMDISP_HEX8(1, solution_.data(), disp);
+  for (int i = 0; i < 24; ++i) EXPECT_EQ(disp[i], expected[i]) << i;
+  FEGEOM_ELEMDISP(3, solution_.data(), expected);
+  FEGEOM_ELEMDISP_TET10(1, solution_.data(), disp);
+  for (int i = 0; i < 30; ++i) EXPECT_EQ(disp[i], expected[i]) << i;
+}
+
 TEST_F(Fegeom, UnknownTypeLeavesItsOutputsUnchanged) {
   std::int32_t dofCount = -5;
   ElementDofs dofs = {42};

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <ios>
 
 #include "elemlib/femat.hpp"
 #include "support/small_model.hpp"

@@ -2,6 +2,9 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cstdlib>
+#include <fstream>
+
 #include "platform/stop.hpp"
 #include "support/working_directory.hpp"
 

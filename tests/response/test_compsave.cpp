@@ -1,10 +1,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <omp.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
-#include <filesystem>
-#include <limits>
 #include <string>
 #include <vector>
 

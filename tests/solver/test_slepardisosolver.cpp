@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <bit>
 #include <cmath>
 #include <limits>
@@ -317,6 +318,16 @@ TEST_F(Slepardisosolver, FactorOfTheOtherIndexPathIsReleasedAtTheEndOfTheRun) {
   SOLVERSTA::UseIm4 = false;
   SOLVERSTA_RELEASE();
   EXPECT_FALSE(SLEPARDISOSOLVER_HASFACTOR());
+  EXPECT_EQ(CountInLog("Warning"), 0);
+}
+
+TEST_F(Slepardisosolver, EitherNameReleasesTheFactorOfEitherPath) {
+  for (const bool use4 : {true, false})
+    for (const auto release : {SLEPARDISOSOLVER_RELEASE_I4, SLEPARDISOSOLVER_RELEASE_I8}) {
+      Prepare(SOLVERSTA::ModeFactorised, Good, use4);
+      release();
+      EXPECT_FALSE(SLEPARDISOSOLVER_HASFACTOR());
+    }
   EXPECT_EQ(CountInLog("Warning"), 0);
 }
 

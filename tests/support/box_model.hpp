@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <initializer_list>
 #include <vector>
 
 #include "elemlib/feinteg.hpp"

@@ -1,6 +1,7 @@
 // Small files for tests: values packed as they lie on disk, whole files at once.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>

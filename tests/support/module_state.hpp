@@ -1,6 +1,11 @@
 // The global state of all modules as it is when the program starts, so that tests run in any order.
 #pragma once
 
+#include <algorithm>
+#include <cstdint>
+#include <iterator>
+#include <limits>
+
 #include "elements/response_arrays.hpp"
 #include "model/fedof.hpp"
 #include "model/feloadcase.hpp"
@@ -11,6 +16,8 @@
 #include "run/services/arrays.hpp"
 #include "run/services/logger.hpp"
 #include "run/services/vkcore.hpp"
+#include "solver/slepardisosolver.hpp"
+#include "solver/slepccgsolver.hpp"
 #include "solver/solversta.hpp"
 
 inline void CloseQuietly(FileStream& stream) {
@@ -76,6 +83,38 @@ inline void ResetSystem() {
   SOLVERSTA::NumEntries = 0;
   SOLVERSTA::UseIm4 = true;
   SOLVERSTA::SolverReady = false;
+  SOLVERSTA::pR4.reset();
+  SOLVERSTA::pC4.reset();
+  SOLVERSTA::pR8.reset();
+  SOLVERSTA::pC8.reset();
+  SOLVERSTA::SysMatrix.reset();
+  SOLVERSTA::SysMatrixSP.reset();
+  SOLVERSTA::SysForces.reset();
+  SOLVERSTA::SysRhs.reset();
+  SOLVERSTA::SysScale.reset();
+}
+
+// Behind ResetSystem, which releases a factor.
+inline void ResetSolvers() {
+  SLEPARDISOSOLVER::PardisoError = 0;
+  SLEPARDISOSOLVER::PardisoErrorText.assign(SLEPARDISOSOLVER::ErrorTextLength, ' ');
+  SLEPARDISOSOLVER::PardisoFactorHeld = false;
+  std::fill(std::begin(SLEPARDISOSOLVER::pt), std::end(SLEPARDISOSOLVER::pt), nullptr);
+  std::fill(std::begin(SLEPARDISOSOLVER::iparm), std::end(SLEPARDISOSOLVER::iparm), 0);
+  std::fill(std::begin(SLEPARDISOSOLVER::iparm8), std::end(SLEPARDISOSOLVER::iparm8), 0);
+  SLEPCCGSOLVER::PcgMode = SLEPCCGSOLVER::PcgPlain;
+  SLEPCCGSOLVER::PcgMaxIter = SLEPCCGSOLVER::ICount = 0;
+  SLEPCCGSOLVER::PcgQuality = 0.0f;
+}
+
+inline void ResetResponse() {
+  RESPONSE::NumTc = RESPONSE::NumNodes = 0;
+  RESPONSE::TcCounts.reset();
+  RESPONSE::TcValues.reset();
+  RESPONSE::AmsCounts.reset();
+  RESPONSE::AmsValues.reset();
+  RESPONSE::AmsSigns.reset();
+  RESPONSE::DisValues.reset();
 }
 
 inline void ResetRun() {
@@ -92,5 +131,7 @@ inline void ResetModules() {
   ResetNumbering();
   ResetLoadCase();
   ResetSystem();
+  ResetSolvers();
+  ResetResponse();
   ResetRun();
 }

@@ -22,25 +22,14 @@ class SmallModel : public WorkingDirectory {
     WorkingDirectory::SetUp();
     threads_ = omp_get_max_threads();
     omp_set_num_threads(2);
-    ResetSolvers();
   }
 
   void TearDown() override {
-    ResetSolvers();
-    COMPSAVE_FREERESPONSE();
-    RESPONSE::NumTc = RESPONSE::NumNodes = 0;
     omp_set_num_threads(threads_);
     WorkingDirectory::TearDown();
   }
 
  private:
-  static void ResetSolvers() {
-    SLEPARDISOSOLVER::PardisoError = 0;
-    SLEPARDISOSOLVER::PardisoErrorText.assign(SLEPARDISOSOLVER::ErrorTextLength, ' ');
-    SLEPCCGSOLVER::PcgMode = SLEPCCGSOLVER::PcgMaxIter = SLEPCCGSOLVER::ICount = 0;
-    SLEPCCGSOLVER::PcgQuality = 0.0f;
-  }
-
   int threads_ = 1;
 };
 

@@ -3,7 +3,6 @@
 // (VK_MATH=mkl|open). All index values are 1-based.
 #pragma once
 
-#include <cstdint>
 #include <string_view>
 
 extern "C" {

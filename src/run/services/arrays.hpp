@@ -2,7 +2,6 @@
 // place; every allocation failure ends in the one abort below.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <limits>
 #include <memory>
