@@ -4,6 +4,9 @@
 returns for each load case that the run will solve everything it must write. Systems are solved
 directly in double precision, so iteration counts, times and memory estimates are not predicted.
 
+Readers, tables, shape functions and rules here repeat on purpose what the program and its companion
+have: a mistake in theirs must not find its like here.
+
 Numbers of nodes, elements and so on are 1-based in the files and 0-based here, apart from
 `Numbering.dof_map` and the load-case numbers, which keep their file values.
 """

@@ -1,6 +1,9 @@
 """Finite element arithmetic in numpy, written apart from the solver: shapes, quadrature,
 consistent loads, error norms and stress recovery.
 
+Shapes and rules repeat on purpose what the solver and vkctl have: a mistake in theirs must not find
+its like in the suite that judges them.
+
 Arrays are indexed [element][point][node or component]; strains and stresses run xx, yy, zz, xy,
 yz, xz with engineering shear strains.
 """

@@ -14,10 +14,10 @@ import numpy as np
 import pytest
 
 from vkctl.directory import formats
+from vkctl.directory.formats import MODES
 from vkctl.directory.log import digest, parse_line
 from vkctl.running.advice import explain_status
 from vkctl.running.progress import stage
-from vkctl.running.run import MODES
 from vkctl.shapes import topology
 
 ROOT = Path(__file__).resolve().parents[3]

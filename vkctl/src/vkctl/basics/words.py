@@ -14,13 +14,18 @@ def counted(count: int, what: str) -> str:
     return f"{count} {what}" + ("" if count == 1 else "s")
 
 
+def closest(word: str, options: Iterable[str]) -> str | None:
+    """The option that a misspelt word is likely to mean, if any."""
+    folded = {option.lower(): option for option in reversed(list(options))}
+    close = difflib.get_close_matches(word.lower(), folded, 1, 0.6)
+    return folded[close[0]] if close else None
+
+
 def did_you_mean(word: str, options: Iterable[str]) -> str:
     """Suggestion for a misspelt word: the closest option, or all of them."""
     known = list(options)
-    folded = {option.lower(): option for option in reversed(known)}
-    close = difflib.get_close_matches(word.lower(), folded, 1, 0.6)
-    if close:
-        return f"did you mean {folded[close[0]]!r}?"
+    if meant := closest(word, known):
+        return f"did you mean {meant!r}?"
     if not known:
         return ""
     shown = ", ".join(known[:12]) + (", ..." if len(known) > 12 else "")

@@ -11,7 +11,7 @@ from vkctl.basics.words import counted, listed, some
 from vkctl.directory import formats
 from vkctl.directory.formats import LoadCaseMap
 from vkctl.directory.numbering import prescribed_components, prescribed_rows
-from vkctl.shapes.topology import HEX8
+from vkctl.shapes.topology import CORNERS_PER_TYPE
 
 from .element_tables import node_levels
 from .findings import Finding, error, note, warning
@@ -193,7 +193,7 @@ class _LoadCase:
         holds = np.zeros(len(levels), np.bool_)
         assert self.inputs.element_flags is not None
         for code, (numbers, nodes) in mesh.blocks.items():
-            corners = nodes[:, :4] if code != HEX8 else nodes
+            corners = nodes[:, : CORNERS_PER_TYPE[code]]
             no_level = self.inputs.element_flags[numbers - 1] & formats.ELEMENT_NO_LEVEL != 0
             solid = (levels[corners - 1] >= 0).any(axis=1) | no_level
             holds[nodes[solid] - 1] = True

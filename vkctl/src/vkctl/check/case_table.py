@@ -13,7 +13,7 @@ from vkctl.directory.formats import LoadCaseMap
 from vkctl.directory.numbering import prescribed_rows
 
 from .findings import Finding, error, note, warning
-from .inputs import LARGEST_NUMBER, Inputs
+from .inputs import Inputs
 
 _TABLE = "mxs.lcdata"
 _FLAGS = "mxs.lcflags"
@@ -28,9 +28,10 @@ def check_cases(inputs: Inputs) -> Iterator[Finding]:
         text = f"{_FLAGS} has {len(flags)} load cases, {_TABLE} has {len(records)}."
         yield error("count-cases", text, _FLAGS, "Both must belong to the same set of load cases.")
     yield from _order(records["RunOrder"][: len(flags)], len(records))
-    high = [number for number in inputs.to_run if number > LARGEST_NUMBER]
+    high = [number for number in inputs.to_run if number > formats.LARGEST_NUMBER]
     if high:
-        text = f"{listed(high, 'load case')} above {LARGEST_NUMBER} share the file mxs.lcmap.****."
+        beyond = f"{listed(high, 'load case')} above {formats.LARGEST_NUMBER}"
+        text = f"{beyond} share the file {formats.numbered('mxs.lcmap', high[0])}."
         yield error("case-number", text, _TABLE, "Split the load cases over several directories.")
     requested = (flags & formats.LOADCASE_REQUESTED != 0)[: len(records)]
     odd = np.flatnonzero(requested & (records["Kind"][: len(flags)] != formats.LOADCASE_STATIC)) + 1

@@ -8,14 +8,13 @@ import numpy as np
 
 from vkctl.basics.types import Array
 from vkctl.basics.words import counted, listed, some
-from vkctl.shapes.topology import HEX8, NODES_PER_TYPE, TET4, TET10
+from vkctl.shapes.topology import HEX8, NODES_PER_TYPE, TET4, TET10, TYPE_NAMES
 
 from .findings import Finding, error, note, warning
 from .inputs import ActiveMesh, Inputs, fingerprints
 from .quality import ShapeReport, measure
 
 _FILES_PER_NODE = (("node_flags", "mxs.nodeflags"), ("tp_index", "mxs.tpadr"))
-_TYPE_NAMES = {TET4: "4-node tetrahedra", HEX8: "hexahedra", TET10: "10-node tetrahedra"}
 
 
 def check_counts(inputs: Inputs) -> Iterator[Finding]:
@@ -103,7 +102,7 @@ def _rows_in_use(inputs: Inputs, mesh: ActiveMesh, records: Array) -> Iterator[F
         uses = np.bincount(inside, minlength=sizes[code] + 1)[1:]
         if (uses == 0).any():
             text = (
-                f"{counted(int((uses == 0).sum()), 'row')} of {_TYPE_NAMES[code]} have no element."
+                f"{counted(int((uses == 0).sum()), 'row')} of {TYPE_NAMES[code]} have no element."
             )
             yield note("element-row-unused", text, "mx.elems")
         double = numbers[_repeated(fingerprints(rows))]

@@ -14,7 +14,7 @@ from pathlib import Path
 import numpy as np
 
 from vkctl.basics.types import Array
-from vkctl.directory.formats import OPTIONS_FILE
+from vkctl.directory.formats import MODES, MOST_THREADS, OPTIONS_FILE
 from vkctl.directory.numbering import prescribed_components
 from vkctl.directory.structure import node_neighbours
 from vkctl.shapes.topology import HEX8, TET4, TET10
@@ -38,7 +38,7 @@ _FACTOR_ITERATIONS = 3
 _ITERATIONS_PER_STEP = 5.5  # iterations per element along the longest side, without a factor
 _THREAD_GAIN = 0.7  # of each further thread
 
-_AUTOMATIC, _ITERATIVE, _DIRECT = 0, 1, 2
+_AUTOMATIC, _ITERATIVE = MODES["automatic"], MODES["iterative"]
 
 
 def estimate(inputs: Inputs) -> dict[str, float]:
@@ -102,7 +102,7 @@ def threads(inputs: Inputs) -> int:
     """Threads that the solver would use on this machine."""
     wanted, there = int(inputs.option_values["Sys.MaxNumCompThreads"]), os.cpu_count() or 1
     count = there if wanted == 0 else there + wanted if wanted < 0 else min(wanted, there)
-    return max(1, min(count, 16))
+    return max(1, min(count, MOST_THREADS))
 
 
 def _seconds(

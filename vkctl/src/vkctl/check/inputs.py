@@ -19,7 +19,6 @@ from vkctl.shapes.topology import HEX8, TET4, TET10
 from .findings import Finding, error, note, warning
 
 _DIRECTIONS = 7  # bits of a DofMask
-LARGEST_NUMBER = 9999  # of a load case: its file names have four digits
 
 
 @dataclass
@@ -104,19 +103,18 @@ class Inputs:
         for number in self.load_cases["RunOrder"][: len(self.flags)].tolist():
             if not 1 <= number <= min(len(self.load_cases), len(self.flags)):
                 continue
-            static = self.load_cases["Kind"][number - 1] == formats.LOADCASE_STATIC
-            word = int(self.flags[number - 1])
-            wanted = word & formats.LOADCASE_REQUESTED and not word & formats.LOADCASE_EXCLUDED
-            if static and wanted and number not in numbers:
+            kind, word = int(self.load_cases["Kind"][number - 1]), int(self.flags[number - 1])
+            if formats.is_wanted(kind, word) and number not in numbers:
                 numbers.append(number)
         return numbers
 
     @cached_property
     def to_run(self) -> list[int]:
         """What the next run works on."""
-        assert self.flags is not None or not self.sequence
-        done = formats.LOADCASE_DONE
-        return [n for n in self.sequence if self.flags is not None and not self.flags[n - 1] & done]
+        if self.load_cases is None or self.flags is None:
+            return []
+        kinds, flags = self.load_cases["Kind"], self.flags
+        return [n for n in self.sequence if formats.is_to_run(int(kinds[n - 1]), int(flags[n - 1]))]
 
     @cached_property
     def sound_maps(self) -> list[int]:
@@ -231,7 +229,7 @@ def _file_finding(name: str, trouble: Exception) -> Finding:
 def _read_maps(inputs: Inputs) -> Iterator[Finding]:
     """The load-case files; those of load cases that won't run may be missing."""
     for number in inputs.sequence:
-        if number > LARGEST_NUMBER:
+        if number > formats.LARGEST_NUMBER:
             continue
         name = formats.numbered("mxs.lcmap", number)
         if number not in inputs.to_run and not Path(inputs.directory, name).exists():

@@ -17,7 +17,6 @@ _WHERE = "mx.mats"
 _ISOTROPIC = (
     formats.MATERIAL_ISOTROPIC | formats.MATERIAL_YIELDING | formats.MATERIAL_COMPRESSION_ONLY
 )
-_STATE = formats.MATERIAL_YIELDING | formats.MATERIAL_COMPRESSION_ONLY
 _NEARLY_INCOMPRESSIBLE = 0.49
 _LARGEST_MODULUS = 1e30  # stiffness is computed in single precision
 _LARGE_CONTRAST = 1e6  # of moduli, beyond which solutions lose their accuracy
@@ -40,7 +39,9 @@ def check_materials(inputs: Inputs) -> Iterator[Finding]:
     unused = sorted(set(range(1, len(inputs.materials) + 1)) - set(used))
     if unused:
         yield note("material-unused", f"No element has material {some(unused)}.", _WHERE)
-    with_state = [n for n in used if inputs.materials[n - 1]["MaterialFlags"] & _STATE]
+    with_state = [
+        n for n in used if inputs.materials[n - 1]["MaterialFlags"] & formats.MATERIAL_WITH_STATE
+    ]
     if with_state:
         text = f"Material {some(with_state)} changes the state of its elements from run to run."
         hint = (

@@ -2,18 +2,15 @@
 
 from __future__ import annotations
 
-import difflib
 import os
 from collections.abc import Iterator
 
+from vkctl.basics.words import closest
 from vkctl.directory import formats
 from vkctl.directory.formats import OPTIONS, OPTIONS_FILE, OptionLine
 
 from .findings import Finding, error, note, warning
 from .inputs import Inputs
-
-_LONGEST_LINE = 512
-_MOST_THREADS = 16
 
 
 def check_options(inputs: Inputs) -> Iterator[Finding]:
@@ -24,8 +21,10 @@ def check_options(inputs: Inputs) -> Iterator[Finding]:
         text = line.text.strip(" \r\t")
         if not text or line.text.lstrip(" ").startswith("*"):
             continue
-        if len(line.text.rstrip("\r")) > _LONGEST_LINE:
-            yield warning("option-long-line", "The line is cut at 512 characters.", where)
+        if len(line.text.rstrip("\r")) > formats.LONGEST_LINE:
+            yield warning(
+                "option-long-line", f"The line is cut at {formats.LONGEST_LINE} characters.", where
+            )
         if line.key is None:
             yield _unknown(text, where)
             continue
@@ -38,9 +37,8 @@ def check_options(inputs: Inputs) -> Iterator[Finding]:
 
 def _unknown(text: str, where: str) -> Finding:
     name = text.split("=")[0].strip()
-    by_lower = {key.lower(): key for key in OPTIONS}
-    close = difflib.get_close_matches(name.lower(), by_lower, 1, 0.6)
-    hint = f"Did you mean {by_lower[close[0]]}?" if close else "Known are: " + ", ".join(OPTIONS)
+    meant = closest(name, OPTIONS)
+    hint = f"Did you mean {meant}?" if meant else "Known are: " + ", ".join(OPTIONS)
     return warning("option-unknown", f'"{text[:60]}" has no known key and is ignored.', where, hint)
 
 
@@ -67,8 +65,12 @@ def _known(line: OptionLine, text: str, where: str) -> Iterator[Finding]:
 
 def _threads(values: dict[str, float]) -> Iterator[Finding]:
     wanted, there = int(values["Sys.MaxNumCompThreads"]), os.cpu_count() or 1
-    most = min(_MOST_THREADS, there)
+    most = min(formats.MOST_THREADS, there)
     if wanted > most:
-        why = "never more than 16" if most == _MOST_THREADS else "the processors of this machine"
+        why = (
+            f"never more than {most}"
+            if most == formats.MOST_THREADS
+            else "the processors of this machine"
+        )
         text = f"Sys.MaxNumCompThreads={wanted} gives {most} threads ({why})."
         yield note("option-threads", text, formats.OPTIONS_FILE)

@@ -11,6 +11,7 @@ import numpy as np
 
 from vkctl.basics.types import Array
 from vkctl.shapes.functions import hex8_gradients, tet10_gradients
+from vkctl.shapes.measures import NO_VOLUME
 from vkctl.shapes.rules import solver_hexahedron_points, solver_tetrahedron_points
 from vkctl.shapes.topology import (
     HEX8,
@@ -23,7 +24,6 @@ from vkctl.shapes.topology import (
 )
 
 _ELEMENTS_PER_BLOCK = 20_000  # bounds the work arrays
-_FLAT = 1e-10  # volume relative to the cube of the largest edge
 _SLIVER = 0.05  # quality below which an element is a sliver: about 1 thick and 100 wide
 _STRAIGHT = 1e-4  # mid-edge nodes off their edges' middles, relative to the edge: no more, straight
 _TET10_INNER = np.array([tet10_gradients(point) for point in solver_tetrahedron_points()])
@@ -65,7 +65,7 @@ def _measure(code: int, nodes: Array, rows: Array) -> ShapeReport:
     inner, outer, volume = _determinants(code, points)
     edges = points[:, HEX8_EDGES if code == HEX8 else _TET4_EDGES]
     lengths = np.linalg.norm(edges[:, :, 1] - edges[:, :, 0], axis=2)
-    flat = ~repeated & (np.abs(volume) <= _FLAT * lengths.max(axis=1) ** 3)
+    flat = ~repeated & (np.abs(volume) <= NO_VOLUME * lengths.max(axis=1) ** 3)
     sound = ~repeated & ~flat
     lowest = inner.min(axis=1)
     mirrored = sound & (inner.max(axis=1) < 0)

@@ -12,9 +12,8 @@ from vkctl.basics.words import listed
 from vkctl.directory import formats
 
 from .findings import Finding, error, warning
-from .inputs import LARGEST_NUMBER, Inputs
+from .inputs import Inputs
 
-_STATE = formats.MATERIAL_YIELDING | formats.MATERIAL_COMPRESSION_ONLY
 _LOWEST_STATE = np.float32(0.001)  # the solver holds states at this or above
 _HUGE = 1e6  # displacements beyond so many extents of the model are no start
 
@@ -22,7 +21,7 @@ _HUGE = 1e6  # displacements beyond so many extents of the model are no start
 def check_states(inputs: Inputs) -> Iterator[Finding]:
     """Findings on the files that the load cases still to run will read."""
     for number in inputs.to_run:
-        if number <= LARGEST_NUMBER:
+        if number <= formats.LARGEST_NUMBER:
             yield from _displacements(inputs, number)
             yield from _element_state(inputs, number)
             yield from _criterion(inputs, number)
@@ -55,7 +54,7 @@ def _element_state(inputs: Inputs, number: int) -> Iterator[Finding]:
     path = Path(inputs.directory, name)
     if inputs.materials is None or inputs.element_flags is None or not path.exists():
         return
-    if not (inputs.materials["MaterialFlags"] & _STATE).any():
+    if not (inputs.materials["MaterialFlags"] & formats.MATERIAL_WITH_STATE).any():
         return
     there, elements = np.fromfile(path, "<i4", 1), len(inputs.element_flags)
     if len(there) and there[0] != elements:
@@ -80,7 +79,7 @@ def _with_state(inputs: Inputs, elements: int) -> Array:
     if inputs.mesh is not None and inputs.tables is not None and inputs.materials is not None:
         valid = np.flatnonzero(inputs.mesh.valid)
         material = inputs.tables.records["MaterialIndex"][valid] - 1
-        mask[valid] = inputs.materials["MaterialFlags"][material] & _STATE != 0
+        mask[valid] = inputs.materials["MaterialFlags"][material] & formats.MATERIAL_WITH_STATE != 0
     return mask
 
 

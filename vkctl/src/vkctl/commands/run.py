@@ -9,7 +9,8 @@ from typing import Annotated
 import typer
 from rich.console import Console
 
-from vkctl.running.run import BusyError, Mode, NotFoundError, run
+from vkctl.directory.formats import Mode
+from vkctl.running.run import BusyError, NotFoundError, run
 from vkctl.terminal.arguments import Directory
 from vkctl.terminal.display import closing_lines, shown
 from vkctl.terminal.refusal import refuse

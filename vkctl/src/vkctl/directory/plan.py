@@ -25,14 +25,11 @@ def plan(directory: PathLike) -> list[PlannedCase]:
     """
     records = formats.read_loadcases(directory)
     flags, _ = formats.read_loadcase_flags(directory)
-    not_to_run = formats.LOADCASE_DONE | formats.LOADCASE_EXCLUDED
     planned: dict[int, PlannedCase] = {}
     for number in records["RunOrder"][: len(flags)].tolist():
         if not 1 <= number <= min(len(records), len(flags)):
             break
-        word = int(flags[number - 1])
-        static = records["Kind"][number - 1] == formats.LOADCASE_STATIC
-        if static and word & formats.LOADCASE_REQUESTED and not word & not_to_run:
+        if formats.is_to_run(int(records["Kind"][number - 1]), int(flags[number - 1])):
             planned.setdefault(
                 number, PlannedCase(number, int(records["PatternIndex"][number - 1]))
             )

@@ -10,6 +10,8 @@ from vkctl.basics.types import Array, PathLike
 
 from . import formats
 
+POOR_QUALITY = 0.9  # below this a solution draws a warning and leaves no start vector
+
 
 @dataclass
 class Results:

@@ -14,7 +14,7 @@ from vkctl.directory import formats
 from vkctl.directory.model import Model
 from vkctl.directory.numbering import EXCLUDED
 from vkctl.shapes.measures import element_volumes
-from vkctl.shapes.topology import HEX8, TET4, TET10
+from vkctl.shapes.topology import CORNERS_PER_TYPE, HEX8, HEX8_SIGNS, TET4, TET10, TYPES
 
 DEFAULT_RADIUS = 1.5  # mean distances of neighbouring nodes
 _BISECTIONS = 45
@@ -100,7 +100,7 @@ def make_design(model: Model, radius: float | None, kept_nodes: Array) -> Design
 def _node_distance(model: Model) -> float:
     """Mean length of the first edge of each element."""
     lengths = []
-    for code in (TET4, HEX8, TET10):
+    for code in TYPES:
         first, second = model.elements.of_type(code)[1][:, :2].T - 1
         lengths.append(np.linalg.norm(model.nodes[first] - model.nodes[second], axis=1))
     return float(np.concatenate(lengths).mean())
@@ -127,11 +127,12 @@ def _samples(model: Model) -> list[tuple[Array, Array, Array]]:
     off = model.element_flags & np.int16(EXCLUDED | formats.ELEMENT_NO_LEVEL) != 0
     volumes = element_volumes(model.nodes, model.elements)
     found = []
-    for code, corners, shapes in (
-        (TET4, 4, _tetrahedron_shapes()),
-        (TET10, 4, _tetrahedron_shapes()),
-        (HEX8, 8, _hexahedron_shapes()),
+    for code, shapes in (
+        (TET4, _tetrahedron_shapes()),
+        (TET10, _tetrahedron_shapes()),
+        (HEX8, _hexahedron_shapes()),
     ):
+        corners = CORNERS_PER_TYPE[code]
         numbers, rows = model.elements.of_type(code)
         used = ~off[numbers - 1]
         if used.any():
@@ -155,10 +156,6 @@ def _tetrahedron_shapes() -> Array:
 def _hexahedron_shapes() -> Array:
     """Trilinear functions at 4 x 4 x 4 inner points, (64, 8)."""
     s = np.array(_HEX_SAMPLES)
-    signs = np.array(
-        ((-1, -1, -1), (1, -1, -1), (1, 1, -1), (-1, 1, -1))
-        + ((-1, -1, 1), (1, -1, 1), (1, 1, 1), (-1, 1, 1))
-    )
     points = np.array(np.meshgrid(s, s, s)).reshape(3, -1).T
-    shapes: Array = np.prod(1.0 + points[:, None, :] * signs, axis=2) / 8.0
+    shapes: Array = np.prod(1.0 + points[:, None, :] * HEX8_SIGNS, axis=2) / 8.0
     return shapes

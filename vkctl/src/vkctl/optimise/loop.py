@@ -195,7 +195,7 @@ def _requested(model: Model) -> list[int]:
     return [
         number
         for number, case in enumerate(model.load_cases, 1)
-        if case.kind == formats.LOADCASE_STATIC and case.requested and not case.excluded
+        if formats.is_wanted(case.kind, case.flags)
     ]
 
 

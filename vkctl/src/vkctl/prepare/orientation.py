@@ -6,25 +6,33 @@ import numpy as np
 
 from vkctl.basics.types import Array
 from vkctl.shapes.elements import Elements
-from vkctl.shapes.measures import curved, determinants
-from vkctl.shapes.topology import HEX8, HEX8_SIGNS, TET4, TET10, TET10_EDGES, TURNED, TYPE_NAMES
+from vkctl.shapes.measures import NEARLY_NO_VOLUME, curved, determinants
+from vkctl.shapes.topology import (
+    CORNERS_PER_TYPE,
+    HEX8,
+    HEX8_SIGNS,
+    TET4,
+    TET10,
+    TET10_EDGES,
+    TURNED,
+    TYPE_NAMES,
+    TYPES,
+)
 
 from .part import PartError, labelled
-
-_FLAT = 1e-6  # volume over (longest edge)^3 below which an element counts as flat
 
 
 def orient(nodes: Array, elements: Elements, labels: Array, reorder: bool) -> list[str]:
     """Turn inverted elements round in place; notes on what was done."""
     notes = []
-    for code in (TET4, TET10, HEX8):
+    for code in TYPES:
         table = elements.table(code)
         if not len(table):
             continue
         named = labels[elements.type_codes == code]
-        corners = table[:, : 8 if code == HEX8 else 4]
+        corners = table[:, : CORNERS_PER_TYPE[code]]
         volume, size = _corner_volumes(nodes, corners)
-        flat = np.abs(volume) <= _FLAT * size**3
+        flat = np.abs(volume) <= NEARLY_NO_VOLUME * size**3
         if np.any(flat):
             raise PartError(
                 f"{np.count_nonzero(flat)} of the {TYPE_NAMES[code]} have no volume: elements "

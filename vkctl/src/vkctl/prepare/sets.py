@@ -12,6 +12,7 @@ from vkctl.basics.words import counted, did_you_mean
 from vkctl.shapes.elements import Elements
 from vkctl.shapes.faces import boundary_faces
 from vkctl.shapes.measures import element_centroids
+from vkctl.shapes.topology import TYPES
 
 from .case_file import locate
 from .case_file.entries import Cases, Names, Region, SetDefinition, SetKind
@@ -165,7 +166,7 @@ class Sets:
         chosen = np.zeros(len(self.mesh.elements), np.bool_)
         chosen[numbers - 1] = True
         mask = np.zeros(len(self.mesh.nodes), np.bool_)
-        for code in (40, 41, 60):
+        for code in TYPES:
             own, rows = self.mesh.elements.of_type(code)
             mask[rows[chosen[own - 1]] - 1] = True
         return np.flatnonzero(mask) + 1
@@ -183,7 +184,7 @@ class Sets:
         member = np.zeros(len(self.mesh.nodes) + 1, np.bool_)
         member[self.nodes(title, where)] = True
         inside = np.zeros(len(self.mesh.elements), np.bool_)
-        for code in (40, 41, 60):
+        for code in TYPES:
             own, rows = self.mesh.elements.of_type(code)
             inside[own - 1] = member[rows].all(axis=1)
         return np.flatnonzero(inside & self.active) + 1

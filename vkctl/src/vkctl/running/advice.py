@@ -125,6 +125,8 @@ def explain_message(text: str) -> Advice:
     return Advice(f"The solver reports: {text}", "", text)
 
 
+STOPPED_STATUS = 242  # of a run that ended with an error line
+
 _STATUSES = {
     0: Advice("The run ended normally."),
     126: Advice("The solver can't be executed.", "Is the file a program for this machine?"),
@@ -135,15 +137,17 @@ _STATUSES = {
         "The solver can't write its log.",
         "Is the directory writable, and is there space on the disk?",
     ),
-    242: Advice("The solver stopped with an error.", "The last line of the log tells which."),
+    STOPPED_STATUS: Advice(
+        "The solver stopped with an error.", "The last line of the log tells which."
+    ),
 }
 
-_RESTART = "Start it again: load cases that are done stay done."
+RESTART = "Start it again: load cases that are done stay done."
 _SIGNALS = {
     signal.SIGKILL: (
         "was killed (SIGKILL)",
         "If nobody did, the system ran out of memory: lower Sys.AvailableMemGB or use "
-        "`--mode iterative`. " + _RESTART,
+        "`--mode iterative`. " + RESTART,
     ),
     signal.SIGSEGV: (
         "crashed (SIGSEGV)",
@@ -152,7 +156,7 @@ _SIGNALS = {
     ),
     signal.SIGBUS: (
         "crashed (SIGBUS)",
-        "Often the disk or a memory file system is full. " + _RESTART,
+        "Often the disk or a memory file system is full. " + RESTART,
     ),
     signal.SIGABRT: ("crashed (SIGABRT)", "Report it with the directory and what was printed."),
     signal.SIGILL: (
@@ -160,10 +164,10 @@ _SIGNALS = {
         "The program holds instructions that this processor doesn't know: build it here.",
     ),
     signal.SIGFPE: ("crashed (SIGFPE)", "Report it with the directory."),
-    signal.SIGINT: ("was interrupted (SIGINT)", _RESTART),
-    signal.SIGTERM: ("was told to end (SIGTERM)", _RESTART),
-    signal.SIGHUP: ("lost its terminal (SIGHUP)", _RESTART),
-    signal.SIGXCPU: ("used up its processor time (SIGXCPU)", "Raise the limit. " + _RESTART),
+    signal.SIGINT: ("was interrupted (SIGINT)", RESTART),
+    signal.SIGTERM: ("was told to end (SIGTERM)", RESTART),
+    signal.SIGHUP: ("lost its terminal (SIGHUP)", RESTART),
+    signal.SIGXCPU: ("used up its processor time (SIGXCPU)", "Raise the limit. " + RESTART),
 }
 
 
@@ -186,6 +190,6 @@ def explain_signal(number: int) -> Advice:
     try:
         kind = signal.Signals(number)
     except ValueError:
-        return Advice(f"The solver was ended by signal {number}.", _RESTART)
-    what, hint = _SIGNALS.get(kind, (f"was ended by {kind.name}", _RESTART))
+        return Advice(f"The solver was ended by signal {number}.", RESTART)
+    what, hint = _SIGNALS.get(kind, (f"was ended by {kind.name}", RESTART))
     return Advice(f"The solver {what}.", hint)

@@ -20,15 +20,12 @@ from vkctl.basics.types import PathLike
 from vkctl.directory import formats
 from vkctl.directory.log import RunLog
 from vkctl.directory.plan import plan_or_nothing
+from vkctl.directory.results import POOR_QUALITY
 
 from . import processes
 from .advice import Advice, explain_message, explain_status
 from .pivot import explain_pivot
 from .progress import Progress, Tracker
-
-Mode = Literal["automatic", "iterative", "direct"]
-MODES: dict[str, int] = {"automatic": 0, "iterative": 1, "direct": 2}
-POOR_QUALITY = 0.9  # below this a solution draws a warning and leaves no start vector
 
 # How a run ended: at its normal end, by an error of its own, by a fault, by a signal from
 # elsewhere, or by a signal that was passed on to it.
@@ -123,7 +120,7 @@ def _executable(path: Path, source: str) -> Path:
 
 
 def set_run_options(
-    directory: PathLike, threads: int | None = None, mode: Mode | None = None
+    directory: PathLike, threads: int | None = None, mode: formats.Mode | None = None
 ) -> dict[str, float]:
     """Set threads and mode in `vk_rund_cmd.txt`, where given; other lines stay as they are.
 
@@ -134,7 +131,7 @@ def set_run_options(
     if threads is not None:
         changes["Sys.MaxNumCompThreads"] = threads
     if mode is not None:
-        changes["Sys.ComputationMode"] = MODES[mode]
+        changes["Sys.ComputationMode"] = formats.MODES[mode]
     if changes:
         formats.update_options(directory, changes)
     return changes
@@ -144,7 +141,7 @@ def run(
     directory: PathLike,
     *,
     threads: int | None = None,
-    mode: Mode | None = None,
+    mode: formats.Mode | None = None,
     vk_rund: PathLike | None = None,
     on_progress: Callable[[Progress], None] | None = None,
     poll: float = _POLL,

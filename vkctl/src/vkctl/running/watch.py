@@ -10,17 +10,14 @@ from vkctl.basics.types import PathLike
 from vkctl.directory.formats import LOG_FILE
 
 from . import processes
-from .advice import Advice
+from .advice import RESTART, STOPPED_STATUS, Advice
 from .progress import Progress, Tracker
 from .run import RunResult, summarise
 
 _POLL = 0.2  # seconds between two looks
 _GRACE = 1.0  # seconds without a writer and without a new line until a run counts as killed
 
-STOPPED_STATUS = 242  # of a run whose log ends with an error line
 KILLED_STATUS = 1
-
-_RESTART = "Start it again: load cases that are done stay done."
 
 
 class _Liveness:
@@ -109,6 +106,6 @@ def _killed(progress: Progress) -> RunResult:
     where = f" in load case {progress.log.load_cases[-1].number}" if progress.log.load_cases else ""
     result.advice = Advice(
         f"The run broke off{where}: its log has no end, and no process writes it any more.",
-        "It was killed or crashed. " + _RESTART,
+        "It was killed or crashed. " + RESTART,
     )
     return result

@@ -16,24 +16,13 @@ from .elements import Elements
 from .faces import faces_within
 from .forces import Traction, consistent_forces
 from .measures import element_centroids, select_nodes
-from .topology import TET10_EDGES
+from .topology import HEX8, HEX8_SIGNS, NODES_PER_TYPE, TET4, TET10, TET10_EDGES
 
 Kind = Literal["tet4", "hex8", "tet10", "mixed"]
 Side = Literal["x-", "x+", "y-", "y+", "z-", "z+"]
 
 # Steps from a cell's first corner to its eight corners, in the node order of the hexahedron.
-_CORNERS = np.array(
-    (
-        (0, 0, 0),
-        (1, 0, 0),
-        (1, 1, 0),
-        (0, 1, 0),
-        (0, 0, 1),
-        (1, 0, 1),
-        (1, 1, 1),
-        (0, 1, 1),
-    )
-)
+_CORNERS = ((HEX8_SIGNS + 1) / 2).astype(np.int64)
 LARGEST_DISTORTION = 0.15
 
 
@@ -165,7 +154,11 @@ def _lattice_tables(kind: Kind, cells: tuple[int, int, int], step: int) -> dict[
     return tables
 
 
-_WIDTHS = {"tet4": 4, "hex8": 8, "tet10": 10}
+_WIDTHS = {
+    "tet4": NODES_PER_TYPE[TET4],
+    "hex8": NODES_PER_TYPE[HEX8],
+    "tet10": NODES_PER_TYPE[TET10],
+}
 
 
 def _element_steps(name: str, step: int) -> Array:

@@ -9,7 +9,7 @@ from vkctl.basics.types import Array
 from .elements import Elements
 from .functions import GRADIENTS
 from .rules import VOLUME_RULES
-from .topology import HEX8, TET4, TET10, TET10_EDGES
+from .topology import CORNERS_PER_TYPE, TET10_EDGES
 
 
 def _determinants(nodes: Array, rows: Array, gradients: Array) -> Array:
@@ -35,7 +35,7 @@ def element_volumes(nodes: Array, elements: Elements) -> Array:
 def element_centroids(nodes: Array, elements: Elements) -> Array:
     """Mean of the corner nodes of each element, (m, 3); NaN for unknown type codes."""
     centroids = np.full((len(elements), 3), np.nan)
-    for code, corners in ((TET4, 4), (HEX8, 8), (TET10, 4)):
+    for code, corners in CORNERS_PER_TYPE.items():
         numbers, rows = elements.of_type(code)
         centroids[numbers - 1] = nodes[rows[:, :corners] - 1].mean(axis=1)
     return centroids
@@ -61,6 +61,11 @@ def select_nodes(
     return np.flatnonzero(inside) + 1
 
 
+# Volume over the cube of the longest edge. Below the first an element has no volume that a solve
+# can bear. Below the second it is no more than what 32-bit coordinates make of a flat one: a part
+# is refused with it, since it can be meshed anew, while a directory that holds it still runs.
+NO_VOLUME = 1e-10
+NEARLY_NO_VOLUME = 1e-6
 _BLOCK = 1 << 13  # elements at a time
 
 

@@ -16,6 +16,11 @@ TYPE_NAMES = {
     HEX8: "8-node hexahedra",
 }
 
+# Types in the order of their tables in a file, and how many of their nodes are corners, which come
+# first.
+TYPES = (TET4, HEX8, TET10)
+CORNERS_PER_TYPE = {TET4: 4, HEX8: 8, TET10: 4}
+
 # Cell types of VTK that have the same node order, mid-edge nodes included.
 VTK_CELLS = {TET4: 10, HEX8: 12, TET10: 24}
 

@@ -11,9 +11,12 @@ from rich.live import Live
 from rich.table import Table
 from rich.text import Text
 
+from vkctl.basics.words import counted
+from vkctl.directory.formats import MODES
 from vkctl.directory.log import LoadCaseLog
+from vkctl.directory.results import POOR_QUALITY
 from vkctl.running.progress import Progress
-from vkctl.running.run import POOR_QUALITY, RunResult
+from vkctl.running.run import RunResult
 
 _ROWS = 12  # load cases shown at a time, the latest
 # Heading, least width (so that the table doesn't twitch), side.
@@ -27,7 +30,7 @@ _COLUMNS: tuple[tuple[str, int, Literal["left", "right"]], ...] = (
     ("factor", 8, "right"),
     ("time", 9, "right"),
 )
-_MODE_NAMES = {1: "iterative", 2: "direct"}
+_MODE_NAMES: dict[int, str] = {number: name for name, number in MODES.items()}
 
 
 def clock(seconds: float) -> str:
@@ -89,7 +92,7 @@ def state_line(progress: Progress) -> str:
     if progress.remaining is not None and progress.open:
         parts.append(f"about {clock(progress.remaining)} left")
     if progress.replaced:
-        parts.append(f"restarted {_count(progress.replaced, 'time')}")
+        parts.append(f"restarted {counted(progress.replaced, 'time')}")
     return ", ".join(parts)
 
 
@@ -150,7 +153,7 @@ def closing_lines(result: RunResult) -> list[str]:
 def _finished_line(result: RunResult) -> str:
     if not result.planned:
         return "Nothing was to be run: no load case is requested and still open."
-    done = _count(len(result.planned) - len(result.open), "load case")
+    done = counted(len(result.planned) - len(result.open), "load case")
     return f"{done} solved in {clock(result.seconds)}{_peak(result)}."
 
 
@@ -158,13 +161,9 @@ def _peak(result: RunResult) -> str:
     return f", {result.peak_memory_gb:.2f} GB" if result.peak_memory_gb is not None else ""
 
 
-def _count(number: int, what: str) -> str:
-    return f"{number} {what}" + ("" if number == 1 else "s")
-
-
 def _cases(numbers: list[int], most: int = 10) -> str:
     """Such as "2 load cases (4, 7)", the list cut where it gets long."""
     text = ", ".join(map(str, numbers[:most]))
     if len(numbers) > most:
         text += f" and {len(numbers) - most} more"
-    return f"{_count(len(numbers), 'load case')} ({text})"
+    return f"{counted(len(numbers), 'load case')} ({text})"

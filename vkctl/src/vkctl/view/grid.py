@@ -11,7 +11,7 @@ from vkctl.basics.types import Array, PathLike
 from vkctl.directory.model import Model, read
 from vkctl.directory.numbering import EXCLUDED
 from vkctl.directory.results import Results, read_results, solved
-from vkctl.shapes.topology import HEX8, TET4, TET10, VTK_CELLS
+from vkctl.shapes.topology import HEX8, HEX8_FACES, TET4, TET10, TET10_EDGES, VTK_CELLS
 
 if TYPE_CHECKING:
     import pyvista
@@ -28,11 +28,6 @@ _TET10_PARTS = np.array(
         (6, 7, 9, 10),
         (7, 8, 9, 10),
     )
-)
-_TET10_EDGES = np.array(((1, 2), (2, 3), (1, 3), (1, 4), (2, 4), (3, 4)))
-# Faces of a hexahedron, counter-clockwise seen from outside.
-_HEX8_FACES = np.array(
-    ((1, 4, 3, 2), (5, 6, 7, 8), (1, 2, 6, 5), (2, 3, 7, 6), (3, 4, 8, 7), (4, 1, 5, 8))
 )
 _NEAREST_LEVEL = 1e-3  # of the largest level: nodes closer to zero count as just inside
 
@@ -128,7 +123,7 @@ def _hexahedron_parts(rows: Array, centres: Array) -> Array:
 
     A face is cut from its lowest node number, so that neighbours cut it alike.
     """
-    faces = rows[:, _HEX8_FACES - 1]
+    faces = rows[:, HEX8_FACES]
     lowest = faces.argmin(axis=2)
     turned = np.take_along_axis(faces, (lowest[:, :, None] + np.arange(4)) % 4, axis=2)
     triangles = np.concatenate((turned[:, :, [0, 1, 2]], turned[:, :, [0, 2, 3]]), axis=1)
@@ -153,7 +148,7 @@ def simplices(model: Model, fields: dict[str, Array]) -> tuple[Array, Array, dic
 
     tet10, hex8 = rows_of(TET10), rows_of(HEX8)
     all_fields = {"level": level_field(model).astype(np.float64), **fields}
-    edges = tet10[:, _TET10_EDGES - 1]
+    edges = tet10[:, TET10_EDGES]
     level = all_fields["level"]
     level[tet10[:, 4:].ravel()] = level[edges].mean(axis=2).ravel()
     centres = len(model.nodes) + np.arange(len(hex8))

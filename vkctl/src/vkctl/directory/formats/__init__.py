@@ -11,6 +11,8 @@ moment does a reader see half of it.
 
 from .load_case_files import (
     LoadCaseMap,
+    is_to_run,
+    is_wanted,
     read_loadcase_flags,
     read_loadcase_map,
     read_loadcases,
@@ -36,7 +38,11 @@ from .model_files import (
     write_tp_index,
 )
 from .options_file import (
+    LONGEST_LINE,
+    MODES,
+    MOST_THREADS,
     OPTIONS,
+    Mode,
     Option,
     OptionLine,
     parse_option_line,
@@ -64,6 +70,7 @@ from .records import (
     MATERIAL_COMPRESSION_ONLY,
     MATERIAL_ISOTROPIC,
     MATERIAL_ORTHOTROPIC,
+    MATERIAL_WITH_STATE,
     MATERIAL_YIELDING,
     NODE,
     NODE_NO_LOADS,
@@ -86,7 +93,7 @@ from .result_files import (
     write_stress,
     write_totals,
 )
-from .streams import FormatError, ShortFileError, numbered, replacing
+from .streams import LARGEST_NUMBER, FormatError, ShortFileError, numbered, replacing
 from .structure_file import RawStructure, read_structure, write_structure
 
 __all__ = [
@@ -99,6 +106,7 @@ __all__ = [
     "ElementTables",
     "FORCE",
     "FormatError",
+    "LARGEST_NUMBER",
     "LOADCASE",
     "LOADCASE_DONE",
     "LOADCASE_EXCLUDED",
@@ -106,12 +114,17 @@ __all__ = [
     "LOADCASE_REQUESTED",
     "LOADCASE_STATIC",
     "LOG_FILE",
+    "LONGEST_LINE",
     "LoadCaseMap",
     "MATERIAL",
     "MATERIAL_COMPRESSION_ONLY",
     "MATERIAL_ISOTROPIC",
     "MATERIAL_ORTHOTROPIC",
+    "MATERIAL_WITH_STATE",
     "MATERIAL_YIELDING",
+    "MODES",
+    "MOST_THREADS",
+    "Mode",
     "NODE",
     "NODE_NO_LOADS",
     "OPTIONS",
@@ -123,6 +136,8 @@ __all__ = [
     "ShortFileError",
     "TOTALS",
     "default_materials",
+    "is_to_run",
+    "is_wanted",
     "numbered",
     "parse_option_line",
     "read_criterion",

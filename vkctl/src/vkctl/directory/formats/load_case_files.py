@@ -10,7 +10,17 @@ import numpy.typing as npt
 
 from vkctl.basics.types import Array, PathLike
 
-from .records import CONSTRAINT, FORCE, LOADCASE, LOADCASE_FORMAT, SCALAR
+from .records import (
+    CONSTRAINT,
+    FORCE,
+    LOADCASE,
+    LOADCASE_DONE,
+    LOADCASE_EXCLUDED,
+    LOADCASE_FORMAT,
+    LOADCASE_REQUESTED,
+    LOADCASE_STATIC,
+    SCALAR,
+)
 from .streams import FormatError, Reader, int32_bytes, numbered, write_parts
 
 
@@ -47,6 +57,17 @@ def write_loadcase_flags(
     if len(reals) != len(words):
         raise ValueError(f"{len(words)} load-case flags but {len(reals)} values")
     write_parts(Path(directory, "mxs.lcflags"), [int32_bytes(len(words)), words, reals])
+
+
+def is_wanted(kind: int, flags: int) -> bool:
+    """Whether a load case takes part in runs: static, requested, not excluded; done or not."""
+    requested = flags & LOADCASE_REQUESTED != 0
+    return kind == LOADCASE_STATIC and requested and not flags & LOADCASE_EXCLUDED
+
+
+def is_to_run(kind: int, flags: int) -> bool:
+    """Whether the next run works on a load case: wanted and not done."""
+    return is_wanted(kind, flags) and not flags & LOADCASE_DONE
 
 
 @dataclass

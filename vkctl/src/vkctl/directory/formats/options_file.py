@@ -6,6 +6,7 @@ import re
 from collections.abc import Mapping
 from dataclasses import dataclass
 from pathlib import Path
+from typing import Literal
 
 from vkctl.basics.types import PathLike
 
@@ -28,6 +29,12 @@ class Option:
             return self.low
         return self.high if self.high is not None and value > self.high else value
 
+
+# Values of "Sys.ComputationMode": the log tells the mode that was taken by the same numbers.
+Mode = Literal["automatic", "iterative", "direct"]
+MODES: dict[Mode, int] = {"automatic": 0, "iterative": 1, "direct": 2}
+MOST_THREADS = 16  # of a run, whatever the option says
+LONGEST_LINE = 512  # characters of a line that are read
 
 # In the order in which the solver compares a line with the keys.
 OPTIONS: dict[str, Option] = {
@@ -72,7 +79,7 @@ class OptionLine:
 
 def parse_option_line(text: str) -> OptionLine:
     """Read a line as the solver does: it counts as a key's line when it begins with the key."""
-    line = text[:512].strip(" \r")
+    line = text[:LONGEST_LINE].strip(" \r")
     key = next((k for k in OPTIONS if line.startswith(k)), None)
     if key is None:
         return OptionLine(text, None, None, True)
@@ -98,7 +105,7 @@ def read_options(directory: PathLike) -> dict[str, float]:
     options: dict[str, float] = {}
     for number, line in enumerate(read_option_lines(directory), 1):
         if not line.readable:
-            shown = line.text[:512].strip(" \r")
+            shown = line.text[:LONGEST_LINE].strip(" \r")
             path = Path(directory, OPTIONS_FILE)
             raise FormatError(path, f"line {number}: no value in {shown!r}")
         if line.key is not None and line.value is not None:

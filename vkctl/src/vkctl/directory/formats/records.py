@@ -14,6 +14,9 @@ MATERIAL_YIELDING = 1 << 9
 MATERIAL_COMPRESSION_ONLY = 1 << 10
 MATERIAL_ORTHOTROPIC = 1 << 11
 
+# Of either kind the element states change from run to run.
+MATERIAL_WITH_STATE = MATERIAL_YIELDING | MATERIAL_COMPRESSION_ONLY
+
 # NodeFlags: nodal loads skipped, diagonal entries perturbed.
 NODE_NO_LOADS = 1 << 11
 

@@ -99,6 +99,9 @@ def write_counted(path: PathLike, dtype: npt.DTypeLike, values: npt.ArrayLike) -
     write_parts(path, [int32_bytes(len(array)), array])
 
 
+LARGEST_NUMBER = 9999  # of a load case: its file names have four digits
+
+
 def numbered(stem: str, number: int) -> str:
-    """File name of a load case: the stem, a point, four digits (asterisks above 9999)."""
-    return f"{stem}." + (f"{number:04d}" if 0 <= number <= 9999 else "****")
+    """File name of a load case: the stem, a point, four digits (asterisks beyond)."""
+    return f"{stem}." + (f"{number:04d}" if 0 <= number <= LARGEST_NUMBER else "****")

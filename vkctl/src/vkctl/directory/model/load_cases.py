@@ -119,8 +119,7 @@ class LoadCase:
     @property
     def will_run(self) -> bool:
         """Whether the next run of the solver works on this load case."""
-        static = self.kind == formats.LOADCASE_STATIC
-        return static and self.requested and not (self.done or self.excluded)
+        return formats.is_to_run(self.kind, self.flags)
 
     def prescribe(
         self, nodes: npt.ArrayLike, directions: str | int = "xyz", values: npt.ArrayLike = 0.0

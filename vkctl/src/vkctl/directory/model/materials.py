@@ -135,7 +135,7 @@ class Material:
     @property
     def has_state(self) -> bool:
         """Whether the element state of this material changes from run to run."""
-        return bool(self.flags & (formats.MATERIAL_YIELDING | formats.MATERIAL_COMPRESSION_ONLY))
+        return bool(self.flags & formats.MATERIAL_WITH_STATE)
 
 
 # Attribute of Material and field of the MATERIAL record.

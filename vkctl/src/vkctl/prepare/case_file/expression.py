@@ -3,13 +3,13 @@
 from __future__ import annotations
 
 import ast
-import difflib
 from collections.abc import Callable
 from typing import Any
 
 import numpy as np
 
 from vkctl.basics.types import Array
+from vkctl.basics.words import closest
 
 _CONSTANTS = {"pi": np.pi, "e": np.e}
 _FUNCTIONS: dict[str, tuple[Callable[..., Any], int]] = {
@@ -60,8 +60,8 @@ class ExpressionError(ValueError):
 
 
 def _known(name: str, options: list[str]) -> str:
-    close = difflib.get_close_matches(name, options, 1)
-    return f"; did you mean {close[0]!r}?" if close else f"; known are {', '.join(options)}"
+    meant = closest(name, options)
+    return f"; did you mean {meant!r}?" if meant else f"; known are {', '.join(options)}"
 
 
 def _check(node: ast.AST, depth: int = 0) -> None:

@@ -11,7 +11,7 @@ from pathlib import Path
 
 from vkctl.basics.types import PathLike
 from vkctl.basics.words import did_you_mean
-from vkctl.directory.formats import OPTIONS
+from vkctl.directory.formats import LARGEST_NUMBER, OPTIONS
 
 from ..part import MeshOptions
 from .entries import CaseEntry, Cases, Names, SetKind
@@ -98,8 +98,8 @@ def _read_load_cases(cases: Cases, top: Table) -> None:
         _check_names(table, "supports", entry.supports, cases.supports)
         cases.load_cases.append(entry)
         table.done()
-    if len(cases.load_cases) > 9999:
-        top.report.add(("load_case",), "more than 9999 load cases")
+    if len(cases.load_cases) > LARGEST_NUMBER:
+        top.report.add(("load_case",), f"more than {LARGEST_NUMBER} load cases")
     if not cases.supports:
         text = "no supports: nothing holds the part"
         top.report.add((), text, "add a table [supports.NAME] with a 'set'")

@@ -2,7 +2,6 @@
 
 from __future__ import annotations
 
-import difflib
 import math
 import re
 import tomllib
@@ -11,7 +10,7 @@ from pathlib import Path
 from typing import Any
 
 from vkctl.basics.types import PathLike
-from vkctl.basics.words import did_you_mean
+from vkctl.basics.words import closest, did_you_mean
 
 from . import locate
 from .expression import Expression, ExpressionError
@@ -97,8 +96,8 @@ class Table:
         if key in self.data:
             return True, self.data[key]
         if isinstance(default, _Required):
-            close = difflib.get_close_matches(key, self.data, 1)
-            hint = f"is {close[0]!r} meant to be it?" if close else ""
+            meant = closest(key, self.data)
+            hint = f"is {meant!r} meant to be it?" if meant else ""
             self.report.add(self.path, f"{self.label} has no {key!r}", hint)
             return False, None
         return False, default
