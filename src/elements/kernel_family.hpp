@@ -5,6 +5,7 @@
 // no sum across lanes.
 #pragma once
 
+#include <cstddef>
 #include <type_traits>
 
 #include "elements/kernel_laws.hpp"
@@ -219,7 +220,7 @@ template <class Isa, class Shape, int Part>
   constexpr int L = Isa::Lanes;
   constexpr int tail = 3 * (Shape::Nodes % L) - Part * L;  // places left in an incomplete block
   const Vector<Isa> rows = Interleave<Isa, Part>(x, y, z, std::make_integer_sequence<int, L>());
-  double* out = vector + 3 * first + Part * L;
+  double* out = vector + std::ptrdiff_t{3} * first + Part * L;
   if (tail >= L || first + L <= Shape::Nodes)
     StoreUnaligned<Isa>(out, rows);
   else
@@ -308,7 +309,7 @@ template <class Isa, class Shape>
 #pragma GCC unroll 3
   for (int j = 0; j < 3; ++j)
     StoreNodes<Isa, Shape>(block[0][j], block[1][j], block[2][j], first,
-                           matrix + MaxElementDofs * (3 * b + j));
+                           matrix + std::ptrdiff_t{MaxElementDofs} * (3 * b + j));
 }
 
 // The same sums for all pairs a <= b. matrix holds zeros.

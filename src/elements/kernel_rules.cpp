@@ -1,6 +1,7 @@
 #include "elements/kernel_rules.hpp"
 
 #include <algorithm>
+#include <cstddef>
 
 #include "elements/kernel_constants.hpp"
 #include "elemlib/feinteg.hpp"
@@ -25,7 +26,7 @@ KernelRule MakeTetRule(int order) {
   KernelRule rule = {};
   rule.numPoints = FEINTEG_TETPOINTCOUNT(order);
   for (int p = 0; p < rule.numPoints; ++p) {
-    const double* row = slot.points.get() + 4 * p;
+    const double* row = slot.points.get() + std::ptrdiff_t{4} * p;
     rule.weight[p] = slot.weights.get()[p];
     for (int k = 0; k < 3; ++k) rule.coordinate[k][p] = row[k + 1];
   }

@@ -1,5 +1,7 @@
 #include "elemlib/fegeom.hpp"
 
+#include <cstddef>
+
 #include "model/fedof.hpp"
 #include "platform/slot.hpp"
 
@@ -7,14 +9,14 @@ namespace {
 
 void GatherDisplacements(const std::int32_t* nodes, int count, const double* solution,
                          ElementVector& disp) {
-  for (int i = 0; i < count; ++i) {
+  for (std::ptrdiff_t i = 0; i < count; ++i) {
     const std::int32_t* dofs = &FEDOF::NodeDofMap[3 * Slot(nodes[i])];
     for (int k = 0; k < 3; ++k) disp[3 * i + k] = FEDOF_VALUE(dofs[k], k, solution);
   }
 }
 
 void GatherCoordinates(const std::int32_t* nodes, int count, ElementVector& coords) {
-  for (int i = 0; i < count; ++i) {
+  for (std::ptrdiff_t i = 0; i < count; ++i) {
     const NodeRecord& node = FEMODEL::NodeCoords[Slot(nodes[i])];
     coords[3 * i] = static_cast<double>(node.X);
     coords[3 * i + 1] = static_cast<double>(node.Y);

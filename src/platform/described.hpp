@@ -99,17 +99,20 @@ constexpr std::int64_t OffsetOf(T Record::*place) {
   return std::find(bytes.begin(), bytes.end(), 1) - bytes.begin();
 }
 
+template <class T>
+inline constexpr unsigned LastExtent = std::rank_v<T> > 0 ? std::rank_v<T> - 1 : 0;
+
 template <class Record, class T>
 constexpr Field FieldOf(const Member<Record, T>& member) {
   using Value = std::remove_all_extents_t<T>;
   const int rows = std::rank_v<T> > 1 ? static_cast<int>(std::extent_v<T>) : 1;
-  const int columns = static_cast<int>(sizeof(T) / sizeof(Value)) / rows;
+  const int columns = std::rank_v<T> > 0 ? static_cast<int>(std::extent_v<T, LastExtent<T>>) : 1;
   return {member.name,    ScalarOf<Value>(), rows, columns, OffsetOf(member.place),
           member.meaning, member.values};
 }
 
 constexpr std::int64_t FIELD_BYTES(const Field& field) {
-  return field.rows * field.columns * SCALAR_BYTES(field.type);
+  return SCALAR_BYTES(field.type) * field.rows * field.columns;
 }
 
 // The fields of a record, in its order. Doesn't compile unless they cover it without gap or
