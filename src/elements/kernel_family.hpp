@@ -220,7 +220,7 @@ template <class Isa, class Shape, int Part>
   constexpr int L = Isa::Lanes;
   constexpr int tail = 3 * (Shape::Nodes % L) - Part * L;  // places left in an incomplete block
   const Vector<Isa> rows = Interleave<Isa, Part>(x, y, z, std::make_integer_sequence<int, L>());
-  double* out = vector + std::ptrdiff_t{3} * first + Part * L;
+  double* out = vector + std::ptrdiff_t{3} * first + std::ptrdiff_t{Part} * L;
   if (tail >= L || first + L <= Shape::Nodes)
     StoreUnaligned<Isa>(out, rows);
   else
