@@ -27,8 +27,8 @@ MKL_LINKED=(libmkl_intel_lp64.a libmkl_gnu_thread.a libmkl_intel_thread.a libmkl
 # What a list of Python packages fetches and takes, about.
 declare -A SIZES=(
   [requirements.txt]="about 80 MB to fetch, 280 MB on disk"
-  [requirements-check.txt]="about 300 MB to fetch, 900 MB on disk"
-  [requirements-mkl.txt]="about 200 MB to fetch, 580 MB on disk"
+  [requirements-check.txt]="about 270 MB to fetch, 950 MB on disk"
+  [requirements-mkl.txt]="about 220 MB to fetch, 580 MB on disk"
 )
 
 say() { printf '%s\n' "$*"; }
