@@ -48,14 +48,14 @@ tests vkctl-tests env VK_RUND="$ROOT/build/release/vk_rund" \
 say "Counting lines"
 coverage() { "$VENV/bin/python" -m coverage "$@" --rcfile="$ROOT/scripts/coverage.ini"; }
 coverage combine -q
-coverage json -q -o "$COUNTS/python.json"
+coverage json -q -o "$COUNTS/companion.json"
 coverage html -q -d "$ROOT/build/coverage-html/vkctl"
 mkdir -p "$ROOT/build/coverage-html/vk_rund"
 "$VENV/bin/python" -m gcovr --root "$ROOT" --filter src/ --object-directory "$COUNTS" -j "$JOBS" \
   --gcov-ignore-parse-errors=negative_hits.warn --exclude-throw-branches \
-  --json-summary "$COUNTS/cpp.json" --html-nested "$ROOT/build/coverage-html/vk_rund/index.html" >"$LOGS/gcovr.log" 2>&1 || {
+  --json-summary "$COUNTS/solver.json" --html-nested "$ROOT/build/coverage-html/vk_rund/index.html" >"$LOGS/gcovr.log" 2>&1 || {
   tail -n 25 "$LOGS/gcovr.log" >&2
   fail "the solver's counts could not be read"
 }
-"$VENV/bin/python" scripts/coverage_table.py "$COUNTS/cpp.json" "$COUNTS/python.json"
+"$VENV/bin/python" scripts/coverage_table.py "$COUNTS/solver.json" "$COUNTS/companion.json"
 [ -z "$failed" ] || fail "tests failed; the table counts what they ran"
