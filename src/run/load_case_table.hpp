@@ -1,4 +1,5 @@
-// Module RUN, state: the table of load cases, read once, and its flags, the restart point.
+// Module RUN, state: the table of load cases, read once, which of them are to run, and their flags,
+// the restart point.
 #pragma once
 
 #include <cstdint>
