@@ -189,7 +189,10 @@ def part_surface(model: Model, fields: dict[str, Array] | None = None) -> pyvist
     solid = part_grid(model, fields)
     if solid.n_cells == 0:
         raise ValueError("the level field leaves no material")
-    surface = solid.extract_surface(algorithm="geometry", pass_pointid=False).triangulate()
+    outside = need("vtkmodules.vtkFiltersGeometry").vtkGeometryFilter()
+    outside.SetInputData(solid)
+    outside.Update()
+    surface = need("pyvista").wrap(outside.GetOutput()).triangulate()
     return surface.compute_normals(
         cell_normals=True, point_normals=False, auto_orient_normals=True, split_vertices=False
     )

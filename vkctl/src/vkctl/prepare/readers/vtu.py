@@ -58,7 +58,9 @@ def _collect_cells(part: Part, grid) -> dict[int, tuple[Array, Array]]:  # type:
     """Fill in the solids, in runs of one type; (cells, node rows) of each VTK type."""
     vtk = need("vtk")
     types = np.asarray(grid.celltypes)
-    starts, flat = np.asarray(grid.cell_offsets), np.asarray(grid.cell_connectivity)
+    as_array = need("vtkmodules.util.numpy_support").vtk_to_numpy
+    starts = as_array(grid.GetCells().GetOffsetsArray())
+    flat = as_array(grid.GetCells().GetConnectivityArray())
     rows_of = {}
     for kind in distinct(types):
         cells = np.flatnonzero(types == kind)
