@@ -11,6 +11,7 @@ from __future__ import annotations
 
 import argparse
 import importlib
+import os
 import sys
 import time
 from pathlib import Path
@@ -86,7 +87,9 @@ def main() -> int:
         print(f"no solver at {solver.program()}; build it or set VK_RUND", file=sys.stderr)
         return 2
     results, failed_cases = [], 0
-    for name in options.only or CASES:
+    # Told by the set-up where the Debian release hasn't got the other solver.
+    left_out = ("calculix",) if os.environ.get("VK_NO_PEER") else ()
+    for name in options.only or [case for case in CASES if case not in left_out]:
         started = time.perf_counter()
         result = importlib.import_module(f"cases.{name}").run(options.quick)
         results.append(result)
@@ -97,7 +100,8 @@ def main() -> int:
     if options.write:
         page.write(results, INTRODUCTION, DOCS)
     elif not options.only and not options.quick:
-        differences = page.differences(results, INTRODUCTION, DOCS)
+        titles = [importlib.import_module(f"cases.{name}").TITLE for name in left_out]
+        differences = page.differences(results, INTRODUCTION, DOCS, titles)
         for difference in differences:
             print(f"docs/verification.md: {difference}")
         count, failed = count + 1, failed + bool(differences)
