@@ -2,12 +2,10 @@
 
 from __future__ import annotations
 
-from collections.abc import Callable
-
 import numpy as np
 from support import ccx, fem, solver
 from support.closed import push
-from support.mesh import NAMES, TYPES, Mesh, block, faces_where, model
+from support.mesh import NAMES, TYPES, Condition, Mapping, Mesh, block, faces_where, model
 from support.page import Check, Result, Table, error_text
 
 from vkctl.basics.types import Array
@@ -22,7 +20,8 @@ RULES = {3: 1.0, 2: -0.5}  # order of the rule to the level that makes the solve
 
 
 def straight(grid: Array) -> Array:
-    return grid * [6.0, 2.0, 1.5]
+    x: Array = grid * [6.0, 2.0, 1.5]
+    return x
 
 
 def hook(grid: Array) -> Array:
@@ -38,7 +37,8 @@ def straight_end(x: Array, y: Array, z: Array) -> Array:
 
 def hook_end(x: Array, y: Array, z: Array) -> Array:
     angle = np.radians(100.0)
-    return np.abs(x * np.cos(angle) - y * np.sin(angle)) < 1e-5
+    on_end: Array = np.abs(x * np.cos(angle) - y * np.sin(angle)) < 1e-5
+    return on_end
 
 
 def by_solver(mesh: Mesh, order: int, root: Array, load: Array, heat: Array | None) -> Array:
@@ -59,7 +59,7 @@ def gap(a: Array, b: Array) -> float:
     return float(np.abs(a - b).max() / np.abs(b).max())
 
 
-def setting(code: int, mapping: Callable, end: Callable) -> tuple[Mesh, Array, Array]:
+def setting(code: int, mapping: Mapping, end: Condition) -> tuple[Mesh, Array, Array]:
     """Mesh, held nodes and the consistent forces of a traction on the end."""
     mesh = block(code, CELLS[code], mapping)
     faces = faces_where(mesh, end)

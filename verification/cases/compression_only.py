@@ -50,9 +50,9 @@ def runs(code: int) -> tuple[list[float], list[float], float]:
             write_load_cases([loaded(mesh, -FORCE)], place.path)
         answer = place.solve()[0]
         ends.append(float(answer.u[corner, 0]))
-        found = answer.states[right]
-        if np.ptp(found) > 0.0 or np.any(answer.states[~right] != 1.0):
-            raise RuntimeError(f"uneven states after run {k + 1}: {answer.states}")
+        found = answer.element_states()[right]
+        if np.ptp(found) > 0.0 or np.any(answer.element_states()[~right] != 1.0):
+            raise RuntimeError(f"uneven states after run {k + 1}: {answer.element_states()}")
         states.append(float(found[0]))
     return ends, states, float(answer.totals["SEner"])
 

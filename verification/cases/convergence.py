@@ -22,7 +22,8 @@ LAMBDA, SHEAR = E * NU / ((1 + NU) * (1 - 2 * NU)), E / (2 * (1 + NU))
 
 
 def exact(x: Array) -> Array:
-    return np.sin(x @ WAVES.T + PHASE)
+    u: Array = np.sin(x @ WAVES.T + PHASE)
+    return u
 
 
 def force(x: Array) -> Array:
@@ -33,7 +34,8 @@ def force(x: Array) -> Array:
     u = exact(x)
     laplacian = -u * (WAVES**2).sum(axis=1)
     gradient_of_divergence = -np.einsum("...j,ji,jj->...i", u, WAVES, WAVES)
-    return -(LAMBDA + SHEAR) * gradient_of_divergence - SHEAR * laplacian
+    f: Array = -(LAMBDA + SHEAR) * gradient_of_divergence - SHEAR * laplacian
+    return f
 
 
 def error(code: int, n: int) -> float:

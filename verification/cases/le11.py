@@ -2,6 +2,8 @@
 
 from __future__ import annotations
 
+from collections.abc import Callable
+
 import numpy as np
 from support import fem, solver
 from support.mesh import block, model
@@ -33,7 +35,7 @@ def _line(start: tuple[float, float], end: tuple[float, float], t: Array) -> Arr
     return (1 - t[:, None]) * start + t[:, None] * end
 
 
-def _pieces(t: Array, pieces: list) -> Array:
+def _pieces(t: Array, pieces: list[Callable[[Array], Array]]) -> Array:
     """Curve of four pieces, each over a quarter of 0..1, given by functions of 0..1."""
     k = np.minimum((4 * t).astype(int), 3)
     points = np.empty((len(t), 2))

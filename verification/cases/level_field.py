@@ -3,16 +3,17 @@
 from __future__ import annotations
 
 import math
+from collections.abc import Callable
 
 import numpy as np
 from scipy.integrate import quad
 from support import fem, solver
 from support.closed import hold, push
-from support.mesh import NAMES, TYPES, Mesh, block, faces_where, model
+from support.mesh import EDGES, NAMES, TYPES, Mapping, Mesh, block, faces_where, model
 from support.page import Check, Figure, Result, Table, compare, error_text, number
 
 from vkctl.basics.types import Array
-from vkctl.directory.model import LoadCase, Model, prescribed
+from vkctl.directory.model import LoadCase, Material, Model, prescribed
 from vkctl.shapes.topology import HEX8, TET4, TET10
 
 E, NU = 1000.0, 0.0
@@ -40,7 +41,9 @@ def with_levels(of: Model, levels: Array, slope: float) -> Model:
     return of
 
 
-def presence_integral(low: float, high: float, slope: float, weight=lambda t: 1.0) -> float:
+def presence_integral(
+    low: float, high: float, slope: float, weight: Callable[[float], float] = lambda t: 1.0
+) -> float:
     """Adaptive integral over t from 0 to 1 of weight(t) H(low + t (high - low))."""
 
     def f(t: float) -> float:
@@ -50,7 +53,7 @@ def presence_integral(low: float, high: float, slope: float, weight=lambda t: 1.
     if low * high < 0.0:
         steps.insert(1, low / (low - high))  # the step: adaptive pieces on both sides
     return sum(
-        quad(f, a, b, limit=400, epsabs=1e-12, epsrel=1e-10)[0]
+        float(quad(f, a, b, limit=400, epsabs=1e-12, epsrel=1e-10)[0])
         for a, b in zip(steps, steps[1:], strict=False)
     )
 
@@ -74,7 +77,7 @@ def unit(code: int) -> tuple[Mesh, int]:
         return mesh, mesh.at((1, 1, 1))
     corners = np.vstack((np.zeros(3), np.eye(3)))
     if code == TET10:
-        middle = 0.5 * (corners[fem.EDGES[:, 0]] + corners[fem.EDGES[:, 1]])
+        middle = 0.5 * (corners[EDGES[:, 0]] + corners[EDGES[:, 1]])
         corners = np.concatenate((corners, middle))
     return Mesh(corners, {code: np.arange(len(corners))[None, :]}), 3
 
@@ -88,7 +91,7 @@ def one_element(code: int, pair: tuple[float, float], slope: float) -> tuple[flo
     case.constraints = np.concatenate((case.constraints, prescribed([node + 1], "xy")))
     force = 10.0
     case.load([node + 1], [[0.0, 0.0, force]])
-    one = model(mesh, [solver.Material.isotropic(E, NU)], [case])
+    one = model(mesh, [Material.isotropic(E, NU)], [case])
     u = solver.solve(with_levels(one, levels, slope))[0].u[node, 2]
     _, table = mesh.only()
     corner_levels = levels[table[0, : 4 if code != HEX8 else 8]]
@@ -105,13 +108,14 @@ def level_at(code: int, q: fem.Points, levels: Array) -> Array:
     if code == HEX8:
         return q.field(levels)
     bary = q.shape if code == TET4 else corner_weights(q.shape)
-    return np.einsum("pn,en->ep", bary, levels[q.table[:, :4]])
+    found: Array = np.einsum("pn,en->ep", bary, levels[q.table[:, :4]])
+    return found
 
 
 def corner_weights(shape: Array) -> Array:
     """Barycentric coordinates from the ten quadratic shapes: L_i is N_i plus half its edges."""
     weights = shape[:, :4].copy()
-    for k, edge in enumerate(fem.EDGES):
+    for k, edge in enumerate(EDGES):
         weights[:, edge] += 0.5 * shape[:, 4 + k, None]
     return weights
 
@@ -139,7 +143,9 @@ def rule_sums(mesh: Mesh, levels: Array, slope: float) -> dict[str, Array]:
     return {name: np.where(fine, found[3][name], found[2][name]) for name in found[2]}
 
 
-def strained(code: int, cells: tuple[int, int, int], level, slope: float) -> tuple:
+def strained(
+    code: int, cells: tuple[int, int, int], level: Mapping, slope: float
+) -> tuple[solver.Answer, Mesh, Array]:
     """Answer, mesh and levels of a bar with a prescribed uniform strain along x.
 
     One component of one node is free, which the solver wants, and stays at zero.
@@ -150,7 +156,7 @@ def strained(code: int, cells: tuple[int, int, int], level, slope: float) -> tup
     wanted = mesh.nodes * [STRAIN, 0.0, 0.0]
     free = prescribed(every[-1:], "xy", wanted[-1:])
     rows = np.concatenate((prescribed(every[:-1], "xyz", wanted[:-1]), free))
-    bar = model(mesh, [solver.Material.isotropic(E, NU)], [LoadCase(constraints=rows)])
+    bar = model(mesh, [Material.isotropic(E, NU)], [LoadCase(constraints=rows)])
     return solver.solve(with_levels(bar, levels, slope))[0], mesh, levels
 
 
@@ -180,12 +186,12 @@ def exact_volume(slope: float) -> float:
             return t * math.atan(s * t) - math.log1p((s * t) ** 2) / (2 * s)
 
         start = 0.25 * (2.1 - 0.4 * y + 0.3 * z)
-        end = start - 0.25 * SIZE[0]
-        mean = (f(start) - f(end)) / 0.25 / math.pi + 0.5 * SIZE[0]
+        end = start - 0.25 * float(SIZE[0])
+        mean = (f(start) - f(end)) / 0.25 / math.pi + 0.5 * float(SIZE[0])
         floor = solver.PRESENCE_FLOOR
-        return mean * (1 - floor) + floor * SIZE[0]
+        return mean * (1 - floor) + floor * float(SIZE[0])
 
-    return quad(lambda y: quad(lambda z: inner(y, z), 0, 1)[0], 0, 1)[0]
+    return float(quad(lambda y: quad(lambda z: inner(y, z), 0, 1)[0], 0, 1)[0])
 
 
 def across(x: Array) -> Array:
@@ -199,7 +205,7 @@ def exact_sums(mesh: Mesh, slope: float) -> dict[str, Array]:
     heights = mesh.nodes[table][:, :, 1]
     volume = fem.Points(HEX8, mesh.nodes, table, *fem.gauss_cube(2)).volume.sum(axis=1)
     keys, index = np.unique(heights.min(axis=1), return_inverse=True)
-    rows = {"H": [], "HH": []}
+    rows: dict[str, list[float]] = {"H": [], "HH": []}
     step = heights[0].max() - heights[0].min()
     for y in keys:
         low, high = across(np.array([[0, y, 0], [0, y + step, 0]]))
@@ -217,7 +223,8 @@ def exact_sums(mesh: Mesh, slope: float) -> dict[str, Array]:
 
 def wave(x: Array) -> Array:
     """A level along the bar that crosses zero once and ends well below the switch of rules."""
-    return 0.45 * np.cos(np.pi * x / SIZE[0])
+    level: Array = 0.45 * np.cos(np.pi * x / SIZE[0])
+    return level
 
 
 def pulled(n: int, slope: float) -> tuple[float, float, float]:
@@ -231,7 +238,7 @@ def pulled(n: int, slope: float) -> tuple[float, float, float]:
     hold(case, mesh, "x", lambda x, y, z: x < 1e-5)
     end = faces_where(mesh, lambda x, y, z: x > SIZE[0] - 1e-5)
     push(case, fem.face_load(mesh, end, lambda p, normal: normal))
-    bar = model(mesh, [solver.Material.isotropic(E, NU)], [case])
+    bar = model(mesh, [Material.isotropic(E, NU)], [case])
     u = solver.solve(with_levels(bar, levels, slope))[0].u
     sums = rule_sums(mesh, levels, slope)
     steps = np.linspace(0.0, SIZE[0], n + 1)

@@ -2,9 +2,11 @@
 
 from __future__ import annotations
 
+from collections.abc import Callable
+
 import numpy as np
 from support import fem, solver
-from support.mesh import NAMES, TYPES, block, boundary, model, shake
+from support.mesh import NAMES, TYPES, Mesh, block, boundary, model, shake
 from support.page import Check, Result
 
 from vkctl.basics.types import Array
@@ -38,11 +40,12 @@ def stress_tensor(component: int) -> Array:
 
 
 def wood() -> Material:
-    moduli, shear = (tuple(v / solver.FULL for v in values) for values in (MODULI, SHEAR))
-    return Material.orthotropic(moduli, POISSON, shear, expansions=EXPANSIONS)
+    e1, e2, e3 = (v / solver.FULL for v in MODULI)
+    g12, g13, g23 = (v / solver.FULL for v in SHEAR)
+    return Material.orthotropic((e1, e2, e3), POISSON, (g12, g13, g23), expansions=EXPANSIONS)
 
 
-def held_at(mesh, wanted: Array) -> LoadCase:
+def held_at(mesh: Mesh, wanted: Array) -> LoadCase:
     """Three corners hold the six rigid-body freedoms at their exact displacements."""
     case = LoadCase()
     lx, ly, _ = SIZE
@@ -51,6 +54,11 @@ def held_at(mesh, wanted: Array) -> LoadCase:
         rows = prescribed([node + 1], directions, wanted[[node]])
         case.constraints = np.concatenate((case.constraints, rows))
     return case
+
+
+def pull(tensor: Array) -> Callable[[Array, Array], Array]:
+    """Traction of a uniform stress."""
+    return lambda _, normal: normal @ tensor
 
 
 def run(quick: bool) -> Result:
@@ -62,8 +70,7 @@ def run(quick: bool) -> Result:
         for component in range(6):
             field = mesh.nodes @ strain_of(component)
             case = held_at(mesh, field)
-            tensor = stress_tensor(component)
-            load = fem.face_load(mesh, faces, lambda p, n, s=tensor: n @ s)
+            load = fem.face_load(mesh, faces, pull(stress_tensor(component)))
             case.load(np.arange(1, len(load) + 1), load)
             case.pattern = component + 1
             cases.append(case)

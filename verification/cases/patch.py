@@ -8,7 +8,7 @@ from support.mesh import NAMES, TYPES, Mesh, block, boundary, merge, model, shak
 from support.page import Check, Result
 
 from vkctl.basics.types import Array
-from vkctl.directory.model import LoadCase, prescribed
+from vkctl.directory.model import LoadCase, Material, prescribed
 from vkctl.shapes.topology import HEX8, TET4, TET10
 
 E, NU = 210000.0, 0.3
@@ -26,9 +26,9 @@ def patch_error(mesh: Mesh, fixed: Array, level: float | None = None) -> float:
     `level` 1 where None; a level at every node otherwise.
     """
     wanted = linear(mesh.nodes)
-    factor = solver.presence(-0.5) if level is not None else solver.FULL
+    factor = float(solver.presence(-0.5)) if level is not None else solver.FULL
     case = LoadCase(constraints=prescribed(fixed + 1, "xyz", wanted[fixed]))
-    patch = model(mesh, [solver.Material.isotropic(E / factor, NU)], [case])
+    patch = model(mesh, [Material.isotropic(E / factor, NU)], [case])
     if level is not None:
         patch.set_level(level)
     u = solver.solve(patch)[0].u

@@ -5,7 +5,7 @@ from __future__ import annotations
 import numpy as np
 from support import fem, solver
 from support.closed import push
-from support.mesh import NAMES, TYPES, block, boundary, faces_where, model, shake
+from support.mesh import NAMES, TYPES, Condition, Mesh, block, boundary, faces_where, model, shake
 from support.page import Check, Result, compare
 
 from vkctl.basics.types import Array
@@ -22,10 +22,13 @@ SPRINGS = (
     ((1, 1, 1), [[0, 0, 0], [0, 0, 0], [0.1, -0.4, 0.9]], "z", (0.0, 0.0, 0.01)),
 )
 
+Spring = tuple[int, Array, float]  # node, axis, offset
 
-def springs(mesh) -> tuple[LoadCase, list[tuple[int, Array, float]]]:
-    """The load case and each spring as (node, axis, offset)."""
-    case, single = LoadCase(), []
+
+def springs(mesh: Mesh) -> tuple[LoadCase, list[Spring]]:
+    """The load case and each spring alone."""
+    case = LoadCase()
+    single: list[Spring] = []
     for corner, axes, directions, offsets in SPRINGS:
         node = mesh.at(tuple(SIZE * corner))
         rows = elastic([node + 1], np.array(axes, float), offsets, directions)
@@ -37,7 +40,7 @@ def springs(mesh) -> tuple[LoadCase, list[tuple[int, Array, float]]]:
     return case, single
 
 
-def stretches(mesh, single: list, load: Array) -> Array:
+def stretches(mesh: Mesh, single: list[Spring], load: Array) -> Array:
     """Stretch u . n - offset of each spring, from the equilibrium of the whole body alone.
 
     Six springs hold six rigid-body freedoms: forces and moments of the load determine them,
@@ -65,6 +68,10 @@ def skew(code: int) -> Check:
     return Check(f"{NAMES[code]}, six skew springs, their stretches", error, 1e-5)
 
 
+def at_x(x: float) -> Condition:
+    return lambda a, b, c: np.abs(a - x) < 1e-5
+
+
 def bar(code: int) -> Check:
     """A bar between springs at both ends, the left ones at rest away from its end.
 
@@ -75,7 +82,7 @@ def bar(code: int) -> Check:
     every = np.arange(1, len(mesh.nodes) + 1)
     case, total = LoadCase(constraints=prescribed(every, "yz")), 4 * STIFFNESS
     for x, offset in ((0.0, OFFSET), (3.0, 0.0)):
-        end = faces_where(mesh, lambda a, b, c, x=x: abs(a - x) < 1e-5)
+        end = faces_where(mesh, at_x(x))
         share = np.abs(fem.face_load(mesh, end, lambda p, n: n)[:, 0]) / AREA
         for node in np.flatnonzero(share > 1e-9):
             length = np.sqrt(4 * share[node])

@@ -27,10 +27,13 @@ def octant(code: int, n: int) -> Mesh:
     def patch(grid: Array) -> Array:
         r = INNER + (OUTER - INNER) * grid[:, :1]
         direction = np.column_stack((np.ones(len(grid)), np.tan(0.25 * np.pi * grid[:, 1:])))
-        return r * direction / np.linalg.norm(direction, axis=1, keepdims=True)
+        x: Array = r * direction / np.linalg.norm(direction, axis=1, keepdims=True)
+        return x
 
-    parts = [block(code, (n, n, n), lambda g, k=k: np.roll(patch(g), k, axis=1)) for k in range(3)]
-    return merge(parts)
+    def turned(k: int) -> Mesh:
+        return block(code, (n, n, n), lambda g: np.roll(patch(g), k, axis=1))
+
+    return merge([turned(k) for k in range(3)])
 
 
 def radial(r: float) -> float:

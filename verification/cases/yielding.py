@@ -16,16 +16,21 @@ SIZE = np.array([4.0, 1.0, 1.0])
 RUNS = 11  # the first and ten restarts
 FORCE, STRETCH = 2.4, 0.012  # 1.2 and 1.5 times what first yields
 
+Run = tuple[float, float, Array]  # after it: end displacement, nodal stress, element states
+Law = tuple[list[float], list[float], list[float]]  # states, end displacements, stresses
+
 
 def update(state: np.float32, stress: float, factor: float = 1.0) -> np.float32:
     """State after a run in which the element's von Mises stress was `stress`."""
     limit = YIELD * factor
     elastic = stress / float(state)
     secant = (limit + float(np.float32(HARDENING)) * (elastic - limit)) / elastic
-    return np.float32(min(max(np.float32(0.5 * (float(state) + secant)), np.float32(0.001)), 1.0))
+    return np.float32(
+        min(max(np.float32(0.5 * (float(state) + secant)), np.float32(0.001)), np.float32(1.0))
+    )
 
 
-def iterate(pulled: bool) -> tuple[list[float], list[float], list[float]]:
+def iterate(pulled: bool) -> Law:
     """State before, end displacement and stress of each run of one bar.
 
     The stress that enters the law is the material's; the presence factor carries what is left.
@@ -56,20 +61,19 @@ def bar(code: int, pulled: bool) -> tuple[Mesh, LoadCase]:
     return mesh, case
 
 
-def runs(code: int, pulled: bool, options: dict | None = None) -> list[tuple[float, float, Array]]:
-    """End displacement, nodal stress and element states after each run."""
+def runs(code: int, pulled: bool, options: dict[str, float] | None = None) -> list[Run]:
     mesh, case = bar(code, pulled)
     steel = Material.yielding(E, NU, YIELD, hardening_ratio=HARDENING)
-    place = solver.Workplace(model(mesh, [steel], [case], options=options or {}))
+    place = solver.Workplace(model(mesh, [steel], [case], options=options))
     corner = mesh.at(tuple(SIZE))
     found = []
     for _ in range(RUNS):
         answer = place.solve()[0]
-        found.append((answer.u[corner, 0], answer.stress[corner], answer.states))
+        found.append((answer.u[corner, 0], answer.stress[corner], answer.element_states()))
     return found
 
 
-def compare_runs(name: str, found: list, wanted: tuple) -> list[Check]:
+def compare_runs(name: str, found: list[Run], wanted: Law) -> list[Check]:
     """Largest relative deviation over all runs, of displacement, stress and state."""
     states, ends, stresses = map(np.array, wanted)
     displacement = np.abs([u for u, _, _ in found] / ends - 1).max()

@@ -19,13 +19,15 @@ ELEMENTS = {TET4: "C3D4", HEX8: "C3D8", TET10: "C3D10"}
 # Both number the nodes of all three types alike: 10-node tetrahedra have their mid-edge nodes
 # on 1-2, 2-3, 3-1, 1-4, 2-4, 3-4.
 
+Fixed = list[tuple[int, int, float]]  # node, direction, value, 0-based
+
 
 def available() -> bool:
     return shutil.which("ccx") is not None
 
 
 def _deck(
-    mesh: Mesh, e: float, nu: float, fixed: Array, forces: Array, heat: tuple[float, Array] | None
+    mesh: Mesh, e: float, nu: float, fixed: Fixed, forces: Array, heat: tuple[float, Array] | None
 ) -> str:
     lines = ["*NODE, NSET=ALL"]
     lines += [f"{i},{x:.9g},{y:.9g},{z:.9g}" for i, (x, y, z) in enumerate(mesh.nodes, 1)]
@@ -56,13 +58,13 @@ def solve(
     mesh: Mesh,
     e: float,
     nu: float,
-    fixed: Array,
+    fixed: Fixed,
     forces: Array,
     heat: tuple[float, Array] | None = None,
 ) -> Array:
     """Displacements (n, 3), to the seven digits of the result file.
 
-    `fixed` is a list of (node, direction, value), 0-based; `forces` (n, 3); `heat` the expansion
+    `forces` (n, 3); `heat` the expansion
     coefficient and the nodal temperatures.
     """
     with tempfile.TemporaryDirectory(prefix="vk-ccx-") as name:

@@ -3,18 +3,17 @@
 from __future__ import annotations
 
 import math
-from collections.abc import Callable
 
 import numpy as np
 
 from vkctl.basics.types import Array
 from vkctl.directory.model import LoadCase, prescribed
 
-from .mesh import NAMES, Mesh
+from .mesh import NAMES, Condition, Mesh
 from .page import Figure, Table, error_text, number
 
 
-def hold(case: LoadCase, mesh: Mesh, direction: str, condition: Callable) -> LoadCase:
+def hold(case: LoadCase, mesh: Mesh, direction: str, condition: Condition) -> LoadCase:
     """Append zero displacements in a direction for the nodes that meet the condition."""
     rows = prescribed(mesh.where(condition) + 1, direction)
     case.constraints = np.concatenate((case.constraints, rows))
@@ -45,7 +44,11 @@ def error_table(
 
 
 def error_figure(
-    name: str, what: str, reference: float, sizes: dict[int, list[int]], values: dict
+    name: str,
+    what: str,
+    reference: float,
+    sizes: dict[int, list[int]],
+    values: dict[int, list[float]],
 ) -> Figure:
     curves = {
         NAMES[code]: (

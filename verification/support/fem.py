@@ -53,7 +53,8 @@ def gauss_simplex(n: int, dimension: int = 3) -> tuple[Array, Array]:
     w = np.array(1.0)
     for _, of_axis in rules:
         w = w[..., None] * of_axis
-    t, left = t.reshape(-1, dimension), 1.0
+    t = t.reshape(-1, dimension)
+    left: Array | float = 1.0
     points = np.empty_like(t)
     for k in range(dimension):
         points[:, k] = left * t[:, k]
@@ -138,7 +139,8 @@ class Points:
 
     def field(self, values: Array) -> Array:
         """Nodal values (n,) or (n, k) at the points."""
-        return np.einsum("pn,en...->ep...", self.shape, values[self.table])
+        found: Array = np.einsum("pn,en...->ep...", self.shape, values[self.table])
+        return found
 
     def strain(self, u: Array) -> Array:
         g = np.einsum("epnk,eni->epik", self.gradient, u[self.table])  # d u_i / d x_k
@@ -180,7 +182,9 @@ def stiffness(points: Points, law: Array, factor: Array | float = 1.0) -> Array:
     ):  # fmt: skip
         b[:, :, row, :, axis] = value
     b = b.reshape(e, p, 6, 3 * n)
-    return np.einsum("epai,ab,epbj,ep->eij", b, law, b, points.volume * factor, optimize=True)
+    weight = points.volume * factor
+    matrices: Array = np.einsum("epai,ab,epbj,ep->eij", b, law, b, weight, optimize=True)
+    return matrices
 
 
 def solve(
@@ -309,4 +313,5 @@ def patch_fit(
     x, y, z = d.T
     basis = np.column_stack((np.ones(len(d)), x, y, z, x * x, y * y, z * z, x * y, y * z, x * z))
     fit, *_ = np.linalg.lstsq(basis, stress[chosen].reshape(-1, 6), rcond=1e-8)
-    return fit[0]
+    constant: Array = fit[0]
+    return constant

@@ -10,6 +10,7 @@ from collections.abc import Callable
 from dataclasses import dataclass, field
 
 import numpy as np
+import numpy.typing as npt
 
 from vkctl.basics.types import Array
 from vkctl.directory.model import LoadCase, Material, Model
@@ -32,6 +33,7 @@ KUHN = np.array(
 EDGES = np.array([[0, 1], [1, 2], [0, 2], [0, 3], [1, 3], [2, 3]])
 
 Mapping = Callable[[Array], Array]
+Condition = Callable[[Array, Array, Array], Array]  # of x, y, z
 
 
 @dataclass
@@ -49,7 +51,7 @@ class Mesh:
         ((code, table),) = self.tables.items()
         return code, table
 
-    def where(self, condition: Callable[[Array, Array, Array], Array]) -> Array:
+    def where(self, condition: Condition) -> Array:
         """0-based numbers of the nodes whose x, y, z meet the condition."""
         return np.flatnonzero(condition(*self.nodes.T))
 
@@ -64,11 +66,18 @@ class Mesh:
         return sum(len(table) for table in self.tables.values())
 
 
-def model(mesh: Mesh, materials: list[Material], cases: list[LoadCase], **more: object) -> Model:
+def model(
+    mesh: Mesh,
+    materials: list[Material],
+    cases: list[LoadCase],
+    *,
+    material_index: npt.ArrayLike = 1,
+    options: dict[str, float] | None = None,
+) -> Model:
     """Model of a mesh: all 4-node tetrahedra first, then hexahedra, then 10-node tetrahedra."""
-    rows = [mesh.tables[c] + 1 if c in mesh.tables else None for c in (TET4, HEX8, TET10)]
-    elements = Elements.from_tables(*rows, materials=more.pop("material_index", 1))
-    return Model(mesh.nodes, elements, materials, cases, **more)
+    tet4, hex8, tet10 = (mesh.tables[c] + 1 if c in mesh.tables else None for c in TYPES)
+    elements = Elements.from_tables(tet4, hex8, tet10, material_index)
+    return Model(mesh.nodes, elements, materials, cases, options=dict(options or {}))
 
 
 def block(code: int, cells: tuple[int, int, int], mapping: Mapping | None = None) -> Mesh:
@@ -169,10 +178,11 @@ def boundary(code: int, table: Array) -> Array:
     corners = 4 if code == HEX8 else 3
     keys = np.sort(faces[:, :corners], axis=1)
     _, index, counts = np.unique(keys, axis=0, return_index=True, return_counts=True)
-    return faces[index[counts == 1]]
+    outer: Array = faces[index[counts == 1]]
+    return outer
 
 
-def faces_where(mesh: Mesh, condition: Callable[[Array, Array, Array], Array]) -> Array:
+def faces_where(mesh: Mesh, condition: Condition) -> Array:
     """Boundary faces of a mesh of one type whose nodes all meet the condition."""
     faces = boundary(*mesh.only())
     inside = np.zeros(len(mesh.nodes), bool)

@@ -10,7 +10,7 @@ from __future__ import annotations
 import hashlib
 import json
 import re
-from collections.abc import Sequence
+from collections.abc import Mapping, Sequence
 from dataclasses import dataclass, field
 from pathlib import Path
 
@@ -83,7 +83,7 @@ class Figure:
     name: str
     x_label: str
     y_label: str
-    curves: dict[str, tuple[list[float], list[float]]]
+    curves: Mapping[str, tuple[Sequence[float], Sequence[float]]]
     caption: str
     logarithmic: str = "xy"  # the axes that are
 
@@ -134,7 +134,8 @@ def _draw(figure: Figure, path: Path) -> None:
     digest = hashlib.sha256(json.dumps(shown, sort_keys=True).encode()).hexdigest()
     if path.exists() and Image.open(path).info.get("Data") == digest:
         return
-    axes = plt.figure(figsize=(5.6, 3.8), dpi=110).gca()
+    drawn = plt.figure(figsize=(5.6, 3.8), dpi=110)
+    axes = drawn.gca()
     for label, (x, y) in data.items():
         thin = label.startswith("slope") or label.startswith("reference")
         axes.plot(x, y, "k--" if thin else "o-", lw=0.8 if thin else 1.4, ms=4, label=label)
@@ -146,9 +147,9 @@ def _draw(figure: Figure, path: Path) -> None:
     axes.set_ylabel(figure.y_label)
     axes.grid(True, which="both", lw=0.3)
     axes.legend(fontsize=8)
-    axes.figure.tight_layout()
-    axes.figure.savefig(path, metadata={"Data": digest, "Software": None})
-    plt.close(axes.figure)
+    drawn.tight_layout()
+    drawn.savefig(path, metadata={"Data": digest, "Software": None})
+    plt.close(drawn)
 
 
 def write(results: list[Result], introduction: str, docs: Path) -> None:

@@ -38,7 +38,9 @@ def percent(value: float, target: float) -> str:
     return f"{100.0 * (value / target - 1.0):+.2f} %"
 
 
-def series(name: str, label: str, target: float, levels: dict[int, list[Level]]) -> tuple:
+def series(
+    name: str, label: str, target: float, levels: dict[int, list[Level]]
+) -> tuple[Table, Figure]:
     """Table and figure of a series; `label` names the stress, in MPa like all values."""
     rows, curves = [], {}
     for code, found in levels.items():

@@ -34,9 +34,9 @@ def presence(level: Array | float, slope: float = SLOPE) -> Array | float:
 FULL = float(presence(1.0))  # H of an element without a level field, 0.9993640
 
 
-def solid(e: float, nu: float, **more: float) -> Material:
+def solid(e: float, nu: float, *, expansion: float = 0.0) -> Material:
     """Isotropic material whose elements of level 1 have the modulus e in effect."""
-    return Material.isotropic(e / FULL, nu, **more)
+    return Material.isotropic(e / FULL, nu, expansion=expansion)
 
 
 @dataclass
@@ -47,7 +47,12 @@ class Answer:
     totals: np.void
     stress: Array  # signed stress per node
     criterion: Array  # per design point
-    states: Array | None  # per element
+    states: Array | None  # per element, where a material has any
+
+    def element_states(self) -> Array:
+        if self.states is None:
+            raise ValueError("no material has element states")
+        return self.states
 
 
 class Workplace:

@@ -15,10 +15,11 @@ sys.path[:0] = [str(HERE.parent), str(HERE.parents[1] / "vkctl/src")]
 from support import fem, page  # noqa: E402
 from support.mesh import TYPES, block, boundary, faces_where, merge, shake, straighten  # noqa: E402
 
+from vkctl.basics.types import Array  # noqa: E402
 from vkctl.shapes.topology import HEX8, TET4, TET10  # noqa: E402
 
 
-def twisted(grid):
+def twisted(grid: Array) -> Array:
     turn = 0.4 * grid[:, 2]
     x, y = grid[:, 0] + 0.2 * grid[:, 1], grid[:, 1]
     return np.column_stack(
@@ -27,20 +28,20 @@ def twisted(grid):
 
 
 @pytest.mark.parametrize("code", TYPES)
-def test_all_elements_of_a_mapped_block_have_positive_volume(code):
+def test_all_elements_of_a_mapped_block_have_positive_volume(code: int) -> None:
     for q in fem.quadrature(block(code, (2, 3, 4), twisted)):
         assert q.volume.min() > 0.0
 
 
 @pytest.mark.parametrize("code", TYPES)
-def test_a_mirrored_block_is_turned_to_positive_volume(code):
+def test_a_mirrored_block_is_turned_to_positive_volume(code: int) -> None:
     mesh = block(code, (2, 2, 2), lambda g: g * [-1.0, 1.0, 1.0])
     assert fem.volume(mesh) == pytest.approx(1.0, rel=1e-6)
     assert min(q.volume.min() for q in fem.quadrature(mesh)) > 0.0
 
 
 @pytest.mark.parametrize("code", TYPES)
-def test_boundary_faces_of_a_block_have_its_surface_and_point_outwards(code):
+def test_boundary_faces_of_a_block_have_its_surface_and_point_outwards(code: int) -> None:
     mesh = block(code, (2, 3, 2))
     load = fem.face_load(mesh, boundary(*mesh.only()), lambda p, n: (p * n).sum(-1)[..., None] * n)
     # The integral of (x . n) n: the faces at 1 have x . n = 1, the others 0.
@@ -48,15 +49,15 @@ def test_boundary_faces_of_a_block_have_its_surface_and_point_outwards(code):
 
 
 @pytest.mark.parametrize("code", TYPES)
-def test_merged_blocks_share_the_faces_between_them(code):
-    parts = [block(code, (2, 2, 2), lambda g, k=k: g + [k, 0, 0]) for k in (0, 1)]
-    mesh, whole = merge(parts), block(code, (4, 2, 2), lambda g: g * [2, 1, 1])
+def test_merged_blocks_share_the_faces_between_them(code: int) -> None:
+    parts = block(code, (2, 2, 2)), block(code, (2, 2, 2), lambda g: g + [1, 0, 0])
+    mesh, whole = merge(list(parts)), block(code, (4, 2, 2), lambda g: g * [2, 1, 1])
     assert len(mesh.nodes) == len(whole.nodes)
     assert len(boundary(*mesh.only())) == len(boundary(*whole.only()))
 
 
 @pytest.mark.parametrize("code", TYPES)
-def test_shaking_moves_inner_nodes_only_and_keeps_the_volume(code):
+def test_shaking_moves_inner_nodes_only_and_keeps_the_volume(code: int) -> None:
     still = block(code, (3, 3, 3))
     moved = shake(still, 0.08)
     outer = np.unique(boundary(*still.only()))
@@ -66,7 +67,7 @@ def test_shaking_moves_inner_nodes_only_and_keeps_the_volume(code):
     assert fem.volume(moved) == pytest.approx(1.0, rel=1e-6)
 
 
-def test_straightened_tetrahedra_have_their_mid_edge_nodes_in_the_middle():
+def test_straightened_tetrahedra_have_their_mid_edge_nodes_in_the_middle() -> None:
     mesh = straighten(block(TET10, (1, 1, 1), twisted))
     _, table = mesh.only()
     middle = 0.5 * (mesh.nodes[table[:, 0]] + mesh.nodes[table[:, 1]])
@@ -74,21 +75,21 @@ def test_straightened_tetrahedra_have_their_mid_edge_nodes_in_the_middle():
 
 
 @pytest.mark.parametrize("code", TYPES)
-def test_shapes_sum_to_one_and_give_back_their_nodes_positions(code):
+def test_shapes_sum_to_one_and_give_back_their_nodes_positions(code: int) -> None:
     q = fem.quadrature(block(code, (1, 1, 1), twisted))[0]
     assert q.shape.sum(axis=1) == pytest.approx(np.ones(len(q.shape)))
     assert np.abs(q.gradient.sum(axis=2)).max() < 1e-10
 
 
 @pytest.mark.parametrize(("a", "b", "c"), [(0, 0, 0), (1, 2, 1), (3, 0, 2), (2, 2, 3)])
-def test_the_simplex_rule_integrates_monomials_exactly(a, b, c):
+def test_the_simplex_rule_integrates_monomials_exactly(a: int, b: int, c: int) -> None:
     points, weights = fem.gauss_simplex(4)
     f = math.factorial
     exact = f(a) * f(b) * f(c) / f(a + b + c + 3)
     assert (points ** [a, b, c]).prod(axis=1) @ weights == pytest.approx(exact)
 
 
-def largest_error(points, weights, degree):
+def largest_error(points: Array, weights: Array, degree: int) -> float:
     """Of the integrals of all monomials x^a y^b z^c of a degree over the unit simplex."""
     f, errors = math.factorial, []
     for a in range(degree + 1):
@@ -96,24 +97,26 @@ def largest_error(points, weights, degree):
             c = degree - a - b
             exact = f(a) * f(b) * f(c) / f(degree + 3)
             errors.append(abs((points ** [a, b, c]).prod(axis=1) @ weights / exact - 1))
-    return max(errors)
+    return float(max(errors))
 
 
 @pytest.mark.parametrize("order", [2, 3])
-def test_the_tetrahedron_rules_are_exact_to_the_degree_of_their_order_and_not_beyond(order):
+def test_the_tetrahedron_rules_are_exact_to_the_degree_of_their_order_and_not_beyond(
+    order: int,
+) -> None:
     rule = fem.solver_rule(TET4, order)
     assert all(largest_error(*rule, degree) < 1e-12 for degree in range(order + 1))
     assert largest_error(*rule, order + 1) > 1e-3
 
 
 @pytest.mark.parametrize("code", TYPES)
-def test_a_pressure_on_a_closed_surface_has_no_resultant(code):
+def test_a_pressure_on_a_closed_surface_has_no_resultant(code: int) -> None:
     mesh = block(code, (2, 2, 2), twisted)
     load = fem.face_load(mesh, boundary(*mesh.only()), fem.pressure(3.0))
     assert np.abs(load.sum(axis=0)).max() < 1e-6 * np.abs(load).max()
 
 
-def test_a_pressure_pushes_against_the_outward_normal():
+def test_a_pressure_pushes_against_the_outward_normal() -> None:
     mesh = block(HEX8, (2, 2, 2))
     top = faces_where(mesh, lambda x, y, z: z > 1 - 1e-5)
     load = fem.face_load(mesh, top, fem.pressure(3.0))
@@ -121,7 +124,7 @@ def test_a_pressure_pushes_against_the_outward_normal():
 
 
 @pytest.mark.parametrize("code", TYPES)
-def test_rigid_motions_have_no_forces_and_the_matrix_is_symmetric(code):
+def test_rigid_motions_have_no_forces_and_the_matrix_is_symmetric(code: int) -> None:
     mesh = block(code, (1, 1, 1), twisted)
     q = fem.quadrature(mesh)[0]
     matrix = fem.stiffness(q, fem.isotropic(1000.0, 0.3))
@@ -132,7 +135,7 @@ def test_rigid_motions_have_no_forces_and_the_matrix_is_symmetric(code):
 
 
 @pytest.mark.parametrize("code", (HEX8, TET10))
-def test_both_recoveries_give_a_linear_stress_field_of_quadratic_elements(code):
+def test_both_recoveries_give_a_linear_stress_field_of_quadratic_elements(code: int) -> None:
     mesh = block(code, (4, 4, 4))
     x = mesh.nodes
     u = np.column_stack((x[:, 0] ** 2, np.zeros(len(x)), np.zeros(len(x))))
@@ -143,7 +146,7 @@ def test_both_recoveries_give_a_linear_stress_field_of_quadratic_elements(code):
         assert fem.nodal_average(mesh, u, law, node)[0] == pytest.approx(2.0, rel=1e-5)
 
 
-def test_a_comparison_with_not_a_number_fails():
+def test_a_comparison_with_not_a_number_fails() -> None:
     assert not page.Check("", math.nan, 1.0).passed
     assert not page.compare("", math.inf, 1.0, 1.0).passed
     assert page.compare("", 1.01, 1.0, 0.02).passed
@@ -161,12 +164,12 @@ def found(value: float = 2.0, error: float = 0.03, name: str = "deflection") -> 
     return [page.Result("A bar", "A bar of length 2.", checks, [table])]
 
 
-def test_a_page_agrees_with_what_it_was_written_from(tmp_path):
+def test_a_page_agrees_with_what_it_was_written_from(tmp_path: Path) -> None:
     page.write(found(), "# Page", tmp_path)
     assert page.differences(found(), "# Page", tmp_path) == []
 
 
-def test_round_off_of_another_machine_is_no_difference(tmp_path):
+def test_round_off_of_another_machine_is_no_difference(tmp_path: Path) -> None:
     page.write(found(), "# Page", tmp_path)
     text = (tmp_path / page.PAGE).read_text()
     for old, new in (
@@ -194,7 +197,9 @@ def test_round_off_of_another_machine_is_no_difference(tmp_path):
         ("2e-06 | passed", "2e-06 | **FAILED**", "FAILED"),
     ],
 )
-def test_a_page_that_tells_something_else_is_found(tmp_path, old, new, words):
+def test_a_page_that_tells_something_else_is_found(
+    tmp_path: Path, old: str, new: str, words: str
+) -> None:
     page.write(found(), "# Page", tmp_path)
     text = (tmp_path / page.PAGE).read_text()
     assert text.count(old) == 1
