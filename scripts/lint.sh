@@ -8,7 +8,7 @@ set -euo pipefail
 LINT=$ROOT/.local/lint
 CHECKS=(cpp-format includes imports python-style python-format types shell)
 # Not the companion's tests, which hand over wrong types on purpose.
-TYPED=(vkctl/src verification scripts bench)
+TYPED=(vkctl/src verification tests/e2e scripts bench)
 FIX=
 
 setup_lint() {

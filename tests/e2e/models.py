@@ -3,8 +3,10 @@
 from __future__ import annotations
 
 from pathlib import Path
+from typing import Any
 
 import numpy as np
+import numpy.typing as npt
 
 from vkctl.directory.model import LoadCase, Material, Model, write
 from vkctl.shapes.boxes import Box, Kind, box
@@ -44,7 +46,7 @@ def part(kind: Kind = "tet4", level: bool = True) -> tuple[Model, Box]:
     return model, mesh
 
 
-def pulled(mesh: Box, pattern: int = 1, force=(1.0, 2.0, -3.0)) -> LoadCase:
+def pulled(mesh: Box, pattern: int = 1, force: npt.ArrayLike = (1.0, 2.0, -3.0)) -> LoadCase:
     """Held at one end and loaded all over the other."""
     return LoadCase(pattern=pattern).prescribe(mesh.face("x-")).load(mesh.face("x+"), force)
 
@@ -65,5 +67,5 @@ def tiny(directory: Path, *cases: LoadCase, **options: float) -> Path:
     return written(directory, model, *(cases or (tiny_case(),)), **options)
 
 
-def tiny_case(pattern: int = 1, force=(1.0, 2.0, 3.0), **values) -> LoadCase:
+def tiny_case(pattern: int = 1, force: npt.ArrayLike = (1.0, 2.0, 3.0), **values: Any) -> LoadCase:
     return LoadCase(pattern=pattern, **values).prescribe((1, 2, 3)).load(4, force)

@@ -147,7 +147,8 @@ class Model:
 
     def nodes_of(self, element: int) -> np.ndarray:
         record = self.elements[element]
-        return self.tables[int(record["code"])][record["row"] - 1] - 1
+        nodes: np.ndarray = self.tables[int(record["code"])][record["row"] - 1] - 1
+        return nodes
 
 
 def read_model(directory: Path) -> Model:
@@ -337,7 +338,9 @@ class Gathered:
     strain: np.ndarray  # (m, 3)
 
 
-def gather(model: Model, state: np.ndarray, scalars: np.ndarray, options: dict) -> list[Gathered]:
+def gather(
+    model: Model, state: np.ndarray, scalars: np.ndarray, options: dict[str, float]
+) -> list[Gathered]:
     """All live elements, grouped by type and rule."""
     groups: dict[tuple[int, int], list[int]] = {}
     for e in model.live():
@@ -354,10 +357,19 @@ def element_level(model: Model, e: int) -> np.ndarray:
     nodes = model.nodes_of(e)[: LEVEL_NODES[int(model.elements["code"][e])]]
     if model.element_flags[e] & NO_LEVEL:
         return np.ones(len(nodes))
-    return model.level[nodes].astype(np.float64)
+    level: np.ndarray = model.level[nodes].astype(np.float64)
+    return level
 
 
-def gather_group(model, state, scalars, options, code, order, numbers) -> Gathered:
+def gather_group(
+    model: Model,
+    state: np.ndarray,
+    scalars: np.ndarray,
+    options: dict[str, float],
+    code: int,
+    order: int,
+    numbers: np.ndarray,
+) -> Gathered:
     nodes = np.array([model.nodes_of(e) for e in numbers])
     constants = [element_constants(model, state, options, e) for e in numbers]
     return Gathered(
@@ -372,7 +384,9 @@ def gather_group(model, state, scalars, options, code, order, numbers) -> Gather
     )
 
 
-def element_constants(model: Model, state: np.ndarray, options: dict, e: int):
+def element_constants(
+    model: Model, state: np.ndarray, options: dict[str, float], e: int
+) -> tuple[np.ndarray, np.ndarray, np.ndarray]:
     """Law (6, 6), expansion (3,) and initial strain (3,) of an element."""
     index = model.elements["material"][e] - 1
     material, row = model.materials[index], model.stiffness[index].astype(np.float64)
@@ -393,7 +407,8 @@ def element_constants(model: Model, state: np.ndarray, options: dict, e: int):
 
 
 def presence(x: np.ndarray) -> np.ndarray:
-    return (np.arctan(x) / np.pi + 0.5) * (1 - FLOOR) + FLOOR
+    factor: np.ndarray = (np.arctan(x) / np.pi + 0.5) * (1 - FLOOR) + FLOOR
+    return factor
 
 
 def strain_rows(gradients: np.ndarray) -> np.ndarray:
@@ -435,7 +450,9 @@ def at_points(g: Gathered, disp: np.ndarray, slope_factor: float) -> Iterator[At
         )
 
 
-def element_system(g: Gathered, disp: np.ndarray, slope_factor: float):
+def element_system(
+    g: Gathered, disp: np.ndarray, slope_factor: float
+) -> tuple[np.ndarray, np.ndarray]:
     """Matrices (m, 3 nodes, 3 nodes) and internal forces (m, 3 nodes)."""
     m, n = g.nodes.shape
     matrices, forces = np.zeros((m, 3 * n, 3 * n)), np.zeros((m, 3 * n))
@@ -471,7 +488,8 @@ def element_sums(g: Gathered, disp: np.ndarray, slope_factor: float) -> np.ndarr
 
 def von_mises(s: np.ndarray) -> np.ndarray:
     normal = (s[:, 0] - s[:, 1]) ** 2 + (s[:, 1] - s[:, 2]) ** 2 + (s[:, 2] - s[:, 0]) ** 2
-    return np.sqrt(3 * (normal / 6 + (s[:, 3:] ** 2).sum(axis=1)))
+    stress: np.ndarray = np.sqrt(3 * (normal / 6 + (s[:, 3:] ** 2).sum(axis=1)))
+    return stress
 
 
 # --- numbering and system ------------------------------------------------------------------------
@@ -501,7 +519,7 @@ def number_equations(model: Model, case: LoadCaseData, directory: Path) -> Numbe
                 dof_map[node, k] = 0 if row["value"][k] == 0 else -r
     dof_map[free] = 1 + np.arange(free.sum())
     entries, bandwidth = count_entries(directory, dof_map.ravel())
-    return Numbering(dof_map, int(free.sum()), free.any(axis=1), entries, bandwidth)
+    return Numbering(dof_map, int(free.sum()), np.asarray(free.any(axis=1)), entries, bandwidth)
 
 
 def count_entries(directory: Path, codes: np.ndarray) -> tuple[int, int]:
@@ -525,7 +543,14 @@ def nodal(dof_map: np.ndarray, constraints: np.ndarray, solution: np.ndarray) ->
     return values
 
 
-def assemble(model, groups, case, numbering, disp, options):
+def assemble(
+    model: Model,
+    groups: list[Gathered],
+    case: LoadCaseData,
+    numbering: Numbering,
+    disp: np.ndarray,
+    options: dict[str, float],
+) -> tuple[np.ndarray, np.ndarray]:
     """Unscaled matrix and internal forces of the free equations at displacements `disp`."""
     n = numbering.count
     matrix, forces = np.zeros((n, n)), np.zeros(n)
@@ -543,7 +568,9 @@ def assemble(model, groups, case, numbering, disp, options):
     return matrix, forces
 
 
-def support_terms(case: LoadCaseData, disp: np.ndarray, stiffness: float):
+def support_terms(
+    case: LoadCaseData, disp: np.ndarray, stiffness: float
+) -> Iterator[tuple[np.ndarray, np.ndarray, np.ndarray]]:
     """(nodes, matrix, forces) of each elastic support."""
     for row in case.constraints:
         if not row["kind"] & 1:
@@ -567,7 +594,9 @@ def raise_marked_diagonals(model: Model, numbering: Numbering, matrix: np.ndarra
                     matrix[code - 1, code - 1] *= 1.0000000001
 
 
-def apply_loads(model, case, numbering, rhs) -> np.ndarray:
+def apply_loads(
+    model: Model, case: LoadCaseData, numbering: Numbering, rhs: np.ndarray
+) -> np.ndarray:
     """Add the nodal forces to `rhs`; returns the three sums."""
     total = np.zeros(3)
     for records in case.forces:
@@ -607,7 +636,7 @@ class Totals:
     weight: float = 0.0
 
     def boundary_stress(self, exponent: int) -> float:
-        return (self.power / (self.weight or 1.0)) ** (1.0 / exponent)
+        return float((self.power / (self.weight or 1.0)) ** (1.0 / exponent))
 
 
 @dataclass
@@ -635,7 +664,7 @@ class ResponseInput:
     """All that the response needs besides the displacements."""
 
     model: Model
-    options: dict
+    options: dict[str, float]
     state: np.ndarray
     scalars: np.ndarray
     dof_map: np.ndarray
@@ -671,7 +700,15 @@ class ResponseInput:
         return Response(tcval, reduced_stress(kept), magnitude.astype(single), state, named)
 
 
-def add_element(model, options, e, r, state, kept: Nodes, totals: Totals) -> None:
+def add_element(
+    model: Model,
+    options: dict[str, float],
+    e: int,
+    r: np.ndarray,
+    state: np.ndarray,
+    kept: Nodes,
+    totals: Totals,
+) -> None:
     """Add one element's share; `r` holds its nine sums, R1 first."""
     material = model.materials[model.elements["material"][e] - 1]
     if material["flags"] & COMPRESSION_ONLY:
@@ -697,15 +734,17 @@ def add_element(model, options, e, r, state, kept: Nodes, totals: Totals) -> Non
     totals.power += weight * x ** int(options["Sta.BStressExp"])
 
 
-def criterion(r: np.ndarray, limit: float, options: dict) -> float:
+def criterion(r: np.ndarray, limit: float, options: dict[str, float]) -> float:
     strength = limit if r[7] < 0 else 1 / limit if r[7] > 0 else 1.0
     volume = float(np.float32(0.1)) * r[0] + float(np.float32(0.9)) * r[1]
     if options["Sta.TopCriteriaCode"] == 0:
-        return r[3] / volume * strength
-    return r[4] / volume * np.sqrt(strength)
+        return float(r[3] / volume * strength)
+    return float(r[4] / volume * np.sqrt(strength))
 
 
-def add_nodal(model, e, value, ratio, stress, mean, kept: Nodes) -> None:
+def add_nodal(
+    model: Model, e: int, value: float, ratio: float, stress: float, mean: float, kept: Nodes
+) -> None:
     for node in model.nodes_of(e):
         place = int(model.tp_index[node]) - 1
         if place >= 0:
@@ -723,7 +762,7 @@ def contact_state(state: np.float32, stretch: float) -> np.float32:
     return min(state * np.float32(10), np.float32(1))
 
 
-def yield_state(state: np.float32, stress: float, material, factor: float) -> np.float32:
+def yield_state(state: np.float32, stress: float, material: np.void, factor: float) -> np.float32:
     limit = float(material["yield"]) * factor
     if limit <= 0 or stress <= 0:
         return state
@@ -782,7 +821,7 @@ class Run:
     cases: list[Case]
     flags: np.ndarray  # of mxs.lcflags after the run
     has_state: bool
-    options: dict
+    options: dict[str, float]
 
 
 @dataclass
@@ -818,7 +857,9 @@ def read_table(directory: Path) -> tuple[np.ndarray, np.ndarray, np.ndarray]:
     return words[:, 0], words[:, 1], words[:, 2]
 
 
-def solve_case(directory, model, options, number, pattern, kept: Kept) -> Case:
+def solve_case(
+    directory: Path, model: Model, options: dict[str, float], number: int, pattern: int, kept: Kept
+) -> Case:
     case = read_loadcase(directory, number, model.num_nodes)
     state, state_found = read_state(directory, model, number)
     new_pattern = pattern != kept.pattern
@@ -826,6 +867,7 @@ def solve_case(directory, model, options, number, pattern, kept: Kept) -> Case:
     if new_pattern:
         kept.numbering = number_equations(model, case, directory)
     numbering = kept.numbering
+    assert numbering is not None, "the first pattern is 0"
     start = read_start(directory, numbering, number)
     disp = nodal(numbering.dof_map, case.constraints, start)
     groups = gather(model, state, case.scalars, options)
@@ -839,6 +881,7 @@ def solve_case(directory, model, options, number, pattern, kept: Kept) -> Case:
     if at_rest:
         solution, bound = np.zeros_like(rhs), np.zeros_like(rhs)
     else:
+        assert kept.matrix is not None
         correction, bound = solve(kept.matrix, rhs)
         solution = start + correction
     return Case(
@@ -884,7 +927,7 @@ def read_start(directory: Path, numbering: Numbering, number: int) -> np.ndarray
     return start
 
 
-def read_previous(directory, model: Model, number: int, factor: float) -> np.ndarray | None:
+def read_previous(directory: Path, model: Model, number: int, factor: float) -> np.ndarray | None:
     path = Path(directory, numbered("ws.tcval", number))
     if factor <= 0 or not path.exists():
         return None

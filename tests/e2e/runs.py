@@ -30,7 +30,7 @@ class Outcome:
     err: str
 
 
-def start(*arguments: str | Path, cwd: Path | None = None, **environment: str) -> Outcome:
+def start(*arguments: str | Path, cwd: str | Path | None = None, **environment: str) -> Outcome:
     """Run the program with any arguments."""
     done = subprocess.run(
         [os.environ["VK_RUND"], *map(str, arguments)],
@@ -46,7 +46,7 @@ def start(*arguments: str | Path, cwd: Path | None = None, **environment: str) -
 
 def run(directory: Path, **environment: str) -> list[str]:
     """A run that must end normally and silently; returns the log's lines."""
-    assert start(directory, **environment) == Outcome(0, "", "")
+    assert start(directory, cwd=None, **environment) == Outcome(0, "", "")
     return log_lines(directory)
 
 

@@ -10,6 +10,7 @@ import subprocess
 import sys
 from dataclasses import dataclass
 from pathlib import Path
+from typing import Any
 
 import numpy as np
 import pytest
@@ -34,18 +35,21 @@ FORMS = {
     **{"int64": "<i8", "float32": "<f4"},
 }
 
+Described = dict[str, Any]  # the description, or an object in it
+
 
 @pytest.fixture(scope="module")
-def described() -> dict:
-    return json.loads(start("--describe").out)
+def described() -> Described:
+    found: Described = json.loads(start("--describe").out)
+    return found
 
 
-def form(entry: dict) -> np.dtype:
+def form(entry: Described) -> np.dtype:
     """One row of a plain item, or a field."""
     return np.dtype((FORMS[entry["type"]], tuple(entry.get("shape", ()))))
 
 
-def row(described: dict, item: dict) -> np.dtype:
+def row(described: Described, item: Described) -> np.dtype:
     if "record" not in item:
         return form(item)
     record = next(r for r in described["records"] if r["name"] == item["record"])
@@ -69,7 +73,7 @@ class Item:
     end: int
 
 
-def parse(described: dict, file: dict, data: bytes) -> dict[str, Item]:
+def parse(described: Described, file: Described, data: bytes) -> dict[str, Item]:
     """A file's items, by nothing but the description."""
     found: dict[str, Item] = {}
     place = 0
@@ -86,12 +90,12 @@ def parse(described: dict, file: dict, data: bytes) -> dict[str, Item]:
     return found
 
 
-def named(described: dict, file: dict, number: int) -> str:
+def named(described: Described, file: Described, number: int) -> str:
     rule = described["loadCaseNumber"]
     if "name" in file:
-        return file["name"]
+        return str(file["name"])
     digits = f"{number:0{rule['digits']}}" if number <= rule["highest"] else rule["otherwise"]
-    return file["stem"] + digits
+    return str(file["stem"]) + digits
 
 
 @pytest.fixture
@@ -173,7 +177,7 @@ TAILS = {
 }
 
 
-def line_pattern(described: dict, line: dict) -> str:
+def line_pattern(described: Described, line: Described) -> str:
     frame = next(f for f in described["log"]["frames"] if f["name"] == line["frame"])
     parts = frame["begin"], line["text"], frame.get("value", ""), frame["end"]
     begin, text, value, end = map(re.escape, parts)
@@ -214,7 +218,7 @@ def test_the_limits_are_those_of_the_program(described):
 
 
 def documents(root: Path, *arguments: str) -> tuple[int, str, str]:
-    command = [sys.executable, root / "scripts" / "describe_docs.py", *arguments]
+    command = [sys.executable, str(root / "scripts" / "describe_docs.py"), *arguments]
     done = subprocess.run(command, capture_output=True, text=True, check=False)
     return done.returncode, done.stdout, done.stderr
 
@@ -225,7 +229,7 @@ def copied(tmp_path) -> Path:
     (tmp_path / "scripts").mkdir()
     shutil.copy(ROOT / "scripts" / "describe_docs.py", tmp_path / "scripts")
     shutil.copytree(ROOT / "docs", tmp_path / "docs")
-    return tmp_path
+    return Path(tmp_path)
 
 
 def test_the_documents_have_the_tables_of_the_program():
@@ -336,7 +340,7 @@ def test_the_files_say_what_the_run_was_given(whole, described):
     assert read("ws.sstate.")["ValueCount"][0] == 3 * nodes
 
 
-def input_files(described: dict) -> list[dict]:
+def input_files(described: Described) -> list[Described]:
     """Files that have to be there in full; the state of an earlier run need not."""
     return [file for file in described["files"] if not named(described, file, 1).startswith("ws.")]
 

@@ -126,7 +126,7 @@ def test_the_budget_is_held_against_eleven_tenths_of_the_estimate(tmp_path):
     # An estimate of megabytes, so that five decimals tell it well enough.
     directory = two_patterns(tmp_path)
     estimate = next(line for line in run(directory) if "EstDecMemReq" in line)
-    need = 1.1 * float(re.search(r"\d+\.\d+", estimate)[0])
+    need = 1.1 * float(re.findall(r"\d+\.\d+", estimate)[0])
     for budget, mode in ((1.02 * need, 2), (0.98 * need, 1)):
         set_options(directory, Sys_AvailableMemGB=budget)
         clear_done(directory)
@@ -174,7 +174,7 @@ def test_numbers_have_their_forms(tmp_path):
 
 def test_the_time_of_a_load_case_is_part_of_the_total(tmp_path):
     lines = run(two_patterns(tmp_path))
-    clocks = [re.search(TIME, line)[0] for line in lines if "ime: " in line]
+    clocks = [re.findall(TIME, line)[0] for line in lines if "ime: " in line]
     units = (3600, 60, 1)
     seconds = [
         sum(unit * float(part) for unit, part in zip(units, clock.split(":"), strict=True))

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 from pathlib import Path
+from typing import get_args
 
 import numpy as np
 import pytest
@@ -10,7 +11,7 @@ from models import MATERIALS, SIZE, part, pulled, written
 from runs import clear_done, comval, counted, run, sstate
 
 from vkctl.directory.model import LoadCase, Material, Model
-from vkctl.shapes.boxes import Box, Kind, box
+from vkctl.shapes.boxes import Box, Kind, Side, box
 
 CONFORMING: tuple[Kind, ...] = ("tet4", "hex8", "tet10")
 E, NU = 1000.0, 0.25
@@ -38,8 +39,7 @@ def settle(directory: Path) -> None:
 
 
 def surface(mesh: Box) -> np.ndarray:
-    sides = ("x-", "x+", "y-", "y+", "z-", "z+")
-    return np.unique(np.concatenate([mesh.face(side) for side in sides]))
+    return np.unique(np.concatenate([mesh.face(side) for side in get_args(Side)]))
 
 
 def resting(mesh: Box) -> LoadCase:
@@ -52,7 +52,8 @@ def resting(mesh: Box) -> LoadCase:
 def stress_of(gradient: np.ndarray) -> np.ndarray:
     strain = 0.5 * (gradient + gradient.T)
     lame = E * NU / ((1 + NU) * (1 - 2 * NU))
-    return lame * np.trace(strain) * np.eye(3) + E / (1 + NU) * strain
+    stress: np.ndarray = lame * np.trace(strain) * np.eye(3) + E / (1 + NU) * strain
+    return stress
 
 
 def mises(stress: np.ndarray) -> float:
@@ -132,7 +133,7 @@ def tip_deflection(directory: Path, kind: Kind, cells: tuple[int, int, int]) -> 
     work = float(moved @ -forces[:, 2])
     # The energy counts the material without its softening, the work is done on the softened part.
     assert comval(directory, 1)[1] == pytest.approx(0.5 * work * SHARP / SOFT, rel=1e-4)
-    return work / LOAD * SOFT
+    return float(work / LOAD * SOFT)
 
 
 BENDING = LOAD * LENGTH**3 / (3 * E * HEIGHT**4 / 12)

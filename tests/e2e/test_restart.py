@@ -192,7 +192,8 @@ def test_a_request_made_anew_starts_from_the_earlier_solution(tmp_path):
 
 def test_an_unfinished_replacement_is_cleared_away(tmp_path, preload):
     first, directory = fresh(tmp_path), tmp_path / "work"
-    place, left = 0, set()
+    place = 0
+    left: set[str] = set()
     while not left:
         place += 1
         shutil.rmtree(directory, ignore_errors=True)
