@@ -16,6 +16,7 @@ import pytest
 from vkctl.directory import formats
 from vkctl.directory.formats import MODES
 from vkctl.directory.log import digest, parse_line
+from vkctl.directory.results import POOR_QUALITY, STOP_QUALITY
 from vkctl.running.advice import explain_status
 from vkctl.running.progress import stage
 from vkctl.shapes import topology
@@ -245,6 +246,11 @@ def test_codes_have_the_described_values():
     assert nodes == topology.NODES_PER_TYPE
     assert codes(item("mxs.lcdata", "Format")) == {"format": formats.LOADCASE_FORMAT}
     assert codes(field("LoadCaseRecord", "Kind")) == {"static": formats.LOADCASE_STATIC}
+
+
+def test_quality_limits_have_the_described_values():
+    limits = {limit["name"]: limit["value"] for limit in DESCRIBED["limits"]}
+    assert (limits["stop quality"], limits["warning quality"]) == (STOP_QUALITY, POOR_QUALITY)
 
 
 def test_every_stop_is_explained():

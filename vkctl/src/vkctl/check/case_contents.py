@@ -9,7 +9,7 @@ import numpy as np
 from vkctl.basics.types import Array
 from vkctl.basics.words import counted, listed, some
 from vkctl.directory import formats
-from vkctl.directory.formats import LoadCaseMap
+from vkctl.directory.formats import LoadCaseMap, file_names
 from vkctl.directory.numbering import prescribed_components, prescribed_rows
 from vkctl.shapes.topology import CORNERS_PER_TYPE
 
@@ -33,7 +33,7 @@ class _LoadCase:
         self.inputs = inputs
         self.sections = sections
         self.where = f"load case {number}"
-        self.file = formats.numbered("mxs.lcmap", number)
+        self.file = formats.numbered(file_names.LOAD_CASE_MAP_STEM, number)
 
     def findings(self) -> Iterator[Finding]:
         broken = list(self._indices())

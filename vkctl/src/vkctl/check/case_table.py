@@ -9,14 +9,14 @@ import numpy as np
 from vkctl.basics.types import Array
 from vkctl.basics.words import listed, some
 from vkctl.directory import formats
-from vkctl.directory.formats import LoadCaseMap
+from vkctl.directory.formats import LoadCaseMap, file_names
 from vkctl.directory.numbering import prescribed_rows
 
 from .findings import Finding, error, note, warning
 from .inputs import Inputs
 
-_TABLE = "mxs.lcdata"
-_FLAGS = "mxs.lcflags"
+_TABLE = file_names.LOAD_CASES
+_FLAGS = file_names.LOAD_CASE_FLAGS
 
 
 def check_cases(inputs: Inputs) -> Iterator[Finding]:

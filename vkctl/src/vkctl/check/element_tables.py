@@ -8,13 +8,14 @@ import numpy as np
 
 from vkctl.basics.types import Array
 from vkctl.basics.words import counted, listed, some
+from vkctl.directory.formats import file_names
 from vkctl.shapes.topology import HEX8, NODES_PER_TYPE, TET4, TET10, TYPE_NAMES
 
 from .findings import Finding, error, note, warning
 from .inputs import ActiveMesh, Inputs, fingerprints
 from .quality import ShapeReport, measure
 
-_FILES_PER_NODE = (("node_flags", "mxs.nodeflags"), ("tp_index", "mxs.tpadr"))
+_FILES_PER_NODE = (("node_flags", file_names.NODE_FLAGS), ("tp_index", file_names.TP_INDEX))
 
 
 def check_counts(inputs: Inputs) -> Iterator[Finding]:
@@ -27,8 +28,13 @@ def check_counts(inputs: Inputs) -> Iterator[Finding]:
     if inputs.tables is not None and inputs.element_flags is not None:
         records, flags = len(inputs.tables.records), len(inputs.element_flags)
         if records != flags:
-            text = f"mxs.elemflags has {flags} values, mx.elems has {records} elements."
-            yield error("count-elements", text, "mxs.elemflags", "Both must belong to one mesh.")
+            text = (
+                f"{file_names.ELEMENT_FLAGS} has {flags} values, "
+                f"{file_names.ELEMENTS} has {records} elements."
+            )
+            yield error(
+                "count-elements", text, file_names.ELEMENT_FLAGS, "Both must belong to one mesh."
+            )
 
 
 def check_elements(inputs: Inputs) -> Iterator[Finding]:
@@ -41,17 +47,17 @@ def check_elements(inputs: Inputs) -> Iterator[Finding]:
     if len(unknown):
         codes = some(np.unique(records["TypeCode"][unknown - 1]))
         text = f"{listed(unknown, 'element')} of unknown type {codes} are passed over."
-        yield warning("element-type", text, "mx.elems", "Types are 40, 41 and 60.")
+        yield warning("element-type", text, file_names.ELEMENTS, "Types are 40, 41 and 60.")
     excluded = int((~mesh.active).sum()) - len(unknown)
     if excluded > 0:
         yield note(
             "element-excluded",
             f"{counted(excluded, 'element')} left out by flags.",
-            "mxs.elemflags",
+            file_names.ELEMENT_FLAGS,
         )
     if not mesh.active.any():
         text = "No element takes part: the structure has no degrees of freedom."
-        yield error("element-none", text, "mx.elems")
+        yield error("element-none", text, file_names.ELEMENTS)
     yield from _indices(inputs, mesh, records)
     yield from _rows_in_use(inputs, mesh, records)
     yield from _shapes(mesh)
@@ -70,7 +76,7 @@ def _indices(inputs: Inputs, mesh: ActiveMesh, records: Array) -> Iterator[Findi
         if bad.any():
             count = counted(len(inputs.materials), "material")
             text = f"{_elements(bad)} name a material that isn't there (there is {count})."
-            yield error("element-material", text, "mx.elems")
+            yield error("element-material", text, file_names.ELEMENTS)
     assert inputs.tables is not None
     rows = {TET4: inputs.tables.tet4, HEX8: inputs.tables.hex8, TET10: inputs.tables.tet10}
     limit = np.zeros(len(records), np.int64)
@@ -79,12 +85,14 @@ def _indices(inputs: Inputs, mesh: ActiveMesh, records: Array) -> Iterator[Findi
     bad = left & ((records["ConnIndex"] < 1) | (records["ConnIndex"] > limit))
     if bad.any():
         yield error(
-            "element-row", f"{_elements(bad)} point outside their connectivity table.", "mx.elems"
+            "element-row",
+            f"{_elements(bad)} point outside their connectivity table.",
+            file_names.ELEMENTS,
         )
     bad = left & ~bad
     if bad.any():
         text = f"{_elements(bad)} name nodes outside 1 to {inputs.node_count}."
-        yield error("element-node", text, "mx.elems")
+        yield error("element-node", text, file_names.ELEMENTS)
 
 
 def _elements(mask: Array) -> str:
@@ -104,12 +112,12 @@ def _rows_in_use(inputs: Inputs, mesh: ActiveMesh, records: Array) -> Iterator[F
             text = (
                 f"{counted(int((uses == 0).sum()), 'row')} of {TYPE_NAMES[code]} have no element."
             )
-            yield note("element-row-unused", text, "mx.elems")
+            yield note("element-row-unused", text, file_names.ELEMENTS)
         double = numbers[_repeated(fingerprints(rows))]
         if len(double):
             which = listed(double, "element")
             text = f"{which} lie on the same nodes as another: stiffness counts twice."
-            yield warning("element-double", text, "mx.elems")
+            yield warning("element-double", text, file_names.ELEMENTS)
 
 
 def _repeated(keys: Array) -> Array:
@@ -127,7 +135,7 @@ def _shapes(mesh: ActiveMesh) -> Iterator[Finding]:
 
 
 def _shape_findings(shape: ShapeReport, numbers: Array) -> Iterator[Finding]:
-    where = "mx.elems"
+    where = file_names.ELEMENTS
     if shape.repeated.any():
         text = f"{listed(numbers[shape.repeated], 'element')} name a node twice."
         yield error("element-collapsed", text, where)
@@ -165,7 +173,7 @@ def check_nodes(inputs: Inputs) -> Iterator[Finding]:
     undefined = np.flatnonzero(mesh.used & ~np.isfinite(mesh.nodes).all(axis=1)) + 1
     if len(undefined):
         text = f"{listed(undefined, 'node')} have no finite coordinates."
-        yield error("node-not-finite", text, "mx.nodes")
+        yield error("node-not-finite", text, file_names.NODES)
     in_mesh = mesh.used.copy()
     for table in (inputs.tables.tet4, inputs.tables.hex8, inputs.tables.tet10):
         inside = table[(table >= 1) & (table <= len(in_mesh))]
@@ -173,11 +181,13 @@ def check_nodes(inputs: Inputs) -> Iterator[Finding]:
     bare = np.flatnonzero(~in_mesh) + 1
     if len(bare):
         text = f"{listed(bare, 'node')} belong to no element and are ignored."
-        yield warning("node-unused", text, "mx.nodes", "Left over from geometry or another part?")
+        yield warning(
+            "node-unused", text, file_names.NODES, "Left over from geometry or another part?"
+        )
     left_out = np.flatnonzero(in_mesh & ~mesh.used) + 1
     if len(left_out):
         text = f"{listed(left_out, 'node')} belong to elements that are left out only."
-        yield note("node-inactive", text, "mx.nodes")
+        yield note("node-inactive", text, file_names.NODES)
 
 
 def check_levels(inputs: Inputs) -> Iterator[Finding]:
@@ -188,18 +198,22 @@ def check_levels(inputs: Inputs) -> Iterator[Finding]:
     outside = np.flatnonzero(index > len(tp)) + 1
     if len(outside):
         text = f"{listed(outside, 'node')} name a design point above {len(tp)}."
-        yield error("level-index", text, "mxs.tpadr")
+        yield error("level-index", text, file_names.TP_INDEX)
     if not np.isfinite(tp).all():
         text = (
             f"{listed(np.flatnonzero(~np.isfinite(tp)) + 1, 'design point')} have no finite level."
         )
-        yield error("level-not-finite", text, "mxs.tp")
+        yield error("level-not-finite", text, file_names.TP)
     elif len(tp) and not tp.any():
         text = "All levels are zero: every element is half material."
-        yield warning("level-zero", text, "mxs.tp", "Material lies where the level is positive.")
+        yield warning(
+            "level-zero", text, file_names.TP, "Material lies where the level is positive."
+        )
     elif len(tp) and (tp <= 0).all() and (index > 0).all():
         text = "No level is positive: there is no material."
-        yield warning("level-empty", text, "mxs.tp", "Material lies where the level is positive.")
+        yield warning(
+            "level-empty", text, file_names.TP, "Material lies where the level is positive."
+        )
     if inputs.mesh is None:
         return
     used = index[: len(inputs.mesh.used)][inputs.mesh.used[: len(index)]]
@@ -210,7 +224,7 @@ def check_levels(inputs: Inputs) -> Iterator[Finding]:
             f"{counted(int((~touched).sum()), 'design point')} of {len(tp)} belong to no used node."
         )
         hint = "Their criterion is the smallest of the others."
-        yield note("level-untouched", text, "mxs.tpadr", hint)
+        yield note("level-untouched", text, file_names.TP_INDEX, hint)
 
 
 def node_levels(inputs: Inputs) -> Array | None:

@@ -12,7 +12,7 @@ import numpy as np
 
 from vkctl.basics.types import Array
 from vkctl.directory import formats
-from vkctl.directory.formats import ElementTables, LoadCaseMap, OptionLine, RawStructure
+from vkctl.directory.formats import ElementTables, LoadCaseMap, OptionLine, RawStructure, file_names
 from vkctl.directory.numbering import active_elements, tables_by_type
 from vkctl.shapes.topology import HEX8, TET4, TET10
 
@@ -159,24 +159,28 @@ _WIDTHS = {TET4: 4, HEX8: 8, TET10: 10}
 _Row = tuple[str, Callable[[Path], Any], Callable[[Any], int]]
 
 _TABLES: dict[str, _Row] = {
-    "materials": ("mx.mats", formats.read_materials, lambda v: 8 + v.nbytes),
-    "nodes": ("mx.nodes", formats.read_nodes, lambda v: 8 + v.nbytes),
+    "materials": (file_names.MATERIALS, formats.read_materials, lambda v: 8 + v.nbytes),
+    "nodes": (file_names.NODES, formats.read_nodes, lambda v: 8 + v.nbytes),
     "tables": (
-        "mx.elems",
+        file_names.ELEMENTS,
         formats.read_elements,
         lambda v: 20 + v.records.nbytes + v.tet4.nbytes + v.hex8.nbytes + v.tet10.nbytes,
     ),
-    "node_flags": ("mxs.nodeflags", formats.read_node_flags, lambda v: 4 + v.nbytes),
-    "tp_index": ("mxs.tpadr", formats.read_tp_index, lambda v: 4 + v.nbytes),
-    "element_flags": ("mxs.elemflags", formats.read_element_flags, lambda v: 4 + v.nbytes),
-    "tp": ("mxs.tp", formats.read_tp, lambda v: 4 + v.nbytes),
+    "node_flags": (file_names.NODE_FLAGS, formats.read_node_flags, lambda v: 4 + v.nbytes),
+    "tp_index": (file_names.TP_INDEX, formats.read_tp_index, lambda v: 4 + v.nbytes),
+    "element_flags": (file_names.ELEMENT_FLAGS, formats.read_element_flags, lambda v: 4 + v.nbytes),
+    "tp": (file_names.TP, formats.read_tp, lambda v: 4 + v.nbytes),
     "structure": (
-        "mxs.sadr",
+        file_names.STRUCTURE,
         formats.read_structure,
         lambda v: 16 + (v.columns.nbytes + v.row_start.nbytes if v.num_rows > 0 else 0),
     ),
-    "load_cases": ("mxs.lcdata", formats.read_loadcases, lambda v: 8 + v.nbytes),
-    "flags": ("mxs.lcflags", lambda d: formats.read_loadcase_flags(d)[0], lambda v: 4 + 8 * len(v)),
+    "load_cases": (file_names.LOAD_CASES, formats.read_loadcases, lambda v: 8 + v.nbytes),
+    "flags": (
+        file_names.LOAD_CASE_FLAGS,
+        lambda d: formats.read_loadcase_flags(d)[0],
+        lambda v: 4 + 8 * len(v),
+    ),
 }
 
 
@@ -231,7 +235,7 @@ def _read_maps(inputs: Inputs) -> Iterator[Finding]:
     for number in inputs.sequence:
         if number > formats.LARGEST_NUMBER:
             continue
-        name = formats.numbered("mxs.lcmap", number)
+        name = formats.numbered(file_names.LOAD_CASE_MAP_STEM, number)
         if number not in inputs.to_run and not Path(inputs.directory, name).exists():
             continue
         content, found = _read(
@@ -248,7 +252,9 @@ def _read_maps(inputs: Inputs) -> Iterator[Finding]:
 def _unfinished(directory: Path) -> list[Finding]:
     """What a killed run leaves of a file it was replacing."""
     names = sorted(
-        path.name for path in directory.glob("*~") if path.name.startswith(("ws.", "mx"))
+        path.name
+        for path in directory.glob("*~")
+        if path.name.startswith((file_names.RESULT_PREFIX, "mx"))
     )
     if not names:
         return []

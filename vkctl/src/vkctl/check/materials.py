@@ -9,11 +9,12 @@ import numpy as np
 from vkctl.basics.types import Array
 from vkctl.basics.words import some
 from vkctl.directory import formats
+from vkctl.directory.formats import file_names
 
 from .findings import Finding, error, note, warning
 from .inputs import Inputs
 
-_WHERE = "mx.mats"
+_WHERE = file_names.MATERIALS
 _ISOTROPIC = (
     formats.MATERIAL_ISOTROPIC | formats.MATERIAL_YIELDING | formats.MATERIAL_COMPRESSION_ONLY
 )

@@ -11,7 +11,7 @@ import numpy as np
 
 from vkctl.basics.types import Array
 from vkctl.shapes.functions import hex8_gradients, tet10_gradients
-from vkctl.shapes.measures import NO_VOLUME
+from vkctl.shapes.measures import NEARLY_STRAIGHT, NO_VOLUME
 from vkctl.shapes.rules import solver_hexahedron_points, solver_tetrahedron_points
 from vkctl.shapes.topology import (
     HEX8,
@@ -25,7 +25,6 @@ from vkctl.shapes.topology import (
 
 _ELEMENTS_PER_BLOCK = 20_000  # bounds the work arrays
 _SLIVER = 0.05  # quality below which an element is a sliver: about 1 thick and 100 wide
-_STRAIGHT = 1e-4  # mid-edge nodes off their edges' middles, relative to the edge: no more, straight
 _TET10_INNER = np.array([tet10_gradients(point) for point in solver_tetrahedron_points()])
 _TET10_OUTER = np.array([tet10_gradients(point) for point in TET_CORNERS])
 _HEX8_INNER = np.array([hex8_gradients(point) for point in solver_hexahedron_points()])
@@ -112,7 +111,7 @@ def _is_straight(points: Array) -> Array:
     ends = points[:, TET10_EDGES]
     off = np.linalg.norm(points[:, 4:] - ends.mean(axis=2), axis=2)
     length = np.linalg.norm(ends[:, :, 1] - ends[:, :, 0], axis=2)
-    straight: Array = (off <= _STRAIGHT * length).all(axis=1)
+    straight: Array = (off <= NEARLY_STRAIGHT * length).all(axis=1)
     return straight
 
 

@@ -10,6 +10,7 @@ import numpy as np
 from vkctl.basics.types import Array
 from vkctl.basics.words import listed
 from vkctl.directory import formats
+from vkctl.directory.formats import file_names
 
 from .findings import Finding, error, warning
 from .inputs import Inputs
@@ -28,7 +29,7 @@ def check_states(inputs: Inputs) -> Iterator[Finding]:
 
 
 def _displacements(inputs: Inputs, number: int) -> Iterator[Finding]:
-    name = formats.numbered("ws.sstate", number)
+    name = formats.numbered(file_names.DISPLACEMENTS_STEM, number)
     path = Path(inputs.directory, name)
     if inputs.tp_index is None or not path.exists():
         return
@@ -50,7 +51,7 @@ def _displacements(inputs: Inputs, number: int) -> Iterator[Finding]:
 
 def _element_state(inputs: Inputs, number: int) -> Iterator[Finding]:
     """Element states are read where the count fits, and ignored where it doesn't."""
-    name = formats.numbered("ws.mstate", number)
+    name = formats.numbered(file_names.ELEMENT_STATE_STEM, number)
     path = Path(inputs.directory, name)
     if inputs.materials is None or inputs.element_flags is None or not path.exists():
         return
@@ -85,7 +86,7 @@ def _with_state(inputs: Inputs, elements: int) -> Array:
 
 def _criterion(inputs: Inputs, number: int) -> Iterator[Finding]:
     """The earlier criterion, where it is blended in for sure."""
-    name = formats.numbered("ws.tcval", number)
+    name = formats.numbered(file_names.CRITERION_STEM, number)
     if inputs.tp is None or inputs.option_values["Sta.ResponseDumpFac"] <= 0:
         return
     path = Path(inputs.directory, name)

@@ -8,13 +8,13 @@ import numpy as np
 
 from vkctl.basics.types import Array
 from vkctl.basics.words import some
-from vkctl.directory.formats import RawStructure
+from vkctl.directory.formats import RawStructure, file_names
 from vkctl.directory.structure import build_structure
 
 from .findings import Finding, error, note, warning
 from .inputs import ActiveMesh, Inputs
 
-_WHERE = "mxs.sadr"
+_WHERE = file_names.STRUCTURE
 _ROWS_PER_BLOCK = 300_000
 _ENTRIES_64BIT = 500_000_000  # from here on the 64-bit index path is taken
 _MOST_ENTRIES = 2**31

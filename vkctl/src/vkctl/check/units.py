@@ -8,6 +8,7 @@ import numpy as np
 
 from vkctl.basics.types import Array
 from vkctl.directory import formats
+from vkctl.directory.formats import file_names
 
 from .findings import Finding, warning
 from .inputs import Inputs
@@ -55,7 +56,7 @@ def _moduli(materials: Array) -> Array:
 
 
 def _modulus_and_size(modulus: float, extent: float) -> Iterator[Finding]:
-    where = "mx.mats, mx.nodes"
+    where = f"{file_names.MATERIALS}, {file_names.NODES}"
     if _PASCAL[0] <= modulus <= _PASCAL[1] and extent > _LONG:
         text = f"A modulus of {modulus:g} looks like Pa, a size of {extent:g} like millimetres."
         yield warning("units-size", text, where, "With mm and N the modulus is in MPa.")

@@ -7,9 +7,11 @@ from dataclasses import dataclass
 from pathlib import Path
 
 from vkctl.basics.types import Array, PathLike
+from vkctl.directory.formats import file_names
 
 from . import formats
 
+STOP_QUALITY = 0.5  # below this the run stops
 POOR_QUALITY = 0.9  # below this a solution draws a warning and leaves no start vector
 
 
@@ -63,5 +65,5 @@ def _if_there(
 
 def solved(directory: PathLike) -> list[int]:
     """Numbers of the load cases that have results."""
-    names = Path(directory).glob("ws.comval.[0-9][0-9][0-9][0-9]")
+    names = Path(directory).glob(f"{file_names.TOTALS_STEM}.{file_names.FOUR_DIGITS}")
     return sorted(int(path.suffix[1:]) for path in names)

@@ -19,6 +19,7 @@ import numpy as np
 
 from vkctl.basics.types import Array, PathLike
 from vkctl.directory import formats
+from vkctl.directory.formats import file_names
 from vkctl.directory.model import Model, read, set_flags
 from vkctl.directory.results import Results, read_results
 from vkctl.prepare.build import Prepared, build, new
@@ -34,7 +35,14 @@ from .settings import Settings, read_settings
 
 _WINDOW = 5  # steps whose mean objective is compared with that of as many before
 _POLL = 0.1  # seconds between two looks at a solver that an earlier loop has left behind
-_FIXED_FILES = ("mx.*", "mxs.nodeflags", "mxs.tpadr", "mxs.elemflags", "mxs.lcdata", "mxs.lcmap.*")
+_FIXED_FILES = (
+    "mx.*",
+    file_names.NODE_FLAGS,
+    file_names.TP_INDEX,
+    file_names.ELEMENT_FLAGS,
+    file_names.LOAD_CASES,
+    f"{file_names.LOAD_CASE_MAP_STEM}.*",
+)
 
 
 class OptimiseError(Exception):
@@ -159,7 +167,7 @@ def _start(cases: PathLike, directory: Path, settings: Settings) -> _Loop:
 def _begin(cases: PathLike, directory: Path, settings: Settings) -> tuple[State, Model]:
     """Prepare the directory where needed, write the first levels and the first state."""
     prepared: Prepared | None = None
-    if history.is_half_prepared(directory) or not Path(directory, "mx.nodes").exists():
+    if history.is_half_prepared(directory) or not Path(directory, file_names.NODES).exists():
         history.begin_preparing(directory)
         prepared = new(None, cases, directory)
         history.end_preparing(directory)

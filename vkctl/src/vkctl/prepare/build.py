@@ -11,6 +11,7 @@ from vkctl.basics.arrays import distinct
 from vkctl.basics.types import Array, PathLike
 from vkctl.basics.words import counted
 from vkctl.directory import formats, model
+from vkctl.directory.formats import file_names
 from vkctl.directory.model import Model
 
 from .case_file.entries import Cases
@@ -21,7 +22,10 @@ from .mesh import PartMesh, make_mesh
 from .readers.registry import read_part
 from .sets import Sets
 
-_STALE = ("ws.*.[0-9][0-9][0-9][0-9]", "mxs.lcmap.[0-9][0-9][0-9][0-9]")
+_STALE = (
+    f"{file_names.RESULT_PREFIX}*.{file_names.FOUR_DIGITS}",
+    f"{file_names.LOAD_CASE_MAP_STEM}.{file_names.FOUR_DIGITS}",
+)
 
 
 @dataclass
@@ -69,7 +73,7 @@ def _remove_stale(directory: Path, notes: list[str]) -> None:
     stale = [path for pattern in _STALE for path in directory.glob(pattern)]
     for path in stale:
         path.unlink()
-    if results := sum(path.name.startswith("ws.") for path in stale):
+    if results := sum(path.name.startswith(file_names.RESULT_PREFIX) for path in stale):
         notes.append(f"removed {counted(results, 'result file')} of an earlier model")
 
 

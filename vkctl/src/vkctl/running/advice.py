@@ -6,6 +6,8 @@ import re
 import signal
 from dataclasses import dataclass
 
+from vkctl.directory.results import POOR_QUALITY, STOP_QUALITY
+
 
 @dataclass(frozen=True)
 class Advice:
@@ -65,13 +67,13 @@ _MESSAGES: list[tuple[str, str, str]] = [
     ),
     (
         r"No convergence in static response analysis process\.",
-        "The solution did not converge: its quality is below 0.5, and the run stopped.",
+        f"The solution did not converge: its quality is below {STOP_QUALITY}, and the run stopped.",
         "Look for a part without enough supports or for distorted elements with `vkctl check`. "
         "In iterative mode, `--mode direct` is the stronger choice if memory allows.",
     ),
     (
         r"Convergence problems in static response analysis process\.",
-        "A solution is poor: its quality is below 0.9.",
+        f"A solution is poor: its quality is below {POOR_QUALITY}.",
         "Results were written, but no start vector for another run. Use `--mode direct`, or look "
         "for thin or badly shaped elements and nearly missing supports with `vkctl check`.",
     ),

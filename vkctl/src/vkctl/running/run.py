@@ -52,7 +52,7 @@ class RunResult:
     warnings: list[Advice] = field(default_factory=list)  # one per different warning of the log
     planned: list[int] = field(default_factory=list)  # load cases that were to be run
     open: list[int] = field(default_factory=list)  # of these, what isn't done
-    poor: list[int] = field(default_factory=list)  # finished with a quality below 0.9
+    poor: list[int] = field(default_factory=list)  # finished with a quality below POOR_QUALITY
     seconds: float = 0.0
     peak_memory_gb: float | None = None
     printed: str = ""  # what vk_rund wrote to its standard streams

@@ -66,6 +66,12 @@ def select_nodes(
 # is refused with it, since it can be meshed anew, while a directory that holds it still runs.
 NO_VOLUME = 1e-10
 NEARLY_NO_VOLUME = 1e-6
+
+# How far a mid-edge node is off the middle of its edge, relative to the edge. Up to the first an
+# element is taken for straight where forces are spread and nodes turned. Up to the second its shape
+# is measured as a straight one: what lies between can't fold it.
+STRAIGHT = 1e-6
+NEARLY_STRAIGHT = 1e-4
 _BLOCK = 1 << 13  # elements at a time
 
 
@@ -79,7 +85,7 @@ def curved(nodes: Array, table: Array) -> Array:
     for place, (i, j) in enumerate(TET10_EDGES, 4):
         a, b, middle = (nodes[table[:, k] - 1] for k in (i, j, place))
         off = np.abs(middle - (a + b) / 2).max(axis=1)
-        mask |= off > 1e-6 * np.abs(b - a).max(axis=1) + rounding
+        mask |= off > STRAIGHT * np.abs(b - a).max(axis=1) + rounding
     return mask
 
 

@@ -10,6 +10,7 @@ import numpy as np
 from vkctl.basics.extras import need
 from vkctl.basics.types import Array, PathLike
 from vkctl.directory import formats
+from vkctl.directory.formats import file_names
 from vkctl.directory.model import read
 from vkctl.directory.results import solved
 from vkctl.shapes.faces import boundary_faces, face_triangles
@@ -39,7 +40,7 @@ def picture(directory: PathLike, target: PathLike, exaggeration: float | None = 
 
 
 def _has_displacements(directory: PathLike, number: int) -> bool:
-    return Path(directory, formats.numbered("ws.sstate", number)).exists()
+    return Path(directory, formats.numbered(file_names.DISPLACEMENTS_STEM, number)).exists()
 
 
 def _draw(

@@ -9,6 +9,8 @@ size with its counts before anything is allocated. Writers replace the file as a
 moment does a reader see half of it.
 """
 
+from . import file_names
+from .file_names import LOG_FILE, OPTIONS_FILE
 from .load_case_files import (
     LoadCaseMap,
     is_to_run,
@@ -65,7 +67,6 @@ from .records import (
     LOADCASE_FORMAT,
     LOADCASE_REQUESTED,
     LOADCASE_STATIC,
-    LOG_FILE,
     MATERIAL,
     MATERIAL_COMPRESSION_ONLY,
     MATERIAL_ISOTROPIC,
@@ -74,7 +75,6 @@ from .records import (
     MATERIAL_YIELDING,
     NODE,
     NODE_NO_LOADS,
-    OPTIONS_FILE,
     SCALAR,
     TOTALS,
     default_materials,
@@ -136,6 +136,7 @@ __all__ = [
     "ShortFileError",
     "TOTALS",
     "default_materials",
+    "file_names",
     "is_to_run",
     "is_wanted",
     "numbered",

@@ -10,6 +10,7 @@ import numpy.typing as npt
 
 from vkctl.basics.types import Array, PathLike
 
+from . import file_names
 from .records import (
     CONSTRAINT,
     FORCE,
@@ -26,7 +27,7 @@ from .streams import FormatError, Reader, int32_bytes, numbered, write_parts
 
 def read_loadcases(directory: PathLike) -> Array:
     """`mxs.lcdata`: LOADCASE records; another format number than 128 is an error."""
-    path = Path(directory, "mxs.lcdata")
+    path = Path(directory, file_names.LOAD_CASES)
     with Reader(path) as r:
         count, number = r.int32("NumLoadCases"), r.int32("format number")
         if number != LOADCASE_FORMAT:
@@ -37,12 +38,14 @@ def read_loadcases(directory: PathLike) -> Array:
 def write_loadcases(directory: PathLike, records: Array) -> None:
     """`mxs.lcdata` from LOADCASE records."""
     rows = np.asarray(records, LOADCASE)
-    write_parts(Path(directory, "mxs.lcdata"), [int32_bytes(len(rows), LOADCASE_FORMAT), rows])
+    write_parts(
+        Path(directory, file_names.LOAD_CASES), [int32_bytes(len(rows), LOADCASE_FORMAT), rows]
+    )
 
 
 def read_loadcase_flags(directory: PathLike) -> tuple[Array, Array]:
     """`mxs.lcflags`: int32 flags and float32 values, one each per load case."""
-    with Reader(Path(directory, "mxs.lcflags")) as r:
+    with Reader(Path(directory, file_names.LOAD_CASE_FLAGS)) as r:
         count = r.int32("NumLoadCases")
         flags = r.array("<i4", count, "load-case flags")
         return flags, r.array("<f4", count, "load-case values")
@@ -56,7 +59,9 @@ def write_loadcase_flags(
     reals = np.zeros(len(words), "<f4") if values is None else np.asarray(values, "<f4")
     if len(reals) != len(words):
         raise ValueError(f"{len(words)} load-case flags but {len(reals)} values")
-    write_parts(Path(directory, "mxs.lcflags"), [int32_bytes(len(words)), words, reals])
+    write_parts(
+        Path(directory, file_names.LOAD_CASE_FLAGS), [int32_bytes(len(words)), words, reals]
+    )
 
 
 def is_wanted(kind: int, flags: int) -> bool:
@@ -82,7 +87,7 @@ class LoadCaseMap:
 
 def read_loadcase_map(directory: PathLike, number: int) -> LoadCaseMap:
     """`mxs.lcmap.NNNN` of load case `number`."""
-    with Reader(Path(directory, numbered("mxs.lcmap", number))) as r:
+    with Reader(Path(directory, numbered(file_names.LOAD_CASE_MAP_STEM, number))) as r:
         return LoadCaseMap(
             *(
                 r.array(dtype, r.int32(f"count of {name}"), name)
@@ -107,4 +112,4 @@ def write_loadcase_map(directory: PathLike, number: int, sections: LoadCaseMap) 
     ):
         records = np.asarray(rows, dtype)
         parts += [int32_bytes(len(records)), records]
-    write_parts(Path(directory, numbered("mxs.lcmap", number)), parts)
+    write_parts(Path(directory, numbered(file_names.LOAD_CASE_MAP_STEM, number)), parts)

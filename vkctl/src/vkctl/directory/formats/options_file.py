@@ -10,7 +10,7 @@ from typing import Literal
 
 from vkctl.basics.types import PathLike
 
-from .records import OPTIONS_FILE
+from .file_names import OPTIONS_FILE
 from .streams import FormatError, write_parts
 
 

@@ -32,8 +32,6 @@ LOADCASE_EXCLUDED = 1 << 2
 LOADCASE_STATIC = 1  # the one LoadCaseRecord Kind that runs
 LOADCASE_FORMAT = 128  # format number of mxs.lcdata
 CONSTRAINT_PENALTY = 1 << 0  # NodalConstraintRecord Kind: elastic support
-OPTIONS_FILE = "vk_rund_cmd.txt"
-LOG_FILE = "vk_rund_log.txt"
 
 
 def _record(size: int, *fields: tuple[str, Any, int]) -> np.dtype[Any]:

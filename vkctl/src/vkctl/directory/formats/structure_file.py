@@ -10,6 +10,7 @@ import numpy as np
 
 from vkctl.basics.types import Array, PathLike
 
+from . import file_names
 from .streams import Reader, write_parts
 
 
@@ -32,7 +33,7 @@ class RawStructure:
 
 def read_structure(directory: PathLike) -> RawStructure:
     """`mxs.sadr`."""
-    with Reader(Path(directory, "mxs.sadr")) as r:
+    with Reader(Path(directory, file_names.STRUCTURE)) as r:
         rows, bandwidth = r.int32("NumRawRows"), r.int32("MaxBW")
         entries = r.int64("NumRawEntries")
         if rows <= 0:
@@ -48,4 +49,4 @@ def write_structure(directory: PathLike, structure: RawStructure) -> None:
     parts: list[bytes | Array] = [header]
     if structure.num_rows > 0:
         parts += [columns, np.asarray(structure.row_start, "<i8")]
-    write_parts(Path(directory, "mxs.sadr"), parts)
+    write_parts(Path(directory, file_names.STRUCTURE), parts)

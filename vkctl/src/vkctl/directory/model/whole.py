@@ -10,6 +10,7 @@ import numpy as np
 import numpy.typing as npt
 
 from vkctl.basics.types import Array, PathLike
+from vkctl.directory.formats import file_names
 from vkctl.shapes.elements import Elements
 
 from .. import formats
@@ -132,9 +133,9 @@ def read(directory: PathLike) -> Model:
     per_node = formats.read_node_flags(directory), formats.read_tp_index(directory)
     element_flags = formats.read_element_flags(directory)
     for name, array, count in (
-        ("mxs.nodeflags", per_node[0], len(nodes)),
-        ("mxs.tpadr", per_node[1], len(nodes)),
-        ("mxs.elemflags", element_flags, len(tables.records)),
+        (file_names.NODE_FLAGS, per_node[0], len(nodes)),
+        (file_names.TP_INDEX, per_node[1], len(nodes)),
+        (file_names.ELEMENT_FLAGS, element_flags, len(tables.records)),
     ):
         if len(array) != count:
             raise formats.FormatError(Path(directory, name), f"{len(array)} values, not {count}")
@@ -166,8 +167,10 @@ def read_load_cases(directory: PathLike) -> tuple[list[LoadCase], Array]:
     records = formats.read_loadcases(directory)
     flags, values = formats.read_loadcase_flags(directory)
     if len(flags) != len(records):
-        path = Path(directory, "mxs.lcflags")
-        raise formats.FormatError(path, f"{len(flags)} load cases, mxs.lcdata has {len(records)}")
+        path = Path(directory, file_names.LOAD_CASE_FLAGS)
+        raise formats.FormatError(
+            path, f"{len(flags)} load cases, {file_names.LOAD_CASES} has {len(records)}"
+        )
     cases = []
     for number, record in enumerate(records, 1):
         sections = formats.read_loadcase_map(directory, number)
