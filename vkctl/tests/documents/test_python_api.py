@@ -63,7 +63,7 @@ def test_every_example_of_the_page_is_run_here() -> None:
     assert len(BLOCKS) == 8
 
 
-def test_check_tells_its_findings(folder: Path) -> None:
+def test_check_finds_no_fault_in_its_directory(folder: Path) -> None:
     names = play(block("from vkctl.check"))
     assert (names["report"].status, names["report"].findings) == (0, [])
     assert names["report"].counts["elements"] == 16

@@ -41,7 +41,11 @@ def test_a_vtu_holds_every_field_of_the_load_case(tmp_path: Path) -> None:
 def test_a_vtu_of_a_model_without_results_holds_the_model(tmp_path: Path) -> None:
     write(make_model(), tmp_path / "dir")
     export.export(tmp_path / "dir", tmp_path / "out.vtu")
-    assert "level" in pyvista.read(tmp_path / "out.vtu").point_data
+    found, model = pyvista.read(tmp_path / "out.vtu"), make_model()
+    np.testing.assert_allclose(found.points, model.nodes, atol=1e-6)
+    assert found.n_cells == len(model.elements)
+    assert found.point_data["level"].tolist() == [1.0] * len(model.nodes)
+    assert "displacement" not in found.point_data
 
 
 def test_a_series_has_one_step_per_solved_load_case(tmp_path: Path) -> None:

@@ -21,9 +21,14 @@ def test_the_grid_has_the_volume_of_the_mesh(kind: str) -> None:
 
 def test_curved_mid_edge_nodes_keep_their_places() -> None:
     model = make_model("tet10", (1, 1, 1))
-    middle = model.elements.tet10[0, 4:] - 1
+    row = model.elements.tet10[0] - 1
+    bulge = np.arange(6)[:, None] * [0.01, -0.02, 0.03]
+    model.nodes[row[4:]] += bulge
     cell = grid.mesh_grid(model).get_cell(0)
-    np.testing.assert_array_equal(np.asarray(cell.point_ids)[4:], middle)
+    np.testing.assert_array_equal(cell.point_ids, row)
+    corners = [(0, 1), (1, 2), (2, 0), (0, 3), (1, 3), (2, 3)]
+    middle = cell.points[:4][corners].mean(axis=1)
+    np.testing.assert_allclose(cell.points[4:] - middle, bulge, atol=1e-6)
 
 
 def test_levels_are_scaled_like_the_solver_scales_them() -> None:
