@@ -18,9 +18,10 @@ from pathlib import Path
 
 HERE = Path(__file__).resolve().parent
 DOCS = HERE.parent / "docs"
-sys.path[:0] = [str(HERE), str(HERE.parent / "vkctl/src")]
+sys.path[:0] = [str(HERE), *(str(HERE.parent / path) for path in ("tests/support", "vkctl/src"))]
 
-from support import page, solver  # noqa: E402
+from program_under_test import program  # noqa: E402
+from support import page  # noqa: E402
 
 CASES = (
     "patch",
@@ -83,8 +84,8 @@ def arguments() -> argparse.Namespace:
 
 def main() -> int:
     options = arguments()
-    if not solver.program().exists():
-        print(f"no solver at {solver.program()}; build it or set VK_RUND", file=sys.stderr)
+    if not program().exists():
+        print(f"no solver at {program()}; build it or set VK_RUND", file=sys.stderr)
         return 2
     results, failed_cases = [], 0
     # Told by the set-up where the Debian release hasn't got the other solver.

@@ -9,6 +9,7 @@ import sys
 import tempfile
 from pathlib import Path
 
+import program_under_test
 import pytest
 
 ROOT = Path(__file__).resolve().parents[2]
@@ -34,7 +35,7 @@ def pytest_configure(config: pytest.Config) -> None:
 @pytest.fixture(scope="session", autouse=True)
 def program() -> Path:
     """Path of the program, made absolute for helpers that read VK_RUND."""
-    path = Path(os.environ.get("VK_RUND", ROOT / "build" / "release" / "vk_rund")).absolute()
+    path = program_under_test.program()
     if not os.access(path, os.X_OK):
         pytest.exit(f"no program at {path}: build it, or tell its path in VK_RUND", 2)
     os.environ["VK_RUND"] = str(path)

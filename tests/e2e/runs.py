@@ -2,17 +2,16 @@
 
 from __future__ import annotations
 
-import os
 import re
 import resource
 import struct
-import subprocess
 from collections.abc import Sequence
-from dataclasses import dataclass
 from pathlib import Path
 
 import numpy as np
 import oracle
+import program_under_test
+from program_under_test import Outcome
 
 LOG = "vk_rund_log.txt"
 OPTIONS = "vk_rund_cmd.txt"
@@ -23,25 +22,9 @@ TIMEOUT = 120
 SAME = 3e-5
 
 
-@dataclass
-class Outcome:
-    status: int
-    out: str
-    err: str
-
-
 def start(*arguments: str | Path, cwd: str | Path | None = None, **environment: str) -> Outcome:
-    """Run the program with any arguments."""
-    done = subprocess.run(
-        [os.environ["VK_RUND"], *map(str, arguments)],
-        cwd=cwd,
-        env={**os.environ, **environment},
-        capture_output=True,
-        text=True,
-        timeout=TIMEOUT,
-        check=False,
-    )
-    return Outcome(done.returncode, done.stdout, done.stderr)
+    """Run the program with any arguments, for no longer than a test may take."""
+    return program_under_test.start(*arguments, cwd=cwd, timeout=TIMEOUT, **environment)
 
 
 def run(directory: Path, **environment: str) -> list[str]:

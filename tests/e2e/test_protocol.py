@@ -11,6 +11,7 @@ import numpy as np
 import oracle
 import pytest
 from models import STEEL, part, pulled, tiny, tiny_case, written
+from program_under_test import Outcome
 from runs import (
     BAD_ARGUMENTS,
     BAD_DIRECTORY,
@@ -18,7 +19,6 @@ from runs import (
     BAD_RUN,
     LOG,
     OPTIONS,
-    Outcome,
     check_lines,
     clear_done,
     compare_files,

@@ -1,16 +1,15 @@
 """The list of components and the page of licences tell the same."""
 
 import json
-import os
 import re
 import subprocess
 import sys
 from pathlib import Path
 
 import pytest
+from program_under_test import program, start
 
 ROOT = Path(__file__).parents[2]
-PROGRAM = os.environ.get("VK_RUND", ROOT / "build" / "release" / "vk_rund")
 ENVIRONMENT = {
     "metadata": {"component": {"bom-ref": "root", "name": "vkctl"}},
     "components": [
@@ -27,7 +26,7 @@ ENVIRONMENT = {
 @pytest.fixture(scope="module")
 def listed():
     told = subprocess.run(
-        [sys.executable, ROOT / "scripts" / "sbom.py", PROGRAM],
+        [sys.executable, ROOT / "scripts" / "sbom.py", program()],
         input=json.dumps(ENVIRONMENT),
         capture_output=True,
         text=True,
@@ -49,7 +48,7 @@ def test_the_list_has_what_is_needed_at_run_time_and_not_what_tests_need(listed)
 
 def test_the_list_has_the_libraries_of_the_program(listed):
     assert {"libgomp1", "libstdc++6", "libc6"} <= names(listed)
-    maths = subprocess.run([PROGRAM, "--version"], capture_output=True, text=True).stdout
+    maths = start("--version").out
     assert ("oneMKL" in maths) == ("oneMKL" in names(listed))
     assert ("MUMPS" in maths) == any(name.startswith("libmumps") for name in names(listed))
     linked = [part for part in listed["components"] if part["bom-ref"].startswith("pkg:")]

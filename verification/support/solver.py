@@ -3,26 +3,20 @@
 from __future__ import annotations
 
 import math
-import os
-import subprocess
 import tempfile
 from dataclasses import dataclass
 from pathlib import Path
 
 import numpy as np
+from program_under_test import start
 
 from vkctl.basics.types import Array
 from vkctl.directory import formats
 from vkctl.directory import model as vkmodel
 from vkctl.directory.model import Material, Model
 
-ROOT = Path(__file__).resolve().parents[2]
 PRESENCE_FLOOR = float(np.float32(0.001))
 SLOPE = 500.0  # default of "Sta.MatSlopeFactor"
-
-
-def program() -> Path:
-    return Path(os.environ.get("VK_RUND", ROOT / "build/release/vk_rund")).resolve()
 
 
 def presence(level: Array | float, slope: float = SLOPE) -> Array | float:
@@ -68,10 +62,10 @@ class Workplace:
     def solve(self) -> list[Answer]:
         """Run all requested load cases, from the states of the last run if there was one."""
         vkmodel.set_flags(self.path, clear_done=True)
-        done = subprocess.run([program(), str(self.path)], capture_output=True, text=True)
-        if done.returncode:
+        done = start(self.path)
+        if done.status:
             log = (self.path / formats.LOG_FILE).read_text("latin-1")
-            raise RuntimeError(f"vk_rund stopped with {done.returncode}\n{log}")
+            raise RuntimeError(f"vk_rund stopped with {done.status}\n{log}")
         return [self._read(number) for number in range(1, len(self.model.load_cases) + 1)]
 
     def _read(self, number: int) -> Answer:

@@ -2,8 +2,6 @@
 
 from __future__ import annotations
 
-import os
-import subprocess
 from collections.abc import Callable, Iterator
 from contextlib import contextmanager
 from pathlib import Path
@@ -11,6 +9,7 @@ from types import ModuleType
 
 import gmsh
 import numpy as np
+import program_under_test
 import pyvista
 
 from vkctl.prepare import CaseFileError, PartMesh, Prepared, build, make_mesh, read_cases, read_part
@@ -137,8 +136,8 @@ def forces(case: object, nodes: np.ndarray) -> np.ndarray:
 
 
 def solve(directory: Path) -> None:
-    """Run the solver in VK_RUND, by default the release build."""
-    program = Path(os.environ.get("VK_RUND", ROOT / "build" / "release" / "vk_rund")).resolve()
+    """Run the solver, which has to end well."""
+    program = program_under_test.program()
     assert program.is_file(), f"no solver at {program}: build it, or tell its path in VK_RUND"
-    done = subprocess.run([program, directory], capture_output=True, text=True, check=False)
-    assert done.returncode == 0, done.stdout + done.stderr
+    done = program_under_test.start(directory)
+    assert done.status == 0, done.out + done.err

@@ -2,17 +2,16 @@
 
 from __future__ import annotations
 
-import os
 from pathlib import Path
 
 import numpy as np
+import program_under_test
 
 from vkctl.directory.model import Material, Model
 from vkctl.shapes.boxes import box
 from vkctl.view.grid import mesh_grid
 
-ROOT = Path(__file__).resolve().parents[2]
-VK_RUND = Path(os.environ.get("VK_RUND", ROOT / "build" / "release" / "vk_rund")).resolve()
+VK_RUND = program_under_test.program()
 NOBODY = np.empty(0, np.int64)
 
 # One thread: models this small gain nothing from more.

@@ -4,13 +4,12 @@ from __future__ import annotations
 
 import dataclasses
 import json
-import os
 import subprocess
 from collections.abc import Iterator
-from pathlib import Path
 from typing import Any
 
 import numpy as np
+import program_under_test
 import pytest
 
 from vkctl.directory import formats
@@ -21,9 +20,7 @@ from vkctl.running.advice import explain_status
 from vkctl.running.progress import stage
 from vkctl.shapes import topology
 
-ROOT = Path(__file__).resolve().parents[3]
-PROGRAM = Path(os.environ.get("VK_RUND", ROOT / "build" / "release" / "vk_rund")).absolute()
-DESCRIBED = json.loads(subprocess.check_output([PROGRAM, "--describe"]))
+DESCRIBED = json.loads(subprocess.check_output([program_under_test.program(), "--describe"]))
 
 FILES = {file.get("name", file.get("stem")): file for file in DESCRIBED["files"]}
 RECORDS = {record["name"]: record for record in DESCRIBED["records"]}
