@@ -88,7 +88,8 @@ def energies(frame: Frame, moduli: np.ndarray) -> np.ndarray:
     u = np.zeros(count)
     u[free] = splu(matrix[free][:, free]).solve(frame.load[free])
     local = u[equations]
-    return np.einsum("ei,ij,ej->e", local, stiffness, local).reshape(moduli.shape)
+    energies: np.ndarray = np.einsum("ei,ij,ej->e", local, stiffness, local)
+    return energies.reshape(moduli.shape)
 
 
 def compliance(frame: Frame, moduli: np.ndarray) -> float:
@@ -137,4 +138,4 @@ def _updated(x: np.ndarray, slope: np.ndarray, volume: float) -> np.ndarray:
         moved = x * np.sqrt(slope / middle)
         new = np.clip(moved, np.maximum(0, x - 0.2), np.minimum(1, x + 0.2))
         low, high = (middle, high) if new.mean() > volume else (low, middle)
-    return new
+    return np.asarray(new)

@@ -62,6 +62,6 @@ def write_results(model: Model, directory: Path, numbers: tuple[int, ...] = (1,)
         formats.write_magnitude(directory, number, np.linalg.norm(shift, axis=1))
         formats.write_stress(directory, number, model.nodes[:, 0] - 4.0)
         formats.write_criterion(directory, number, model.tp)
-        totals = np.zeros((), formats.TOTALS)
+        totals = np.zeros(1, formats.TOTALS)[0]
         totals["LoadCase"], totals["Kind"], totals["ARQua"] = number, 1, 1.0
         formats.write_totals(directory, number, totals)

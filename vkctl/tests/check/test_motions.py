@@ -2,7 +2,7 @@
 
 import numpy as np
 
-from vkctl.check.supports import describe_motions
+from vkctl.check.motions import describe_motions
 
 
 def test_motions_off_the_axes_are_told_by_their_vectors():

@@ -5,7 +5,7 @@ from __future__ import annotations
 import dataclasses
 import json
 import subprocess
-from collections.abc import Iterator
+from collections.abc import Callable, Iterator
 from typing import Any
 
 import numpy as np
@@ -141,7 +141,7 @@ def flat(read: Any) -> bytes:
 
 
 # How a file is read and written; with the number of a load case where its name has one.
-PLAIN = {
+PLAIN: dict[str, tuple[Callable[..., Any], Callable[..., Any]]] = {
     "mxs.lcdata": (formats.read_loadcases, formats.write_loadcases),
     "mxs.lcflags": (formats.read_loadcase_flags, formats.write_loadcase_flags),
     "mx.mats": (formats.read_materials, formats.write_materials),
@@ -153,7 +153,7 @@ PLAIN = {
     "mxs.tp": (formats.read_tp, formats.write_tp),
     "mxs.sadr": (formats.read_structure, formats.write_structure),
 }
-NUMBERED = {
+NUMBERED: dict[str, tuple[Callable[..., Any], Callable[..., Any]]] = {
     "mxs.lcmap.": (formats.read_loadcase_map, formats.write_loadcase_map),
     "ws.sstate.": (formats.read_displacements, formats.write_displacements),
     "ws.mstate.": (formats.read_element_state, formats.write_element_state),
@@ -270,7 +270,7 @@ def log_line(line: dict[str, Any]) -> str:
     tail = {"none": " ", "int32": "1", "float32": "1.00000", "text": "00:00:01.000 "}[line["tail"]]
     if "SysConfig" in line["text"]:
         tail = "1/0.01/0.02 "
-    return frame["begin"] + line["text"] + frame.get("value", "") + tail + frame["end"]
+    return str(frame["begin"] + line["text"] + frame.get("value", "") + tail + frame["end"])
 
 
 @pytest.mark.parametrize("line", DESCRIBED["log"]["lines"], ids=lambda line: line["text"])

@@ -40,7 +40,8 @@ def whole_model():
     first.load([3, 5, 3], [(1, 0, 0), (0, 1, 0), (0, 0, 1)]).load([7], (1, 2, 3), section=3)
     first.heat([1, 2], [10.0, 20.0])
     second = LoadCase(flags=formats.LOADCASE_REQUESTED | 64, value=0.75, reserved=b"other")
-    model = Model(part.nodes, part.elements, materials, [first, second], run_order=[2, 1])
+    model = Model(part.nodes, part.elements, materials, [first, second], run_order=np.array([2, 1]))
+    assert model.node_flags is not None
     model.node_flags[3] = formats.NODE_NO_LOADS
     model.exclude_elements([2])
     model.set_level([1.0, -2.0], nodes=[4, 9])

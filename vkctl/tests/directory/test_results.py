@@ -29,6 +29,7 @@ def test_results_with_and_without_state_files(tmp_path):
     assert r.criterion.tolist() == [1, 2, 3]
     assert r.stress.tolist() == [-4, 5]
     assert r.magnitude.tolist() == [6, 7]
+    assert r.displacements is not None and r.element_state is not None
     assert r.displacements.shape == (2, 3)
     assert r.element_state.tolist() == [0.5]
     poor = read_results(tmp_path, 11)

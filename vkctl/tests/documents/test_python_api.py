@@ -26,7 +26,7 @@ def block(start: str) -> str:
     """The page's example that begins with a line."""
     found = [text for text in BLOCKS if text.startswith(start)]
     assert len(found) == 1, start
-    return found[0]
+    return str(found[0])
 
 
 def play(source: str) -> dict[str, Any]:

@@ -61,7 +61,7 @@ def test_its_pictures_show_something(folder: Path) -> None:
     for name in ("up.png", "along.png", "optimised.png", "work/optimise/history.png"):
         with Image.open(folder / name) as picture:
             colours = picture.convert("RGB").getcolors(1 << 24)
-        assert len(colours) > 100, name
+        assert colours is not None and len(colours) > 100, name
 
 
 def test_its_results_can_be_read(folder: Path) -> None:

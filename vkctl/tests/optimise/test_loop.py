@@ -9,6 +9,7 @@ import time
 from collections.abc import Callable
 from dataclasses import replace
 from pathlib import Path
+from typing import Any
 
 import numpy as np
 import pytest
@@ -49,12 +50,18 @@ def in_child(action: Callable[..., object], *arguments: object) -> int:
     return child.exitcode
 
 
+def state_of(directory: Path) -> loop_files.State:
+    state = loop_files.read_state(directory)
+    assert state is not None
+    return state
+
+
 class _Deadly:
     """Stands for a function; instead of its n-th call, counted over all of them, the end comes."""
 
     calls = 0
 
-    def __init__(self, function: Callable, deadly: int) -> None:
+    def __init__(self, function: Callable[..., Any], deadly: int) -> None:
         self.function, self.deadly = function, deadly
 
     def __call__(self, *args, **kwargs):
@@ -161,9 +168,9 @@ def test_another_volume_is_approached_from_where_the_loop_stands(tmp_path: Path)
 def test_other_weights_start_the_wait_for_convergence_anew(tmp_path: Path) -> None:
     settings = "steps = 1\n"
     run_small(tmp_path, settings, TWO_CASES)
-    assert loop_files.read_state(tmp_path / "d").since == 1
+    assert state_of(tmp_path / "d").since == 1
     done = run_small(tmp_path, "steps = 2\nweights = { along = 3.0 }\n", TWO_CASES)
-    state = loop_files.read_state(tmp_path / "d")
+    state = state_of(tmp_path / "d")
     assert (state.since, state.weights) == (2, [1.0, 3.0])
     down, along = done.rows[1].energies.values()
     assert done.rows[1].objective == pytest.approx((down + 3 * along) / 4)
@@ -174,7 +181,7 @@ def test_sets_to_keep_can_be_added_later(tmp_path: Path) -> None:
     run_small(tmp_path, "steps = 2\nkeep = ['far']\n")
     model = read(tmp_path / "d")
     far = np.flatnonzero((model.nodes[:, 0] > 9.99) & (model.nodes[:, 1] > 3.99)) + 1
-    assert loop_files.read_state(tmp_path / "d").kept == far.tolist()
+    assert state_of(tmp_path / "d").kept == far.tolist()
 
 
 def test_changes_that_the_directory_does_not_know_of_are_refused(tmp_path: Path) -> None:
@@ -200,7 +207,7 @@ def test_levels_that_something_else_wrote_are_put_right(tmp_path: Path) -> None:
     cases = write_small(tmp_path, "steps = 3\nreduction = 0.1\n")
     expected = optimise(cases, tmp_path / "whole", vk_rund=VK_RUND).rows
     optimise(cases, tmp_path / "d", steps=2, vk_rund=VK_RUND)
-    state = loop_files.read_state(tmp_path / "d")
+    state = state_of(tmp_path / "d")
     loop_files.write_state(tmp_path / "d", replace(state, running=3))  # as if its run had begun
     formats.write_tp(tmp_path / "d", np.ones(len(read(tmp_path / "d").tp)))
     same_history(optimise(cases, tmp_path / "d", vk_rund=VK_RUND).rows, expected)
@@ -284,7 +291,7 @@ def test_a_set_to_keep_that_does_not_exist_is_told(tmp_path: Path) -> None:
 
 
 @pytest.mark.parametrize("wrong", [{"volume": 0.0}, {"volume": 1.1}, {"steps": 0}])
-def test_wrong_arguments_are_refused(tmp_path: Path, wrong: dict) -> None:
+def test_wrong_arguments_are_refused(tmp_path: Path, wrong: dict[str, Any]) -> None:
     with pytest.raises(ValueError, match="must be"):
         run_small(tmp_path, **wrong)
 

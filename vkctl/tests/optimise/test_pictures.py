@@ -31,10 +31,10 @@ def test_the_series_shows_the_part_getting_smaller(drawn: tuple[Path, str]) -> N
 def test_the_animation_has_a_frame_per_step_and_moves(drawn: tuple[Path, str]) -> None:
     with Image.open(drawn[0] / "part.gif") as film:
         frames = []
-        for k in range(film.n_frames):
+        for k in range(getattr(film, "n_frames", 1)):
             film.seek(k)
             frame = film.convert("RGB")
-            assert len(frame.getcolors(1 << 24)) > 20
+            assert len(frame.getcolors(1 << 24) or ()) > 20
             frames.append(np.asarray(frame).astype(int))
     assert len(frames) == 4
     for before, after in pairwise(frames):

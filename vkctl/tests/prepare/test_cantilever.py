@@ -12,6 +12,7 @@ def test_the_cantilever_has_about_100000_equations_and_one_pattern():
     clamped = len(part.face("x-"))
     assert 95_000 < 3 * (len(part.nodes) - clamped) < 105_000
     assert [case.pattern for case in model.load_cases] == [1, 1]
+    assert model.node_tp_index is not None
     assert model.node_tp_index.min() == 1
     volumes = element_volumes(model.nodes, model.elements)
     assert volumes.min() > 0

@@ -64,7 +64,7 @@ def test_every_key_of_a_file_has_a_line() -> None:
     def walk(value: object, path: tuple[str | int, ...]) -> None:
         if path:
             assert path in lines, path
-        items = value.items() if isinstance(value, dict) else enumerate(value)  # type: ignore[var-annotated,arg-type]
+        items = value.items() if isinstance(value, dict) else enumerate(value)  # type: ignore[arg-type]
         for key, below in items:
             if isinstance(below, dict | list):
                 walk(below, (*path, key))

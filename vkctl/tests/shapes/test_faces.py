@@ -16,7 +16,7 @@ from vkctl.shapes.topology import HEX8, TET4, TET10
 def test_neighbouring_elements_share_whole_faces(kind):
     part = box(kind, (3, 2, 2), distortion=0.1)
     code = {"tet4": TET4, "hex8": HEX8, "tet10": TET10}[kind]
-    count = Counter()
+    count: Counter[frozenset[int]] = Counter()
     corners = 4 if code == HEX8 else 3
     for row in part.elements.table(code):
         for face in combinations(row[: 8 if code == HEX8 else 4], corners):

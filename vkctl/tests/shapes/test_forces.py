@@ -2,6 +2,8 @@
 
 from __future__ import annotations
 
+from typing import get_args
+
 import numpy as np
 import pytest
 
@@ -9,6 +11,7 @@ from vkctl.prepare import Expression
 from vkctl.prepare.conditions import traction_forces
 from vkctl.shapes import boxes
 from vkctl.shapes.boxes import box
+from vkctl.shapes.elements import Elements
 from vkctl.shapes.faces import boundary_faces, faces_within
 from vkctl.shapes.forces import (
     area_shares,
@@ -65,7 +68,7 @@ def test_loads_of_single_faces_by_hand():
 def test_constant_pressure_on_all_sides_has_no_resultant(kind):
     part = box(kind, (3, 2, 2), mapping=lambda p: p + np.sin(3 * p[:, [1, 2, 0]]) / 9, curved=True)
     total = np.zeros(3)
-    for side in SIDES:
+    for side in get_args(boxes.Side):
         total += part.traction(side, 1.0)[1].sum(axis=0)
     assert np.abs(total).max() < 1e-13
 
@@ -82,7 +85,7 @@ def bent(points: np.ndarray) -> np.ndarray:
     return np.column_stack((x + 0.1 * y * y, y + 0.1 * x * z, z + 0.1 * x * y + 0.05 * x * x))
 
 
-def block(kind: str, curved: bool) -> tuple[np.ndarray, boxes.Elements]:
+def block(kind: str, curved: bool) -> tuple[np.ndarray, Elements]:
     made = boxes.box(
         kind,  # type: ignore[arg-type]
         (3, 2, 2),
@@ -95,7 +98,7 @@ def block(kind: str, curved: bool) -> tuple[np.ndarray, boxes.Elements]:
 
 
 def moment(nodes: np.ndarray, numbers: np.ndarray, vectors: np.ndarray) -> np.ndarray:
-    return np.cross(nodes[numbers - 1], vectors).sum(axis=0)
+    return np.asarray(np.cross(nodes[numbers - 1], vectors).sum(axis=0))
 
 
 @pytest.mark.parametrize("curved", [False, True])
@@ -180,7 +183,7 @@ def test_body_force_of_a_curved_tetrahedron_agrees_with_fine_quadrature() -> Non
     rng = np.random.default_rng(5)
     corners = np.array(((0.0, 0, 0), (1, 0, 0), (0, 1, 0), (0, 0, 1)))
     nodes = np.concatenate((corners, corners[TET10_EDGES].mean(axis=1) + 0.05 * rng.random((6, 3))))
-    elements = boxes.Elements.from_tables(tet10=np.arange(1, 11)[None])
+    elements = Elements.from_tables(tet10=np.arange(1, 11)[None])
     masses = nodal_masses(nodes, elements, np.ones(1))
     x, w = np.polynomial.legendre.leggauss(12)
     x, w = (x + 1) / 2, w / 2
