@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdio>
 #include <cstdlib>
 #include <limits>
 
@@ -11,6 +12,27 @@ namespace {
 
 constexpr std::size_t VectorAlignment = 64;
 constexpr std::size_t HugePage = std::size_t{1} << 21;
+
+constexpr std::int64_t Unlimited = std::numeric_limits<std::int64_t>::max();
+
+// The first number that a line of a system file gives by `format`; -1 without one.
+long long NumberIn(const char* file, const char* format) {
+  std::FILE* stream = std::fopen(file, "r");
+  if (stream == nullptr) return -1;
+  char line[128];
+  long long value = -1;
+  while (value < 0 && std::fgets(line, sizeof line, stream) != nullptr)
+    if (std::sscanf(line, format, &value) != 1) value = -1;
+  std::fclose(stream);
+  return value;
+}
+
+// What the control group leaves; a group without a limit says "max".
+std::int64_t AvailableInGroup() {
+  const long long limit = NumberIn("/sys/fs/cgroup/memory.max", "%lld");
+  const long long used = NumberIn("/sys/fs/cgroup/memory.current", "%lld");
+  return limit < 0 || used < 0 ? Unlimited : std::max<std::int64_t>(limit - used, 0);
+}
 
 }  // namespace
 
@@ -29,3 +51,8 @@ void* PLATFORM_ALLOCATE(std::int64_t bytes) {
 }
 
 void PLATFORM_FREE(void* memory) { std::free(memory); }
+
+std::int64_t PLATFORM_AVAILABLEMEMORY() {
+  const long long free = NumberIn("/proc/meminfo", "MemAvailable: %lld kB");
+  return std::min(free < 0 ? Unlimited : std::int64_t{free} * 1024, AvailableInGroup());
+}

@@ -8,3 +8,7 @@
 // into and gathering from such an array costs a fraction of what it does in small pages.
 void* PLATFORM_ALLOCATE(std::int64_t bytes);
 void PLATFORM_FREE(void* memory);
+
+// Bytes that the system can hand out without taking them from another program, within the limit of
+// the process's control group; the largest number where it doesn't tell.
+std::int64_t PLATFORM_AVAILABLEMEMORY();

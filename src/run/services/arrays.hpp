@@ -34,16 +34,22 @@ inline std::int64_t LargestBytes = std::numeric_limits<std::int64_t>::max();
 
 }  // namespace ARRAYS
 
-// `count` elements, not cleared. Aborts with `failure` when they can't be had; a negative count
-// can't.
+// `count` elements, not cleared; null when they can't be had, and for a negative count.
 template <class T>
-Array<T> ARRAYS_ALLOCATE(std::int64_t count, std::string_view failure = ARRAYS::Failure) {
+Array<T> ARRAYS_TRYALLOCATE(std::int64_t count) {
   static_assert(std::is_trivially_default_constructible_v<T> &&
                 std::is_trivially_destructible_v<T>);
   constexpr auto width = static_cast<std::int64_t>(sizeof(T));
   Array<T> array;
   if (count >= 0 && count <= ARRAYS::LargestBytes / width)
     array.reset(static_cast<T*>(PLATFORM_ALLOCATE(count * width)));
+  return array;
+}
+
+// The same, but aborts with `failure` instead of returning null.
+template <class T>
+Array<T> ARRAYS_ALLOCATE(std::int64_t count, std::string_view failure = ARRAYS::Failure) {
+  Array<T> array = ARRAYS_TRYALLOCATE<T>(count);
   if (!array) LOGGER_POSTERRABORT(failure);
   return array;
 }
