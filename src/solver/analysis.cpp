@@ -11,6 +11,7 @@
 #include "run/services/logger.hpp"
 #include "run/services/loglines.hpp"
 #include "run/services/vkcore.hpp"
+#include "solver/sleblocks.hpp"
 #include "solver/slepardisosolver.hpp"
 #include "solver/slepccgsolver.hpp"
 #include "solver/system_arrays.hpp"
@@ -59,6 +60,15 @@ void UnscaleDisplacements() {
     FEDOF::Displacements[i] *= SOLVERSTA::SysScale[i];
 }
 
+// For a new matrix: the factor, or the blocks that the sweeps of the 32-bit path stream through.
+void PrepareSolver() {
+  using namespace SOLVERSTA;
+  SLEPARDISOSOLVER_PREPARE();
+  SLEBLOCKS::HoldsMatrix = false;
+  if (IMode == ModeIterative && UseIm4)
+    SLEBLOCKS_BUILD(NumEquations, pR4.get(), pC4.get(), SysMatrix.get());
+}
+
 void Solve() {
   SOLVERSTA_WITHINDICES([](const auto& pR, const auto& pC) {
     SLEPCCGSOLVER_COMPUTE(pR.get(), pC.get(), SOLVERSTA::SysMatrixSP.get(),
@@ -91,7 +101,7 @@ void VKCORE_FORMRIGHTHANDSIDE() {
 void VKCORE_RUNANALYSIS() {
   VKCORE::SolveQuality = 0.0f;
   ScaleSystem();
-  if (!SOLVERSTA::SolverReady) SLEPARDISOSOLVER_PREPARE();
+  if (!SOLVERSTA::SolverReady) PrepareSolver();
   SLEPCCGSOLVER::PcgMode = SOLVERSTA::IMode;
   SLEPCCGSOLVER::PcgMaxIter = SOLVERSTA::IMode == SOLVERSTA::ModeFactorised
                                   ? FactorIterations

@@ -2,10 +2,13 @@
 
 #include <algorithm>
 #include <cmath>
+#include <type_traits>
 
 #include "platform/maths/maths.hpp"
 #include "platform/slot.hpp"
 #include "run/services/arrays.hpp"
+#include "solver/sleblocks.hpp"
+#include "solver/sleonepass.hpp"
 #include "solver/slepardisosolver.hpp"
 #include "solver/system_arrays.hpp"
 
@@ -163,8 +166,10 @@ double UpdateSolution(double alpha, const WorkArrays& w, double* x, std::int64_t
 // Iterates to the tolerance or the limit. `ratio`: 0 when converged. Returns the norm of r.
 template <class Index>
 double Iterate(const Index* pR, const Index* pC, const float* matrixSP, const double* matrix,
-               WorkArrays& w, double* x, double bnorm, double& ratio) {
+               const double* b, double* x, double bnorm, double& ratio) {
   const std::int64_t n = SOLVERSTA::NumEquations;
+  WorkArrays w = AllocateWorkArrays(n);
+  for (std::int64_t i = 0; i < n; ++i) w.r[i] = -b[i];
   double rnorm = bnorm;
   double rzPrevious = 0.0;
   for (std::int32_t iter = 0; iter < PcgMaxIter; ++iter) {
@@ -186,6 +191,23 @@ double Iterate(const Index* pR, const Index* pC, const float* matrixSP, const do
   return rnorm;
 }
 
+// The same where the matrix is held in blocks. Returns the norm of r.
+double IterateInBlocks(const double* b, double* x, double bnorm, double& ratio) {
+  const OnePassEnd end = SLEONEPASS_ITERATE(
+      b, x, {.bnorm = bnorm, .tolerance = Tolerance, .maxIterations = PcgMaxIter},
+      WorkArraysFailure);
+  ICount = end.converged ? end.count : -end.count;
+  ratio = end.converged ? 0.0 : end.norm / bnorm;
+  return end.norm;
+}
+
+// Only the 32-bit path has blocks.
+template <class Index>
+bool IteratesInBlocks() {
+  return std::is_same_v<Index, std::int32_t> && PcgMode == SLEPCCGSOLVER::PcgSweeps &&
+         SLEBLOCKS::HoldsMatrix && PcgMaxIter > 0;
+}
+
 }  // namespace
 
 float SLEPCCGSOLVER_QUALITY(double ratio) {
@@ -203,10 +225,10 @@ void SLEPCCGSOLVER_COMPUTE(const Index* pR, const Index* pC, const float* matrix
     PcgQuality = 1.0f;
     return;
   }
-  WorkArrays w = AllocateWorkArrays(n);
-  for (std::int64_t i = 0; i < n; ++i) w.r[i] = -b[i];
   double ratio = 0.0;
-  const double rnorm = Iterate(pR, pC, matrixSP, matrix, w, x, bnorm, ratio);
+  const double rnorm = IteratesInBlocks<Index>()
+                           ? IterateInBlocks(b, x, bnorm, ratio)
+                           : Iterate(pR, pC, matrixSP, matrix, b, x, bnorm, ratio);
   if (std::isfinite(rnorm)) {
     PcgQuality = SLEPCCGSOLVER_QUALITY(ratio);
   } else {

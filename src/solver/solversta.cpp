@@ -10,6 +10,7 @@
 #include "platform/slot.hpp"
 #include "run/services/logger.hpp"
 #include "run/services/loglines.hpp"
+#include "solver/sleblocks.hpp"
 #include "solver/slepardisosolver.hpp"
 
 namespace {
@@ -90,6 +91,7 @@ void FreeIndexPairs() {
 }
 
 void FreeSystemArrays() {
+  SLEBLOCKS_RELEASE();
   SOLVERSTA::SysForces.reset();
   SOLVERSTA::SysMatrix.reset();
   SOLVERSTA::SysRhs.reset();

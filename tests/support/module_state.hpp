@@ -16,6 +16,7 @@
 #include "run/services/arrays.hpp"
 #include "run/services/logger.hpp"
 #include "run/services/vkcore.hpp"
+#include "solver/sleblocks.hpp"
 #include "solver/slepardisosolver.hpp"
 #include "solver/slepccgsolver.hpp"
 #include "solver/solversta.hpp"
@@ -94,6 +95,18 @@ inline void ResetSystem() {
   SOLVERSTA::SysScale.reset();
 }
 
+inline void ResetBlocks() {
+  SLEBLOCKS_RELEASE();
+  SLEBLOCKS::NumEquations = SLEBLOCKS::NumRows = SLEBLOCKS::NumBlocks = SLEBLOCKS::NumChunks = 0;
+  SLEBLOCKS::Upper = SLEBLOCKS::Triangle{};
+  SLEBLOCKS::Lower = SLEBLOCKS::Triangle{};
+  SLEBLOCKS::LowerSource.reset();
+  SLEBLOCKS::Diagonal.reset();
+  SLEBLOCKS::Unknown.reset();
+  SLEBLOCKS::Chunks.reset();
+  SLEBLOCKS::HoldsMatrix = false;
+}
+
 // Behind ResetSystem, which releases a factor.
 inline void ResetSolvers() {
   SLEPARDISOSOLVER::PardisoError = 0;
@@ -131,6 +144,7 @@ inline void ResetModules() {
   ResetNumbering();
   ResetLoadCase();
   ResetSystem();
+  ResetBlocks();
   ResetSolvers();
   ResetResponse();
   ResetRun();
