@@ -93,8 +93,8 @@ def _memory(inputs: Inputs, mesh: ActiveMesh, entries: float, factor_gb: float) 
     connectivity = sum(rows.size for _, rows in mesh.blocks.values())
     model = 60 * nodes + 10 * elements + 4 * connectivity
     raw = 4 * len(inputs.structure.columns) + 24 * nodes if inputs.structure is not None else 0
-    single = 4 * entries if factor_gb > 0 else 0
-    solving = 12 * entries + single + 180 * nodes + factor_gb * _GB
+    second = (4 if factor_gb > 0 else 18) * entries  # in single precision, or in blocks
+    solving = 12 * entries + second + 180 * nodes + factor_gb * _GB
     return _PROGRAM_GB + (model + max(raw + 4 * entries, solving)) / _GB
 
 
