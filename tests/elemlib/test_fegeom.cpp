@@ -19,6 +19,7 @@ class Fegeom : public SmallModel {
       nodes.push_back({x, x + 0.25f, x + 0.5f});
     }
     SetNodes(nodes);
+    SetMaterials({Steel()});
     FEMODEL::Conn40 = Copy(std::vector<ConnRecord<4>>{{{9, 9, 9, 9}}, {{4, 2, 1, 12}}});
     FEMODEL::Conn60 = Copy(std::vector<ConnRecord<8>>{{{8, 7, 6, 5, 4, 3, 2, 1}}});
     FEMODEL::Conn41 = Copy(std::vector<ConnRecord<10>>{{{1, 3, 5, 7, 9, 11, 2, 4, 6, 8}}});
