@@ -48,18 +48,43 @@ class _Parts:
         return np.bincount(keys // len(self.part), minlength=count)
 
     def upper_halves(self, sizes: Array) -> Array:
-        """Nodes beyond the middle of their part along its longest side, bool per node."""
+        """Nodes of the upper half of their part, bool per node.
+
+        A part is cut across its longest side, beside the plane of its middle node. Where that
+        would leave less than a quarter on a side, since too many nodes lie on the plane, the
+        plane's own nodes are divided. So each half of a part has at most three quarters of it,
+        wherever the nodes lie: after log(n) / log(4/3) levels no part is left to be split.
+        """
         live = np.flatnonzero(self.part >= 0)
         part = self.part[live]
-        order = np.argsort(part, kind="stable")
         first = np.concatenate(([0], np.cumsum(sizes)[:-1]))
-        ordered = self.points[live][order]
+        ordered = self.points[live][np.argsort(part, kind="stable")]
         sides = np.maximum.reduceat(ordered, first) - np.minimum.reduceat(ordered, first)
-        along = self.points[live, sides.argmax(axis=1)[part]]
-        middle = along[np.lexsort((along, part))][first + sizes // 2]
-        upper = np.zeros(len(self.part), np.bool_)
-        upper[live] = along >= middle[part]
-        return upper
+        axes = np.argsort(-sides, axis=1, kind="stable")
+        along = self.points[live, axes[part, 0]]
+        middle = along[np.lexsort((along, part))][first + sizes // 2][part]
+        below = np.bincount(part[along < middle], minlength=len(sizes))
+        above = np.bincount(part[along > middle], minlength=len(sizes))
+        upper = np.where((4 * below >= sizes)[part], along >= middle, along > middle)
+        flat = ((4 * below < sizes) & (4 * above < sizes))[part]
+        upper[flat] = self._upper_ranks(live[flat], axes)
+        spread = np.zeros(len(self.part), np.bool_)
+        spread[live] = upper
+        return spread
+
+    def _upper_ranks(self, nodes: Array, axes: Array) -> Array:
+        """Second half of each part's `nodes` in the order of its `axes`, bool per given node.
+
+        Coordinates that are equal leave it to the nodes' numbers, so the halves are always equal.
+        """
+        part = self.part[nodes]
+        keys = [self.points[nodes, axes[part, k]] for k in (2, 1, 0)]
+        order = np.lexsort((*keys, part))
+        sizes = np.bincount(part)
+        rank = np.empty(len(nodes), np.int64)
+        rank[order] = np.arange(len(nodes)) - (np.cumsum(sizes) - sizes)[part[order]]
+        halves: Array = rank >= (sizes // 2)[part]
+        return halves
 
     def separators(self, upper: Array, split: Array) -> Array:
         """Nodes next to the other half, of the half that has fewer of them, bool per node."""
@@ -97,7 +122,8 @@ class _Parts:
 def factor_size(points: Array, edges: tuple[Array, Array], components: int = 3) -> FactorSize:
     """Factor of a matrix with `components` rows per node.
 
-    `points` (n, 3) are the nodes, `edges` their couplings as two arrays of 0-based numbers.
+    `points` (n, 3), all finite, are the nodes, `edges` their couplings as two arrays of 0-based
+    numbers.
     """
     parts = _Parts(points, edges)
     fronts: list[tuple[Array, Array]] = []
