@@ -9,6 +9,8 @@ import numpy as np
 import pytest
 from PIL import Image
 
+from vkctl.optimise import history
+
 ROOT = Path(__file__).resolve().parents[3]
 
 
@@ -31,3 +33,23 @@ def test_the_chart_is_not_blank(drawn: tuple[Path, str]) -> None:
         pixels = np.asarray(picture.convert("RGB")).reshape(-1, 3)
     blue = (pixels == (31, 119, 180)).all(axis=1)  # the objective's line
     assert blue.sum() > 200 and (pixels == 255).all(axis=1).mean() < 0.99
+
+
+def test_the_lock_is_not_opened_through_a_link(tmp_path: Path) -> None:
+    folder = tmp_path / "optimise"
+    folder.mkdir()
+    (tmp_path / "victim").write_text("precious")
+    (folder / "lock").symlink_to(tmp_path / "victim")
+    with pytest.raises(OSError, match="lock"), history.locked(tmp_path):
+        pass
+    assert (tmp_path / "victim").read_text() == "precious"
+
+
+def test_the_note_of_a_preparation_is_not_made_through_a_link(tmp_path: Path) -> None:
+    folder = tmp_path / "optimise"
+    folder.mkdir()
+    (folder / "preparing").symlink_to(tmp_path / "made")
+    history.begin_preparing(tmp_path)
+    assert history.is_half_prepared(tmp_path) and not (tmp_path / "made").exists()
+    history.end_preparing(tmp_path)
+    assert not history.is_half_prepared(tmp_path)

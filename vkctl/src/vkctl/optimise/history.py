@@ -5,6 +5,7 @@ from __future__ import annotations
 import csv
 import fcntl
 import json
+import os
 from collections.abc import Iterator
 from contextlib import contextmanager
 from dataclasses import asdict, dataclass
@@ -15,6 +16,7 @@ import numpy as np
 from vkctl.basics.extras import need
 from vkctl.basics.types import Array, PathLike
 from vkctl.directory import formats
+from vkctl.view.files import write_figure
 
 FOLDER = "optimise"  # in the working directory
 STATE = "state.json"
@@ -77,7 +79,7 @@ def locked(directory: PathLike) -> Iterator[None]:
     """Keep other loops off the directory; the system drops the lock when the process ends."""
     folder = folder_of(directory)
     folder.mkdir(parents=True, exist_ok=True)
-    with open(folder / _LOCK, "w") as stream:
+    with open(_opened(folder / _LOCK), "wb") as stream:
         try:
             fcntl.flock(stream, fcntl.LOCK_EX | fcntl.LOCK_NB)
         except BlockingIOError:
@@ -87,12 +89,17 @@ def locked(directory: PathLike) -> Iterator[None]:
         yield
 
 
+def _opened(lock: Path) -> int:
+    """Descriptor of the lock's file; a link that was planted there is not followed."""
+    return os.open(lock, os.O_WRONLY | os.O_CREAT | os.O_NOFOLLOW | os.O_CLOEXEC, 0o666)
+
+
 def is_half_prepared(directory: PathLike) -> bool:
     return (folder_of(directory) / _PREPARING).exists()
 
 
 def begin_preparing(directory: PathLike) -> None:
-    (folder_of(directory) / _PREPARING).touch()
+    formats.write_parts(folder_of(directory) / _PREPARING, [])
 
 
 def end_preparing(directory: PathLike) -> None:
@@ -184,5 +191,5 @@ def draw_history(rows: list[HistoryRow], picture: PathLike) -> None:
     right.set_ylabel("part of the design volume (dashed)")
     right.set_ylim(0, 1.05)
     left.legend(loc="upper center")
-    figure.savefig(picture, dpi=110)
+    write_figure(figure, picture, 110)
     pyplot.close(figure)

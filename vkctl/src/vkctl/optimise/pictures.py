@@ -7,8 +7,9 @@ from pathlib import Path
 from vkctl.basics.extras import need
 from vkctl.basics.types import PathLike
 from vkctl.view.export import write_series
+from vkctl.view.files import write_film, write_grid
 from vkctl.view.grid import part_surface
-from vkctl.view.plot import View, draw
+from vkctl.view.plot import View, drawn
 
 from . import history
 from .loop import model_at
@@ -32,7 +33,7 @@ def write_part_series(directory: PathLike, steps: int) -> Path:
     entries = []
     for step in shown_steps(steps):
         path = target.with_suffix("") / f"step_{step:04d}.vtp"
-        part_surface(model_at(directory, step)).save(path)
+        write_grid(part_surface(model_at(directory, step)), path)
         entries.append((float(step), path))
     write_series(target, entries)
     return target
@@ -43,15 +44,11 @@ def write_animation(
 ) -> Path:
     """A .gif of the part over the steps."""
     images = need("PIL.Image")
-    folder = history.folder_of(directory)
     frames = []
     for step in shown_steps(steps, most):
-        picture = folder / f"frame_{step:04d}.png"
-        draw(model_at(directory, step), {}, picture, view, f"step {step}")
-        with images.open(picture) as image:
-            frames.append(image.convert("P", palette=images.Palette.ADAPTIVE))
-        picture.unlink()
-    target = folder / history.ANIMATION
+        picture = images.fromarray(drawn(model_at(directory, step), {}, view, f"step {step}"))
+        frames.append(picture.convert("P", palette=images.Palette.ADAPTIVE))
+    target = history.folder_of(directory) / history.ANIMATION
     durations = [_FRAME_MILLISECONDS] * (len(frames) - 1) + [_LAST_MILLISECONDS]
-    frames[0].save(target, save_all=True, append_images=frames[1:], duration=durations, loop=0)
+    write_film(frames, target, durations)
     return target

@@ -15,6 +15,8 @@ from vkctl.directory.model import read
 from vkctl.directory.results import solved
 from vkctl.shapes.faces import boundary_faces, face_triangles
 
+from .files import write_figure
+
 
 def picture(directory: PathLike, target: PathLike, exaggeration: float | None = None) -> None:
     """Picture of the deformed part, one view per solved load case.
@@ -35,7 +37,7 @@ def picture(directory: PathLike, target: PathLike, exaggeration: float | None = 
         axes = figure.add_subplot(1, len(numbers), place, projection="3d")
         shift = formats.read_displacements(directory, number).astype(np.float64)
         _draw(figure, axes, model.nodes, triangles, shift, exaggeration, f"load case {number}")
-    figure.savefig(target, dpi=110)
+    write_figure(figure, target, 110)
     pyplot.close(figure)
 
 

@@ -6,9 +6,11 @@ from pathlib import Path
 from xml.sax.saxutils import quoteattr
 
 from vkctl.basics.types import PathLike
+from vkctl.directory import formats
 from vkctl.directory.model import read
 from vkctl.directory.results import read_results, solved
 
+from .files import write_grid, write_stl
 from .grid import mesh_grid, open_edges, part_surface, results_grid, solved_or_fail
 
 SUFFIXES = (".vtu", ".pvd", ".stl")
@@ -40,7 +42,7 @@ def _export_vtu(directory: PathLike, target: Path, case: int | None) -> Path:
         grid = results_grid(model, read_results(directory, case or numbers[0]))
     else:
         grid = mesh_grid(model)
-    grid.save(target)
+    write_grid(grid, target)
     return target
 
 
@@ -51,7 +53,7 @@ def _export_series(directory: PathLike, target: Path) -> list[Path]:
     steps: list[tuple[float, Path]] = []
     for number in solved_or_fail(directory):
         step = folder / f"case_{number:04d}.vtu"
-        results_grid(model, read_results(directory, number)).save(step)
+        write_grid(results_grid(model, read_results(directory, number)), step)
         steps.append((float(number), step))
     write_series(target, steps)
     return [target, *(step for _, step in steps)]
@@ -74,7 +76,8 @@ def write_series(target: Path, steps: list[tuple[float, Path]]) -> None:
             "</VTKFile>\n",
         )
     )
-    target.write_text(text, encoding="utf-8")
+    with formats.replacing(target) as stream:
+        stream.write(text.encode())
 
 
 def export_part(directory: PathLike, target: PathLike) -> Path:
@@ -86,5 +89,5 @@ def export_part(directory: PathLike, target: PathLike) -> Path:
             f"the surface has {gaps} edges without two neighbours: does the mesh have cracks, or "
             "hexahedra beside tetrahedra?"
         )
-    surface.save(target)
+    write_stl(surface, target)
     return Path(target)

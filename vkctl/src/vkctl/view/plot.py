@@ -13,6 +13,7 @@ from vkctl.basics.types import Array, PathLike
 from vkctl.directory.model import Model, read
 from vkctl.directory.results import read_results
 
+from .files import picture_kind, write_picture
 from .grid import has_boundary, part_surface, point_fields, solved_or_fail
 
 if TYPE_CHECKING:
@@ -55,6 +56,7 @@ def plot(
     Colours show `view.field` on the part's surface: the surface of level zero where the level
     field leaves part of the mesh empty, the mesh's own surface otherwise.
     """
+    picture_kind(picture)
     model = read(directory)
     numbers = solved_or_fail(directory)
     number = numbers[0] if case is None else case
@@ -66,6 +68,12 @@ def plot(
 
 def draw(model: Model, fields: dict[str, Array], picture: PathLike, view: View, title: str) -> Path:
     """Draw `fields` (per node, see `grid.point_fields`) of a model; returns the picture's path."""
+    write_picture(drawn(model, fields, view, title), picture)
+    return Path(picture)
+
+
+def drawn(model: Model, fields: dict[str, Array], view: View, title: str) -> Array:
+    """What `draw` draws, as an array (height, width, 3)."""
     pyvista = need("pyvista")
     logger = need("vtkmodules.vtkCommonCore").vtkLogger
     wide = {name: np.asarray(values, np.float64) for name, values in fields.items()}
@@ -100,9 +108,9 @@ def draw(model: Model, fields: dict[str, Array], picture: PathLike, view: View, 
     direction, up = _eye(model, view)
     plotter.view_vector(direction, viewup=up)
     plotter.enable_anti_aliasing("ssaa")
-    plotter.screenshot(str(picture))
+    pixels: Array = plotter.screenshot(return_img=True)
     plotter.close()
-    return Path(picture)
+    return pixels
 
 
 def _eye(model: Model, view: View) -> tuple[Direction, Direction]:

@@ -93,7 +93,15 @@ from .result_files import (
     write_stress,
     write_totals,
 )
-from .streams import LARGEST_NUMBER, FormatError, ShortFileError, numbered, replacing
+from .streams import (
+    LARGEST_NUMBER,
+    FormatError,
+    ShortFileError,
+    numbered,
+    replacing,
+    sync_folder,
+    write_parts,
+)
 from .structure_file import RawStructure, read_structure, write_structure
 
 __all__ = [
@@ -161,6 +169,7 @@ __all__ = [
     "read_tp",
     "read_tp_index",
     "replacing",
+    "sync_folder",
     "update_options",
     "write_criterion",
     "write_displacements",
@@ -174,6 +183,7 @@ __all__ = [
     "write_materials",
     "write_node_flags",
     "write_nodes",
+    "write_parts",
     "write_options",
     "write_stress",
     "write_structure",

@@ -2,10 +2,13 @@
 
 from __future__ import annotations
 
+import errno
 import os
+import secrets
+import stat
 import struct
 from collections.abc import Iterable, Iterator
-from contextlib import contextmanager
+from contextlib import AbstractContextManager, contextmanager
 from pathlib import Path
 from typing import IO
 
@@ -28,18 +31,77 @@ class ShortFileError(FormatError):
     """A file ends before the bytes that its counts announce."""
 
 
+_SHOWN_NAME = 80  # characters of a file's name in that of its temporary neighbour
+
+
 @contextmanager
 def replacing(path: PathLike) -> Iterator[IO[bytes]]:
-    """Binary file that takes the name `path` on leaving the block, and vanishes on an error."""
+    """Binary file that takes the name `path` on leaving the block, and vanishes on an error.
+
+    Whatever ends the process or the system, the name stands for the old bytes or the new ones.
+    A link of that name is replaced, not followed; a device is written to as it is.
+    """
     target = Path(path)
-    beside = target.with_name(f".{target.name}.{os.getpid()}.tmp")
     try:
-        with open(beside, "wb") as stream:
+        with _written(target) as stream:
             yield stream
+    except OSError as error:
+        if error.errno and error.filename is None:  # a full disk tells no name
+            error.filename = os.fspath(target)
+        raise
+
+
+def _written(target: Path) -> AbstractContextManager[IO[bytes]]:
+    return open(target, "wb") if _is_device(target) else _replacement(target)
+
+
+@contextmanager
+def _replacement(target: Path) -> Iterator[IO[bytes]]:
+    beside, descriptor = _new_beside(target)
+    try:
+        with open(descriptor, "wb") as stream:
+            yield stream
+            stream.flush()
+            os.fsync(descriptor)
         os.replace(beside, target)
     except BaseException:
         beside.unlink(missing_ok=True)
         raise
+    sync_folder(target.parent)
+
+
+def _is_device(target: Path) -> bool:
+    """Whether the name is a device's. A pipe would wait for a reader, so it is refused."""
+    try:
+        kind = os.stat(target).st_mode
+    except OSError:
+        return False
+    if stat.S_ISFIFO(kind) or stat.S_ISSOCK(kind) or stat.S_ISBLK(kind):
+        raise OSError(errno.EINVAL, "not a file that can be replaced", os.fspath(target))
+    return stat.S_ISCHR(kind)
+
+
+def _new_beside(target: Path) -> tuple[Path, int]:
+    """A file that nobody had, under a name that nobody can foresee: no planted link is opened."""
+    flags = os.O_WRONLY | os.O_CREAT | os.O_EXCL | os.O_NOFOLLOW | os.O_CLOEXEC
+    while True:
+        name = f".{target.name[:_SHOWN_NAME]}.{secrets.token_hex(8)}.tmp"
+        try:
+            return target.with_name(name), os.open(target.with_name(name), flags, 0o666)
+        except FileExistsError:
+            continue
+
+
+def sync_folder(folder: Path) -> None:
+    """Make the names in a folder durable, on file systems that can."""
+    descriptor = os.open(folder, os.O_RDONLY | os.O_DIRECTORY | os.O_CLOEXEC)
+    try:
+        os.fsync(descriptor)
+    except OSError as error:
+        if error.errno not in (errno.EINVAL, errno.EBADF, errno.ENOTSUP):
+            raise
+    finally:
+        os.close(descriptor)
 
 
 class Reader:
@@ -86,7 +148,7 @@ def write_parts(path: PathLike, parts: Iterable[bytes | Array]) -> None:
             if isinstance(part, bytes):
                 stream.write(part)
             else:
-                np.ascontiguousarray(part).tofile(stream)
+                stream.write(np.ascontiguousarray(part).reshape(-1).view(np.uint8).data)
 
 
 def read_counted(path: PathLike, dtype: npt.DTypeLike, what: str) -> Array:
