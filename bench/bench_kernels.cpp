@@ -24,6 +24,7 @@
 
 #include "elements/fekernel.hpp"
 #include "elemlib/feinteg.hpp"
+#include "platform/processor.hpp"
 
 namespace {
 
@@ -92,8 +93,8 @@ double RunPortable() {
 
 double RunPeak() {
 #if defined(__x86_64__)
-  if (__builtin_cpu_supports("avx512f")) return RunAvx512();
-  if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma")) return RunAvx2();
+  if (PLATFORM_INSTRUCTIONSET() == InstructionSet::Avx512) return RunAvx512();
+  if (PLATFORM_INSTRUCTIONSET() == InstructionSet::Avx2) return RunAvx2();
 #endif
   return RunPortable();
 }

@@ -6,6 +6,7 @@
 
 #include "platform/maths/maths.hpp"
 #include "platform/process.hpp"
+#include "platform/processor.hpp"
 #include "platform/stop.hpp"
 #include "run/describe.hpp"
 #include "run/driver.hpp"
@@ -24,7 +25,7 @@ void PrintHelp() {
       "\n"
       "  --describe  files, options and codes, as JSON\n"
       "  --help      this text\n"
-      "  --version   version and maths library\n"
+      "  --version   version, maths library and instruction set of the kernels\n"
       "\n"
       "Exit status: 0 normal end; else the low 8 bits of the code on standard error:");
   for (const NamedValue& stop : StopCodes)
@@ -35,8 +36,10 @@ void PrintHelp() {
 
 void PrintVersion() {
   const std::string_view maths = MATHS_NAME();
-  std::printf("vk_rund %s, maths library: %.*s\n", VK_VERSION, static_cast<int>(maths.size()),
-              maths.data());
+  const std::string_view kernels = PLATFORM_INSTRUCTIONSETNAME();
+  std::printf("vk_rund %s, maths library: %.*s, kernels: %.*s\n", VK_VERSION,
+              static_cast<int>(maths.size()), maths.data(), static_cast<int>(kernels.size()),
+              kernels.data());
 }
 
 // False when the text can't be written, since half a description is none.

@@ -2,26 +2,12 @@
 
 #include "elements/kernel_input.hpp"
 #include "elements/kernel_shapes.hpp"
+#include "platform/processor.hpp"
 #include "run/services/vkcore.hpp"
 
 namespace {
 
-enum class InstructionSet { Portable, Avx2, Avx512 };
-
-InstructionSet DetectInstructionSet() {
-#if defined(__x86_64__)
-  if (!__builtin_cpu_supports("avx2") || !__builtin_cpu_supports("fma"))
-    return InstructionSet::Portable;
-  if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512dq") &&
-      __builtin_cpu_supports("avx512vl"))
-    return InstructionSet::Avx512;
-  return InstructionSet::Avx2;
-#else
-  return InstructionSet::Portable;
-#endif
-}
-
-const InstructionSet Processor = DetectInstructionSet();
+const InstructionSet Processor = PLATFORM_INSTRUCTIONSET();
 
 const KernelRule& RuleOf(Tet4, const ElementScalars& phi) {
   return KERNELRULES_TET(KERNELRULES_ORDER(phi, Tet4::LevelNodes));

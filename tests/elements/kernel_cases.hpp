@@ -13,6 +13,7 @@
 #include "elements/fekernel.hpp"
 #include "elements/kernel_input.hpp"
 #include "elements/kernel_reference.hpp"
+#include "platform/processor.hpp"
 #include "run/services/vkcore.hpp"
 
 // Vectors of eight doubles made of the registers that there are: the lane logic of the widest
@@ -29,13 +30,8 @@ using reference::Shape;
 enum class Variant { Public, Portable, Avx2, Avx512, Wide };
 
 inline bool Available(Variant v) {
-#if defined(__x86_64__)
-  if (v == Variant::Avx2) return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma");
-  if (v == Variant::Avx512)
-    return __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512dq") &&
-           __builtin_cpu_supports("avx512vl");
-#endif
-  return v != Variant::Avx2 && v != Variant::Avx512;
+  if (v == Variant::Avx2) return PLATFORM_INSTRUCTIONSET() != InstructionSet::Portable;
+  return v != Variant::Avx512 || PLATFORM_INSTRUCTIONSET() == InstructionSet::Avx512;
 }
 
 inline std::vector<Variant> AvailableVariants() {
