@@ -35,6 +35,7 @@ def start(
         env={**os.environ, **environment},
         capture_output=True,
         text=True,
+        errors="backslashreplace",
         timeout=timeout,
         check=False,
     )

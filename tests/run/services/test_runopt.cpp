@@ -11,11 +11,13 @@
 #include "platform/process.hpp"
 #include "run/services/runopt.hpp"
 #include "support/close_fault.hpp"
+#include "support/option_lines.hpp"
 #include "support/working_directory.hpp"
 
 namespace {
 
 constexpr const char* OptionsName = "vk_rund_cmd.txt";
+constexpr const char* OptionList = VK_SOURCE_DIR "/tests/data/option_lines.txt";
 
 using Options = WorkingDirectory;
 
@@ -49,6 +51,24 @@ void ExpectDefaults(const VKCORE::RunOptionValues& o) {
 std::string Integer(const std::string& text) {
   std::int32_t value = -777;
   return RUNOPT_PARSEINTEGER(text, value) ? std::to_string(value) : "unreadable";
+}
+
+// The value that `key` has after a text was read, as the list tells it.
+bool HasOutcome(const OptionText& given) {
+  const VKCORE::RunOptionValues defaults{};
+  const VKCORE::RunOptionValues& read = Read(given.text);
+  for (const RUNOPT::AnyOption& any : RUNOPT::Options) {
+    const bool good = std::visit(
+        [&](const auto& option) {
+          const auto value = read.*option.value;
+          if (option.key != given.key || given.outcome == "kept")
+            return value == defaults.*option.value;
+          return value == static_cast<decltype(value)>(std::strtof(given.outcome.c_str(), nullptr));
+        },
+        any);
+    if (!good) return false;
+  }
+  return true;
 }
 
 bool IsFloat(const std::string& text, float expected) {
@@ -180,6 +200,23 @@ TEST_F(Options, LineIsCutAt512Characters) {
 
 TEST_F(Options, KeyBehindTheCutIsNotSeen) {
   ExpectDefaults(Read(std::string(512, ' ') + "Sta.BStressExp=9\n"));
+}
+
+TEST_F(Options, EveryTextOfTheListHasItsOutcome) {
+  for (const OptionText& given : OptionTexts(OptionList)) {
+    if (given.outcome == "unreadable") continue;
+    EXPECT_TRUE(HasOutcome(given)) << given.escaped;
+  }
+}
+
+TEST_F(Options, NoUnreadableTextOfTheListIsANumber) {
+  for (const OptionText& given : OptionTexts(OptionList)) {
+    if (given.outcome != "unreadable" || given.text.find('\n') != std::string::npos) continue;
+    const std::string line = given.text.substr(0, RUNOPT::LineLength);
+    const std::string value = line.substr(line.find('=') + 1);
+    const bool isInteger = given.key == "Sta.BStressExp" || given.key == "Sys.MaxNumCompThreads";
+    EXPECT_TRUE(isInteger ? Integer(value) == "unreadable" : IsUnreadable(value)) << given.escaped;
+  }
 }
 
 TEST_F(Options, MissingFileAborts) {

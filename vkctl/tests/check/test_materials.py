@@ -5,7 +5,7 @@ import pytest
 from vkctl.directory import formats, model
 from vkctl.directory.model import Material
 
-from .faults import assert_told, collection, sound, with_material
+from .faults import assert_stops, assert_told, collection, sound, with_material
 
 FAULTS, provokes = collection()
 
@@ -23,6 +23,18 @@ def a_material_without_modulus(directory):
 @provokes("material-modulus", "error", "1000, 0, 1000")
 def an_orthotropic_material_without_a_modulus(directory):
     with_material(directory, Material.orthotropic((1e3, 0, 1e3), (0.2,) * 3, (400,) * 3))
+
+
+@provokes("material-not-finite", "error", "InitialStrain", stops=True)
+def an_initial_strain_that_is_no_number(directory):
+    with_material(directory, Material.isotropic(1000.0, 0.3, initial_strain=float("inf")))
+
+
+@provokes("material-not-finite", "error", "Expansions")
+def orthotropic_expansions_that_are_no_numbers(directory):
+    triples = (1e3,) * 3, (0.2,) * 3, (400,) * 3
+    expansions = (0.0, float("nan"), 0.0)
+    with_material(directory, Material.orthotropic(*triples, expansions=expansions))
 
 
 @provokes("material-poisson", "error", "0.5")
@@ -98,3 +110,8 @@ def a_material_that_no_element_has(directory):
 @pytest.mark.parametrize("name", sorted(FAULTS))
 def test_a_fault_is_told_with_its_code_severity_and_place(tmp_path, name):
     assert_told(FAULTS[name], tmp_path / "part")
+
+
+@pytest.mark.parametrize("name", sorted(name for name in FAULTS if FAULTS[name].stops))
+def test_what_is_told_as_an_error_stops_the_solver(tmp_path, name):
+    assert_stops(FAULTS[name], tmp_path)

@@ -14,6 +14,8 @@ from .findings import Finding, Report, Severity, error
 from .inputs import Inputs, read_inputs
 from .materials import check_materials
 from .options import check_options
+from .outputs import check_outputs
+from .results import check_results
 from .states import check_states
 from .structure import check_structure
 from .supports import check_supports
@@ -34,6 +36,8 @@ _CHECKS = (
     check_loads,
     check_supports,
     check_states,
+    check_results,
+    check_outputs,
     check_units,
 )
 

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import re
 from collections.abc import Callable, Iterator
 from dataclasses import dataclass, field
 from functools import cached_property, partial
@@ -62,7 +63,7 @@ class Inputs:
         values = {key: option.default for key, option in formats.OPTIONS.items()}
         for line in self.options or []:
             if line.key is not None and line.value is not None:
-                values[line.key] = formats.OPTIONS[line.key].clamp(line.value)
+                values[line.key] = formats.OPTIONS[line.key].taken(line.value)
         return values
 
     @cached_property
@@ -115,6 +116,18 @@ class Inputs:
             return []
         kinds, flags = self.load_cases["Kind"], self.flags
         return [n for n in self.sequence if formats.is_to_run(int(kinds[n - 1]), int(flags[n - 1]))]
+
+    @cached_property
+    def has_state(self) -> bool:
+        """Whether element states are read and written: some material has one, used or not."""
+        if self.materials is None:
+            return False
+        return bool((self.materials["MaterialFlags"] & formats.MATERIAL_WITH_STATE).any())
+
+    @cached_property
+    def done(self) -> list[int]:
+        """What earlier runs have finished."""
+        return [number for number in self.sequence if number not in self.to_run]
 
     @cached_property
     def sound_maps(self) -> list[int]:
@@ -249,14 +262,21 @@ def _read_maps(inputs: Inputs) -> Iterator[Finding]:
         yield from found
 
 
+_UNFINISHED = re.compile(
+    rf"({re.escape(file_names.RESULT_PREFIX)}.*|{file_names.LOAD_CASE_FLAGS})~([0-9a-f]{{16}})?\Z"
+)
+_OWN_UNFINISHED = re.compile(r"\.(vk_rund_cmd|mxs?\.|ws\.).*\.tmp\Z")
+
+
 def _unfinished(directory: Path) -> list[Finding]:
-    """What a killed run leaves of a file it was replacing."""
-    names = sorted(
-        path.name
-        for path in directory.glob("*~")
-        if path.name.startswith((file_names.RESULT_PREFIX, "mx"))
-    )
-    if not names:
-        return []
-    text = f"Left over from a killed run: {', '.join(names)}."
-    return [note("file-unfinished", text, names[0], "The next run clears it away.")]
+    """What killed programs leave of files that they were replacing."""
+    names = sorted(path.name for path in directory.iterdir())
+    findings = []
+    for pattern, who, hint in (
+        (_UNFINISHED, "run", "The next run clears it away."),
+        (_OWN_UNFINISHED, "vkctl", "Nothing reads it: delete it."),
+    ):
+        if left := [name for name in names if pattern.match(name)]:
+            text = f"Left over from a killed {who}: {', '.join(left)}."
+            findings.append(note("file-unfinished", text, left[0], hint))
+    return findings

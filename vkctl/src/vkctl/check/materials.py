@@ -68,11 +68,23 @@ def _one(number: int, record: np.void) -> Iterator[Finding]:
         yield error("material-kind", text, where, "Set one of the bits 8 to 11 of its flags.")
     if flags & formats.MATERIAL_YIELDING:
         yield from _yielding(called, record, where)
+    if undefined := _undefined(record, flags):
+        text = f"{called} has no finite value of {', '.join(undefined)}."
+        yield error("material-not-finite", text, where)
     if not record["LimitStress"] > 0:
         text = (
             f"{called} has the limit stress {record['LimitStress']:g}: the criteria divide by it."
         )
         yield warning("material-limit", text, where, "It is 1 where nothing else is meant.")
+
+
+def _undefined(record: np.void, flags: int) -> list[str]:
+    """Fields besides the elastic constants that are used and are no numbers."""
+    fields = ["RefValue", "InitialStrain", "LimitStress"]
+    fields.append("Expansions" if flags & formats.MATERIAL_ORTHOTROPIC else "Expansion")
+    if flags & formats.MATERIAL_YIELDING:
+        fields += ["YieldStress", "HardeningRatio"]
+    return [name for name in fields if not np.isfinite(record[name]).all()]
 
 
 def stiffest_modulus(record: np.void) -> float:

@@ -12,16 +12,18 @@ from vkctl.directory.formats import OPTIONS, OPTIONS_FILE, OptionLine
 from .findings import Finding, error, note, warning
 from .inputs import Inputs
 
+_SHOWN = 60  # characters of a line
+
 
 def check_options(inputs: Inputs) -> Iterator[Finding]:
     """Findings on `vk_rund_cmd.txt`, line by line, then on the values together."""
     seen: set[str] = set()
     for number, line in enumerate(inputs.options or [], 1):
         where = f"{OPTIONS_FILE}, line {number}"
-        text = line.text.strip(" \r\t")
-        if not text or line.text.lstrip(" ").startswith("*"):
+        text = line.read
+        if not text.strip("\t") or text.startswith("*"):
             continue
-        if len(line.text.rstrip("\r")) > formats.LONGEST_LINE:
+        if line.is_long:
             yield warning(
                 "option-long-line", f"The line is cut at {formats.LONGEST_LINE} characters.", where
             )
@@ -39,7 +41,14 @@ def _unknown(text: str, where: str) -> Finding:
     name = text.split("=")[0].strip()
     meant = closest(name, OPTIONS)
     hint = f"Did you mean {meant}?" if meant else "Known are: " + ", ".join(OPTIONS)
-    return warning("option-unknown", f'"{text[:60]}" has no known key and is ignored.', where, hint)
+    return warning(
+        "option-unknown", f"{_shown(text)} has no known key and is ignored.", where, hint
+    )
+
+
+def _shown(text: str) -> str:
+    """The beginning of a line between quotes, without what would work on a terminal."""
+    return '"' + "".join(c if c.isprintable() else "?" for c in text[:_SHOWN]) + '"'
 
 
 def _known(line: OptionLine, text: str, where: str) -> Iterator[Finding]:
@@ -47,19 +56,20 @@ def _known(line: OptionLine, text: str, where: str) -> Iterator[Finding]:
     option = OPTIONS[key]
     if not line.readable:
         kind = "a whole number" if option.type is int else "a number"
-        problem = f'"{text[:60]}" gives no value for {key}: the run would stop.'
-        yield error("option-unreadable", problem, where, f"Write {key}= and {kind}.")
+        problem = f"{_shown(text)} gives no value for {key}: the run would stop."
+        hint = f"Write {key}= and {kind} that fits into 32 bits."
+        yield error("option-unreadable", problem, where, hint)
         return
     written = text.split("=")[0].strip()
     if written != key:
-        problem = f'"{written}" begins with {key} and is taken for it.'
+        problem = f"{_shown(written)} begins with {key} and is taken for it."
         yield warning("option-prefix", problem, where)
     if line.value is None:
         yield note("option-empty", f"{key} is followed by a separator and keeps its value.", where)
         return
-    clamped = option.clamp(line.value)
-    if clamped != line.value:
-        problem = f"{key}={line.value:g} is outside its limits and becomes {clamped:g}."
+    taken = option.taken(line.value)
+    if taken != option.rounded(line.value):
+        problem = f"{key}={line.value:g} is outside its limits and becomes {taken:g}."
         yield warning("option-clamped", problem, where)
 
 

@@ -3,7 +3,6 @@
 from __future__ import annotations
 
 from collections.abc import Iterator
-from pathlib import Path
 
 import numpy as np
 
@@ -14,9 +13,10 @@ from vkctl.directory.formats import file_names
 
 from .findings import Finding, error, warning
 from .inputs import Inputs
+from .stored import Stored, load
 
-_LOWEST_STATE = np.float32(0.001)  # the solver holds states at this or above
-_HUGE = 1e6  # displacements beyond so many extents of the model are no start
+LOWEST_STATE = np.float32(0.001)  # the solver holds states at this or above
+HUGE = 1e6  # displacements beyond so many extents of the model are none
 
 
 def check_states(inputs: Inputs) -> Iterator[Finding]:
@@ -29,49 +29,71 @@ def check_states(inputs: Inputs) -> Iterator[Finding]:
 
 
 def _displacements(inputs: Inputs, number: int) -> Iterator[Finding]:
-    name = formats.numbered(file_names.DISPLACEMENTS_STEM, number)
-    path = Path(inputs.directory, name)
-    if inputs.tp_index is None or not path.exists():
+    if inputs.tp_index is None:
         return
-    size, wanted = path.stat().st_size, 8 + 12 * len(inputs.tp_index)
-    if size < wanted:
+    name = formats.numbered(file_names.DISPLACEMENTS_STEM, number)
+    found = load(inputs.directory, name, 2, 3 * len(inputs.tp_index))
+    if not isinstance(found, Stored):
+        yield from _unreadable(found)
+        return
+    wanted = 8 + 12 * len(inputs.tp_index)
+    if found.size < wanted:
         text = f"{name} is too short for this mesh: the load case starts from zero."
         yield warning("state-displacements", text, name, "Delete it.")
         return
-    if size > wanted:
+    if found.size > wanted:
         text = f"{name} is longer than this mesh needs and is taken as it is."
         yield warning("state-displacements", text, name, "It belongs to another mesh: delete it.")
-    values = np.fromfile(path, "<f4", 3 * len(inputs.tp_index), offset=8)
-    extent = inputs.mesh.extent if inputs.mesh is not None else 0.0
-    largest = float(np.abs(values).max(initial=0.0))
-    if not largest <= _HUGE * extent:
-        text = f"{name} holds displacements of {largest:g}: nothing to start from."
+    if (trouble := absurd(inputs, found.values)) is not None:
+        text = f"{name} {trouble}: nothing to start from."
         yield error("state-displacements", text, name, "It is damaged: delete it.")
+
+
+def absurd(inputs: Inputs, displacements: Array) -> str | None:
+    """What is wrong with displacements that no solution can have, if anything."""
+    if not np.isfinite(displacements).all():
+        return "holds displacements that are no numbers"
+    largest = float(np.abs(displacements).max(initial=0.0))
+    extent = inputs.mesh.extent if inputs.mesh is not None else 0.0
+    return f"holds displacements of {largest:g}" if largest > HUGE * extent > 0 else None
+
+
+def _unreadable(found: Finding | Stored | None) -> Iterator[Finding]:
+    if isinstance(found, Finding):
+        yield found
 
 
 def _element_state(inputs: Inputs, number: int) -> Iterator[Finding]:
     """Element states are read where the count fits, and ignored where it doesn't."""
+    if inputs.element_flags is None or not inputs.has_state:
+        return
+    elements = len(inputs.element_flags)
     name = formats.numbered(file_names.ELEMENT_STATE_STEM, number)
-    path = Path(inputs.directory, name)
-    if inputs.materials is None or inputs.element_flags is None or not path.exists():
-        return
-    if not (inputs.materials["MaterialFlags"] & formats.MATERIAL_WITH_STATE).any():
-        return
-    there, elements = np.fromfile(path, "<i4", 1), len(inputs.element_flags)
-    if len(there) and there[0] != elements:
-        text = f"{name} has {there[0]} elements, the model {elements}: it is ignored."
+    found = load(inputs.directory, name, 1, elements)
+    if not isinstance(found, Stored):
+        yield from _unreadable(found)
+    elif found.head and found.head[0] != elements:
+        text = f"{name} has {found.head[0]} elements, the model {elements}: it is ignored."
         yield warning("state-elements", text, name, "It belongs to another mesh: delete it.")
-    elif path.stat().st_size < 4 + 4 * elements:
+    elif len(found.values) < elements or not found.head:
         yield error(
             "state-elements", f"{name} is too short: the run would stop.", name, "Delete it."
         )
-    else:
-        values = np.fromfile(path, "<f4", elements, offset=4)
-        odd = _with_state(inputs, elements) & ~((values >= _LOWEST_STATE) & (values <= 1))
-        if odd.any():
-            which = listed(np.flatnonzero(odd) + 1, "element")
-            text = f"{name} has states outside 0.001 to 1 for {which}."
-            yield error("state-elements", text, name, "It is damaged: delete it.")
+    elif (trouble := impossible(inputs, found.values)) is not None:
+        text = f"{name} {trouble}."
+        yield error("state-elements", text, name, "It is damaged: delete it.")
+
+
+def impossible(inputs: Inputs, states: Array) -> str | None:
+    """What is wrong with element states that no run writes, if anything.
+
+    Those of elements without a state are never used, but are 1 where the file is sound.
+    """
+    lowest = np.where(_with_state(inputs, len(states)), LOWEST_STATE, np.float32(0))
+    odd = ~((states >= lowest) & (states <= 1))
+    if not odd.any():
+        return None
+    return f"has states outside 0.001 to 1 for {listed(np.flatnonzero(odd) + 1, 'element')}"
 
 
 def _with_state(inputs: Inputs, elements: int) -> Array:
@@ -85,17 +107,20 @@ def _with_state(inputs: Inputs, elements: int) -> Array:
 
 
 def _criterion(inputs: Inputs, number: int) -> Iterator[Finding]:
-    """The earlier criterion, where it is blended in for sure."""
+    """The earlier criterion, which is blended in where asked for, or where a solution is poor."""
+    if inputs.tp is None:
+        return
     name = formats.numbered(file_names.CRITERION_STEM, number)
-    if inputs.tp is None or inputs.option_values["Sta.ResponseDumpFac"] <= 0:
-        return
-    path = Path(inputs.directory, name)
-    if not path.exists():
-        return
-    wanted = 4 + inputs.tp.nbytes
-    if path.stat().st_size < wanted:
+    found = load(inputs.directory, name, 1, len(inputs.tp))
+    if not isinstance(found, Stored):
+        yield from _unreadable(found)
+    elif not found.head or (found.head[0] > 0 and len(found.values) < len(inputs.tp)):
         text = f"{name} has fewer values than there are design points: blending would stop the run."
-        yield error("state-criterion", text, name, "Delete it, or set Sta.ResponseDumpFac to 0.")
-    elif path.stat().st_size > wanted:
-        text = f"{name} has more values than there are design points."
+        yield error("state-criterion", text, name, "Delete it.")
+    elif np.isnan(found.values).any() and found.head[0] > 0:
+        hint = "It is damaged: delete it."
+        yield error("state-criterion", f"{name} holds values that are no numbers.", name, hint)
+    elif inputs.option_values["Sta.ResponseDumpFac"] > 0 and found.head[0] != len(inputs.tp):
+        count = "no" if found.head[0] < 1 else "more"
+        text = f"{name} has {count} values where there are {len(inputs.tp)} design points."
         yield warning("state-criterion", text, name, "It belongs to another model: delete it.")

@@ -12,7 +12,8 @@ from vkctl.directory.formats import file_names
 from . import formats
 
 STOP_QUALITY = 0.5  # below this the run stops
-POOR_QUALITY = 0.9  # below this a solution draws a warning and leaves no start vector
+POOR_QUALITY = 0.9  # below this a solution draws a warning
+KEEP_QUALITY = 0.9  # above this a solution leaves a start vector
 
 
 @dataclass

@@ -79,6 +79,7 @@ from .records import (
     TOTALS,
     default_materials,
 )
+from .regular import is_regular, open_regular, read_regular
 from .result_files import (
     read_criterion,
     read_displacements,
@@ -145,9 +146,11 @@ __all__ = [
     "TOTALS",
     "default_materials",
     "file_names",
+    "is_regular",
     "is_to_run",
     "is_wanted",
     "numbered",
+    "open_regular",
     "parse_option_line",
     "read_criterion",
     "read_displacements",
@@ -164,6 +167,7 @@ __all__ = [
     "read_option_lines",
     "read_options",
     "read_stress",
+    "read_regular",
     "read_structure",
     "read_totals",
     "read_tp",

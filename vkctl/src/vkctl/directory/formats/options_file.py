@@ -2,15 +2,21 @@
 
 from __future__ import annotations
 
+import math
 import re
 from collections.abc import Mapping
 from dataclasses import dataclass
+from decimal import Decimal
+from fractions import Fraction
 from pathlib import Path
 from typing import Literal
+
+import numpy as np
 
 from vkctl.basics.types import PathLike
 
 from .file_names import OPTIONS_FILE
+from .regular import read_regular
 from .streams import FormatError, write_parts
 
 
@@ -23,12 +29,26 @@ class Option:
     low: float | None = None
     high: float | None = None
 
-    def clamp(self, value: float) -> float:
-        """The value that the solver takes for a given one."""
+    def rounded(self, value: float) -> float:
+        """A value in the solver's precision, which has no denormal numbers."""
+        if self.type is int:
+            return value
+        single = float(np.float32(value))
+        return single if abs(single) >= _SMALLEST else 0.0
+
+    def taken(self, value: float) -> float:
+        """The value that the solver works with for one that it has read."""
+        value = self.rounded(value)
         if self.low is not None and value < self.low:
             return self.low
-        return self.high if self.high is not None and value > self.high else value
+        return self.high if self.high is not None and value > np.float32(self.high) else value
 
+
+_SMALLEST = float(np.finfo(np.float32).tiny)
+_LARGEST = float(np.finfo(np.float32).max)
+_INTEGERS = -(2**31), 2**31 - 1
+# From here on a decimal number is rounded to infinity in single precision.
+_TOO_LARGE = 2**128 - 2**103
 
 # Values of "Sys.ComputationMode": the log tells the mode that was taken by the same numbers.
 Mode = Literal["automatic", "iterative", "direct"]
@@ -49,8 +69,8 @@ OPTIONS: dict[str, Option] = {
     "Sta.MatSlopeFactor": Option(float, 500.0, 10.0, 10000.0),
 }
 
-_INTEGER = re.compile(r"[+-]?\d+\Z")
-_FLOAT = re.compile(r"([+-]?(?:\d+\.?\d*|\.\d+))(?:[eEdD]([+-]?\d+)|([+-]\d+))?\Z")
+_INTEGER = re.compile(r"[+-]?[0-9]+\Z")
+_FLOAT = re.compile(r"([+-]?(?:[0-9]+\.?[0-9]*|\.[0-9]+))(?:[eEdD]([+-]?[0-9]+)|([+-][0-9]+))?\Z")
 
 
 def _option_value(text: str, option: Option) -> float | None:
@@ -61,10 +81,31 @@ def _option_value(text: str, option: Option) -> float | None:
         return None
     if option.type is int:
         if _INTEGER.match(token):
-            return int(token)
+            return _fitting(int(token), option)
     elif match := _FLOAT.match(token):
-        return float(f"{match[1]}e{match[2] or match[3] or 0}")
+        return _fitting(_number(match[1], match[2] or match[3] or "0"), option)
     raise ValueError(text)
+
+
+def _number(mantissa: str, exponent: str) -> float:
+    """The number, infinite where single precision can't hold it."""
+    number = float(f"{mantissa}e{exponent}")
+    # Close to the limit double precision may have rounded over it.
+    if math.isfinite(number) and abs(number) >= float(_TOO_LARGE):
+        exact = Fraction(Decimal(mantissa)) * Fraction(10) ** int(exponent)
+        return math.inf if abs(exact) >= _TOO_LARGE else math.copysign(_LARGEST, number)
+    return number
+
+
+def _fitting(value: float, option: Option) -> float:
+    """The value, ValueError where the option's type of 32 bits can't hold it."""
+    if option.type is int:
+        fits = _INTEGERS[0] <= value <= _INTEGERS[1]
+    else:
+        fits = abs(value) < _TOO_LARGE  # of NaN too: no
+    if not fits:
+        raise ValueError(f"{value!r} doesn't fit into 32 bits")
+    return value
 
 
 @dataclass(frozen=True)
@@ -76,15 +117,29 @@ class OptionLine:
     value: float | None  # None also where a separator leaves the option as it was
     readable: bool  # False: the solver stops here
 
+    @property
+    def is_long(self) -> bool:
+        """Whether the solver reads its beginning only."""
+        return len(self.text) > LONGEST_LINE
+
+    @property
+    def read(self) -> str:
+        """What the solver reads of it."""
+        return self.text[:LONGEST_LINE].strip(" ")
+
 
 def parse_option_line(text: str) -> OptionLine:
-    """Read a line as the solver does: it counts as a key's line when it begins with the key."""
-    line = text[:LONGEST_LINE].strip(" \r")
-    key = next((k for k in OPTIONS if line.startswith(k)), None)
+    """Read a line as the solver does: it counts as a key's line when it begins with the key.
+
+    Its end, of either system, may be there or not.
+    """
+    text = text.removesuffix("\n").removesuffix("\r")
+    line = OptionLine(text, None, None, True)
+    key = next((k for k in OPTIONS if line.read.startswith(k)), None)
     if key is None:
-        return OptionLine(text, None, None, True)
+        return line
     try:
-        value = _option_value(line[line.find("=") + 1 :], OPTIONS[key])
+        value = _option_value(line.read[line.read.find("=") + 1 :], OPTIONS[key])
     except ValueError:
         return OptionLine(text, key, None, False)
     return OptionLine(text, key, value, True)
@@ -92,7 +147,7 @@ def parse_option_line(text: str) -> OptionLine:
 
 def read_option_lines(directory: PathLike) -> list[OptionLine]:
     """`vk_rund_cmd.txt` line by line."""
-    text = Path(directory, OPTIONS_FILE).read_bytes().decode("latin-1")
+    text = read_regular(Path(directory, OPTIONS_FILE)).decode("latin-1")
     return [parse_option_line(line) for line in text.split("\n")]
 
 
@@ -105,9 +160,8 @@ def read_options(directory: PathLike) -> dict[str, float]:
     options: dict[str, float] = {}
     for number, line in enumerate(read_option_lines(directory), 1):
         if not line.readable:
-            shown = line.text[:LONGEST_LINE].strip(" \r")
             path = Path(directory, OPTIONS_FILE)
-            raise FormatError(path, f"line {number}: no value in {shown!r}")
+            raise FormatError(path, f"line {number}: no value in {line.read!r}")
         if line.key is not None and line.value is not None:
             options[line.key] = line.value
     return options
@@ -116,16 +170,17 @@ def read_options(directory: PathLike) -> dict[str, float]:
 def _option_text(key: str, value: float) -> str:
     if key not in OPTIONS:
         raise KeyError(f"unknown option {key!r}, known are {', '.join(OPTIONS)}")
-    return f"{key}={OPTIONS[key].type(value)!r}"
+    return f"{key}={OPTIONS[key].type(_fitting(value, OPTIONS[key]))!r}"
 
 
 def update_options(directory: PathLike, changes: Mapping[str, float]) -> None:
     """Set options in `vk_rund_cmd.txt` and leave its other lines alone; made if missing.
 
-    The first line of a key takes the new value, further lines of the key are dropped.
+    The first line of a key takes the new value, further lines of the key are dropped. ValueError
+    for a value that its type of 32 bits can't hold.
     """
     path = Path(directory, OPTIONS_FILE)
-    lines = path.read_bytes().decode("latin-1").split("\n") if path.exists() else [""]
+    lines = read_regular(path).decode("latin-1").split("\n") if path.exists() else [""]
     end = "\r" if lines[0].endswith("\r") else ""
     waiting = {key: _option_text(key, value) + end for key, value in changes.items()}
     kept = []
@@ -141,6 +196,10 @@ def update_options(directory: PathLike, changes: Mapping[str, float]) -> None:
 
 
 def write_options(directory: PathLike, options: Mapping[str, float]) -> None:
-    """`vk_rund_cmd.txt` from values by key. The solver passes over unknown keys, so they raise."""
+    """`vk_rund_cmd.txt` from values by key.
+
+    The solver passes over unknown keys and stops at values that 32 bits can't hold, so they raise
+    KeyError and ValueError.
+    """
     lines = [_option_text(key, value) + "\n" for key, value in options.items()]
     write_parts(Path(directory, OPTIONS_FILE), ["".join(lines).encode("ascii")])

@@ -11,7 +11,15 @@ from vkctl.basics.types import Array, PathLike
 
 from . import file_names
 from .records import TOTALS
-from .streams import Reader, int32_bytes, numbered, read_counted, write_counted, write_parts
+from .streams import (
+    FormatError,
+    Reader,
+    int32_bytes,
+    numbered,
+    read_counted,
+    write_counted,
+    write_parts,
+)
 
 
 def _path(directory: PathLike, stem: str, number: int) -> Path:
@@ -22,7 +30,10 @@ def read_displacements(directory: PathLike, number: int) -> Array:
     """`ws.sstate.NNNN`: nodal displacements, prescribed ones included, float32 (n, 3)."""
     with Reader(_path(directory, file_names.DISPLACEMENTS_STEM, number)) as r:
         r.int32("SaveKind")
-        return r.array("<f4", r.int32("ValueCount"), "displacements").reshape(-1, 3)
+        count = max(r.int32("ValueCount"), 0)
+        if count % 3:
+            raise FormatError(r.path, f"{count} displacements, not three a node")
+        return r.array("<f4", count, "displacements").reshape(-1, 3)
 
 
 def write_displacements(directory: PathLike, number: int, values: npt.ArrayLike) -> None:

@@ -17,6 +17,8 @@ import numpy.typing as npt
 
 from vkctl.basics.types import Array, PathLike
 
+from .regular import open_regular
+
 
 class FormatError(Exception):
     """A file of the working directory can't be understood."""
@@ -109,7 +111,7 @@ class Reader:
 
     def __init__(self, path: PathLike) -> None:
         self.path = Path(path)
-        self.stream = open(self.path, "rb")
+        self.stream = open_regular(self.path)
         self.left = os.fstat(self.stream.fileno()).st_size
 
     def __enter__(self) -> Reader:
@@ -123,19 +125,31 @@ class Reader:
             raise ShortFileError(self.path, f"{what} needs {size} bytes, {self.left} are left")
         self.left -= size
 
+    def _bytes(self, size: int, what: str) -> bytes:
+        self._take(size, what)
+        content = self.stream.read(size)
+        if len(content) < size:  # the file has become shorter since it was opened
+            raise ShortFileError(self.path, f"{what} needs {size} bytes, {len(content)} came")
+        return content
+
     def int32(self, what: str) -> int:
-        self._take(4, what)
-        return int(struct.unpack("<i", self.stream.read(4))[0])
+        return int(struct.unpack("<i", self._bytes(4, what))[0])
 
     def int64(self, what: str) -> int:
-        self._take(8, what)
-        return int(struct.unpack("<q", self.stream.read(8))[0])
+        return int(struct.unpack("<q", self._bytes(8, what))[0])
 
     def array(self, dtype: npt.DTypeLike, count: int, what: str) -> Array:
         kind = np.dtype(dtype)
         count = max(count, 0)
         self._take(count * kind.itemsize, what)
-        return np.fromfile(self.stream, kind, count)
+        try:
+            values = np.fromfile(self.stream, kind, count)
+        except MemoryError:
+            size = count * kind.itemsize
+            raise FormatError(self.path, f"{what} needs {size} bytes of memory") from None
+        if len(values) < count:
+            raise ShortFileError(self.path, f"{count} {what} are announced, {len(values)} came")
+        return values
 
 
 def int32_bytes(*values: int) -> bytes:
