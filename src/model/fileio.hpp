@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "platform/stream.hpp"
 #include "run/services/arrays.hpp"
@@ -23,6 +24,9 @@ inline constexpr std::string_view NoNumber = "****";
 inline FileStream ReadStream;
 inline FileStream WriteStream;
 
+// A file of each folder in which files were replaced since FILEIO_SYNCFOLDERS.
+inline std::vector<std::string> UnsyncedFolders;
+
 }  // namespace FILEIO
 
 // Open for reading, or for replacing as a whole. Abort: "Error opening file: " and the name.
@@ -35,6 +39,15 @@ void FILEIO_CLOSEREAD(int unit);
 // Flushes and closes a file that was written. Aborts: "Error flushing file unit: " or "Error
 // closing file unit: " and the unit.
 void FILEIO_FLUSHCLOSE(int unit);
+
+// Brings to the disk that files were replaced; their content is there since FILEIO_FLUSHCLOSE. What
+// is renamed later may reach the disk earlier, so this stands between files that rely on another.
+// Aborts: "Error flushing file unit: " and the unit.
+void FILEIO_SYNCFOLDERS(int unit);
+
+// Removes what killed runs left of the files that they were replacing; a name that merely looks
+// alike stays. Only for a run that holds the directory.
+void FILEIO_CLEARUNFINISHED();
 
 // One block of bytes from the file being read. Aborts: "Error reading file: " and the name.
 void FILEIO_READBLOCK(void* data, std::int64_t bytes);

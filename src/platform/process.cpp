@@ -1,11 +1,19 @@
 #include "platform/process.hpp"
 
 #include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
+#include <cinttypes>
 #include <csignal>
+#include <cstdio>
+#include <fstream>
 #include <string>
+#include <system_error>
 
 #if defined(__x86_64__)
 #include <xmmintrin.h>
@@ -31,14 +39,63 @@ void SetControlRegister(std::uint64_t value) { __asm__ volatile("msr fpcr, %0" :
 #error "flush-to-zero is known for x86-64 and AArch64 only"
 #endif
 
+// What file systems answer that have no locks, or none for a directory.
+bool HasNoLocks(int number) {
+  return number == ENOLCK || number == ENOTSUP || number == EINVAL || number == EBADF ||
+         number == ENOSYS || number == EACCES || number == EPERM;
+}
+
+// The process that the system's table of locks names for this file; 0 where it has no such line, or
+// hides the process.
+std::int64_t HolderOf(int descriptor) {
+  struct stat info = {};
+  if (::fstat(descriptor, &info) != 0) return 0;
+  std::ifstream table("/proc/locks");
+  for (std::string line; std::getline(table, line);) {
+    std::int64_t process = 0;
+    unsigned high = 0, low = 0;
+    std::uint64_t file = 0;
+    if (std::sscanf(line.c_str(), "%*d: FLOCK %*s %*s %" SCNd64 " %x:%x:%" SCNu64, &process, &high,
+                    &low, &file) == 4 &&
+        file == info.st_ino && high == major(info.st_dev) && low == minor(info.st_dev))
+      return process;
+  }
+  return 0;
+}
+
 }  // namespace
 
 std::int64_t PLATFORM_CLOCKCOUNT() { return Clock::now().time_since_epoch().count(); }
 
 std::int64_t PLATFORM_CLOCKRATE() { return Clock::period::den / Clock::period::num; }
 
-bool PLATFORM_ENTERDIRECTORY(std::string_view directory) {
-  return ::chdir(std::string(directory).c_str()) == 0;
+std::string PLATFORM_REASON(int number) { return std::generic_category().message(number); }
+
+bool PLATFORM_ENTERDIRECTORY(std::string_view directory, std::string& reason) {
+  if (::chdir(std::string(directory).c_str()) == 0) return true;
+  reason = PLATFORM_REASON(errno);
+  return false;
+}
+
+DirectoryLock PLATFORM_LOCKDIRECTORY() {
+  DirectoryLock lock;
+  const int descriptor = ::open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (descriptor >= 0 && ::flock(descriptor, LOCK_EX | LOCK_NB) == 0) {
+    lock.state = DirectoryLock::State::Held;
+    lock.descriptor = descriptor;
+    return lock;
+  }
+  const int number = errno;
+  if (number == EWOULDBLOCK) {
+    lock.state = DirectoryLock::State::HeldByOther;
+    lock.otherId = HolderOf(descriptor);
+  } else if (descriptor < 0 ? number == EACCES : HasNoLocks(number)) {
+    lock.state = DirectoryLock::State::None;
+  } else {
+    lock.reason = PLATFORM_REASON(number);
+  }
+  if (descriptor >= 0) ::close(descriptor);
+  return lock;
 }
 
 void PLATFORM_GUARDSTREAMS() {

@@ -58,6 +58,24 @@ void RunLoadCase(std::int32_t number) {
   RUN::LoadCaseStartTicks = now;
 }
 
+// Enters the directory and takes its lock, which is held to the end of the process: two runs on one
+// directory would mix their files. False where there are no locks to be had.
+bool TakeDirectory(std::string_view directory) {
+  const std::string quoted = '"' + std::string(directory) + '"';
+  std::string reason;
+  if (!PLATFORM_ENTERDIRECTORY(directory, reason))
+    PLATFORM_STOP(StopDirectory, "cannot enter directory " + quoted + " (" + reason + ")");
+  const DirectoryLock lock = PLATFORM_LOCKDIRECTORY();
+  if (lock.state == DirectoryLock::State::HeldByOther)
+    PLATFORM_STOP(StopLog,
+                  "another run holds the directory " + quoted +
+                      (lock.otherId == 0 ? std::string()
+                                         : " (process " + std::to_string(lock.otherId) + ")"));
+  if (lock.state == DirectoryLock::State::Failed)
+    PLATFORM_STOP(StopLog, "cannot lock the directory " + quoted + " (" + lock.reason + ")");
+  return lock.state == DirectoryLock::State::Held;
+}
+
 }  // namespace
 
 std::string RUN_TIMETEXT(std::int64_t ticks, std::int64_t rate) {
@@ -88,9 +106,9 @@ void RUN_LOADCASES() {
 }
 
 void RUN_ENTRY(std::string_view directory) {
-  if (!PLATFORM_ENTERDIRECTORY(directory))
-    PLATFORM_STOP(StopDirectory, "cannot enter directory \"" + std::string(directory) + "\"");
+  const bool alone = TakeDirectory(directory);
   LOGGER_OPEN(LOGGER::FileName);
+  if (alone) FILEIO_CLEARUNFINISHED();
   LOGGER_POSTINF(LOGLINES::Start.text);
   RUN::RunStartTicks = PLATFORM_CLOCKCOUNT();
   LOGGER_POSTINF(LOGLINES::Banner.text);

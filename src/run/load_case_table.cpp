@@ -57,10 +57,12 @@ bool RUN_ISTORUN(std::int32_t number) {
 }
 
 void RUN_MARKDONE(std::int32_t number) {
+  FILEIO_SYNCFOLDERS(FILEIO::WriteUnit);
   LoadCaseFlags[Slot(number)] |= LoadCaseDone;
   FILEIO_OPENWRITE(FILEIO::WriteUnit, FILES::LoadCaseFlags.name);
   FILEIO_WRITEVALUE(NumLoadCases);
   FILEIO_WRITEARRAY(LoadCaseFlags.get(), NumLoadCases);
   FILEIO_WRITEARRAY(LoadCaseValues.get(), NumLoadCases);
   FILEIO_FLUSHCLOSE(FILEIO::WriteUnit);
+  FILEIO_SYNCFOLDERS(FILEIO::WriteUnit);
 }

@@ -28,5 +28,6 @@ void RUN_CHECKORDER();
 bool RUN_ISTORUN(std::int32_t number);
 
 // Sets the done flag and rewrites mxs.lcflags. Last of all files of a load case: once this is
-// written, the load case is never run again.
+// written, the load case is never run again. The others are on the disk before it, and it is when
+// this returns.
 void RUN_MARKDONE(std::int32_t number);

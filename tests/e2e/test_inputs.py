@@ -427,4 +427,5 @@ def test_a_run_leaves_nothing_but_its_files(tmp_path):
 def test_an_error_is_told_once_on_standard_error(tmp_path):
     directory = tiny(tmp_path)
     Path(directory, "mx.nodes").unlink()
-    assert stopped(start(directory), BAD_RUN) == "Error opening file: mx.nodes"
+    told = "Error opening file: mx.nodes (No such file or directory)"
+    assert stopped(start(directory), BAD_RUN) == told

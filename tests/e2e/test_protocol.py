@@ -50,7 +50,7 @@ def test_any_number_of_arguments_but_one_is_refused(tmp_path, arguments):
 @pytest.mark.parametrize("name", ["nowhere", "a/b", "-h", "--Help", "--version ", "a b"])
 def test_a_directory_that_cannot_be_entered_is_named(tmp_path, name):
     reason = stopped(start(name, cwd=tmp_path), BAD_DIRECTORY)
-    assert reason == f'cannot enter directory "{name}"'
+    assert reason == f'cannot enter directory "{name}" (No such file or directory)'
     assert list(tmp_path.iterdir()) == []
 
 
@@ -63,7 +63,7 @@ def test_an_empty_name_is_no_directory(tmp_path, name):
 def test_a_file_is_no_directory(tmp_path):
     Path(tmp_path, "file").touch()
     reason = stopped(start("file", cwd=tmp_path), BAD_DIRECTORY)
-    assert reason == 'cannot enter directory "file"'
+    assert reason == 'cannot enter directory "file" (Not a directory)'
 
 
 @pytest.mark.parametrize("name", ["   work", "./--help", "w" * 255, "./" * 254 + "work"])

@@ -226,7 +226,8 @@ TEST_F(Feloadcase, FileCutAnywhereIsAReadingError) {
   // Inside each count and inside the rows of each section.
   for (const std::size_t length : {0u, 3u, 5u, 171u, 173u, 190u, 192u, 195u, 210u, 213u, 223u}) {
     WriteFile("mxs.lcmap.0001", whole.substr(0, length));
-    EXPECT_EXIT(Prepare(), StopsWith(StopError), "1010: Error reading file: mxs.lcmap.0001\n")
+    EXPECT_EXIT(Prepare(), StopsWith(StopError),
+                "1010: Error reading file: mxs.lcmap.0001 .the file ends too early.\n")
         << length;
   }
 }

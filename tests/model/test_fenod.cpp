@@ -62,11 +62,6 @@ const std::vector<double> Zeros(5, 0.0);
 
 std::string Header(std::int32_t kind, std::int32_t count) { return Bytes(kind) + Bytes(count); }
 
-void LoadWithFailingClose() {
-  FailingClose = 2;  // the first belongs to the question whether the file exists
-  Load();
-}
-
 }  // namespace
 
 TEST_F(Fenod, SavedFileHoldsKindCountAndThreeValuesANode) {
@@ -185,7 +180,7 @@ TEST_F(Fenod, FailedCloseInSavingIsTold) {
 
 TEST_F(Fenod, FailedCloseInLoadingIsTold) {
   Save();
-  EXPECT_ABORT(LoadWithFailingClose(), "Error closing fileunit: 200");
+  EXPECT_ABORT((FailingClose = 1, Load()), "Error closing fileunit: 200");
 }
 
 TEST_F(Fenod, FailedAllocationInSavingIsToldAndWritesNothing) {

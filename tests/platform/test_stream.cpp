@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <limits>
 #include <string>
+#include <vector>
 
 #include "platform/process.hpp"
 #include "platform/stream.hpp"
@@ -34,6 +35,14 @@ bool Replace(const std::string& name, const std::string& text) {
   FileStream stream;
   return STREAM_OPENREPLACE(stream, name) && Write(stream, text) && STREAM_FLUSH(stream) &&
          STREAM_CLOSE(stream);
+}
+
+// How many files lie beside `name` that have the form of one replacing it.
+int Beside(const std::string& name) {
+  int found = 0;
+  for (const auto& entry : std::filesystem::recursive_directory_iterator("."))
+    if (STREAM_REPLACEDBY(entry.path().filename().string()) == name) ++found;
+  return found;
 }
 
 mode_t ModeOf(const std::string& name) {
@@ -97,10 +106,37 @@ TEST_F(Stream, RegularFilesAndLinksToThemExist) {
 TEST_F(Stream, MissingFilesDirectoriesDevicesAndDanglingLinksDoNotExist) {
   MakeDirectory("directory");
   MakeLink("nowhere", "dangling");
+  WriteFile("file", "");
   EXPECT_FALSE(STREAM_EXISTS("missing"));
   EXPECT_FALSE(STREAM_EXISTS("directory"));
   EXPECT_FALSE(STREAM_EXISTS("/dev/null"));
   EXPECT_FALSE(STREAM_EXISTS("dangling"));
+  EXPECT_FALSE(STREAM_EXISTS("missing/file"));
+  EXPECT_FALSE(STREAM_EXISTS("file/in it"));
+}
+
+TEST_F(Stream, WhatCannotBeLookedAtCountsAsThereAndFailsToOpen) {
+  MakeLink("round", "round");
+  const std::string tooLong(300, 'x');
+  EXPECT_TRUE(STREAM_EXISTS("round"));
+  EXPECT_FALSE(STREAM_OPENREAD(stream, "round"));
+  EXPECT_EQ(stream.reason, "Too many levels of symbolic links");
+  EXPECT_TRUE(STREAM_EXISTS(tooLong));
+  EXPECT_FALSE(STREAM_OPENREAD(stream, tooLong));
+}
+
+TEST_F(Stream, FileExistsWhereNoDescriptorIsLeftToOpenIt) {
+  WriteFile("file", "");
+  rlimit before = {};
+  ::getrlimit(RLIMIT_NOFILE, &before);
+  rlimit none = before;
+  none.rlim_cur = 0;
+  ::setrlimit(RLIMIT_NOFILE, &none);
+  const bool exists = STREAM_EXISTS("file"), opened = STREAM_OPENREAD(stream, "file");
+  ::setrlimit(RLIMIT_NOFILE, &before);
+  EXPECT_TRUE(exists);
+  EXPECT_FALSE(opened);
+  EXPECT_EQ(stream.reason, "Too many open files");
 }
 
 TEST_F(Stream, DirectoriesAndDevicesCannotBeOpenedForReading) {
@@ -163,7 +199,7 @@ TEST_F(Stream, NewFileAppearsAtClosingWithNothingBesideIt) {
   ASSERT_TRUE(STREAM_FLUSH(stream));
   ASSERT_TRUE(STREAM_CLOSE(stream));
   EXPECT_EQ(ReadFile("file"), "new");
-  EXPECT_FALSE(Exists("file~"));
+  EXPECT_EQ(Beside("file"), 0);
 }
 
 TEST_F(Stream, OldContentStaysUntilClosing) {
@@ -181,10 +217,50 @@ TEST_F(Stream, KillAtAnyStepLeavesTheOldOrTheNewContentWhole) {
     WriteFile("flags", "the old content");
     KillReplacementBefore(step);
     EXPECT_EQ(ReadFile("flags"), step < 4 ? "the old content" : "the new content") << step;
+    EXPECT_EQ(STREAM_UNFINISHED().size(), step > 0 && step < 4 ? 1 : 0) << step;
+    for (const std::string& name : STREAM_UNFINISHED()) STREAM_REMOVE(name);
     EXPECT_TRUE(Replace("flags", "after the restart")) << step;
     EXPECT_EQ(ReadFile("flags"), "after the restart") << step;
-    EXPECT_FALSE(Exists("flags~")) << step;
+    EXPECT_EQ(Beside("flags"), 0) << step;
   }
+}
+
+TEST_F(Stream, TwoWhoReplaceOneFileLeaveItWholeByTheLast) {
+  FileStream other;
+  ASSERT_TRUE(STREAM_OPENREPLACE(stream, "file"));
+  ASSERT_TRUE(STREAM_OPENREPLACE(other, "file"));
+  EXPECT_NE(stream.besideName, other.besideName);
+  ASSERT_TRUE(Write(stream, "one") && Write(other, "the other"));
+  ASSERT_TRUE(STREAM_FLUSH(stream) && STREAM_CLOSE(stream));
+  EXPECT_EQ(ReadFile("file"), "one");
+  ASSERT_TRUE(STREAM_FLUSH(other) && STREAM_CLOSE(other));
+  EXPECT_EQ(ReadFile("file"), "the other");
+  EXPECT_EQ(Beside("file"), 0);
+}
+
+TEST_F(Stream, NameOfANewFileTellsWhatItReplaces) {
+  ASSERT_TRUE(STREAM_OPENREPLACE(stream, "ws.tcval.0001"));
+  EXPECT_EQ(STREAM_REPLACEDBY(stream.besideName), "ws.tcval.0001");
+  for (const char* name : {"ws.tcval.0001", "ws.tcval.0001~", "ws.tcval.0001~0123456789abcde",
+                           "ws.tcval.0001~0123456789ABCDEF", "ws.tcval.0001~0123456789abcdef0",
+                           "~0123456789abcdef", "", "ws.tcval.0001-0123456789abcdef"})
+    EXPECT_EQ(STREAM_REPLACEDBY(name), "") << name;
+}
+
+TEST_F(Stream, OnlyRegularFilesCountAsUnfinished) {
+  const std::string ending = "~0123456789abcdef";
+  WriteFile("left" + ending, "half of someth");
+  WriteFile("mine~", "a user's");
+  MakeDirectory("folder" + ending);
+  MakeLink("left" + ending, "link" + ending);
+  EXPECT_EQ(STREAM_UNFINISHED(), std::vector<std::string>{"left" + ending});
+}
+
+TEST_F(Stream, ReplacementIsNeverMoreReadableThanTheReplaced) {
+  WriteFile("file", "old");
+  ASSERT_EQ(::chmod("file", 0600), 0);
+  ASSERT_TRUE(STREAM_OPENREPLACE(stream, "file"));
+  EXPECT_EQ(ModeOf(stream.besideName), mode_t{0600});
 }
 
 TEST_F(Stream, ReplacedFileKeepsItsMode) {
@@ -211,50 +287,93 @@ TEST_F(Stream, WriteProtectedFileIsReplacedOnlyByThoseWhoMayOverwriteIt) {
   EXPECT_EQ(ModeOf("file"), mode_t{0});
 }
 
-TEST_F(Stream, LeftoverOfAKilledRunIsReplaced) {
-  WriteFile("file~", "half of someth");
-  ASSERT_TRUE(Replace("file", "new"));
-  EXPECT_EQ(ReadFile("file"), "new");
-  EXPECT_FALSE(Exists("file~"));
+TEST_F(Stream, LinkStaysALinkWhoseTargetIsReplacedAtClosing) {
+  MakeDirectory("folder");
+  WriteFile("folder/target", "a longer old content");
+  MakeLink("folder/target", "link");
+  ASSERT_EQ(::chmod("folder/target", 0640), 0);
+  ASSERT_TRUE(STREAM_OPENREPLACE(stream, "link"));
+  ASSERT_TRUE(Write(stream, "new"));
+  EXPECT_EQ(ReadFile("folder/target"), "a longer old content");
+  EXPECT_TRUE(stream.besideName.starts_with("folder/link~")) << stream.besideName;
+  ASSERT_TRUE(STREAM_FLUSH(stream) && STREAM_CLOSE(stream));
+  EXPECT_TRUE(std::filesystem::is_symlink("link"));
+  EXPECT_EQ(ReadFile("link"), "new");
+  EXPECT_EQ(ReadFile("folder/target"), "new");
+  EXPECT_EQ(ModeOf("folder/target"), mode_t{0640});
+  EXPECT_EQ(Beside("link"), 0);
 }
 
-TEST_F(Stream, LeftoverLinkIsRemovedAndNotFollowed) {
-  WriteFile("precious", "keep");
-  MakeLink("precious", "file~");
-  ASSERT_TRUE(Replace("file", "new"));
-  EXPECT_EQ(ReadFile("precious"), "keep");
-  EXPECT_EQ(ReadFile("file"), "new");
-  EXPECT_TRUE(std::filesystem::is_regular_file(std::filesystem::symlink_status("file")));
+TEST_F(Stream, LinksBehindLinksAreFollowedFromWhereTheyLie) {
+  MakeDirectory("one");
+  MakeDirectory("two");
+  WriteFile("two/target", "old");
+  MakeLink("one/next", "link");
+  MakeLink("../two/target", "one/next");
+  ASSERT_TRUE(Replace("link", "new"));
+  EXPECT_TRUE(std::filesystem::is_symlink("link") && std::filesystem::is_symlink("one/next"));
+  EXPECT_EQ(ReadFile("two/target"), "new");
 }
 
-TEST_F(Stream, DirectoryInThePlaceOfTheNewFileIsPassedBy) {
-  MakeDirectory("file~");
-  ASSERT_TRUE(Replace("file", "new"));
-  EXPECT_EQ(ReadFile("file"), "new");
-  EXPECT_TRUE(std::filesystem::is_directory("file~"));
-  EXPECT_FALSE(Exists("file~~"));
+TEST_F(Stream, AbsoluteLinkIsFollowed) {
+  MakeDirectory("folder");
+  MakeLink((std::filesystem::current_path() / "folder/target").string(), "link");
+  ASSERT_TRUE(Replace("link", "new"));
+  EXPECT_EQ(ReadFile("folder/target"), "new");
 }
 
-TEST_F(Stream, LinkIsWrittenThroughAndStaysALink) {
-  WriteFile("target", "a longer old content");
+TEST_F(Stream, FileThatADanglingLinkNamesIsMade) {
   MakeLink("target", "link");
   ASSERT_TRUE(Replace("link", "new"));
   EXPECT_TRUE(std::filesystem::is_symlink("link"));
   EXPECT_EQ(ReadFile("target"), "new");
-  EXPECT_FALSE(Exists("link~"));
 }
 
-TEST_F(Stream, DanglingLinkIsWrittenThrough) {
-  MakeLink("target", "link");
+TEST_F(Stream, TargetWithANameAsLongAsNamesCanBeIsReplaced) {
+  const std::string longest(255, 'x');
+  WriteFile(longest, "old");
+  MakeLink(longest, "link");
   ASSERT_TRUE(Replace("link", "new"));
-  EXPECT_TRUE(std::filesystem::is_symlink("link"));
-  EXPECT_EQ(ReadFile("target"), "new");
+  EXPECT_EQ(ReadFile(longest), "new");
 }
 
-TEST_F(Stream, DirectoryCannotBeReplaced) {
+TEST_F(Stream, LinksThatLeadNowhereAreRefusedForAReason) {
+  MakeLink("round", "round");
+  MakeLink("missing/target", "astray");
+  WriteFile("file", "keep");
+  MakeLink("file/target", "into a file");
+  EXPECT_FALSE(STREAM_OPENREPLACE(stream, "round"));
+  EXPECT_EQ(stream.reason, "Too many levels of symbolic links");
+  EXPECT_FALSE(STREAM_OPENREPLACE(stream, "astray"));
+  EXPECT_EQ(stream.reason, "No such file or directory");
+  EXPECT_FALSE(STREAM_OPENREPLACE(stream, "into a file"));
+  EXPECT_EQ(stream.reason, "Not a directory");
+}
+
+TEST_F(Stream, DirectoryPipeAndSocketAreNotReplacedNorWaitedFor) {
   MakeDirectory("directory");
-  EXPECT_FALSE(STREAM_OPENREPLACE(stream, "directory"));
-  EXPECT_FALSE(Exists("directory~"));
+  ASSERT_EQ(::mkfifo("pipe", 0600), 0);
+  ASSERT_EQ(::mknod("socket", S_IFSOCK | 0600, 0), 0);
+  for (const std::string kind : {"directory", "pipe", "socket"}) {
+    MakeLink(kind, "link to " + kind);
+    for (const std::string& name : {kind, "link to " + kind}) {
+      EXPECT_FALSE(STREAM_OPENREPLACE(stream, name));
+      EXPECT_EQ(stream.reason, "it is a " + kind);
+      EXPECT_FALSE(STREAM_OPENDIRECT(stream, name));
+      EXPECT_EQ(stream.reason, "it is a " + kind);
+      EXPECT_EQ(Beside(name), 0);
+    }
+  }
+  EXPECT_TRUE(std::filesystem::is_fifo("pipe"));
+}
+
+TEST_F(Stream, PipeThatIsReadIsRefusedAllTheSame) {
+  ASSERT_EQ(::mkfifo("pipe", 0600), 0);
+  const int reader = ::open("pipe", O_RDONLY | O_NONBLOCK);
+  ASSERT_GE(reader, 0);
+  EXPECT_FALSE(STREAM_OPENREPLACE(stream, "pipe"));
+  EXPECT_FALSE(STREAM_OPENDIRECT(stream, "pipe"));
+  ::close(reader);
 }
 
 TEST_F(Stream, FileInAMissingDirectoryCannotBeReplaced) {
@@ -272,6 +391,7 @@ TEST_F(Stream, FullDeviceOpensAndFailsAtTheFlush) {
   ASSERT_TRUE(STREAM_OPENREPLACE(stream, "link"));
   EXPECT_FALSE(Write(stream, "new"));
   EXPECT_FALSE(STREAM_FLUSH(stream));
+  EXPECT_EQ(stream.reason, "No space left on device");
 }
 
 TEST_F(Stream, FullDiskFailsAtTheFlushAndLeavesOnlyTheOldFile) {
@@ -282,8 +402,9 @@ TEST_F(Stream, FullDiskFailsAtTheFlushAndLeavesOnlyTheOldFile) {
     EXPECT_FALSE(Write(stream, "more than eight bytes"));
     EXPECT_FALSE(STREAM_FLUSH(stream));
   }
+  EXPECT_EQ(stream.reason, "File too large");
   EXPECT_EQ(ReadFile("file"), "old");
-  EXPECT_FALSE(Exists("file~"));
+  EXPECT_EQ(Beside("file"), 0);
 }
 
 TEST_F(Stream, ClosingAfterAFailedWriteReplacesNothing) {
@@ -303,6 +424,8 @@ TEST_F(Stream, TargetThatTurnsIntoADirectoryFailsAtClosing) {
   ASSERT_TRUE(STREAM_FLUSH(stream));
   MakeDirectory("file");
   EXPECT_FALSE(STREAM_CLOSE(stream));
+  EXPECT_EQ(stream.reason, "Is a directory");
+  EXPECT_EQ(Beside("file"), 0);
 }
 
 TEST_F(Stream, ClosingADescriptorThatIsGoneFails) {
@@ -310,6 +433,27 @@ TEST_F(Stream, ClosingADescriptorThatIsGoneFails) {
   ASSERT_TRUE(STREAM_OPENREAD(stream, "file"));
   ::close(stream.descriptor);
   EXPECT_FALSE(STREAM_CLOSE(stream));
+  EXPECT_EQ(stream.reason, "Bad file descriptor");
+}
+
+TEST_F(Stream, FolderOfAFileCanBeSynced) {
+  MakeDirectory("folder");
+  WriteFile("folder/file", "");
+  std::string reason;
+  EXPECT_TRUE(STREAM_SYNCFOLDER("file", reason));
+  EXPECT_TRUE(STREAM_SYNCFOLDER("folder/file", reason));
+  EXPECT_EQ(reason, "");
+}
+
+TEST_F(Stream, FolderThatIsGoneCannotBeSyncedForAReason) {
+  std::string reason;
+  EXPECT_FALSE(STREAM_SYNCFOLDER("gone/file", reason));
+  EXPECT_EQ(reason, "No such file or directory");
+}
+
+TEST_F(Stream, FolderThatHasNothingToSyncIsNoFailure) {
+  std::string reason;
+  EXPECT_TRUE(STREAM_SYNCFOLDER("/proc/self/file", reason)) << reason;
 }
 
 TEST_F(Stream, DirectWritesAreSeenAtOnce) {

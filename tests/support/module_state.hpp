@@ -30,6 +30,7 @@ inline void ResetServices() {
   CloseQuietly(LOGGER::Stream);
   CloseQuietly(FILEIO::ReadStream);
   CloseQuietly(FILEIO::WriteStream);
+  FILEIO::UnsyncedFolders.clear();
   LOGGER::StopHint.clear();
   ARRAYS::LargestBytes = std::numeric_limits<std::int64_t>::max();
   VKCORE::RunOptions = VKCORE::RunOptionValues{};

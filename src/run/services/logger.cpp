@@ -17,8 +17,9 @@ std::string TrimRight(std::string_view text) {
 }
 
 [[noreturn]] void StopByLog(std::string_view what) {
-  PLATFORM_STOP(StopLog,
-                "cannot " + std::string(what) + " the log \"" + LOGGER::Stream.name + "\"");
+  const std::string& reason = LOGGER::Stream.reason;
+  PLATFORM_STOP(StopLog, "cannot " + std::string(what) + " the log \"" + LOGGER::Stream.name +
+                             "\"" + (reason.empty() ? "" : " (" + reason + ")"));
 }
 
 // One line of the parts.

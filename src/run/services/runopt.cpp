@@ -98,6 +98,11 @@ bool TakeLine(std::string_view line) {
   return true;
 }
 
+[[noreturn]] void AbortOpening(const FileStream& stream) {
+  LOGGER::StopHint = stream.reason;
+  LOGGER_POSTERRABORT("Error opening file: " + stream.name);
+}
+
 void TakeText(std::string_view text, const std::string& fileName) {
   while (!text.empty()) {
     const auto end = text.find('\n');
@@ -141,11 +146,17 @@ bool RUNOPT_PARSEFLOAT(std::string_view text, float& value) {
 void RUNOPT_READ([[maybe_unused]] int unit, std::string_view fileName) {
   const std::string name(TrimBlanks(fileName.substr(0, FileNameLength)));
   FileStream stream;
-  if (!STREAM_OPENREAD(stream, name)) LOGGER_POSTERRABORT("Error opening file: " + name);
+  if (!STREAM_OPENREAD(stream, name)) AbortOpening(stream);
   const auto text = ARRAYS_ALLOCATE<char>(stream.length);
-  STREAM_READ(stream, text.get(), stream.length);  // a failed read ends the reading, like the end
+  // A file that shrank meanwhile has its end there; one that the system fails to read would lose
+  // its options without a word, and counts as one that isn't readable.
+  if (!STREAM_READ(stream, text.get(), stream.length) && stream.reason != STREAM_SHORT)
+    AbortOpening(stream);
   TakeText({text.get(), static_cast<std::size_t>(stream.position)}, name);
-  if (!STREAM_CLOSE(stream)) LOGGER_POSTERRABORT("Error closing file: " + name);
+  if (!STREAM_CLOSE(stream)) {
+    LOGGER::StopHint = stream.reason;
+    LOGGER_POSTERRABORT("Error closing file: " + name);
+  }
 }
 
 std::int32_t RUNOPT_TEAMSIZE(std::int32_t request, std::int32_t processors,

@@ -201,7 +201,8 @@ TEST_F(Logger, EachLineIsOneSystemCall) {
 
 TEST_F(Logger, LogThatCannotBeOpenedStopsWith1005) {
   MakeDirectory("directory");
-  EXPECT_EXIT(OpenOn("directory"), StopsWith(StopLog), "1005: cannot open the log \"directory\"\n");
+  EXPECT_EXIT(OpenOn("directory"), StopsWith(StopLog),
+              "1005: cannot open the log \"directory\" .it is a directory.\n");
 }
 
 TEST_F(Logger, EveryFrameStopsWith1005WhenItCannotBeWritten) {
@@ -224,7 +225,7 @@ TEST_F(Logger, FailedFlushStopsWith1005) {
 
 TEST_F(Logger, FailedCloseStopsWith1005) {
   EXPECT_EXIT((CloseBehindItsBack(), LOGGER_CLOSE()), StopsWith(StopLog),
-              "1005: cannot close the log \"vk_rund_log.txt\"\n");
+              "1005: cannot close the log \"vk_rund_log.txt\" .Bad file descriptor.\n");
 }
 
 TEST_F(Logger, LinesOfManyThreadsNeverInterleave) {
