@@ -15,7 +15,10 @@ inline constexpr int StopStatusMask = 0xff;
 inline constexpr NamedValue StopCodes[] = {
     {"arguments", StopArguments, "wrong number of command-line arguments"},
     {"directory", StopDirectory, "the working directory can't be entered"},
-    {"log", StopLog, "the log can't be opened, written, flushed or closed"},
+    {"log", StopLog,
+     "the log can't be had, because another run holds the directory, or it can't be opened, "
+     "written, "
+     "flushed or closed"},
     {"error", StopError, "an error was posted in the log"},
 };
 

@@ -4,7 +4,9 @@ from __future__ import annotations
 
 import importlib.util
 import os
+import re
 import shutil
+import subprocess
 import sys
 import tempfile
 from pathlib import Path
@@ -42,3 +44,14 @@ def program() -> Path:
     # Threads that wait would keep each other from working where tests share the processors.
     os.environ["OMP_WAIT_POLICY"] = "passive"
     return path
+
+
+@pytest.fixture(scope="session")
+def preload(tmp_path_factory: pytest.TempPathFactory, program: Path) -> str:
+    """Value of LD_PRELOAD for `file_operations.c`; a sanitizer's run-time wants to be first."""
+    target = tmp_path_factory.mktemp("preload") / "file_operations.so"
+    source = Path(__file__).with_name("file_operations.c")
+    compiler = os.environ.get("CC", "cc")
+    subprocess.run([compiler, "-O1", "-shared", "-fPIC", "-o", target, source, "-ldl"], check=True)
+    linked = subprocess.run(["ldd", program], capture_output=True, text=True, check=True).stdout
+    return " ".join([*re.findall(r"=> (\S*/lib[at]san\S*)", linked), str(target)])

@@ -3,13 +3,27 @@
 from __future__ import annotations
 
 import os
+import re
+import stat
 import struct
 from pathlib import Path
 
 import numpy as np
 import pytest
 from models import MATERIALS, part, pulled, tiny, tiny_case, written
-from runs import BAD_RUN, OPTIONS, fails, lcflags, run, set_options, solves, start, stopped
+from runs import (
+    BAD_LOG,
+    BAD_RUN,
+    LOG,
+    OPTIONS,
+    fails,
+    lcflags,
+    run,
+    set_options,
+    solves,
+    start,
+    stopped,
+)
 
 from vkctl.directory.model import LoadCase
 
@@ -374,12 +388,65 @@ def test_a_directory_in_the_place_of_a_result_is_an_opening_error(tmp_path, stem
     assert lcflags(directory)[0] == [1]
 
 
+@pytest.fixture(params=["pipe", "read pipe", "socket", "link to a pipe", "link to a link"])
+def odd(request):
+    """Makes something that a writer would wait for, or would lose a result in."""
+    readers = []
+
+    def make(path: Path) -> None:
+        behind, between = Path(f"{path}-"), Path(f"{path}+")
+        if request.param == "socket":
+            os.mknod(path, stat.S_IFSOCK | 0o600)
+        elif "pipe" in request.param and "link" not in request.param:
+            os.mkfifo(path)
+        else:
+            os.mkfifo(behind)
+            between.symlink_to(behind.name)
+            path.symlink_to(between.name if request.param == "link to a link" else behind.name)
+        if request.param == "read pipe":
+            readers.append(os.open(path, os.O_RDONLY | os.O_NONBLOCK))
+
+    yield make
+    for reader in readers:
+        os.close(reader)
+
+
 @pytest.mark.parametrize("stem", OUTPUTS)
-def test_a_full_device_is_a_flushing_error(tmp_path, stem):
+def test_a_pipe_or_socket_in_the_place_of_a_result_is_refused_and_not_waited_for(
+    tmp_path, stem, odd
+):
+    directory = stateful(tmp_path)
+    place = Path(directory, f"ws.{stem}.0001")
+    odd(place)
+    before = place.lstat()
+    fails(directory, f"Error opening file: {place.name}")
+    assert place.lstat() == before
+    assert lcflags(directory)[0] == [1]
+
+
+def test_a_pipe_or_socket_in_the_place_of_the_log_is_refused_and_not_waited_for(tmp_path, odd):
+    directory = stateful(tmp_path)
+    odd(Path(directory, LOG))
+    reason = stopped(start(directory), BAD_LOG)
+    assert re.fullmatch(rf'cannot open the log "{LOG}" \(it is a (pipe|socket)\)', reason)
+    assert list(directory.glob("ws.*")) == []
+
+
+def test_a_pipe_or_socket_in_the_place_of_the_flags_is_refused_and_not_waited_for(tmp_path, odd):
+    directory = stateful(tmp_path)
+    Path(directory, "mxs.lcflags").unlink()
+    odd(Path(directory, "mxs.lcflags"))
+    fails(directory, "Error opening file: mxs.lcflags")
+
+
+@pytest.mark.parametrize("stem", OUTPUTS)
+def test_a_full_device_is_a_flushing_error_and_named(tmp_path, stem):
     directory = stateful(tmp_path)
     Path(directory, f"ws.{stem}.0001").symlink_to("/dev/full")
     fails(directory, "Error flushing file unit: 400")
     assert lcflags(directory)[0] == [1]
+    told = f"Error flushing file unit: 400 (ws.{stem}.0001: No space left on device)"
+    assert stopped(start(directory), BAD_RUN) == told
 
 
 @pytest.mark.parametrize("stem", OUTPUTS)
@@ -414,6 +481,26 @@ def test_flags_are_rewritten_through_a_link(tmp_path):
     Path(directory, "mxs.lcflags").symlink_to("../flags")
     solves(directory)
     assert Path(directory, "mxs.lcflags").is_symlink()
+    assert os.listdir(tmp_path / "work").count("mxs.lcflags") == 1
+    assert sorted(os.listdir(tmp_path)) == ["flags", "work"]
+
+
+def test_what_a_link_leads_to_is_replaced_and_not_overwritten(tmp_path):
+    directory = tiny(tmp_path / "work")
+    Path(directory, "mxs.lcflags").rename(tmp_path / "flags")
+    Path(directory, "mxs.lcflags").symlink_to("../flags")
+    os.link(tmp_path / "flags", tmp_path / "kept")
+    before = Path(tmp_path, "kept").read_bytes()
+    run(directory)
+    assert lcflags(directory)[0] == [3]
+    assert Path(tmp_path, "kept").read_bytes() == before
+
+
+def test_a_link_into_a_folder_that_is_not_there_is_an_opening_error(tmp_path):
+    directory = tiny(tmp_path / "work")
+    Path(directory, "ws.disval.0001").symlink_to("../nowhere/disval")
+    fails(directory, "Error opening file: ws.disval.0001")
+    assert lcflags(directory)[0] == [1]
 
 
 def test_a_run_leaves_nothing_but_its_files(tmp_path):

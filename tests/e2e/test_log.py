@@ -198,6 +198,20 @@ def test_another_process_reads_whole_lines_while_the_run_goes_on(tmp_path, progr
     assert log_lines(directory)[-1] == oracle.END_LINE
 
 
+@pytest.mark.parametrize("obstacle", ["directory", "full device"])
+def test_totals_are_not_logged_where_their_file_fails(tmp_path, obstacle):
+    directory = tiny(tmp_path)
+    place = Path(directory, "ws.comval.0001")
+    if obstacle == "directory":
+        place.mkdir()
+        lines = fails(directory, "Error opening file: ws.comval.0001")
+    else:
+        place.symlink_to("/dev/full")
+        lines = fails(directory, "Error flushing file unit: 400")
+    assert lines[-2] == "Data<Key:ARQua><Value:1.000000E+00>"
+    assert not [line for line in lines if re.match(r"Data<Key:(?!LCaseId|ARQua)", line)]
+
+
 def test_an_old_log_is_discarded(tmp_path):
     directory = tiny(tmp_path)
     Path(directory, "vk_rund_log.txt").write_text("old\n" * 1000)

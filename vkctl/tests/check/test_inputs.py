@@ -72,10 +72,11 @@ def another_format_number(directory):
     path.write_bytes(content)
 
 
-@provokes("file-unfinished", "note", "ws.tcval.0001~")
+@provokes("file-unfinished", "note", "ws.tcval.0001~00c0ffee00c0ffee")
 def a_file_of_a_killed_run(directory):
     model.write(sound()[0], directory)
-    Path(directory, "ws.tcval.0001~").touch()
+    Path(directory, "ws.tcval.0001~00c0ffee00c0ffee").touch()
+    Path(directory, "ws.tcval.0002~").touch()  # somebody's own
 
 
 @pytest.mark.parametrize("name", sorted(FAULTS))

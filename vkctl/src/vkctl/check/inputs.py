@@ -19,6 +19,9 @@ from vkctl.shapes.topology import HEX8, TET4, TET10
 
 from .findings import Finding, error, note, warning
 
+# The solver's new file beside the one that it replaces, and vkctl's.
+_UNFINISHED = re.compile(r"(mxs\.lcflags|ws\.[a-z]+\.([0-9]{4}|\*{4}))~[0-9a-f]{16}")
+_OWN_UNFINISHED = re.compile(r"\.(vk_rund_cmd|mxs?\.|ws\.).*\.tmp")
 _DIRECTIONS = 7  # bits of a DofMask
 
 
@@ -262,12 +265,6 @@ def _read_maps(inputs: Inputs) -> Iterator[Finding]:
         yield from found
 
 
-_UNFINISHED = re.compile(
-    rf"({re.escape(file_names.RESULT_PREFIX)}.*|{file_names.LOAD_CASE_FLAGS})~([0-9a-f]{{16}})?\Z"
-)
-_OWN_UNFINISHED = re.compile(r"\.(vk_rund_cmd|mxs?\.|ws\.).*\.tmp\Z")
-
-
 def _unfinished(directory: Path) -> list[Finding]:
     """What killed programs leave of files that they were replacing."""
     names = sorted(path.name for path in directory.iterdir())
@@ -276,7 +273,7 @@ def _unfinished(directory: Path) -> list[Finding]:
         (_UNFINISHED, "run", "The next run clears it away."),
         (_OWN_UNFINISHED, "vkctl", "Nothing reads it: delete it."),
     ):
-        if left := [name for name in names if pattern.match(name)]:
+        if left := [name for name in names if pattern.fullmatch(name)]:
             text = f"Left over from a killed {who}: {', '.join(left)}."
             findings.append(note("file-unfinished", text, left[0], hint))
     return findings
