@@ -174,7 +174,9 @@ bool OrderRows(Groups& groups) {
 bool AllocateTriangle(Triangle& triangle) {
   triangle.start = ARRAYS_TRYALLOCATE<std::int32_t>(std::int64_t{NumRows} + 1);
   triangle.column = ARRAYS_TRYALLOCATE<std::int32_t>(NumBlocks);
-  triangle.values = ARRAYS_TRYALLOCATE<double>(std::int64_t{NumBlocks} * BlockSize);
+  // One more: the loops load a block's last column together with the value behind it.
+  triangle.values = ARRAYS_TRYALLOCATE<double>(std::int64_t{NumBlocks} * BlockSize + 1);
+  if (triangle.values) triangle.values[std::int64_t{NumBlocks} * BlockSize] = 0.0;
   return triangle.start && triangle.column && triangle.values;
 }
 
@@ -252,7 +254,7 @@ bool FillEquation(std::int32_t i, const std::int32_t* pR, const std::int32_t* pC
       continue;
     }
     while (Upper.column[block] != other / Width) ++block;
-    Upper.values[BlockSize * block + std::int64_t{Width} * lane + other % Width] = matrix[k];
+    Upper.values[BlockSize * block + std::int64_t{Width} * (other % Width) + lane] = matrix[k];
   }
   return std::fabs(matrix[Slot(pR[i])] - 1.0) <= DiagonalRounding;
 }

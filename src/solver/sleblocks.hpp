@@ -20,13 +20,13 @@
 namespace SLEBLOCKS {
 
 inline constexpr int Width = 3;                  // unknowns of a block row
-inline constexpr int BlockSize = Width * Width;  // values of a block, row by row
+inline constexpr int BlockSize = Width * Width;  // values of a block, column by column
 
 // One strict triangle by block rows; the columns of a row ascend in equation order.
 struct Triangle {
   Array<std::int32_t> start;   // [NumRows + 1] place of each row's first block
   Array<std::int32_t> column;  // [NumBlocks] block row that the block multiplies
-  Array<double> values;        // [NumBlocks][9]
+  Array<double> values;        // [NumBlocks][9], and one more
 };
 
 // Rows [first, last), worked on by one thread in one go, and the stage they belong to: the places

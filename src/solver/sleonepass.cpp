@@ -11,16 +11,16 @@
 #include <string_view>
 #include <thread>
 
+#include "platform/processor.hpp"
+#include "solver/onepass_rows.hpp"
 #include "solver/sleblocks.hpp"
 
 namespace {
 
-using SLEBLOCKS::BlockSize;
 using SLEBLOCKS::Chunks;
-using SLEBLOCKS::Lower;
 using SLEBLOCKS::NumChunks;
 using SLEBLOCKS::NumRows;
-using SLEBLOCKS::Upper;
+using SLEBLOCKS::Triangle;
 using SLEBLOCKS::Width;
 
 // Vectors by unknown, [NumRows][3], with the names of the formulas; h stands for ^.
@@ -28,15 +28,9 @@ struct Vectors {
   Array<double> x, r, rh, ph, t, w, q;
 };
 
-// Sums and maxima of one chunk.
-struct Partial {
-  double phqh;  // p^.(t + w)
-  double rhrh;  // r^.r^
-  double norm;  // largest |r|, NaN when one of them is not finite
-};
-
 Vectors V;
-Array<Partial> Partials;  // [NumChunks]
+OnePassRows Rows;                // V and the matrix as the loops take them
+Array<OnePassPartial> Partials;  // [NumChunks]
 
 // The scalars of the running iteration.
 double Beta = 0.0;
@@ -44,106 +38,50 @@ double Alpha = 0.0;
 double RhRh = 0.0;
 double ResidualNorm = 0.0;
 
-// s -= B v for one block.
-void Subtract(const double* block, const double* v, double* s) {
-  for (std::int64_t i = 0; i < Width; ++i)
-    s[i] -= (block[3 * i] * v[0] + block[3 * i + 1] * v[1]) + block[3 * i + 2] * v[2];
+// Whether the processor has the instruction set of OnePassAvx2; elsewhere the portable loops work.
+bool TakesAvx2() {
+#if defined(__x86_64__)
+  return PLATFORM_INSTRUCTIONSET() != InstructionSet::Portable;
+#else
+  return false;
+#endif
 }
 
-// s += B v
-void Add(const double* block, const double* v, double* s) {
-  for (std::int64_t i = 0; i < Width; ++i)
-    s[i] += (block[3 * i] * v[0] + block[3 * i + 1] * v[1]) + block[3 * i + 2] * v[2];
-}
-
-// p^ := beta p^ - r^,  t := inverse(I + U) p^ in one row, whose neighbours upwards are done.
-void BackwardRow(std::int64_t row) {
-  double* ph = &V.ph[Width * row];
-  const double* rh = &V.rh[Width * row];
-  double s[Width];
-  for (int i = 0; i < Width; ++i) s[i] = ph[i] = Beta * ph[i] - rh[i];
-  const double* t = V.t.get();
-  const double* values = Upper.values.get();
-  for (std::int64_t k = Upper.start[row]; k < Upper.start[row + 1]; ++k)
-    Subtract(values + BlockSize * k, t + Width * std::int64_t{Upper.column[k]}, s);
-  const double* u = &SLEBLOCKS::Diagonal[Width * row];  // (1,2), (1,3), (2,3)
-  s[1] -= u[2] * s[2];
-  s[0] -= u[0] * s[1] + u[1] * s[2];
-  std::copy_n(s, Width, &V.t[Width * row]);
-}
-
-// w := inverse(I + L) (p^ - t),  q := p^ + L t in one row, whose neighbours downwards are done.
-// Returns the row's share of p^.(t + w).
-double ForwardRow(std::int64_t row) {
-  const double* ph = &V.ph[Width * row];
-  const double* tRow = &V.t[Width * row];
-  double lw[Width] = {};
-  double lt[Width] = {};
-  const double* t = V.t.get();
-  const double* w = V.w.get();
-  const double* values = Lower.values.get();
-  for (std::int64_t k = Lower.start[row]; k < Lower.start[row + 1]; ++k) {
-    const std::int64_t other = Width * std::int64_t{Lower.column[k]};
-    Add(values + BlockSize * k, w + other, lw);
-    Add(values + BlockSize * k, t + other, lt);
-  }
-  const double* l = &SLEBLOCKS::Diagonal[Width * row];  // (2,1), (3,1), (3,2)
-  const double w0 = ph[0] - tRow[0] - lw[0];
-  const double w1 = ph[1] - tRow[1] - lw[1] - l[0] * w0;
-  const double w2 = ph[2] - tRow[2] - lw[2] - (l[1] * w0 + l[2] * w1);
-  double* wRow = &V.w[Width * row];
-  wRow[0] = w0;
-  wRow[1] = w1;
-  wRow[2] = w2;
-  double* q = &V.q[Width * row];
-  q[0] = ph[0] + lt[0];
-  q[1] = ph[1] + (lt[1] + l[0] * tRow[0]);
-  q[2] = ph[2] + (lt[2] + (l[1] * tRow[0] + l[2] * tRow[1]));
-  return ph[0] * (tRow[0] + w0) + ph[1] * (tRow[1] + w1) + ph[2] * (tRow[2] + w2);
-}
-
-// r^ := inverse(I + L) r in one row.
-void TransformRow(std::int64_t row) {
-  double s[Width];
-  std::copy_n(&V.r[Width * row], Width, s);
-  for (std::int64_t k = Lower.start[row]; k < Lower.start[row + 1]; ++k)
-    Subtract(&Lower.values[BlockSize * k], &V.rh[Width * std::int64_t{Lower.column[k]}], s);
-  const double* l = &SLEBLOCKS::Diagonal[Width * row];
-  s[1] -= l[0] * s[0];
-  s[2] -= l[1] * s[0] + l[2] * s[1];
-  std::copy_n(s, Width, &V.rh[Width * row]);
-}
+const bool Avx2 = TakesAvx2();
 
 void BackwardChunk(std::int32_t c) {
-  for (std::int64_t row = Chunks[c].last; row-- > Chunks[c].first;) BackwardRow(row);
+  const std::int64_t first = Chunks[c].first, last = Chunks[c].last;
+#if defined(__x86_64__)
+  if (Avx2) return OnePassBackward<OnePassAvx2>(Rows, first, last, Beta);
+#endif
+  OnePassBackward<OnePassPortable>(Rows, first, last, Beta);
 }
 
 void ForwardChunk(std::int32_t c) {
-  double sum = 0.0;
-  for (std::int64_t row = Chunks[c].first; row < Chunks[c].last; ++row) sum += ForwardRow(row);
-  Partials[c].phqh = sum;
+  const std::int64_t first = Chunks[c].first, last = Chunks[c].last;
+#if defined(__x86_64__)
+  if (Avx2) return OnePassForward<OnePassAvx2>(Rows, first, last, Partials[c]);
+#endif
+  OnePassForward<OnePassPortable>(Rows, first, last, Partials[c]);
 }
 
-// The three updates with the norm and the dot product that the next iteration needs. A product with
-// zero turns whatever isn't finite into NaN.
 void UpdateChunk(std::int32_t c) {
-  const std::int64_t last = Width * std::int64_t{Chunks[c].last};
-  double sum = 0.0;
-  double norm = 0.0;
-  double poison = 0.0;
-  for (std::int64_t i = Width * std::int64_t{Chunks[c].first}; i < last; ++i) {
-    V.x[i] += Alpha * V.t[i];
-    V.rh[i] += Alpha * (V.t[i] + V.w[i]);
-    sum += V.rh[i] * V.rh[i];
-    const double r = V.r[i] += Alpha * V.q[i];
-    norm = std::max(norm, std::fabs(r));
-    poison += 0.0 * r;
-  }
-  Partials[c].rhrh = sum;
-  Partials[c].norm = norm + poison;
+  const std::int64_t first = Chunks[c].first, last = Chunks[c].last;
+#if defined(__x86_64__)
+  if (Avx2) return OnePassUpdate<OnePassAvx2>(Rows, first, last, Alpha, Partials[c]);
+#endif
+  OnePassUpdate<OnePassPortable>(Rows, first, last, Alpha, Partials[c]);
 }
 
-double SumOf(double Partial::*part) {
+void TransformChunk(std::int32_t c) {
+  const std::int64_t first = Chunks[c].first, last = Chunks[c].last;
+#if defined(__x86_64__)
+  if (Avx2) return OnePassTransform<OnePassAvx2>(Rows, first, last, Partials[c]);
+#endif
+  OnePassTransform<OnePassPortable>(Rows, first, last, Partials[c]);
+}
+
+double SumOf(double OnePassPartial::*part) {
   double sum = 0.0;
   for (std::int32_t c = 0; c < NumChunks; ++c) sum += Partials[c].*part;
   return sum;
@@ -175,22 +113,28 @@ struct Solve {
 };
 
 // Watches whether the threads get their processors. Where other programs hold them, a smaller team
-// can be faster, since a team that shares out levels goes at the pace of its slowest: sizes are
-// tried by halves and doubles, and what was faster stays.
+// can be faster, since a team that shares out levels goes at the pace of its slowest. A team that
+// has lost time for several windows on end is compared with one of half its size, and what is
+// faster goes on; a smaller team tries the larger one again now and then, more and more rarely.
 struct Pace {
   int largestTeam = 1;
-  int formerTeam = 0;         // while another size is tried, else 0
-  double formerTime = 0.0;    // of an iteration
-  int untroubledWindows = 0;  // since the last try
-  int iterations = 0;         // of the present window
-  double wall = 0.0;          // clocks at its start
+  int formerTeam = 0;       // while another size is tried, else 0
+  double formerTime = 0.0;  // of an iteration
+  int lostWindows = 0;      // on end
+  double lostTime = 0.0;    // of their iterations, summed up
+  int windows = 0;          // since the size was taken
+  int patience = 0;         // windows until a larger team is tried
+  int iterations = 0;       // of the present window
+  double wall = 0.0;        // clocks at its start
   double cpu = 0.0;
 };
 
 constexpr double WindowSeconds = 4e-3;
-constexpr double BusyShare = 0.85;  // of the processors' time: less means that others hold them
+constexpr double BusyShare = 0.8;  // of the processors' time: less means that others hold them
 constexpr double WorthwhileGain = 0.95;
-constexpr int WindowsToGrow = 24;  // before a larger team is tried again
+constexpr int WindowsToShrink = 3;
+constexpr int WindowsToGrow = 8;
+constexpr int LongestPatience = 64;
 
 double SecondsOf(clockid_t clock) {
   timespec time{};
@@ -212,8 +156,31 @@ void SetTeam(Solve& solve, int team) {
 void TryTeam(Solve& solve, Pace& pace, int team, double time) {
   pace.formerTeam = solve.team.load(std::memory_order_relaxed);
   pace.formerTime = time;
-  pace.untroubledWindows = 0;
+  pace.lostWindows = 0;
+  pace.windows = 0;
   SetTeam(solve, team);
+}
+
+// Ends the trial of a team whose iterations took `time`.
+void JudgeTrial(Solve& solve, Pace& pace, double time) {
+  const int team = solve.team.load(std::memory_order_relaxed);
+  const bool grown = team > pace.formerTeam;
+  const bool better = time < WorthwhileGain * pace.formerTime;
+  if (!better) SetTeam(solve, pace.formerTeam);
+  pace.patience = grown && !better ? std::min(2 * pace.patience, LongestPatience) : WindowsToGrow;
+  pace.formerTeam = 0;
+}
+
+// Ends a window outside of trials.
+void JudgeWindow(Solve& solve, Pace& pace, double time, bool lost) {
+  const int team = solve.team.load(std::memory_order_relaxed);
+  ++pace.windows;
+  pace.lostTime = lost ? pace.lostTime + time : 0.0;
+  pace.lostWindows = lost ? pace.lostWindows + 1 : 0;
+  if (team > 1 && pace.lostWindows >= WindowsToShrink)
+    TryTeam(solve, pace, team / 2, pace.lostTime / pace.lostWindows);
+  else if (team < pace.largestTeam && pace.windows >= pace.patience)
+    TryTeam(solve, pace, std::min(2 * team, pace.largestTeam), time);
 }
 
 void AdjustTeam(Solve& solve, Pace& pace) {
@@ -224,14 +191,10 @@ void AdjustTeam(Solve& solve, Pace& pace) {
   const double cpu = SecondsOf(CLOCK_PROCESS_CPUTIME_ID) - pace.cpu;
   const double time = wall / pace.iterations;
   const int team = solve.team.load(std::memory_order_relaxed);
-  if (pace.formerTeam != 0) {
-    if (time > WorthwhileGain * pace.formerTime) SetTeam(solve, pace.formerTeam);
-    pace.formerTeam = 0;
-  } else if (team > 1 && cpu < BusyShare * team * wall) {
-    TryTeam(solve, pace, team / 2, time);
-  } else if (team < pace.largestTeam && ++pace.untroubledWindows >= WindowsToGrow) {
-    TryTeam(solve, pace, std::min(2 * team, pace.largestTeam), time);
-  }
+  if (pace.formerTeam != 0)
+    JudgeTrial(solve, pace, time);
+  else
+    JudgeWindow(solve, pace, time, cpu < BusyShare * team * wall);
   StartWindow(pace);
 }
 
@@ -250,7 +213,7 @@ std::int64_t Needed(std::int64_t task) {
 void Judge(Solve& solve, Pace& pace) {
   ResidualNorm = LargestNorm();
   const double previous = RhRh;
-  RhRh = SumOf(&Partial::rhrh);
+  RhRh = SumOf(&OnePassPartial::rhrh);
   Beta = RhRh / previous;
   ++solve.count;
   solve.converged = ResidualNorm / solve.limits.bnorm <= solve.limits.tolerance;
@@ -269,7 +232,7 @@ void RunTask(std::int64_t task, Solve& solve, Pace& pace) {
   else if (task < 2 * n)
     ForwardChunk(static_cast<std::int32_t>(task - n));
   else if (task == 2 * n)
-    Alpha = RhRh / SumOf(&Partial::phqh);
+    Alpha = RhRh / SumOf(&OnePassPartial::phqh);
   else if (task < 3 * n + 1)
     UpdateChunk(static_cast<std::int32_t>(task - 2 * n - 1));
   else
@@ -320,7 +283,20 @@ void AllocateVectors(std::string_view failure) {
   const std::int64_t n = Width * std::int64_t{NumRows};
   for (Array<double>* v : {&V.x, &V.r, &V.rh, &V.ph, &V.t, &V.w, &V.q})
     *v = ARRAYS_ALLOCATE<double>(n, failure);
-  Partials = ARRAYS_ALLOCATE<Partial>(NumChunks, failure);
+  Partials = ARRAYS_ALLOCATE<OnePassPartial>(NumChunks, failure);
+  const auto plain = [](const Triangle& triangle) -> OnePassTriangle {
+    return {triangle.start.get(), triangle.column.get(), triangle.values.get()};
+  };
+  Rows = {.upper = plain(SLEBLOCKS::Upper),
+          .lower = plain(SLEBLOCKS::Lower),
+          .diagonal = SLEBLOCKS::Diagonal.get(),
+          .x = V.x.get(),
+          .r = V.r.get(),
+          .rh = V.rh.get(),
+          .ph = V.ph.get(),
+          .t = V.t.get(),
+          .w = V.w.get(),
+          .q = V.q.get()};
 }
 
 // r := -b and zeros everywhere else; padding stays 0 for good.
@@ -344,15 +320,8 @@ void AddCorrection(double* x) {
 
 // r^ of the start and its square.
 void TransformResidual() {
-  for (std::int64_t row = 0; row < NumRows; ++row) TransformRow(row);
-  for (std::int32_t c = 0; c < NumChunks; ++c) {
-    double sum = 0.0;
-    for (std::int64_t i = Width * std::int64_t{Chunks[c].first};
-         i < Width * std::int64_t{Chunks[c].last}; ++i)
-      sum += V.rh[i] * V.rh[i];
-    Partials[c].rhrh = sum;
-  }
-  RhRh = SumOf(&Partial::rhrh);
+  for (std::int32_t c = 0; c < NumChunks; ++c) TransformChunk(c);
+  RhRh = SumOf(&OnePassPartial::rhrh);
 }
 
 }  // namespace
