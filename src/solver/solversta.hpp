@@ -6,6 +6,15 @@
 
 #include "solver/system_arrays.hpp"
 
+namespace SOLVERSTA {
+
+// Stored entries from which on a system takes 64-bit indices, in the iterative mode and in the
+// others. Tests lower them to lead small systems down that path.
+inline std::int64_t IterativeLimit = 2147000000;
+inline std::int64_t FactorisedLimit = 500000000;
+
+}  // namespace SOLVERSTA
+
 // Reads the raw structure of all 3 x nodes components, drops the constrained ones, chooses the
 // index path, posts the "SysConfig" line and allocates the system arrays, uncleared. Aborts: file
 // and allocation failures; a raw structure that would lead outside its arrays or breaks the
@@ -20,8 +29,7 @@ void SOLVERSTA_FREEADDRESSES();
 void SOLVERSTA_RELEASE();
 
 // The index path for a system of `numEntries` entries in mode `iMode`: true for 32 bits.
-constexpr bool SOLVERSTA_USESIM4(std::int64_t numEntries, std::int32_t iMode) {
-  constexpr std::int64_t iterativeLimit = 2147000000;
-  constexpr std::int64_t factorisedLimit = 500000000;
-  return numEntries < (iMode == SOLVERSTA::ModeIterative ? iterativeLimit : factorisedLimit);
+inline bool SOLVERSTA_USESIM4(std::int64_t numEntries, std::int32_t iMode) {
+  using namespace SOLVERSTA;
+  return numEntries < (iMode == ModeIterative ? IterativeLimit : FactorisedLimit);
 }

@@ -81,6 +81,8 @@ inline void ResetSystem() {
   SOLVERSTA_FREEADDRESSES();
   SOLVERSTA_RELEASE();
   SOLVERSTA::IMode = SOLVERSTA::ModeAutomatic;
+  SOLVERSTA::IterativeLimit = 2147000000;
+  SOLVERSTA::FactorisedLimit = 500000000;
   SOLVERSTA::NumEquations = SOLVERSTA::MaxBW = 0;
   SOLVERSTA::NumEntries = 0;
   SOLVERSTA::UseIm4 = true;
