@@ -13,7 +13,7 @@
 
 namespace {
 
-constexpr std::size_t LongestDirectory = 512;  // what lies beyond is cut
+constexpr std::size_t LongestDirectory = 512;  // characters of the argument that are read
 
 void PrintHelp() {
   std::puts(
@@ -49,6 +49,17 @@ bool PrintDescription() {
          std::fflush(stdout) == 0;
 }
 
+// The argument as far as it is read, without leading blanks. Nothing but closing slashes may lie
+// beyond: the run must not work in another directory than the one that is meant.
+std::string_view DirectoryName(std::string_view argument) {
+  std::string_view name = argument.substr(0, LongestDirectory);
+  if (argument.find_first_not_of('/', name.size()) != std::string_view::npos)
+    PLATFORM_STOP(StopDirectory, "cannot enter directory \"" + std::string(name) +
+                                     "...\": longer than 512 characters");
+  name.remove_prefix(std::min(name.find_first_not_of(' '), name.size()));
+  return name;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -56,11 +67,9 @@ int main(int argc, char** argv) {
   PLATFORM_GUARDSTREAMS();
   if (argc != 2)
     PLATFORM_STOP(StopArguments, "expected one argument, the working directory (see --help)");
-  std::string_view argument = argv[1];
+  const std::string_view argument = argv[1];
   if (argument == "--describe") return PrintDescription() ? EXIT_SUCCESS : EXIT_FAILURE;
   if (argument == "--help") return PrintHelp(), 0;
   if (argument == "--version") return PrintVersion(), 0;
-  argument = argument.substr(0, LongestDirectory);
-  argument.remove_prefix(std::min(argument.find_first_not_of(' '), argument.size()));
-  RUN_ENTRY(argument);
+  RUN_ENTRY(DirectoryName(argument));
 }

@@ -142,7 +142,7 @@ template <class Index>
 void RaiseMarkedDiagonals(const Index* pR) {
   for (std::int64_t node = 0; node < FEMODEL::NumNodes; ++node) {
     if (FEDOF::NodeDofState[node] == FEDOF::NodeStateUnused) continue;
-    if ((static_cast<std::uint16_t>(FEMODEL::NodeFlags[node]) & NodeMarked) == 0) continue;
+    if (!FEMODEL_ISMARKED(node + 1)) continue;
     for (int k = 0; k < 3; ++k)
       if (const std::int32_t dof = FEDOF::NodeDofMap[3 * node + k]; dof > 0)
         SysMatrix[Slot(static_cast<std::int64_t>(pR[Slot(dof)]))] *= MarkedDiagonal;

@@ -24,7 +24,18 @@ bool AnyMaterialWithState() {
   return false;
 }
 
-// Sets MatStateMissing. A file whose count is not the model's is taken as a state of all 1.0.
+// The saved state of all elements from the file being read. False where the file has another count
+// or another length than the model asks for; one that can't be read is an error like any other.
+bool ReadElementState() {
+  const std::int64_t count = FEMODEL::NumElements;
+  constexpr auto width = static_cast<std::int64_t>(sizeof(float));
+  if (count < 1 || !STREAM_HOLDS(FILEIO::ReadStream, count + 1, width)) return false;
+  if (FILEIO_READVALUE<std::int32_t>() != count) return false;
+  FILEIO_READBLOCK(FELOADCASE::ElementState.get(), count * width);
+  return true;
+}
+
+// Sets MatStateMissing. A file of the wrong length is taken as a state of all 1.0, silently.
 void LoadElementState(std::int32_t number) {
   const std::string name = FILEIO_NUMBEREDNAME(FILES::ElementState.name, number);
   const std::int32_t count = std::max(FEMODEL::NumElements, 0);
@@ -33,11 +44,7 @@ void LoadElementState(std::int32_t number) {
   bool taken = false;
   if (!VKCORE::MatStateMissing) {
     FILEIO_OPENREAD(FILEIO::ReadUnit, name);
-    const auto stored = FILEIO_READVALUE<std::int32_t>();
-    taken = stored == FEMODEL::NumElements && stored > 0;
-    if (taken)
-      FILEIO_READBLOCK(FELOADCASE::ElementState.get(),
-                       std::int64_t{stored} * static_cast<std::int64_t>(sizeof(float)));
+    taken = ReadElementState();
     FILEIO_CLOSEREAD(FILEIO::ReadUnit);
   }
   if (!taken) std::fill_n(FELOADCASE::ElementState.get(), count, 1.0f);
@@ -58,10 +65,22 @@ void ReadNodalScalars(const std::string& name) {
   }
 }
 
+// The node's flags are looked at first; a marked node's force leads no further.
+bool IsForceNode(std::int32_t node) {
+  return node >= 1 && node <= FEMODEL::NumNodeFlags &&
+         (FEMODEL_ISMARKED(node) || node <= FEMODEL::NumNodes);
+}
+
 void CheckForceNodes(const NodalForceRecord* rows, std::int32_t count, const std::string& name) {
-  const std::int32_t last = std::min(FEMODEL::NumNodes, FEMODEL::NumNodeFlags);
   for (std::int32_t i = 0; i < count; ++i)
-    if (rows[i].Node < 1 || rows[i].Node > last) FILEIO_INVALIDINDEX(name);
+    if (!IsForceNode(rows[i].Node)) FILEIO_INVALIDINDEX(name);
+}
+
+// The matrix pass looks at the flags of every node with an equation.
+void CheckFlaggedNodes() {
+  for (std::int64_t node = std::max(FEMODEL::NumNodeFlags, 0); node < FEMODEL::NumNodes; ++node)
+    if (FEDOF::NodeDofState[node] != FEDOF::NodeStateUnused)
+      FILEIO_INVALIDINDEX(FILES::NodeFlags.name);
 }
 
 // The rows that the passes will follow: every elastic support, and the prescribed displacements
@@ -116,7 +135,10 @@ void FELOADCASE_PREPARE(std::int32_t number, std::int32_t kind, std::int32_t pat
   LOGGER_POSTINF(LOGLINES::LCasePatInx.text, patternIndex);
   ReadLoadCaseFile(number);
   BuildSupportList();
-  if (VKCORE::PatternChanged) FEDOF_BUILDNUMBERING();
+  if (VKCORE::PatternChanged) {
+    FEDOF_BUILDNUMBERING();
+    CheckFlaggedNodes();
+  }
   FEDOF_REQUIREEQUATIONS();  // a first pattern index of 0 leaves no numbering
   FENOD_LOADDISP(FILEIO::ReadUnit, FILEIO_NUMBEREDNAME(FILES::Displacements.name, number),
                  FEDOF::Displacements.get());

@@ -38,7 +38,6 @@ void ReadNodes() {
   FEMODEL::NodeFlags = FILEIO_READTABLE<std::int16_t>(NumNodes);
   FILEIO_CLOSEREAD(FILEIO::ReadUnit);
   FEMODEL::NumNodeFlags = NumNodes;
-  FEMODEL::NumNodeRows = std::min(FEMODEL::NumNodeRows, NumNodes);
 
   FILEIO_OPENREAD(FILEIO::ReadUnit, FILES::NodeTpIndex.name);
   FEMODEL::NodeTpIndex = FILEIO_READTABLE<std::int32_t>(NumNodes);
@@ -80,12 +79,13 @@ void ReadLevelField() {
   const Array<float> values = FILEIO_READTABLE<float>(FEMODEL::NumTp);
   FILEIO_CLOSEREAD(FILEIO::ReadUnit);
 
+  const std::int32_t last = std::max(FEMODEL::NumTp, 0);
   const float scale = LevelScale(values.get(), FEMODEL::NumTp);
   const std::int64_t count = std::max(NumNodes, 0);
   FEMODEL::NodeTpFactor = ARRAYS_ALLOCATE<float>(count);
   for (std::int64_t i = 0; i < count; ++i) {
     const std::int32_t position = FEMODEL::NodeTpIndex[i];
-    if (position > FEMODEL::NumTp) FILEIO_INVALIDINDEX(FILES::NodeTpIndex.name);
+    if (position > last) FILEIO_INVALIDINDEX(FILES::NodeTpIndex.name);
     FEMODEL::NodeTpFactor[i] = position > 0 ? scale * values[Slot(position)] : 1.0f;
   }
 }

@@ -17,7 +17,7 @@ inline Array<float> MaterialStiffness;  // [material][9]: C11 C12 C13 C22 C23 C3
 
 inline std::int32_t NumNodes = 0;      // the count of mxs.tpadr
 inline std::int32_t NumNodeFlags = 0;  // the count of mxs.nodeflags
-inline std::int32_t NumNodeRows = 0;   // nodes with coordinates and flags: what elements may use
+inline std::int32_t NumNodeRows = 0;   // nodes with coordinates: what elements may use
 inline Array<NodeRecord> NodeCoords;
 inline Array<std::int16_t> NodeFlags;
 inline Array<std::int32_t> NodeTpIndex;  // 1-based position in the level value list, <= 0: none
@@ -60,6 +60,11 @@ inline const std::int32_t* FEMODEL_NODES(const ElementRecord& element) {
   if (element.TypeCode == TypeHex8) return FEMODEL::Conn60[row].Node;
   if (element.TypeCode == TypeTet10) return FEMODEL::Conn41[row].Node;
   return nullptr;
+}
+
+// True for a node (1-based) whose loads are skipped and whose diagonal entries are raised.
+inline bool FEMODEL_ISMARKED(std::int64_t node) {
+  return (static_cast<std::uint16_t>(FEMODEL::NodeFlags[Slot(node)]) & NodeMarked) != 0;
 }
 
 // True when element `element` (1-based) is left out of the model: its record may hold anything.

@@ -24,12 +24,8 @@ constexpr std::int32_t FactorIterations = 300;
 static_assert(SLEPCCGSOLVER::PcgSweeps == SOLVERSTA::ModeIterative);
 static_assert(SLEPCCGSOLVER::PcgFactor == SOLVERSTA::ModeFactorised);
 
-bool IsMarked(std::int32_t node) {
-  return (static_cast<std::uint16_t>(FEMODEL::NodeFlags[Slot(node)]) & NodeMarked) != 0;
-}
-
 void PushLoad(const NodalForceRecord& load, double* rhs) {
-  if (IsMarked(load.Node)) return;
+  if (FEMODEL_ISMARKED(load.Node)) return;
   const double force[3] = {static_cast<double>(load.Fx), static_cast<double>(load.Fy),
                            static_cast<double>(load.Fz)};
   const std::int32_t* dofs = &FEDOF::NodeDofMap[3 * Slot(load.Node)];

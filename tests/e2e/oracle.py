@@ -906,13 +906,15 @@ def solve_case(
 
 
 def read_state(directory: Path, model: Model, number: int) -> tuple[np.ndarray, bool]:
+    """State per element, and whether a file was found: ones where it has the wrong length."""
     count = len(model.element_flags)
-    ones = np.ones(count, np.float32)
-    name = numbered("ws.mstate", number)
-    if not model.has_state or not Path(directory, name).exists():
-        return ones, False
-    data = Bytes(directory, name)
-    return (data.array("<f4", count).copy() if data.int32() == count else ones), True
+    path = Path(directory, numbered("ws.mstate", number))
+    if not model.has_state or not path.exists():
+        return np.ones(count, np.float32), False
+    data = path.read_bytes()
+    if len(data) < 4 * count + 4 or struct.unpack_from("<i", data)[0] != count:
+        return np.ones(count, np.float32), True
+    return np.frombuffer(data, "<f4", count, 4).copy(), True
 
 
 def read_start(directory: Path, numbering: Numbering, number: int) -> np.ndarray:

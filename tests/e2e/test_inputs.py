@@ -9,6 +9,7 @@ import struct
 from pathlib import Path
 
 import numpy as np
+import oracle
 import pytest
 from models import MATERIALS, part, pulled, tiny, tiny_case, written
 from runs import (
@@ -16,6 +17,7 @@ from runs import (
     BAD_RUN,
     LOG,
     OPTIONS,
+    compare_files,
     fails,
     lcflags,
     run,
@@ -170,23 +172,17 @@ def test_a_short_earlier_criterion_is_an_error_when_it_is_blended(tmp_path, size
     assert lcflags(directory)[0] == [1]
 
 
-@pytest.mark.parametrize("missing", [1, 4, 20])
-def test_a_state_file_of_the_right_count_and_too_few_values_is_short(tmp_path, missing):
-    model, mesh = part()
-    model.materials = [MATERIALS["yielding"]]
-    directory = written(tmp_path, model, pulled(mesh))
+@pytest.mark.parametrize("size", [0, 2, 4, 5, 80, -4, -1])
+@pytest.mark.parametrize("name", ["yielding", "compression only"])
+def test_a_state_file_that_is_cut_short_means_ones_and_a_new_matrix(tmp_path, name, size):
+    model, mesh = part("mixed")
+    model.materials = [MATERIALS[name]]
+    directory = written(tmp_path, model, pulled(mesh), pulled(mesh))
     count = len(model.elements)
-    data = np.int32(count).tobytes() + np.ones(count, "<f4").tobytes()
-    Path(directory, "ws.mstate.0001").write_bytes(data[:-missing])
-    fails(directory, "Error reading file: ws.mstate.0001")
-
-
-def test_a_state_file_without_a_count_is_short(tmp_path):
-    model, mesh = part()
-    model.materials = [MATERIALS["compression only"]]
-    directory = written(tmp_path, model, pulled(mesh))
-    Path(directory, "ws.mstate.0001").write_bytes(b"ab")
-    fails(directory, "Error reading file: ws.mstate.0001")
+    data = np.int32(count).tobytes() + np.full(count, 0.5, "<f4").tobytes()
+    Path(directory, "ws.mstate.0002").write_bytes(data[:size])
+    expected = solves(directory)
+    assert [c.new_matrix for c in expected.cases] == [True, True]
 
 
 def test_a_state_file_is_not_read_where_no_material_has_a_state(tmp_path):
@@ -250,6 +246,27 @@ def test_negative_design_points_are_none(tmp_path):
     solves(directory)
 
 
+@pytest.mark.parametrize("count", [-1, -7, -(2**31)])
+def test_a_negative_count_of_design_points_is_none(tmp_path, count):
+    none = tiny(tmp_path / "none", Sys_MaxNumCompThreads=1)
+    directory = tiny(tmp_path / "negative", Sys_MaxNumCompThreads=1)
+    Path(directory, "mxs.tp").write_bytes(np.int32(count).tobytes())
+    for place in (none, directory):
+        patch(place, "mxs.tpadr", 4, "5i", 0, -1, -BIG, -(2**31), 0)
+        run(place)
+    assert Path(directory, "ws.tcval.0001").read_bytes() == np.int32(count).tobytes()
+    for stem in ("ws.amsval", "ws.disval", "ws.comval", "ws.sstate"):
+        name = f"{stem}.0001"
+        assert Path(directory, name).read_bytes() == Path(none, name).read_bytes()
+
+
+def test_any_design_point_is_an_invalid_index_where_their_count_is_negative(tmp_path):
+    directory = tiny(tmp_path)
+    Path(directory, "mxs.tp").write_bytes(np.int32(-1).tobytes())
+    patch(directory, "mxs.tpadr", 4, "5i", 0, 1, 0, 0, 0)
+    invalid(directory, "mxs.tpadr")
+
+
 def test_more_element_flags_than_elements_are_an_invalid_index(tmp_path):
     directory = tiny(tmp_path)
     Path(directory, "mxs.elemflags").write_bytes(np.int32(3).tobytes() + bytes(6))
@@ -274,6 +291,47 @@ def test_a_node_of_the_map_that_is_not_there_is_an_invalid_index(tmp_path, place
     patch(directory, "mxs.lcflags", 4, "i", 1)
     patch(directory, "mxs.lcmap.0001", place, "i", node)
     invalid(directory, "mxs.lcmap.0001")
+
+
+MARKED = 0x800
+NODE_OF_LAST_FORCE = 4 + 3 * 56 + 4 + 16 + 4  # in the map of `tiny_case` and a force in section 3
+
+
+def beyond_the_model(directory: Path, *flags: int, node: int) -> Path:
+    """`tiny` with flags for more nodes than the model has, and a force on `node`."""
+    directory = tiny(directory, tiny_case().load(5, (50, 60, 70), section=3))
+    words = np.array((0, 0, 0, 0, 0, *flags), "<i2")
+    Path(directory, "mxs.nodeflags").write_bytes(np.int32(len(words)).tobytes() + words.tobytes())
+    patch(directory, "mxs.lcmap.0001", NODE_OF_LAST_FORCE, "i", node)
+    return directory
+
+
+@pytest.mark.parametrize("node", [6, 8])
+def test_a_force_on_a_marked_node_beyond_the_model_is_skipped(tmp_path, node):
+    directory = beyond_the_model(tmp_path, MARKED, 0, -1, node=node)
+    expected = solves(directory)
+    assert expected.cases[0].loads.tolist() == [1, 2, 3]
+
+
+@pytest.mark.parametrize("node", [7, 9])
+def test_a_force_on_a_node_beyond_the_model_that_is_not_marked_is_an_invalid_index(tmp_path, node):
+    directory = beyond_the_model(tmp_path, MARKED, ~MARKED, -1, node=node)
+    invalid(directory, "mxs.lcmap.0001")
+
+
+def test_nodes_without_equations_need_no_flags(tmp_path):
+    directory = tiny(tmp_path, LoadCase().prescribe((3, 4, 5), "xyz", 0.01).load(1, (1, 2, 3)))
+    whole = Path(directory, "mxs.nodeflags").read_bytes()
+    expected = oracle.simulate(directory)
+    Path(directory, "mxs.nodeflags").write_bytes(np.int32(2).tobytes() + whole[4:8])
+    run(directory)
+    compare_files(directory, expected)
+
+
+def test_a_node_with_an_equation_but_without_flags_is_an_invalid_index(tmp_path):
+    directory = tiny(tmp_path)
+    Path(directory, "mxs.nodeflags").write_bytes(np.int32(4).tobytes() + bytes(8))
+    invalid(directory, "mxs.nodeflags")
 
 
 def test_the_node_of_a_prescribing_row_of_no_direction_is_not_looked_at(tmp_path):

@@ -72,6 +72,35 @@ def test_leading_blanks_odd_and_long_names_are_fine(tmp_path, name):
     assert start(name, cwd=tmp_path) == Outcome(0, "", "")
 
 
+EXACT = "./" * 254 + "work"  # as long a name as is read
+
+
+@pytest.mark.parametrize("slashes", [1, 2, 5000])
+def test_slashes_behind_the_longest_name_change_nothing(tmp_path, slashes):
+    assert len(EXACT) == 512
+    tiny(tmp_path / "work")
+    assert start(EXACT + "/" * slashes, cwd=tmp_path) == Outcome(0, "", "")
+
+
+@pytest.mark.parametrize(
+    "name", [EXACT + "shop", EXACT + "/sub", EXACT + " ", EXACT + "/ /", " " + EXACT, "/" + EXACT]
+)
+def test_a_name_that_would_be_cut_to_another_is_no_directory(tmp_path, name):
+    """Whatever exists: the part that is read, the whole, or both."""
+    for folder in ("work", "workshop", "work/sub", "work ", "work/ "):
+        (tmp_path / folder).mkdir(exist_ok=True)
+        tiny(tmp_path / folder)
+    before = sorted(tmp_path.rglob("*"))
+    reason = stopped(start(name, cwd=tmp_path), BAD_DIRECTORY)
+    assert reason == f'cannot enter directory "{name[:512]}...": longer than 512 characters'
+    assert sorted(tmp_path.rglob("*")) == before
+
+
+def test_blanks_that_fill_what_is_read_of_a_name_are_no_directory(tmp_path):
+    stopped(start(" " * 512 + "work", cwd=tmp_path), BAD_DIRECTORY)
+    stopped(start(" " * 512 + "/", cwd=tmp_path), BAD_DIRECTORY)
+
+
 @pytest.mark.parametrize("question", ["--help", "--version"])
 def test_help_and_version_are_answered_on_standard_output(tmp_path, question):
     outcome = start(question, cwd=tmp_path)

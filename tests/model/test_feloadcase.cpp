@@ -310,6 +310,47 @@ TEST_F(Feloadcase, ForceOnANodeWithoutFlagsIsInvalid) {
   EXPECT_INVALID_CASE(file);
 }
 
+TEST_F(Feloadcase, ForceOnAMarkedNodeBeyondTheModelLeadsNowhere) {
+  ModelFiles model = OneTetrahedron();
+  model.nodeFlags = {0, 0, 0, 0, 0, static_cast<std::int16_t>(NodeMarked)};
+  LoadModel(model);
+  LoadCaseFile file;
+  file.forces2 = {{6, 1.0f, 1.0f, 1.0f}};
+  file.forces3 = file.forces2;
+  PrepareCase(file);
+  EXPECT_EQ(FELOADCASE::NumNodalForces2, 1);
+  EXPECT_EQ(FELOADCASE::NumNodalForces3, 1);
+}
+
+TEST_F(Feloadcase, ForceOnANodeBeyondTheModelIsInvalidUnlessItsOwnFlagMarksIt) {
+  ModelFiles model = OneTetrahedron();
+  const auto marked = static_cast<std::int16_t>(NodeMarked);
+  model.nodeFlags = {marked, marked, marked, marked, static_cast<std::int16_t>(~marked), marked};
+  LoadModel(model);
+  for (const std::int32_t node : {0, -1, 5, 7}) {
+    LoadCaseFile file;
+    file.forces3 = {{node, 0, 0, 0}};
+    EXPECT_INVALID_CASE(file);
+  }
+}
+
+TEST_F(Feloadcase, NodeWithAnEquationNeedsFlagsWhenTheNumberingIsBuilt) {
+  ModelFiles model = OneTetrahedron();
+  model.nodeFlags.pop_back();
+  LoadModel(model);
+  WriteLoadCase(1, Constrained({Prescribed(1, 7), Prescribed(4, 3)}));
+  EXPECT_ABORT(Prepare(), "Invalid index in file: mxs.nodeflags");
+}
+
+TEST_F(Feloadcase, NodesWithoutEquationsNeedNoFlags) {
+  ModelFiles model = OneTetrahedron();
+  model.levelIndex.push_back(0);  // node 5, which no element uses
+  model.nodeFlags = {0, 0};
+  LoadModel(model);
+  PrepareCase(Constrained({Prescribed(3, 7), Prescribed(4, 7, 0.5f, 0.5f, 0.5f)}));
+  EXPECT_EQ(FEDOF::NumEquations, 6);
+}
+
 TEST_F(Feloadcase, ForceOnANodeWithoutCoordinatesIsAccepted) {
   ModelFiles model = OneTetrahedron();
   model.levelIndex.push_back(0);
@@ -393,14 +434,27 @@ TEST_F(Feloadcase, ElementStateOfAnotherCountIsAllOnesButNotMissing) {
   }
 }
 
-TEST_F(Feloadcase, ElementStateWithoutACountOrWithTooFewValuesIsAReadingError) {
+TEST_F(Feloadcase, ElementStateCutAnywhereIsAllOnesButNotMissing) {
+  ModelFiles model = YieldingTetrahedron();
+  model.elements.push_back(model.elements[0]);
+  model.elementFlags.push_back(0);
+  LoadModel(model);
+  const std::string whole = Table(std::vector<float>{0.25f, 0.5f});
+  for (std::size_t length = 0; length < whole.size(); ++length) {
+    WriteFile("ws.mstate.0001", whole.substr(0, length));
+    PrepareCase(PulledTip());
+    EXPECT_FALSE(VKCORE::MatStateMissing) << length;
+    EXPECT_EQ(FELOADCASE::ElementState[0], 1.0f) << length;
+    EXPECT_EQ(FELOADCASE::ElementState[1], 1.0f) << length;
+  }
+  EXPECT_EQ(Log().find("Error"), std::string::npos);
+}
+
+TEST_F(Feloadcase, ValuesBehindTheElementStateAreNotLookedAt) {
   LoadModel(YieldingTetrahedron());
-  WriteLoadCase(1, PulledTip());
-  WriteFile("ws.mstate.0001", Table(std::vector<float>{0.25f}));
-  Shorten("ws.mstate.0001", 1);
-  EXPECT_ABORT(Prepare(), "Error reading file: ws.mstate.0001");
-  Shorten("ws.mstate.0001", 4);
-  EXPECT_ABORT(Prepare(), "Error reading file: ws.mstate.0001");
+  WriteFile("ws.mstate.0001", Table(std::vector<float>{0.25f}) + "more");
+  PrepareCase(PulledTip());
+  EXPECT_EQ(FELOADCASE::ElementState[0], 0.25f);
 }
 
 TEST_F(Feloadcase, DirectoryInPlaceOfTheElementStateCountsAsMissing) {

@@ -214,6 +214,33 @@ TEST_F(Femodel, LevelPositionWithAnEmptyListIsInvalid) {
   EXPECT_INVALID_INDEX(model, "mxs.tpadr");
 }
 
+TEST_F(Femodel, NegativeLevelCountIsAnEmptyListToEveryPositionThatSaysNone) {
+  ModelFiles model = OneTetrahedron();
+  model.levelIndex = {0, -1, std::numeric_limits<std::int32_t>::min(), 0};
+  for (const std::int32_t count : {-1, -5, std::numeric_limits<std::int32_t>::min()}) {
+    WriteModel(model);
+    WriteFile("mxs.tp", Bytes(count));
+    FEMODEL_LOAD();
+    EXPECT_EQ(FEMODEL::NumTp, count);
+    EXPECT_EQ(FEMODEL::NodeTpFactor[0], 1.0f);
+    EXPECT_EQ(FEMODEL::NodeTpFactor[3], 1.0f);
+  }
+}
+
+TEST_F(Femodel, LevelPositionWithANegativeCountIsInvalid) {
+  WriteModel(OneTetrahedron());
+  WriteFile("mxs.tp", Bytes(std::int32_t{-1}));
+  EXPECT_ABORT(FEMODEL_LOAD(), "Invalid index in file: mxs.tpadr");
+}
+
+TEST_F(Femodel, FewerFlagsThanNodesAreNobodysLossAtLoading) {
+  ModelFiles model = OneTetrahedron();
+  model.nodeFlags.pop_back();
+  Load(model);
+  EXPECT_EQ(FEMODEL::NumNodes, 4);
+  EXPECT_EQ(FEMODEL::NumNodeFlags, 3);
+}
+
 TEST_F(Femodel, LaterNodeCountsReplaceEarlierOnes) {
   ModelFiles model = OneTetrahedron();
   model.nodes.push_back({9, 9, 9});
@@ -231,13 +258,10 @@ TEST_F(Femodel, MoreLevelPositionsThanCoordinatesAreAcceptedWhereNoElementUsesTh
   EXPECT_EQ(FEMODEL::NodeTpFactor[6], 1.0f);
 }
 
-TEST_F(Femodel, ElementNodeBehindTheShortestNodeTableIsInvalid) {
+TEST_F(Femodel, ElementNodeWithoutCoordinatesOrLevelPositionIsInvalid) {
   ModelFiles fewCoordinates = OneTetrahedron();
   fewCoordinates.nodes.pop_back();
   EXPECT_INVALID_INDEX(fewCoordinates, "mx.elems");
-  ModelFiles fewFlags = OneTetrahedron();
-  fewFlags.nodeFlags.pop_back();
-  EXPECT_INVALID_INDEX(fewFlags, "mx.elems");
   ModelFiles fewPositions = OneTetrahedron();
   fewPositions.levelIndex.pop_back();
   EXPECT_INVALID_INDEX(fewPositions, "mx.elems");

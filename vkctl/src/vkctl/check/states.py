@@ -76,9 +76,8 @@ def _element_state(inputs: Inputs, number: int) -> Iterator[Finding]:
         text = f"{name} has {found.head[0]} elements, the model {elements}: it is ignored."
         yield warning("state-elements", text, name, "It belongs to another mesh: delete it.")
     elif len(found.values) < elements or not found.head:
-        yield error(
-            "state-elements", f"{name} is too short: the run would stop.", name, "Delete it."
-        )
+        text = f"{name} is too short: it is ignored."
+        yield warning("state-elements", text, name, "Delete it.")
     elif (trouble := impossible(inputs, found.values)) is not None:
         text = f"{name} {trouble}."
         yield error("state-elements", text, name, "It is damaged: delete it.")
