@@ -1,6 +1,9 @@
 #include "platform/processor.hpp"
 
 #if defined(__x86_64__) && __has_include(<sys/platform/x86.h>)
+#ifdef __clang__
+using _Bool = bool;  // the header is written in C's terms; NOLINT(bugprone-reserved-identifier)
+#endif
 #include <sys/platform/x86.h>
 #endif
 

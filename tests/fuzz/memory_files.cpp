@@ -24,9 +24,7 @@ struct Open {
 };
 std::vector<Open> Descriptors;  // [descriptor - FirstDescriptor]
 
-bool IsOurs(const char* name) {
-  return MEMORYFILES::Mounted && std::strchr(name, '/') == nullptr && std::strcmp(name, ".") != 0;
-}
+bool IsOurs(const char* name) { return MEMORYFILES::Mounted && std::strchr(name, '/') == nullptr; }
 
 bool IsOurs(int descriptor) { return descriptor >= FirstDescriptor; }
 
@@ -55,19 +53,24 @@ MemoryFiles::iterator Find(std::string_view name) {
                       [name](const MemoryFile& file) { return IsSame(file.name, name); });
 }
 
+int NewDescriptor(Content content) {
+  const auto free = std::find_if(Descriptors.begin(), Descriptors.end(),
+                                 [](const Open& open) { return !open.content; });
+  const auto place = free - Descriptors.begin();
+  if (free == Descriptors.end()) Descriptors.emplace_back();
+  Descriptors[static_cast<std::size_t>(place)] = {std::move(content), 0};
+  return FirstDescriptor + static_cast<int>(place);
+}
+
 int OpenFile(const char* name, int flags) {
+  if ((flags & O_DIRECTORY) != 0) return NewDescriptor(std::make_shared<std::string>());
   const auto found = Find(name);
   if (found == Files.end() && (flags & O_CREAT) == 0) return Fail(ENOENT);
   if (found != Files.end() && (flags & O_EXCL) != 0) return Fail(EEXIST);
   const bool fresh = found == Files.end() || (flags & O_TRUNC) != 0;
   const Content content = fresh ? std::make_shared<std::string>() : found->content;
   if (fresh) MEMORYFILES_PUT(name, content);
-  const auto free = std::find_if(Descriptors.begin(), Descriptors.end(),
-                                 [](const Open& open) { return !open.content; });
-  const auto place = free - Descriptors.begin();
-  if (free == Descriptors.end()) Descriptors.emplace_back();
-  Descriptors[static_cast<std::size_t>(place)] = {content, 0};
-  return FirstDescriptor + static_cast<int>(place);
+  return NewDescriptor(content);
 }
 
 void Describe(const std::string& content, struct stat* info) {
@@ -122,6 +125,7 @@ int __real_fsync(int descriptor);
 int __real_fdatasync(int descriptor);
 int __real_fchown(int descriptor, uid_t owner, gid_t group);
 int __real_fchmod(int descriptor, mode_t mode);
+int __real_fcntl(int descriptor, int command, ...);
 
 int __wrap_open(const char* name, int flags, ...) {
   if (IsOurs(name)) return OpenFile(name, flags);
@@ -214,6 +218,15 @@ int __wrap_fchown(int descriptor, uid_t owner, gid_t group) {
 
 int __wrap_fchmod(int descriptor, mode_t mode) {
   return IsOurs(descriptor) ? 0 : __real_fchmod(descriptor, mode);
+}
+
+int __wrap_fcntl(int descriptor, int command, ...) {
+  if (IsOurs(descriptor)) return 0;
+  va_list rest;
+  va_start(rest, command);
+  void* argument = va_arg(rest, void*);
+  va_end(rest);
+  return __real_fcntl(descriptor, command, argument);
 }
 
 }  // extern "C"
