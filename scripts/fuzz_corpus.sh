@@ -1,4 +1,4 @@
-# shellcheck shell=bash
+# shellcheck shell=bash disable=SC2034
 # What fuzz.sh and .ci/run have in common: the flags of a target, and the inputs it begins with. Those
 # that reach different code are kept, packed, in tests/fuzz/corpus.
 
