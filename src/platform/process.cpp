@@ -12,6 +12,7 @@
 #include <csignal>
 #include <cstdio>
 #include <fstream>
+#include <sstream>
 #include <string>
 #include <system_error>
 
@@ -50,15 +51,16 @@ bool HasNoLocks(int number) {
 std::int64_t HolderOf(int descriptor) {
   struct stat info = {};
   if (::fstat(descriptor, &info) != 0) return 0;
+  char file[64];  // as the table names it
+  std::snprintf(file, sizeof file, "%02x:%02x:%" PRIu64, major(info.st_dev), minor(info.st_dev),
+                std::uint64_t{info.st_ino});
   std::ifstream table("/proc/locks");
   for (std::string line; std::getline(table, line);) {
+    std::istringstream words(line);
+    std::string number, kind, how, access, place;
     std::int64_t process = 0;
-    unsigned high = 0, low = 0;
-    std::uint64_t file = 0;
-    if (std::sscanf(line.c_str(), "%*d: FLOCK %*s %*s %" SCNd64 " %x:%x:%" SCNu64, &process, &high,
-                    &low, &file) == 4 &&
-        file == info.st_ino && high == major(info.st_dev) && low == minor(info.st_dev))
-      return process;
+    words >> number >> kind >> how >> access >> process >> place;
+    if (kind == "FLOCK" && place == file) return process;
   }
   return 0;
 }
