@@ -62,6 +62,11 @@ def a_spring_without_direction(directory):
     with_case(directory, lambda case, part: case.support(4, np.zeros((3, 3))))
 
 
+@provokes("support-not-finite", "error", "1 node (4)", stops=True)
+def a_spring_whose_direction_is_no_number(directory):
+    with_case(directory, lambda case, part: case.support(4, np.full((3, 3), np.nan)))
+
+
 @provokes("support-scaled", "note", "1 node (4)")
 def a_spring_with_a_long_axis(directory):
     with_case(directory, lambda case, part: case.support(4, 2 * np.eye(3)))

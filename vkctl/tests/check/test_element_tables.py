@@ -90,6 +90,14 @@ def an_element_turned_inside_out(directory):
     with_table(directory, lambda t: t.tet4.__setitem__(2, t.tet4[2, [1, 0, 2, 3]]))
 
 
+@provokes("element-flat", "error", stops=True)
+def elements_smaller_than_single_precision_tells(directory):
+    def shrink(nodes, part):
+        nodes *= 1e-40
+
+    with_coordinates(directory, shrink)
+
+
 @provokes("element-flat", "error", "no volume")
 def elements_without_volume(directory):
     def flatten(nodes, part):

@@ -20,6 +20,11 @@ def a_material_without_modulus(directory):
     with_material(directory, Material.isotropic(0.0, 0.3))
 
 
+@provokes("material-modulus", "error", "e-42", stops=True)
+def a_modulus_that_single_precision_does_not_hold(directory):
+    with_material(directory, Material.isotropic(1e-42, 0.3))
+
+
 @provokes("material-modulus", "error", "1000, 0, 1000")
 def an_orthotropic_material_without_a_modulus(directory):
     with_material(directory, Material.orthotropic((1e3, 0, 1e3), (0.2,) * 3, (400,) * 3))

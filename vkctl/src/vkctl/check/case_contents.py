@@ -94,7 +94,11 @@ class _LoadCase:
             yield warning("support-no-stiffness", text, self.where, "Set Sta.SupportStiffness.")
         row, direction = np.nonzero(rows["DofMask"][:, None] >> np.arange(3) & 1)
         lengths = np.linalg.norm(rows["Axis"][row, direction].astype(float), axis=1)
-        bad = np.unique(rows["Node"][row[~(np.isfinite(lengths) & (lengths > 0))]])
+        undefined = np.unique(rows["Node"][row[~np.isfinite(lengths)]])
+        if len(undefined):
+            text = f"Elastic supports at {listed(undefined, 'node')} have an axis that is no number."
+            yield error("support-not-finite", text, self.where)
+        bad = np.unique(rows["Node"][row[lengths == 0]])
         if len(bad):
             text = f"Elastic supports at {listed(bad, 'node')} have an axis without direction."
             yield warning("support-axis", text, self.where, "They don't hold.")

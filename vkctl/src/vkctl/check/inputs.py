@@ -23,6 +23,7 @@ from .findings import Finding, error, note, warning
 _UNFINISHED = re.compile(r"(mxs\.lcflags|ws\.[a-z]+\.([0-9]{4}|\*{4}))~[0-9a-f]{16}")
 _OWN_UNFINISHED = re.compile(r"\.(vk_rund_cmd|mxs?\.|ws\.).*\.tmp")
 _DIRECTIONS = 7  # bits of a DofMask
+_SMALLEST = float(np.finfo(np.float32).tiny)  # the solver has no denormal numbers
 
 
 @dataclass
@@ -96,7 +97,9 @@ class Inputs:
             valid[numbers[~sound]] = False
             blocks[code] = numbers[sound] + 1, rows[sound]
             used[blocks[code][1] - 1] = True
-        return ActiveMesh(self.nodes.astype(np.float64), active, valid, blocks, used)
+        points = self.nodes.astype(np.float64)
+        points[np.abs(points) < _SMALLEST] = 0.0
+        return ActiveMesh(points, active, valid, blocks, used)
 
     @cached_property
     def sequence(self) -> list[int]:

@@ -19,7 +19,7 @@ _ISOTROPIC = (
     formats.MATERIAL_ISOTROPIC | formats.MATERIAL_YIELDING | formats.MATERIAL_COMPRESSION_ONLY
 )
 _NEARLY_INCOMPRESSIBLE = 0.49
-_LARGEST_MODULUS = 1e30  # stiffness is computed in single precision
+_SMALLEST_MODULUS, _LARGEST_MODULUS = 1e-30, 1e30  # stiffness is computed in single precision
 _LARGE_CONTRAST = 1e6  # of moduli, beyond which solutions lose their accuracy
 
 
@@ -32,7 +32,7 @@ def check_materials(inputs: Inputs) -> Iterator[Finding]:
     for number in used:
         yield from _one(number, inputs.materials[number - 1])
     moduli = [stiffest_modulus(inputs.materials[number - 1]) for number in used]
-    known = [modulus for modulus in moduli if 0 < modulus <= _LARGEST_MODULUS]
+    known = [modulus for modulus in moduli if _is_modulus(modulus)]
     if known and max(known) > _LARGE_CONTRAST * min(known):
         text = f"Moduli go from {min(known):g} to {max(known):g}."
         hint = "Solutions converge badly with such a contrast. Are all in the same unit?"
@@ -93,9 +93,13 @@ def stiffest_modulus(record: np.void) -> float:
     return float(record["Moduli"].max() if ortho else record["E"])
 
 
+def _is_modulus(value: float) -> bool:
+    return _SMALLEST_MODULUS <= value <= _LARGEST_MODULUS
+
+
 def _isotropic(called: str, record: np.void, where: str) -> Iterator[Finding]:
     e, nu = float(record["E"]), float(record["Nu"])
-    if not 0 < e <= _LARGEST_MODULUS:
+    if not _is_modulus(e):
         yield error("material-modulus", f"{called} has the modulus {e:g}: no stiffness.", where)
     if not -1 < nu < 0.5:
         text = f"{called} has Poisson's ratio {nu:g}, outside -1 to 0.5."
@@ -109,7 +113,7 @@ def _isotropic(called: str, record: np.void, where: str) -> Iterator[Finding]:
 
 def _orthotropic(called: str, record: np.void, where: str) -> Iterator[Finding]:
     moduli, shear = record["Moduli"].astype(float), record["Shear"].astype(float)
-    if not ((moduli > 0) & (moduli <= _LARGEST_MODULUS)).all():
+    if not all(map(_is_modulus, moduli)):
         text = f"{called} has the moduli {_triple(moduli)}: all three must be positive."
         yield error("material-modulus", text, where)
     elif compliance_determinant(record) <= 0:
@@ -121,21 +125,21 @@ def _orthotropic(called: str, record: np.void, where: str) -> Iterator[Finding]:
             f"{called} has Poisson ratios {_triple(record['Poisson'])} that give negative energy."
         )
         yield error("material-poisson", text, where, "Nu12 squared must be below E1/E2, and so on.")
-    if not ((shear > 0) & (shear <= _LARGEST_MODULUS)).all():
+    if not all(map(_is_modulus, shear)):
         text = f"{called} has the shear moduli {_triple(shear)}: all three must be positive."
         yield error("material-shear", text, where)
 
 
 def compliance_determinant(record: np.void) -> float:
     """D of an orthotropic material; the stiffness is divided by it."""
-    (e1, e2, e3), (n12, n13, n23) = record["Moduli"].astype(float), record["Poisson"].astype(float)
+    (e1, e2, e3), (n12, n13, n23) = record["Moduli"].tolist(), record["Poisson"].tolist()
     n21, n31, n32 = e2 * n12 / e1, e3 * n13 / e1, e3 * n23 / e2
     return float(1 - n12 * n21 - n23 * n32 - n13 * n31 - 2 * n21 * n32 * n13)
 
 
 def _is_positive(record: np.void) -> bool:
     """Whether the compliance of the normal strains is positive definite (Lempriere 1968)."""
-    (e1, e2, e3), (n12, n13, n23) = record["Moduli"].astype(float), record["Poisson"].astype(float)
+    (e1, e2, e3), (n12, n13, n23) = record["Moduli"].tolist(), record["Poisson"].tolist()
     return bool(n12**2 < e1 / e2 and n13**2 < e1 / e3 and n23**2 < e2 / e3)
 
 
