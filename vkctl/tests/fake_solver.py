@@ -1,10 +1,20 @@
 """Stand-ins for the solver: scripts that write a log and end as they are told."""
 
 import os
+import sys
 from pathlib import Path
 
 from vkctl.directory.model import LoadCase, Material, Model, write
 from vkctl.shapes.boxes import box
+
+# Takes the lock of the directory and goes on as the same process.
+_LOCK = (
+    "import fcntl, os, sys; "
+    "d = os.open(sys.argv[2], os.O_RDONLY); "
+    "fcntl.flock(d, fcntl.LOCK_EX | fcntl.LOCK_NB); "
+    "os.set_inheritable(d, True); "
+    "os.execv(sys.argv[1], sys.argv[1:])"
+)
 
 HEAD = ["Info<Msg:Tool.vk_rund.Start >", "Info<Msg:Eng x64 TLMx/IC/ID Build 2018.06.03 >"]
 TAIL = ["Info<Msg:Total time: 00:00:02.000 >", "Info<Msg:Tool.vk_rund.End >"]
@@ -47,8 +57,9 @@ def small_box(directory, load_cases=2, material=None):
 
 
 def fake_solver(path, lines, ending="exit 0"):
-    """Shell script that writes these log lines, keeping the log open, then runs `ending`."""
+    """Shell script that writes these log lines, then runs `ending`; it holds lock and log."""
+    lock = f'[ -n "$HELD" ] || exec env HELD=1 {sys.executable} -c "{_LOCK}" "$0" "$1"\n'
     words = "\n".join(f"echo '{line}' >&3" for line in lines)
-    path.write_text(f'#!/bin/sh\ncd "$1"\nexec 3>vk_rund_log.txt\n{words}\n{ending}\n')
+    path.write_text(f'#!/bin/sh\n{lock}cd "$1"\nexec 3>vk_rund_log.txt\n{words}\n{ending}\n')
     os.chmod(path, 0o755)
     return path

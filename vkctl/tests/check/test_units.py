@@ -41,6 +41,22 @@ def a_temperature_that_doubles_the_part(directory):
     with_case(directory, lambda case, part: case.heat(4, 20.0), materials=materials)
 
 
+@provokes("load-absurd", "error", "mean strain of 3")
+def a_force_beyond_all_measure(directory):
+    with_case(directory, lambda case, part: case.load(16, (3e38, 0, 0)))
+
+
+@provokes("load-absurd", "error", "displacement of 3e+38")
+def a_displacement_beyond_all_measure(directory):
+    with_case(directory, lambda case, part: case.prescribe(4, "z", 3e38))
+
+
+@provokes("load-absurd", "error", "strain of 1.2e+1")
+def a_temperature_beyond_all_measure(directory):
+    materials = [Material.isotropic(1000.0, 0.3, expansion=0.012)]
+    with_case(directory, lambda case, part: case.heat(4, 1e20), materials=materials)
+
+
 @pytest.mark.parametrize("name", sorted(FAULTS))
 def test_a_fault_is_told_with_its_code_severity_and_place(tmp_path, name):
     assert_told(FAULTS[name], tmp_path / "part")

@@ -7,6 +7,7 @@ from pathlib import Path
 
 import numpy as np
 import pytest
+from other_holder import other_holder
 from PIL import Image
 
 from vkctl.optimise import history
@@ -35,14 +36,24 @@ def test_the_chart_is_not_blank(drawn: tuple[Path, str]) -> None:
     assert blue.sum() > 200 and (pixels == 255).all(axis=1).mean() < 0.99
 
 
-def test_the_lock_is_not_opened_through_a_link(tmp_path: Path) -> None:
+def test_the_lock_is_no_file_that_could_be_a_link(tmp_path: Path) -> None:
     folder = tmp_path / "optimise"
     folder.mkdir()
     (tmp_path / "victim").write_text("precious")
     (folder / "lock").symlink_to(tmp_path / "victim")
-    with pytest.raises(OSError, match="lock"), history.locked(tmp_path):
-        pass
+    with history.locked(tmp_path):
+        assert [path.name for path in folder.iterdir()] == ["lock"]
     assert (tmp_path / "victim").read_text() == "precious"
+
+
+def test_another_loop_is_told_with_its_process(tmp_path: Path) -> None:
+    (tmp_path / "optimise").mkdir()
+    with other_holder(tmp_path / "optimise") as pid:
+        with pytest.raises(history.LockedError, match=rf"works on .* \(process {pid}\)"):
+            with history.locked(tmp_path):
+                pass
+    with history.locked(tmp_path):
+        pass
 
 
 def test_the_note_of_a_preparation_is_not_made_through_a_link(tmp_path: Path) -> None:

@@ -132,9 +132,10 @@ def test_a_directory_that_another_process_runs_on_is_left_alone(directory, tmp_p
     solver = fake_solver(tmp_path / "s", HEAD, "exec sleep 30")
     other = subprocess.Popen([solver, directory])
     try:
-        _until(lambda: processes.writer_of(directory) == other.pid)
-        with pytest.raises(BusyError, match=str(other.pid)):
-            run(directory)
+        _until(lambda: processes.worker_on(directory) is not None)
+        with pytest.raises(BusyError, match=r"is running on .* already"):
+            run(directory, threads=7)
+        assert "Sys.MaxNumCompThreads" not in formats.read_options(directory)
     finally:
         other.kill()
         other.wait()
@@ -189,12 +190,12 @@ def test_signals_reach_the_solver_and_make_the_exit_status(directory, tmp_path, 
     solver = fake_solver(tmp_path / "s", HEAD + begun(1), 'touch "$1/ready"\nexec sleep 30')
     process = _started(directory, solver)
     _until(Path(directory, "ready").exists)
-    _until(lambda: processes.writer_of(directory) is not None)
+    _until(lambda: processes.worker_on(directory) is not None)
     process.send_signal(number)
     output, _ = process.communicate(timeout=20)
     assert process.returncode == 128 + number
     assert number.name in output and "load cases that are done stay done" in output
-    assert processes.writer_of(directory) is None
+    assert processes.worker_on(directory) is None
 
 
 def test_a_solver_that_ends_in_its_own_way_on_a_signal_is_believed(directory, tmp_path):

@@ -1,5 +1,7 @@
 """Following runs that something else started: ended, killed, replaced, or still going on."""
 
+import fcntl
+import os
 import subprocess
 import threading
 import time
@@ -7,7 +9,7 @@ import time
 import pytest
 from fake_solver import HEAD, TAIL, begun, fake_solver, finished, small_box, write_log
 
-from vkctl.directory import formats
+from vkctl.directory import formats, lock
 from vkctl.running import processes
 from vkctl.running.run import run
 from vkctl.running.watch import watch
@@ -60,7 +62,7 @@ def test_a_killed_solver_is_told_apart_from_one_that_is_slow(tmp_path):
             solver.wait()
 
     try:
-        while processes.writer_of(tmp_path) != solver.pid:
+        while processes.worker_on(tmp_path) is None:
             time.sleep(0.01)
         result = follow(tmp_path, on_progress=kill_after_a_while)
     finally:
@@ -74,7 +76,7 @@ def test_a_killed_solver_is_told_apart_from_one_that_is_slow(tmp_path):
 def test_a_growing_log_is_followed_to_its_end(tmp_path):
     small_box(tmp_path)
     progress_seen = []
-    with open(tmp_path / formats.LOG_FILE, "w", buffering=1) as log:
+    with lock.holding(tmp_path), open(tmp_path / formats.LOG_FILE, "w", buffering=1) as log:
 
         def feed(progress):
             progress_seen.append((progress.stage, list(progress.finished)))
@@ -89,7 +91,7 @@ def test_a_growing_log_is_followed_to_its_end(tmp_path):
 
 def test_a_restart_that_replaces_the_log_is_followed_too(tmp_path):
     small_box(tmp_path)
-    with open(tmp_path / formats.LOG_FILE, "w", buffering=1):
+    with lock.holding(tmp_path):
         write_log(tmp_path, HEAD + begun(1))
         steps = [
             lambda: None,
@@ -107,6 +109,7 @@ def test_a_restart_that_replaces_the_log_is_followed_too(tmp_path):
 def test_a_solver_of_another_user_is_given_the_benefit_of_the_doubt(tmp_path, monkeypatch):
     write_log(tmp_path, HEAD + begun(1))
     answers = [[4711], [4711], []]
+    monkeypatch.setattr(lock, "is_told", lambda path: False)
     monkeypatch.setattr(processes, "hidden_solvers", lambda: answers.pop(0))
     assert follow(tmp_path).outcome == "killed"
     assert answers == []
@@ -114,6 +117,7 @@ def test_a_solver_of_another_user_is_given_the_benefit_of_the_doubt(tmp_path, mo
 
 def test_without_a_process_table_only_patience_ends_the_watching(tmp_path, monkeypatch):
     write_log(tmp_path, HEAD + begun(1))
+    monkeypatch.setattr(lock, "is_told", lambda path: False)
     monkeypatch.setattr(processes, "is_known", lambda: False)
     monkeypatch.setattr(processes, "writer_of", lambda directory: None)
     looks = []
@@ -128,13 +132,38 @@ def test_without_a_process_table_only_patience_ends_the_watching(tmp_path, monke
     assert follow(tmp_path, patience=0.1).outcome == "killed"
 
 
-def test_an_editor_that_reads_the_log_is_not_a_run(tmp_path):
+def test_an_editor_of_the_log_is_not_a_run(tmp_path):
     write_log(tmp_path, HEAD)
+    with open(tmp_path / formats.LOG_FILE, "a"):
+        assert processes.worker_on(tmp_path) is None
+        assert follow(tmp_path).outcome == "killed"
+
+
+def test_without_locks_a_run_is_who_has_the_log_open_for_writing(tmp_path, monkeypatch):
+    write_log(tmp_path, HEAD)
+    monkeypatch.setattr(lock, "is_told", lambda path: False)
     with open(tmp_path / formats.LOG_FILE):
-        assert processes.writer_of(tmp_path) is None
+        assert processes.worker_on(tmp_path) is None
         assert follow(tmp_path).outcome == "killed"
     with open(tmp_path / formats.LOG_FILE, "a"):
-        assert processes.writer_of(tmp_path) is not None
+        assert processes.worker_on(tmp_path) is not None
+
+
+def test_watching_never_takes_the_lock(tmp_path, monkeypatch):
+    """A solver that starts while somebody watches must find the directory free."""
+    write_log(tmp_path, HEAD)
+    taken = []
+    flock = fcntl.flock
+
+    def noted(descriptor, operation):
+        taken.append(os.fstat(descriptor).st_ino)
+        return flock(descriptor, operation)
+
+    monkeypatch.setattr(fcntl, "flock", noted)
+    assert follow(tmp_path).outcome == "killed"
+    assert follow(tmp_path, patience=0.1).outcome == "killed"
+    assert processes.worker_on(tmp_path) is None
+    assert taken and os.stat(tmp_path).st_ino not in taken
 
 
 def test_a_log_may_take_a_while_to_appear(tmp_path):

@@ -96,7 +96,9 @@ class _LoadCase:
         lengths = np.linalg.norm(rows["Axis"][row, direction].astype(float), axis=1)
         undefined = np.unique(rows["Node"][row[~np.isfinite(lengths)]])
         if len(undefined):
-            text = f"Elastic supports at {listed(undefined, 'node')} have an axis that is no number."
+            text = (
+                f"Elastic supports at {listed(undefined, 'node')} have an axis that is no number."
+            )
             yield error("support-not-finite", text, self.where)
         bad = np.unique(rows["Node"][row[lengths == 0]])
         if len(bad):

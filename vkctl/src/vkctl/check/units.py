@@ -10,7 +10,7 @@ from vkctl.basics.types import Array
 from vkctl.directory import formats
 from vkctl.directory.formats import file_names
 
-from .findings import Finding, warning
+from .findings import Finding, error, warning
 from .inputs import Inputs
 
 # Stiff engineering solids, rubber to diamond: the same modulus in Pa and in MPa.
@@ -20,6 +20,7 @@ _LONG = 200.0  # an extent that is hardly in metres where the modulus is in Pa
 _SHORT = 0.5  # an extent that is hardly in millimetres where the modulus is in MPa
 _LARGE_STRAIN = 0.05  # mean strain beyond which a linear analysis says nothing
 _LARGE_THERMAL_STRAIN = 0.1
+_NO_STRAIN = 1e6  # beyond it a value is a mistake, and may overflow in single precision
 
 
 def check_units(inputs: Inputs) -> Iterator[Finding]:
@@ -36,14 +37,20 @@ def check_units(inputs: Inputs) -> Iterator[Finding]:
         forces = np.concatenate((sections.forces2["Force"], sections.forces3["Force"]))
         push = float(np.abs(np.nan_to_num(forces.astype(float))).sum(axis=0).max(initial=0.0))
         strain = push / (stiffest * mesh.extent**2)
-        if strain > _LARGE_STRAIN:
+        if strain > _NO_STRAIN:
+            text = f"The forces give a mean strain of {strain:.2g} or more, beyond all measure."
+            yield error("load-absurd", text, where, "A solution may fail or say nothing.")
+        elif strain > _LARGE_STRAIN:
             text = (
                 f"The forces give a mean strain of {strain:.2g} or more: too much for this modulus."
             )
             yield warning("units-load", text, where, "Are force, length and modulus in one system?")
         values = sections.constraints["Value"][sections.constraints["DofMask"] != 0]
         shift = float(np.abs(np.nan_to_num(values.astype(float))).max(initial=0.0))
-        if shift > mesh.extent:
+        if shift > _NO_STRAIN * mesh.extent:
+            text = f"A displacement of {shift:g} is prescribed, the model is {mesh.extent:g} long."
+            yield error("load-absurd", text, where, "A solution may fail or say nothing.")
+        elif shift > mesh.extent:
             text = f"A displacement of {shift:g} is prescribed, the model is {mesh.extent:g} long."
             yield warning("units-displacement", text, where, "Are both in one unit?")
         yield from _thermal(inputs.materials, sections.scalars, where)
@@ -70,6 +77,9 @@ def _thermal(materials: Array, scalars: Array, where: str) -> Iterator[Finding]:
         np.abs(materials["Expansion"]), np.abs(materials["Expansions"]).max(axis=1)
     )
     strain = float(expansions.max(initial=0.0)) * float(np.abs(scalars["Value"]).max(initial=0.0))
-    if strain > _LARGE_THERMAL_STRAIN:
+    if strain > _NO_STRAIN:
+        text = f"Temperatures and expansion give a strain of {strain:.2g}, beyond all measure."
+        yield error("load-absurd", text, where, "A solution may fail or say nothing.")
+    elif strain > _LARGE_THERMAL_STRAIN:
         text = f"Temperatures and expansion give a strain of {strain:.2g}."
         yield warning("units-temperature", text, where, "Is the expansion per degree?")

@@ -41,7 +41,8 @@ def box_command(
     whole = model.Model(
         part.nodes, part.elements, [model.Material.isotropic(modulus, poisson)], [case]
     )
-    model.write(whole, directory)
+    with refusing(OSError):
+        model.write(whole, directory)
     Console(highlight=False).print(
         f"{len(part.nodes)} nodes and {len(part.elements)} elements in {directory}"
     )

@@ -15,7 +15,7 @@ from vkctl.directory.summary import summary
 from vkctl.prepare.cantilever import write_cantilever
 from vkctl.running.run import NotFoundError, find_vk_rund
 from vkctl.terminal.arguments import Directory
-from vkctl.terminal.refusal import refuse
+from vkctl.terminal.refusal import refuse, refusing
 from vkctl.view.deformed import picture
 
 PICTURE = "deformed.png"
@@ -29,7 +29,8 @@ def demo_command(
 ) -> None:
     """Write the cantilever of the quick start, solve it and draw it."""
     console = Console(highlight=False)
-    write_cantilever(directory)
+    with refusing(OSError):
+        write_cantilever(directory)
     console.print(f"cantilever written to {directory}")
     try:
         program = find_vk_rund(vk_rund)

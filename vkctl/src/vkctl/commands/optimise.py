@@ -49,7 +49,7 @@ def optimise_command(
     from vkctl.optimise import OptimiseError, optimise
     from vkctl.prepare.case_file.mistakes import CaseFileError
     from vkctl.prepare.part import PartError
-    from vkctl.running.run import BusyError, NotFoundError
+    from vkctl.running.run import NotFoundError
 
     console = Console(highlight=False)
     with refusing():
@@ -57,7 +57,7 @@ def optimise_command(
             need(name)
     try:
         with (
-            refusing(CaseFileError, PartError, FormatError, BusyError, OSError),
+            refusing(CaseFileError, PartError, FormatError, OSError),
             _shown(console) as (on_step, on_progress),
         ):
             done = optimise(

@@ -10,7 +10,7 @@ import typer
 from rich.console import Console
 
 from vkctl.directory.formats import Mode
-from vkctl.running.run import BusyError, NotFoundError, run
+from vkctl.running.run import NotFoundError, run
 from vkctl.terminal.arguments import Directory
 from vkctl.terminal.display import closing_lines, shown
 from vkctl.terminal.refusal import refuse
@@ -44,7 +44,7 @@ def run_command(
             result = run(directory, threads=threads, mode=chosen, vk_rund=vk_rund, on_progress=show)
     except NotFoundError as error:
         raise refuse(error, error.status) from None
-    except (BusyError, OSError) as error:
+    except OSError as error:
         raise refuse(error) from None
     for line in closing_lines(result):
         console.print(line, markup=False, soft_wrap=True)

@@ -3,11 +3,9 @@
 from __future__ import annotations
 
 import csv
-import fcntl
 import json
-import os
 from collections.abc import Iterator
-from contextlib import contextmanager
+from contextlib import ExitStack, contextmanager
 from dataclasses import asdict, dataclass
 from pathlib import Path
 
@@ -15,7 +13,7 @@ import numpy as np
 
 from vkctl.basics.extras import need
 from vkctl.basics.types import Array, PathLike
-from vkctl.directory import formats
+from vkctl.directory import formats, lock
 from vkctl.view.files import write_figure
 
 FOLDER = "optimise"  # in the working directory
@@ -25,7 +23,6 @@ CHART = "history.png"
 SERIES = "part.pvd"
 ANIMATION = "part.gif"
 
-_LOCK = "lock"
 _PREPARING = "preparing"  # there while the working directory is being written
 _NUMBERS = ("objective", "volume", "target", "change", "quality", "seconds")
 _ENERGY = "energy_"  # columns of the load cases' strain energies, by number
@@ -76,22 +73,18 @@ def folder_of(directory: PathLike) -> Path:
 
 @contextmanager
 def locked(directory: PathLike) -> Iterator[None]:
-    """Keep other loops off the directory; the system drops the lock when the process ends."""
+    """Keep other loops off the directory, by the lock of the folder that loops keep in it."""
     folder = folder_of(directory)
     folder.mkdir(parents=True, exist_ok=True)
-    with open(_opened(folder / _LOCK), "wb") as stream:
+    with ExitStack() as stack:
         try:
-            fcntl.flock(stream, fcntl.LOCK_EX | fcntl.LOCK_NB)
-        except BlockingIOError:
-            raise LockedError(f"another optimisation works on {directory}") from None
+            stack.enter_context(lock.holding(folder))
+        except lock.BusyError as error:
+            who = "" if error.pid is None else f" (process {error.pid})"
+            raise LockedError(f"another optimisation works on {directory}{who}") from None
         for unfinished in folder.glob(".*.tmp"):  # a killed loop was writing them
-            unfinished.unlink()
+            unfinished.unlink(missing_ok=True)
         yield
-
-
-def _opened(lock: Path) -> int:
-    """Descriptor of the lock's file; a link that was planted there is not followed."""
-    return os.open(lock, os.O_WRONLY | os.O_CREAT | os.O_NOFOLLOW | os.O_CLOEXEC, 0o666)
 
 
 def is_half_prepared(directory: PathLike) -> bool:

@@ -26,7 +26,7 @@ from vkctl.prepare.build import Prepared, build, new
 from vkctl.prepare.case_file.read import read_cases
 from vkctl.running import processes
 from vkctl.running.progress import Progress
-from vkctl.running.run import BusyError, RunResult, run
+from vkctl.running.run import RunResult, run
 
 from . import history
 from .design import Design, make_design
@@ -175,8 +175,9 @@ def _begin(cases: PathLike, directory: Path, settings: Settings) -> tuple[State,
     if not len(model.tp):
         model.set_level(1.0)
         assert model.node_tp_index is not None
-        formats.write_tp_index(directory, model.node_tp_index)
-        formats.write_tp(directory, model.tp)
+        with processes.alone_on(directory):
+            formats.write_tp_index(directory, model.node_tp_index)
+            formats.write_tp(directory, model.tp)
     taking_part = _requested(model)
     if not taking_part:
         raise OptimiseError(f"no load case of {directory} is requested")
@@ -311,14 +312,13 @@ def _solve(loop: _Loop, levels: Array) -> RunResult:
     state, directory = loop.state, loop.directory
     wanted = levels.astype(np.float32)
     if state.running != state.step or not np.array_equal(formats.read_tp(directory), wanted):
-        if (other := processes.writer_of(directory)) is not None:
-            raise BusyError(f"Process {other} is running on {directory} already.")
-        formats.write_tp(directory, wanted)
-        requested = dict.fromkeys(state.load_cases, formats.LOADCASE_REQUESTED)
-        set_flags(directory, requested, clear_done=True)
-        state.running = state.step
-        history.write_state(directory, state)
-    while processes.writer_of(directory) is not None:  # outlived the loop that started it
+        with processes.alone_on(directory):
+            formats.write_tp(directory, wanted)
+            requested = dict.fromkeys(state.load_cases, formats.LOADCASE_REQUESTED)
+            set_flags(directory, requested, clear_done=True)
+            state.running = state.step
+            history.write_state(directory, state)
+    while processes.worker_on(directory) is not None:  # outlived the loop that started it
         time.sleep(_POLL)
     show = loop.on_progress
     step = state.step

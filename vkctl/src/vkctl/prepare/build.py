@@ -10,7 +10,7 @@ import numpy as np
 from vkctl.basics.arrays import distinct
 from vkctl.basics.types import Array, PathLike
 from vkctl.basics.words import counted
-from vkctl.directory import formats, model
+from vkctl.directory import formats, lock, model
 from vkctl.directory.formats import file_names
 from vkctl.directory.model import Model
 
@@ -48,11 +48,14 @@ def new(part: PathLike | None, cases: PathLike, directory: PathLike) -> Prepared
     CalculiX deck (.inp) or a VTK grid (.vtu); None takes the file that the case file names,
     relative to it. Result, state and load-case files of an earlier model in the directory are
     removed. Raises CaseFileError for mistakes in the case file, sets that don't exist or are
-    empty included, and PartError for a part that can't be used.
+    empty included, PartError for a part that can't be used, and BusyError where another process
+    works on the directory.
     """
     prepared = build(part, cases)
-    _remove_stale(Path(directory), prepared.notes)
-    model.write(prepared.model, directory)
+    Path(directory).mkdir(parents=True, exist_ok=True)
+    with lock.holding(directory):
+        _remove_stale(Path(directory), prepared.notes)
+        model.write(prepared.model, directory)
     prepared.directory = Path(directory)
     return prepared
 

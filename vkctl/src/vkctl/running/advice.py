@@ -136,7 +136,7 @@ _STATUSES = {
     233: Advice("The solver was started with wrong arguments.", "It takes one: the directory."),
     236: Advice("The solver can't enter the directory.", "Does it exist, and may you enter it?"),
     237: Advice(
-        "The solver can't write its log.",
+        "The solver can't write its log, or another run works on the directory.",
         "Is the directory writable, and is there space on the disk?",
     ),
     STOPPED_STATUS: Advice(

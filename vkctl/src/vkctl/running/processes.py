@@ -1,12 +1,19 @@
-"""What the system's process table tells about a run (Linux; elsewhere nothing is known)."""
+"""Who works on a directory: by its lock, and where there are none by the system's process table.
+
+The table is that of Linux; elsewhere nothing is known.
+"""
 
 from __future__ import annotations
 
 import os
+from collections.abc import Iterator
+from contextlib import contextmanager
 from pathlib import Path
 
 from vkctl.basics.types import PathLike
+from vkctl.directory import lock
 from vkctl.directory.formats import LOG_FILE
+from vkctl.directory.lock import BusyError
 
 _TABLE = Path("/proc")
 _WRITE_MODES = os.O_WRONLY | os.O_RDWR
@@ -29,6 +36,23 @@ def memory_gb(pid: int) -> tuple[float, float] | None:
 def is_known() -> bool:
     """Whether there is a process table to ask."""
     return Path(_TABLE, "self", "fd").is_dir()
+
+
+@contextmanager
+def alone_on(directory: PathLike) -> Iterator[None]:
+    """Nobody else works on the directory inside of the block; BusyError where somebody does."""
+    with lock.holding(directory) as locked:
+        if not locked and (other := writer_of(directory)) is not None:
+            raise BusyError(directory, other)
+        yield
+
+
+def worker_on(directory: PathLike) -> int | None:
+    """Process that works on the directory, if one can be seen; looks only, and takes no lock."""
+    if (holder := lock.holder_of(directory)) is not None:
+        return holder
+    # Where locks are told there is no such process: who else has the log open isn't a run.
+    return None if lock.is_told(Path(directory, LOG_FILE)) else writer_of(directory)
 
 
 def writer_of(directory: PathLike) -> int | None:

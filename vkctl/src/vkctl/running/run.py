@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import importlib.metadata
 import os
+import re
 import shutil
 import signal
 import subprocess
@@ -17,7 +18,8 @@ from types import FrameType
 from typing import IO, Literal
 
 from vkctl.basics.types import PathLike
-from vkctl.directory import formats
+from vkctl.directory import formats, lock
+from vkctl.directory.lock import BusyError as BusyError
 from vkctl.directory.log import RunLog
 from vkctl.directory.plan import plan_or_nothing
 from vkctl.directory.results import POOR_QUALITY
@@ -38,6 +40,8 @@ _CRASHES = (signal.SIGSEGV, signal.SIGBUS, signal.SIGABRT, signal.SIGILL, signal
 _POLL = 0.05  # seconds between two looks at the log
 _LONGEST_ARGUMENT = 512  # characters
 _LAST_WORDS = 4000  # characters kept of what the solver printed
+_NO_LOG = 237  # status of a run that couldn't have its log
+_HELD = re.compile(r"another run holds the directory .*?(?: \(process (\d+)\))?$", re.MULTILINE)
 
 
 @dataclass
@@ -69,10 +73,6 @@ class NotFoundError(Exception):
     def __init__(self, text: str, status: int = NOT_FOUND) -> None:
         super().__init__(text)
         self.status = status
-
-
-class BusyError(Exception):
-    """Another process is running on the directory."""
 
 
 def find_vk_rund(given: PathLike | None = None) -> Path:
@@ -125,7 +125,8 @@ def set_run_options(
     """Set threads and mode in `vk_rund_cmd.txt`, where given; other lines stay as they are.
 
     The change lasts, so that a run that is started again goes on with the same settings. Returns
-    what was set, by key.
+    what was set, by key. BusyError if another process works on the directory, ValueError for more
+    threads than 32 bits can tell.
     """
     changes: dict[str, float] = {}
     if threads is not None:
@@ -133,7 +134,8 @@ def set_run_options(
     if mode is not None:
         changes["Sys.ComputationMode"] = formats.MODES[mode]
     if changes:
-        formats.update_options(directory, changes)
+        with lock.holding(directory):
+            formats.update_options(directory, changes)
     return changes
 
 
@@ -159,11 +161,10 @@ def run(
     program = find_vk_rund(vk_rund)
     if not target.is_dir():
         raise NotADirectoryError(f"There is no directory {target}.")
-    if (other := processes.writer_of(target)) is not None:
-        raise BusyError(f"Process {other} is running on {target} already.")
-    set_run_options(target, threads, mode)
-    planned = plan_or_nothing(target)
-    tracker = Tracker(target, planned)
+    with processes.alone_on(target):
+        set_run_options(target, threads, mode)
+        planned = plan_or_nothing(target)
+        tracker = Tracker(target, planned)
     with tempfile.TemporaryFile() as printed:
         try:
             solver = subprocess.Popen(
@@ -178,7 +179,10 @@ def run(
             raise NotFoundError(text, NOT_EXECUTABLE) from None
         with _passing_on(solver) as passed:
             _follow(solver, tracker, on_progress, poll)
-        result = _result(tracker.progress, solver.returncode, passed, _tail(printed))
+        words = _tail(printed)
+        if solver.returncode == _NO_LOG and (match := _HELD.search(words)):
+            raise BusyError(target, int(match[1]) if match[1] else None)
+        result = _result(tracker.progress, solver.returncode, passed, words)
     if on_progress is not None:
         on_progress(tracker.progress)
     return result

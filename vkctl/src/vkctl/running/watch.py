@@ -7,6 +7,7 @@ from collections.abc import Callable
 from pathlib import Path
 
 from vkctl.basics.types import PathLike
+from vkctl.directory import lock
 from vkctl.directory.formats import LOG_FILE
 
 from . import processes
@@ -23,10 +24,11 @@ KILLED_STATUS = 1
 class _Liveness:
     """Tells whether an unfinished log still has a run behind it.
 
-    Killed means: for a while no line was added and no process had the log open for writing. On a
-    system without a process table, or while a solver of another user runs whose files can't be
-    seen, nothing is concluded unless `patience` is given: then so many seconds without a line
-    count as the end, whatever the process table says (a run on another machine is not in it).
+    Killed means: for a while no line was added and no process held the directory's lock, or, where
+    the system doesn't tell of locks, had the log open for writing. There, without a process table,
+    or while a solver of another user runs whose files can't be seen, nothing is concluded unless
+    `patience` is given: then so many seconds without a line count as the end, whatever this
+    machine says (a run on another one it doesn't know). The lock is looked at, never taken.
     """
 
     def __init__(self, directory: Path, patience: float | None) -> None:
@@ -43,16 +45,25 @@ class _Liveness:
         now = time.monotonic()
         if grown:
             self.last_sign = now
+        told = lock.is_told(Path(self.directory, LOG_FILE))
+        self.pid = self._worker(told)
         if self.patience is not None:
-            self.pid = processes.writer_of(self.directory)
             return now - self.last_sign < self.patience
-        if self.pid is None or processes.memory_gb(self.pid) is None:
-            self.pid = processes.writer_of(self.directory)
-        if self.pid is not None or not processes.is_known():
+        if self.pid is not None or not (told or processes.is_known()):
             self.last_sign = now
         if now - self.last_sign < _GRACE:
             return True
-        return bool(processes.hidden_solvers())
+        return not told and bool(processes.hidden_solvers())
+
+    def _worker(self, told: bool) -> int | None:
+        """Process that works on the directory; `told` says whether locks tell who doesn't."""
+        if (holder := lock.holder_of(self.directory)) is not None:
+            return holder
+        if told:
+            return None
+        if self.pid is not None and processes.memory_gb(self.pid) is not None:
+            return self.pid  # to look through all processes again would take long
+        return processes.writer_of(self.directory)
 
 
 def watch(

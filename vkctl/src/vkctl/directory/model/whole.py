@@ -13,7 +13,7 @@ from vkctl.basics.types import Array, PathLike
 from vkctl.directory.formats import file_names
 from vkctl.shapes.elements import Elements
 
-from .. import formats
+from .. import formats, lock
 from ..formats import RawStructure
 from ..structure import build_structure
 from .load_cases import LoadCase
@@ -78,9 +78,15 @@ def _filled(values: npt.ArrayLike | None, count: int, dtype: npt.DTypeLike) -> A
 def write(model: Model, directory: PathLike, structure: RawStructure | None = None) -> None:
     """Write a complete working directory, made if missing; `structure` saves building it anew.
 
-    State and result files that are there stay: they are the start of the next run.
+    State and result files that are there stay: they are the start of the next run. BusyError if
+    another process works on the directory.
     """
     Path(directory).mkdir(parents=True, exist_ok=True)
+    with lock.holding(directory):
+        _write(model, directory, structure)
+
+
+def _write(model: Model, directory: PathLike, structure: RawStructure | None) -> None:
     elements = model.elements
     records = np.zeros(len(elements), formats.ELEMENT)
     records["MaterialIndex"] = elements.materials
@@ -102,7 +108,14 @@ def write(model: Model, directory: PathLike, structure: RawStructure | None = No
 def write_load_cases(
     load_cases: Sequence[LoadCase], directory: PathLike, run_order: npt.ArrayLike | None = None
 ) -> None:
-    """Write the load-case tables and one map per load case."""
+    """Write the load-case tables and one map per load case; BusyError as `write`."""
+    with lock.holding(directory):
+        _write_load_cases(load_cases, directory, run_order)
+
+
+def _write_load_cases(
+    load_cases: Sequence[LoadCase], directory: PathLike, run_order: npt.ArrayLike | None
+) -> None:
     records = np.zeros(len(load_cases), formats.LOADCASE)
     order = np.arange(1, len(load_cases) + 1) if run_order is None else np.asarray(run_order)
     if sorted(order.tolist()) != list(range(1, len(load_cases) + 1)):
@@ -193,10 +206,18 @@ def read_load_cases(directory: PathLike) -> tuple[list[LoadCase], Array]:
 def set_flags(
     directory: PathLike, flags: Mapping[int, int] | None = None, *, clear_done: bool = False
 ) -> None:
-    """Change `mxs.lcflags`: words by load-case number, or done bits cleared for another run."""
-    words, values = formats.read_loadcase_flags(directory)
-    for number, word in (flags or {}).items():
-        words[number - 1] = word
-    if clear_done:
-        words &= ~np.int32(formats.LOADCASE_DONE)
-    formats.write_loadcase_flags(directory, words, values)
+    """Change `mxs.lcflags`: words by load-case number, or done bits cleared for another run.
+
+    BusyError if another process works on the directory, FormatError for a load case that the
+    file doesn't have.
+    """
+    with lock.holding(directory):
+        words, values = formats.read_loadcase_flags(directory)
+        for number, word in (flags or {}).items():
+            if not 1 <= number <= len(words):
+                path = Path(directory, file_names.LOAD_CASE_FLAGS)
+                raise formats.FormatError(path, f"there is no load case {number}")
+            words[number - 1] = word
+        if clear_done:
+            words &= ~np.int32(formats.LOADCASE_DONE)
+        formats.write_loadcase_flags(directory, words, values)
