@@ -12,7 +12,7 @@ _LOCK = (
     "import fcntl, os, sys; "
     "d = os.open(sys.argv[2], os.O_RDONLY); "
     "fcntl.flock(d, fcntl.LOCK_EX | fcntl.LOCK_NB); "
-    "os.set_inheritable(d, True); "
+    "os.dup2(d, 9); "
     "os.execv(sys.argv[1], sys.argv[1:])"
 )
 

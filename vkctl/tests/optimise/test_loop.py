@@ -13,6 +13,7 @@ from typing import Any
 
 import numpy as np
 import pytest
+from fake_solver import HEAD, fake_solver
 from small_loops import ONE_CASE, TWO_CASES, VK_RUND, script, write_small
 
 from vkctl.directory import formats
@@ -126,10 +127,7 @@ def test_a_solver_that_was_killed_is_finished_not_repeated(tmp_path: Path) -> No
 def test_a_solver_that_outlived_its_loop_is_waited_for(tmp_path: Path) -> None:
     cases = write_small(tmp_path, "steps = 2\n")
     expected = optimise(cases, tmp_path / "whole", vk_rund=VK_RUND).rows
-    slow = script(
-        tmp_path / "slow",
-        'exec 3>>"$1/vk_rund_log.txt"\ntouch "$1/begun"\nsleep 1\n"$real" "$1"\ntouch "$1/ended"',
-    )
+    slow = fake_solver(tmp_path / "slow", HEAD, "touch begun\nsleep 1\ntouch ended")
     directory = tmp_path / "d"
     context = multiprocessing.get_context("fork")
     child = context.Process(target=lambda: optimise(cases, directory, vk_rund=slow))

@@ -20,7 +20,7 @@ def watch_command(
         typer.Option(
             ...,
             help="seconds without a log line after which the run counts as killed, for runs on "
-            "another machine; otherwise this machine's process table decides",
+            "another machine; otherwise this machine's locks and processes decide",
         ),
     ] = None,
     wait: Annotated[float, typer.Option(..., help="seconds to wait for a log to appear")] = 0.0,

@@ -45,8 +45,10 @@ class BusyError(OSError):
 
 
 @contextmanager
-def holding(directory: PathLike) -> Iterator[bool]:
-    """Hold a directory's lock, again where this thread holds it; BusyError where another does.
+def holding(directory: PathLike, again: bool = True) -> Iterator[bool]:
+    """Hold a directory's lock; BusyError where another process or thread does.
+
+    The thread that holds it may do so `again` inside of the block.
 
     Yields whether it is held: False on file systems without locks. A program that is started
     doesn't inherit it, so a run must be started when the block has been left.
@@ -58,7 +60,7 @@ def holding(directory: PathLike) -> Iterator[bool]:
         return
     try:
         file = _file_of(descriptor)
-        with _entered(file, directory) as first:
+        with _entered(file, directory, again) as first:
             locked = not first or _lock(descriptor, file, directory)
             try:
                 yield locked
@@ -70,12 +72,12 @@ def holding(directory: PathLike) -> Iterator[bool]:
 
 
 @contextmanager
-def _entered(file: _File, directory: PathLike) -> Iterator[bool]:
+def _entered(file: _File, directory: PathLike, again: bool) -> Iterator[bool]:
     """Count who in this process holds a lock; yields whether it is to be asked for."""
     me = threading.get_ident()
     with _guard:
         owner, times = _held.get(file, (me, 0))
-        if owner != me:
+        if owner != me or (times and not again):
             raise BusyError(directory, os.getpid())
         _held[file] = me, times + 1
     try:

@@ -78,7 +78,7 @@ def locked(directory: PathLike) -> Iterator[None]:
     folder.mkdir(parents=True, exist_ok=True)
     with ExitStack() as stack:
         try:
-            stack.enter_context(lock.holding(folder))
+            stack.enter_context(lock.holding(folder, again=False))
         except lock.BusyError as error:
             who = "" if error.pid is None else f" (process {error.pid})"
             raise LockedError(f"another optimisation works on {directory}{who}") from None
