@@ -124,7 +124,8 @@ void CountBare(benchmark::State& state, double staged) {
 
 void BM_Run(benchmark::State& state) {
   const char* directory = std::getenv("VK_BENCH_DIR");
-  if (directory == nullptr || !PLATFORM_ENTERDIRECTORY(directory)) {
+  std::string reason;
+  if (directory == nullptr || !PLATFORM_ENTERDIRECTORY(directory, reason)) {
     state.SkipWithError("VK_BENCH_DIR names no prepared working directory");
     return;
   }

@@ -3,7 +3,8 @@
 //
 // The operations count from 1: those on names that don't begin with a slash, and on files that were
 // opened by such a name. Of the environment:
-//   KILL_AT=n      the n-th doesn't happen, the process is killed instead
+//   KILL_AT=n      the n-th of those that may change something (not: looking, reading, locking)
+//                  doesn't happen, the process is killed instead
 //   KILL_WITHIN=n  the n-th write puts half of its bytes down, then the process is killed
 //   STOP_AT=n      the n-th waits until the process is told to go on
 //   FAULT_AT=n     the n-th fails; FAULT_FROM=n: it and all behind it
@@ -25,7 +26,7 @@
 #include <unistd.h>
 
 enum { MAX_FILES = 4096, NAME_SIZE = 256 };
-static int operations, writes;
+static int operations, changes, writes;
 static char names[MAX_FILES][NAME_SIZE];  // by file descriptor; empty for files that don't count
 static void* folder;                      // the one that is being listed
 
@@ -68,11 +69,20 @@ static int is_among_the_failing(const char* call, const char* name) {
          (chosen("FAULT_FROM") > 0 && operations >= chosen("FAULT_FROM"));
 }
 
+static int may_change(const char* call) {
+  static const char* const others[] = {"chdir", "flock",    "stat",    "lstat",  "fstat",
+                                       "stat64", "lstat64", "fstat64", "access", "readlink",
+                                       "read",   "opendir", "readdir"};
+  for (size_t i = 0; i < sizeof others / sizeof *others; ++i)
+    if (strcmp(call, others[i]) == 0) return 0;
+  return 1;
+}
+
 // Counts an operation. The error number that it has to fail with; 0 if it has to be done by half;
 // otherwise -1.
 static int step(const char* call, const char* name) {
   ++operations;
-  if (operations == chosen("KILL_AT")) die();
+  if (may_change(call) && ++changes == chosen("KILL_AT")) die();
   if (operations == chosen("STOP_AT")) raise(SIGSTOP);
   return is_among_the_failing(call, name) ? chosen("FAULT_WITH") : -1;
 }
