@@ -64,7 +64,7 @@ def test_a_broken_part_is_not_taken_for_a_missing_one(
 
 def test_commands_refuse_in_one_sentence(bare: None, tmp_path: Path) -> None:
     small_box(tmp_path / "part")
-    (tmp_path / "part.step").touch()
+    (tmp_path / "part.step").write_text("ISO-10303-21;\n")
     (tmp_path / "cases.toml").write_text(
         "part = 'part.step'\n[materials.m]\nE = 1.0\nnu = 0.3\n"
         "[supports.s]\nset = 'all'\n[loads.l]\ntype = 'gravity'\nvalue = [0, 0, 1]\n"

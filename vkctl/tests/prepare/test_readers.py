@@ -11,7 +11,6 @@ from new_parts import PLATE, RADIUS, brick, gmsh_session, mesh_of
 from part_files import HEXAHEDRON, TETRAHEDRON, inp_text, vtu_file
 
 from vkctl.prepare import MeshOptions, PartError, make_mesh, read_part
-from vkctl.prepare.readers.gmsh import mesh_geometry
 from vkctl.shapes.measures import element_volumes
 from vkctl.shapes.topology import TET10_EDGES
 
@@ -272,10 +271,10 @@ def test_node_data_of_a_gmsh_mesh_comes_along(tmp_path: Path, curved: Path) -> N
 
 
 def test_step_geometry_is_meshed_with_the_size_and_order_asked_for(curved: Path) -> None:
-    fine = make_mesh(mesh_geometry(curved / "part.step", MeshOptions(size=0.3)))
-    coarse = make_mesh(mesh_geometry(curved / "part.step", MeshOptions(size=0.8)))
-    linear = make_mesh(mesh_geometry(curved / "part.step", MeshOptions(size=0.3, order=1)))
-    straight = make_mesh(mesh_geometry(curved / "part.step", MeshOptions(size=0.8, curved=False)))
+    fine = make_mesh(read_part(curved / "part.step", MeshOptions(size=0.3)))
+    coarse = make_mesh(read_part(curved / "part.step", MeshOptions(size=0.8)))
+    linear = make_mesh(read_part(curved / "part.step", MeshOptions(size=0.3, order=1)))
+    straight = make_mesh(read_part(curved / "part.step", MeshOptions(size=0.8, curved=False)))
     assert len(fine.elements) > 2 * len(coarse.elements)
     assert len(linear.elements.tet4) and not len(linear.elements.tet10)
     exact = np.prod(PLATE) - np.pi * RADIUS**2 * PLATE[2]

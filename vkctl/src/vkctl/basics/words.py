@@ -9,6 +9,10 @@ from typing import Any
 import numpy.typing as npt
 
 
+_LONGEST_WORD = 100  # that a likeness is sought for: it takes the square of the length
+_MOST_OPTIONS = 500
+
+
 def counted(count: int, what: str) -> str:
     """Count and plural of a noun that takes an s: "1 node", "2 nodes"."""
     return f"{count} {what}" + ("" if count == 1 else "s")
@@ -16,7 +20,9 @@ def counted(count: int, what: str) -> str:
 
 def closest(word: str, options: Iterable[str]) -> str | None:
     """The option that a misspelt word is likely to mean, if any."""
-    folded = {option.lower(): option for option in reversed(list(options))}
+    if len(word) > _LONGEST_WORD:
+        return None
+    folded = {option.lower(): option for option in reversed(list(options)[:_MOST_OPTIONS])}
     close = difflib.get_close_matches(word.lower(), folded, 1, 0.6)
     return folded[close[0]] if close else None
 
@@ -44,3 +50,15 @@ def some(numbers: Sequence[int] | npt.NDArray[Any]) -> str:
 def listed(numbers: Sequence[int] | npt.NDArray[Any], noun: str) -> str:
     """Such as "1 element (7)" or "3 elements (7, 8, 9)"."""
     return f"{counted(len(numbers), noun)} ({some(numbers)})"
+
+
+def printable(text: str) -> str:
+    """The text with escapes for what a terminal might obey: controls, directions, half characters.
+
+    What comes from files may hold anything.
+    """
+    if text.isprintable():
+        return text
+    return "".join(
+        sign if sign.isprintable() else sign.encode("unicode_escape").decode() for sign in text
+    )

@@ -13,6 +13,7 @@ from pathlib import Path
 
 import numpy as np
 
+from vkctl.basics.memory import available_gb
 from vkctl.basics.types import Array
 from vkctl.directory.formats import MODES, MOST_THREADS, OPTIONS_FILE
 from vkctl.directory.numbering import prescribed_components
@@ -152,20 +153,10 @@ def check_estimate(inputs: Inputs, values: dict[str, float]) -> Iterator[Finding
     elif mode == _AUTOMATIC and budget <= 0:
         text = "Sys.AvailableMemGB is 0 or less: the factor is made whatever memory it needs."
         yield note("memory-no-budget", text, OPTIONS_FILE)
-    there = memory_available_gb()
+    there = available_gb()
     if there is not None and values["memory_gb"] > there:
         text = f"The run needs about {values['memory_gb']:.2g} GB, {there:.2g} GB are free here."
         hint = (
             "Use --mode iterative, a lower Sys.AvailableMemGB, a coarser mesh, or a larger machine."
         )
         yield warning("memory-machine", text, "", hint)
-
-
-def memory_available_gb() -> float | None:
-    """Memory that a new process can have on this machine; None where that isn't known."""
-    try:
-        lines = Path("/proc/meminfo").read_text().splitlines()
-    except OSError:
-        return None
-    sizes = dict(line.split(":", 1) for line in lines)
-    return int(sizes["MemAvailable"].split()[0]) / 1024**2 if "MemAvailable" in sizes else None

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import signal
 from pathlib import Path
 from typing import Annotated
 
@@ -10,13 +11,22 @@ import typer
 from rich import box
 from rich.console import Console
 from rich.table import Table
+from rich.text import Text
 
 from vkctl.basics.types import Array
-from vkctl.prepare.build import Prepared, build, new
+from vkctl.basics.words import printable
+from vkctl.prepare.build import Prepared, build, put
 from vkctl.prepare.case_file.mistakes import CaseFileError
 from vkctl.prepare.mesh import PartMesh
 from vkctl.prepare.part import PartError
-from vkctl.terminal.refusal import refusing
+from vkctl.terminal.reading import (
+    NoLimits,
+    TerminatedError,
+    TrustScripts,
+    ending_when_asked,
+    reading_shown,
+)
+from vkctl.terminal.refusal import refuse, refusing
 
 
 def new_command(
@@ -30,23 +40,32 @@ def new_command(
     list_sets: Annotated[
         bool, typer.Option(..., "--list-sets", help="show the sets and write nothing")
     ] = False,
+    trust_scripts: TrustScripts = False,
+    no_limits: NoLimits = False,
 ) -> None:
     """Write the working directory of a part under the loads of a case file."""
     console = Console(highlight=False)
     if directory is None and not list_sets:
         raise typer.BadParameter("name the working directory, or give --list-sets")
-    with refusing(CaseFileError, PartError, OSError):
-        if list_sets or directory is None:
-            prepared = build(part, cases)
-        else:
-            prepared = new(part, cases, directory)
+    end = "nothing is written"
+    try:
+        with refusing(CaseFileError, PartError, OSError, MemoryError), ending_when_asked():
+            with reading_shown(trust_scripts, no_limits) as reading:
+                prepared = build(part, cases, reading)
+            if not list_sets and directory is not None:
+                end = f"{directory} isn't complete"
+                put(prepared, directory)
+    except KeyboardInterrupt:
+        raise refuse(f"Interrupted: {end}.", 128 + signal.SIGINT) from None
+    except TerminatedError:
+        raise refuse(f"Terminated: {end}.", 128 + signal.SIGTERM) from None
     if list_sets:
         console.print(sets_table(prepared))
     else:
         console.print(summary(prepared), markup=False, soft_wrap=True)
         console.print(cases_table(prepared))
     for note in prepared.notes:
-        console.print(f"note: {note}", markup=False, soft_wrap=True)
+        console.print(f"note: {printable(note)}", markup=False, soft_wrap=True)
 
 
 def summary(prepared: Prepared) -> str:
@@ -70,7 +89,7 @@ def cases_table(prepared: Prepared) -> Table:
     ):
         sums = prepared.resultants[number - 1]
         cells = [f"{value:.4g}" for value in _cleaned(sums, prepared)]
-        table.add_row(f"{number} {name}", str(case.pattern), *cells)
+        table.add_row(Text(printable(f"{number} {name}")), str(case.pattern), *cells)
     return table
 
 
@@ -94,6 +113,9 @@ def sets_table(prepared: Prepared) -> Table:
             points = mesh.nodes[prepared.sets.nodes_of(kind, name) - 1]
             ends = [points.min(axis=0), points.max(axis=0)] if len(points) else []
             table.add_row(
-                name, kind, str(len(found)), *(" ".join(f"{v:.5g}" for v in e) for e in ends)
+                Text(printable(name)),
+                kind,
+                str(len(found)),
+                *(" ".join(f"{v:.5g}" for v in e) for e in ends),
             )
     return table

@@ -12,7 +12,7 @@ from .case_file.read import read_cases
 from .case_records import assign_patterns
 from .face_sets import Faces
 from .mesh import PartMesh, make_mesh
-from .part import MeshOptions, Part, PartError
+from .part import MeshOptions, Part, PartError, Reading, Told
 from .readers.registry import read_part
 from .sets import Sets
 
@@ -28,7 +28,9 @@ __all__ = [
     "PartError",
     "Prepared",
     "Problem",
+    "Reading",
     "Sets",
+    "Told",
     "assign_patterns",
     "build",
     "build_model",

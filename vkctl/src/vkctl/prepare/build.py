@@ -19,6 +19,7 @@ from .case_file.read import read_cases
 from .case_records import assign_patterns, grouped, load_case, resultant
 from .conditions import LoadMaker, guarded, node_array, support_records, united
 from .mesh import PartMesh, make_mesh
+from .part import Reading
 from .readers.registry import read_part
 from .sets import Sets
 
@@ -41,26 +42,38 @@ class Prepared:
     directory: Path | None = None  # where it was written
 
 
-def new(part: PathLike | None, cases: PathLike, directory: PathLike) -> Prepared:
+def new(
+    part: PathLike | None, cases: PathLike, directory: PathLike, reading: Reading | None = None
+) -> Prepared:
     """Write the working directory of a part under the loads of a case file.
 
     `part` is a Gmsh mesh (.msh), geometry that Gmsh meshes (.step, .stp, .geo), an Abaqus or
     CalculiX deck (.inp) or a VTK grid (.vtu); None takes the file that the case file names,
     relative to it. Result, state and load-case files of an earlier model in the directory are
-    removed. Raises CaseFileError for mistakes in the case file, sets that don't exist or are
-    empty included, PartError for a part that can't be used, and BusyError where another process
-    works on the directory.
+    removed. `reading` tells how far the part's sender is trusted. Raises CaseFileError for mistakes
+    in the case file, sets that don't exist or are empty included, PartError for a part that can't
+    be used, and BusyError where another process works on the directory.
     """
-    prepared = build(part, cases)
+    prepared = build(part, cases, reading)
+    put(prepared, directory)
+    return prepared
+
+
+def put(prepared: Prepared, directory: PathLike) -> None:
+    """Write a model that was built, in place of what the directory holds of an earlier one.
+
+    BusyError where another process works on the directory.
+    """
     Path(directory).mkdir(parents=True, exist_ok=True)
     with lock.holding(directory):
         _remove_stale(Path(directory), prepared.notes)
         model.write(prepared.model, directory)
     prepared.directory = Path(directory)
-    return prepared
 
 
-def build(part: PathLike | None, cases: PathLike) -> Prepared:
+def build(
+    part: PathLike | None, cases: PathLike, reading: Reading | None = None
+) -> Prepared:
     """The model of `new`, not written."""
     known = read_cases(cases)
     if part is None:
@@ -68,7 +81,8 @@ def build(part: PathLike | None, cases: PathLike) -> Prepared:
             known.report.add((), "names no part", "add part = 'FILE' or name the part's file")
             known.report.finish()
         part = known.path.parent / known.part
-    mesh = make_mesh(read_part(part, known.mesh), scale=known.scale, reorder=known.reorder)
+    found = read_part(part, known.mesh, reading)
+    mesh = make_mesh(found, scale=known.scale, reorder=known.reorder)
     return build_model(mesh, known)
 
 

@@ -2,7 +2,7 @@
 
 from __future__ import annotations
 
-from collections.abc import Iterable
+from collections.abc import Callable, Iterable
 from dataclasses import dataclass, field
 
 import numpy as np
@@ -21,6 +21,27 @@ class MeshOptions:
     order: int = 2  # 1 for 4-node, 2 for 10-node tetrahedra
     curved: bool = True  # mid-edge nodes on the geometry rather than halfway
     threads: int = 1
+
+
+@dataclass(frozen=True)
+class Told:
+    """What there is to tell while a part is read: to be kept, or true for the moment only."""
+
+    text: str
+    lasting: bool = False
+
+
+@dataclass(frozen=True)
+class Reading:
+    """How far the sender of a part is trusted, and who is told how its reading goes on.
+
+    Without trust nothing in the part's file starts a program, writes a file, or opens another one
+    outside of its folder. `limits` bound time and memory.
+    """
+
+    trust_scripts: bool = False
+    limits: bool = True
+    tell: Callable[[Told], None] = lambda told: None
 
 
 _SHOWN = 5  # labels named in a message
@@ -66,11 +87,13 @@ class Lookup:
         self.order = np.argsort(labels, kind="stable")
         self.sorted = np.asarray(labels)[self.order]
         self.dense = False
+        self.first = self.last = 0
         if len(labels):
             double = self.sorted[1:][self.sorted[1:] == self.sorted[:-1]]
             if len(double):
                 raise PartError(f"{what} labels occur twice: {labelled(double)}")
-            self.dense = bool(self.sorted[-1] - self.sorted[0] + 1 == len(labels))
+            self.first, self.last = int(self.sorted[0]), int(self.sorted[-1])
+            self.dense = self.last - self.first + 1 == len(labels)
 
     def positions(self, labels: Array) -> Array:
         """Positions (0-based) of `labels`; PartError names those that don't exist."""
@@ -79,8 +102,8 @@ class Lookup:
             place = np.zeros(wanted.shape, np.int64)
             missing = np.ones(wanted.shape, np.bool_)
         elif self.dense:
-            place = wanted - self.sorted[0]
-            missing = (place < 0) | (place >= len(self.sorted))
+            missing = (wanted < self.first) | (wanted > self.last)
+            place = np.where(missing, self.first, wanted) - self.first
         else:
             place = np.minimum(np.searchsorted(self.sorted, wanted), len(self.sorted) - 1)
             missing = self.sorted[place] != wanted

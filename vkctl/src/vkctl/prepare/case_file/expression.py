@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import ast
+import warnings
 from collections.abc import Callable
 from typing import Any
 
@@ -52,7 +53,9 @@ _COMPARE: dict[type, Callable[[Any, Any], Any]] = {
     ast.NotEq: np.not_equal,
 }
 _VARIABLES = ("x", "y", "z")
+_LONGEST = 2000  # characters of a formula
 _DEEPEST = 60  # levels of nesting; far below the interpreter's own limit
+_AT_ONCE = 1 << 16  # points that a formula is taken at together, which bounds its memory
 
 
 class ExpressionError(ValueError):
@@ -72,6 +75,7 @@ def _check(node: ast.AST, depth: int = 0) -> None:
         case ast.Constant(value=value):
             if isinstance(value, bool) or not isinstance(value, int | float):
                 raise ExpressionError(f"{value!r} is no number")
+            _as_float(value)
             return
         case ast.Name(id=name):
             options = [*_VARIABLES, *_CONSTANTS]
@@ -104,10 +108,17 @@ def _check(node: ast.AST, depth: int = 0) -> None:
         _check(child, depth + 1)
 
 
+def _as_float(value: int | float) -> float:
+    try:
+        return float(value)
+    except OverflowError:
+        raise ExpressionError("a number is too large") from None
+
+
 def _value(node: ast.AST, names: dict[str, Any]) -> Any:
     match node:
         case ast.Constant(value=value):
-            return float(value)  # type: ignore[arg-type]
+            return _as_float(value)  # type: ignore[arg-type]
         case ast.Name(id=name):
             return names[name]
         case ast.Call(func=ast.Name(id=name), args=args):
@@ -120,9 +131,12 @@ def _value(node: ast.AST, names: dict[str, Any]) -> Any:
                 return np.logical_not(value)
             return np.negative(value) if isinstance(op, ast.USub) else value
         case ast.Compare(left=left, ops=ops, comparators=rest):
-            values = [_value(v, names) for v in (left, *rest)]
-            pairs = zip(ops, values[:-1], values[1:], strict=True)
-            return np.logical_and.reduce([_COMPARE[type(op)](a, b) for op, a, b in pairs])
+            before, result = _value(left, names), np.True_
+            for op, right in zip(ops, rest, strict=True):
+                after = _value(right, names)
+                result = np.logical_and(result, _COMPARE[type(op)](before, after))
+                before = after
+            return result
         case ast.BoolOp(op=op, values=values):
             join = np.logical_and if isinstance(op, ast.And) else np.logical_or
             result = _value(values[0], names)
@@ -143,23 +157,32 @@ class Expression:
 
     def __init__(self, text: str) -> None:
         self.text = text
+        if len(text) > _LONGEST:
+            raise ExpressionError(f"is longer than {_LONGEST} characters")
         try:
-            tree = ast.parse(text.strip(), mode="eval").body
+            with warnings.catch_warnings():  # of what will be refused
+                warnings.simplefilter("ignore")
+                tree = ast.parse(text.strip(), mode="eval").body
         except (SyntaxError, ValueError, RecursionError, MemoryError) as error:
             reason = getattr(error, "msg", None) or str(error)
             raise ExpressionError(f"can't be read as a formula: {reason}") from None
-        _check(tree)
+        try:
+            _check(tree)
+        except RecursionError:
+            raise ExpressionError("nested too deeply") from None
         self._tree = tree
 
     def __repr__(self) -> str:
         return f"Expression({self.text!r})"
 
     def __call__(self, points: Array) -> Array:
-        names: dict[str, Any] = dict(_CONSTANTS)
-        names.update(zip(_VARIABLES, np.asarray(points, np.float64).T, strict=True))
-        with np.errstate(all="ignore"):
-            values = np.asarray(_value(self._tree, names), np.float64)
-        values = np.broadcast_to(values, len(points))
+        values = np.empty(len(points))
+        for start in range(0, len(points), _AT_ONCE):
+            piece = slice(start, start + _AT_ONCE)
+            names: dict[str, Any] = dict(_CONSTANTS)
+            names.update(zip(_VARIABLES, np.asarray(points[piece], np.float64).T, strict=True))
+            with np.errstate(all="ignore"):
+                values[piece] = _value(self._tree, names)
         bad = np.flatnonzero(~np.isfinite(values))
         if len(bad):
             x, y, z = points[bad[0]]

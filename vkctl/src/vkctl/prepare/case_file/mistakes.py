@@ -8,8 +8,12 @@ from dataclasses import dataclass, field
 from pathlib import Path
 
 from vkctl.basics.types import PathLike
+from vkctl.basics.words import printable
 
 from . import locate
+
+
+_MOST = 200
 
 
 @dataclass(frozen=True, order=True)
@@ -47,9 +51,14 @@ class Mistakes:
         """Note a mistake at the key path `where`, or at the nearest table that has a line."""
         while where and where not in self.lines:
             where = where[:-1]
-        problem = Problem(self.lines.get(where, 0), text, suggestion)
-        if problem not in self.problems:
+        problem = Problem(self.lines.get(where, 0), printable(text), printable(suggestion))
+        if problem not in self.problems and not self.is_full:
             self.problems.append(problem)
+
+    @property
+    def is_full(self) -> bool:
+        """Whether there are as many mistakes as anybody will read."""
+        return len(self.problems) >= _MOST
 
     def finish(self) -> None:
         """Raise CaseFileError if there is any mistake."""

@@ -21,6 +21,9 @@ from .read_sets import read_set
 from .toml_table import Table, load
 
 
+_SHOWN = 20  # names in a message
+
+
 def read_cases(path: PathLike) -> Cases:
     """Read and check a case file; CaseFileError tells all its mistakes at once."""
     top, report = load(path)
@@ -83,10 +86,15 @@ def _read_load_cases(cases: Cases, top: Table) -> None:
     if not tables:
         entry = CaseEntry("all", (), tuple(cases.supports), everything, True, False)
         cases.load_cases = [entry]
+    if len(tables) > LARGEST_NUMBER:
+        top.report.add(("load_case",), f"more than {LARGEST_NUMBER} load cases")
+        return
+    taken: set[str] = set()
     for number, table in enumerate(tables, 1):
         name = table.text("name", f"case {number}")
-        if name in [entry.name for entry in cases.load_cases]:
+        if name in taken:
             table.problem("name", f"{name!r} is taken by an earlier load case")
+        taken.add(name)
         entry = CaseEntry(
             name,
             table.path,
@@ -98,8 +106,6 @@ def _read_load_cases(cases: Cases, top: Table) -> None:
         _check_names(table, "supports", entry.supports, cases.supports)
         cases.load_cases.append(entry)
         table.done()
-    if len(cases.load_cases) > LARGEST_NUMBER:
-        top.report.add(("load_case",), f"more than {LARGEST_NUMBER} load cases")
     if not cases.supports:
         text = "no supports: nothing holds the part"
         top.report.add((), text, "add a table [supports.NAME] with a 'set'")
@@ -119,6 +125,8 @@ def _case_loads(cases: Cases, table: Table) -> dict[str, float]:
 
 def _check_names(table: Table, key: str, used: Iterable[str], known: Iterable[str]) -> None:
     for index, name in enumerate(used):
+        if table.report.is_full:
+            return
         if name not in known:
             inside = name if isinstance(table.data.get(key), dict) else index
             text = f"names {name!r}, which isn't in [{key}]"
@@ -128,22 +136,27 @@ def _check_names(table: Table, key: str, used: Iterable[str], known: Iterable[st
 def _read_run_order(cases: Cases, top: Table) -> list[int] | None:
     if not top.has("run_order"):
         return None
-    names = [entry.name for entry in cases.load_cases]
+    names = {entry.name: number for number, entry in enumerate(cases.load_cases, 1)}
     given = top.names("run_order")
     for index, name in enumerate(given):
+        if top.report.is_full:
+            return None
         if name not in names:
             text = f"names {name!r}, which isn't a load case"
             top.problem("run_order", text, did_you_mean(name, names), index)
-    missing = [name for name in names if name not in given]
+    there = set(given)
+    missing = [name for name in names if name not in there]
     if missing:
         top.problem(
-            "run_order", f"leaves out {', '.join(missing)}", "it has to name all load cases"
+            "run_order",
+            f"leaves out {', '.join(missing[:_SHOWN])}{', ...' if len(missing) > _SHOWN else ''}",
+            "it has to name all load cases",
         )
     if len(set(given)) != len(given):
         top.problem("run_order", "names a load case twice")
     if top.report.problems:
         return None
-    return [names.index(name) + 1 for name in given]
+    return [names[name] for name in given]
 
 
 def _read_options(table: Table) -> dict[str, float]:

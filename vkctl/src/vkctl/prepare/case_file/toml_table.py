@@ -18,6 +18,13 @@ from .mistakes import CaseFileError, Mistakes, Problem
 
 Field = float | Expression  # a number, or a formula of x, y and z
 
+_LONGEST_FILE = 4 << 20  # bytes
+_DEEPEST = 16  # tables and lists inside of each other
+_MOST_PARTS = 32  # of a dotted key
+# Parts behind each other with nothing but a dot between them: names, quoted ones included.
+_LONG_KEY = re.compile(
+    r"""(?:(?:[\w-]++|"[^"]*+"|'[^']*+')[ \t]*+\.[ \t]*+){%d}""" % _MOST_PARTS
+)
 _TYPE_NAMES = {
     bool: "a truth value",
     int: "a whole number",
@@ -34,14 +41,24 @@ def load(path: PathLike) -> tuple[Table, Mistakes]:
     CaseFileError where the file is missing or isn't TOML.
     """
     try:
-        text = Path(path).read_bytes().decode("utf-8")
+        with open(path, "rb") as stream:
+            data = stream.read(_LONGEST_FILE + 1)
+        if len(data) > _LONGEST_FILE:
+            raise CaseFileError(path, [Problem(0, f"is longer than {_LONGEST_FILE >> 20} MB")])
+        text = data.decode("utf-8")
     except OSError as error:
         raise CaseFileError(path, [Problem(0, f"can't be read: {error.strerror}")]) from None
     except UnicodeDecodeError as error:
         raise CaseFileError(path, [Problem(0, f"isn't UTF-8 text: {error.reason}")]) from None
     text = text.replace("\r\n", "\n")
+    if (line := _line_of_long_key(text)) is not None:
+        raise CaseFileError(path, [Problem(line, "a key of too many parts")])
     try:
-        data = tomllib.loads(text)
+        said = tomllib.loads(text)
+        if _is_deeper(said, _DEEPEST):
+            raise RecursionError
+    except RecursionError:
+        raise CaseFileError(path, [Problem(0, "tables or lists are nested too deeply")]) from None
     except tomllib.TOMLDecodeError as error:
         match = re.match(r"(.*) \(at line (\d+), column (\d+)\)\Z", str(error), re.DOTALL)
         if match:
@@ -49,8 +66,36 @@ def load(path: PathLike) -> tuple[Table, Mistakes]:
         else:
             problem = Problem(text.count("\n") + 1, f"not TOML: {error}")
         raise CaseFileError(path, [problem]) from None
+    except ValueError as error:  # of numbers with thousands of digits
+        raise CaseFileError(path, [Problem(0, f"not TOML: {error}")]) from None
     report = Mistakes(Path(path), locate.locate(text))
-    return Table(data, (), report), report
+    return Table(said, (), report), report
+
+
+def _line_of_long_key(text: str) -> int | None:
+    """Line of a key or header of more parts than any has; such cost their square in time."""
+    for number, line in enumerate(text.split("\n"), 1):
+        if line.count(".") > _MOST_PARTS and _LONG_KEY.search(line):
+            return number
+    return None
+
+
+def _is_deeper(value: object, most: int) -> bool:
+    """Whether tables and lists lie more than `most` deep in each other."""
+    level = [value]
+    for _ in range(most):
+        inside: list[object] = []
+        for one in level:
+            inside += (
+                one.values() if isinstance(one, dict) else one if isinstance(one, list) else []
+            )
+        level = inside
+    return bool(level)
+
+
+_LARGEST = 3.4e38  # a 32-bit number
+_LARGEST_INTEGER = 2**31 - 1
+_LONGEST_SHOWN = 80  # characters of a value in a message
 
 
 class _Required:
@@ -140,10 +185,10 @@ class Table:
         name, more = str(key[0]), key[1:]
         if isinstance(value, bool) or not isinstance(value, int | float):
             self.problem(name, f"must be a number, not {_described(value)}", "", *more)
-        elif not math.isfinite(value):
-            self.problem(name, f"must be finite, not {value}", "", *more)
-        elif abs(value) > 3.4e38:
-            self.problem(name, f"is too large for a 32-bit number: {value!r}", "", *more)
+        elif not -_LARGEST <= value <= _LARGEST:
+            finite = isinstance(value, int) or math.isfinite(value)
+            words = "is too large for a 32-bit number:" if finite else "must be finite, not"
+            self.problem(name, f"{words} {_described(value)}", "", *more)
         else:
             return float(value)
         return None
@@ -153,7 +198,10 @@ class Table:
     ) -> int:
         given, value = self._typed(key, default, int)
         if given and least is not None and value < least:
-            self.problem(key, f"must be at least {least}, not {value}")
+            self.problem(key, f"must be at least {least}, not {_described(value)}")
+        if given and abs(value) > _LARGEST_INTEGER:
+            self.problem(key, f"is too large: {_described(value)}")
+            return _LARGEST_INTEGER
         return int(value or 0)
 
     def boolean(self, key: str, default: bool) -> bool:
@@ -290,6 +338,8 @@ class Table:
     def done(self) -> None:
         """Report the keys that nothing asked for."""
         for key in self.data:
+            if self.report.is_full:
+                return
             if key not in self._seen:
                 text = f"unknown key {key!r} in {self.label}"
                 self.report.add(self.where(key), text, did_you_mean(key, dict.fromkeys(self._seen)))
@@ -300,7 +350,10 @@ def _described(value: Any) -> str:
         return "a table"
     if isinstance(value, list):
         return f"a list of {len(value)}"
-    return repr(value)
+    if isinstance(value, int) and not isinstance(value, bool) and abs(value) > _LARGEST:
+        return f"a number of {value.bit_length()} bits"
+    text = repr(value)
+    return text if len(text) <= _LONGEST_SHOWN else f"{text[:_LONGEST_SHOWN]}..."
 
 
 def _reason(error: ExpressionError) -> str:

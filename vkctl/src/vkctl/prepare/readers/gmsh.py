@@ -1,11 +1,15 @@
-"""Parts read through Gmsh: its own meshes, and geometry that it meshes."""
+"""Parts read through Gmsh: its own meshes, and geometry that it meshes.
+
+For the reading process alone: `apart` has looked at the file's head, or at all of a script.
+"""
 
 from __future__ import annotations
 
 from collections import defaultdict
-from collections.abc import Iterator
+from collections.abc import Callable, Iterator
 from contextlib import contextmanager
 from types import ModuleType
+from typing import Any
 
 import numpy as np
 
@@ -15,6 +19,9 @@ from vkctl.basics.types import Array, PathLike
 from vkctl.shapes.topology import HEX8, TET4, TET10
 
 from ..part import MeshOptions, Part, PartError
+from .element_count import expected, fitting_size, measured
+
+Tell = Callable[[str, dict[str, Any]], None]  # what is told, and what there is to say
 
 # Gmsh element types (its reference manual, "Node ordering"): the solver's type and the place of
 # each of the solver's nodes. Gmsh has the mid-edge nodes of 3-4 and 2-4 the other way round.
@@ -26,11 +33,13 @@ _SOLIDS = {
 
 _SURFACES = {2: 3, 3: 4, 9: 6}  # type and number of nodes, which are in the solver's order
 _DIMENSION_NAMES = ("point", "curve", "surface", "volume")
+_MOST_THREADS = 64
+_COUNTED = 1e12  # a count above it is written with an exponent
 
 
 @contextmanager
 def _session(threads: int = 1) -> Iterator[ModuleType]:
-    """Gmsh with a model of its own; a session that the caller has open stays open."""
+    """Gmsh with nothing of the user's configuration."""
     try:
         gmsh = need("gmsh")
     except OSError as error:
@@ -38,74 +47,71 @@ def _session(threads: int = 1) -> Iterator[ModuleType]:
             f"Gmsh can't be loaded: {error}; it needs the system's OpenGL and X libraries "
             "(libglu1-mesa, libxrender1, libxcursor1, libxft2, libxinerama1)"
         ) from None
-    ours = not gmsh.isInitialized()
-    if ours:
-        gmsh.initialize(readConfigFiles=False, interruptible=False)
-    terminal = gmsh.option.getNumber("General.Terminal")
-    gmsh.option.setNumber("General.Terminal", 0)
-    gmsh.option.setNumber("General.NumThreads", threads)
+    gmsh.initialize(readConfigFiles=False, interruptible=False)
+    gmsh.option.setNumber("General.Terminal", 1)
+    gmsh.option.setNumber("General.NumThreads", min(threads, _MOST_THREADS))
     gmsh.model.add("vkctl")
     gmsh.logger.start()
-    try:
-        yield gmsh
-    finally:
-        gmsh.logger.stop()
-        gmsh.model.remove()
-        gmsh.option.setNumber("General.Terminal", terminal)
-        if ours:
-            gmsh.finalize()
+    yield gmsh
 
 
-def _failure(gmsh: ModuleType, path: PathLike, error: Exception) -> PartError:
+def _failure(gmsh: ModuleType, title: str, error: Exception) -> PartError:
     said = [line for line in gmsh.logger.get() if line.startswith("Error")]
     words = said[-1].partition(":")[2].strip() if said else str(error).strip()
-    return PartError(f"{path}: Gmsh can't read or mesh it: {words or 'no reason given'}")
+    return PartError(f"{title}: Gmsh can't read or mesh it: {words or 'no reason given'}")
 
 
-def read_msh(path: PathLike) -> Part:
+def read_msh(path: PathLike, title: str) -> Part:
     """Part of a Gmsh mesh file of any version that Gmsh reads."""
     with _session() as gmsh:
         try:
             gmsh.merge(str(path))
         except Exception as error:
-            raise _failure(gmsh, path, error) from None
+            raise _failure(gmsh, title, error) from None
         part = _collect(gmsh)
         part.node_data = _views(gmsh, part.labels)
         return part
 
 
-def mesh_geometry(path: PathLike, options: MeshOptions) -> Part:
+def mesh_geometry(
+    path: PathLike, title: str, options: MeshOptions, *, most_bytes: int, tell: Tell
+) -> Part:
     """Part meshed from a STEP file or a Gmsh script (.geo).
 
-    Touching solids of a STEP file are glued: their common faces share nodes.
+    Touching solids of a STEP file are glued: their common faces share nodes. How many elements
+    there will be is told, and refused where they need more than `most_bytes`, unless that is 0.
     """
     with _session(options.threads) as gmsh:
         try:
-            _load_geometry(gmsh, path)
+            _load_geometry(gmsh, path, title)
             if not len(gmsh.model.mesh.getElements(3)[0]):
-                _mesh(gmsh, options)
+                _mesh(gmsh, title, options, most_bytes, tell)
         except PartError:
             raise
         except Exception as error:
-            raise _failure(gmsh, path, error) from None
+            raise _failure(gmsh, title, error) from None
         return _collect(gmsh)
 
 
-def _load_geometry(gmsh: ModuleType, path: PathLike) -> None:
+def _load_geometry(gmsh: ModuleType, path: PathLike, title: str) -> None:
     if str(path).lower().endswith(".geo"):
         gmsh.merge(str(path))
     else:
-        solids = [s for s in gmsh.model.occ.importShapes(str(path)) if s[0] == 3]
+        found = gmsh.model.occ.importShapes(str(path), format="step")
+        solids = [s for s in found if s[0] == 3]
         if len(solids) > 1:
             gmsh.model.occ.fragment(solids[:1], solids[1:])
         gmsh.model.occ.synchronize()
     if not gmsh.model.getEntities(3):
-        raise PartError(f"{path} holds no solid")
+        raise PartError(f"{title} holds no solid")
 
 
-def _mesh(gmsh: ModuleType, options: MeshOptions) -> None:
+def _mesh(
+    gmsh: ModuleType, title: str, options: MeshOptions, most_bytes: int, tell: Tell
+) -> None:
     low, high = np.reshape(gmsh.model.getBoundingBox(-1, -1), (2, 3))
     size = options.size or float(np.linalg.norm(high - low)) / 20
+    _announce(gmsh, title, size, options, most_bytes, tell)
     numbers = {
         "Mesh.MeshSizeMax": size,
         "Mesh.MeshSizeMin": options.smallest_size or 0.0,
@@ -118,6 +124,40 @@ def _mesh(gmsh: ModuleType, options: MeshOptions) -> None:
     for name, value in numbers.items():
         gmsh.option.setNumber(name, value)
     gmsh.model.mesh.generate(3)
+
+
+def _announce(
+    gmsh: ModuleType, title: str, size: float, options: MeshOptions, most_bytes: int, tell: Tell
+) -> None:
+    """Tell how many elements there will be; PartError where the memory isn't there for them."""
+    extents = measured(gmsh)
+    count = expected(extents, size, options)
+    text = (
+        f"about {_rounded(count.elements)} elements of size {size:.3g} at most expected, "
+        f"{_memory(count.bytes)} of memory"
+    )
+    if not most_bytes or count.bytes <= most_bytes:
+        tell("estimate", {"elements": count.elements, "text": text})
+        return
+    fits = fitting_size(extents, size, options, most_bytes)
+    way = (
+        f"size = {fits:g} in [mesh] would fit"
+        if fits is not None
+        else "no size would fit: lower per_circle in [mesh], or the sizes that the script gives"
+    )
+    raise PartError(
+        f"{title}: {text}, but {_memory(most_bytes)} are there for them; {way}, "
+        "and --no-limits meshes it all the same"
+    )
+
+
+def _rounded(count: float) -> str:
+    """Two digits, since it is a guess."""
+    return f"{float(f'{count:.2g}'):,.0f}" if count < _COUNTED else f"{count:.1e}"
+
+
+def _memory(size: float) -> str:
+    return f"{size / 2**30:.2g} GB" if size < 1e4 * 2**30 else f"{size / 2**30:.1e} GB"
 
 
 def _collect(gmsh: ModuleType) -> Part:

@@ -7,7 +7,7 @@ from __future__ import annotations
 
 import re
 import warnings
-from collections.abc import Iterator
+from collections.abc import Iterable, Iterator
 from dataclasses import dataclass, field
 from pathlib import Path
 
@@ -29,6 +29,9 @@ _LINES = {"T3D2": 2, "T3D3": 3, "T2D2": 2, "B31": 2, "B32": 3, "B21": 2, "SPRING
 _KEYWORD = re.compile(r"^[ \t]*\*[^\n]*", re.MULTILINE)
 _SILENT = {"HEADING", "PART", "ENDPART", "ASSEMBLY", "ENDASSEMBLY", "INSTANCE", "ENDINSTANCE"}
 _DEEPEST_INCLUDE = 10
+_MOST_INCLUDES = 1000
+_MOST_MEMBERS = 50_000_000  # of sets, where lines of a deck stand for many
+_LARGEST_LABEL = 2**62
 
 
 @dataclass
@@ -52,8 +55,8 @@ class _Deck:
     points: list[Array] = field(default_factory=list)
     solids: list[tuple[int, Array, Array]] = field(default_factory=list)
     flat: list[tuple[str, Array, Array]] = field(default_factory=list)  # set, labels, rows
-    node_sets: dict[str, Array] = field(default_factory=dict)
-    element_sets: dict[str, Array] = field(default_factory=dict)
+    node_sets: dict[str, list[Array]] = field(default_factory=dict)
+    element_sets: dict[str, list[Array]] = field(default_factory=dict)
     surfaces: dict[str, list[tuple[str, str]]] = field(default_factory=dict)  # (set, side)
     titles: dict[str, str] = field(default_factory=dict)  # spelling of each name
     unsupported: dict[str, int] = field(default_factory=dict)
@@ -61,6 +64,7 @@ class _Deck:
     notes: dict[str, None] = field(default_factory=dict)
     scope: list[str] = field(default_factory=list)  # of PART, ASSEMBLY, INSTANCE
     instances: int = 0
+    members: int = 0  # of sets, from ranges and other sets
     has_part: bool = False
 
     def name(self, text: str) -> str:
@@ -69,28 +73,59 @@ class _Deck:
         self.titles.setdefault(plain.upper(), plain)
         return plain.upper()
 
-    def extend(self, sets: dict[str, Array], name: str, labels: Array) -> None:
-        old = sets.get(name)
-        sets[name] = labels if old is None else np.concatenate((old, labels))
+    def extend(self, sets: dict[str, list[Array]], name: str, labels: Array) -> None:
+        sets.setdefault(name, []).append(labels)
+
+    def count(self, members: int, path: PathLike) -> None:
+        """Keep account of what a few bytes can stand for."""
+        self.members += members
+        if self.members > _MOST_MEMBERS:
+            raise PartError(f"{path}: sets of more than {_MOST_MEMBERS} members in all")
 
 
-def read_inp(path: PathLike) -> Part:
-    """Part of an input deck: *NODE, *ELEMENT, *NSET, *ELSET, *SURFACE and *INCLUDE."""
+def _joined(sets: dict[str, list[Array]], name: str) -> Array:
+    """All labels of a set, as one piece from then on."""
+    pieces = sets.get(name, [])
+    if len(pieces) > 1:
+        pieces[:] = [np.concatenate(pieces)]
+    return pieces[0] if pieces else np.empty(0, np.int64)
+
+
+@dataclass
+class _Sources:
+    """The files of a deck: where they may lie, and how many there have been."""
+
+    folder: Path
+    anywhere: bool
+    files: int = 0
+
+
+def read_inp(path: PathLike, title: str, anywhere: bool = False) -> Part:
+    """Part of an input deck: *NODE, *ELEMENT, *NSET, *ELSET, *SURFACE and *INCLUDE.
+
+    Included files lie in the deck's folder or below it, unless `anywhere`.
+    """
     deck = _Deck()
-    for section in _sections(Path(path)):
-        _take(deck, section, path)
+    for section in _sections(Path(path), _Sources(Path(path).parent.resolve(), anywhere)):
+        _take(deck, section, title)
     if not deck.node_labels:
-        raise PartError(f"{path}: no *NODE block")
+        raise PartError(f"{title}: no *NODE block")
     return _part(deck)
 
 
-def _sections(path: Path, depth: int = 0) -> Iterator[_Section]:
-    try:
-        text = path.read_text("latin-1").replace("\r\n", "\n")
-    except OSError as error:
-        raise PartError(f"{path}: can't be read: {error.strerror}") from None
+def _sections(path: Path, sources: _Sources, depth: int = 0) -> Iterator[_Section]:
+    sources.files += 1
     if depth > _DEEPEST_INCLUDE:
         raise PartError(f"{path}: *INCLUDE lines go round in a circle")
+    if sources.files > _MOST_INCLUDES:
+        raise PartError(f"{path}: more than {_MOST_INCLUDES} *INCLUDE lines")
+    try:
+        if not path.is_file() and path.exists():
+            raise PartError(f"{path}: is no file that can be included")
+        text = path.read_text("latin-1").replace("\r\n", "\n")
+    except (OSError, ValueError) as error:
+        reason = getattr(error, "strerror", None) or str(error)
+        raise PartError(f"{path}: can't be read: {reason}") from None
     head = ""
     data: list[str] = []
     last = 0
@@ -100,18 +135,20 @@ def _sections(path: Path, depth: int = 0) -> Iterator[_Section]:
         line = match[0].strip()
         if line.startswith("**"):
             continue
-        yield from _finished(head, data, path, depth)
+        yield from _finished(head, data, path, sources, depth)
         head, data = line, []
-        while head.endswith(","):  # the parameters go on in the next line
+        while head.endswith(",") and last < len(text):  # the parameters go on in the next line
             stop = text.find("\n", last + 1)
             stop = len(text) if stop < 0 else stop
             head += text[last:stop].strip()
             last = stop
     data.append(text[last:])
-    yield from _finished(head, data, path, depth)
+    yield from _finished(head, data, path, sources, depth)
 
 
-def _finished(head: str, data: list[str], path: Path, depth: int) -> Iterator[_Section]:
+def _finished(
+    head: str, data: list[str], path: Path, sources: _Sources, depth: int
+) -> Iterator[_Section]:
     if not head:
         return
     keyword, *rest = head.lstrip("*").split(",")
@@ -119,9 +156,25 @@ def _finished(head: str, data: list[str], path: Path, depth: int) -> Iterator[_S
     parameters = {k.strip().upper().replace(" ", ""): v.strip() for k, _, v in pairs}
     section = _Section(keyword.upper().replace(" ", ""), parameters, "\n".join(data), head)
     if section.keyword == "INCLUDE":
-        yield from _sections(path.parent / section.get("INPUT").strip('"'), depth + 1)
+        name = section.get("INPUT").strip('"')
+        yield from _sections(_included(path, name, sources), sources, depth + 1)
     else:
         yield section
+
+
+def _included(path: Path, name: str, sources: _Sources) -> Path:
+    """The file of an *INCLUDE line; links count as what they point to."""
+    place = path.parent / name
+    try:
+        inside = place.resolve().is_relative_to(sources.folder)
+    except (OSError, ValueError, RuntimeError):  # circles of links, zero bytes
+        inside = False
+    if not inside and not sources.anywhere:
+        raise PartError(
+            f"{path}: *INCLUDE of {name!r}, which doesn't lie below the deck's folder; "
+            "--trust-scripts reads it all the same"
+        )
+    return place
 
 
 def _take(deck: _Deck, section: _Section, path: PathLike) -> None:
@@ -160,7 +213,10 @@ def _open_scope(deck: _Deck, section: _Section, path: PathLike) -> None:
 
 
 def _numbers(text: str, dtype: type = np.float64) -> Array:
-    """All numbers of data lines, separated by commas, blanks or line ends."""
+    """All numbers of data lines, separated by commas, blanks or line ends.
+
+    ValueError or DeprecationWarning where there is anything else.
+    """
     flat = text.replace(",", " ")
     if dtype is np.float64 and ("d" in flat or "D" in flat):
         flat = flat.replace("d", "e").replace("D", "e")
@@ -189,6 +245,8 @@ def _take_nodes(deck: _Deck, section: _Section, path: PathLike) -> None:
         records = _records(section, 4, path, np.float64)
     except PartError:
         records = _short_nodes(section, path)
+    if not np.all(np.abs(records[:, 0]) < _LARGEST_LABEL):
+        raise PartError(f"{path}: below {section.first_line!r} stand node labels beyond reason")
     labels = records[:, 0].astype(np.int64)
     deck.node_labels.append(labels)
     deck.points.append(records[:, 1:])
@@ -244,21 +302,42 @@ def _take_set(deck: _Deck, section: _Section, path: PathLike) -> None:
     if "GENERATE" in section.parameters:
         runs = [line.strip().rstrip(",") for line in section.data.split("\n") if line.strip()]
         for run in runs:
-            first, last, *step = (int(float(w)) for w in run.split(","))
-            labels = np.arange(first, last + 1, step[0] if step else 1)
-            deck.extend(sets, name, labels)
+            deck.extend(sets, name, _generated(deck, run, path))
         return
     if not re.search(r"[^\d\s,.+-]", section.data):
-        deck.extend(sets, name, _numbers(section.data, np.int64))
+        deck.extend(sets, name, _records(section, 1, path).ravel())
         return
+    single: list[int] = []
+    others: dict[str, None] = {}
     for word in re.split(r"[\s,]+", section.data.strip(" \t\n,")):
-        if re.fullmatch(r"\d+", word):
-            labels = np.array([int(word)])
+        if (label := _label(word)) is not None:
+            single.append(label)
         elif (other := deck.name(word)) in sets:
-            labels = sets[other]
+            others[other] = None
         else:
             raise PartError(f"{path}: {section.first_line!r} names {word!r}, which isn't a set")
-        deck.extend(sets, name, labels)
+    pieces = [np.array(single, np.int64), *(_joined(sets, other) for other in others)]
+    deck.count(sum(map(len, pieces)), path)
+    deck.extend(sets, name, np.concatenate(pieces))
+
+
+def _label(word: str) -> int | None:
+    """The number of a node or element; None for what can't be one."""
+    if re.fullmatch(r"[0-9]{1,18}", word):
+        return int(word)
+    return None
+
+
+def _generated(deck: _Deck, run: str, path: PathLike) -> Array:
+    """Labels of one line "first, last, step"."""
+    try:
+        first, last, step = (*(int(float(w)) for w in run.split(",")), 1)[:3]
+    except (ValueError, OverflowError):
+        raise PartError(f"{path}: {run[:60]!r} isn't a range of labels") from None
+    if step < 1 or max(abs(first), abs(last)) > _LARGEST_LABEL:
+        raise PartError(f"{path}: {run[:60]!r} isn't a range of labels")
+    deck.count(max((last - first) // step + 1, 0), path)
+    return np.arange(first, last + 1, step)
 
 
 def _take_surface(deck: _Deck, section: _Section) -> None:
@@ -269,9 +348,12 @@ def _take_surface(deck: _Deck, section: _Section) -> None:
         if words[0]:
             entries.append((words[0], words[1].upper() if len(words) > 1 else ""))
     if section.get("TYPE").upper() == "NODE":
-        for word, _ in entries:
-            labels = [int(word)] if word.isdigit() else deck.node_sets.get(deck.name(word), [])
-            deck.extend(deck.node_sets, name, np.asarray(labels, np.int64))
+        numbers = [_label(word) for word, _ in entries]
+        single = np.array([label for label in numbers if label is not None], np.int64)
+        named = dict.fromkeys(word for (word, _), n in zip(entries, numbers, strict=True) if n is None)
+        pieces = [single, *(_joined(deck.node_sets, deck.name(word)) for word in named)]
+        deck.count(sum(map(len, pieces)), name)
+        deck.extend(deck.node_sets, name, np.concatenate(pieces))
     else:
         deck.surfaces.setdefault(name, []).extend(entries)
 
@@ -292,19 +374,18 @@ def _part(deck: _Deck) -> Part:
     nodes = Lookup(part.labels, "node")
     solids = Lookup(_all_labels(deck.solids), "element")
     flat = Lookup(_all_labels(deck.flat), "surface element")
-    for name, labels in deck.node_sets.items():
+    for name in deck.node_sets:
+        labels = _joined(deck.node_sets, name)
         known = nodes.known(labels)
         if len(known) < len(labels):
             left = counted(len(labels) - len(known), "node")
             part.notes.append(f"node set {deck.titles.get(name, name)!r}: {left} unknown")
         part.node_sets[deck.titles.get(name, name)] = known
-    for name, labels in deck.element_sets.items():
+    for name in deck.element_sets:
+        labels = _joined(deck.element_sets, name)
         _split_set(part, deck, deck.titles.get(name, name), labels, solids, flat)
     for name, entries in deck.surfaces.items():
-        rows = [
-            r for entry in entries for r in _surface_rows(deck, part, name, *entry, solids, flat)
-        ]
-        if rows:
+        if rows := _rows_of_surface(deck, part, name, entries, solids, flat):
             part.surfaces.setdefault(deck.titles[name], []).extend(rows)
     return part
 
@@ -335,18 +416,52 @@ def _flat_rows(deck: _Deck, labels: Array) -> list[Array]:
     ]
 
 
-def _surface_rows(
-    deck: _Deck, part: Part, name: str, word: str, side: str, solids: Lookup, flat: Lookup
+def _rows_of_surface(
+    deck: _Deck,
+    part: Part,
+    name: str,
+    entries: Iterable[tuple[str, str]],
+    solids: Lookup,
+    flat: Lookup,
 ) -> list[Array]:
-    """Node rows of one line of a *SURFACE: side S1 to S6 of solids, or surface elements whole."""
-    if word.isdigit():
-        labels = np.array([int(word)])
-    else:
-        labels = deck.element_sets.get(deck.name(word), np.empty(0, np.int64))
+    """Node rows of a *SURFACE; lines of single elements are taken together by their sides."""
+    single: dict[str, list[int]] = {}
+    found: list[Array] = []
+    for word, side in dict.fromkeys(entries):
+        if (label := _label(word)) is not None:
+            single.setdefault(side, []).append(label)
+        else:
+            labels = _joined(deck.element_sets, deck.name(word))
+            found += _surface_rows(deck, part, name, word, side, labels, solids, flat)
+    for side, numbers in single.items():
+        labels = np.array(numbers, np.int64)
+        unknown = labels[~np.isin(labels, np.concatenate((solids.sorted, flat.sorted)))]
+        word = str(int(unknown[0])) if len(unknown) else labelled(labels)
+        if len(unknown):
+            raise _no_elements(deck, name, word)
+        found += _surface_rows(deck, part, name, word, side, labels, solids, flat)
+    return found
+
+
+def _no_elements(deck: _Deck, name: str, word: str) -> PartError:
+    return PartError(f"*SURFACE {deck.titles[name]} names {word!r}, which holds no elements")
+
+
+def _surface_rows(
+    deck: _Deck,
+    part: Part,
+    name: str,
+    word: str,
+    side: str,
+    labels: Array,
+    solids: Lookup,
+    flat: Lookup,
+) -> list[Array]:
+    """Node rows of elements of a *SURFACE: side S1 to S6 of solids, or surface elements whole."""
     found = _flat_rows(deck, flat.known(labels))
     inside = solids.known(labels)
     if not len(inside) and not found:
-        raise PartError(f"*SURFACE {deck.titles[name]} names {word!r}, which holds no elements")
+        raise _no_elements(deck, name, word)
     if len(inside) and not re.fullmatch(r"S[1-6]", side):
         part.notes.append(
             f"surface {deck.titles[name]!r}: {word!r} without a side S1 to S6 left out; "

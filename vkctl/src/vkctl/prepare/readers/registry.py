@@ -1,35 +1,28 @@
-"""Which reader takes a file, told by its ending."""
+"""Which files are parts, told by their endings; all are read in a process of their own."""
 
 from __future__ import annotations
 
-from collections.abc import Callable
 from pathlib import Path
 
 from vkctl.basics.types import PathLike
 
-from ..part import MeshOptions, Part, PartError
-from .gmsh import mesh_geometry, read_msh
-from .inp import read_inp
-from .vtu import read_vtu
+from ..part import MeshOptions, Part, PartError, Reading
+from .apart import read_apart
+from .heads import check_head
 
-_READERS: dict[str, Callable[[PathLike], Part]] = {
-    ".msh": read_msh,
-    ".inp": read_inp,
-    ".vtu": read_vtu,
-}
-
-_GEOMETRY = (".step", ".stp", ".geo")
+ENDINGS = (".msh", ".inp", ".vtu", ".step", ".stp", ".geo")
 
 
-def read_part(path: PathLike, options: MeshOptions | None = None) -> Part:
+def read_part(
+    path: PathLike, options: MeshOptions | None = None, reading: Reading | None = None
+) -> Part:
     """Part of a file, told apart by its ending; `options` are for geometry. Raises PartError."""
     place = Path(path)
     ending = place.suffix.lower()
-    if ending not in _READERS and ending not in _GEOMETRY:
-        known = ", ".join((*_READERS, *_GEOMETRY))
+    if ending not in ENDINGS:
+        known = ", ".join(ENDINGS)
         raise PartError(f"{path}: unknown kind of part {ending!r}; known are {known}")
     if not place.is_file():
         raise PartError(f"{path}: no such file")
-    if ending in _GEOMETRY:
-        return mesh_geometry(path, options or MeshOptions())
-    return _READERS[ending](path)
+    check_head(path, ending)
+    return read_apart(place, ending, options or MeshOptions(), reading or Reading())

@@ -1,9 +1,12 @@
-"""Parts read from VTK's unstructured grids."""
+"""Parts read from VTK's unstructured grids.
+
+For the reading process alone: VTK breaks down at some damaged files.
+"""
 
 from __future__ import annotations
 
-import warnings
 from pathlib import Path
+from typing import Any
 
 import numpy as np
 
@@ -13,6 +16,9 @@ from vkctl.basics.types import Array, PathLike
 from vkctl.shapes.topology import HEX8, TET4, TET10
 
 from ..part import Part, PartError
+from .vtu_counts import check_counts
+
+_NUMPY = "vtkmodules.util.numpy_support"
 
 # VTK cell types: the solver's type and the place of each of the solver's nodes. VTK counts the
 # mid-edge nodes of a tetrahedron as the solver does; a voxel counts its corners along the axes.
@@ -27,49 +33,69 @@ _LINES_AND_POINTS = {1: 1, 3: 2, 21: 3}
 _MOST_VALUES = 1000  # an integer array of more values than this is data, not a list of sets
 
 
-def read_vtu(path: PathLike) -> Part:
+def read_vtu(path: PathLike, title: str, limits: bool = True) -> Part:
     """Part of a .vtu file.
 
     Every integer cell array makes sets named ARRAY:VALUE; a boolean or 0/1 array makes a set
     ARRAY too. The same holds for integer point arrays. Real point arrays are node data.
     """
-    pyvista = need("pyvista")
-    try:
-        with warnings.catch_warnings():  # of a damaged file, which gives no grid
-            warnings.simplefilter("ignore")
-            grid = pyvista.read(Path(path))
-    except Exception as error:
-        raise PartError(f"{path}: can't be read as a VTK file: {error}") from None
-    if not isinstance(grid, pyvista.UnstructuredGrid):
-        raise PartError(f"{path} holds a {type(grid).__name__}, not an unstructured grid")
-    if not grid.n_points:
-        raise PartError(f"{path} holds no grid; it may be damaged")
-    labels = np.arange(1, grid.n_points + 1)
-    part = Part(labels, np.array(grid.points, np.float64), [])
-    rows_of = _collect_cells(part, grid)
-    for name in grid.cell_data:
-        _cell_sets(part, name, np.asarray(grid.cell_data[name]), grid.celltypes, rows_of)
-    for name in grid.point_data:
-        _point_array(part, name, np.asarray(grid.point_data[name]))
+    if limits:
+        check_counts(Path(path), title)
+    grid = _grid(path, title)
+    points = need(_NUMPY).vtk_to_numpy(grid.GetPoints().GetData())
+    part = Part(np.arange(1, len(points) + 1), np.array(points, np.float64), [])
+    types, rows_of = _collect_cells(part, grid)
+    for name, array in _arrays(grid.GetCellData()):
+        if len(array) == len(types):
+            _cell_sets(part, name, array, types, rows_of)
+    for name, array in _arrays(grid.GetPointData()):
+        if len(array) == len(points):
+            _point_array(part, name, array)
     return part
 
 
-def _collect_cells(part: Part, grid) -> dict[int, tuple[Array, Array]]:  # type: ignore[no-untyped-def]
-    """Fill in the solids, in runs of one type; (cells, node rows) of each VTK type."""
-    vtk = need("vtk")
-    types = np.asarray(grid.celltypes)
-    as_array = need("vtkmodules.util.numpy_support").vtk_to_numpy
-    starts = as_array(grid.GetCells().GetOffsetsArray())
-    flat = as_array(grid.GetCells().GetConnectivityArray())
+def _grid(path: PathLike, title: str) -> Any:
+    reader = need("vtkmodules.vtkIOXML").vtkXMLUnstructuredGridReader()
+    faults: list[object] = []
+    reader.AddObserver("ErrorEvent", lambda *_: faults.append(None))
+    reader.SetFileName(str(path))
+    reader.Update()
+    grid = reader.GetOutput()
+    if faults or reader.GetErrorCode():
+        raise PartError(f"{title}: can't be read as a VTK file; it may be damaged")
+    if not grid.GetNumberOfPoints():
+        raise PartError(f"{title} holds no grid; it may be damaged")
+    return grid
+
+
+def _arrays(data: Any) -> list[tuple[str, Array]]:
+    """The arrays of numbers that have a name."""
+    found = [data.GetArray(place) for place in range(data.GetNumberOfArrays())]
+    as_array = need(_NUMPY).vtk_to_numpy
+    return [(a.GetName(), as_array(a)) for a in found if a is not None and a.GetName()]
+
+
+def _collect_cells(part: Part, grid: Any) -> tuple[Array, dict[int, tuple[Array, Array]]]:
+    """Fill in the solids, in runs of one type; types, and (cells, node rows) of each type."""
+    as_array = need(_NUMPY).vtk_to_numpy
+    cells_there = grid.GetCells()
+    types = as_array(grid.GetCellTypesArray()) if grid.GetNumberOfCells() else np.empty(0, np.uint8)
+    starts = as_array(cells_there.GetOffsetsArray()).astype(np.int64)
+    flat = as_array(cells_there.GetConnectivityArray()).astype(np.int64)
+    if len(starts) != len(types) + 1 or np.any(np.diff(starts) < 0) or starts[-1] > len(flat):
+        raise PartError("the table of cells doesn't fit together; the file may be damaged")
     rows_of = {}
     for kind in distinct(types):
         cells = np.flatnonzero(types == kind)
         table = {**{k: p for k, (_, p) in _SOLIDS.items()}, **_SURFACES}
         places = table.get(int(kind), list(range(_LINES_AND_POINTS.get(int(kind), 0))))
         if not places:
-            title = vtk.vtkCellTypeUtilities.GetClassNameFromTypeId(int(kind))
+            kinds = need("vtkmodules.vtkCommonDataModel").vtkCellTypeUtilities
+            title = kinds.GetClassNameFromTypeId(int(kind))
             part.unsupported[title.removeprefix("vtk")] = len(cells)
             continue
+        if np.any(np.diff(starts)[cells] != len(places)):
+            raise PartError("cells have too many or too few nodes; the file may be damaged")
         rows_of[int(kind)] = cells, flat[starts[cells][:, None] + np.array(places)] + 1
     change = np.flatnonzero(np.diff(types)) + 1
     for run in np.split(np.arange(len(types)), change):
@@ -78,7 +104,7 @@ def _collect_cells(part: Part, grid) -> dict[int, tuple[Array, Array]]:  # type:
             cells, rows = rows_of[kind]
             first = np.searchsorted(cells, run[0])
             part.solids.append((_SOLIDS[kind][0], run + 1, rows[first : first + len(run)]))
-    return rows_of
+    return types, rows_of
 
 
 def _values(array: Array) -> Array:
