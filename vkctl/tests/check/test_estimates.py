@@ -35,7 +35,7 @@ def test_a_fault_is_told_with_its_code_severity_and_place(tmp_path, name):
 def test_a_run_that_needs_more_memory_than_is_free_is_told(tmp_path, monkeypatch):
     model.write(sound()[0], tmp_path)
     inputs, _ = read_inputs(tmp_path)
-    monkeypatch.setattr("vkctl.check.estimates.memory_available_gb", lambda: 0.5)
+    monkeypatch.setattr("vkctl.check.estimates.available_gb", lambda: 0.5)
     values = {"iterative": 0.0, "factor_gb": 3.0, "memory_gb": 4.0}
     (finding,) = check_estimate(inputs, values)
     assert finding.code == "memory-machine" and "4 GB, 0.5 GB are free" in finding.message

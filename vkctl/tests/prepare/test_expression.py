@@ -2,6 +2,8 @@
 
 from __future__ import annotations
 
+import tracemalloc
+
 import numpy as np
 import pytest
 
@@ -61,3 +63,41 @@ def test_a_formula_without_a_finite_value_names_the_point() -> None:
         Expression("1 / z")(POINTS)
     with pytest.raises(ExpressionError, match="no finite value at 2"):
         Expression("9**9**9**9")(POINTS)
+
+
+BOMBS = {
+    "a tower of powers": "9**9**9**9",
+    "a number beyond all": "1" + "0" * 400,
+    "hexadecimal": "0x" + "f" * 1500,
+    "infinity": "1e999",
+    "signs": "-" * 1900 + "x",
+    "brackets": "(" * 300 + "x" + ")" * 300,
+    "a sum": "x" + "+x" * 900,
+    "what is no arithmetic": "lambda: " + "-" * 1500 + "x",
+    "a text": "'a' * 9**9",
+    "no characters": "\ud800",
+    "a byte of zero": "x\0",
+    "length": "x + " * 1000 + "x",
+}
+
+
+@pytest.mark.parametrize("text", BOMBS.values(), ids=BOMBS)
+def test_formulas_that_are_too_long_deep_or_large_are_refused(text: str) -> None:
+    points = np.ones((10, 3))
+    with pytest.raises(ExpressionError):
+        Expression(text)(points)
+
+
+def test_many_comparisons_need_no_more_memory_than_a_few(monkeypatch: pytest.MonkeyPatch) -> None:
+    points = np.random.default_rng(1).random((1 << 18, 3))
+    tracemalloc.start()
+    values = Expression("0 <= " + "x <= " * 390 + "x")(points)
+    peak = tracemalloc.get_traced_memory()[1]
+    tracemalloc.stop()
+    assert values.all() and peak < 5 * points.nbytes
+
+
+def test_formulas_are_taken_piece_by_piece_with_the_same_values() -> None:
+    points = np.random.default_rng(1).random((150_000, 3))
+    expected = np.where(points[:, 0] > 0.5, np.sin(points[:, 1]), points[:, 2] ** 2)
+    np.testing.assert_array_equal(Expression("sin(y) if x > 0.5 else z**2")(points), expected)

@@ -8,7 +8,6 @@ from typing import Any
 
 import numpy.typing as npt
 
-
 _LONGEST_WORD = 100  # that a likeness is sought for: it takes the square of the length
 _MOST_OPTIONS = 500
 

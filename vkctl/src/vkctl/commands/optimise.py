@@ -16,6 +16,7 @@ from rich.text import Text
 from vkctl.basics.extras import need
 from vkctl.running.progress import Progress
 from vkctl.terminal.display import state_line
+from vkctl.terminal.reading import NoLimits, TrustScripts
 from vkctl.terminal.refusal import refuse, refusing
 
 if TYPE_CHECKING:
@@ -39,6 +40,8 @@ def optimise_command(
     pictures: Annotated[
         bool, typer.Option(..., help="draw chart, series and animation at the end")
     ] = True,
+    trust_scripts: TrustScripts = False,
+    no_limits: NoLimits = False,
 ) -> None:
     """Optimise the part for stiffness; started again, it goes on where it stopped.
 
@@ -48,7 +51,7 @@ def optimise_command(
     from vkctl.directory.formats import FormatError
     from vkctl.optimise import OptimiseError, optimise
     from vkctl.prepare.case_file.mistakes import CaseFileError
-    from vkctl.prepare.part import PartError
+    from vkctl.prepare.part import PartError, Reading
     from vkctl.running.run import NotFoundError
 
     console = Console(highlight=False)
@@ -66,6 +69,7 @@ def optimise_command(
                 volume=volume,
                 steps=steps,
                 vk_rund=vk_rund,
+                reading=Reading(trust_scripts, not no_limits),
                 on_step=on_step,
                 on_progress=on_progress,
             )

@@ -24,6 +24,7 @@ from vkctl.directory.model import Model, read, set_flags
 from vkctl.directory.results import Results, read_results
 from vkctl.prepare.build import Prepared, build, new
 from vkctl.prepare.case_file.read import read_cases
+from vkctl.prepare.part import Reading
 from vkctl.running import processes
 from vkctl.running.progress import Progress
 from vkctl.running.run import RunResult, run
@@ -95,22 +96,23 @@ def optimise(
     volume: float | None = None,
     steps: int | None = None,
     vk_rund: PathLike | None = None,
+    reading: Reading | None = None,
     on_step: Callable[[StepShown], None] | None = None,
     on_progress: Callable[[int, Progress], None] | None = None,
 ) -> Optimised:
     """Optimise the part of a case file in a working directory.
 
     The directory is made from the case file's part if it isn't prepared. `volume` and `steps`
-    override the case file's. A loop that was begun there goes on where it stopped, whatever
-    stopped it, with the settings that it is given now; more steps than before carry a finished
-    one further. `on_step` is called after each step, `on_progress` with the step's number while
-    the solver runs. Raises CaseFileError and PartError for mistakes in the inputs, OptimiseError
-    if the loop can't go on, BusyError and NotFoundError as `run` does.
+    override the case file's; `reading` is as for `new`. A loop that was begun there goes on where
+    it stopped, whatever stopped it, with the settings that it is given now; more steps than before
+    carry a finished one further. `on_step` is called after each step, `on_progress` with the step's
+    number while the solver runs. Raises CaseFileError and PartError for mistakes in the inputs,
+    OptimiseError if the loop can't go on, BusyError and NotFoundError as `run` does.
     """
     settings = _overridden(read_settings(cases), volume, steps)
     try:
         with history.locked(directory):
-            loop = _start(cases, Path(directory), settings)
+            loop = _start(cases, Path(directory), settings, reading)
             loop.vk_rund, loop.on_progress = vk_rund, on_progress
             return _run_steps(loop, on_step)
     except LockedError as error:
@@ -145,15 +147,15 @@ def _run_steps(loop: _Loop, on_step: Callable[[StepShown], None] | None) -> Opti
 # --- begin and resume ------------------------------------------------------------------------
 
 
-def _start(cases: PathLike, directory: Path, settings: Settings) -> _Loop:
+def _start(cases: PathLike, directory: Path, settings: Settings, reading: Reading | None) -> _Loop:
     """A loop that was begun goes on with the present settings; otherwise one begins."""
     state = history.read_state(directory)
     if state is None:
-        state, model = _begin(cases, directory, settings)
+        state, model = _begin(cases, directory, settings, reading)
     else:
         model = read(directory)
         _refuse_other_inputs(cases, directory, state)
-        _take_settings(cases, directory, settings, state, model)
+        _take_settings(cases, directory, settings, state, model, reading)
     try:
         design = make_design(model, settings.radius, np.array(state.kept, np.int64))
     except ValueError as error:
@@ -164,12 +166,14 @@ def _start(cases: PathLike, directory: Path, settings: Settings) -> _Loop:
     return _Loop(directory, settings, state, design, rows, None, None)
 
 
-def _begin(cases: PathLike, directory: Path, settings: Settings) -> tuple[State, Model]:
+def _begin(
+    cases: PathLike, directory: Path, settings: Settings, reading: Reading | None
+) -> tuple[State, Model]:
     """Prepare the directory where needed, write the first levels and the first state."""
     prepared: Prepared | None = None
     if history.is_half_prepared(directory) or not Path(directory, file_names.NODES).exists():
         history.begin_preparing(directory)
-        prepared = new(None, cases, directory)
+        prepared = new(None, cases, directory, reading)
         history.end_preparing(directory)
     model = read(directory)
     if not len(model.tp):
@@ -188,7 +192,7 @@ def _begin(cases: PathLike, directory: Path, settings: Settings) -> tuple[State,
         cases=_cases_digest(cases),
         load_cases=taking_part,
         keep=list(settings.keep),
-        kept=_kept_nodes(cases, settings, model, prepared),
+        kept=_kept_nodes(cases, settings, model, prepared, reading),
         combine=settings.combine,
         weights=_weights(cases, settings, taking_part),
         since=1,
@@ -239,11 +243,16 @@ def _refuse_other_inputs(cases: PathLike, directory: Path, state: State) -> None
 
 
 def _take_settings(
-    cases: PathLike, directory: Path, settings: Settings, state: State, model: Model
+    cases: PathLike,
+    directory: Path,
+    settings: Settings,
+    state: State,
+    model: Model,
+    reading: Reading | None,
 ) -> None:
     """Note changed settings; objectives of before and after aren't compared with each other."""
     if list(settings.keep) != state.keep:
-        state.kept = _kept_nodes(cases, settings, model, None)
+        state.kept = _kept_nodes(cases, settings, model, None, reading)
         state.keep = list(settings.keep)
     weights = _weights(cases, settings, state.load_cases)
     if (settings.combine, weights) != (state.combine, state.weights):
@@ -252,11 +261,15 @@ def _take_settings(
 
 
 def _kept_nodes(
-    cases: PathLike, settings: Settings, model: Model, prepared: Prepared | None
+    cases: PathLike,
+    settings: Settings,
+    model: Model,
+    prepared: Prepared | None,
+    reading: Reading | None,
 ) -> list[int]:
     if not settings.keep:
         return []
-    prepared = prepared or build(None, cases)
+    prepared = prepared or build(None, cases, reading)
     if len(prepared.mesh.nodes) != len(model.nodes):
         raise OptimiseError(
             f"the part of {cases} has {len(prepared.mesh.nodes)} nodes, the directory "

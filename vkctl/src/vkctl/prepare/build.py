@@ -71,9 +71,7 @@ def put(prepared: Prepared, directory: PathLike) -> None:
     prepared.directory = Path(directory)
 
 
-def build(
-    part: PathLike | None, cases: PathLike, reading: Reading | None = None
-) -> Prepared:
+def build(part: PathLike | None, cases: PathLike, reading: Reading | None = None) -> Prepared:
     """The model of `new`, not written."""
     known = read_cases(cases)
     if part is None:

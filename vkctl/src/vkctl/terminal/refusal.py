@@ -9,13 +9,15 @@ import typer
 from rich.console import Console
 
 from vkctl.basics.extras import MissingPartError
+from vkctl.basics.words import printable
 
 REFUSED = 2  # exit status of a command that can't do what it was asked
 
 
 def refuse(reason: object, status: int = REFUSED) -> typer.Exit:
     """Tell the reason on standard error; the caller raises what comes back."""
-    Console(stderr=True, highlight=False).print(str(reason), markup=False, soft_wrap=True)
+    lines = [printable(line) for line in str(reason).split("\n")]
+    Console(stderr=True, highlight=False).print("\n".join(lines), markup=False, soft_wrap=True)
     return typer.Exit(status)
 
 

@@ -132,9 +132,9 @@ def _value(node: ast.AST, names: dict[str, Any]) -> Any:
             return np.negative(value) if isinstance(op, ast.USub) else value
         case ast.Compare(left=left, ops=ops, comparators=rest):
             before, result = _value(left, names), np.True_
-            for op, right in zip(ops, rest, strict=True):
+            for sign, right in zip(ops, rest, strict=True):
                 after = _value(right, names)
-                result = np.logical_and(result, _COMPARE[type(op)](before, after))
+                result = np.logical_and(result, _COMPARE[type(sign)](before, after))
                 before = after
             return result
         case ast.BoolOp(op=op, values=values):

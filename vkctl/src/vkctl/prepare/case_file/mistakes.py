@@ -12,7 +12,6 @@ from vkctl.basics.words import printable
 
 from . import locate
 
-
 _MOST = 200
 
 

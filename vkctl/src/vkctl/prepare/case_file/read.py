@@ -20,7 +20,6 @@ from .read_materials import check_materials, read_material
 from .read_sets import read_set
 from .toml_table import Table, load
 
-
 _SHOWN = 20  # names in a message
 
 

@@ -22,9 +22,8 @@ _LONGEST_FILE = 4 << 20  # bytes
 _DEEPEST = 16  # tables and lists inside of each other
 _MOST_PARTS = 32  # of a dotted key
 # Parts behind each other with nothing but a dot between them: names, quoted ones included.
-_LONG_KEY = re.compile(
-    r"""(?:(?:[\w-]++|"[^"]*+"|'[^']*+')[ \t]*+\.[ \t]*+){%d}""" % _MOST_PARTS
-)
+_PART = r"""(?:[\w-]++|"[^"]*+"|'[^']*+')"""
+_LONG_KEY = re.compile(rf"(?:{_PART}[ \t]*+\.[ \t]*+){{{_MOST_PARTS}}}")
 _TYPE_NAMES = {
     bool: "a truth value",
     int: "a whole number",

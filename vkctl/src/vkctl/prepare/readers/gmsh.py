@@ -106,9 +106,7 @@ def _load_geometry(gmsh: ModuleType, path: PathLike, title: str) -> None:
         raise PartError(f"{title} holds no solid")
 
 
-def _mesh(
-    gmsh: ModuleType, title: str, options: MeshOptions, most_bytes: int, tell: Tell
-) -> None:
+def _mesh(gmsh: ModuleType, title: str, options: MeshOptions, most_bytes: int, tell: Tell) -> None:
     low, high = np.reshape(gmsh.model.getBoundingBox(-1, -1), (2, 3))
     size = options.size or float(np.linalg.norm(high - low)) / 20
     _announce(gmsh, title, size, options, most_bytes, tell)

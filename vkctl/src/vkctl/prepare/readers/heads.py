@@ -19,7 +19,9 @@ _MESH_FORMAT = re.compile(rb"\$MeshFormat[ \t]*\r?\n[ \t]*([1-9]\.?\d*)[ \t]+[01
 _COMMENTS = re.compile(rb"\$Comments[ \t]*\r?\n.*?\$EndComments[ \t]*\r?\n", re.DOTALL)
 _OLD_MESH = re.compile(rb"\$NOD[ \t]*\r?\n[ \t]*\d+[ \t]*\r?\n")
 _STEP = re.compile(rb"(?:\s|/\*.*?\*/)*ISO-10303-21\s*;", re.DOTALL)
-_VTK = re.compile(rb"(?:\xef\xbb\xbf)?\s*(?:<\?xml[^>]*\?>\s*)?(?:<!--.*?-->\s*)*<VTKFile\s", re.DOTALL)
+_VTK = re.compile(
+    rb"(?:\xef\xbb\xbf)?\s*(?:<\?xml[^>]*\?>\s*)?(?:<!--.*?-->\s*)*<VTKFile\s", re.DOTALL
+)
 _MESH_VERSIONS = (b"1", b"2", b"3", b"4")
 
 

@@ -350,7 +350,9 @@ def _take_surface(deck: _Deck, section: _Section) -> None:
     if section.get("TYPE").upper() == "NODE":
         numbers = [_label(word) for word, _ in entries]
         single = np.array([label for label in numbers if label is not None], np.int64)
-        named = dict.fromkeys(word for (word, _), n in zip(entries, numbers, strict=True) if n is None)
+        named = dict.fromkeys(
+            word for (word, _), n in zip(entries, numbers, strict=True) if n is None
+        )
         pieces = [single, *(_joined(deck.node_sets, deck.name(word)) for word in named)]
         deck.count(sum(map(len, pieces)), name)
         deck.extend(deck.node_sets, name, np.concatenate(pieces))

@@ -103,9 +103,7 @@ def _refuse_declarations(seen: _Seen) -> None:
     raise PartError(f"{seen.title}: declares entities of XML, which no .vtu file needs")
 
 
-def _begin(
-    parser: expat.XMLParserType, seen: _Seen, name: str, given: dict[str, str]
-) -> None:
+def _begin(parser: expat.XMLParserType, seen: _Seen, name: str, given: dict[str, str]) -> None:
     seen.depth += 1
     if seen.depth > _MOST_DEPTH:
         raise PartError(f"{seen.title}: elements of XML are nested too deeply")
