@@ -3,6 +3,7 @@
 
 #include <limits>
 #include <string>
+#include <vector>
 
 #include "model/fileio.hpp"
 #include "support/close_fault.hpp"
@@ -138,6 +139,43 @@ TEST_F(Fileio, FullDeviceIsAFlushingErrorThatTellsTheUnit) {
 TEST_F(Fileio, DirectoryInPlaceOfAnOutputFileIsAnOpeningError) {
   MakeDirectory("ws.disval.0001");
   EXPECT_ABORT(WriteAndClose("ws.disval.0001  ", 1), "Error opening file: ws.disval.0001");
+}
+
+TEST_F(Fileio, FoldersOfReplacedFilesAreSyncedOnceEachAndThenForgotten) {
+  MakeDirectory("folder");
+  MakeLink("folder/target", "ws.disval.0002");
+  for (const char* name : {"ws.disval.0001", "ws.disval.0002", "ws.disval.0003"})
+    WriteAndClose(name, 1);
+  EXPECT_EQ(FILEIO::UnsyncedFolders, (std::vector<std::string>{"ws.disval.0001", "folder/target"}));
+  FILEIO_SYNCFOLDERS(Write);
+  EXPECT_TRUE(FILEIO::UnsyncedFolders.empty());
+}
+
+TEST_F(Fileio, FolderThatCannotBeSyncedIsAFlushingErrorThatTellsTheUnit) {
+  FILEIO::UnsyncedFolders = {"gone/file"};
+  EXPECT_EXIT(FILEIO_SYNCFOLDERS(Write), StopsWith(StopError),
+              "1010: Error flushing file unit: 400 .the folder of gone/file: "
+              "No such file or directory.\n");
+  EXPECT_TRUE(Log().ends_with("Error<Msg:Error flushing file unit: 400>\n"));
+}
+
+TEST_F(Fileio, DeviceHasNoFolderToSync) {
+  MakeLink("/dev/null", "ws.disval.0001");
+  WriteAndClose("ws.disval.0001", 1);
+  EXPECT_TRUE(FILEIO::UnsyncedFolders.empty());
+}
+
+TEST_F(Fileio, OnlyWhatReplacedAFileOfTheProgramIsClearedAway) {
+  const std::string digits = "~0123456789abcdef";
+  for (const char* name : {"mxs.lcflags", "ws.sstate.0001", "ws.comval.****", "mxs.lcmap.0001",
+                           "ws.sstate.001", "ws.sstate.0001x", "mine", "mx.nodes"})
+    WriteFile(name + digits, "half of someth");
+  FILEIO_CLEARUNFINISHED();
+  for (const char* name : {"mxs.lcflags", "ws.sstate.0001", "ws.comval.****"})
+    EXPECT_FALSE(Exists(name + digits)) << name;
+  for (const char* name :
+       {"mxs.lcmap.0001", "ws.sstate.001", "ws.sstate.0001x", "mine", "mx.nodes"})
+    EXPECT_TRUE(Exists(name + digits)) << name;
 }
 
 TEST_F(Fileio, WrittenValuesAndArraysAreReadBack) {
