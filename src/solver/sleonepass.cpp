@@ -31,6 +31,7 @@ struct Vectors {
 Vectors V;
 OnePassRows Rows;                // V and the matrix as the loops take them
 Array<OnePassPartial> Partials;  // [NumChunks]
+Array<std::int32_t> Taken;       // [tasks] iteration, from 1, in which a thread last took each task
 
 // The scalars of the running iteration.
 double Beta = 0.0;
@@ -97,16 +98,15 @@ double LargestNorm() {
   return norm;
 }
 
-// Work of one iteration as a row of tasks, in the order in which they are taken: the backward
-// chunks from the last to the first, the forward chunks, alpha, the updates, the judgement. Threads
-// take tasks by a running number, and a task waits until all before its stage are done; nobody
-// waits for a thread that has no task.
+// Work of one iteration in stages: the backward stages of chunks from the last to the first, the
+// forward ones, alpha, the updates, the judgement. A stage begins when all tasks before it are
+// done. Each thread takes the chunks of its own part of a stage first, whose neighbours it has in
+// its cache, then what is left of the others' parts: nobody waits for a thread without a task.
 struct Solve {
   OnePassLimits limits;
   std::int32_t count = 0;
   bool converged = false;
 
-  alignas(64) std::atomic<std::int64_t> taken = 0;
   alignas(64) std::atomic<std::int64_t> done = 0;
   alignas(64) std::atomic<bool> ended = false;
   std::atomic<int> team = 1;  // threads that take tasks; the others sleep
@@ -200,16 +200,6 @@ void AdjustTeam(Solve& solve, Pace& pace) {
 
 std::int64_t TasksPerIteration() { return 3 * std::int64_t{NumChunks} + 2; }
 
-// How many of an iteration's tasks have to be done before task `task` may start.
-std::int64_t Needed(std::int64_t task) {
-  const std::int64_t n = NumChunks;
-  if (task < n) return n - Chunks[n - 1 - task].stageLast;
-  if (task < 2 * n) return n + Chunks[task - n].stageFirst;
-  if (task == 2 * n) return 2 * n;
-  if (task < 3 * n + 1) return 2 * n + 1;
-  return 3 * n + 1;
-}
-
 void Judge(Solve& solve, Pace& pace) {
   ResidualNorm = LargestNorm();
   const double previous = RhRh;
@@ -223,20 +213,6 @@ void Judge(Solve& solve, Pace& pace) {
   } else {
     AdjustTeam(solve, pace);
   }
-}
-
-void RunTask(std::int64_t task, Solve& solve, Pace& pace) {
-  const std::int64_t n = NumChunks;
-  if (task < n)
-    BackwardChunk(static_cast<std::int32_t>(n - 1 - task));
-  else if (task < 2 * n)
-    ForwardChunk(static_cast<std::int32_t>(task - n));
-  else if (task == 2 * n)
-    Alpha = RhRh / SumOf(&OnePassPartial::phqh);
-  else if (task < 3 * n + 1)
-    UpdateChunk(static_cast<std::int32_t>(task - 2 * n - 1));
-  else
-    Judge(solve, pace);
 }
 
 void Pause() {
@@ -267,16 +243,70 @@ void Park(const Solve& solve, int thread) {
     solve.team.wait(team);
 }
 
-void Work(Solve& solve, Pace& pace, int thread) {
-  const std::int64_t perIteration = TasksPerIteration();
-  for (;;) {
-    Park(solve, thread);
-    const std::int64_t number = solve.taken.fetch_add(1, std::memory_order_relaxed);
-    const std::int64_t before = number / perIteration * perIteration;
-    if (!WaitFor(solve, before + Needed(number - before))) return;
-    RunTask(number - before, solve, pace);
+// What a thread knows of its place in the work.
+struct Worker {
+  Solve& solve;
+  Pace& pace;
+  int thread;
+  std::int64_t iteration;  // from 1
+};
+
+// True for one thread only.
+bool Takes(const Worker& worker, std::int64_t task) {
+  const std::atomic_ref<std::int32_t> taken(Taken[task]);
+  std::int32_t last = taken.load(std::memory_order_relaxed);
+  const auto now = static_cast<std::int32_t>(worker.iteration);
+  return last < now && taken.compare_exchange_strong(last, now, std::memory_order_relaxed);
+}
+
+// Tasks [first, last) of an iteration, which may be worked on once `needed` of them all are done;
+// `run` gets the number of a task. False: the solve has ended.
+template <class Run>
+bool WorkStage(const Worker& worker, std::int64_t needed, std::int64_t first, std::int64_t last,
+               Run run) {
+  Solve& solve = worker.solve;
+  if (!WaitFor(solve, (worker.iteration - 1) * TasksPerIteration() + needed)) return false;
+  const std::int64_t count = last - first;
+  const int team = solve.team.load(std::memory_order_relaxed);
+  std::int64_t task = first + count * (worker.thread % team) / team;
+  for (std::int64_t i = 0; i < count; ++i, ++task) {
+    if (task == last) task = first;
+    if (!Takes(worker, task)) continue;
+    run(task);
     solve.done.fetch_add(1, std::memory_order_release);
   }
+  return true;
+}
+
+bool WorkIteration(const Worker& worker) {
+  const std::int32_t n = NumChunks;
+  for (std::int32_t last = n; last > 0; last = Chunks[last - 1].stageFirst)
+    if (!WorkStage(worker, n - last, Chunks[last - 1].stageFirst, last,
+                   [](std::int64_t task) { BackwardChunk(static_cast<std::int32_t>(task)); }))
+      return false;
+  for (std::int32_t first = 0; first < n; first = Chunks[first].stageLast)
+    if (!WorkStage(worker, n + first, n + first, n + Chunks[first].stageLast,
+                   [n](std::int64_t task) { ForwardChunk(static_cast<std::int32_t>(task - n)); }))
+      return false;
+  const std::int64_t swept = 2 * std::int64_t{n};
+  return WorkStage(worker, swept, swept, swept + 1,
+                   [](std::int64_t) { Alpha = RhRh / SumOf(&OnePassPartial::phqh); }) &&
+         WorkStage(worker, swept + 1, swept + 1, swept + 1 + n,
+                   [swept](std::int64_t task) {
+                     UpdateChunk(static_cast<std::int32_t>(task - swept - 1));
+                   }) &&
+         WorkStage(worker, swept + 1 + n, swept + 1 + n, swept + 2 + n,
+                   [&worker](std::int64_t) { Judge(worker.solve, worker.pace); });
+}
+
+// A thread that comes late, since it slept or had no processor, goes on where the others are.
+void Work(Solve& solve, Pace& pace, int thread) {
+  Worker worker{.solve = solve, .pace = pace, .thread = thread, .iteration = 0};
+  do {
+    Park(solve, thread);
+    const std::int64_t done = solve.done.load(std::memory_order_acquire);
+    worker.iteration = std::max(worker.iteration + 1, done / TasksPerIteration() + 1);
+  } while (WorkIteration(worker));
 }
 
 void AllocateVectors(std::string_view failure) {
@@ -284,6 +314,8 @@ void AllocateVectors(std::string_view failure) {
   for (Array<double>* v : {&V.x, &V.r, &V.rh, &V.ph, &V.t, &V.w, &V.q})
     *v = ARRAYS_ALLOCATE<double>(n, failure);
   Partials = ARRAYS_ALLOCATE<OnePassPartial>(NumChunks, failure);
+  Taken = ARRAYS_ALLOCATE<std::int32_t>(TasksPerIteration(), failure);
+  std::fill_n(Taken.get(), TasksPerIteration(), 0);
   const auto plain = [](const Triangle& triangle) -> OnePassTriangle {
     return {triangle.start.get(), triangle.column.get(), triangle.values.get()};
   };
@@ -347,5 +379,6 @@ OnePassEnd SLEONEPASS_ITERATE(const double* b, double* x, const OnePassLimits& l
   AddCorrection(x);
   V = Vectors{};
   Partials.reset();
+  Taken.reset();
   return {.count = solve.count, .converged = solve.converged, .norm = ResidualNorm};
 }
