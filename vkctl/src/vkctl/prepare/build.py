@@ -94,6 +94,31 @@ def _remove_stale(directory: Path, notes: list[str]) -> None:
 
 def build_model(mesh: PartMesh, cases: Cases) -> Prepared:
     """Model of a mesh and a case file; CaseFileError tells all mistakes at once."""
+    with np.errstate(all="ignore"):  # numbers beyond the solver's are looked for at the end
+        prepared = _build(mesh, cases)
+    _refuse_infinite(prepared.model, cases)
+    return prepared
+
+
+def _refuse_infinite(whole: Model, cases: Cases) -> None:
+    """Mistakes where values, each finite, make others that 32-bit numbers can't hold."""
+    if not np.isfinite(whole.tp).all():
+        cases.report.add(("level",), "the level is too large for 32-bit numbers")
+    for entry, case in zip(cases.load_cases, whole.load_cases, strict=True):
+        for what, values in (
+            ("supports", case.constraints["Value"]),
+            ("supports", case.constraints["Axis"]),
+            ("forces", case.forces2["Force"]),
+            ("forces", case.forces3["Force"]),
+            ("temperatures", case.scalars["Value"]),
+        ):
+            if not np.isfinite(values).all():
+                text = f"the {what} of load case {entry.name!r} are too large for 32-bit numbers"
+                cases.report.add(entry.where, text)
+    cases.report.finish()
+
+
+def _build(mesh: PartMesh, cases: Cases) -> Prepared:
     sets = Sets(mesh, cases)
     whole = Model(mesh.nodes, mesh.elements, [e.material for e in cases.materials.values()])
     _apply_model_table(whole, cases, sets)

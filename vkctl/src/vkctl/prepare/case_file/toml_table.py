@@ -93,6 +93,7 @@ def _is_deeper(value: object, most: int) -> bool:
 
 
 _LARGEST = 3.4e38  # a 32-bit number
+_SHORTEST = 1e-30  # of a direction's components; shorter ones vanish when they are squared
 _LARGEST_INTEGER = 2**31 - 1
 _LONGEST_SHOWN = 80  # characters of a value in a message
 
@@ -232,8 +233,10 @@ class Table:
         if not given:
             return (0.0, 0.0, 0.0) if value is None and isinstance(default, _Required) else value
         numbers = self._triple(value, (key,))
-        if nonzero and numbers == (0.0, 0.0, 0.0) and value == [0, 0, 0]:
-            self.problem(key, "must not be the zero vector")
+        if nonzero and max(map(abs, numbers)) < _SHORTEST:
+            if isinstance(value, list) and all(isinstance(v, int | float) for v in value):
+                short = value and any(value)
+                self.problem(key, "is too short" if short else "must not be the zero vector")
             return (1.0, 0.0, 0.0)
         return numbers
 

@@ -334,7 +334,7 @@ def _generated(deck: _Deck, run: str, path: PathLike) -> Array:
         first, last, step = (*(int(float(w)) for w in run.split(",")), 1)[:3]
     except (ValueError, OverflowError):
         raise PartError(f"{path}: {run[:60]!r} isn't a range of labels") from None
-    if step < 1 or max(abs(first), abs(last)) > _LARGEST_LABEL:
+    if step < 1 or max(abs(first), abs(last), step) > _LARGEST_LABEL:
         raise PartError(f"{path}: {run[:60]!r} isn't a range of labels")
     deck.count(max((last - first) // step + 1, 0), path)
     return np.arange(first, last + 1, step)
