@@ -56,3 +56,11 @@ std::int64_t PLATFORM_AVAILABLEMEMORY() {
   const long long free = NumberIn("/proc/meminfo", "MemAvailable: %lld kB");
   return std::min(free < 0 ? Unlimited : std::int64_t{free} * 1024, AvailableInGroup());
 }
+
+bool PLATFORM_CANMAP(std::int64_t bytes) {
+  const auto size = static_cast<std::size_t>(bytes);
+  void* memory = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (memory == MAP_FAILED) return false;
+  ::munmap(memory, size);
+  return true;
+}

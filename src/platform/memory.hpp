@@ -9,6 +9,15 @@
 void* PLATFORM_ALLOCATE(std::int64_t bytes);
 void PLATFORM_FREE(void* memory);
 
+// Of a std::unique_ptr that owns such memory.
+struct MemoryDeleter {
+  void operator()(void* memory) const { PLATFORM_FREE(memory); }
+};
+
 // Bytes that the system can hand out without taking them from another program, within the limit of
 // the process's control group; the largest number where it doesn't tell.
 std::int64_t PLATFORM_AVAILABLEMEMORY();
+
+// True when that many bytes can be mapped now: the limits of the process (ulimit -v, ulimit -d)
+// and, where the system promises no more than it has, its own. Callable from a signal handler.
+bool PLATFORM_CANMAP(std::int64_t bytes);

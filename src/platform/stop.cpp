@@ -1,36 +1,27 @@
 #include "platform/stop.hpp"
 
+#include <sys/uio.h>
 #include <unistd.h>
 
-#include <string>
+#include <charconv>
+#include <cstddef>
+#include <iterator>
 
-#ifdef VK_COVERAGE
-#include <sys/resource.h>
-
-extern "C" void __gcov_dump(void);
+#include "platform/leave.hpp"
 
 namespace {
 
-// The counts are not the run's own files: a limit on their size that the starter set doesn't hold
-// for them, as far as it can be lifted.
-void WriteCounts() {
-  rlimit limit = {};
-  if (::getrlimit(RLIMIT_FSIZE, &limit) == 0) {
-    limit.rlim_cur = limit.rlim_max;
-    ::setrlimit(RLIMIT_FSIZE, &limit);
-  }
-  __gcov_dump();
-}
+iovec Part(std::string_view text) { return {const_cast<char*>(text.data()), text.size()}; }
 
 }  // namespace
-#endif
 
 void PLATFORM_STOP(int code, std::string_view why) {
-  const std::string line = std::to_string(code) + ": " + std::string(why) + "\n";
+  char number[16];
+  const char* end = std::to_chars(std::begin(number), std::end(number), code).ptr;
+  const iovec parts[] = {Part({number, static_cast<std::size_t>(end - number)}), Part(": "),
+                         Part(why), Part("\n")};
   // A failure here has nowhere to be told.
-  [[maybe_unused]] const auto written = ::write(STDERR_FILENO, line.data(), line.size());
-#ifdef VK_COVERAGE
-  WriteCounts();
-#endif
-  ::_exit(code & StopStatusMask);
+  [[maybe_unused]] const auto written =
+      ::writev(STDERR_FILENO, parts, static_cast<int>(std::size(parts)));
+  PLATFORM_LEAVE(code & StopStatusMask);
 }

@@ -1,4 +1,4 @@
-// The one way to end the process before its normal end.
+// The way to end the process before its normal end; platform/ending.hpp leads every other end here.
 #pragma once
 
 #include <string_view>
@@ -23,6 +23,7 @@ inline constexpr NamedValue StopCodes[] = {
 };
 
 // Prints "CODE: WHY" as one line on standard error and ends the process at once with status `code`.
-// Callable from any thread, parallel regions included: other threads are not waited for and no
-// destructor runs, since they may still be using what it would destroy.
+// Callable from any thread, parallel regions and signal handlers included: nothing is allocated,
+// other threads are not waited for and no destructor runs, since they may still be using what it
+// would destroy.
 [[noreturn]] void PLATFORM_STOP(int code, std::string_view why);

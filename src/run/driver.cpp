@@ -1,7 +1,6 @@
 #include "run/driver.hpp"
 
 #include <cstdio>
-#include <cstdlib>
 
 #include "elements/assembly.hpp"
 #include "elemlib/feinteg.hpp"
@@ -11,6 +10,7 @@
 #include "model/fenod.hpp"
 #include "model/fileio.hpp"
 #include "model/files.hpp"
+#include "platform/ending.hpp"
 #include "platform/process.hpp"
 #include "platform/slot.hpp"
 #include "platform/stop.hpp"
@@ -106,6 +106,7 @@ void RUN_LOADCASES() {
 }
 
 void RUN_ENTRY(std::string_view directory) {
+  PLATFORM_GUARDEND(LOGGER_POSTLAST);
   const bool alone = TakeDirectory(directory);
   LOGGER_OPEN(LOGGER::FileName);
   if (alone) FILEIO_CLEARUNFINISHED();
@@ -122,5 +123,5 @@ void RUN_ENTRY(std::string_view directory) {
   PostTime(LOGLINES::TotalTime, RUN::RunStartTicks, PLATFORM_CLOCKCOUNT());
   LOGGER_POSTINF(LOGLINES::End.text);
   LOGGER_CLOSE();
-  std::exit(0);
+  PLATFORM_END();
 }

@@ -7,6 +7,7 @@
 
 #include "platform/maths/maths.hpp"
 #include "platform/slot.hpp"
+#include "platform/watch.hpp"
 #include "run/services/logger.hpp"
 #include "run/services/loglines.hpp"
 #include "run/services/vkcore.hpp"
@@ -26,6 +27,7 @@ constexpr std::int32_t PhaseAnalysis = 11;
 constexpr std::int32_t PhaseFactor = 22;
 constexpr std::int32_t PhaseSolve = 33;
 constexpr std::int32_t PhaseRelease = -1;
+constexpr std::int32_t ErrorNoMemory = -2;
 constexpr std::int32_t ErrorZeroPivot = -4;
 
 // The scalars of a call; the 64-bit entry takes 64-bit copies.
@@ -79,8 +81,10 @@ void SetParameters() {
 void CallPardiso(std::int32_t phase, const float* matrix, const std::int32_t* pR,
                  const std::int32_t* pC, float* b, float* x) {
   std::int32_t permutation = 0;
+  const WATCH::What watched = PLATFORM_WATCH(WATCH::What::Progress);
   pardiso(pt, &maxfct, &mnum, &mtype, &phase, &n, matrix, pR, pC, &permutation, &nrhs, iparm,
           &msglvl, b, x, &error);
+  PLATFORM_WATCH(watched);
 }
 
 static_assert(sizeof(long long) == sizeof(std::int64_t));
@@ -90,9 +94,11 @@ void CallPardiso(std::int32_t phase, const float* matrix, const std::int64_t* pR
                  const std::int64_t* pC, float* b, float* x) {
   const long long phase8 = phase;
   long long permutation = 0;
+  const WATCH::What watched = PLATFORM_WATCH(WATCH::What::Progress);
   pardiso_64(pt, &maxfct8, &mnum8, &mtype8, &phase8, &n8, matrix,
              reinterpret_cast<const long long*>(pR), reinterpret_cast<const long long*>(pC),
              &permutation, &nrhs8, iparm8, &msglvl8, b, x, &error8);
+  PLATFORM_WATCH(watched);
   error = static_cast<std::int32_t>(error8);
 }
 
@@ -151,7 +157,10 @@ template <class Index>
 void Analyse(const Index* pR, const Index* pC, const float* matrix) {
   HandleIs64 = sizeof(Index) == sizeof(std::int64_t);
   float dummy = 0.0f;
-  CallPardiso(PhaseAnalysis, matrix, pR, pC, &dummy, &dummy);
+  if (MATHS_RESERVE(SOLVERSTA::NumEquations, SOLVERSTA::NumEntries))
+    CallPardiso(PhaseAnalysis, matrix, pR, pC, &dummy, &dummy);
+  else
+    error = ErrorNoMemory;
   HANDLEERROR(error, "Stiffness matrix reorder phase error.");
 }
 

@@ -4,4 +4,6 @@
 
 #include "platform/maths/maths.hpp"
 
+bool MATHS_RESERVE(std::int64_t /*equations*/, std::int64_t /*entries*/) { return true; }
+
 std::string_view MATHS_NAME() { return VK_MATHS_NAME; }

@@ -22,11 +22,17 @@
 #include <new>
 
 #include "platform/maths/maths.hpp"
+#include "platform/memory.hpp"
 #include "platform/slot.hpp"
+#include "platform/threads.hpp"
+#include "platform/watch.hpp"
 
 extern "C" {
 void openblas_set_num_threads(int count);
+int openblas_get_num_threads(void);
 void blas_thread_shutdown_(void);
+void* blas_memory_alloc(int purpose);
+void blas_memory_free(void* buffer);
 }
 
 namespace {
@@ -73,6 +79,10 @@ constexpr int InfogError = 1;
 constexpr int InfogNegativePivots = 12;
 constexpr int InfogMegabytes = 16;
 
+// OpenBLAS takes address space of this size for each thread's work and fills what it needs of it.
+constexpr std::int64_t BlasBuffer = std::int64_t{1} << 27;
+constexpr int BufferForThread = 2;
+
 // What the first word of the handle points to, from phase 11 to phase -1.
 struct Factor {
   SMUMPS_STRUC_C mumps = {};
@@ -80,26 +90,48 @@ struct Factor {
   bool factored = false;
 };
 
+// Not by `new`, which ends the process where memory is short.
+using Numbers = std::unique_ptr<int[], MemoryDeleter>;
+
+Numbers TryAllocate(std::int64_t count) {
+  return Numbers(static_cast<int*>(PLATFORM_ALLOCATE(count * std::int64_t{sizeof(int)})));
+}
+
 // The matrix as MUMPS wants it: a row and a column number an entry. Columns that come in its
 // integer width are used where they are.
 struct EntryLists {
-  std::unique_ptr<int[]> rows;
-  std::unique_ptr<int[]> narrowed;
+  Numbers rows;
+  Numbers narrowed;
   int* columns = nullptr;
 };
 
-template <class T>
-std::unique_ptr<T[]> TryAllocate(std::int64_t count) {
-  return std::unique_ptr<T[]>(new (std::nothrow) T[static_cast<std::size_t>(count)]);
+// Asks for the buffers of all threads at once, which OpenBLAS keeps from then on.
+void FillBufferStore(int threads) {
+  void* buffers[MostThreads] = {};
+  for (int i = 0; i < threads; ++i) buffers[i] = blas_memory_alloc(BufferForThread);
+  for (int i = 0; i < threads; ++i) blas_memory_free(buffers[i]);
 }
 
-// The threads that OpenBLAS started when it was loaded have the floating-point mode of that moment.
-// Starting them anew gives them the caller's: flush-to-zero as in the rest of the process.
-void RestartBlasThreads() {
-  static bool restarted = false;
-  if (restarted) return;
+// OpenBLAS asks for a buffer again and again until it gets it, so it is asked while there is room.
+// The threads that it started when it was loaded have left theirs behind, and the floating-point
+// mode of that moment: starting them anew gives them the caller's, flush-to-zero as in the rest of
+// the process. False when memory or threads are short.
+bool PrepareBlas() {
+  static bool prepared = false;
+  if (prepared) return true;
+  // Before the threads are told to end: one that is at asking would never hear it.
+  if (!PLATFORM_CANMAP(BlasBuffer)) return false;
+  const int threads =
+      std::min(std::max(openblas_get_num_threads(), omp_get_max_threads()), MostThreads);
+  const WATCH::What watched = PLATFORM_WATCH(WATCH::What::Return);
   blas_thread_shutdown_();
-  restarted = true;
+  prepared = PLATFORM_CANMAP(BlasBuffer) && PLATFORM_STARTABLETHREADS(threads - 1) == threads - 1;
+  if (prepared) {
+    FillBufferStore(threads);
+    openblas_set_num_threads(threads);
+  }
+  PLATFORM_WATCH(watched);
+  return prepared;
 }
 
 int CodeOfMumps(int info) {
@@ -138,7 +170,7 @@ int CodeOfMumps(int info) {
 }
 
 int RunMumps(Factor& factor, int job) {
-  RestartBlasThreads();
+  if (!PrepareBlas()) return NoMemory;
   openblas_set_num_threads(omp_get_max_threads());
   factor.mumps.job = job;
   smumps_c(&factor.mumps);
@@ -168,7 +200,7 @@ void Release(void* pt) {
   auto** handle = static_cast<Factor**>(pt);
   if (*handle == nullptr) return;
   if ((*handle)->begun) RunMumps(**handle, JobEnd);
-  const std::unique_ptr<Factor> last(*handle);
+  PLATFORM_FREE(*handle);
   *handle = nullptr;
 }
 
@@ -192,7 +224,7 @@ bool ListColumns(std::int64_t, const int* ja, EntryLists& lists) {
 
 // Every column is known to be at most n, which fits.
 bool ListColumns(std::int64_t count, const long long* ja, EntryLists& lists) {
-  lists.narrowed = TryAllocate<int>(count);
+  lists.narrowed = TryAllocate(count);
   if (!lists.narrowed) return false;
   std::transform(ja, ja + count, lists.narrowed.get(),
                  [](long long column) { return static_cast<int>(column); });
@@ -204,7 +236,7 @@ bool ListColumns(std::int64_t count, const long long* ja, EntryLists& lists) {
 template <class Int>
 bool ListEntries(Int n, const Int* ia, const Int* ja, EntryLists& lists) {
   const std::int64_t count = ia[n] - 1;
-  lists.rows = TryAllocate<int>(count);
+  lists.rows = TryAllocate(count);
   if (!lists.rows) return false;
   for (Int row = 1; row <= n; ++row)
     std::fill(lists.rows.get() + Slot(ia[row - 1]), lists.rows.get() + Slot(ia[row]),
@@ -235,10 +267,10 @@ template <class Int>
 int Analyse(void* pt, Int n, const void* a, const Int* ia, const Int* ja, Int* iparm) {
   if (n > std::numeric_limits<int>::max()) return IndexOverflow;
   Release(pt);
-  std::unique_ptr<Factor> owner(new (std::nothrow) Factor);
-  if (!owner) return NoMemory;
-  Factor* factor = owner.release();  // owned by the handle from here on
-  *static_cast<Factor**>(pt) = factor;
+  void* memory = PLATFORM_ALLOCATE(sizeof(Factor));
+  if (memory == nullptr) return NoMemory;
+  auto* factor = new (memory) Factor;
+  *static_cast<Factor**>(pt) = factor;  // which owns it from here on
   int code = Begin(*factor);
   if (code == 0) code = RunOnMatrix(*factor, JobAnalysis, n, a, ia, ja);
   if (code != 0) return code;
@@ -317,5 +349,7 @@ void pardiso_64(void* pt, const long long* maxfct, const long long* mnum, const 
                ? InconsistentInput
                : RunPhase(pt, *mtype, *phase, *n, a, ia, ja, *nrhs, iparm, b, x);
 }
+
+bool MATHS_RESERVE(std::int64_t /*equations*/, std::int64_t /*entries*/) { return PrepareBlas(); }
 
 std::string_view MATHS_NAME() { return VK_MATHS_NAME; }

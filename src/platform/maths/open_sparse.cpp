@@ -7,9 +7,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <new>
 
 #include "platform/maths/maths.hpp"
+#include "platform/memory.hpp"
 #include "platform/process.hpp"
 
 namespace {
@@ -31,14 +31,15 @@ struct RowShare {
 
 // Kept between calls, since a solve multiplies hundreds of times.
 struct SpillStore {
-  std::unique_ptr<double[]> values;
+  std::unique_ptr<double[], MemoryDeleter> values;
   std::int64_t capacity = 0;
 };
 SpillStore Spills;
 
 bool ReserveSpills(std::int64_t count) {
   if (count <= Spills.capacity) return true;
-  Spills.values.reset(new (std::nothrow) double[static_cast<std::size_t>(count)]);
+  Spills.values.reset(
+      static_cast<double*>(PLATFORM_ALLOCATE(count * std::int64_t{sizeof(double)})));
   Spills.capacity = Spills.values ? count : 0;
   return Spills.values != nullptr;
 }

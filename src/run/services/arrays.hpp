@@ -8,17 +8,14 @@
 #include <string_view>
 #include <type_traits>
 
+#include "platform/ending.hpp"
 #include "platform/memory.hpp"
 #include "run/services/logger.hpp"
 
-struct ArrayDeleter {
-  void operator()(void* memory) const { PLATFORM_FREE(memory); }
-};
-
 // std::unique_ptr<T[]> that is indexed like the pointer it holds: index values are signed here.
 template <class T>
-struct Array : std::unique_ptr<T[], ArrayDeleter> {
-  using std::unique_ptr<T[], ArrayDeleter>::unique_ptr;
+struct Array : std::unique_ptr<T[], MemoryDeleter> {
+  using std::unique_ptr<T[], MemoryDeleter>::unique_ptr;
   template <class Index>
   T& operator[](Index place) const {
     return this->get()[place];
@@ -27,7 +24,7 @@ struct Array : std::unique_ptr<T[], ArrayDeleter> {
 
 namespace ARRAYS {
 
-inline constexpr std::string_view Failure = "Error allocating arrays.";
+inline constexpr std::string_view Failure = ENDING::NoMemory;
 
 // Largest array that may be asked for, in bytes; tests lower it to meet the failure paths.
 inline std::int64_t LargestBytes = std::numeric_limits<std::int64_t>::max();

@@ -54,5 +54,10 @@ void LOGGER_POSTWARN(std::string_view message);
 [[noreturn]] void LOGGER_POSTERRABORT(std::string_view message);
 [[noreturn]] void LOGGER_POSTERRABORT(std::string_view message, std::int32_t code);
 
+// For an end that nobody chose: the error's line, from any thread and from a signal's handler, also
+// one that interrupted a posting of its own thread. Nothing is posted behind it. True where the log
+// isn't open or an error was posted before; false when the line couldn't be written.
+bool LOGGER_POSTLAST(std::string_view text);
+
 // Flushes and closes.
 void LOGGER_CLOSE();

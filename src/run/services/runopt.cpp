@@ -10,6 +10,7 @@
 
 #include "platform/process.hpp"
 #include "platform/stream.hpp"
+#include "platform/threads.hpp"
 #include "run/services/arrays.hpp"
 #include "run/services/logger.hpp"
 
@@ -172,6 +173,8 @@ std::int32_t RUNOPT_TEAMSIZE(std::int32_t request, std::int32_t processors,
 void RUNOPT_SETTHREADS() {
   VKCORE::NumThreads = RUNOPT_TEAMSIZE(VKCORE::RunOptions.MaxNumCompThreads, omp_get_num_procs(),
                                        omp_get_thread_limit());
+  // A smaller team is slower; the run-time would end the process.
+  VKCORE::NumThreads = PLATFORM_STARTABLETHREADS(VKCORE::NumThreads - 1) + 1;
   omp_set_num_threads(VKCORE::NumThreads);
   // First outside of the team: some run-times give threads their master's mode at every fork.
   PLATFORM_FLUSHTOZERO();
