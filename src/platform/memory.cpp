@@ -1,6 +1,8 @@
 #include "platform/memory.hpp"
 
+#include <malloc.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 
 #include <algorithm>
 #include <cstddef>
@@ -55,6 +57,14 @@ void PLATFORM_FREE(void* memory) { std::free(memory); }
 std::int64_t PLATFORM_AVAILABLEMEMORY() {
   const long long free = NumberIn("/proc/meminfo", "MemAvailable: %lld kB");
   return std::min(free < 0 ? Unlimited : std::int64_t{free} * 1024, AvailableInGroup());
+}
+
+void PLATFORM_SPAREADDRESSES() {
+#ifdef M_ARENA_MAX
+  rlimit limit = {};
+  if (::getrlimit(RLIMIT_AS, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY)
+    ::mallopt(M_ARENA_MAX, 1);
+#endif
 }
 
 bool PLATFORM_CANMAP(std::int64_t bytes) {

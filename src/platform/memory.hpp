@@ -18,6 +18,10 @@ struct MemoryDeleter {
 // the process's control group; the largest number where it doesn't tell.
 std::int64_t PLATFORM_AVAILABLEMEMORY();
 
+// Where the process's address space is limited (ulimit -v), keeps the C library from reserving a
+// store of 64 MB for each thread that allocates. Called before threads are started.
+void PLATFORM_SPAREADDRESSES();
+
 // True when that many bytes can be mapped now: the limits of the process (ulimit -v, ulimit -d)
 // and, where the system promises no more than it has, its own. Callable from a signal handler.
 bool PLATFORM_CANMAP(std::int64_t bytes);

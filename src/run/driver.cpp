@@ -11,6 +11,7 @@
 #include "model/fileio.hpp"
 #include "model/files.hpp"
 #include "platform/ending.hpp"
+#include "platform/memory.hpp"
 #include "platform/process.hpp"
 #include "platform/slot.hpp"
 #include "platform/stop.hpp"
@@ -107,6 +108,7 @@ void RUN_LOADCASES() {
 
 void RUN_ENTRY(std::string_view directory) {
   PLATFORM_GUARDEND(LOGGER_POSTLAST);
+  PLATFORM_SPAREADDRESSES();
   const bool alone = TakeDirectory(directory);
   LOGGER_OPEN(LOGGER::FileName);
   if (alone) FILEIO_CLEARUNFINISHED();

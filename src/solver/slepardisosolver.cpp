@@ -6,6 +6,7 @@
 #include <string>
 
 #include "platform/maths/maths.hpp"
+#include "platform/memory.hpp"
 #include "platform/slot.hpp"
 #include "platform/watch.hpp"
 #include "run/services/logger.hpp"
@@ -29,6 +30,8 @@ constexpr std::int32_t PhaseSolve = 33;
 constexpr std::int32_t PhaseRelease = -1;
 constexpr std::int32_t ErrorNoMemory = -2;
 constexpr std::int32_t ErrorZeroPivot = -4;
+
+constexpr int IparmMemory = 17;  // out of the analysis: kilobytes that factor and solve take
 
 // The scalars of a call; the 64-bit entry takes 64-bit copies.
 std::int32_t maxfct = 1;  // factors held at a time
@@ -157,7 +160,7 @@ template <class Index>
 void Analyse(const Index* pR, const Index* pC, const float* matrix) {
   HandleIs64 = sizeof(Index) == sizeof(std::int64_t);
   float dummy = 0.0f;
-  if (MATHS_RESERVE(SOLVERSTA::NumEquations, SOLVERSTA::NumEntries))
+  if (MATHS_RESERVE(SOLVERSTA::NumEntries))
     CallPardiso(PhaseAnalysis, matrix, pR, pC, &dummy, &dummy);
   else
     error = ErrorNoMemory;
@@ -165,11 +168,16 @@ void Analyse(const Index* pR, const Index* pC, const float* matrix) {
 }
 
 // After a failed analysis the factorisation fails with the same code. It is not called for it: with
-// some of the codes it would read what the analysis didn't leave.
+// some of the codes it would read what the analysis didn't leave. Nor is it called where the memory
+// of the estimate can't be had, with which some libraries end the process or wait for ever.
 template <class Index>
-void Factorise(const Index* pR, const Index* pC, const float* matrix) {
+void Factorise(const Index* pR, const Index* pC, const float* matrix, std::int64_t kilobytes) {
+  if (PardisoError != 0) return;
   float dummy = 0.0f;
-  if (PardisoError == 0) CallPardiso(PhaseFactor, matrix, pR, pC, &dummy, &dummy);
+  if (PLATFORM_CANMAP(std::max<std::int64_t>(kilobytes, 1) * 1024))
+    CallPardiso(PhaseFactor, matrix, pR, pC, &dummy, &dummy);
+  else
+    error = ErrorNoMemory;
 }
 
 template <class Index>
@@ -199,7 +207,7 @@ void Factor(const std::int32_t* pR4, const std::int32_t* pC4, const float* matri
       if (budget < 0.0f) return;
     }
   }
-  Factorise(pR4, pC4, matrix);
+  Factorise(pR4, pC4, matrix, iparm[Slot(IparmMemory)]);
   HintAtPivot(iparm[Slot(30)]);
   HANDLEERROR(error, "Stiffness matrix factorization error.");
 }
@@ -214,7 +222,7 @@ void Factor(const std::int64_t* pR8, const std::int64_t* pC8, const float* matri
     budget -= static_cast<float>(iparm[Slot(17)]) * GigabytesWithMargin8;
     if (budget < 0.0f) return;
   }
-  Factorise(pR8, pC8, matrix);
+  Factorise(pR8, pC8, matrix, iparm8[Slot(IparmMemory)]);
   HintAtPivot(iparm8[Slot(30)]);
   HANDLEERROR(error, "Stiffness matrix factorization error.");
 }

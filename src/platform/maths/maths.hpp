@@ -32,10 +32,10 @@ void mkl_dcsrtrsv(const char* uplo, const char* transa, const char* diag, const 
 
 }  // extern "C"
 
-// Asked before an analysis of that many equations and matrix entries: false when the memory that the
+// Asked before the analysis of that many matrix entries: false when the memory that the
 // library can't do without is not to be had. Once inside it would ask for ever or end the process.
 // What can be held from then on is held.
-bool MATHS_RESERVE(std::int64_t equations, std::int64_t entries);
+bool MATHS_RESERVE(std::int64_t entries);
 
 // Name and version of the library behind the four operations, for --version: "oneMKL 2025.3.1".
 std::string_view MATHS_NAME();

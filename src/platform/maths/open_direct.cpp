@@ -350,6 +350,11 @@ void pardiso_64(void* pt, const long long* maxfct, const long long* mnum, const 
                : RunPhase(pt, *mtype, *phase, *n, a, ia, ja, *nrhs, iparm, b, x);
 }
 
-bool MATHS_RESERVE(std::int64_t /*equations*/, std::int64_t /*entries*/) { return PrepareBlas(); }
+// Analysis and factorisation take more than that an entry together. Where memory runs out within
+// the analysis SCOTCH frees what it hasn't got.
+bool MATHS_RESERVE(std::int64_t entries) {
+  constexpr std::int64_t bytesPerEntry = 48;
+  return PrepareBlas() && PLATFORM_CANMAP(std::max<std::int64_t>(entries, 1) * bytesPerEntry);
+}
 
 std::string_view MATHS_NAME() { return VK_MATHS_NAME; }

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <charconv>
 #include <cmath>
@@ -68,11 +69,14 @@ std::string_view Joined(Text& text, std::initializer_list<std::string_view> part
                                       known ? " (" : "", reason, known ? ")" : ""}));
 }
 
-// One line of the parts.
+// One line of the parts and the frame's end.
 bool TryWriteLine(std::initializer_list<std::string_view> parts) {
+  constexpr std::size_t end = LOGGER::FrameEnd.size() + 1;
   Text line;
-  const auto size = static_cast<std::int64_t>(Joined(line, parts).size());
-  return STREAM_WRITE(LOGGER::Stream, line.characters, size);
+  Joined(line, parts);
+  line.length = std::min(line.length, LongestText - end);
+  Joined(line, {LOGGER::FrameEnd, "\n"});
+  return STREAM_WRITE(LOGGER::Stream, line.characters, static_cast<std::int64_t>(line.length));
 }
 
 void WriteLine(std::initializer_list<std::string_view> parts) {
@@ -94,18 +98,18 @@ std::string ScientificText(float value) { return FieldText("%.6E", value, 14); }
 
 void PostInfo(std::string_view message, std::string_view tail) {
   const Turn turn;
-  WriteLine({LOGGER::InfoFrame, TrimRight(message), " ", tail, LOGGER::FrameEnd, "\n"});
+  WriteLine({LOGGER::InfoFrame, TrimRight(message), " ", tail});
 }
 
 void PostData(std::string_view key, std::string_view value) {
   const Turn turn;
-  WriteLine({LOGGER::DataFrame, TrimRight(key), LOGGER::DataValue, value, LOGGER::FrameEnd, "\n"});
+  WriteLine({LOGGER::DataFrame, TrimRight(key), LOGGER::DataValue, value});
 }
 
 // `tail`: the code, with a blank ahead, or nothing.
 [[noreturn]] void PostErrorAndStop(std::string_view message, std::string_view tail) {
   const Turn turn;
-  WriteLine({LOGGER::ErrorFrame, TrimRight(message), tail, LOGGER::FrameEnd, "\n"});
+  WriteLine({LOGGER::ErrorFrame, TrimRight(message), tail});
   ErrorPosted = true;
   LOGGER_CLOSE();
   Text why;
@@ -142,7 +146,7 @@ void LOGGER_POSTDATA(std::string_view key, float value) { PostData(key, Scientif
 
 void LOGGER_POSTWARN(std::string_view message) {
   const Turn turn;
-  WriteLine({LOGGER::WarningFrame, TrimRight(message), LOGGER::FrameEnd, "\n"});
+  WriteLine({LOGGER::WarningFrame, TrimRight(message)});
 }
 
 void LOGGER_POSTERRABORT(std::string_view message) { PostErrorAndStop(message, ""); }
@@ -158,7 +162,7 @@ bool LOGGER_POSTLAST(std::string_view text) {
   const pid_t self = ::gettid();
   for (int i = 0; i < LongestWait && Writer != 0 && Writer != self; ++i) ::usleep(1000);
   if (ErrorPosted || LOGGER::Stream.descriptor < 0) return true;
-  return TryWriteLine({LOGGER::ErrorFrame, text, LOGGER::FrameEnd, "\n"});
+  return TryWriteLine({LOGGER::ErrorFrame, text});
 }
 
 void LOGGER_CLOSE() {
