@@ -18,19 +18,6 @@
 
 namespace {
 
-// The run-times of these sanitizers tell of failed instructions themselves, and of leaks at exit.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool Sanitized = true;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-constexpr bool Sanitized = true;
-#else
-constexpr bool Sanitized = false;
-#endif
-#else
-constexpr bool Sanitized = false;
-#endif
-
 constexpr std::int64_t NoMemoryAtAll = std::int64_t{1} << 24;
 
 bool (*PostLast)(std::string_view text) = nullptr;
@@ -106,11 +93,11 @@ void HandleSignals() {
   stack_t stack = {};
   stack.ss_sp = HandlerStack;
   stack.ss_size = sizeof HandlerStack;
-  if (!Sanitized) ::sigaltstack(&stack, nullptr);
+  if (!ENDING::Sanitized) ::sigaltstack(&stack, nullptr);
   sigset_t handled;
   ::sigemptyset(&handled);
   for (const int signal : {SIGABRT, SIGSEGV, SIGBUS, SIGFPE, SIGILL}) {
-    if (Sanitized && signal != SIGABRT) continue;
+    if (ENDING::Sanitized && signal != SIGABRT) continue;
     Handle(signal, OnSignal);
     ::sigaddset(&handled, signal);
   }
@@ -145,6 +132,6 @@ void PLATFORM_ENDUNEXPECTED(std::string_view text, std::string_view reason) {
 
 void PLATFORM_END() {
   Ended = true;
-  if (Sanitized) std::exit(EXIT_SUCCESS);
+  if (ENDING::Sanitized) std::exit(EXIT_SUCCESS);
   PLATFORM_LEAVE(EXIT_SUCCESS);
 }

@@ -15,6 +15,19 @@ inline constexpr std::string_view NoMemory = "Error allocating arrays.";
 // And of every other end.
 inline constexpr std::string_view Unexpected = "Unexpected end of the run.";
 
+// The run-times of these sanitizers tell of failed instructions themselves, and of leaks at exit.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+inline constexpr bool Sanitized = true;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+inline constexpr bool Sanitized = true;
+#else
+inline constexpr bool Sanitized = false;
+#endif
+#else
+inline constexpr bool Sanitized = false;
+#endif
+
 }  // namespace ENDING
 
 // From here on the process ends by PLATFORM_STOP or PLATFORM_END; any other end becomes a stop with

@@ -228,6 +228,8 @@ void Factor(const std::int64_t* pR8, const std::int64_t* pC8, const float* matri
 }
 
 [[noreturn]] void AbortWithErrorText() {
+  if (ErrorText(PardisoError).empty())
+    LOGGER::StopHint = "the direct solver's code is " + std::to_string(PardisoError);
   char text[ErrorTextLength];
   SLEPARDISOSOLVER_GETERRORTEXT(text);
   LOGGER_POSTERRABORT({text, ErrorTextLength});

@@ -43,4 +43,9 @@ TEST(Memory, WhatCannotBeHadIsNull) {
   EXPECT_EQ(PLATFORM_ALLOCATE(std::int64_t{1} << 61), nullptr);
 }
 
+TEST(Memory, WhatCanBeMappedIsToldWithoutTakingIt) {
+  for (int i = 0; i < 1000; ++i) ASSERT_TRUE(PLATFORM_CANMAP(std::int64_t{1} << 32));
+  EXPECT_FALSE(PLATFORM_CANMAP(std::int64_t{1} << 60));
+}
+
 }  // namespace

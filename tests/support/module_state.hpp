@@ -11,6 +11,7 @@
 #include "model/feloadcase.hpp"
 #include "model/femodel.hpp"
 #include "model/fileio.hpp"
+#include "platform/watch.hpp"
 #include "run/driver.hpp"
 #include "run/load_case_table.hpp"
 #include "run/services/arrays.hpp"
@@ -33,6 +34,8 @@ inline void ResetServices() {
   FILEIO::UnsyncedFolders.clear();
   LOGGER::StopHint.clear();
   ARRAYS::LargestBytes = std::numeric_limits<std::int64_t>::max();
+  WATCH::LookNanoseconds = 1'000'000'000;
+  WATCH::MostLooks = 30;
   VKCORE::RunOptions = VKCORE::RunOptionValues{};
   VKCORE::NumThreads = 1;
   VKCORE::PatternChanged = VKCORE::MatStateEnabled = false;

@@ -250,3 +250,25 @@ TEST_F(Logger, ErrorFromAParallelRegionIsPostedOnceAndEndsTheProcess) {
   EXPECT_EXIT(AbortFromParallelRegion(), StopsWith(StopError), "1010: Error allocating arrays.");
   EXPECT_EQ(Log(), "Error<Msg:Error allocating arrays.>\n");
 }
+
+TEST_F(Logger, LastLineIsAnErrorBehindWhichNobodyPosts) {
+  EXPECT_EXIT((LOGGER_POSTWARN("before"), LOGGER_POSTLAST("The end."),
+               std::thread(LOGGER_POSTWARN, "behind").detach(), ::usleep(100'000),
+               PLATFORM_STOP(StopError, "x")),
+              StopsWith(StopError), "");
+  EXPECT_EQ(Log(), "Warning<Msg:before>\nError<Msg:The end.>\n");
+}
+
+TEST_F(Logger, LastLineOfALogThatIsClosedOrFullIsNone) {
+  EXPECT_EXIT((LOGGER_CLOSE(), ::_exit(LOGGER_POSTLAST("The end.") ? 5 : 6)),
+              testing::ExitedWithCode(5), "");
+  EXPECT_EXIT((OpenOn("/dev/full"), ::_exit(LOGGER_POSTLAST("The end.") ? 5 : 6)),
+              testing::ExitedWithCode(6), "");
+}
+
+TEST_F(Logger, MessageOfAnyLengthKeepsItsFrame) {
+  LOGGER_POSTWARN(std::string(10'000, 'x'));
+  const std::string log = Log();
+  EXPECT_TRUE(log.starts_with("Warning<Msg:xxx") && log.ends_with("xxx>\n"));
+  EXPECT_GT(log.size(), 2000u);
+}
