@@ -1,8 +1,8 @@
 """Runs to which memory or threads are refused, and what they may leave behind.
 
-As a command, `refusals.py PROGRAM`, every request of a run is refused in turn: of two small load cases
-in both computation modes, on one thread and two, once and from there on, then memory by limits
-of the address space.
+As a command (`scripts/refuse_memory.sh PROGRAM`) every request of a run is refused in turn: of two
+small load cases in both computation modes, on one thread and two, once and from there on. Then come
+limits of the address space.
 """
 
 from __future__ import annotations
@@ -21,10 +21,6 @@ from collections.abc import Callable, Iterable, Iterator
 from dataclasses import dataclass
 from functools import partial
 from pathlib import Path
-
-ROOT = Path(__file__).resolve().parents[2]
-if __name__ == "__main__":
-    sys.path[:0] = [str(ROOT / "tests" / "support"), str(ROOT / "vkctl" / "src")]
 
 import numpy as np
 from models import tiny, tiny_case
