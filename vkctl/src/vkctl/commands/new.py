@@ -49,12 +49,14 @@ def new_command(
         raise typer.BadParameter("name the working directory, or give --list-sets")
     end = "nothing is written"
     try:
-        with refusing(CaseFileError, PartError, OSError, MemoryError), ending_when_asked():
+        with refusing(CaseFileError, PartError, OSError), ending_when_asked():
             with reading_shown(trust_scripts, no_limits) as reading:
                 prepared = build(part, cases, reading)
             if not list_sets and directory is not None:
                 end = f"{directory} isn't complete"
                 put(prepared, directory)
+    except MemoryError:
+        raise refuse(f"Memory ran out: {end}. A coarser mesh needs less.") from None
     except KeyboardInterrupt:
         raise refuse(f"Interrupted: {end}.", 128 + signal.SIGINT) from None
     except TerminatedError:

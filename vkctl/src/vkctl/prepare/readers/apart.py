@@ -27,7 +27,7 @@ from vkctl.basics.words import printable
 
 from ..part import MeshOptions, Part, PartError, Reading, Told
 from .channel import BrokenError, Message, receive, told_part
-from .geo_script import harmless_script
+from .geo_script import LONGEST_SCRIPT, harmless_script
 
 _GEOMETRY = (".step", ".stp", ".geo")
 _LIBRARIES = {**dict.fromkeys((".msh", *_GEOMETRY), "gmsh"), ".vtu": "vtkmodules"}
@@ -76,7 +76,9 @@ def _placed(path: Path, ending: str, folder: str) -> Path:
     """Where the worker finds the part: alone in its folder, under a name of ours."""
     place = Path(folder, f"part{ending}")
     if ending == ".geo":
-        place.write_text(harmless_script(path.read_bytes(), str(path)), encoding="utf-8")
+        with open(path, "rb") as stream:
+            data = stream.read(LONGEST_SCRIPT + 1)
+        place.write_text(harmless_script(data, str(path)), encoding="utf-8")
     else:
         place.symlink_to(path.absolute())
     return place

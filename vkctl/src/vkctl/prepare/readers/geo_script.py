@@ -87,14 +87,14 @@ _TOKEN = re.compile(
     """,
     re.VERBOSE | re.DOTALL,
 )
-_LONGEST_SCRIPT = 16 << 20  # bytes
+LONGEST_SCRIPT = 16 << 20  # bytes
 _LONGEST_LINE = 1000  # characters; Gmsh takes lines beyond its buffer apart
 
 
 def harmless_script(data: bytes, title: str) -> str:
     """The text of a script that says geometry alone; PartError names the first other thing."""
-    if len(data) > _LONGEST_SCRIPT:
-        raise PartError(f"{title}: a script of more than {_LONGEST_SCRIPT >> 20} MB isn't read")
+    if len(data) > LONGEST_SCRIPT:
+        raise PartError(f"{title}: a script of more than {LONGEST_SCRIPT >> 20} MB isn't read")
     try:
         text = data.decode("utf-8").replace("\r\n", "\n")
     except UnicodeDecodeError as error:
