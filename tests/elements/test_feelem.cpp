@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <functional>
+#include <limits>
 #include <vector>
 
 #include "elements/feelem.hpp"
@@ -429,6 +430,22 @@ TEST_F(FeelemResponse, BoundaryStressOfLevelsOfBothSignsIsThatOfTheMaterial) {
     const double stress = UniformState(strain).stress;
     ExpectClose(totals_[TotalBoundaryStress], strain > 0 ? stress / 3.0 : stress, "boundary");
     ExpectClose(totals_[TotalLargestStress], stress, "largest");
+  }
+}
+
+TEST_F(FeelemResponse, UndefinedStressIsNotTheLargestWhereverItsElementStands) {
+  for (const std::int32_t odd : {1, 2, 3}) {
+    MaterialRecord undefined = Steel();
+    undefined.E = std::numeric_limits<float>::quiet_NaN();
+    SetMaterials({Steel(), undefined});
+    for (std::int32_t e = 1; e <= 3; ++e)
+      FEMODEL::Elements[Slot(e)].MaterialIndex = static_cast<std::int16_t>(e == odd ? 2 : 1);
+    SetUniform(Strain, 0.4f, 500.0f);
+    FEMODEL::NodeTpFactor[0] = -0.1f;  // all three stand at the boundary
+    RunResponse();
+    EXPECT_TRUE(std::isnan(totals_[TotalEnergy])) << odd;
+    EXPECT_TRUE(std::isnan(totals_[TotalBoundaryStress])) << odd;
+    ExpectClose(totals_[TotalLargestStress], UniformState(Strain).stress, "largest");
   }
 }
 

@@ -1,8 +1,10 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
 #include <cstddef>
+#include <cstdint>
 #include <set>
 #include <vector>
 
@@ -347,17 +349,47 @@ TEST(FeintegGauss, IndexRunsFromTheMostNegativePointUp) {
     for (int i = 1; i < n; ++i) EXPECT_LT(FEINTEG_GAUSSPOINT(n, i), FEINTEG_GAUSSPOINT(n, i + 1));
 }
 
-TEST(FeintegGauss, LiteralsToTheLastBit) {
-  EXPECT_EQ(FEINTEG_GAUSSPOINT(2, 2), 0.577350269189626);
-  EXPECT_EQ(FEINTEG_GAUSSWEIGHT(2, 1), 1.0);
-  EXPECT_EQ(FEINTEG_GAUSSPOINT(3, 3), 0.774596669241483);
-  EXPECT_EQ(FEINTEG_GAUSSWEIGHT(3, 1), 0.555555555555556);
-  EXPECT_EQ(FEINTEG_GAUSSWEIGHT(3, 2), 0.888888888888889);
-  EXPECT_EQ(FEINTEG_GAUSSPOINT(4, 3), 0.339981043584856);
-  EXPECT_EQ(FEINTEG_GAUSSPOINT(9, 9), 0.968160239507626);
-  EXPECT_EQ(FEINTEG_GAUSSWEIGHT(9, 1), 0.081274388361574);
-  EXPECT_EQ(FEINTEG_GAUSSWEIGHT(9, 5), 0.33023935500126);
-  EXPECT_EQ(FEINTEG_GAUSSWEIGHT(9, 6), 0.31234707704);
+// Abscissae above 0, ascending; weights from the outermost point inwards; as they are printed.
+struct GaussRule {
+  std::vector<double> above, weights;
+};
+const GaussRule GaussRules[9] = {
+    {{}, {2.0}},
+    {{0.577350269189626}, {1.0}},
+    {{0.774596669241483}, {0.555555555555556, 0.888888888888889}},
+    {{0.339981043584856, 0.861136311594053}, {0.347854845137454, 0.652145154862546}},
+    {{0.538469310105683, 0.906179845938664},
+     {0.236926885056189, 0.478628670499366, 0.568888888888889}},
+    {{0.238619186083197, 0.661209386466265, 0.932469514203152},
+     {0.17132449237917, 0.360761573048139, 0.467913934572691}},
+    {{0.405845151377397, 0.741531185599394, 0.949107912342759},
+     {0.12948496616887, 0.279705391489277, 0.381830050505119, 0.417959183673469}},
+    {{0.18343464249565, 0.525532409916329, 0.796666477413627, 0.960289856497536},
+     {0.101228536290376, 0.222381034453374, 0.313706645877887, 0.362683783378362}},
+    {{0.324253423403809, 0.61337143270059, 0.836031107326636, 0.968160239507626},
+     {0.081274388361574, 0.180648160694857, 0.260610696402935, 0.31234707704, 0.33023935500126}}};
+
+TEST(FeintegGauss, LiteralsOfAllNineRulesToTheLastBit) {
+  for (std::size_t n = 1; n <= 9; ++n) {
+    const GaussRule& rule = GaussRules[n - 1];
+    ASSERT_EQ(rule.above.size(), n / 2);
+    ASSERT_EQ(rule.weights.size(), (n + 1) / 2);
+    const auto count = static_cast<std::int32_t>(n);
+    for (std::int32_t i = 1; i <= count; ++i) {
+      const std::int32_t mirrored = count + 1 - i;
+      const std::int32_t inwards = std::min(i, mirrored);  // from the outermost, 1
+      const double abscissa =
+          i == mirrored ? 0.0
+                        : std::copysign(rule.above[n / 2 - static_cast<std::size_t>(inwards)],
+                                        i < mirrored ? -1.0 : 1.0);
+      EXPECT_EQ(std::bit_cast<std::uint64_t>(FEINTEG_GAUSSPOINT(count, i)),
+                std::bit_cast<std::uint64_t>(abscissa))
+          << n << " points, abscissa " << i;
+      EXPECT_EQ(std::bit_cast<std::uint64_t>(FEINTEG_GAUSSWEIGHT(count, i)),
+                std::bit_cast<std::uint64_t>(rule.weights[static_cast<std::size_t>(inwards) - 1]))
+          << n << " points, weight " << i;
+    }
+  }
 }
 
 // The 15 decimals of the literals limit the accuracy.

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -18,6 +19,8 @@
 namespace {
 
 constexpr float Largest = 3.4028234663852886e+38f;
+constexpr float Inf = std::numeric_limits<float>::infinity();
+constexpr float NaN = std::numeric_limits<float>::quiet_NaN();
 
 // A box under a linear displacement field; load case 7.
 class Compsave : public SmallModel {
@@ -132,6 +135,61 @@ TEST_F(Compsave, DesignPointsThatNothingTouchesHoldTheLargestFloat) {
   SetTc({0.0f, 0.0f}, {0, 0});
   COMPSAVE_REDUCETC();
   EXPECT_EQ(Tc(), (std::vector<float>{Largest, Largest}));
+}
+
+TEST_F(Compsave, UndefinedCriteriaStayWhereTheyAreAndAreNotTheSmallest) {
+  SetTc({NaN, 8.0f, 0.0f, 6.0f, NaN, 0.0f}, {1, 2, 0, 1, 2, 0});
+  COMPSAVE_REDUCETC();
+  EXPECT_TRUE(std::isnan(RESPONSE::TcValues[0]));
+  EXPECT_TRUE(std::isnan(RESPONSE::TcValues[4]));
+  for (const int untouched : {2, 5}) EXPECT_EQ(RESPONSE::TcValues[untouched], 4.0f) << untouched;
+  SetTc({0.0f, 8.0f, NaN}, {0, 2, 1});  // the undefined one comes last
+  COMPSAVE_REDUCETC();
+  EXPECT_EQ(RESPONSE::TcValues[0], 4.0f);
+}
+
+TEST_F(Compsave, NothingButUndefinedCriteriaLeaveTheLargestFloatAtUntouchedPoints) {
+  SetTc({NaN, 0.0f, NaN}, {1, 0, 3});
+  COMPSAVE_REDUCETC();
+  EXPECT_EQ(RESPONSE::TcValues[1], Largest);
+}
+
+TEST_F(Compsave, InfiniteCriteriaAreTheSmallestOnlyBelowZero) {
+  SetTc({Inf, 0.0f, Inf}, {1, 0, 2});
+  COMPSAVE_REDUCETC();
+  EXPECT_EQ(Tc(), (std::vector<float>{Inf, Largest, Inf}));
+  SetTc({Inf, 0.0f, -Inf, 1.0f}, {1, 0, 3, 1});
+  COMPSAVE_REDUCETC();
+  EXPECT_EQ(Tc(), (std::vector<float>{Inf, -Inf, -Inf, 1.0f}));
+}
+
+TEST_F(Compsave, UndefinedNodeStressKeepsItsPlaceAndUndefinedSignsCountAsPositive) {
+  SetAms({NaN, 6.0f, -6.0f, -Inf, Inf}, {1.0f, NaN, NaN, 1.0f, -1.0f}, {2, 2, 3, 1, 1});
+  COMPSAVE_REDUCEAMS();
+  EXPECT_TRUE(std::isnan(RESPONSE::AmsValues[0]));
+  EXPECT_EQ(RESPONSE::AmsValues[1], 3.0f);
+  EXPECT_EQ(RESPONSE::AmsValues[2], 2.0f);
+  EXPECT_EQ(RESPONSE::AmsValues[3], Inf);
+  EXPECT_EQ(RESPONSE::AmsValues[4], -Inf);
+}
+
+TEST_F(Compsave, UndefinedDisplacementsAreWrittenAndAreNotTheLargest) {
+  double* u = FEDOF::Displacements.get();
+  std::fill_n(u, FEDOF::NumEquations, 0.0);
+  const std::int32_t node = 1;  // the first that isn't clamped has three equations
+  const std::int32_t* map = FEDOF::NodeDofMap.get() + 3 * node;
+  ASSERT_GT(map[0], 0);
+  u[map[0] - 1] = static_cast<double>(NaN);
+  u[FEDOF::NumEquations - 1] = -0.5;
+  for (const int threads : {1, 2, 5}) {
+    omp_set_num_threads(threads);
+    COMPSAVE_INITRESPONSE(0, FEMODEL::NumNodes);
+    EXPECT_EQ(COMPSAVE_MAGNITUDES(), 0.5);
+    EXPECT_TRUE(std::isnan(RESPONSE::DisValues[node]));
+  }
+  u[map[0] - 1] = static_cast<double>(-Inf);
+  EXPECT_EQ(COMPSAVE_MAGNITUDES(), static_cast<double>(Inf));
+  EXPECT_EQ(RESPONSE::DisValues[node], Inf);
 }
 
 TEST_F(Compsave, WrappedCounterPassesNeitherTest) {

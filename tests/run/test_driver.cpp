@@ -7,6 +7,7 @@
 
 #include "model/feloadcase.hpp"
 #include "run/driver.hpp"
+#include "solver/solversta.hpp"
 #include "support/close_fault.hpp"
 #include "support/model_files.hpp"
 #include "support/working_directory.hpp"
@@ -267,6 +268,35 @@ TEST_F(Driver, MatrixAndFactorAreKeptWithinAPattern) {
   EXPECT_EQ(Posted("LCasePatInx"), (Numbers{"1", "1", "2", "2"}));
   EXPECT_EQ(Posted("EstDecMemReq").size(), 2u);
 }
+
+// With the limits lowered, the tetrahedron's files take the path of systems of 500 million entries.
+void CompareIndexWidths(const std::string& mode) {
+  WriteDirectory();
+  WriteFile("vk_rund_cmd.txt", "Sys.MaxNumCompThreads=1\nSys.ComputationMode=" + mode + "\n");
+  WriteCases({1, 1, 2});
+  EXPECT_RUN_ENDS();
+  EXPECT_EQ(Posted("SysConfig"), Numbers(2, "Im4::MaxBW/MDOF/MPRE=12/0.00/0.00 "));
+  const Numbers modes = Posted("IMode");
+  const std::string narrow = ReadFile("ws.sstate.0003");
+  Remove("ws.sstate.0003");
+  WriteCases({1, 1, 2});
+  EXPECT_EXIT((SOLVERSTA::IterativeLimit = SOLVERSTA::FactorisedLimit = 1, RUN_ENTRY(".")),
+              testing::ExitedWithCode(0), "^$");
+  EXPECT_EQ(Posted("SysConfig"), Numbers(2, "Im8::MaxBW/MDOF/MPRE=12/0.00/0.00 "));
+  EXPECT_TRUE(Posted("EstDecMemReq").empty());
+  EXPECT_EQ(Posted("IMode"), modes);
+  EXPECT_EQ(Keyed("ARQua"), Numbers(3, "1.000000E+00"));
+  const std::vector<float> expected = ValuesAt<float>(narrow, 8, 12);
+  const std::vector<float> solution = ValuesAt<float>(ReadFile("ws.sstate.0003"), 8, 12);
+  for (std::size_t i = 0; i < 12; ++i)
+    EXPECT_NEAR(solution[i], expected[i], 2e-5 * std::fabs(expected[11])) << i;
+}
+
+TEST_F(Driver, AutomaticRunOnIndicesOf64BitsGivesTheResultsOfOneOn32) { CompareIndexWidths("0"); }
+
+TEST_F(Driver, IterativeRunOnIndicesOf64BitsGivesTheResultsOfOneOn32) { CompareIndexWidths("1"); }
+
+TEST_F(Driver, FactorisedRunOnIndicesOf64BitsGivesTheResultsOfOneOn32) { CompareIndexWidths("2"); }
 
 TEST_F(Driver, SkippedLoadCaseBetweenTwoOfAPatternDoesNotChangeIt) {
   WriteDirectory();

@@ -161,6 +161,48 @@ TEST_F(Solversta, IterativeModeTurnsTo64BitAtTheLargerLimit) {
   EXPECT_FALSE(SOLVERSTA_USESIM4(2147000000, SOLVERSTA::ModeIterative));
 }
 
+// The files of a small system, the limits lowered to its size.
+TEST_F(Solversta, FilesOfASystemAtTheLimitGiveIndicesOf64Bits) {
+  SetMap({1, 0, 2, -3, 3, 4});
+  RawStructure raw = TwoNodes();
+  raw.maxBw = 55;
+  WriteStructure(raw);
+  const std::int64_t entries = 10;  // ((1 2 3 4) (2 3 4) (3 4) (4))
+  for (const std::int32_t mode :
+       {SOLVERSTA::ModeAutomatic, SOLVERSTA::ModeIterative, SOLVERSTA::ModeFactorised}) {
+    SOLVERSTA::IMode = mode;
+    auto& limit =
+        mode == SOLVERSTA::ModeIterative ? SOLVERSTA::IterativeLimit : SOLVERSTA::FactorisedLimit;
+    limit = entries + 1;
+    Configure();
+    EXPECT_TRUE(SOLVERSTA::UseIm4);
+    limit = entries;
+    Configure();
+    EXPECT_FALSE(SOLVERSTA::UseIm4);
+    EXPECT_FALSE(SOLVERSTA::pR4 || SOLVERSTA::pC4);
+    ASSERT_TRUE(SOLVERSTA::pR8 && SOLVERSTA::pC8);
+    EXPECT_EQ(SOLVERSTA::pR8[4], 11);
+    EXPECT_EQ(SOLVERSTA::pC8[9], 4);
+    ExpectRows({1, 5, 8, 10, 11}, {1, 2, 3, 4, 2, 3, 4, 3, 4, 4});
+    EXPECT_TRUE(SOLVERSTA::SysForces && SOLVERSTA::SysMatrix && SOLVERSTA::SysRhs &&
+                SOLVERSTA::SysScale);
+  }
+  const std::string lines =
+      "Info<Msg:SysConfig: Im4::MaxBW/MDOF/MPRE=55/0.00/0.00 >\n"
+      "Info<Msg:SysConfig: Im8::MaxBW/MDOF/MPRE=55/0.00/0.00 >\n";
+  EXPECT_EQ(Log(), lines + lines + lines);
+}
+
+TEST_F(Solversta, PairOf32BitsIsFreedOnTheWayTo64) {
+  SetMap({1, 2, 3, 4, 5, 6});
+  WriteStructure(TwoNodes());
+  SOLVERSTA::FactorisedLimit = 1;
+  SetStructure({1, 2}, {1}, true);
+  Configure();
+  EXPECT_FALSE(SOLVERSTA::pR4 || SOLVERSTA::pC4);
+  EXPECT_TRUE(SOLVERSTA::pR8 && SOLVERSTA::pC8);
+}
+
 TEST_F(Solversta, RunThatFellBackToIterationsConfiguresByTheLargerLimit) {
   SetMatrix({{1.0, 2.0}, {0.0, 1.0}}, true);  // indefinite
   SOLVERSTA::IMode = SOLVERSTA::ModeAutomatic;
