@@ -46,12 +46,23 @@ def program() -> Path:
     return path
 
 
-@pytest.fixture(scope="session")
-def preload(tmp_path_factory: pytest.TempPathFactory, program: Path) -> str:
-    """Value of LD_PRELOAD for `file_operations.c`; a sanitizer's run-time wants to be first."""
-    target = tmp_path_factory.mktemp("preload") / "file_operations.so"
-    source = Path(__file__).with_name("file_operations.c")
+def loaded_first(folder: Path, program: Path, source: str) -> str:
+    """Value of LD_PRELOAD for a source of this folder; a sanitizer's run-time wants to be first."""
+    target = folder / f"{source}.so"
+    path = Path(__file__).with_name(source)
     compiler = os.environ.get("CC", "cc")
-    subprocess.run([compiler, "-O1", "-shared", "-fPIC", "-o", target, source, "-ldl"], check=True)
+    subprocess.run([compiler, "-O1", "-shared", "-fPIC", "-o", target, path, "-ldl"], check=True)
     linked = subprocess.run(["ldd", program], capture_output=True, text=True, check=True).stdout
     return " ".join([*re.findall(r"=> (\S*/lib[at]san\S*)", linked), str(target)])
+
+
+@pytest.fixture(scope="session")
+def preload(tmp_path_factory: pytest.TempPathFactory, program: Path) -> str:
+    """`file_operations.c`, for LD_PRELOAD."""
+    return loaded_first(tmp_path_factory.mktemp("preload"), program, "file_operations.c")
+
+
+@pytest.fixture(scope="session")
+def register_preload(tmp_path_factory: pytest.TempPathFactory, program: Path) -> str:
+    """`control_register.c`, for LD_PRELOAD."""
+    return loaded_first(tmp_path_factory.mktemp("register"), program, "control_register.c")

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import os
+import platform
 import signal
 import subprocess
 from pathlib import Path
@@ -148,6 +149,22 @@ def test_a_log_that_cannot_grow_any_more_stops_the_run(tmp_path, program):
     stopped(Outcome(done.returncode, done.stdout, done.stderr), BAD_LOG)
     assert Path(directory, LOG).stat().st_size <= size
     assert lcflags(directory)[0] == [1]
+
+
+FLUSH_BITS = {"x86_64": 0x8040, "aarch64": 1 << 24}[platform.machine()]
+
+
+@pytest.mark.parametrize("arguments", [(), ("--help",), ("nowhere",), (".",)])
+def test_denormals_are_flushed_before_the_program_does_anything_else(
+    tmp_path, register_preload, arguments
+):
+    directory = tiny(tmp_path / "work")
+    target = tmp_path / "registers"
+    start(*arguments, cwd=directory, LD_PRELOAD=register_preload, REGISTER_LOG=str(target))
+    notes = [line.split() for line in target.read_text().splitlines()]
+    assert notes[0][0] in ("signal", "sigaction", "atexit"), "what the program does first"
+    for function, value in notes:
+        assert int(value, 16) & FLUSH_BITS == FLUSH_BITS, function
 
 
 # --- options --------------------------------------------------------------------------------------

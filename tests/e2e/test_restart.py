@@ -28,8 +28,9 @@ from interference import (
 from models import STEEL, pulled, tiny, tiny_case, written
 from runs import clear_done, counted, lcflags, run, solves, sstate
 
-from vkctl.directory.model import Model
+from vkctl.directory.model import LoadCase, Model
 from vkctl.shapes.boxes import box
+from vkctl.shapes.elements import Elements
 
 
 @pytest.mark.parametrize("where", ["KILL_AT", "KILL_WITHIN"])
@@ -108,6 +109,33 @@ def test_a_request_made_anew_starts_from_the_earlier_solution(tmp_path):
     assert not sstate(unstarted, 1).any()
     assert iterations(started) > 0
     assert np.abs(sstate(started, 1)).max() <= 1e-4 * largest
+
+
+def two_bars(directory: Path, first: float, second: float) -> Path:
+    """A long bar and a short one that don't touch, each pulled by its force."""
+    long, short = box("tet4", (12, 2, 2), (12.0, 2.0, 2.0)), box("tet4", (1, 1, 1), (1.0, 1.0, 1.0))
+    offset = len(long.nodes)
+    model = Model(
+        np.concatenate((long.nodes, short.nodes + np.array((0, 0, 9)))),
+        Elements.from_tables(tet4=np.concatenate((long.elements.tet4, short.elements.tet4 + offset))),
+        [STEEL],
+    )
+    case = LoadCase(pattern=1)
+    for mesh, above, force in ((long, 0, first), (short, offset, second)):
+        case.prescribe(mesh.face("x-") + above)
+        case.load(mesh.face("x+") + above, (force, 0.3 * force, 0))
+    return written(directory, model, case, Sys_ComputationMode=1, Sys_MaxNumCompThreads=1)
+
+
+def test_a_start_spares_the_iterations_of_what_it_has_solved(tmp_path):
+    """With the long bar solved by an earlier run, only the short one's few iterations are left."""
+    alone = iterations(two_bars(tmp_path / "alone", 0.0, 1.0))
+    both = iterations(two_bars(tmp_path / "both", 0.1, 1.0))
+    assert both > 3 * alone
+    directory = two_bars(tmp_path / "started", 0.1, 0.0)
+    run(directory)
+    two_bars(directory, 0.1, 1.0)
+    assert iterations(directory) == alone
 
 
 def test_an_unfinished_replacement_is_cleared_away(tmp_path, preload):
