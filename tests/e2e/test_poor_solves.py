@@ -67,7 +67,9 @@ def test_a_poor_solve_is_warned_of_and_gives_results_but_no_start(tmp_path, poor
     assert lines[-1] == "Info<Msg:Tool.vk_rund.End >"
     assert lcflags(directory)[0] == [3]
     nodes = len(counted(directory, "ws.disval", 1))
-    assert len(counted(directory, "ws.amsval", 1)) == len(counted(directory, "ws.tcval", 1)) == nodes
+    assert (
+        len(counted(directory, "ws.amsval", 1)) == len(counted(directory, "ws.tcval", 1)) == nodes
+    )
     assert counted(directory, "ws.disval", 1).max() > 0
     assert not Path(directory, "ws.sstate.0001").exists()
 

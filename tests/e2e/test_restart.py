@@ -117,7 +117,9 @@ def two_bars(directory: Path, first: float, second: float) -> Path:
     offset = len(long.nodes)
     model = Model(
         np.concatenate((long.nodes, short.nodes + np.array((0, 0, 9)))),
-        Elements.from_tables(tet4=np.concatenate((long.elements.tet4, short.elements.tet4 + offset))),
+        Elements.from_tables(
+            tet4=np.concatenate((long.elements.tet4, short.elements.tet4 + offset))
+        ),
         [STEEL],
     )
     case = LoadCase(pattern=1)
