@@ -1,8 +1,14 @@
 #include "platform/threads.hpp"
 
+#include <fcntl.h>
 #include <pthread.h>
+#include <sys/resource.h>
+#include <sys/sysinfo.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cstdint>
+#include <cstdlib>
 namespace {
 
 // Held while the threads are started, so that all of them exist at once.
@@ -14,11 +20,42 @@ void* PassGate(void*) {
   return nullptr;
 }
 
+bool Fits(rlim_t limit, std::int64_t used, int wanted) {
+  return limit == RLIM_INFINITY || static_cast<std::int64_t>(limit) - used >= wanted;
+}
+
+// The number in a file of the control group; "max" and a missing file are no limit.
+rlim_t NumberIn(const char* file) {
+  char text[32] = {};
+  const int descriptor = ::open(file, O_RDONLY | O_CLOEXEC);
+  if (descriptor < 0) return RLIM_INFINITY;
+  const bool read = ::read(descriptor, text, sizeof text - 1) > 0;
+  ::close(descriptor);
+  return read && text[0] != 'm' ? std::strtoull(text, nullptr, 10) : RLIM_INFINITY;
+}
+
+// True where no limit is near. The threads of the whole system are at least those of the user.
+bool NothingIsShort(int wanted) {
+  rlimit addresses = {};
+  rlimit threads = {};
+  struct sysinfo system = {};
+  if (::getrlimit(RLIMIT_AS, &addresses) != 0 || ::getrlimit(RLIMIT_NPROC, &threads) != 0 ||
+      ::sysinfo(&system) != 0)
+    return false;
+  const rlim_t group = NumberIn("/sys/fs/cgroup/pids.max");
+  if (group != RLIM_INFINITY &&
+      !Fits(group, static_cast<std::int64_t>(NumberIn("/sys/fs/cgroup/pids.current")), wanted))
+    return false;
+  return addresses.rlim_cur == RLIM_INFINITY && Fits(threads.rlim_cur, system.procs, wanted);
+}
+
 }  // namespace
 
 int PLATFORM_STARTABLETHREADS(int wanted) {
-  pthread_t threads[MostThreads];
   wanted = std::min(wanted, MostThreads);
+  if (NothingIsShort(wanted))
+    return wanted;  // the trial would cost a small run a tenth of its time
+  pthread_t threads[MostThreads];
   int started = 0;
   ::pthread_mutex_lock(&Gate);
   while (started < wanted && ::pthread_create(&threads[started], nullptr, PassGate, nullptr) == 0)

@@ -5,12 +5,15 @@ A sample of the requests; `refusals.py` refuses all of them.
 
 from __future__ import annotations
 
+import resource
+from collections.abc import Iterator
 from pathlib import Path
 
 import pytest
 from models import STEEL, pulled, tiny, written
+from oracle import simulate
 from refusals import FROM_THERE, ONCE, Sweep, library, limited, refuse, sweep_of
-from runs import BAD_RUN, log_lines
+from runs import BAD_RUN, compare_files, log_lines
 
 from vkctl.directory.model import Model
 from vkctl.shapes.boxes import box
@@ -55,16 +58,28 @@ def test_a_run_without_any_memory_says_so(sweep):
     assert end.err.splitlines()[-1].startswith("1010: Error allocating arrays.")
 
 
-def test_a_run_makes_do_with_the_threads_that_it_can_have(tmp_path, program, shim):
+@pytest.fixture
+def few_addresses(program) -> Iterator[None]:
+    """A limit that is far, but is one: threads are tried before the team is started."""
+    old = resource.getrlimit(resource.RLIMIT_AS)
+    resource.setrlimit(resource.RLIMIT_AS, (1 << 40, old[1]))
+    yield
+    resource.setrlimit(resource.RLIMIT_AS, old)
+
+
+@pytest.mark.parametrize("mode", [1, 2])
+@pytest.mark.usefixtures("few_addresses")
+def test_a_run_makes_do_with_the_threads_that_it_can_have(tmp_path, program, shim, mode):
+    directory = tiny(tmp_path / "work", Sys_MaxNumCompThreads=2, Sys_ComputationMode=mode)
+    expected = simulate(directory)
+    end = refuse(program, directory, shim, REFUSE_AT=1, REFUSE_ONLY="t")
+    assert (end.status, end.err, end.refused) == (0, "", True)
+    compare_files(directory, expected)
+
+
+def test_a_thread_that_is_refused_unexpectedly_ends_the_run_told(tmp_path, program, shim):
     directory = tiny(tmp_path / "work", Sys_MaxNumCompThreads=2, Sys_ComputationMode=1)
     end = refuse(program, directory, shim, REFUSE_FROM=1, REFUSE_ONLY="t")
-    assert (end.status, end.err, end.refused) == (0, "", True)
-
-
-def test_a_thread_that_is_refused_later_ends_the_run_told(tmp_path, program, shim):
-    """The first is the question whether there can be one, the second the team's."""
-    directory = tiny(tmp_path / "work", Sys_MaxNumCompThreads=2, Sys_ComputationMode=1)
-    end = refuse(program, directory, shim, REFUSE_FROM=2, REFUSE_ONLY="t")
     assert end.refused
     assert end.status == BAD_RUN & 0xFF
     assert log_lines(directory)[-1].startswith("Error<Msg:")
