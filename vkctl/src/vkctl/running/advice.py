@@ -84,6 +84,16 @@ _MESSAGES: list[tuple[str, str, str]] = [
     ),
     (r"Error allocating.*", "There was not enough memory.", _MEMORY),
     (
+        r"Unexpected end of the run\.",
+        "A library of the solver gave up, most likely for lack of memory or threads.",
+        _MEMORY,
+    ),
+    (
+        r"No progress in the maths library\.",
+        "The maths library waited for something that never came, most likely memory.",
+        _MEMORY,
+    ),
+    (
         r"(?:Stiffness matrix reorder phase error|Stiffness matrix factorization error)"
         r"\. (?:Not enough memory|32-bit integer overflow).*",
         "The sparse factor needs more memory than there is.",
