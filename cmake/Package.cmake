@@ -35,9 +35,9 @@ set -e
 py3clean -p vk-rund
 " @ONLY)
 file(CONFIGURE OUTPUT ${scripts}/vkctl CONTENT "#!/usr/bin/python3
-from vkctl.cli import app
+from vkctl.__main__ import main
 
-app()
+main()
 " @ONLY)
 # By this the companion knows its version.
 file(CONFIGURE OUTPUT ${scripts}/METADATA CONTENT "Metadata-Version: 2.1

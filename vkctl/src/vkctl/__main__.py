@@ -1,5 +1,36 @@
-"""`python -m vkctl` is the command `vkctl`."""
+"""The program `vkctl`; `python -m vkctl` is the same."""
 
-from vkctl.cli import app
+from __future__ import annotations
 
-app(prog_name="vkctl")
+import signal
+import sys
+
+from vkctl.basics.interrupt import quit_at_once
+
+
+def main() -> None:
+    """Run the command line.
+
+    Loading it takes a while, in which Ctrl-C ends the program at once; so it does until a command
+    begins, and after it has ended.
+    """
+    if signal.getsignal(signal.SIGINT) is signal.default_int_handler:
+        signal.signal(signal.SIGINT, quit_at_once)
+    from vkctl.cli import app
+    from vkctl.terminal.last_resort import guarded
+
+    for stream in (sys.stdout, sys.stderr):
+        if hasattr(stream, "reconfigure"):
+            stream.reconfigure(errors="backslashreplace")  # names may hold any byte
+    arguments = sys.argv[1:]
+    if "--debug" in arguments:  # wherever it stands
+        arguments = ["--debug", *(word for word in arguments if word != "--debug")]
+    try:
+        with guarded():
+            app(args=arguments, prog_name="vkctl")
+    except Exception as end:
+        raise SystemExit(getattr(end, "exit_code", 1)) from None
+
+
+if __name__ == "__main__":
+    main()

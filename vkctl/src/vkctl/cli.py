@@ -19,6 +19,7 @@ from .commands.run import run_command
 from .commands.summary import summary_command
 from .commands.watch import watch_command
 from .terminal.declare import declared
+from .terminal.last_resort import show_details
 
 app = typer.Typer(
     no_args_is_help=True,
@@ -41,8 +42,12 @@ def _without_command(
             ..., "--version", callback=_print_version, is_eager=True, help="Show the version."
         ),
     ] = False,
+    debug: Annotated[
+        bool, typer.Option(..., "--debug", help="Show where an unexpected failure comes from.")
+    ] = False,
 ) -> None:
     """What `vkctl` takes before a command."""
+    show_details(debug)
 
 
 app.callback()(declared(_without_command))

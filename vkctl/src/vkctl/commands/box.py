@@ -41,7 +41,7 @@ def box_command(
     whole = model.Model(
         part.nodes, part.elements, [model.Material.isotropic(modulus, poisson)], [case]
     )
-    with refusing(OSError):
+    with refusing(ValueError):
         model.write(whole, directory)
     Console(highlight=False).print(
         f"{len(part.nodes)} nodes and {len(part.elements)} elements in {directory}"

@@ -14,6 +14,7 @@ from vkctl.basics.words import counted
 from vkctl.check import Finding, Report, check
 from vkctl.check.findings import SEVERITIES
 from vkctl.terminal.display import clock
+from vkctl.terminal.refusal import refusing
 
 _STYLES = {"error": "bold red", "warning": "yellow", "note": "cyan"}
 
@@ -54,7 +55,8 @@ def check_command(
 
     Exit status: 0 nothing but notes, 1 warnings, 2 errors.
     """
-    report = check(directory)
+    with refusing():
+        report = check(directory)
     if as_json:
         typer.echo(json.dumps(report.as_dict(), indent=2))
         raise typer.Exit(report.status)

@@ -29,7 +29,7 @@ def demo_command(
 ) -> None:
     """Write the cantilever of the quick start, solve it and draw it."""
     console = Console(highlight=False)
-    with refusing(OSError):
+    with refusing():
         write_cantilever(directory)
     console.print(f"cantilever written to {directory}")
     try:
@@ -54,6 +54,8 @@ def _solve(program: Path, directory: Path, console: Console) -> None:
     except OSError as error:
         raise refuse(f"cannot run {program}: {error.strerror}") from None
     if Path(directory, formats.LOG_FILE).exists():
-        console.print(summary(directory), markup=False, soft_wrap=True)
+        with refusing():
+            text = summary(directory)
+        console.print(text, markup=False, soft_wrap=True)
     if status:
         raise refuse(f"{program} ended with status {status}")

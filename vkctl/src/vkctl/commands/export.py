@@ -20,6 +20,6 @@ def export_command(
     """Write results as .vtu or as a .pvd series over load cases, or the part as .stl."""
     from vkctl.view.export import export
 
-    with refusing(OSError, ValueError):
+    with refusing(ValueError):
         files = export(directory, out, case)
     Console(highlight=False).print(f"written: {', '.join(map(str, files))}", soft_wrap=True)

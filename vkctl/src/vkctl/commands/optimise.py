@@ -48,7 +48,6 @@ def optimise_command(
     Exit status: 0 converged or at the step limit, that of vk_rund where it failed or was
     interrupted, 127 or 126 where it can't be found or executed, 2 for mistakes in the inputs.
     """
-    from vkctl.directory.formats import FormatError
     from vkctl.optimise import OptimiseError, optimise
     from vkctl.prepare.case_file.mistakes import CaseFileError
     from vkctl.prepare.part import PartError, Reading
@@ -60,7 +59,7 @@ def optimise_command(
             need(name)
     try:
         with (
-            refusing(CaseFileError, PartError, FormatError, OSError),
+            refusing(CaseFileError, PartError, ValueError),
             _shown(console) as (on_step, on_progress),
         ):
             done = optimise(
@@ -79,7 +78,8 @@ def optimise_command(
         raise refuse(error, error.status) from None
     except KeyboardInterrupt:
         raise refuse("Interrupted: start it again to go on.", 130) from None
-    _conclude(console, done, pictures)
+    with refusing(ValueError):
+        _conclude(console, done, pictures)
 
 
 def _status(error: OptimiseError) -> int:

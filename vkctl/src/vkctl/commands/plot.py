@@ -29,6 +29,6 @@ def plot_command(
 
     if field not in FIELDS:
         raise refuse(f"unknown field {field!r}: {', '.join(FIELDS)}")
-    with refusing(OSError, ValueError):
+    with refusing(ValueError):
         plot(directory, out, case, View(field=field, scale=scale, edges=edges))  # type: ignore[arg-type]
     Console(highlight=False).print(f"written: {out}", soft_wrap=True)

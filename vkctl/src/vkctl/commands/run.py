@@ -13,7 +13,7 @@ from vkctl.directory.formats import Mode
 from vkctl.running.run import NotFoundError, run
 from vkctl.terminal.arguments import Directory
 from vkctl.terminal.display import closing_lines, shown
-from vkctl.terminal.refusal import refuse
+from vkctl.terminal.refusal import refuse, refusing
 
 
 class _Mode(StrEnum):
@@ -40,12 +40,10 @@ def run_command(
     console = Console(highlight=False)
     chosen: Mode | None = None if mode is None else mode.value
     try:
-        with shown(console) as show:
+        with refusing(ValueError), shown(console) as show:
             result = run(directory, threads=threads, mode=chosen, vk_rund=vk_rund, on_progress=show)
     except NotFoundError as error:
         raise refuse(error, error.status) from None
-    except OSError as error:
-        raise refuse(error) from None
     for line in closing_lines(result):
         console.print(line, markup=False, soft_wrap=True)
     # Status 0 without a complete log was not a run.

@@ -10,7 +10,8 @@ from rich.console import Console
 from vkctl.running.watch import KILLED_STATUS, watch
 from vkctl.terminal.arguments import Directory
 from vkctl.terminal.display import closing_lines, shown
-from vkctl.terminal.refusal import refuse
+from vkctl.terminal.last_resort import INTERRUPTED
+from vkctl.terminal.refusal import refuse, refusing
 
 
 def watch_command(
@@ -32,12 +33,10 @@ def watch_command(
     """
     console = Console(highlight=False)
     try:
-        with shown(console) as show:
+        with refusing(), shown(console) as show:
             result = watch(directory, on_progress=show, patience=patience, wait=wait)
-    except OSError as error:
-        raise refuse(error) from None
     except KeyboardInterrupt:
-        raise typer.Exit(130) from None  # ends the watching, not the run
+        raise refuse("Interrupted: the run goes on.", INTERRUPTED) from None
     for line in closing_lines(result):
         console.print(line, markup=False, soft_wrap=True)
     raise typer.Exit(KILLED_STATUS if result.status is None else result.status)

@@ -60,15 +60,28 @@ def parse_log(lines: Iterable[str]) -> Iterator[LogRecord]:
 
 
 def read_log(directory: PathLike) -> list[LogRecord]:
-    """Records of `vk_rund_log.txt`."""
-    with open(Path(directory, formats.LOG_FILE), encoding="latin-1", newline="") as stream:
-        return list(parse_log(stream))
+    """Records of `vk_rund_log.txt`; FormatError where a line is none that a run writes."""
+    path = Path(directory, formats.LOG_FILE)
+    lines = formats.read_regular(path).decode("latin-1").splitlines(keepends=True)
+    records: list[LogRecord] = []
+    for number, line in enumerate(lines, 1):
+        try:
+            records += parse_log([line])
+        except ValueError:
+            raise formats.FormatError(path, f"line {number} is none that a run writes") from None
+    if damaged := digest(records).damaged:
+        raise formats.FormatError(path, f"it has no value that a run writes: {damaged[0]!r}")
+    return records
+
+
+_CLOCK = re.compile(r"(\d{1,9}):(\d\d):(\d\d\.\d{3})")
 
 
 def seconds(clock: str) -> float:
-    """Seconds of a time text such as "00:03:07.250"."""
-    hours, minutes, rest = clock.split(":")
-    return 3600 * int(hours) + 60 * int(minutes) + float(rest)
+    """Seconds of a time text such as "00:03:07.250"; ValueError for anything else."""
+    if (match := _CLOCK.fullmatch(clock)) is None:
+        raise ValueError(f"no time: {clock!r}")
+    return 3600 * int(match[1]) + 60 * int(match[2]) + float(match[3])
 
 
 @dataclass
@@ -96,29 +109,43 @@ class RunLog:
     error: str | None = None
     seconds: float | None = None  # of the whole run, once it has ended
     ended: bool = False
+    damaged: list[str] = field(default_factory=list)  # lines without a value that a run writes
 
 
 _SYSTEM = re.compile(r"Im[48]::MaxBW/MDOF/MPRE=-?\d+/([^/]+)/([^/]+)\Z")
 
 
 def digest(records: Iterable[LogRecord]) -> RunLog:
-    """Put log records together. Accepts a log that is still growing or broke off."""
+    """Put log records together. Accepts a log that is still growing, broke off or is damaged."""
     run = RunLog()
     for record in records:
-        if record.frame == "error":
-            run.error = record.text
-        elif record.frame == "data" and record.key == "LCaseId":
-            run.load_cases.append(LoadCaseLog(int(record.value)))
-        elif record.frame == "info" and record.key == "Total time":
-            run.seconds = seconds(record.value)
-        elif record.frame == "info" and record.text == "Tool.vk_rund.End":
-            run.ended = True
-        else:
-            if record.frame == "warning":
-                run.warnings.append(record.text)
-            if run.load_cases:
-                _add(run.load_cases[-1], record)
+        try:
+            _take(run, record)
+        except ValueError:
+            run.damaged.append(f"{record.key}: {record.value}")
     return run
+
+
+def _take(run: RunLog, record: LogRecord) -> None:
+    if record.frame == "error":
+        run.error = record.text
+    elif record.frame == "data" and record.key == "LCaseId":
+        run.load_cases.append(LoadCaseLog(_integer(record.value)))
+    elif record.frame == "info" and record.key == "Total time":
+        run.seconds = seconds(record.value)
+    elif record.frame == "info" and record.text == "Tool.vk_rund.End":
+        run.ended = True
+    else:
+        if record.frame == "warning":
+            run.warnings.append(record.text)
+        if run.load_cases:
+            _add(run.load_cases[-1], record)
+
+
+def _integer(text: str) -> int:
+    if re.fullmatch(r"-?\d{1,10}", text, re.ASCII) is None:
+        raise ValueError(f"no whole number: {text!r}")
+    return int(text)
 
 
 def _add(case: LoadCaseLog, record: LogRecord) -> None:
@@ -127,11 +154,11 @@ def _add(case: LoadCaseLog, record: LogRecord) -> None:
     elif record.frame == "data":
         case.data[record.key] = record.number()
     elif record.key == "LCasePatInx":
-        case.pattern = int(record.value)
+        case.pattern = _integer(record.value)
     elif record.key == "IMode":
-        case.mode = int(record.value)
+        case.mode = _integer(record.value)
     elif record.key == "ICount":
-        case.iterations = int(record.value)
+        case.iterations = _integer(record.value)
     elif record.key == "EstDecMemReq":
         case.memory_estimate_gb = record.number()
     elif record.key == "LCaseTime":

@@ -4,10 +4,13 @@ from __future__ import annotations
 
 import csv
 import json
+import math
+import tokenize
 from collections.abc import Iterator
 from contextlib import ExitStack, contextmanager
 from dataclasses import asdict, dataclass
 from pathlib import Path
+from typing import Any
 
 import numpy as np
 
@@ -113,10 +116,18 @@ def save_array(path: Path, values: Array) -> None:
         np.save(stream, np.asarray(values, np.float32))
 
 
-def load_array(path: Path) -> Array:
-    """Values of a .npy file as float64."""
-    values: Array = np.load(path).astype(np.float64)
-    return values
+def load_array(path: Path, count: int | None = None) -> Array:
+    """Values of a .npy file as float64, `count` of them where given; FormatError for others."""
+    try:
+        with formats.open_regular(path) as stream:
+            values: Array = np.load(stream, allow_pickle=False)
+            numbers = np.asarray(values, np.float64)
+    except (ValueError, TypeError, EOFError, MemoryError, SyntaxError, tokenize.TokenError):
+        raise formats.FormatError(path, "it holds no array of numbers") from None
+    wanted = len(numbers.ravel()) if count is None else count
+    if numbers.shape != (wanted,) or not np.isfinite(numbers).all():
+        raise formats.FormatError(path, f"it doesn't hold {wanted} finite numbers in a row")
+    return numbers
 
 
 def write_state(directory: PathLike, state: State) -> None:
@@ -125,12 +136,43 @@ def write_state(directory: PathLike, state: State) -> None:
 
 
 def read_state(directory: PathLike) -> State | None:
-    """State of a loop that was begun in the directory, or None."""
+    """State of a loop that was begun in the directory, or None; FormatError where it is damaged."""
+    path = folder_of(directory) / STATE
     try:
-        text = (folder_of(directory) / STATE).read_text()
+        said = json.loads(formats.read_regular(path).decode())
     except FileNotFoundError:
         return None
-    return State(**json.loads(text))
+    except (ValueError, RecursionError):
+        raise formats.FormatError(path, "it holds no state of an optimisation") from None
+    if not isinstance(said, dict) or not _is_state(said):
+        raise formats.FormatError(path, "it holds no state of an optimisation")
+    return State(**said)
+
+
+def _is_state(said: dict[str, Any]) -> bool:
+    """Whether all fields of a State are there, of their types, and fit each other."""
+    if set(said) != set(State.__dataclass_fields__):
+        return False
+    numbers = [*_listed(said["load_cases"]), *_listed(said["kept"])]
+    return (
+        all(type(said[name]) is int and said[name] >= 0 for name in ("step", "running", "since"))
+        and 1 <= said["since"] <= said["step"]
+        and all(isinstance(said[name], str) for name in ("model", "cases", "combine"))
+        and all(type(number) is int and 1 <= number < 2**31 for number in numbers)
+        and all(isinstance(name, str) for name in _listed(said["keep"]))
+        and all(_is_number(weight) for weight in _listed(said["weights"]))
+        and len(said["weights"]) == len(said["load_cases"]) > 0
+        and (said["target"] is None or _is_number(said["target"]))
+    )
+
+
+def _listed(values: Any) -> list[Any]:
+    """The values, or one that is of no wanted kind where they are no list."""
+    return values if isinstance(values, list) else [None]
+
+
+def _is_number(value: Any) -> bool:
+    return isinstance(value, int | float) and not isinstance(value, bool) and math.isfinite(value)
 
 
 def write_history(directory: PathLike, rows: list[HistoryRow]) -> None:
@@ -146,12 +188,18 @@ def write_history(directory: PathLike, rows: list[HistoryRow]) -> None:
 
 
 def read_history(directory: PathLike) -> list[HistoryRow]:
-    """Finished steps of a loop; empty if none."""
+    """Finished steps of a loop, empty if none; FormatError where the table is damaged."""
+    path = folder_of(directory) / HISTORY
     try:
-        with open(folder_of(directory) / HISTORY, newline="") as stream:
-            return [_row(entry) for entry in csv.DictReader(stream)]
+        lines = formats.read_regular(path).decode().splitlines()
+        rows = [_row(entry) for entry in csv.DictReader(lines)]
     except FileNotFoundError:
         return []
+    except (ValueError, KeyError, TypeError, AttributeError, csv.Error):
+        raise formats.FormatError(path, "it is no table of finished steps") from None
+    if [row.step for row in rows] != list(range(1, len(rows) + 1)):
+        raise formats.FormatError(path, "its steps don't follow each other")
+    return rows
 
 
 def _row(entry: dict[str, str]) -> HistoryRow:

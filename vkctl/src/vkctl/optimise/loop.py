@@ -140,8 +140,13 @@ def _run_steps(loop: _Loop, on_step: Callable[[StepShown], None] | None) -> Opti
         if on_step is not None:
             on_step(shown)
     last = max(loop.state.step - 1, 1)
-    levels = history.load_array(history.levels_file(loop.directory, last))
+    levels = _levels(loop, last)
     return Optimised(loop.directory, loop.rows, converged(), levels)
+
+
+def _levels(loop: _Loop, step: int) -> Array:
+    """Levels of a step, one for each design point."""
+    return history.load_array(history.levels_file(loop.directory, step), len(loop.design.points))
 
 
 # --- begin and resume ------------------------------------------------------------------------
@@ -156,6 +161,9 @@ def _start(cases: PathLike, directory: Path, settings: Settings, reading: Readin
         model = read(directory)
         _refuse_other_inputs(cases, directory, state)
         _take_settings(cases, directory, settings, state, model, reading)
+    if state.kept and max(state.kept) > len(model.nodes):
+        path = history.folder_of(directory) / history.STATE
+        raise formats.FormatError(path, f"it keeps node {max(state.kept)} of {len(model.nodes)}")
     try:
         design = make_design(model, settings.radius, np.array(state.kept, np.int64))
     except ValueError as error:
@@ -292,7 +300,7 @@ def _step(loop: _Loop) -> StepShown:
     """Solve the present design, note it, and leave the next one."""
     begun = time.monotonic()
     state, settings, directory = loop.state, loop.settings, loop.directory
-    levels = history.load_array(history.levels_file(directory, state.step))
+    levels = _levels(loop, state.step)
     outcome = _solve(loop, levels)
     results = [read_results(directory, number) for number in state.load_cases]
     criterion = _settled(loop, _combined_or_fail(loop, results))
@@ -365,7 +373,8 @@ def _settled(loop: _Loop, criterion: Array) -> Array:
     step = loop.state.step
     smooth: Array = loop.design.smoothing @ criterion
     if step > 1:
-        before = history.load_array(history.criterion_file(loop.directory, step - 1))
+        path = history.criterion_file(loop.directory, step - 1)
+        before = history.load_array(path, len(criterion))
         smooth = 0.5 * (smooth + before)
     history.save_array(history.criterion_file(loop.directory, step), smooth)
     return smooth
@@ -403,5 +412,6 @@ def has_converged(rows: list[HistoryRow], settings: Settings) -> bool:
 def model_at(directory: PathLike, step: int) -> Model:
     """The model of a directory with the levels of a step."""
     model = read(directory)
-    model.tp = np.load(history.levels_file(directory, step)).astype(np.float32)
+    levels = history.load_array(history.levels_file(directory, step), len(model.tp))
+    model.tp = levels.astype(np.float32)
     return model

@@ -12,7 +12,7 @@ from vkctl.directory import formats
 from vkctl.directory.log import RunLog
 from vkctl.directory.numbering import active_nodes, prescribed_components
 
-_PIVOT = re.compile(r"pivot of equation (\d+)")
+_PIVOT = re.compile(r"pivot of equation (\d{1,10})\b")
 
 
 def explain_pivot(directory: PathLike, log: RunLog, printed: str) -> str:
@@ -22,12 +22,13 @@ def explain_pivot(directory: PathLike, log: RunLog, printed: str) -> str:
         return ""
     try:
         found = component_of_equation(directory, log.load_cases[-1].number, int(match[1]))
+        nodes = formats.read_nodes(directory)
     except (OSError, ValueError, IndexError, formats.FormatError):
         return ""
     if found is None:
         return ""
     node, direction = found
-    x, y, z = formats.read_nodes(directory)[node - 1]
+    x, y, z = nodes[node - 1]
     return f"The trouble shows at node {node} in {direction}, at ({x:.6g}, {y:.6g}, {z:.6g})."
 
 

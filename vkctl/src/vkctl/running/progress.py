@@ -8,6 +8,7 @@ from dataclasses import dataclass, field
 from pathlib import Path
 
 from vkctl.basics.types import PathLike
+from vkctl.directory import formats
 from vkctl.directory.formats import LOG_FILE
 from vkctl.directory.log import LogRecord, RunLog, digest, parse_line
 from vkctl.directory.plan import PlannedCase, plan_or_nothing
@@ -41,7 +42,10 @@ class LogReader:
         if stamp is None or stamp == self._stamp:
             return False
         self._stamp = stamp
-        content = self.path.read_bytes()
+        try:
+            content = formats.read_regular(self.path)
+        except OSError:
+            return False  # it went, or something else took its place
         whole = content[: content.rfind(b"\n") + 1]
         # A run truncates the log and writes it anew: the old text is no longer its beginning.
         if not whole.startswith(self._taken):

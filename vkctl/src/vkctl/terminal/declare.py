@@ -1,4 +1,4 @@
-"""Hands a command's parameters to typer as defaults, which every version understands.
+"""Hands a command to typer: guarded, its parameters as defaults, which every version understands.
 
 Typer before 0.9, Debian 12's, knows neither declarations by Annotated nor unions by a bar.
 """
@@ -11,6 +11,10 @@ from collections.abc import Callable
 from copy import copy
 from types import UnionType
 from typing import Any, Union, get_args, get_type_hints
+
+from vkctl.basics.interrupt import undoing
+
+from .last_resort import guarded
 
 
 def declared(command: Callable[..., None]) -> Callable[..., None]:
@@ -28,7 +32,8 @@ def declared(command: Callable[..., None]) -> Callable[..., None]:
 
     @functools.wraps(command)
     def run(*args: Any, **options: Any) -> None:
-        command(*args, **options)
+        with undoing(), guarded():
+            command(*args, **options)
 
     run.__annotations__ = {parameter.name: parameter.annotation for parameter in parameters}
     vars(run)["__signature__"] = inspect.Signature(parameters)

@@ -10,6 +10,7 @@ from rich.console import Console
 
 from vkctl.basics.extras import MissingPartError
 from vkctl.basics.words import printable
+from vkctl.directory.formats import FormatError
 
 REFUSED = 2  # exit status of a command that can't do what it was asked
 
@@ -23,8 +24,8 @@ def refuse(reason: object, status: int = REFUSED) -> typer.Exit:
 
 @contextmanager
 def refusing(*kinds: type[Exception]) -> Iterator[None]:
-    """Refuse where one of these errors comes out of the block, or a part isn't installed."""
-    known: tuple[type[Exception], ...] = (MissingPartError, *kinds)
+    """Refuse where one of these errors comes out of the block, as of files and missing parts."""
+    known: tuple[type[Exception], ...] = (MissingPartError, OSError, FormatError, *kinds)
     try:
         yield
     except known as error:

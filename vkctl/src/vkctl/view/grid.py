@@ -35,10 +35,13 @@ _NEAREST_LEVEL = 1e-3  # of the largest level: nodes closer to zero count as jus
 def level_field(model: Model) -> Array:
     """Level value of each node as the solver uses it, float32 (n,).
 
-    The list is scaled to a mean magnitude of 0.5; nodes without a design point have 1.0.
+    The list is scaled to a mean magnitude of 0.5; nodes without a design point have 1.0. ValueError
+    for nodes whose design point isn't there.
     """
     levels = np.ones(len(model.nodes), np.float32)
     assert model.node_tp_index is not None
+    if (model.node_tp_index > len(model.tp)).any():
+        raise ValueError(f"a node names a design point above {len(model.tp)}")
     mean = np.abs(model.tp).mean() if len(model.tp) else np.float32(0.0)
     scale = np.float32(0.5) / mean if mean > 0 else mean
     chosen = model.node_tp_index > 0
@@ -83,6 +86,7 @@ def point_fields(model: Model, results: Results) -> dict[str, Array]:
     solve was too poor to leave one.
     """
     assert model.node_tp_index is not None
+    _require_fitting(model, results)
     criterion = np.full(len(model.nodes), np.nan, np.float32)
     chosen = model.node_tp_index > 0
     criterion[chosen] = results.criterion[model.node_tp_index[chosen] - 1]
@@ -90,6 +94,24 @@ def point_fields(model: Model, results: Results) -> dict[str, Array]:
     if results.displacements is not None:
         fields["displacement"] = results.displacements
     return fields
+
+
+def _require_fitting(model: Model, results: Results) -> None:
+    """ValueError where results belong to another model."""
+    nodes, elements = len(model.nodes), len(model.elements)
+    for values, count, what in (
+        (results.criterion, len(model.tp), "criterion values"),
+        (results.stress, nodes, "stresses"),
+        (results.magnitude, nodes, "magnitudes"),
+        (results.displacements, nodes, "displacements"),
+        (results.element_state, elements, "element states"),
+    ):
+        if values is not None and len(values) != count:
+            text = f"load case {results.number} has {len(values)} {what}, the model has {count}"
+            raise ValueError(text)
+    assert model.node_tp_index is not None
+    if (model.node_tp_index > len(model.tp)).any():
+        raise ValueError(f"a node names a design point above {len(model.tp)}")
 
 
 def results_grid(model: Model, results: Results) -> pyvista.UnstructuredGrid:

@@ -15,6 +15,7 @@ from vkctl.shapes.elements import Elements
 
 from .. import formats, lock
 from ..formats import RawStructure
+from ..numbering import tables_by_type
 from ..structure import build_structure
 from .load_cases import LoadCase
 from .materials import Material, materials_from_records, materials_to_records
@@ -139,7 +140,8 @@ def _write_load_cases(
 def read(directory: PathLike) -> Model:
     """The model of a working directory. Values come back as the float32 of the files.
 
-    The counts of the tables must agree; what doesn't raises `formats.FormatError`.
+    The counts of the tables must agree, and elements name only what is there; what doesn't raises
+    `formats.FormatError`.
     """
     nodes = formats.read_nodes(directory)
     tables = formats.read_elements(directory)
@@ -152,6 +154,7 @@ def read(directory: PathLike) -> Model:
     ):
         if len(array) != count:
             raise formats.FormatError(Path(directory, name), f"{len(array)} values, not {count}")
+    _require_indices(directory, tables, len(nodes))
     load_cases, run_order = read_load_cases(directory)
     elements = Elements(
         tables.records["TypeCode"].copy(),
@@ -173,6 +176,21 @@ def read(directory: PathLike) -> Model:
         run_order=run_order,
         options=formats.read_options(directory),
     )
+
+
+def _require_indices(directory: PathLike, tables: formats.ElementTables, count: int) -> None:
+    """Elements must name rows and nodes (of `count`) that are there."""
+    for code, table in tables_by_type(tables).items():
+        rows = tables.records["ConnIndex"][tables.records["TypeCode"] == code]
+        inside = (rows >= 1) & (rows <= len(table))
+        if not inside.all():
+            path = Path(directory, file_names.ELEMENTS)
+            raise formats.FormatError(path, f"row {rows[~inside][0]} of {len(table)} is named")
+        nodes = table[rows - 1]
+        outside = nodes[(nodes < 1) | (nodes > count)]
+        if len(outside):
+            path = Path(directory, file_names.ELEMENTS)
+            raise formats.FormatError(path, f"node {outside[0]} of {count} is named")
 
 
 def read_load_cases(directory: PathLike) -> tuple[list[LoadCase], Array]:
