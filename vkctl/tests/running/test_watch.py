@@ -62,7 +62,7 @@ def test_a_killed_solver_is_told_apart_from_one_that_is_slow(tmp_path):
             solver.wait()
 
     try:
-        while processes.worker_on(tmp_path) is None:
+        while processes.worker_on(tmp_path) is None or not (tmp_path / formats.LOG_FILE).exists():
             time.sleep(0.01)
         result = follow(tmp_path, on_progress=kill_after_a_while)
     finally:
