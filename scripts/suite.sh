@@ -72,6 +72,17 @@ end_to_end_tests() {
     "$VENV/bin/python" -m pytest -q "$ROOT/tests/e2e" --junitxml "$REPORTS/end-to-end-$1.xml"
 }
 
+# What runs on several threads, under the thread sanitizer: every parallel region of the solver, from
+# its modules and from the whole program. The other tests would find nothing more in ten times the time.
+thread_tests() {
+  part unit-tsan ctest --test-dir "$ROOT/build/tsan" -j "$JOBS" --output-on-failure --no-tests=error \
+    -R 'Assembly|Scatter|Supports|Fenod|Compsave|Logger|RunoptThreads|Loads|Analysis|Sleblocks|Slepccgsolver|MathsSymv|MathsTrsv|Driver' \
+    --output-junit "$REPORTS/unit-tsan.xml"
+  part end-to-end-tsan env VK_RUND="$ROOT/build/tsan/vk_rund" \
+    "$VENV/bin/python" -m pytest -q "$ROOT/tests/e2e/test_results.py" "$ROOT/tests/e2e/test_log.py" \
+    --junitxml "$REPORTS/end-to-end-tsan.xml"
+}
+
 # The build as others use it: installed, inside of another project, and what it refuses.
 install_tests() {
   part install env VK_RUND="$ROOT/build/release/vk_rund" \
