@@ -43,8 +43,10 @@ round() {
   return "$status"
 }
 
+INTERRUPTED=72 # libFuzzer's status then
 while [ "$(sum)" -lt "$inputs" ]; do
   round || {
+    [ $? != "$INTERRUPTED" ] || exit 130
     grep -E 'finding:|ERROR|SUMMARY|runtime error|Test unit written' "$log" || tail -n 20 "$log"
     printf '%s: ended after %d inputs; see %s\n' "$1" "$(sum)" "$log"
     exit 1
