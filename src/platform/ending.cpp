@@ -14,6 +14,7 @@
 
 #include "platform/leave.hpp"
 #include "platform/memory.hpp"
+#include "platform/process.hpp"
 #include "platform/stop.hpp"
 
 namespace {
@@ -25,8 +26,11 @@ std::atomic<bool> Ended = false;  // by the normal end, which exit handlers let 
 std::atomic<pid_t> Ender = 0;     // the thread that ends the process
 bool InterruptIgnored = false;    // SIGINT, by who started the run
 
-// The handlers' own stack: the first thread's can't grow where memory is short.
-alignas(64) std::byte HandlerStack[std::size_t{1} << 16];
+// Stacks for the handlers, one a thread: the first thread's own can't grow where memory is short,
+// and a library that fails at telling of a failure fills any.
+constexpr std::size_t StackSize = std::size_t{1} << 16;
+alignas(64) std::byte Stacks[LargestTeam][StackSize];
+std::atomic<int> StacksTaken = 0;
 
 // What a failed call has left in errno is the one trace that a library leaves of its reason.
 std::string_view TextOf(int error) {
@@ -90,10 +94,6 @@ void Handle(int signal, void (*handler)(int, siginfo_t*, void*)) {
 }
 
 void HandleSignals() {
-  stack_t stack = {};
-  stack.ss_sp = HandlerStack;
-  stack.ss_size = sizeof HandlerStack;
-  if (!ENDING::Sanitized) ::sigaltstack(&stack, nullptr);
   sigset_t handled;
   ::sigemptyset(&handled);
   for (const int signal : {SIGABRT, SIGSEGV, SIGBUS, SIGFPE, SIGILL}) {
@@ -111,8 +111,21 @@ void PLATFORM_GUARDEND(bool (*postLast)(std::string_view text)) {
   PostLast = postLast;
   std::set_terminate(OnTerminate);
   std::set_new_handler(OnNewFailing);
+  PLATFORM_GUARDTHREAD();
   HandleSignals();
   if (std::atexit(OnExit) != 0 || std::at_quick_exit(OnExit) != 0) OnNewFailing();
+}
+
+void PLATFORM_GUARDTHREAD() {
+  stack_t stack = {};
+  if (ENDING::Sanitized || ::sigaltstack(nullptr, &stack) != 0) return;
+  if ((stack.ss_flags & SS_DISABLE) == 0) return;  // it has one
+  const int place = StacksTaken++;
+  if (place >= LargestTeam) return;
+  stack.ss_sp = Stacks[place];
+  stack.ss_size = StackSize;
+  stack.ss_flags = 0;
+  ::sigaltstack(&stack, nullptr);
 }
 
 void PLATFORM_ENDUNEXPECTED(std::string_view text, std::string_view reason) {

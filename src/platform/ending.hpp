@@ -37,6 +37,9 @@ inline constexpr bool Sanitized = false;
 // if the process sends it to itself, as OpenBLAS does.
 void PLATFORM_GUARDEND(bool (*postLast)(std::string_view text));
 
+// The same for a thread of the team that has filled its stack, which its handlers then lack.
+void PLATFORM_GUARDTHREAD();
+
 // Such a stop, from any thread and from a signal's handler. The first thread that comes ends the
 // process; others wait for it.
 [[noreturn]] void PLATFORM_ENDUNEXPECTED(std::string_view text, std::string_view reason);

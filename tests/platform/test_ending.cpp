@@ -67,6 +67,20 @@ void ExitWhileOthersPost() {
   std::exit(0);
 }
 
+// Deeper than any stack is; what is touched keeps the compiler from making a loop of it.
+int FillStack(int depth) {
+  volatile char frame[1024];
+  frame[0] = static_cast<char>(depth);
+  return depth < 0 ? 0 : FillStack(depth + 1) + frame[0];
+}
+
+void FillStackOfAThread() {
+  std::thread([] {
+    PLATFORM_GUARDTHREAD();
+    FillStack(0);
+  }).join();
+}
+
 void InterruptFromOutside() {
   ::kill(::getpid(), SIGINT);
   ::pause();
@@ -125,6 +139,12 @@ TEST_F(Ending, FailedInstructionsAreTold) {
   EXPECT_TOLD(TouchNothing(), "Unexpected end of the run. \\(signal SIGSEGV\\)\n", Other);
   for (const int signal : {SIGSEGV, SIGBUS, SIGFPE, SIGILL})
     EXPECT_TOLD(std::raise(signal), "Unexpected end of the run. \\(signal SIG", Other);
+}
+
+TEST_F(Ending, StackThatIsFullIsTold) {
+  if (ENDING::Sanitized) return;
+  EXPECT_TOLD(FillStack(0), "Unexpected end of the run. \\(signal SIGSEGV\\)\n", Other);
+  EXPECT_TOLD(FillStackOfAThread(), "Unexpected end of the run. \\(signal SIGSEGV\\)\n", Other);
 }
 
 TEST_F(Ending, InterruptOfALibraryIsToldAndThatOfAPersonStaysOne) {

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "platform/ending.hpp"
 #include "platform/process.hpp"
 #include "platform/stream.hpp"
 #include "platform/threads.hpp"
@@ -179,5 +180,8 @@ void RUNOPT_SETTHREADS() {
   // First outside of the team: some run-times give threads their master's mode at every fork.
   PLATFORM_FLUSHTOZERO();
 #pragma omp parallel
-  PLATFORM_FLUSHTOZERO();
+  {
+    PLATFORM_FLUSHTOZERO();
+    PLATFORM_GUARDTHREAD();
+  }
 }
