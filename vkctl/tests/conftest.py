@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import shutil
+import signal
 import sys
 from pathlib import Path
 
@@ -17,6 +18,10 @@ from vkctl.cli import app
 from vkctl.directory import formats
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "tools"))
+
+# Tests that a shell started in the background ignore Ctrl-C, and so would what they start.
+if signal.getsignal(signal.SIGINT) is signal.SIG_IGN:
+    signal.signal(signal.SIGINT, signal.default_int_handler)
 
 
 @pytest.fixture
