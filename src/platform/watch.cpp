@@ -53,7 +53,7 @@ void Look(int) {
   const bool progressed = Progressed() && Watched == static_cast<int>(WATCH::What::Progress);
   Looks = progressed ? 0 : Looks + 1;
   if (Watched != 0 && Looks >= WATCH::MostLooks)
-    PLATFORM_ENDUNEXPECTED("No progress in the maths library.", "memory has probably run out");
+    PLATFORM_ENDUNEXPECTED("No progress in a library.", "memory has probably run out");
   errno = error;
 }
 

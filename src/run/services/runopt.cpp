@@ -12,6 +12,7 @@
 #include "platform/process.hpp"
 #include "platform/stream.hpp"
 #include "platform/threads.hpp"
+#include "platform/watch.hpp"
 #include "run/services/arrays.hpp"
 #include "run/services/logger.hpp"
 
@@ -172,6 +173,8 @@ std::int32_t RUNOPT_TEAMSIZE(std::int32_t request, std::int32_t processors,
 }
 
 void RUNOPT_SETTHREADS() {
+  // The run-time starts itself by the first call; where it can't, one of them waits for itself.
+  const WATCH::What watched = PLATFORM_WATCH(WATCH::What::Return);
   VKCORE::NumThreads = RUNOPT_TEAMSIZE(VKCORE::RunOptions.MaxNumCompThreads, omp_get_num_procs(),
                                        omp_get_thread_limit());
   // A smaller team is slower; the run-time would end the process.
@@ -184,4 +187,5 @@ void RUNOPT_SETTHREADS() {
     PLATFORM_FLUSHTOZERO();
     PLATFORM_GUARDTHREAD();
   }
+  PLATFORM_WATCH(watched);
 }

@@ -27,7 +27,7 @@ from vkctl.running.advice import explain_message, explain_status
         ("Error allocating pC and pR arrays.", "memory"),
         ("Error allocating work arrays.", "memory"),
         ("Unexpected end of the run.", "memory or threads"),
-        ("No progress in the maths library.", "most likely memory"),
+        ("No progress in a library.", "most likely memory"),
         ("Stiffness matrix factorization error. Not enough memory.", "more memory"),
         ("Stiffness matrix factorization error. Zero pivot or refinement problem.", "singular"),
         ("Stiffness matrix reorder phase error. Reordering failed.", "can't be factorised"),

@@ -89,8 +89,8 @@ _MESSAGES: list[tuple[str, str, str]] = [
         _MEMORY,
     ),
     (
-        r"No progress in the maths library\.",
-        "The maths library waited for something that never came, most likely memory.",
+        r"No progress in a library\.",
+        "A library of the solver waited for something that never came, most likely memory.",
         _MEMORY,
     ),
     (
