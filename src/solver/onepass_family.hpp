@@ -2,6 +2,8 @@
 // four lanes, the last of which holds what comes next in memory and is dropped in the end.
 #pragma once
 
+#include <cstddef>
+
 #include "solver/onepass_rows.hpp"
 
 typedef double OnePassLanes __attribute__((vector_size(32)));
@@ -26,29 +28,26 @@ constexpr int OnePassBlockSize = 9;
 // fetching doesn't reach across the gathers.
 constexpr std::int64_t OnePassAhead = 32;
 
-// Asks for a block, also where there is none: the address is never followed.
 [[gnu::always_inline]] inline void Prefetch(const double* values, std::int64_t block) {
-  const auto offset = static_cast<std::uintptr_t>(block * OnePassBlockSize * 8);
-  __builtin_prefetch(
-      reinterpret_cast<const void*>(reinterpret_cast<std::uintptr_t>(values) + offset));
+  __builtin_prefetch(values + OnePassBlockSize * block);
 }
 
 // B v for one block.
 [[gnu::always_inline]] inline OnePassLanes Product(const double* block, const double* v) {
   return (LoadLanes(block) * v[0] + LoadLanes(block + OnePassWidth) * v[1]) +
-         LoadLanes(block + 2 * OnePassWidth) * v[2];
+         LoadLanes(block + std::ptrdiff_t{2} * OnePassWidth) * v[2];
 }
 
 template <class Isa>
 void OnePassBackward(const OnePassRows& v, std::int64_t first, std::int64_t last, double beta) {
-  const auto [start, column, values] = v.upper;
+  const auto [start, column, values, blocks] = v.upper;
   for (std::int64_t row = last; row-- > first;) {
     double* ph = v.ph + OnePassWidth * row;
     const double* rh = v.rh + OnePassWidth * row;
     for (int i = 0; i < OnePassWidth; ++i) ph[i] = beta * ph[i] - rh[i];
     OnePassLanes s = {ph[0], ph[1], ph[2], 0.0};
     for (std::int64_t k = start[row + 1]; k-- > start[row];) {  // downwards as the rows: one stream
-      Prefetch(values, k - OnePassAhead);
+      Prefetch(values, k > OnePassAhead ? k - OnePassAhead : 0);
       s -= Product(values + OnePassBlockSize * k, v.t + OnePassWidth * std::int64_t{column[k]});
     }
     const double* u = v.diagonal + OnePassWidth * row;  // (1,2), (1,3), (2,3)
@@ -62,13 +61,13 @@ void OnePassBackward(const OnePassRows& v, std::int64_t first, std::int64_t last
 template <class Isa>
 void OnePassForward(const OnePassRows& v, std::int64_t first, std::int64_t last,
                     OnePassPartial& partial) {
-  const auto [start, column, values] = v.lower;
+  const auto [start, column, values, blocks] = v.lower;
   double sum = 0.0;
   for (std::int64_t row = first; row < last; ++row) {
     OnePassLanes lw = {}, lt = {};
     for (std::int64_t k = start[row]; k < start[row + 1]; ++k) {
       const std::int64_t other = OnePassWidth * std::int64_t{column[k]};
-      Prefetch(values, k + OnePassAhead);
+      Prefetch(values, k + OnePassAhead < blocks ? k + OnePassAhead : 0);
       lw += Product(values + OnePassBlockSize * k, v.w + other);
       lt += Product(values + OnePassBlockSize * k, v.t + other);
     }
@@ -126,7 +125,7 @@ void OnePassUpdate(const OnePassRows& v, std::int64_t first, std::int64_t last, 
 template <class Isa>
 void OnePassTransform(const OnePassRows& v, std::int64_t first, std::int64_t last,
                       OnePassPartial& partial) {
-  const auto [start, column, values] = v.lower;
+  const auto [start, column, values, blocks] = v.lower;
   double sum = 0.0;
   for (std::int64_t row = first; row < last; ++row) {
     const double* r = v.r + OnePassWidth * row;

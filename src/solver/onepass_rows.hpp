@@ -9,6 +9,7 @@ struct OnePassTriangle {
   const std::int32_t* start;
   const std::int32_t* column;
   const double* values;
+  std::int64_t blocks;
 };
 
 // Triangles, diagonal blocks and vectors by unknown, [rows][3].

@@ -317,7 +317,8 @@ void AllocateVectors(std::string_view failure) {
   Taken = ARRAYS_ALLOCATE<std::int32_t>(TasksPerIteration(), failure);
   std::fill_n(Taken.get(), TasksPerIteration(), 0);
   const auto plain = [](const Triangle& triangle) -> OnePassTriangle {
-    return {triangle.start.get(), triangle.column.get(), triangle.values.get()};
+    return {triangle.start.get(), triangle.column.get(), triangle.values.get(),
+            SLEBLOCKS::NumBlocks};
   };
   Rows = {.upper = plain(SLEBLOCKS::Upper),
           .lower = plain(SLEBLOCKS::Lower),
