@@ -66,10 +66,12 @@ unit_tests() {
     --no-tests=error --output-junit "$REPORTS/unit-$1.xml"
 }
 
-# The built program from outside.
+# The built program from outside: PRESET, and what else the tests are told.
 end_to_end_tests() {
-  part "end-to-end-$1" env VK_RUND="$ROOT/build/$1/vk_rund" \
-    "$VENV/bin/python" -m pytest -q "$ROOT/tests/e2e" --junitxml "$REPORTS/end-to-end-$1.xml"
+  local preset=$1
+  shift
+  part "end-to-end-$preset" env VK_RUND="$ROOT/build/$preset/vk_rund" \
+    "$VENV/bin/python" -m pytest -q "$ROOT/tests/e2e" --junitxml "$REPORTS/end-to-end-$preset.xml" "$@"
 }
 
 # What runs on several threads, under the thread sanitizer: every parallel region of the solver, from
