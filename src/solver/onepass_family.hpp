@@ -9,9 +9,6 @@
 typedef double OnePassLanes __attribute__((vector_size(32)));
 typedef double OnePassUnaligned __attribute__((vector_size(32), aligned(8), may_alias));
 
-constexpr int OnePassWidth = 3;
-constexpr int OnePassBlockSize = 9;
-
 [[gnu::always_inline]] inline OnePassLanes LoadLanes(const double* anywhere) {
   return *reinterpret_cast<const OnePassUnaligned*>(anywhere);
 }

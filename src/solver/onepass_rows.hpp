@@ -4,6 +4,9 @@
 
 #include <cstdint>
 
+constexpr int OnePassWidth = 3;  // unknowns of a block row
+constexpr int OnePassBlockSize = OnePassWidth * OnePassWidth;
+
 // A strict triangle as the loops read it: SLEBLOCKS::Triangle by its pointers.
 struct OnePassTriangle {
   const std::int32_t* start;

@@ -23,6 +23,8 @@ using SLEBLOCKS::NumRows;
 using SLEBLOCKS::Triangle;
 using SLEBLOCKS::Width;
 
+static_assert(OnePassWidth == Width && OnePassBlockSize == SLEBLOCKS::BlockSize);
+
 // Vectors by unknown, [NumRows][3], with the names of the formulas; h stands for ^.
 struct Vectors {
   Array<double> x, r, rh, ph, t, w, q;
