@@ -66,12 +66,19 @@ unit_tests() {
     --no-tests=error --output-junit "$REPORTS/unit-$1.xml"
 }
 
+# Tests of the program of a preset, file by file on all processors: NAME PRESET, and what pytest is told.
+pytest_part() {
+  local name=$1 preset=$2
+  shift 2
+  part "$name" env VK_RUND="$ROOT/build/$preset/vk_rund" \
+    "$VENV/bin/python" -m pytest -q -n "$JOBS" --dist loadfile --junitxml "$REPORTS/$name.xml" "$@"
+}
+
 # The built program from outside: PRESET, and what else the tests are told.
 end_to_end_tests() {
   local preset=$1
   shift
-  part "end-to-end-$preset" env VK_RUND="$ROOT/build/$preset/vk_rund" \
-    "$VENV/bin/python" -m pytest -q "$ROOT/tests/e2e" --junitxml "$REPORTS/end-to-end-$preset.xml" "$@"
+  pytest_part "end-to-end-$preset" "$preset" "$ROOT/tests/e2e" "$@"
 }
 
 # What runs on several threads, under the thread sanitizer: every parallel region of the solver, from
@@ -80,9 +87,7 @@ thread_tests() {
   part unit-tsan ctest --test-dir "$ROOT/build/tsan" -j "$JOBS" --output-on-failure --no-tests=error \
     -R 'Assembly|Scatter|Supports|Fenod|Compsave|Logger|RunoptThreads|Loads|Analysis|Sleblocks|Slepccgsolver|MathsSymv|MathsTrsv|Driver' \
     --output-junit "$REPORTS/unit-tsan.xml"
-  part end-to-end-tsan env VK_RUND="$ROOT/build/tsan/vk_rund" \
-    "$VENV/bin/python" -m pytest -q "$ROOT/tests/e2e/test_results.py" "$ROOT/tests/e2e/test_log.py" \
-    --junitxml "$REPORTS/end-to-end-tsan.xml"
+  pytest_part end-to-end-tsan tsan "$ROOT/tests/e2e/test_results.py" "$ROOT/tests/e2e/test_log.py"
 }
 
 # The build as others use it: installed, inside of another project, and what it refuses.
@@ -92,8 +97,7 @@ install_tests() {
 }
 
 python_tests() {
-  part vkctl env VK_RUND="$ROOT/build/release/vk_rund" \
-    "$VENV/bin/python" -m pytest -q "$ROOT/vkctl/tests" "$ROOT/verification/tests" --junitxml "$REPORTS/vkctl.xml"
+  pytest_part vkctl release "$ROOT/vkctl/tests" "$ROOT/verification/tests"
 }
 
 # The suite ends with a line "N passed, N failed" of its own.
