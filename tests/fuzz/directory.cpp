@@ -401,8 +401,8 @@ void PLATFORM_STOP(int code, std::string_view why) {
 // Less memory kept back and shorter histories of it, for speed; ASAN_OPTIONS can ask for more when
 // a finding is looked at.
 extern "C" const char* __asan_default_options() {
-  return "allocator_may_return_null=1:malloc_context_size=1:quarantine_size_mb=8:"
-         "max_malloc_fill_size=0";
+  return "allocator_may_return_null=1:malloc_context_size=1:quarantine_size_mb=1:"
+         "thread_local_quarantine_size_kb=64:max_malloc_fill_size=0";
 }
 
 extern "C" std::size_t LLVMFuzzerCustomMutator(std::uint8_t* data, std::size_t size,
