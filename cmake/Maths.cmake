@@ -1,4 +1,4 @@
-# Chooses the library behind the maths operations and gives it as the target vk_maths, with
+# Chooses the library behind the direct solver and gives it as the target vk_maths, with
 #   VK_MATHS_SOURCES  the files of src/platform/maths that adapt it
 #   VK_MATHS_TEXT     name and version, for people and for MATHS_NAME
 # There is one OpenMP run-time in the program, the compiler's own.
@@ -32,7 +32,7 @@ else()
     vk_refuse("no maths library was found; install MUMPS and OpenBLAS (Debian: apt install "
       "libmumps-seq-dev libopenblas-pthread-dev) or oneMKL (${VK_MKL_ADVICE})")
   endif()
-  set(VK_MATHS_SOURCES open_direct.cpp open_sparse.cpp)
+  set(VK_MATHS_SOURCES open_direct.cpp)
   set(VK_MATHS_TEXT "MUMPS ${MUMPS_VERSION}, OpenBLAS")
   target_link_libraries(vk_maths INTERFACE OpenMaths::OpenMaths)
 endif()

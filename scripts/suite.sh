@@ -85,7 +85,7 @@ end_to_end_tests() {
 # its modules and from the whole program. The other tests would find nothing more in ten times the time.
 thread_tests() {
   part unit-tsan ctest --test-dir "$ROOT/build/tsan" -j "$JOBS" --output-on-failure --no-tests=error \
-    -R 'Assembly|Scatter|Supports|Fenod|Compsave|Logger|RunoptThreads|Loads|Analysis|Sleblocks|Slepccgsolver|MathsSymv|MathsTrsv|Driver' \
+    -R 'Assembly|Scatter|Supports|Fenod|Compsave|Logger|RunoptThreads|Loads|Analysis|Sleblocks|Slepccgsolver|Slesparse|Driver' \
     --output-junit "$REPORTS/unit-tsan.xml"
   pytest_part end-to-end-tsan tsan "$ROOT/tests/e2e/test_results.py" "$ROOT/tests/e2e/test_log.py"
 }

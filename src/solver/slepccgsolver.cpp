@@ -4,12 +4,12 @@
 #include <cmath>
 #include <type_traits>
 
-#include "platform/maths/maths.hpp"
 #include "platform/slot.hpp"
 #include "run/services/arrays.hpp"
 #include "solver/sleblocks.hpp"
 #include "solver/sleonepass.hpp"
 #include "solver/slepardisosolver.hpp"
+#include "solver/slesparse.hpp"
 #include "solver/system_arrays.hpp"
 
 namespace {
@@ -68,7 +68,7 @@ double Dot(const double* a, const double* b, std::int64_t n) {
 
 void Multiply(const std::int32_t* pR4, const std::int32_t* pC4, const double* matrix,
               const double* p, double* q) {
-  mkl_dcsrsymv("U", &SOLVERSTA::NumEquations, matrix, pR4, pC4, p, q);
+  SLESPARSE_MULTIPLY(SOLVERSTA::NumEquations, matrix, pR4, pC4, p, q);
 }
 
 void Multiply(const std::int64_t* pR8, const std::int64_t* pC8, const double* matrix,
@@ -88,7 +88,7 @@ void Multiply(const std::int64_t* pR8, const std::int64_t* pC8, const double* ma
 
 void SweepForward(const std::int32_t* pR4, const std::int32_t* pC4, const double* matrix,
                   const double* r, double* y) {
-  mkl_dcsrtrsv("U", "T", "U", &SOLVERSTA::NumEquations, matrix, pR4, pC4, r, y);
+  SLESPARSE_SWEEPFORWARD(SOLVERSTA::NumEquations, matrix, pR4, pC4, r, y);
 }
 
 void SweepForward(const std::int64_t* pR8, const std::int64_t* pC8, const double* matrix,
@@ -105,7 +105,7 @@ void SweepForward(const std::int64_t* pR8, const std::int64_t* pC8, const double
 
 void SweepBackward(const std::int32_t* pR4, const std::int32_t* pC4, const double* matrix,
                    const double* y, double* z) {
-  mkl_dcsrtrsv("U", "N", "N", &SOLVERSTA::NumEquations, matrix, pR4, pC4, y, z);
+  SLESPARSE_SWEEPBACKWARD(SOLVERSTA::NumEquations, matrix, pR4, pC4, y, z);
 }
 
 void SweepBackward(const std::int64_t* pR8, const std::int64_t* pC8, const double* matrix,
@@ -188,6 +188,7 @@ double Iterate(const Index* pR, const Index* pC, const float* matrixSP, const do
       break;
     }
   }
+  SLESPARSE_RELEASE();
   return rnorm;
 }
 

@@ -1,107 +1,17 @@
 #include <gtest/gtest.h>
-#include <omp.h>
 
-#include <algorithm>
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <limits>
-#include <random>
-#include <string>
+#include <string_view>
 #include <vector>
 
 #include "platform/maths/maths.hpp"
 #include "platform/slot.hpp"
+#include "support/sparse_triangle.hpp"
 
 namespace {
-
-// Upper triangle by rows, diagonal first, indices from 1.
-template <class Int>
-struct Triangle {
-  Int n = 0;
-  std::vector<Int> ia{1};
-  std::vector<Int> ja;
-  std::vector<double> a;
-};
-
-// Seven-point Laplacian of a grid plus a small shift, scaled to a unit diagonal.
-template <class Int>
-Triangle<Int> Laplacian(Int nx, Int ny, Int nz) {
-  Triangle<Int> matrix;
-  matrix.n = nx * ny * nz;
-  const double off = -1.0 / 6.1;
-  for (Int k = 0; k < nz; ++k)
-    for (Int j = 0; j < ny; ++j)
-      for (Int i = 0; i < nx; ++i) {
-        const Int row = (k * ny + j) * nx + i + 1;
-        const auto add = [&](Int column, double value) {
-          matrix.ja.push_back(column);
-          matrix.a.push_back(value);
-        };
-        add(row, 1.0);
-        if (i + 1 < nx) add(row + 1, off);
-        if (j + 1 < ny) add(row + nx, off);
-        if (k + 1 < nz) add(row + nx * ny, off);
-        matrix.ia.push_back(static_cast<Int>(matrix.ja.size()) + 1);
-      }
-  return matrix;
-}
-
-// Rows with random columns anywhere above the diagonal, so that every thread writes everywhere.
-Triangle<int> RandomTriangle(int n, int perRow) {
-  std::mt19937 random(7);
-  std::uniform_real_distribution<double> value(-1.0, 1.0);
-  Triangle<int> matrix;
-  matrix.n = n;
-  for (int row = 1; row <= n; ++row) {
-    matrix.ja.push_back(row);
-    matrix.a.push_back(2.0 + value(random));
-    const int step = std::max(1, (n - row) / perRow);
-    for (int column = row + step; column <= n; column += step) {
-      matrix.ja.push_back(column);
-      matrix.a.push_back(value(random) / perRow);
-    }
-    matrix.ia.push_back(static_cast<int>(matrix.ja.size()) + 1);
-  }
-  return matrix;
-}
-
-std::vector<double> RandomVector(int n) {
-  std::mt19937 random(11);
-  std::uniform_real_distribution<double> value(-1.0, 1.0);
-  std::vector<double> result(static_cast<std::size_t>(n));
-  for (double& v : result) v = value(random);
-  return result;
-}
-
-template <class Int>
-std::vector<double> Dense(const Triangle<Int>& matrix) {
-  const auto n = static_cast<std::size_t>(matrix.n);
-  std::vector<double> dense(n * n, 0.0);
-  for (std::size_t row = 0; row < n; ++row)
-    for (auto e = static_cast<std::size_t>(matrix.ia[row] - 1);
-         e < static_cast<std::size_t>(matrix.ia[row + 1] - 1); ++e) {
-      const auto column = static_cast<std::size_t>(matrix.ja[e] - 1);
-      dense[row * n + column] = dense[column * n + row] = matrix.a[e];
-    }
-  return dense;
-}
-
-// Gaussian elimination without pivoting, enough for a diagonally dominant matrix.
-std::vector<double> SolveDense(std::vector<double> a, std::vector<double> b) {
-  const std::size_t n = b.size();
-  for (std::size_t k = 0; k < n; ++k)
-    for (std::size_t i = k + 1; i < n; ++i) {
-      const double f = a[i * n + k] / a[k * n + k];
-      for (std::size_t j = k; j < n; ++j) a[i * n + j] -= f * a[k * n + j];
-      b[i] -= f * b[k];
-    }
-  for (std::size_t i = n; i-- > 0;) {
-    for (std::size_t j = i + 1; j < n; ++j) b[i] -= a[i * n + j] * b[j];
-    b[i] /= a[i * n + i];
-  }
-  return b;
-}
 
 void CallPardiso(void* pt, const int* one, const int* mtype, const int* phase, const int* n,
                  const void* a, const int* ia, const int* ja, int* perm, int* iparm,
@@ -154,45 +64,6 @@ std::vector<float> SolveSparse(const Triangle<Int>& matrix, std::vector<float> b
 }
 
 std::vector<float> Narrow(const std::vector<double>& v) { return {v.begin(), v.end()}; }
-
-std::vector<double> NaiveProduct(const Triangle<int>& matrix, const std::vector<double>& x) {
-  std::vector<double> y(x.size(), 0.0);
-  for (std::size_t row = 0; row < x.size(); ++row)
-    for (auto e = static_cast<std::size_t>(matrix.ia[row] - 1);
-         e < static_cast<std::size_t>(matrix.ia[row + 1] - 1); ++e) {
-      const auto column = static_cast<std::size_t>(matrix.ja[e] - 1);
-      y[row] += matrix.a[e] * x[column];
-      if (column != row) y[column] += matrix.a[e] * x[row];
-    }
-  return y;
-}
-
-// Solves op(T) y = x on the dense triangle.
-std::vector<double> NaiveSweep(const Triangle<int>& matrix, char transa, char diag,
-                               const std::vector<double>& x) {
-  const std::size_t n = x.size();
-  std::vector<double> full = Dense(matrix);
-  for (std::size_t i = 0; i < n; ++i) {
-    for (std::size_t j = 0; j < n; ++j)
-      if (transa == 'T' ? j > i : j < i) full[i * n + j] = 0.0;
-    if (diag == 'U') full[i * n + i] = 1.0;
-  }
-  return SolveDense(full, x);
-}
-
-void ExpectNear(const std::vector<double>& found, const std::vector<double>& expected,
-                double tolerance) {
-  ASSERT_EQ(found.size(), expected.size());
-  for (std::size_t i = 0; i < found.size(); ++i)
-    ASSERT_NEAR(found[i], expected[i], tolerance) << "equation " << i + 1;
-}
-
-std::vector<double> Product(const Triangle<int>& matrix, const std::vector<double>& x) {
-  std::vector<double> y(x.size(), std::numeric_limits<double>::quiet_NaN());
-  mkl_dcsrsymv("U", &matrix.n, matrix.a.data(), matrix.ia.data(), matrix.ja.data(), x.data(),
-               y.data());
-  return y;
-}
 
 }  // namespace
 
@@ -353,48 +224,4 @@ TEST(MathsPardiso, UnknownMatrixTypeIsInconsistentInput) {
   Solver<int> solver(matrix);
   EXPECT_EQ(solver.Run(11, nullptr, nullptr, 77), -1);
   solver.Run(-1);
-}
-
-TEST(MathsSymv, ProductAgreesWithTheNaiveLoopForEveryTeamSize) {
-  const int before = omp_get_max_threads();
-  for (const Triangle<int>& matrix :
-       {Laplacian<int>(30, 30, 30), RandomTriangle(3001, 30), Laplacian<int>(2, 1, 1)}) {
-    const std::vector<double> x = RandomVector(matrix.n);
-    const std::vector<double> expected = NaiveProduct(matrix, x);
-    for (const int team : {1, 2, 3, 5, 16}) {
-      omp_set_num_threads(team);
-      ExpectNear(Product(matrix, x), expected, 1e-13);
-    }
-  }
-  omp_set_num_threads(before);
-}
-
-TEST(MathsSymv, ProductIsTheSameInEveryCall) {
-  const Triangle<int> matrix = RandomTriangle(3001, 30);
-  const std::vector<double> x = RandomVector(matrix.n);
-  EXPECT_EQ(Product(matrix, x), Product(matrix, x));
-}
-
-TEST(MathsSymv, NotANumberReachesTheRowsThatTouchIt) {
-  const Triangle<int> matrix = Laplacian<int>(4, 4, 4);
-  std::vector<double> x(64, 1.0);
-  x[21] = std::numeric_limits<double>::quiet_NaN();
-  const std::vector<double> y = Product(matrix, x);
-  EXPECT_TRUE(std::isnan(y[21]));
-  EXPECT_TRUE(std::isnan(y[22]));
-  EXPECT_TRUE(std::isnan(y[5]));
-  EXPECT_FALSE(std::isnan(y[63]));
-}
-
-TEST(MathsTrsv, SweepsSolveWithTheTriangleAndItsTranspose) {
-  const Triangle<int> matrix = RandomTriangle(150, 12);
-  const std::vector<double> x = RandomVector(matrix.n);
-  for (const char transa : {'N', 'T'})
-    for (const char diag : {'N', 'U'}) {
-      std::vector<double> y(x.size(), std::numeric_limits<double>::quiet_NaN());
-      mkl_dcsrtrsv("U", &transa, &diag, &matrix.n, matrix.a.data(), matrix.ia.data(),
-                   matrix.ja.data(), x.data(), y.data());
-      SCOPED_TRACE(std::string("transa ") + transa + ", diag " + diag);
-      ExpectNear(y, NaiveSweep(matrix, transa, diag, x), 1e-12);
-    }
 }

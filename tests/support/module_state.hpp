@@ -20,6 +20,7 @@
 #include "solver/sleblocks.hpp"
 #include "solver/slepardisosolver.hpp"
 #include "solver/slepccgsolver.hpp"
+#include "solver/slesparse.hpp"
 #include "solver/solversta.hpp"
 
 inline void CloseQuietly(FileStream& stream) {
@@ -124,6 +125,9 @@ inline void ResetSolvers() {
   SLEPCCGSOLVER::PcgMode = SLEPCCGSOLVER::PcgPlain;
   SLEPCCGSOLVER::PcgMaxIter = SLEPCCGSOLVER::ICount = 0;
   SLEPCCGSOLVER::PcgQuality = 0.0f;
+  SLESPARSE_RELEASE();
+  SLESPARSE::Spills.reset();
+  SLESPARSE::SpillCapacity = 0;
 }
 
 inline void ResetResponse() {

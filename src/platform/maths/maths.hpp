@@ -1,5 +1,5 @@
-// The four operations that the maths library gives. They are called everywhere under these names
-// and with this argument order; which library stands behind them is chosen at configure time
+// The direct solver that the maths library gives. It is called everywhere under these names and with
+// this argument order; which library stands behind it is chosen at configure time
 // (VK_MATH=mkl|open). All index values are 1-based.
 #pragma once
 
@@ -21,15 +21,6 @@ void pardiso_64(void* pt, const long long* maxfct, const long long* mnum, const 
                 const long long* ja, long long* perm, const long long* nrhs, long long* iparm,
                 const long long* msglvl, void* b, void* x, long long* error);
 
-// y := A x for a symmetric A of which the triangle `uplo` ("U") is stored.
-void mkl_dcsrsymv(const char* uplo, const int* m, const double* a, const int* ia, const int* ja,
-                  const double* x, double* y);
-
-// y := inverse(op(T)) x for the triangle T = `uplo` of the stored matrix; transa "N" or "T",
-// diag "U" takes a unit diagonal without reading it, "N" divides by the stored one.
-void mkl_dcsrtrsv(const char* uplo, const char* transa, const char* diag, const int* m,
-                  const double* a, const int* ia, const int* ja, const double* x, double* y);
-
 }  // extern "C"
 
 // Asked before the analysis of that many matrix entries: false when the memory that the
@@ -37,5 +28,5 @@ void mkl_dcsrtrsv(const char* uplo, const char* transa, const char* diag, const 
 // What can be held from then on is held.
 bool MATHS_RESERVE(std::int64_t entries);
 
-// Name and version of the library behind the four operations, for --version: "oneMKL 2025.3.1".
+// Name and version of the library behind the direct solver, for --version: "oneMKL 2026.2".
 std::string_view MATHS_NAME();

@@ -1,4 +1,4 @@
-// oneMKL behind the maths boundary. The library brings the four operations itself; including its
+// oneMKL behind the maths boundary. The library brings the direct solver itself; including its
 // header beside ours lets the compiler check that the declarations agree.
 #include <mkl.h>
 
