@@ -22,11 +22,13 @@ typedef double OnePassUnaligned __attribute__((vector_size(32), aligned(8), may_
 }
 
 // Blocks between the one that is worked on and the one that is fetched: the processor's own
-// fetching doesn't reach across the gathers.
-constexpr std::int64_t OnePassAhead = 32;
+// fetching doesn't reach across the gathers. So far ahead, the second cache is the place: few
+// lines can be on their way to the first.
+constexpr std::int64_t OnePassAhead = 96;
 
 [[gnu::always_inline]] inline void Prefetch(const double* values, std::int64_t block) {
-  __builtin_prefetch(values + OnePassBlockSize * block);
+  constexpr int read = 0, intoSecondCache = 2;
+  __builtin_prefetch(values + OnePassBlockSize * block, read, intoSecondCache);
 }
 
 // B v for one block.
