@@ -1,5 +1,7 @@
 #include "solver/sleblocks.hpp"
 
+#include <omp.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstring>
@@ -12,7 +14,7 @@ namespace {
 using SLEBLOCKS::BlockSize;
 using SLEBLOCKS::Chunk;
 using SLEBLOCKS::Lower;
-using SLEBLOCKS::LowerSource;
+using SLEBLOCKS::LowerPlace;
 using SLEBLOCKS::NumBlocks;
 using SLEBLOCKS::NumRows;
 using SLEBLOCKS::Triangle;
@@ -32,6 +34,9 @@ constexpr double MemoryShare = 0.8;
 
 // The scaled diagonal is 1 up to rounding.
 constexpr double DiagonalRounding = 1e-14;
+
+// Blocks of Lower are written where they come; so many of them are fetched ahead.
+constexpr std::int64_t BlocksAhead = 12;
 
 // Structure in the order of the equations, while it is made.
 struct Groups {
@@ -180,32 +185,65 @@ bool AllocateTriangle(Triangle& triangle) {
   return triangle.start && triangle.column && triangle.values;
 }
 
-void SumUp(Triangle& triangle) {
-  triangle.start[0] = 0;
-  for (std::int32_t r = 0; r < NumRows; ++r) triangle.start[r + 1] += triangle.start[r];
+// Turns the lengths of the rows in `start` into the places of their first blocks.
+void StartsOfLengths(Triangle& triangle) {
+  std::int32_t next = 0;
+  for (std::int32_t r = 0; r < NumRows; ++r) {
+    const std::int32_t length = triangle.start[r];
+    triangle.start[r] = next;
+    next += length;
+  }
+  triangle.start[NumRows] = next;
 }
 
-// Columns of both triangles, and where in Upper each block of Lower lies transposed.
-void FillColumns(const Groups& groups) {
-  const std::int32_t* place = groups.place.get();
-  std::fill_n(Lower.start.get(), NumRows + 1, 0);
+void FillUpperColumns(const Groups& groups) {
+#pragma omp parallel for schedule(static)
   for (std::int32_t g = 0; g < groups.count; ++g)
-    Upper.start[place[g] + 1] = groups.start[g + 1] - groups.start[g];
-  for (std::int32_t k = 0; k < NumBlocks; ++k) ++Lower.start[place[groups.column[k]] + 1];
-  SumUp(Upper);
-  SumUp(Lower);
-  for (std::int32_t g = 0; g < groups.count; ++g) {
-    std::int32_t upper = Upper.start[place[g]];
-    for (std::int32_t k = groups.start[g]; k < groups.start[g + 1]; ++k, ++upper) {
-      const std::int32_t other = place[groups.column[k]];
-      Upper.column[upper] = other;
-      const std::int32_t lower = Lower.start[other]++;
-      Lower.column[lower] = place[g];
-      LowerSource[lower] = upper;
-    }
+    for (std::int32_t k = groups.start[g], upper = Upper.start[groups.place[g]];
+         k < groups.start[g + 1]; ++k, ++upper)
+      Upper.column[upper] = groups.place[groups.column[k]];
+}
+
+// Calls `take` with group, block and block row of each block that rows [first, last) of Lower get
+// from a group.
+template <class Take>
+void ForLowerBlocks(const Groups& groups, std::int32_t first, std::int32_t last, Take take) {
+  for (std::int32_t g = 0; g < groups.count; ++g)
+    for (std::int32_t k = groups.start[g]; k < groups.start[g + 1]; ++k)
+      if (const std::int32_t row = groups.place[groups.column[k]]; row >= first && row < last)
+        take(g, k, row);
+}
+
+// Each thread goes through all blocks for its own rows: their order is that of the equations.
+void FillLowerColumns(const Groups& groups) {
+#pragma omp parallel
+  {
+    const std::int64_t team = omp_get_num_threads(), thread = omp_get_thread_num();
+    const auto first = static_cast<std::int32_t>(NumRows * thread / team);
+    const auto last = static_cast<std::int32_t>(NumRows * (thread + 1) / team);
+    std::fill(&Lower.start[first], &Lower.start[last], 0);
+    ForLowerBlocks(groups, first, last,
+                   [](std::int32_t, std::int32_t, std::int32_t row) { ++Lower.start[row]; });
+#pragma omp barrier
+#pragma omp single
+    StartsOfLengths(Lower);
+    ForLowerBlocks(groups, first, last, [&](std::int32_t g, std::int32_t k, std::int32_t row) {
+      const std::int32_t lower = Lower.start[row]++;
+      Lower.column[lower] = groups.place[g];
+      LowerPlace[Upper.start[groups.place[g]] + (k - groups.start[g])] = lower;
+    });
   }
   for (std::int32_t r = NumRows; r > 0; --r) Lower.start[r] = Lower.start[r - 1];
   Lower.start[0] = 0;
+}
+
+// Columns of both triangles, and where in Lower each block of Upper lies transposed.
+void FillColumns(const Groups& groups) {
+  for (std::int32_t g = 0; g < groups.count; ++g)
+    Upper.start[groups.place[g]] = groups.start[g + 1] - groups.start[g];
+  StartsOfLengths(Upper);
+  FillUpperColumns(groups);
+  FillLowerColumns(groups);
 }
 
 void NumberUnknowns(std::int32_t n, const Groups& groups) {
@@ -227,10 +265,10 @@ bool BuildStructure(std::int32_t n, const std::int32_t* pR, const std::int32_t* 
   if (static_cast<double>(SLEBLOCKS_BYTES(groups.count, NumBlocks)) > MemoryShare * available)
     return false;
   if (!OrderRows(groups) || !AllocateTriangle(Upper) || !AllocateTriangle(Lower)) return false;
-  LowerSource = ARRAYS_TRYALLOCATE<std::int32_t>(NumBlocks);
+  LowerPlace = ARRAYS_TRYALLOCATE<std::int32_t>(NumBlocks);
   SLEBLOCKS::Diagonal = ARRAYS_TRYALLOCATE<double>(std::int64_t{NumRows} * Width);
   Unknown = ARRAYS_TRYALLOCATE<std::int32_t>(n);
-  if (!LowerSource || !SLEBLOCKS::Diagonal || !Unknown) return false;
+  if (!LowerPlace || !SLEBLOCKS::Diagonal || !Unknown) return false;
   FillColumns(groups);
   NumberUnknowns(n, groups);
   SLEBLOCKS::NumEquations = n;
@@ -240,52 +278,102 @@ bool BuildStructure(std::int32_t n, const std::int32_t* pR, const std::int32_t* 
 // Place of entry (lane, other) above the diagonal of a diagonal block: (1,2), (1,3), (2,3).
 int DiagonalPlace(int lane, int other) { return lane + other - 1; }
 
-// The values of equation i, whose unknown is u. False: its diagonal isn't 1.
-bool FillEquation(std::int32_t i, const std::int32_t* pR, const std::int32_t* pC,
-                  const double* matrix) {
-  const std::int32_t row = Unknown[i] / Width;
-  const int lane = Unknown[i] % Width;
-  std::int64_t block = Upper.start[row];
-  for (std::int64_t k = Slot(pR[i]) + 1; k < Slot(pR[i + 1]); ++k) {
-    const std::int32_t other = Unknown[Slot(pC[k])];
-    if (other / Width == row) {
-      SLEBLOCKS::Diagonal[Width * std::int64_t{row} + DiagonalPlace(lane, other % Width)] =
-          matrix[k];
-      continue;
-    }
-    while (Upper.column[block] != other / Width) ++block;
-    Upper.values[BlockSize * block + std::int64_t{Width} * (other % Width) + lane] = matrix[k];
+// The equations of a block row as the matrix stores them. Behind the diagonal block all have the
+// same columns.
+struct StoredRow {
+  int width;                      // equations
+  const double* diagonal[Width];  // each one's diagonal entry and what is left of its block
+  const double* values[Width];    // and the entries behind the block
+  const std::int32_t* columns;
+  std::int64_t length;  // of values and columns
+};
+
+StoredRow RowAt(std::int32_t equation, std::int32_t n, const std::int32_t* pR,
+                const std::int32_t* pC, const double* matrix) {
+  StoredRow stored{};
+  const std::int32_t row = Unknown[equation] / Width;
+  while (stored.width < Width && equation + stored.width < n &&
+         Unknown[equation + stored.width] / Width == row)
+    ++stored.width;
+  for (int lane = 0; lane < stored.width; ++lane) {
+    stored.diagonal[lane] = matrix + Slot(pR[equation + lane]);
+    stored.values[lane] = stored.diagonal[lane] + (stored.width - lane);
   }
-  return std::fabs(matrix[Slot(pR[i])] - 1.0) <= DiagonalRounding;
+  const std::int32_t last = equation + stored.width - 1;
+  stored.columns = pC + Slot(pR[last]) + 1;
+  stored.length = pR[last + 1] - pR[last] - 1;
+  return stored;
 }
 
-void ClearRow(std::int32_t row) {
-  std::fill_n(&SLEBLOCKS::Diagonal[Width * std::int64_t{row}], Width, 0.0);
-  std::fill(Upper.values.get() + BlockSize * std::int64_t{Upper.start[row]},
-            Upper.values.get() + BlockSize * std::int64_t{Upper.start[row + 1]}, 0.0);
+// The entries above the diagonal in the order (1,2), (1,3), (2,3). False: the diagonal isn't 1.
+bool FillDiagonal(const StoredRow& stored, double* entries) {
+  bool unit = true;
+  std::fill_n(entries, Width, 0.0);
+  for (int lane = 0; lane < stored.width; ++lane) {
+    unit = unit && std::fabs(stored.diagonal[lane][0] - 1.0) <= DiagonalRounding;
+    for (int other = lane + 1; other < stored.width; ++other)
+      entries[lane + other - 1] = stored.diagonal[lane][other - lane];
+  }
+  return unit;
 }
 
-void TransposeRow(std::int32_t row) {
-  for (std::int64_t k = Lower.start[row]; k < Lower.start[row + 1]; ++k) {
-    const double* from = &Upper.values[BlockSize * std::int64_t{LowerSource[k]}];
-    double* to = &Lower.values[BlockSize * k];
-    for (std::int64_t i = 0; i < Width; ++i)
-      for (std::int64_t j = 0; j < Width; ++j) to[Width * i + j] = from[Width * j + i];
+// True when entries k, k + 1 and k + 2 are the columns of a block without padding, the first of
+// them that of unknown u.
+bool IsWhole(const StoredRow& stored, std::int64_t k, std::int32_t u) {
+  return stored.width == Width && k + Width <= stored.length && u % Width == 0 &&
+         stored.columns[k + 2] == stored.columns[k] + 2 &&
+         Unknown[Slot(stored.columns[k + 2])] == u + 2;
+}
+
+// Copies the entries from k on that belong to one block, column by column; returns their end.
+std::int64_t FillBlock(const StoredRow& stored, std::int64_t k, double* block) {
+  std::int32_t u = Unknown[Slot(stored.columns[k])];
+  if (IsWhole(stored, k, u)) {
+    for (int lane = 0; lane < Width; ++lane)
+      for (int other = 0; other < Width; ++other)
+        block[Width * other + lane] = stored.values[lane][k + other];
+    return k + Width;
   }
+  const std::int32_t row = u / Width;
+  std::fill_n(block, BlockSize, 0.0);
+  do {
+    for (int lane = 0; lane < stored.width; ++lane)
+      block[Width * (u % Width) + lane] = stored.values[lane][k];
+    if (++k < stored.length) u = Unknown[Slot(stored.columns[k])];
+  } while (k < stored.length && u / Width == row);
+  return k;
+}
+
+// Fetches the place of a block that is written soon.
+void PrefetchBlock(const double* block) {
+  constexpr int write = 1;
+  __builtin_prefetch(block, write);
+  __builtin_prefetch(block + BlockSize - 1, write);
+}
+
+// The values of a block row, in both triangles. False: its diagonal isn't 1.
+bool FillRow(const StoredRow& stored, std::int64_t row) {
+  std::int64_t place = Upper.start[row];
+  for (std::int64_t k = 0; k < stored.length; ++place) {
+    PrefetchBlock(
+        &Lower.values[BlockSize * std::int64_t{LowerPlace[std::min(place + BlocksAhead,
+                                                                   std::int64_t{NumBlocks} - 1)]}]);
+    double* upper = &Upper.values[BlockSize * place];
+    double* lower = &Lower.values[BlockSize * std::int64_t{LowerPlace[place]}];
+    k = FillBlock(stored, k, upper);
+    for (int i = 0; i < Width; ++i)
+      for (int j = 0; j < Width; ++j) lower[Width * i + j] = upper[Width * j + i];
+  }
+  return FillDiagonal(stored, &SLEBLOCKS::Diagonal[Width * row]);
 }
 
 bool FillValues(std::int32_t n, const std::int32_t* pR, const std::int32_t* pC,
                 const double* matrix) {
   bool unit = true;
-#pragma omp parallel
-  {
-#pragma omp for schedule(static)
-    for (std::int32_t row = 0; row < NumRows; ++row) ClearRow(row);
-#pragma omp for schedule(static) reduction(&& : unit)
-    for (std::int32_t i = 0; i < n; ++i) unit = FillEquation(i, pR, pC, matrix) && unit;
-#pragma omp for schedule(static)
-    for (std::int32_t row = 0; row < NumRows; ++row) TransposeRow(row);
-  }
+#pragma omp parallel for schedule(static) reduction(&& : unit)
+  for (std::int32_t i = 0; i < n; ++i)
+    if (Unknown[i] % Width == 0)
+      unit = FillRow(RowAt(i, n, pR, pC, matrix), Unknown[i] / Width) && unit;
   return unit;
 }
 
@@ -310,7 +398,7 @@ void SLEBLOCKS_RELEASE() {
   SLEBLOCKS::NumEquations = NumRows = NumBlocks = SLEBLOCKS::NumChunks = 0;
   FreeTriangle(Upper);
   FreeTriangle(Lower);
-  LowerSource.reset();
+  LowerPlace.reset();
   SLEBLOCKS::Diagonal.reset();
   Unknown.reset();
   SLEBLOCKS::Chunks.reset();

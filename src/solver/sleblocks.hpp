@@ -40,7 +40,7 @@ inline std::int32_t NumRows = 0;
 inline std::int32_t NumBlocks = 0;  // of one triangle
 inline Triangle Upper;
 inline Triangle Lower;
-inline Array<std::int32_t> LowerSource;  // [NumBlocks] place in Upper of each block of Lower
+inline Array<std::int32_t> LowerPlace;  // [NumBlocks] place in Lower of each block of Upper
 inline Array<double> Diagonal;  // [NumRows][3] entries (1,2), (1,3), (2,3) of the diagonal block
 inline std::int32_t NumEquations = 0;
 inline Array<std::int32_t> Unknown;  // [equation] its place among the 3 x NumRows unknowns

@@ -107,7 +107,7 @@ inline void ResetBlocks() {
   SLEBLOCKS::NumEquations = SLEBLOCKS::NumRows = SLEBLOCKS::NumBlocks = SLEBLOCKS::NumChunks = 0;
   SLEBLOCKS::Upper = SLEBLOCKS::Triangle{};
   SLEBLOCKS::Lower = SLEBLOCKS::Triangle{};
-  SLEBLOCKS::LowerSource.reset();
+  SLEBLOCKS::LowerPlace.reset();
   SLEBLOCKS::Diagonal.reset();
   SLEBLOCKS::Unknown.reset();
   SLEBLOCKS::Chunks.reset();
