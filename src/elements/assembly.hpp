@@ -1,7 +1,7 @@
 // Module SOLVERSTA, assembly: the element and support loops that fill the equation system.
-// Threads own contiguous blocks of elements and work in private buffers; every add into a shared
-// array is one atomic double add, with no colouring, lock or private copy of the system. Sums may
-// therefore differ in the last digits from run to run.
+// Threads own contiguous blocks of elements and work in private buffers; every add that may meet
+// one of another thread is one atomic double add, with no colouring, lock or private copy of the
+// system. Sums may therefore differ in the last digits from run to run.
 //
 // Constrained components have no row or column. A prescribed displacement reaches the right-hand
 // side through the internal forces, since the gathered displacements contain it.

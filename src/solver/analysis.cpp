@@ -56,15 +56,6 @@ void UnscaleDisplacements() {
     FEDOF::Displacements[i] *= SOLVERSTA::SysScale[i];
 }
 
-// For a new matrix: the factor, or the blocks that the sweeps of the 32-bit path stream through.
-void PrepareSolver() {
-  using namespace SOLVERSTA;
-  SLEPARDISOSOLVER_PREPARE();
-  SLEBLOCKS::HoldsMatrix = false;
-  if (IMode == ModeIterative && UseIm4)
-    SLEBLOCKS_BUILD(NumEquations, pR4.get(), pC4.get(), SysMatrix.get());
-}
-
 void Solve() {
   SOLVERSTA_WITHINDICES([](const auto& pR, const auto& pC) {
     SLEPCCGSOLVER_COMPUTE(pR.get(), pC.get(), SOLVERSTA::SysMatrixSP.get(),
@@ -94,10 +85,18 @@ void VKCORE_FORMRIGHTHANDSIDE() {
   PUSHALLLOADSTOSOLVER();
 }
 
+void VKCORE_PREPARESOLVER() {
+  using namespace SOLVERSTA;
+  SLEPARDISOSOLVER_PREPARE();
+  SLEBLOCKS::HoldsMatrix = false;
+  if (IMode == ModeIterative && UseIm4)
+    SLEBLOCKS_BUILD(NumEquations, pR4.get(), pC4.get(), SysMatrix.get());
+}
+
 void VKCORE_RUNANALYSIS() {
   VKCORE::SolveQuality = 0.0f;
   ScaleSystem();
-  if (!SOLVERSTA::SolverReady) PrepareSolver();
+  if (!SOLVERSTA::SolverReady) VKCORE_PREPARESOLVER();
   SLEPCCGSOLVER::PcgMode = SOLVERSTA::IMode;
   SLEPCCGSOLVER::PcgMaxIter = SOLVERSTA::IMode == SOLVERSTA::ModeFactorised
                                   ? FactorIterations

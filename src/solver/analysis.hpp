@@ -17,6 +17,10 @@ void VKCORE_FORMRIGHTHANDSIDE();
 // skipped; a load on a fixed component counts in the sum only. A list must hold a node once.
 void PUSHALLLOADSTOSOLVER();
 
+// For a new matrix: the factor, or the blocks that the sweeps of the 32-bit path stream through.
+// Leaves SolverReady true. Aborts as SLEPARDISOSOLVER_PREPARE does.
+void VKCORE_PREPARESOLVER();
+
 // One linear solve. In: SysRhs, SysMatrix scaled to a unit diagonal, SysScale, Displacements as the
 // start. Out: Displacements in physical form, SolveQuality, TcBlendFactor; SysRhs stays scaled.
 // Aborts: quality below 0.5, allocation, the direct solver in mode 2.

@@ -3,6 +3,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <iterator>
+#include <limits>
 #include <random>
 #include <vector>
 
@@ -335,6 +337,103 @@ TEST_P(Assembly, UnsortedAndConstrainedEquationNumbersScatterLikeTheTwin) {
     twin.Add(12, dofs, forces, matrix, MaxElementDofs);
   }
   twin.ExpectSystem(0.0);
+}
+
+// Random matrices at elements of the model, their nodes in any order, some with a node twice.
+void ScatterNodesInAnyOrder(Twin& twin) {
+  std::mt19937 random(6);
+  std::uniform_real_distribution<double> value(-1.0, 1.0);
+  for (int round = 0; round < 200; ++round) {
+    ConnRecord<4> row = FEMODEL::Conn40[static_cast<std::int32_t>(random() % 72)];
+    std::shuffle(std::begin(row.Node), std::end(row.Node), random);
+    if (round % 5 == 0) row.Node[3] = row.Node[1];
+    ElementDofs dofs;
+    for (int i = 0; i < 12; ++i) dofs[i] = FEDOF::NodeDofMap[3 * Slot(row.Node[i / 3]) + i % 3];
+    ElementVector forces;
+    ElementMatrix matrix;
+    for (double& f : forces) f = value(random);
+    for (double& m : matrix) m = value(random);
+    SOLVERSTA_ADDTOFFUSYM(12, dofs, forces, matrix, MaxElementDofs);
+    twin.Add(12, dofs, forces, matrix, MaxElementDofs);
+  }
+}
+
+TEST_P(Assembly, NodesInAnyOrderScatterLikeTheTwin) {
+  ClearSystem();
+  Twin twin;
+  ScatterNodesInAnyOrder(twin);
+  twin.ExpectSystem(0.0);
+}
+
+// The structure of the model without the entries whose number `isLeftOut` tells.
+template <class IsLeftOut>
+void ThinStructure(IsLeftOut isLeftOut) {
+  std::vector<std::int64_t> starts{1}, columns;
+  for (std::int64_t row = 1; row <= SOLVERSTA::NumEquations; ++row) {
+    for (std::int64_t p = RowStart(row); p < RowStart(row + 1); ++p)
+      if (p == RowStart(row) || !isLeftOut(p)) columns.push_back(ColumnAt(p));
+    starts.push_back(static_cast<std::int64_t>(columns.size()) + 1);
+  }
+  SetStructure(starts, columns, SOLVERSTA::UseIm4);
+}
+
+TEST_P(Assembly, BlocksWithAnEntryMissingScatterLikeTheTwin) {
+  for (const int step : {2, 5, 17, 31, 200}) {
+    SetModel(ClampedFace());
+    ThinStructure([step](std::int64_t p) { return p % step == 0; });
+    ClearSystem();
+    Twin twin;
+    ScatterNodesInAnyOrder(twin);
+    twin.ExpectSystem(0.0);
+  }
+}
+
+// Whole rows less in one equation of a node, so that its rows don't end alike.
+TEST_P(Assembly, NodesWhoseRowsDifferScatterLikeTheTwin) {
+  for (const int component : {0, 1, 2}) {
+    SetModel(ClampedFace());
+    const std::int64_t begin = RowStart(4 + component), end = RowStart(5 + component);
+    ThinStructure([=](std::int64_t p) { return p > begin + 4 && p < end; });
+    ClearSystem();
+    Twin twin;
+    ScatterNodesInAnyOrder(twin);
+    twin.ExpectSystem(0.0);
+  }
+}
+
+// Elements of all threads at the same nodes, where a lost addition would show as a missing part.
+TEST_P(Assembly, ElementsOfSeveralThreadsAtTheSameNodesLoseNothing) {
+  constexpr int elements = 60000;
+  SetNodes({{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {0, 0, 1}, {2, 0, 0}});
+  SetTetrahedra(std::vector<ConnRecord<4>>(elements, {{1, 2, 3, 4}}));
+  SetModel({});
+  for (const int threads : {1, 2, 3, 7}) {
+    omp_set_num_threads(threads);
+    for (std::int32_t i = 0; i < FEDOF::NumEquations; ++i) FEDOF::Displacements[i] = 0.1 * i;
+    PREPARESYSMATRIXANDINTERNALFORCES();
+    const std::vector<double> forces(SOLVERSTA::SysForces.get(), SOLVERSTA::SysForces.get() + 12);
+    const double scale = SOLVERSTA::SysScale[0];
+    FEMODEL::NumElements = 1;
+    PREPARESYSMATRIXANDINTERNALFORCES();
+    EXPECT_NEAR(scale, SOLVERSTA::SysScale[0] / std::sqrt(elements), 1e-9 * scale);
+    FEMODEL::NumElements = elements;
+    for (std::size_t i = 0; i < forces.size(); ++i)
+      EXPECT_NEAR(forces[i], elements * SOLVERSTA::SysForces[i], 1e-9 * std::fabs(forces[i]));
+    PREPARESYSINTERNALFORCES();
+    for (std::size_t i = 0; i < forces.size(); ++i)
+      EXPECT_NEAR(forces[i], SOLVERSTA::SysForces[i], 1e-9 * std::fabs(forces[i]));
+  }
+}
+
+TEST_P(Assembly, ThreadsGiveTheSameSumsWhereTheirNodesCannotBeNoted) {
+  Twin twin;
+  twin.AddElements();
+  twin.Scale();
+  omp_set_num_threads(3);
+  ARRAYS::LargestBytes = 8;
+  PREPARESYSMATRIXANDINTERNALFORCES();
+  ARRAYS::LargestBytes = std::numeric_limits<std::int64_t>::max();
+  twin.ExpectSystem(1e-12);
 }
 
 // Six equations: rows 1 to 3 full, the others diagonal. Couplings of 4, 5, 6 are not stored.
