@@ -196,18 +196,45 @@ TEST_F(Sleblocks, RowsOfOneNodeThatDifferAreLeftToThePlainSweeps) {
   EXPECT_EQ(SLEBLOCKS::Upper.values.get(), nullptr);
 }
 
+// The copy is made anew by each team, too.
 TEST_F(Sleblocks, ResultsRepeatBitByBitForEveryTeam) {
-  Set(MatrixOf(Grid(14, 13, 12), 1.0));
-  Build();
-  ASSERT_TRUE(SLEBLOCKS::HoldsMatrix);
-  const std::vector<double> b = RandomVector(SOLVERSTA::NumEquations);
-  omp_set_num_threads(1);
-  const Solution alone = Solve(b);
-  for (const int team : {1, 2, 3, 16, 2}) {
+  for (const Mesh& mesh : {Grid(14, 13, 12), RandomMesh(1500, 10)}) {
+    SLEBLOCKS_RELEASE();
+    Set(MatrixOf(mesh, 1.0));
+    const std::vector<double> b = RandomVector(SOLVERSTA::NumEquations);
+    omp_set_num_threads(1);
+    Build();
+    ASSERT_TRUE(SLEBLOCKS::HoldsMatrix);
+    const Solution alone = Solve(b);
+    for (const int team : {1, 2, 3, 16, 2}) {
+      omp_set_num_threads(team);
+      SLEBLOCKS_RELEASE();
+      Build();
+      const Solution repeated = Solve(b);
+      EXPECT_EQ(repeated.count, alone.count) << team;
+      EXPECT_EQ(repeated.x, alone.x) << team;
+    }
+  }
+}
+
+TEST_F(Sleblocks, LowerTriangleIsTheUpperOneTransposedForEveryTeam) {
+  Set(MatrixOf(RandomMesh(600, 8), 0.0));
+  for (const int team : {1, 2, 3, 16}) {
     omp_set_num_threads(team);
-    const Solution repeated = Solve(b);
-    EXPECT_EQ(repeated.count, alone.count) << team;
-    EXPECT_EQ(repeated.x, alone.x) << team;
+    SLEBLOCKS_RELEASE();
+    Build();
+    ASSERT_TRUE(SLEBLOCKS::HoldsMatrix);
+    for (std::int32_t row = 0; row < SLEBLOCKS::NumRows; ++row)
+      for (std::int32_t k = SLEBLOCKS::Upper.start[row]; k < SLEBLOCKS::Upper.start[row + 1]; ++k) {
+        const std::int32_t other = SLEBLOCKS::Upper.column[k], twin = SLEBLOCKS::LowerPlace[k];
+        ASSERT_GE(twin, SLEBLOCKS::Lower.start[other]);
+        ASSERT_LT(twin, SLEBLOCKS::Lower.start[other + 1]);
+        ASSERT_EQ(SLEBLOCKS::Lower.column[twin], row);
+        for (int i = 0; i < 3; ++i)
+          for (int j = 0; j < 3; ++j)
+            ASSERT_EQ(SLEBLOCKS::Lower.values[9 * twin + 3 * i + j],
+                      SLEBLOCKS::Upper.values[9 * k + 3 * j + i]);
+      }
   }
 }
 
@@ -311,6 +338,46 @@ TEST_F(Sleblocks, CopyThatCannotBeHadIsLeftToThePlainSweepsWithoutAWord) {
     EXPECT_EQ(Solve(b).count, expected.count);
   }
   EXPECT_TRUE(SLEBLOCKS::HoldsMatrix);
+}
+
+// Whichever array of the copy fails, nothing of it stays, and the iterates are those without it.
+TEST_F(Sleblocks, EveryArrayOfTheCopyMayFail) {
+  Set(MatrixOf(Grid(5, 5, 5), 0.0));
+  const std::vector<double> b = RandomVector(SOLVERSTA::NumEquations);
+  const Solution expected = Solve(b);
+  std::int64_t failures = 0;
+  for (;; ++failures) {
+    SLEBLOCKS_RELEASE();
+    ARRAYS::ArraysLeft = failures;
+    Build();
+    ARRAYS::ArraysLeft = -1;
+    if (SLEBLOCKS::HoldsMatrix) break;
+    EXPECT_EQ(SLEBLOCKS::NumRows, 0);
+    EXPECT_EQ(SLEBLOCKS::Upper.start.get(), nullptr);
+    EXPECT_EQ(SLEBLOCKS::Upper.values.get(), nullptr);
+    EXPECT_EQ(SLEBLOCKS::Lower.values.get(), nullptr);
+    EXPECT_EQ(SLEBLOCKS::LowerPlace.get(), nullptr);
+    EXPECT_EQ(SLEBLOCKS::Chunks.get(), nullptr);
+    EXPECT_EQ(SLEBLOCKS::Unknown.get(), nullptr);
+    const Solution plain = Solve(b);
+    EXPECT_EQ(plain.x, expected.x);
+    EXPECT_EQ(plain.count, expected.count);
+  }
+  EXPECT_GE(failures, 12);
+}
+
+TEST_F(Sleblocks, EveryWorkArrayThatCannotBeAllocatedStopsTheRun) {
+  Set(MatrixOf(Grid(5, 5, 5), 0.0));
+  Build();
+  ASSERT_TRUE(SLEBLOCKS::HoldsMatrix);
+  const std::vector<double> b = RandomVector(SOLVERSTA::NumEquations);
+  constexpr int workArrays = 9;
+  for (int left = 0; left < workArrays; ++left) {
+    ARRAYS::ArraysLeft = left;
+    EXPECT_ABORT(Solve(b), "Error allocating work arrays.");
+  }
+  ARRAYS::ArraysLeft = workArrays;
+  EXPECT_GT(Solve(b).count, 0);
 }
 
 TEST_F(Sleblocks, WorkArraysThatCannotBeAllocatedStopTheRun) {

@@ -35,6 +35,7 @@ inline void ResetServices() {
   FILEIO::UnsyncedFolders.clear();
   LOGGER::StopHint.clear();
   ARRAYS::LargestBytes = std::numeric_limits<std::int64_t>::max();
+  ARRAYS::ArraysLeft = -1;
   WATCH::LookNanoseconds = 1'000'000'000;
   WATCH::MostLooks = 30;
   VKCORE::RunOptions = VKCORE::RunOptionValues{};

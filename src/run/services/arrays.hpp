@@ -29,6 +29,9 @@ inline constexpr std::string_view Failure = ENDING::NoMemory;
 // Largest array that may be asked for, in bytes; tests lower it to meet the failure paths.
 inline std::int64_t LargestBytes = std::numeric_limits<std::int64_t>::max();
 
+// Arrays that can still be had, any number while negative; tests count them off to fail each one.
+inline std::int64_t ArraysLeft = -1;
+
 }  // namespace ARRAYS
 
 // `count` elements, not cleared; null when they can't be had, and for a negative count.
@@ -38,7 +41,9 @@ Array<T> ARRAYS_TRYALLOCATE(std::int64_t count) {
                 std::is_trivially_destructible_v<T>);
   constexpr auto width = static_cast<std::int64_t>(sizeof(T));
   Array<T> array;
-  if (count >= 0 && count <= ARRAYS::LargestBytes / width)
+  const bool granted = ARRAYS::ArraysLeft != 0;
+  if (ARRAYS::ArraysLeft > 0) --ARRAYS::ArraysLeft;
+  if (granted && count >= 0 && count <= ARRAYS::LargestBytes / width)
     array.reset(static_cast<T*>(PLATFORM_ALLOCATE(count * width)));
   return array;
 }
