@@ -54,14 +54,45 @@ double MaxNorm(const double* v, std::int64_t n) {
   return norm;
 }
 
+// Vectors are worked on in shares whose bounds depend on their length alone, so that sums have the
+// same bits for any team.
+constexpr std::int64_t MostShares = 64;
+constexpr std::int64_t SmallestShare = 2048;
+
+// Below this length a team costs more than it saves.
+constexpr std::int64_t SmallestTeamwork = 20'000;
+
+std::int64_t ShareCount(std::int64_t n) {
+  return std::clamp<std::int64_t>(n / SmallestShare, 1, MostShares);
+}
+
+// `work(first, end)` for each share.
+template <class Work>
+void InShares(std::int64_t n, const Work& work) {
+  const std::int64_t shares = ShareCount(n);
+#pragma omp parallel for schedule(static) if (n >= SmallestTeamwork)
+  for (std::int64_t s = 0; s < shares; ++s) work(n * s / shares, n * (s + 1) / shares);
+}
+
 // Four partial sums keep the adders busy; their order is fixed.
-double Dot(const double* a, const double* b, std::int64_t n) {
+double DotOfShare(const double* a, const double* b, std::int64_t first, std::int64_t end) {
   double partial[4] = {};
-  std::int64_t i = 0;
-  for (; i + 4 <= n; i += 4)
+  std::int64_t i = first;
+  for (; i + 4 <= end; i += 4)
     for (int k = 0; k < 4; ++k) partial[k] += a[i + k] * b[i + k];
-  for (; i < n; ++i) partial[0] += a[i] * b[i];
+  for (; i < end; ++i) partial[0] += a[i] * b[i];
   return (partial[0] + partial[1]) + (partial[2] + partial[3]);
+}
+
+double Dot(const double* a, const double* b, std::int64_t n) {
+  double partial[MostShares];
+  const std::int64_t shares = ShareCount(n);
+#pragma omp parallel for schedule(static) if (n >= SmallestTeamwork)
+  for (std::int64_t s = 0; s < shares; ++s)
+    partial[s] = DotOfShare(a, b, n * s / shares, n * (s + 1) / shares);
+  double sum = partial[0];
+  for (std::int64_t s = 1; s < shares; ++s) sum += partial[s];
+  return sum;
 }
 
 // The operations that exist for both index widths, selected by the types of the index arrays.
@@ -120,14 +151,21 @@ void SweepBackward(const std::int64_t* pR8, const std::int64_t* pC8, const doubl
   }
 }
 
+template <class From, class To>
+void Convert(const From* from, To* to, std::int64_t n) {
+  InShares(n, [&](std::int64_t first, std::int64_t end) {
+    for (std::int64_t i = first; i < end; ++i) to[i] = static_cast<To>(from[i]);
+  });
+}
+
 // z := inverse(M) r.
 template <class Index>
 void Precondition(const Index* pR, const Index* pC, const float* matrixSP, const double* matrix,
                   WorkArrays& w, std::int64_t n) {
   if (PcgMode == SLEPCCGSOLVER::PcgFactor) {
-    for (std::int64_t i = 0; i < n; ++i) w.spRhs[i] = static_cast<float>(w.r[i]);
+    Convert(w.r.get(), w.spRhs.get(), n);
     SLEPARDISOSOLVER_SOLVE(pR, pC, matrixSP, w.spRhs.get(), w.spSolution.get());
-    for (std::int64_t i = 0; i < n; ++i) w.z[i] = static_cast<double>(w.spSolution[i]);
+    Convert(w.spSolution.get(), w.z.get(), n);
   } else if (PcgMode == SLEPCCGSOLVER::PcgSweeps) {
     SweepForward(pR, pC, matrix, w.r.get(), w.q.get());
     SweepBackward(pR, pC, matrix, w.q.get(), w.z.get());
@@ -137,30 +175,30 @@ void Precondition(const Index* pR, const Index* pC, const float* matrixSP, const
 }
 
 // p := beta p - z, from nothing in the first iteration.
-void UpdateDirection(double beta, bool first, const double* z, double* p, std::int64_t n) {
-  if (first)
-    for (std::int64_t i = 0; i < n; ++i) p[i] = -z[i];
-  else
-    for (std::int64_t i = 0; i < n; ++i) p[i] = beta * p[i] - z[i];
+void UpdateDirection(double beta, bool start, const double* z, double* p, std::int64_t n) {
+  InShares(n, [&](std::int64_t first, std::int64_t end) {
+    if (start)
+      for (std::int64_t i = first; i < end; ++i) p[i] = -z[i];
+    else
+      for (std::int64_t i = first; i < end; ++i) p[i] = beta * p[i] - z[i];
+  });
 }
 
-// x := x + alpha p beside r := r + alpha q; returns the maximum norm of r.
+// x := x + alpha p and r := r + alpha q; returns the maximum norm of r.
 double UpdateSolution(double alpha, const WorkArrays& w, double* x, std::int64_t n) {
-  double norm = 0.0;
   double* r = w.r.get();
   const double* p = w.p.get();
   const double* q = w.q.get();
-#pragma omp parallel sections
-  {
-#pragma omp section
-    for (std::int64_t i = 0; i < n; ++i) x[i] += alpha * p[i];
-#pragma omp section
-    {
-      for (std::int64_t i = 0; i < n; ++i) r[i] += alpha * q[i];
-      norm = MaxNorm(r, n);
-    }
+  double norms[MostShares];
+  const std::int64_t shares = ShareCount(n);
+#pragma omp parallel for schedule(static) if (n >= SmallestTeamwork)
+  for (std::int64_t s = 0; s < shares; ++s) {
+    const std::int64_t first = n * s / shares, end = n * (s + 1) / shares;
+    for (std::int64_t i = first; i < end; ++i) x[i] += alpha * p[i];
+    for (std::int64_t i = first; i < end; ++i) r[i] += alpha * q[i];
+    norms[s] = MaxNorm(r + first, end - first);
   }
-  return norm;
+  return MaxNorm(norms, shares);
 }
 
 // Iterates to the tolerance or the limit. `ratio`: 0 when converged. Returns the norm of r.

@@ -15,6 +15,10 @@ using SLESPARSE::Spills;
 // Sums side by side, so that an addition needn't wait for the one before it.
 constexpr int Lanes = 4;
 
+// Entries between the one that is worked on and the one that is fetched: the processor's own
+// fetching doesn't reach across the gathers.
+constexpr int Ahead = 512;
+
 // Below this many entries a team costs more than it saves.
 constexpr std::int64_t SmallestTeamwork = 30'000;
 
@@ -58,17 +62,22 @@ bool ShareRows(std::int32_t n, const std::int32_t* pR, int team, RowShare* share
 }
 
 // One row: adds a x(row) to the columns' sums and returns the row's own sum. Entries [begin, end)
-// all lie above the diagonal; column - offset is the place in `sums`.
-double MultiplyRow(const double* a, const std::int32_t* pC, int begin, int end, const double* x,
-                   double xRow, double* sums, int offset) {
+// all lie above the diagonal; column - offset is the place in `sums`. Nothing is fetched from
+// `fetchEnd` on.
+double MultiplyRow(const double* a, const std::int32_t* pC, int begin, int end, int fetchEnd,
+                   const double* x, double xRow, double* sums, int offset) {
   double lane[Lanes] = {};
   int entry = begin;
-  for (; entry + Lanes <= end; entry += Lanes)
+  for (; entry + Lanes <= end; entry += Lanes) {
+    const int fetched = entry < fetchEnd - Ahead ? entry + Ahead : entry;
+    __builtin_prefetch(a + fetched);
+    __builtin_prefetch(pC + fetched);
     for (int k = 0; k < Lanes; ++k) {
       const int column = pC[entry + k] - 1;
       lane[k] += a[entry + k] * x[column];
       sums[column - offset] += a[entry + k] * xRow;
     }
+  }
   for (; entry < end; ++entry) {
     const int column = pC[entry] - 1;
     lane[0] += a[entry] * x[column];
@@ -87,17 +96,17 @@ void ClearSpill(RowShare& share, int end) {
 void MultiplyShare(RowShare& share, const double* a, const std::int32_t* pR, const std::int32_t* pC,
                    const double* x, double* y) {
   std::fill(y + share.first, y + share.last, 0.0);
+  const int fetchEnd = pR[share.last] - 1;
   for (int row = share.first; row < share.last; ++row) {
     const int begin = pR[row] - 1;
     const int end = pR[row + 1] - 1;
-    if (begin == end) continue;
     ClearSpill(share, pC[end - 1]);
     // The columns ascend, so those of other threads are the tail of the row.
     const int own = pC[end - 1] <= share.last
                         ? end
                         : static_cast<int>(std::upper_bound(pC + begin, pC + end, share.last) - pC);
-    y[row] += a[begin] * x[row] + MultiplyRow(a, pC, begin + 1, own, x, x[row], y, 0) +
-              MultiplyRow(a, pC, std::max(own, begin + 1), end, x, x[row], share.spill, share.last);
+    y[row] += a[begin] * x[row] + MultiplyRow(a, pC, begin + 1, own, fetchEnd, x, x[row], y, 0) +
+              MultiplyRow(a, pC, own, end, fetchEnd, x, x[row], share.spill, share.last);
   }
 }
 

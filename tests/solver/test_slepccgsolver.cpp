@@ -1,12 +1,15 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <omp.h>
 
+#include <cstdlib>
 #include <limits>
 #include <random>
 #include <vector>
 
 #include "solver/slepccgsolver.hpp"
 #include "support/small_model.hpp"
+#include "support/sparse_triangle.hpp"
 
 namespace {
 
@@ -41,17 +44,16 @@ DenseMatrix Line(std::size_t n) {
   return a;
 }
 
-std::vector<double> RandomVector(std::size_t n) {
-  std::mt19937 random(8);
-  std::uniform_real_distribution<double> value(-1.0, 1.0);
-  std::vector<double> v(n);
-  for (double& x : v) x = value(random);
-  return v;
-}
-
 class Slepccgsolver : public SmallModel, public testing::WithParamInterface<bool> {
  protected:
   void Set(const DenseMatrix& upper) { SetMatrix(upper, GetParam()); }
+
+  // So long that a team works on the vectors, and no multiple of anything.
+  void SetLong() {
+    const Triangle<int> grid = Laplacian<int>(31, 29, 30);
+    SetStructure({grid.ia.begin(), grid.ia.end()}, {grid.ja.begin(), grid.ja.end()}, GetParam());
+    std::copy(grid.a.begin(), grid.a.end(), SOLVERSTA::SysMatrix.get());
+  }
 
   void Prepare(std::int32_t mode) {
     SOLVERSTA::IMode = mode;
@@ -79,7 +81,7 @@ class Slepccgsolver : public SmallModel, public testing::WithParamInterface<bool
     Set(RandomMatrix(n));
     Prepare(mode == 2 ? 2 : 1);
     const DenseMatrix a = DenseOf(SOLVERSTA::SysMatrix.get());
-    const std::vector<double> b = RandomVector(n);
+    const std::vector<double> b = RandomVector(static_cast<int>(n));
     const std::vector<double> start(n, 0.25);
     const std::vector<double> expected = SolveDense(a, b);
     const std::vector<double> x = Solve(mode, 300, b, start);
@@ -100,7 +102,7 @@ TEST_P(Slepccgsolver, NoPreconditionerSolves) { ExpectSolved(0, 40); }
 TEST_P(Slepccgsolver, LineNeedsFewIterationsWithTheFactorMoreWithTheSweepsAndMostWithoutEither) {
   const std::size_t n = 400;
   Set(Line(n));
-  const std::vector<double> b = RandomVector(n);
+  const std::vector<double> b = RandomVector(static_cast<int>(n));
   Prepare(2);
   Solve(2, 300, b, std::vector<double>(n, 0.0));
   const std::int32_t withFactor = ICount;
@@ -116,7 +118,7 @@ TEST_P(Slepccgsolver, LineNeedsFewIterationsWithTheFactorMoreWithTheSweepsAndMos
 TEST_P(Slepccgsolver, ProductIsThatOfTheFullMatrix) {
   const std::size_t n = 33;
   Set(RandomMatrix(n));
-  const std::vector<double> p = RandomVector(n);
+  const std::vector<double> p = RandomVector(static_cast<int>(n));
   std::vector<double> q(n, 1e9);
   if (GetParam())
     SLEPCCGSOLVER_MATVEC_I4(SOLVERSTA::pR4.get(), SOLVERSTA::pC4.get(), SOLVERSTA::SysMatrix.get(),
@@ -132,7 +134,7 @@ TEST_P(Slepccgsolver, SweepsInvertTheTriangleAndItsTranspose) {
   const std::size_t n = 33;
   const DenseMatrix upper = RandomMatrix(n);
   Set(upper);
-  const std::vector<double> r = RandomVector(n);
+  const std::vector<double> r = RandomVector(static_cast<int>(n));
   std::vector<double> y(n), z(n);
   if (GetParam()) {
     SLEPCCGSOLVER_FORWARDSOLVE_I4(SOLVERSTA::pR4.get(), SOLVERSTA::pC4.get(),
@@ -294,6 +296,86 @@ TEST_P(Slepccgsolver, FailedFactorSolveLeavesTheLoopWithoutConvergence) {
   EXPECT_EQ(PcgQuality, 0.0f);
   EXPECT_EQ(x, (std::vector<double>{0.0, 0.0}));
   EXPECT_EQ(CountInLog("SLE solution phase error."), 1);  // later solves do nothing at all
+}
+
+TEST_P(Slepccgsolver, LongVectorsAreSolvedByEveryTeamAndRepeatBitByBit) {
+  SetLong();
+  const int n = SOLVERSTA::NumEquations;
+  const std::vector<double> b = RandomVector(n), start(b.size(), 0.25);
+  std::vector<double> q(b.size());
+  for (const int team : {1, 2, 3, 16}) {
+    SCOPED_TRACE(team);
+    omp_set_num_threads(team);
+    const std::vector<double> x = Solve(0, 500, b, start);
+    EXPECT_GT(ICount, 20);
+    EXPECT_EQ(PcgQuality, 1.0f);
+    std::vector<double> correction(x);
+    for (double& value : correction) value -= 0.25;
+    if (GetParam())
+      SLEPCCGSOLVER_MATVEC_I4(SOLVERSTA::pR4.get(), SOLVERSTA::pC4.get(),
+                              SOLVERSTA::SysMatrix.get(), correction.data(), q.data());
+    else
+      SLEPCCGSOLVER_MATVEC_I8(SOLVERSTA::pR8.get(), SOLVERSTA::pC8.get(),
+                              SOLVERSTA::SysMatrix.get(), correction.data(), q.data());
+    ExpectNear(q, b, 1.01e-5);  // the tolerance, the largest component of b being below 1
+    EXPECT_EQ(Solve(0, 500, b, start), x);
+  }
+}
+
+TEST_P(Slepccgsolver, VectorsHaveTheSameBitsForEveryTeam) {
+  SetLong();
+  const std::vector<double> b = RandomVector(SOLVERSTA::NumEquations);
+  // Without coupling, so that the product has no order of sums.
+  for (std::int64_t row = 1; row <= SOLVERSTA::NumEquations; ++row)
+    for (std::int64_t p = RowStart(row) + 1; p < RowStart(row + 1); ++p)
+      SOLVERSTA::SysMatrix[Slot(p)] = 0.0;
+  for (std::int64_t row = 1; row <= SOLVERSTA::NumEquations; ++row)
+    SOLVERSTA::SysMatrix[Slot(RowStart(row))] = 1.0 + static_cast<double>(row % 97) / 100.0;
+  const std::vector<double> start(b.size(), 0.0);
+  omp_set_num_threads(1);
+  const std::vector<double> alone = Solve(0, 500, b, start);
+  const std::int32_t count = ICount;
+  EXPECT_GT(count, 3);
+  for (const int team : {2, 3, 16}) {
+    omp_set_num_threads(team);
+    EXPECT_EQ(Solve(0, 500, b, start), alone) << team;
+    EXPECT_EQ(ICount, count);
+  }
+}
+
+TEST_P(Slepccgsolver, LongVectorsPassThroughTheFactor) {
+  SetLong();
+  omp_set_num_threads(3);
+  Prepare(2);
+  const std::vector<double> b = RandomVector(SOLVERSTA::NumEquations);
+  const std::vector<double> start(b.size(), 0.0);
+  const std::vector<double> x = Solve(2, 300, b, start);
+  EXPECT_GE(ICount, 1);
+  EXPECT_LE(ICount, 3);
+  EXPECT_EQ(PcgQuality, 1.0f);
+  ExpectNear(x, Solve(0, 500, b, start), 2e-4);
+}
+
+TEST_P(Slepccgsolver, NotANumberAnywhereInALongVectorRunsToTheLimitAndIsCleared) {
+  SetLong();
+  omp_set_num_threads(3);
+  const std::vector<double> start(static_cast<std::size_t>(SOLVERSTA::NumEquations), 1.0);
+  for (const std::size_t place : {std::size_t{0}, start.size() / 2, start.size() - 1}) {
+    std::vector<double> b = RandomVector(SOLVERSTA::NumEquations);
+    b[place] = std::numeric_limits<double>::quiet_NaN();
+    const std::vector<double> x = Solve(0, 2, b, start);
+    EXPECT_EQ(ICount, -2);
+    EXPECT_EQ(PcgQuality, 0.0f);
+    EXPECT_EQ(x, std::vector<double>(b.size(), 0.0));
+  }
+}
+
+TEST_P(Slepccgsolver, NothingOfAProductIsKeptBehindTheSolve) {
+  SetLong();
+  omp_set_num_threads(3);
+  Solve(0, 2, RandomVector(SOLVERSTA::NumEquations),
+        std::vector<double>(static_cast<std::size_t>(SOLVERSTA::NumEquations), 0.0));
+  EXPECT_EQ(SLESPARSE::Spills, nullptr);
 }
 
 TEST_P(Slepccgsolver, WorkArraysThatCannotBeAllocatedStopTheRun) {
