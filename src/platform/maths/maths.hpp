@@ -1,5 +1,5 @@
-// The direct solver that the maths library gives. It is called everywhere under these names and with
-// this argument order; which library stands behind it is chosen at configure time
+// The direct solver that the maths library gives. It is called everywhere under these names and
+// with this argument order; which library stands behind it is chosen at configure time
 // (VK_MATH=mkl|open). All index values are 1-based.
 #pragma once
 
