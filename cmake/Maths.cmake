@@ -32,7 +32,7 @@ else()
     vk_refuse("no maths library was found; install MUMPS and OpenBLAS (Debian: apt install "
       "libmumps-seq-dev libopenblas-pthread-dev) or oneMKL (${VK_MKL_ADVICE})")
   endif()
-  set(VK_MATHS_SOURCES open_direct.cpp)
+  set(VK_MATHS_SOURCES open_dense.cpp open_direct.cpp)
   set(VK_MATHS_TEXT "MUMPS ${MUMPS_VERSION}, OpenBLAS")
   target_link_libraries(vk_maths INTERFACE OpenMaths::OpenMaths)
 endif()

@@ -23,6 +23,9 @@ void pardiso_64(void* pt, const long long* maxfct, const long long* mnum, const 
 
 }  // extern "C"
 
+// Ends threads that the library started when it was loaded and doesn't work with.
+void MATHS_ENDTHREADS();
+
 // Asked before the analysis of that many matrix entries: false when the memory that the
 // library can't do without is not to be had. Once inside it would ask for ever or end the process.
 // What can be held from then on is held.

@@ -16,4 +16,7 @@ bool MATHS_RESERVE(std::int64_t entries) {
   return PLATFORM_CANMAP(std::max<std::int64_t>(entries, 1) * bytesPerEntry);
 }
 
+// It works with the program's team.
+void MATHS_ENDTHREADS() {}
+
 std::string_view MATHS_NAME() { return VK_MATHS_NAME; }

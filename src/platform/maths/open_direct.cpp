@@ -1,5 +1,5 @@
 // Open libraries behind the maths boundary, direct solver: the sequential single-precision MUMPS in
-// SPD mode, with SCOTCH ordering, on a threaded OpenBLAS.
+// SPD mode, with SCOTCH ordering, on OpenBLAS.
 //
 // Of the published options this serves what the program uses: positive definite matrices (mtype 2)
 // in single precision, one matrix, one right-hand side, phases 11, 22, 33 and -1, 1-based indices.
@@ -8,7 +8,6 @@
 // Factor: P. R. Amestoy, I. S. Duff, J.-Y. L'Excellent, J. Koster: A fully asynchronous
 // multifrontal solver using distributed dynamic scheduling, SIAM J. Matrix Anal. Appl. 23 (2001)
 // 15-41.
-#include <omp.h>
 #include <smumps_c.h>
 
 #include <algorithm>
@@ -22,18 +21,9 @@
 #include <new>
 
 #include "platform/maths/maths.hpp"
+#include "platform/maths/open_dense.hpp"
 #include "platform/memory.hpp"
 #include "platform/slot.hpp"
-#include "platform/threads.hpp"
-#include "platform/watch.hpp"
-
-extern "C" {
-void openblas_set_num_threads(int count);
-int openblas_get_num_threads(void);
-void blas_thread_shutdown_(void);
-void* blas_memory_alloc(int purpose);
-void blas_memory_free(void* buffer);
-}
 
 namespace {
 
@@ -79,10 +69,6 @@ constexpr int InfogError = 1;
 constexpr int InfogNegativePivots = 12;
 constexpr int InfogMegabytes = 16;
 
-// OpenBLAS takes address space of this size for each thread's work and fills what it needs of it.
-constexpr std::int64_t BlasBuffer = std::int64_t{1} << 27;
-constexpr int BufferForThread = 2;
-
 // What the first word of the handle points to, from phase 11 to phase -1.
 struct Factor {
   SMUMPS_STRUC_C mumps = {};
@@ -104,35 +90,6 @@ struct EntryLists {
   Numbers narrowed;
   int* columns = nullptr;
 };
-
-// Asks for the buffers of all threads at once, which OpenBLAS keeps from then on.
-void FillBufferStore(int threads) {
-  void* buffers[MostThreads] = {};
-  for (int i = 0; i < threads; ++i) buffers[i] = blas_memory_alloc(BufferForThread);
-  for (int i = 0; i < threads; ++i) blas_memory_free(buffers[i]);
-}
-
-// OpenBLAS asks for a buffer again and again until it gets it, so it is asked while there is room.
-// The threads that it started when it was loaded have left theirs behind, and the floating-point
-// mode of that moment: starting them anew gives them the caller's, flush-to-zero as in the rest of
-// the process. False when memory or threads are short.
-bool PrepareBlas() {
-  static bool prepared = false;
-  if (prepared) return true;
-  // Before the threads are told to end: one that is at asking would never hear it.
-  if (!PLATFORM_CANMAP(BlasBuffer)) return false;
-  const int threads =
-      std::min(std::max(openblas_get_num_threads(), omp_get_max_threads()), MostThreads);
-  const WATCH::What watched = PLATFORM_WATCH(WATCH::What::Return);
-  blas_thread_shutdown_();
-  prepared = PLATFORM_CANMAP(BlasBuffer) && PLATFORM_STARTABLETHREADS(threads - 1) == threads - 1;
-  if (prepared) {
-    FillBufferStore(threads);
-    openblas_set_num_threads(threads);
-  }
-  PLATFORM_WATCH(watched);
-  return prepared;
-}
 
 int CodeOfMumps(int info) {
   if (info >= 0) return 0;
@@ -170,8 +127,7 @@ int CodeOfMumps(int info) {
 }
 
 int RunMumps(Factor& factor, int job) {
-  if (!PrepareBlas()) return NoMemory;
-  openblas_set_num_threads(omp_get_max_threads());
+  if (!OPENDENSE_PREPARE()) return NoMemory;
   factor.mumps.job = job;
   smumps_c(&factor.mumps);
   return CodeOfMumps(factor.mumps.infog[Slot(InfogError)]);
@@ -354,7 +310,9 @@ void pardiso_64(void* pt, const long long* maxfct, const long long* mnum, const 
 // the analysis SCOTCH frees what it hasn't got.
 bool MATHS_RESERVE(std::int64_t entries) {
   constexpr std::int64_t bytesPerEntry = 48;
-  return PrepareBlas() && PLATFORM_CANMAP(std::max<std::int64_t>(entries, 1) * bytesPerEntry);
+  return OPENDENSE_PREPARE() && PLATFORM_CANMAP(std::max<std::int64_t>(entries, 1) * bytesPerEntry);
 }
+
+void MATHS_ENDTHREADS() { OPENDENSE_ENDTHREADS(); }
 
 std::string_view MATHS_NAME() { return VK_MATHS_NAME; }

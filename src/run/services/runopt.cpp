@@ -9,6 +9,7 @@
 #include <string>
 
 #include "platform/ending.hpp"
+#include "platform/maths/maths.hpp"
 #include "platform/process.hpp"
 #include "platform/stream.hpp"
 #include "platform/threads.hpp"
@@ -173,6 +174,7 @@ std::int32_t RUNOPT_TEAMSIZE(std::int32_t request, std::int32_t processors,
 }
 
 void RUNOPT_SETTHREADS() {
+  MATHS_ENDTHREADS();
   // The run-time starts itself by the first call; where it can't, one of them waits for itself.
   const WATCH::What watched = PLATFORM_WATCH(WATCH::What::Return);
   VKCORE::NumThreads = RUNOPT_TEAMSIZE(VKCORE::RunOptions.MaxNumCompThreads, omp_get_num_procs(),
