@@ -9,6 +9,7 @@ import re
 import subprocess
 import sys
 from importlib.metadata import PackageNotFoundError, requires, version
+from pathlib import Path
 from typing import Any
 
 from packaging.requirements import Requirement
@@ -89,10 +90,21 @@ def component(name: str, release: str, purl: str, licence: dict[str, Any]) -> di
     }
 
 
+def static_run_time(program: str) -> list[dict[str, Any]]:
+    """GCC's OpenMP run-time, which the build links statically where it can."""
+    if b"GOMP_CPU_AFFINITY" not in Path(program).read_bytes():
+        return []
+    asked = ["c++", "-print-file-name=libgomp.a"]
+    told = subprocess.run(asked, capture_output=True, text=True, check=True).stdout
+    package, release = owner(told.strip())
+    purl = f"pkg:deb/debian/{package}@{release}"
+    return [component("libgomp", release, purl, {"expression": LICENCES["libgomp"]})]
+
+
 def linked(program: str) -> list[dict[str, Any]]:
     """Everything in the program or loaded with it."""
     told = subprocess.run([program, "--version"], capture_output=True, text=True, check=True)
-    found = shared_libraries(program)
+    found = shared_libraries(program) + static_run_time(program)
     if match := re.search(r"oneMKL (\S+)", told.stdout):
         name = "Intel Simplified Software License"
         purl = f"pkg:generic/onemkl@{match[1]}"

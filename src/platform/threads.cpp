@@ -9,7 +9,31 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
+#include <iterator>
+
 namespace {
+
+// How long a thread waits awake, for who comes at once, before it sleeps. Both run-times would by
+// default spin for milliseconds: where other programs take the processors, a thread that spins
+// keeps from its processor the one that it waits for.
+#if defined(__clang__)
+constexpr const char* WaitVariable = "KMP_BLOCKTIME";
+constexpr const char* ShortWait = "0";  // milliseconds
+constexpr const char* OthersThatCount[] = {"OMP_WAIT_POLICY", "KMP_LIBRARY"};
+#else
+constexpr const char* WaitVariable = "GOMP_SPINCOUNT";
+constexpr const char* ShortWait = "1000";  // pauses: 10 to 50 microseconds
+constexpr const char* OthersThatCount[] = {"OMP_WAIT_POLICY"};
+#endif
+
+// The user's own setting counts. Before the constructor in which GCC's run-time, which is linked
+// statically for this, reads the environment; Clang's reads it at its first use. Where there is no
+// memory for it, the run-time's own policy stays.
+[[gnu::constructor(101)]] void SetWaitingPolicy() {
+  const auto given = [](const char* name) { return std::getenv(name) != nullptr; };
+  if (std::none_of(std::begin(OthersThatCount), std::end(OthersThatCount), given))
+    ::setenv(WaitVariable, ShortWait, 0);
+}
 
 // Held while the threads are started, so that all of them exist at once.
 pthread_mutex_t Gate = PTHREAD_MUTEX_INITIALIZER;

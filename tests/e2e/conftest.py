@@ -41,8 +41,6 @@ def program() -> Path:
     if not os.access(path, os.X_OK):
         pytest.exit(f"no program at {path}: build it, or tell its path in VK_RUND", 2)
     os.environ["VK_RUND"] = str(path)
-    # Threads that wait would keep each other from working where tests share the processors.
-    os.environ["OMP_WAIT_POLICY"] = "passive"
     return path
 
 

@@ -65,7 +65,7 @@ def prepared(directory: Path, mode: int, threads: int) -> Path:
 def refuse(program: Path, directory: Path, shim: Path, **refusal: str | int) -> End:
     """A run with the library loaded; `refusal` holds its variables."""
     mark = directory.with_suffix(".refused")
-    variables = {"LD_PRELOAD": shim, "REFUSE_MARK": mark, "OMP_WAIT_POLICY": "passive"} | refusal
+    variables = {"LD_PRELOAD": shim, "REFUSE_MARK": mark} | refusal
     environment = os.environ | {key: str(value) for key, value in variables.items()}
     done = start(program, directory, environment)
     refused = mark.exists()
@@ -76,11 +76,10 @@ def refuse(program: Path, directory: Path, shim: Path, **refusal: str | int) -> 
 def limited(program: Path, directory: Path, megabytes: int) -> End:
     """A run in an address space of this size."""
     size = megabytes << 20
-    environment = os.environ | {"OMP_WAIT_POLICY": "passive"}
     done = start(
         program,
         directory,
-        environment,
+        {**os.environ},
         lambda: resource.setrlimit(resource.RLIMIT_AS, (size, size)),
     )
     return End(done.returncode, done.stderr, True)

@@ -47,7 +47,8 @@ def test_the_list_has_what_is_needed_at_run_time_and_not_what_tests_need(listed)
 
 
 def test_the_list_has_the_libraries_of_the_program(listed):
-    assert {"libgomp1", "libstdc++6", "libc6"} <= names(listed)
+    assert {"libstdc++6", "libc6"} <= names(listed)
+    assert any(re.match("libg?omp", name) for name in names(listed))
     maths = start("--version").out
     assert ("oneMKL" in maths) == ("oneMKL" in names(listed))
     assert ("MUMPS" in maths) == any(name.startswith("libmumps") for name in names(listed))
