@@ -275,9 +275,6 @@ bool BuildStructure(std::int32_t n, const std::int32_t* pR, const std::int32_t* 
   return true;
 }
 
-// Place of entry (lane, other) above the diagonal of a diagonal block: (1,2), (1,3), (2,3).
-int DiagonalPlace(int lane, int other) { return lane + other - 1; }
-
 // The equations of a block row as the matrix stores them. Behind the diagonal block all have the
 // same columns.
 struct StoredRow {
