@@ -170,3 +170,33 @@ def test_elements_of_a_type_follow_their_connectivity_rows():
     elements.conn_index[0] = 0
     with pytest.raises(IndexError):
         elements.of_type(TET4)
+
+
+def test_labels_survive_writing_and_reading_and_go_with_their_model(tmp_path):
+    model = whole_model()
+    count, elements = len(model.nodes), len(model.elements)
+    model.labels = formats.Labels(np.arange(count) * 10 + 2**40, np.arange(elements)[::-1])
+    write(model, tmp_path)
+    back = read(tmp_path)
+    assert back.labels is not None
+    assert np.array_equal(back.labels.nodes, model.labels.nodes)
+    assert np.array_equal(back.labels.elements, model.labels.elements)
+    write(back, tmp_path / "copy")
+    copied = formats.read_labels(tmp_path / "copy")
+    assert copied is not None and np.array_equal(copied.nodes, model.labels.nodes)
+    write(replace(model, labels=None), tmp_path)
+    assert read(tmp_path).labels is None and not (tmp_path / "vkctl.labels").exists()
+
+
+def test_labels_of_another_model_or_cut_short_are_refused(tmp_path):
+    model = whole_model()
+    count, elements = len(model.nodes), len(model.elements)
+    write(model, tmp_path)
+    formats.write_labels(tmp_path, formats.Labels(np.arange(count), np.arange(elements - 1)))
+    with pytest.raises(formats.FormatError, match=f"labels: .* not {count} and {elements}"):
+        read(tmp_path)
+    formats.write_labels(tmp_path, formats.Labels(np.arange(count), np.arange(elements)))
+    content = (tmp_path / "vkctl.labels").read_bytes()
+    (tmp_path / "vkctl.labels").write_bytes(content[:-1])
+    with pytest.raises(formats.ShortFileError, match="element labels"):
+        read(tmp_path)

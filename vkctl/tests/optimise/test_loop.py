@@ -17,12 +17,12 @@ from fake_solver import HEAD, fake_solver
 from small_loops import ONE_CASE, TWO_CASES, VK_RUND, script, write_small
 
 from vkctl.directory import formats
-from vkctl.directory.model import read
+from vkctl.directory.model import read, write
 from vkctl.optimise import HistoryRow, OptimiseError, optimise, read_history
 from vkctl.optimise import history as loop_files
 from vkctl.optimise.loop import Optimised, combined, has_converged, objective
 from vkctl.optimise.settings import Settings
-from vkctl.prepare import CaseFileError
+from vkctl.prepare import CaseFileError, new
 
 ROOT = Path(__file__).resolve().parents[3]
 
@@ -180,6 +180,45 @@ def test_sets_to_keep_can_be_added_later(tmp_path: Path) -> None:
     model = read(tmp_path / "d")
     far = np.flatnonzero((model.nodes[:, 0] > 9.99) & (model.nodes[:, 1] > 3.99)) + 1
     assert state_of(tmp_path / "d").kept == far.tolist()
+
+
+def renumbered(directory: Path) -> None:
+    """Turn the order of the nodes of a directory round, and with it whatever names them."""
+    model = read(directory)
+    count = len(model.nodes)
+    model.nodes = model.nodes[::-1]
+    model.elements.hex8 = count + 1 - model.elements.hex8
+    assert model.node_tp_index is not None
+    model.node_tp_index = model.node_tp_index[::-1]
+    for case in model.load_cases:
+        for records in (case.constraints, case.forces2, case.forces3):
+            records["Node"] = count + 1 - records["Node"]
+    write(model, directory)
+
+
+def test_sets_to_keep_are_found_by_place_where_a_directory_numbers_its_nodes_otherwise(
+    tmp_path: Path,
+) -> None:
+    cases = write_small(tmp_path, "steps = 2\nkeep = ['far']\n")
+    new(None, cases, tmp_path / "d")
+    renumbered(tmp_path / "d")
+    optimise(cases, tmp_path / "d", vk_rund=VK_RUND)
+    kept = state_of(tmp_path / "d").kept
+    nodes = read(tmp_path / "d").nodes
+    far = np.flatnonzero((nodes[:, 0] > 9.99) & (nodes[:, 1] > 3.99)) + 1
+    assert kept == far.tolist() and 1 in kept
+
+
+def test_sets_to_keep_are_refused_where_the_nodes_of_a_directory_lie_elsewhere(
+    tmp_path: Path,
+) -> None:
+    cases = write_small(tmp_path, "steps = 1\nkeep = ['far']\n")
+    new(None, cases, tmp_path / "d")
+    nodes = formats.read_nodes(tmp_path / "d")
+    nodes[0] += 0.125
+    formats.write_nodes(tmp_path / "d", nodes)
+    with pytest.raises(OptimiseError, match="has its nodes elsewhere than the directory"):
+        optimise(cases, tmp_path / "d", vk_rund=VK_RUND)
 
 
 def test_changes_that_the_directory_does_not_know_of_are_refused(tmp_path: Path) -> None:

@@ -7,6 +7,7 @@ import pytest
 import pyvista
 from results_on_disk import make_model, with_hole
 
+from vkctl.directory import formats
 from vkctl.view import grid
 
 KINDS = ("tet4", "hex8", "tet10")
@@ -43,6 +44,17 @@ def test_excluded_elements_are_left_out() -> None:
     model.exclude_elements([1, 2, 3])
     assert grid.mesh_grid(model).n_cells == len(model.elements) - 3
     assert 1 not in grid.mesh_grid(model).cell_data["element"]
+
+
+def test_the_grid_tells_labels_of_nodes_and_elements_where_they_are_known() -> None:
+    model = make_model()
+    assert "label" not in grid.mesh_grid(model).point_data
+    nodes, elements = np.arange(len(model.nodes)) + 100, np.arange(len(model.elements)) + 1000
+    model.labels = formats.Labels(nodes, elements)
+    model.exclude_elements([1])
+    made = grid.mesh_grid(model)
+    np.testing.assert_array_equal(made.point_data["label"], nodes)
+    np.testing.assert_array_equal(made.cell_data["label"], elements[1:])
 
 
 @pytest.mark.parametrize("kind", KINDS)

@@ -285,7 +285,29 @@ def _kept_nodes(
         )
     found = [prepared.sets.nodes(name, ("optimise", "keep")) for name in settings.keep]
     prepared.sets.report.finish()
-    return sorted({int(node) for nodes in found for node in nodes})
+    number_of = _numbers_in(model, prepared.mesh.nodes)
+    if number_of is None:
+        raise OptimiseError(
+            f"the part of {cases} has its nodes elsewhere than the directory: the sets to keep "
+            "can't be found"
+        )
+    return sorted({int(number_of[node - 1]) for nodes in found for node in nodes})
+
+
+def _numbers_in(model: Model, points: Array) -> Array | None:
+    """Number in the model of the node at each point, None if a point has no node of its own.
+
+    A directory that was prepared by others, or by an earlier version, may number them otherwise.
+    """
+    ours, theirs = points.astype(np.float32), model.nodes.astype(np.float32)
+    if np.array_equal(ours, theirs):
+        return np.arange(1, len(ours) + 1)
+    order, their_order = np.lexsort(ours.T), np.lexsort(theirs.T)
+    if not np.array_equal(ours[order], theirs[their_order]):
+        return None
+    numbers = np.empty(len(ours), np.int64)
+    numbers[order] = their_order + 1
+    return numbers
 
 
 def _weights(cases: PathLike, settings: Settings, numbers: list[int]) -> list[float]:

@@ -121,6 +121,7 @@ def _refuse_infinite(whole: Model, cases: Cases) -> None:
 def _build(mesh: PartMesh, cases: Cases) -> Prepared:
     sets = Sets(mesh, cases)
     whole = Model(mesh.nodes, mesh.elements, [e.material for e in cases.materials.values()])
+    whole.labels = formats.Labels(mesh.node_labels, mesh.element_labels)
     _apply_model_table(whole, cases, sets)
     _assign_materials(whole, cases, sets)
     _set_level(whole, cases, sets)

@@ -1,8 +1,8 @@
 """The mesh of the solver, made from a part.
 
-`make_mesh` turns a `Part` into a `PartMesh`: nodes numbered from 1 in the order of their labels,
-unused ones dropped, coordinates rounded to the 32-bit numbers that the solver reads, elements of
-positive volume.
+`make_mesh` turns a `Part` into a `PartMesh`: nodes numbered from 1 in the order of their labels, or
+along the part where it was meshed here, unused ones dropped, coordinates rounded to the 32-bit
+numbers that the solver reads, elements of positive volume.
 """
 
 from __future__ import annotations
@@ -31,6 +31,8 @@ class PartMesh:
 
     nodes: Array  # float64 (n, 3), exact in float32
     elements: Elements
+    node_labels: Array  # int64 (n,), what the part's file calls each node, or Gmsh that meshed it
+    element_labels: Array  # int64 (m,)
     node_sets: dict[str, Array] = field(default_factory=dict)
     element_sets: dict[str, Array] = field(default_factory=dict)
     surfaces: dict[str, list[Array]] = field(default_factory=dict)
@@ -53,19 +55,24 @@ def make_mesh(part: Part, *, scale: float = 1.0, reorder: bool = True) -> PartMe
     _refuse_unsupported(part)
     lookup = Lookup(part.labels, "node")
     used = np.zeros(len(part.labels), np.bool_)
-    blocks = [(code, lookup.positions(rows)) for code, _, rows in part.solids]
-    for _, rows in blocks:
-        used[rows] = True
-    rank = _ranks(part.labels, used)
+    for _, _, rows in part.solids:
+        used[lookup.positions(rows)] = True
     order = np.flatnonzero(used)[np.argsort(part.labels[used], kind="stable")]
+    if part.meshed:
+        order = order[along_the_part(part.points[order])]
+    rank = np.zeros(len(used), np.int32)  # number of each position, 0 for unused ones
+    rank[order] = np.arange(1, len(order) + 1)
     nodes = _rounded(part.points[order] * scale)
-    element_labels = np.concatenate([labels for _, labels, _ in part.solids])
-    elements = _elements([(code, rank[rows]) for code, rows in blocks])
+    blocks = [(code, labels, rank[lookup.positions(rows)]) for code, labels, rows in part.solids]
+    if part.meshed:
+        blocks = [_by_lowest_node(*block) for block in _united(blocks)]
+    element_labels = np.concatenate([labels for _, labels, _ in blocks])
+    elements = _elements([(code, rows) for code, _, rows in blocks])
     notes = list(part.notes)
     if dropped := len(used) - len(nodes):
         notes.append(f"{counted(dropped, 'node')} without a solid element left out")
     notes += orient(nodes, elements, element_labels, reorder)
-    mesh = PartMesh(nodes, elements, notes=notes)
+    mesh = PartMesh(nodes, elements, part.labels[order], element_labels, notes=notes)
     _transfer_sets(part, mesh, lookup, rank, element_labels)
     mesh.node_data = {name: np.asarray(v)[order] for name, v in part.node_data.items()}
     return mesh
@@ -84,12 +91,38 @@ def _refuse_unsupported(part: Part) -> None:
         raise PartError(f"the part has no solid elements{found}; mesh its volume")
 
 
-def _ranks(labels: Array, used: Array) -> Array:
-    """Node number (1-based, by ascending label) of each position, 0 for unused ones."""
-    rank = np.zeros(len(labels), np.int32)
-    kept = np.flatnonzero(used)
-    rank[kept[np.argsort(labels[kept], kind="stable")]] = np.arange(1, len(kept) + 1)
-    return rank
+def along_the_part(points: Array) -> Array:
+    """Positions of the points in order along the longest side of their box.
+
+    The iterative mode sweeps through the equations in the order of the nodes. Where these follow
+    each other through the part, a sweep carries further than in the mesher's order, which takes
+    points, curves and surfaces before what is inside. Equal points keep their order; whether they
+    are equal is judged in 32 bits, where a mesher's rounding is gone.
+    """
+    with np.errstate(over="ignore", invalid="ignore"):
+        rounded = points.astype(np.float32)
+        longest = int(np.argmax(np.ptp(rounded, axis=0))) if len(points) else 0
+    order: Array = np.argsort(rounded[:, longest], kind="stable")
+    return order
+
+
+_Block = tuple[int, Array, Array]  # type code, labels (k,), rows of node numbers (k, nodes)
+
+
+def _united(blocks: list[_Block]) -> list[_Block]:
+    """One block for each type of element."""
+    united = []
+    for code in dict.fromkeys(code for code, _, _ in blocks):
+        same = [(labels, rows) for c, labels, rows in blocks if c == code]
+        labels, rows = (np.concatenate(pieces) for pieces in zip(*same, strict=True))
+        united.append((code, labels, rows))
+    return united
+
+
+def _by_lowest_node(code: int, labels: Array, rows: Array) -> _Block:
+    """Elements in the order of their nodes: successive ones lie side by side in memory."""
+    order = np.argsort(rows.min(axis=1), kind="stable")
+    return code, labels[order], rows[order]
 
 
 def _rounded(points: Array) -> Array:

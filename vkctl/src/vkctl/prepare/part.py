@@ -58,7 +58,7 @@ class Part:
     `solids` holds (type code, element labels (k,), rows of node labels (k, nodes)) in the order
     of the file, nodes already in the solver's order. `surfaces` holds for each name the node
     labels of surface elements, arrays of 3, 4 or 6 columns. `node_data` has one value per entry
-    of `labels`.
+    of `labels`. `meshed` tells that the mesh was made here, of geometry: its labels are Gmsh's.
     """
 
     labels: Array
@@ -70,6 +70,7 @@ class Part:
     node_data: dict[str, Array] = field(default_factory=dict)
     unsupported: dict[str, int] = field(default_factory=dict)  # element type and count
     notes: list[str] = field(default_factory=list)
+    meshed: bool = False
 
 
 def labelled(labels: Iterable[int]) -> str:

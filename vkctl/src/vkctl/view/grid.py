@@ -57,7 +57,8 @@ def has_boundary(model: Model) -> bool:
 def mesh_grid(model: Model) -> pyvista.UnstructuredGrid:
     """The active elements as they are, with the model's own fields.
 
-    Points: "level", "node_flags". Cells: "element" (its number), "material", "element_flags".
+    Points: "level", "node_flags". Cells: "element" (its number), "material", "element_flags". Both
+    have "label" where the directory knows what the part's file calls them.
     """
     assert model.element_flags is not None
     pyvista = need("pyvista")
@@ -76,6 +77,9 @@ def mesh_grid(model: Model) -> pyvista.UnstructuredGrid:
     grid.cell_data["element"] = order
     grid.cell_data["material"] = model.elements.materials[order - 1]
     grid.cell_data["element_flags"] = model.element_flags[order - 1]
+    if model.labels is not None:
+        grid.point_data["label"] = model.labels.nodes
+        grid.cell_data["label"] = model.labels.elements[order - 1]
     return grid
 
 

@@ -11,6 +11,7 @@ moment does a reader see half of it.
 
 from . import file_names
 from .file_names import LOG_FILE, OPTIONS_FILE
+from .labels_file import Labels, read_labels, write_labels
 from .load_case_files import (
     LoadCaseMap,
     is_to_run,
@@ -124,6 +125,7 @@ __all__ = [
     "LOADCASE_STATIC",
     "LOG_FILE",
     "LONGEST_LINE",
+    "Labels",
     "LoadCaseMap",
     "MATERIAL",
     "MATERIAL_COMPRESSION_ONLY",
@@ -157,6 +159,7 @@ __all__ = [
     "read_element_flags",
     "read_element_state",
     "read_elements",
+    "read_labels",
     "read_loadcase_flags",
     "read_loadcase_map",
     "read_loadcases",
@@ -180,6 +183,7 @@ __all__ = [
     "write_element_flags",
     "write_element_state",
     "write_elements",
+    "write_labels",
     "write_loadcase_flags",
     "write_loadcase_map",
     "write_loadcases",

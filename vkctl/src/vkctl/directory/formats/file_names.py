@@ -2,6 +2,7 @@
 
 OPTIONS_FILE = "vk_rund_cmd.txt"
 LOG_FILE = "vk_rund_log.txt"
+LABELS = "vkctl.labels"
 
 MATERIALS = "mx.mats"
 NODES = "mx.nodes"

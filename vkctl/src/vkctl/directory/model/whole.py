@@ -27,7 +27,8 @@ class Model:
 
     Node flags, element flags and `node_tp_index` are zeros where not given: no design points,
     level 1.0 everywhere. `run_order` lists load-case numbers in the order to run them, one after
-    the other where not given. `options` holds values by key of the options file.
+    the other where not given. `options` holds values by key of the options file. `labels` tells
+    what nodes and elements were called before they were numbered; the solver doesn't read it.
     """
 
     nodes: Array  # float64 (n, 3); float32 in the file
@@ -40,6 +41,7 @@ class Model:
     tp: Array = field(default_factory=lambda: np.empty(0, np.float32))
     run_order: Array | None = None
     options: dict[str, float] = field(default_factory=dict)
+    labels: formats.Labels | None = None
 
     def __post_init__(self) -> None:
         self.nodes = np.asarray(self.nodes, np.float64).reshape(-1, 3)
@@ -103,6 +105,7 @@ def _write(model: Model, directory: PathLike, structure: RawStructure | None) ->
     formats.write_tp(directory, model.tp)
     formats.write_structure(directory, structure or model.structure())
     formats.write_options(directory, model.options)
+    formats.write_labels(directory, model.labels)
     write_load_cases(model.load_cases, directory, model.run_order)
 
 
@@ -155,6 +158,7 @@ def read(directory: PathLike) -> Model:
         if len(array) != count:
             raise formats.FormatError(Path(directory, name), f"{len(array)} values, not {count}")
     _require_indices(directory, tables, len(nodes))
+    labels = _fitting_labels(directory, len(nodes), len(tables.records))
     load_cases, run_order = read_load_cases(directory)
     elements = Elements(
         tables.records["TypeCode"].copy(),
@@ -175,7 +179,17 @@ def read(directory: PathLike) -> Model:
         tp=formats.read_tp(directory),
         run_order=run_order,
         options=formats.read_options(directory),
+        labels=labels,
     )
+
+
+def _fitting_labels(directory: PathLike, nodes: int, elements: int) -> formats.Labels | None:
+    labels = formats.read_labels(directory)
+    if labels is not None and (len(labels.nodes), len(labels.elements)) != (nodes, elements):
+        counts = f"{len(labels.nodes)} nodes and {len(labels.elements)} elements"
+        path = Path(directory, file_names.LABELS)
+        raise formats.FormatError(path, f"{counts}, not {nodes} and {elements}")
+    return labels
 
 
 def _require_indices(directory: PathLike, tables: formats.ElementTables, count: int) -> None:

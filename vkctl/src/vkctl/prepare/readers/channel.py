@@ -103,6 +103,7 @@ def part_message(part: Part) -> tuple[dict[str, Any], list[Array]]:
         "node_data": {name: pack.put(v, "<f8") for name, v in part.node_data.items()},
         "unsupported": part.unsupported,
         "notes": part.notes,
+        "meshed": part.meshed,
     }
     return content, pack.arrays
 
@@ -136,6 +137,7 @@ def told_part(message: Message) -> Part:
         part.node_data = {printable(n): take(v, "<f8") for n, v in said["node_data"].items()}
         part.unsupported = {printable(n): int(v) for n, v in said["unsupported"].items()}
         part.notes = [printable(str(note)) for note in said["notes"]]
+        part.meshed = bool(said["meshed"])
     except (KeyError, TypeError, ValueError, AttributeError) as error:
         raise BrokenError(f"a part that can't be understood: {error}") from None
     sizes = [len(part.points), *(len(v) for v in part.node_data.values())]

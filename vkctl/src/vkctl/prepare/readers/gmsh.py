@@ -84,13 +84,16 @@ def mesh_geometry(
     with _session(options.threads) as gmsh:
         try:
             _load_geometry(gmsh, path, title)
-            if not len(gmsh.model.mesh.getElements(3)[0]):
+            meshed = not len(gmsh.model.mesh.getElements(3)[0])  # a script may bring its mesh
+            if meshed:
                 _mesh(gmsh, title, options, most_bytes, tell)
         except PartError:
             raise
         except Exception as error:
             raise _failure(gmsh, title, error) from None
-        return _collect(gmsh)
+        part = _collect(gmsh)
+        part.meshed = meshed
+        return part
 
 
 def _load_geometry(gmsh: ModuleType, path: PathLike, title: str) -> None:
