@@ -40,12 +40,6 @@ find_package_handle_standard_args(MKL
   REQUIRED_VARS MKL_mkl_core MKL_${layer} MKL_mkl_intel_lp64 MKL_INCLUDE_DIR
   VERSION_VAR MKL_VERSION)
 
-# The two sparse operations are gone from 2026.0 on.
-if(MKL_FOUND AND MKL_VERSION VERSION_GREATER_EQUAL 2026)
-  message(STATUS "oneMKL ${MKL_VERSION} in ${MKL_INCLUDE_DIR} lacks the sparse operations, not used")
-  set(MKL_FOUND FALSE)
-endif()
-
 # Who passes the program on has to pass this on.
 set(MKL_LICENCE "")
 foreach(place ${places})
@@ -59,7 +53,7 @@ endforeach()
 if(MKL_FOUND AND NOT TARGET MKL::MKL)
   find_package(Threads REQUIRED)
   add_library(MKL::MKL INTERFACE IMPORTED)
-  # SYSTEM: the header marks what we use as deprecated.
+  # SYSTEM: what the headers warn of is not ours to mend.
   target_include_directories(MKL::MKL SYSTEM INTERFACE ${MKL_INCLUDE_DIR})
   target_link_libraries(MKL::MKL INTERFACE
     -Wl,--start-group ${MKL_mkl_intel_lp64} ${MKL_${layer}} ${MKL_mkl_core} -Wl,--end-group

@@ -3,7 +3,7 @@
 #   VK_MATHS_TEXT     name and version, for people and for MATHS_NAME
 # There is one OpenMP run-time in the program, the compiler's own.
 
-set(VK_MKL_ADVICE "pip install mkl-static==2025.3.* mkl-include==2025.3.*, and give the \
+set(VK_MKL_ADVICE "pip install mkl-static==2026.2.* mkl-include==2026.2.*, and give the \
 environment's folder as -DVK_MKL_ROOT")
 
 string(TOLOWER "${VK_MATH}" choice)
@@ -16,7 +16,7 @@ if(NOT choice STREQUAL "open")
   if(MKL_FOUND)
     set(choice mkl)
   elseif(choice STREQUAL "mkl")
-    vk_refuse("VK_MATH=mkl, but no oneMKL of 2025 or older was found; ${VK_MKL_ADVICE}, "
+    vk_refuse("VK_MATH=mkl, but no oneMKL was found; ${VK_MKL_ADVICE}, "
       "or take VK_MATH=open")
   endif()
 endif()

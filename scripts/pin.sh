@@ -5,7 +5,7 @@
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")"
 
-MKL=2025.3.1  # the sparse operations that the solver calls were removed in 2026.0
+MKL=2026.2.0
 
 # compile LIST INPUT...: a list for Python 3.11 and later.
 compile() {
