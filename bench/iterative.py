@@ -11,7 +11,6 @@ that can be compared, let nothing else run. The best of three runs counts.
 from __future__ import annotations
 
 import argparse
-import json
 import os
 import shutil
 import subprocess
@@ -24,7 +23,7 @@ from dataclasses import dataclass, replace
 from pathlib import Path
 
 import numpy as np
-from run_stages import ROOT, run_stages, run_whole, write_box
+from run_stages import ROOT, run_benchmark, run_whole, write_box
 
 from vkctl.directory.formats import Mode
 from vkctl.directory.log import digest, read_log
@@ -81,16 +80,9 @@ def iteration(build: Path, directory: Path, threads: int) -> dict[str, float]:
     set_run_options(directory, threads=threads, mode="iterative")
     for state in directory.glob("ws.*"):
         state.unlink()
-    done = subprocess.run(
-        [build / "vk_bench", "--benchmark_filter=^BM_Iterative", "--benchmark_format=json"],
-        env={**os.environ, "VK_BENCH_DIR": str(directory)},
-        capture_output=True,
-        text=True,
-        check=True,
-    )
-    counters: dict[str, float] = json.loads(done.stdout)["benchmarks"][0]
+    counters = run_benchmark(build / "vk_bench", "BM_Iterative", directory)
     if "iteration" not in counters:
-        sys.exit(f"{directory}: the benchmark gave no figures: {done.stdout}")
+        sys.exit(f"{directory}: the benchmark gave no figures: {counters}")
     return counters
 
 
@@ -201,7 +193,7 @@ def direct_rows(name: str, build: Path) -> list[Row]:
             wall, peak = run_whole(build / "vk_rund", directory)
             for state in directory.glob("ws.*"):
                 state.unlink()
-            found = run_stages(build / "vk_bench", directory)
+            found = run_benchmark(build / "vk_bench", "BM_Run", directory)
             set_flags(directory, clear_done=True)
             bare = found["bare_analysis"] + found["bare_factor"] + found["bare_solves"]
             ratios.append(wall / bare)
