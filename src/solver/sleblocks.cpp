@@ -22,9 +22,12 @@ using SLEBLOCKS::Unknown;
 using SLEBLOCKS::Upper;
 using SLEBLOCKS::Width;
 
-// A chunk streams about 100 kB of a triangle: long against the handing over of chunks, short enough
-// to share a level out. The cut doesn't depend on the team, so that sums by chunk don't either.
+// A chunk streams up to 100 kB of a triangle: long against the handing over of chunks, short enough
+// to share a level out. Small levels are cut finer, down to what takes a microsecond or two to stream.
+// The cut doesn't depend on the team, so that sums by chunk don't either.
 constexpr std::int32_t ChunkRows = 64;
+constexpr std::int32_t FewestChunkBlocks = 256;
+constexpr std::int32_t SmallLevelParts = 4;
 
 // With more padding than this, values held over entries stored, the plain sweeps move less.
 constexpr std::int64_t LargestPadding = 2;
@@ -130,10 +133,23 @@ std::int32_t FindLevels(const Groups& groups, std::int32_t* level) {
   return groups.count > 0 ? highest + 1 : 0;
 }
 
-// Chunks of the levels, whose first rows are levelStart: a level of more than one chunk's rows is a
-// stage of its own; smaller ones share a chunk, since a second thread would find nothing to do.
+// Rows of the smallest chunk that is worth handing over.
+std::int32_t FewestChunkRows() {
+  const std::int64_t rows = std::int64_t{FewestChunkBlocks} * NumRows / std::max(NumBlocks, 1);
+  return static_cast<std::int32_t>(std::clamp<std::int64_t>(rows, 1, ChunkRows));
+}
+
+// Chunks of a level of so many rows.
+std::int32_t PartsOfLevel(std::int32_t rows, std::int32_t fewest) {
+  const std::int32_t whole = (rows + ChunkRows - 1) / ChunkRows;
+  return std::max(whole, std::min(rows / fewest, SmallLevelParts));
+}
+
+// Chunks of the levels, whose first rows are levelStart: a level that is worth more than one chunk is
+// a stage of its own; smaller ones share a chunk, since a second thread would find nothing to do.
 bool CutChunks(const std::int32_t* levelStart, std::int32_t levels) {
-  SLEBLOCKS::Chunks = ARRAYS_TRYALLOCATE<Chunk>(NumRows / ChunkRows + 2 * std::int64_t{levels} + 1);
+  const std::int32_t fewest = FewestChunkRows();
+  SLEBLOCKS::Chunks = ARRAYS_TRYALLOCATE<Chunk>(NumRows / fewest + std::int64_t{levels} + 1);
   if (!SLEBLOCKS::Chunks) return false;
   Chunk* chunks = SLEBLOCKS::Chunks.get();
   std::int32_t count = 0;
@@ -141,13 +157,13 @@ bool CutChunks(const std::int32_t* levelStart, std::int32_t levels) {
   for (std::int32_t l = 0; l < levels; ++l) {
     const std::int32_t first = levelStart[l];
     const std::int32_t last = levelStart[l + 1];
-    const bool small = last - first <= ChunkRows;
+    const std::int32_t parts = PartsOfLevel(last - first, fewest);
+    const bool small = parts == 1;
     if (small && joins) {
       chunks[count - 1].last = last;
       continue;
     }
     joins = small;
-    const std::int32_t parts = (last - first + ChunkRows - 1) / ChunkRows;
     for (std::int32_t part = 0; part < parts; ++part)
       chunks[count + part] = {
           first + static_cast<std::int32_t>(std::int64_t{last - first} * part / parts),

@@ -35,8 +35,9 @@ struct Matrix {
   std::vector<float> values;
 
   int Leading() const { return rows + Spare; }
-  float& At(int i, int j) { return values[static_cast<std::size_t>(j) * Leading() + i]; }
-  float At(int i, int j) const { return values[static_cast<std::size_t>(j) * Leading() + i]; }
+  std::size_t Place(int i, int j) const { return static_cast<std::size_t>(j * Leading() + i); }
+  float& At(int i, int j) { return values[Place(i, j)]; }
+  float At(int i, int j) const { return values[Place(i, j)]; }
   // Of the matrix or its transpose.
   double Op(char trans, int i, int j) const { return trans == 'N' ? At(i, j) : At(j, i); }
 };
@@ -45,7 +46,7 @@ Matrix RandomMatrix(int rows, int columns) {
   std::mt19937 engine(static_cast<unsigned>(rows + 1000 * columns));
   std::uniform_real_distribution<float> number(-1.0F, 1.0F);
   Matrix matrix{rows, columns, {}};
-  matrix.values.resize(static_cast<std::size_t>(columns) * matrix.Leading());
+  matrix.values.resize(matrix.Place(0, columns));
   for (float& value : matrix.values) value = number(engine);
   return matrix;
 }
