@@ -23,8 +23,8 @@ using SLEBLOCKS::Upper;
 using SLEBLOCKS::Width;
 
 // A chunk streams up to 100 kB of a triangle: long against the handing over of chunks, short enough
-// to share a level out. Small levels are cut finer, down to what takes a microsecond or two to stream.
-// The cut doesn't depend on the team, so that sums by chunk don't either.
+// to share a level out. Small levels are cut finer, down to what takes a microsecond or two. The
+// cut doesn't depend on the team, so that sums by chunk don't either.
 constexpr std::int32_t ChunkRows = 64;
 constexpr std::int32_t FewestChunkBlocks = 256;
 constexpr std::int32_t SmallLevelParts = 4;
@@ -145,8 +145,9 @@ std::int32_t PartsOfLevel(std::int32_t rows, std::int32_t fewest) {
   return std::max(whole, std::min(rows / fewest, SmallLevelParts));
 }
 
-// Chunks of the levels, whose first rows are levelStart: a level that is worth more than one chunk is
-// a stage of its own; smaller ones share a chunk, since a second thread would find nothing to do.
+// Chunks of the levels, whose first rows are levelStart: a level that is worth more than one chunk
+// is a stage of its own; smaller ones share a chunk, since a second thread would find nothing to
+// do.
 bool CutChunks(const std::int32_t* levelStart, std::int32_t levels) {
   const std::int32_t fewest = FewestChunkRows();
   SLEBLOCKS::Chunks = ARRAYS_TRYALLOCATE<Chunk>(NumRows / fewest + std::int64_t{levels} + 1);
