@@ -158,6 +158,7 @@ TEST(DenseSolve, FulfilsItsEquationForEveryTeamSideTriangleAndDiagonal) {
 }
 
 TEST(MathsThreads, NoneIsLeftBesideTheTeam) {
+  omp_pause_resource_all(omp_pause_hard);  // the threads of earlier tests' teams
   MATHS_ENDTHREADS();
   const TeamSize size(2);
   int team = 0;
@@ -165,7 +166,7 @@ TEST(MathsThreads, NoneIsLeftBesideTheTeam) {
 #pragma omp single
   team = omp_get_num_threads();
   ASSERT_EQ(team, 2);
-  // A larger team of an earlier test ends when it likes.
+  // Threads end when they like.
   for (int i = 0; i < 2000 && Threads() > team; ++i)
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   EXPECT_EQ(Threads(), team);
