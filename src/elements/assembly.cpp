@@ -208,7 +208,8 @@ std::int32_t FirstEquation(const std::int32_t* dofs) {
 template <class Index>
 bool FindBlock(const Index* pR, const Index* pC, std::int32_t a, std::int32_t b,
                BlockPlace& place) {
-  const auto first = static_cast<Index>(b), last = static_cast<Index>(b + 2);
+  const auto first = static_cast<Index>(b);
+  const Index last = first + 2;
   std::int64_t column = 0;
   for (std::int64_t r = 0; r < 3; ++r) {
     const auto begin = Slot(static_cast<std::int64_t>(pR[Slot(a) + r]));
