@@ -96,6 +96,22 @@ SharedNodes SharedNodesOf(const ElementView& element, const std::uint8_t* users)
   return shared;
 }
 
+// Calls `work` with each element that isn't excluded and with its shared nodes, in parallel.
+template <class Work>
+void ForElements(const Work& work) {
+  const NodeUsers users = MakeNodeUsers();
+#pragma omp parallel
+  {
+    NoteUsers(users.get());
+#pragma omp for schedule(static)
+    for (std::int32_t e = 1; e <= FEMODEL::NumElements; ++e) {
+      if (FEMODEL_ISEXCLUDED(e)) continue;
+      const ElementView element = FEMODEL_ELEMENT(e);
+      work(element, SharedNodesOf(element, users.get()));
+    }
+  }
+}
+
 void AddForces(std::int32_t dofCount, const ElementDofs& dofs, const double* forces,
                SharedNodes shared) {
   double* target = SysForces.get();
@@ -434,21 +450,13 @@ void PREPARESYSINTERNALFORCES() {
   ClearInParallel(SysForces.get(), SOLVERSTA::NumEquations);
   AddSupportForces();
   const double* solution = FEDOF::Displacements.get();
-  const NodeUsers users = MakeNodeUsers();
-#pragma omp parallel
-  {
-    NoteUsers(users.get());
-#pragma omp for schedule(static)
-    for (std::int32_t e = 1; e <= FEMODEL::NumElements; ++e) {
-      if (FEMODEL_ISEXCLUDED(e)) continue;
-      const ElementView element = FEMODEL_ELEMENT(e);
-      std::int32_t dofCount = 0;  // stays 0 for an unknown type
-      ElementDofs dofs;
-      ElementVector forces;
-      FEELEM_INTERNALFORCES(element, solution, dofCount, dofs, forces);
-      AddForces(dofCount, dofs, forces, SharedNodesOf(element, users.get()));
-    }
-  }
+  ForElements([solution](const ElementView& element, SharedNodes shared) {
+    std::int32_t dofCount = 0;  // stays 0 for an unknown type
+    ElementDofs dofs;
+    ElementVector forces;
+    FEELEM_INTERNALFORCES(element, solution, dofCount, dofs, forces);
+    AddForces(dofCount, dofs, forces, shared);
+  });
 }
 
 void PREPARESYSMATRIXANDINTERNALFORCES() {
@@ -457,23 +465,14 @@ void PREPARESYSMATRIXANDINTERNALFORCES() {
   ClearInParallel(SysMatrix.get(), SOLVERSTA::NumEntries);
   AddSupportMatrices();
   const double* solution = FEDOF::Displacements.get();
-  const NodeUsers users = MakeNodeUsers();
-#pragma omp parallel
-  {
-    NoteUsers(users.get());
-#pragma omp for schedule(static)
-    for (std::int32_t e = 1; e <= FEMODEL::NumElements; ++e) {
-      if (FEMODEL_ISEXCLUDED(e)) continue;
-      const ElementView element = FEMODEL_ELEMENT(e);
-      std::int32_t dofCount = 0;  // stays 0 for an unknown type
-      ElementDofs dofs;
-      ElementVector forces;
-      ElementMatrix matrix;
-      FEELEM_MATRIXANDFORCES(element, solution, dofCount, dofs, forces, matrix);
-      AddToSystem(dofCount, dofs, forces, matrix, MaxElementDofs,
-                  SharedNodesOf(element, users.get()));
-    }
-  }
+  ForElements([solution](const ElementView& element, SharedNodes shared) {
+    std::int32_t dofCount = 0;  // stays 0 for an unknown type
+    ElementDofs dofs;
+    ElementVector forces;
+    ElementMatrix matrix;
+    FEELEM_MATRIXANDFORCES(element, solution, dofCount, dofs, forces, matrix);
+    AddToSystem(dofCount, dofs, forces, matrix, MaxElementDofs, shared);
+  });
   SOLVERSTA_WITHINDICES([](const auto& pR, const auto& pC) {
     RaiseMarkedDiagonals(pR.get());
     ScaleMatrix(pR.get(), pC.get());

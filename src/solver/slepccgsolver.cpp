@@ -66,12 +66,13 @@ std::int64_t ShareCount(std::int64_t n) {
   return std::clamp<std::int64_t>(n / SmallestShare, 1, MostShares);
 }
 
-// `work(first, end)` for each share.
+// `work(share, first, end)` for each share; returns their number.
 template <class Work>
-void InShares(std::int64_t n, const Work& work) {
+std::int64_t InShares(std::int64_t n, const Work& work) {
   const std::int64_t shares = ShareCount(n);
 #pragma omp parallel for schedule(static) if (n >= SmallestTeamwork)
-  for (std::int64_t s = 0; s < shares; ++s) work(n * s / shares, n * (s + 1) / shares);
+  for (std::int64_t s = 0; s < shares; ++s) work(s, n * s / shares, n * (s + 1) / shares);
+  return shares;
 }
 
 // Four partial sums keep the adders busy; their order is fixed.
@@ -86,10 +87,10 @@ double DotOfShare(const double* a, const double* b, std::int64_t first, std::int
 
 double Dot(const double* a, const double* b, std::int64_t n) {
   double partial[MostShares];
-  const std::int64_t shares = ShareCount(n);
-#pragma omp parallel for schedule(static) if (n >= SmallestTeamwork)
-  for (std::int64_t s = 0; s < shares; ++s)
-    partial[s] = DotOfShare(a, b, n * s / shares, n * (s + 1) / shares);
+  const std::int64_t shares =
+      InShares(n, [&](std::int64_t share, std::int64_t first, std::int64_t end) {
+        partial[share] = DotOfShare(a, b, first, end);
+      });
   double sum = partial[0];
   for (std::int64_t s = 1; s < shares; ++s) sum += partial[s];
   return sum;
@@ -153,7 +154,7 @@ void SweepBackward(const std::int64_t* pR8, const std::int64_t* pC8, const doubl
 
 template <class From, class To>
 void Convert(const From* from, To* to, std::int64_t n) {
-  InShares(n, [&](std::int64_t first, std::int64_t end) {
+  InShares(n, [&](std::int64_t, std::int64_t first, std::int64_t end) {
     for (std::int64_t i = first; i < end; ++i) to[i] = static_cast<To>(from[i]);
   });
 }
@@ -176,7 +177,7 @@ void Precondition(const Index* pR, const Index* pC, const float* matrixSP, const
 
 // p := beta p - z, from nothing in the first iteration.
 void UpdateDirection(double beta, bool start, const double* z, double* p, std::int64_t n) {
-  InShares(n, [&](std::int64_t first, std::int64_t end) {
+  InShares(n, [&](std::int64_t, std::int64_t first, std::int64_t end) {
     if (start)
       for (std::int64_t i = first; i < end; ++i) p[i] = -z[i];
     else
@@ -190,14 +191,12 @@ double UpdateSolution(double alpha, const WorkArrays& w, double* x, std::int64_t
   const double* p = w.p.get();
   const double* q = w.q.get();
   double norms[MostShares];
-  const std::int64_t shares = ShareCount(n);
-#pragma omp parallel for schedule(static) if (n >= SmallestTeamwork)
-  for (std::int64_t s = 0; s < shares; ++s) {
-    const std::int64_t first = n * s / shares, end = n * (s + 1) / shares;
-    for (std::int64_t i = first; i < end; ++i) x[i] += alpha * p[i];
-    for (std::int64_t i = first; i < end; ++i) r[i] += alpha * q[i];
-    norms[s] = MaxNorm(r + first, end - first);
-  }
+  const std::int64_t shares =
+      InShares(n, [&](std::int64_t share, std::int64_t first, std::int64_t end) {
+        for (std::int64_t i = first; i < end; ++i) x[i] += alpha * p[i];
+        for (std::int64_t i = first; i < end; ++i) r[i] += alpha * q[i];
+        norms[share] = MaxNorm(r + first, end - first);
+      });
   return MaxNorm(norms, shares);
 }
 

@@ -316,11 +316,21 @@ TEST_P(Assembly, OtherNodeFlagsRaiseNothing) {
   EXPECT_EQ(SOLVERSTA::SysScale[0], scale);
 }
 
+// Random forces and matrix of four nodes, added by the program and by the twin.
+void ScatterRandom(Twin& twin, const ElementDofs& dofs, std::mt19937& random) {
+  std::uniform_real_distribution<double> value(-1.0, 1.0);
+  ElementVector forces;
+  ElementMatrix matrix;
+  for (double& f : forces) f = value(random);
+  for (double& m : matrix) m = value(random);
+  SOLVERSTA_ADDTOFFUSYM(12, dofs, forces, matrix, MaxElementDofs);
+  twin.Add(12, dofs, forces, matrix, MaxElementDofs);
+}
+
 TEST_P(Assembly, UnsortedAndConstrainedEquationNumbersScatterLikeTheTwin) {
   ClearSystem();
   Twin twin;
   std::mt19937 random(5);
-  std::uniform_real_distribution<double> value(-1.0, 1.0);
   for (int round = 0; round < 200; ++round) {
     const ConnRecord<4>& row = FEMODEL::Conn40[static_cast<std::int32_t>(random() % 72)];
     ElementDofs dofs;
@@ -329,12 +339,7 @@ TEST_P(Assembly, UnsortedAndConstrainedEquationNumbersScatterLikeTheTwin) {
     if (round % 3 == 0) dofs[random() % 12] = -1;
     if (round % 4 == 0) dofs[random() % 12] = 0;
     if (round % 5 == 0) dofs[2] = dofs[9];  // equal numbers fall on the diagonal
-    ElementVector forces;
-    ElementMatrix matrix;
-    for (double& f : forces) f = value(random);
-    for (double& m : matrix) m = value(random);
-    SOLVERSTA_ADDTOFFUSYM(12, dofs, forces, matrix, MaxElementDofs);
-    twin.Add(12, dofs, forces, matrix, MaxElementDofs);
+    ScatterRandom(twin, dofs, random);
   }
   twin.ExpectSystem(0.0);
 }
@@ -342,19 +347,13 @@ TEST_P(Assembly, UnsortedAndConstrainedEquationNumbersScatterLikeTheTwin) {
 // Random matrices at elements of the model, their nodes in any order, some with a node twice.
 void ScatterNodesInAnyOrder(Twin& twin) {
   std::mt19937 random(6);
-  std::uniform_real_distribution<double> value(-1.0, 1.0);
   for (int round = 0; round < 200; ++round) {
     ConnRecord<4> row = FEMODEL::Conn40[static_cast<std::int32_t>(random() % 72)];
     std::shuffle(std::begin(row.Node), std::end(row.Node), random);
     if (round % 5 == 0) row.Node[3] = row.Node[1];
     ElementDofs dofs;
     for (int i = 0; i < 12; ++i) dofs[i] = FEDOF::NodeDofMap[3 * Slot(row.Node[i / 3]) + i % 3];
-    ElementVector forces;
-    ElementMatrix matrix;
-    for (double& f : forces) f = value(random);
-    for (double& m : matrix) m = value(random);
-    SOLVERSTA_ADDTOFFUSYM(12, dofs, forces, matrix, MaxElementDofs);
-    twin.Add(12, dofs, forces, matrix, MaxElementDofs);
+    ScatterRandom(twin, dofs, random);
   }
 }
 
