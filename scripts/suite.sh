@@ -87,7 +87,8 @@ thread_tests() {
   part unit-tsan ctest --test-dir "$ROOT/build/tsan" -j "$JOBS" --output-on-failure --no-tests=error \
     -R 'Assembly|Scatter|Supports|Fenod|Compsave|Logger|RunoptThreads|Loads|Analysis|Sleblocks|Slepccgsolver|Slesparse|Driver' \
     --output-junit "$REPORTS/unit-tsan.xml"
-  pytest_part end-to-end-tsan tsan "$ROOT/tests/e2e/test_results.py" "$ROOT/tests/e2e/test_log.py"
+  pytest_part end-to-end-tsan tsan "$ROOT/tests/e2e/test_results.py" "$ROOT/tests/e2e/test_log.py" \
+    "$ROOT/tests/e2e/test_openmp.py"
 }
 
 # The build as others use it: installed, inside of another project, and what it refuses.

@@ -20,6 +20,13 @@ namespace {
 constexpr const char* WaitVariable = "KMP_BLOCKTIME";
 constexpr const char* ShortWait = "0";  // milliseconds
 constexpr const char* OthersThatCount[] = {"OMP_WAIT_POLICY", "KMP_LIBRARY"};
+
+// The run-time notes itself in shared memory under the process's number, and ends the process where
+// the note is there and isn't read as a dead one's. A process that was killed while it wrote leaves
+// such a note to the next of its number. There is one run-time in this program: its own.
+[[gnu::constructor(101)]] void IgnoreNotesOfTheDead() {
+  ::setenv("KMP_DUPLICATE_LIB_OK", "TRUE", 0);
+}
 #else
 constexpr const char* WaitVariable = "GOMP_SPINCOUNT";
 constexpr const char* ShortWait = "1000";  // pauses: 10 to 50 microseconds

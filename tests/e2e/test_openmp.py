@@ -1,8 +1,10 @@
-"""How long threads wait awake: what the OpenMP run-time was told, and by whom."""
+"""What the OpenMP run-time is told, by whom, and what it may meet."""
 
 from __future__ import annotations
 
+import os
 import re
+import subprocess
 from collections.abc import Callable
 from pathlib import Path
 
@@ -49,3 +51,26 @@ def test_the_users_policy_wins(told: Policy) -> None:
 
 def test_the_users_passive_policy_wins(told: Policy) -> None:
     assert told(OMP_WAIT_POLICY="passive")[1] == 0
+
+
+def test_a_run_solves_under_the_number_of_one_that_was_killed(
+    tmp_path: Path, program: str
+) -> None:
+    """Clang's run-time notes itself in shared memory, and a killed one leaves an empty note."""
+    notes = Path("/dev/shm")
+
+    def note(number: int) -> Path:
+        return notes / f"__KMP_REGISTERED_LIB_{number}_{os.getuid()}"
+
+    directory = tiny(tmp_path, tiny_case())
+    process = subprocess.Popen(
+        [program, directory],
+        preexec_fn=lambda: note(os.getpid()).write_bytes(bytes(1024)),
+        stderr=subprocess.PIPE,
+        text=True,
+    )
+    try:
+        _, errors = process.communicate(timeout=60)
+        assert (process.returncode, errors) == (0, "")
+    finally:
+        note(process.pid).unlink(missing_ok=True)
