@@ -53,9 +53,7 @@ def test_the_users_passive_policy_wins(told: Policy) -> None:
     assert told(OMP_WAIT_POLICY="passive")[1] == 0
 
 
-def test_a_run_solves_under_the_number_of_one_that_was_killed(
-    tmp_path: Path, program: str
-) -> None:
+def test_a_run_solves_under_the_number_of_one_that_was_killed(tmp_path: Path, program: str) -> None:
     """Clang's run-time notes itself in shared memory, and a killed one leaves an empty note."""
     notes = Path("/dev/shm")
 
