@@ -6,17 +6,21 @@ A sample of the requests; `refusals.py` refuses all of them.
 from __future__ import annotations
 
 import resource
+from collections import Counter
 from collections.abc import Iterator
+from dataclasses import dataclass
 from pathlib import Path
 
+import numpy as np
 import pytest
-from models import STEEL, pulled, tiny, written
+from models import STEEL, pulled, random, tiny, written
 from oracle import simulate
 from refusals import FROM_THERE, ONCE, Sweep, library, limited, refuse, sweep_of
-from runs import BAD_RUN, compare_files, log_lines
+from runs import BAD_RUN, compare_files, comval, log_lines, same, sstate
 
-from vkctl.directory.model import Model
-from vkctl.shapes.boxes import box
+from vkctl.directory.model import LoadCase, Model
+from vkctl.shapes.boxes import Kind, box
+from vkctl.shapes.elements import Elements
 
 
 @pytest.fixture(scope="module", autouse=True)
@@ -114,3 +118,87 @@ def test_a_factor_beyond_the_address_space_is_an_error_of_the_direct_solver(
         assert end.status == BAD_RUN & 0xFF
         assert lines[-1].startswith("Error<Msg:Error allocating")
         assert not any(line.startswith("Info<Msg:EstDecMemReq") for line in lines)
+
+
+# --- the copy of the matrix in blocks ------------------------------------------------------------
+
+# Values of a triangle of it: blocks of nine, and one more. Nothing else asks for as many twice.
+BLOCK, MORE = 72, 8
+# Vectors of the iteration on the copy, and of the plain sweeps.
+COPY_VECTORS, PLAIN_VECTORS = 7, 4
+SHUFFLED_CELLS: dict[Kind, tuple[int, int, int]] = {
+    "tet4": (9, 8, 7),
+    "hex8": (9, 8, 7),
+    "tet10": (5, 4, 3),
+}
+# State files hold single precision: one unit in the last place of the largest.
+STATE_ROUNDING = 2.0**-23
+
+
+@dataclass(frozen=True)
+class Solve:
+    """What a run says of its solve, and the bytes of the arrays that it asked for."""
+
+    count: int
+    quality: float
+    displacements: np.ndarray
+    sizes: Counter[int]
+
+
+def shuffled(kind: Kind, directory: Path, threads: int) -> Path:
+    """A box of solid and void with some components of some nodes fixed, solved iteratively.
+
+    The order of the nodes is one of chance, as that of no mesh is: levels are wide then, so that
+    a team finds work in each.
+    """
+    mesh = box(kind, SHUFFLED_CELLS[kind], (3.0, 2.0, 1.5), distortion=0.1)
+    chance = random(3)
+    place = chance.permutation(len(mesh.nodes))  # [node] its new number, from 0
+    points = np.empty_like(mesh.nodes)
+    points[place] = mesh.nodes
+    table = place[getattr(mesh.elements, kind) - 1] + 1
+    model = Model(points, Elements.from_tables(**{kind: table}), [STEEL])
+    solid = np.sin(4.0 * points).prod(axis=1) > -0.2
+    model.set_level(np.where(solid, 1.0, -1.0) * chance.uniform(0.2, 1.0, len(points)))
+    case = LoadCase(pattern=1)
+    for direction, share in (("x", 1), ("y", 2), ("yz", 5)):
+        case.prescribe(place[mesh.face("x-") - 1][::share] + 1, direction)
+    inside = np.setdiff1d(np.arange(len(points)) + 1, place[mesh.face("x-") - 1] + 1)[::29]
+    for direction, nodes in zip(("y", "xz", "z"), np.array_split(inside, 3), strict=True):
+        case.prescribe(nodes, direction, (1e-3, -2e-3, 3e-3))
+    case.load(place[mesh.face("x+") - 1] + 1, (1.0, 2.0, -3.0))
+    options = {"Sys_ComputationMode": 1, "Sys_MaxNumCompThreads": threads}
+    return written(directory, model, case, **options)
+
+
+def solved(program: Path, directory: Path, shim: Path, refused_bytes: int = 0) -> Solve:
+    sizes = directory.with_suffix(".sizes")
+    end = refuse(program, directory, shim, REFUSE_SIZES=str(sizes), REFUSE_BYTES=refused_bytes)
+    assert (end.status, end.err, end.refused) == (0, "", refused_bytes > 0)
+    (count,) = (line for line in log_lines(directory) if line.startswith("Info<Msg:ICount: "))
+    return Solve(
+        int(count.removeprefix("Info<Msg:ICount: ").removesuffix(">")),
+        comval(directory, 1)[0],
+        sstate(directory, 1),
+        Counter(np.fromfile(sizes, "<i8").tolist()),
+    )
+
+
+@pytest.mark.parametrize("threads", [1, 2, 3, 16])
+@pytest.mark.parametrize("kind", SHUFFLED_CELLS)
+def test_plain_sweeps_agree_with_those_on_the_copy_of_the_matrix_that_is_refused(
+    tmp_path, program, shim, kind, threads
+):
+    """Count and quality to the digit, displacements to what their files hold.
+
+    What the runs ask memory for tells that they were solved in two ways.
+    """
+    fast = solved(program, shuffled(kind, tmp_path / "fast", threads), shim)
+    triangle = max(n for n, times in fast.sizes.items() if n % BLOCK == MORE and times == 2)
+    plain = solved(program, shuffled(kind, tmp_path / "plain", threads), shim, triangle)
+    assert max((fast.sizes - plain.sizes).values()) >= COPY_VECTORS
+    assert max((plain.sizes - fast.sizes).values()) == PLAIN_VECTORS
+    assert (plain.count, plain.quality) == (fast.count, fast.quality)
+    assert plain.count > 20
+    assert plain.quality == 1.0
+    same(plain.displacements, fast.displacements, STATE_ROUNDING)
