@@ -2,6 +2,7 @@
 
 import re
 import shutil
+from dataclasses import replace
 from importlib import import_module
 from pathlib import Path
 
@@ -11,6 +12,7 @@ import pytest
 from vkctl import check as check_package
 from vkctl.check import check
 from vkctl.directory import formats, model
+from vkctl.directory.formats import file_names
 from vkctl.directory.model import LoadCase, Material, Model
 from vkctl.shapes.boxes import box
 
@@ -38,11 +40,15 @@ def _codes_in_source():
     return {code for source in sources for code in calls.findall(source.read_text())}
 
 
-def _codes_provoked():
-    """Codes of the faults that the modules beside this one provoke."""
-    names = [path.stem for path in Path(__file__).parent.glob("test_*.py")]
+def _faults():
+    """The faults that the modules beside this one provoke."""
+    names = sorted(path.stem for path in Path(__file__).parent.glob("test_*.py"))
     modules = [import_module(f"{__package__}.{name}") for name in names]
-    return {fault.code for module in modules for fault in getattr(module, "FAULTS", {}).values()}
+    return [fault for module in modules for fault in getattr(module, "FAULTS", {}).values()]
+
+
+def _codes_provoked():
+    return {fault.code for fault in _faults()}
 
 
 def test_every_message_is_provoked_by_a_test():
@@ -55,6 +61,78 @@ def test_every_message_is_in_the_documentation():
     page = Path(__file__).parents[3] / "docs" / "how-to.md"
     told = set(re.findall(r"^\| `([a-z0-9-]+)` \|", page.read_text(), re.MULTILINE))
     assert told == _codes_in_source()
+
+
+# What is added to numbers to make labels of them.
+SHIFT = {"node": 1000, "element": 2000}
+
+
+def _labelled(directory):
+    """Give nodes and elements labels, where the model's size can be read."""
+    try:
+        nodes, elements = formats.read_nodes(directory), formats.read_elements(directory).records
+    except (OSError, formats.FormatError):
+        return
+    numbers = np.arange(1, len(nodes) + 1), np.arange(1, len(elements) + 1)
+    formats.write_labels(
+        directory, formats.Labels(numbers[0] + SHIFT["node"], numbers[1] + SHIFT["element"])
+    )
+
+
+def _findings_with_labels(directory, fault):
+    directory.mkdir()
+    fault.spoil(directory)
+    if not Path(directory, file_names.LABELS).exists() and directory.is_dir():
+        _labelled(directory)
+    return check(directory).findings
+
+
+def test_every_list_of_nodes_or_elements_tells_what_the_mesh_calls_them(tmp_path):
+    told = set()
+    for number, fault in enumerate(_faults()):
+        if fault.code == "labels-unfit":
+            continue
+        for finding in _findings_with_labels(tmp_path / str(number), fault):
+            for noun, text in re.findall(r"\b(node|element)s? \(([^)]*)\)", finding.message):
+                numbers, _, labels = text.partition("; ")
+                shown = [int(word) for word in numbers.split(" and ")[0].split(", ")]
+                shifted = ", ".join(str(n + SHIFT[noun]) for n in shown)
+                assert labels == f"{shifted} in the mesh", finding.message
+                told.add(finding.code)
+    assert len(told) >= 25 and {"element-sliver", "force-twice", "hinge", "node-unused"} <= told
+
+
+@pytest.mark.parametrize(
+    ("code", "words"),
+    [
+        ("element-sliver", r"worst is (\d+) \((\d+) in the mesh\)"),
+        ("rigid-body", r"node (\d+) \((\d+) in the mesh\) is one of them"),
+        ("structure-missing", r"(\d+) \((\d+) in the mesh\) with \d+ \(10\d\d in the mesh\)"),
+    ],
+)
+def test_a_single_node_or_element_is_told_with_what_the_mesh_calls_it(tmp_path, code, words):
+    faults = [fault for fault in _faults() if fault.code == code]
+    messages = [
+        finding.message
+        for number, fault in enumerate(faults)
+        for finding in _findings_with_labels(tmp_path / str(number), fault)
+        if finding.code == code
+    ]
+    found = [match for message in messages if (match := re.search(words, message))]
+    assert found
+    shift = SHIFT["element" if code.startswith("element") else "node"]
+    assert all(int(match[2]) == int(match[1]) + shift for match in found)
+
+
+def test_labels_that_are_the_numbers_are_not_told(tmp_path):
+    whole, _ = sound()
+    whole.nodes = np.concatenate((whole.nodes, [(5.0, 5.0, 5.0)]))
+    whole = replace(whole, node_flags=None, node_tp_index=None)
+    whole.labels = formats.Labels(np.arange(1, 18), np.arange(1, 19))
+    model.write(whole, tmp_path)
+    assert "1 node (17) belong to no element and are ignored." in [
+        finding.message for finding in check(tmp_path).findings
+    ]
 
 
 def _damage(directory, random):

@@ -69,6 +69,31 @@ def test_the_worst_nodes_come_first_with_their_places(pair):
     assert found.worst[0].point == tuple(formats.read_nodes(pair[0])[14].tolist())
 
 
+def test_places_are_told_with_what_the_mesh_calls_them_by_whichever_directory_knows(pair):
+    labels = formats.Labels(np.arange(16) + 412, np.arange(18)[::-1] + 900)
+    change(pair[1], "stress", 1, 15, 1.01)
+    change(pair[1], "element_state", 1, 2, 0.5)
+    change(pair[1], "criterion", 1, 1, 1.01)
+    for directory in pair:
+        formats.write_labels(directory, labels)
+        texts = sorted(map(str, diff(*pair).differences))
+        assert [text.split("worst: ")[1].split(":")[0].split(" at")[0] for text in texts] == [
+            "design point 2",
+            "element 3 (915 in the mesh)",
+            "node 16 (427 in the mesh)",
+        ]
+        formats.write_labels(directory, None)
+
+
+@pytest.mark.parametrize("damage", [b"", b"\x10\0\0\0", bytes(8)])
+def test_labels_that_are_damaged_or_of_another_mesh_are_not_told(pair, damage):
+    change(pair[1], "stress", 1, 15, 1.01)
+    for directory in pair:
+        (directory / "vkctl.labels").write_bytes(damage)
+    (found,) = diff(*pair).differences
+    assert "worst: node 16 at (" in str(found)
+
+
 def test_signs_of_stresses_count_only_when_asked_for(pair):
     change(pair[1], "stress", 1, 15, -1.0)
     assert diff(*pair).equal
@@ -115,6 +140,9 @@ def test_other_meshes_can_not_be_compared(pair, tmp_path):
     nodes[2] += 0.1
     formats.write_nodes(pair[1], nodes)
     with pytest.raises(CannotCompareError, match="Node 3 lies elsewhere"):
+        diff(*pair)
+    formats.write_labels(pair[0], formats.Labels(np.arange(16) + 70, np.arange(18)))
+    with pytest.raises(CannotCompareError, match=r"Node 3 \(72 in the mesh\) lies elsewhere"):
         diff(*pair)
 
 

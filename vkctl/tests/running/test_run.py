@@ -1,6 +1,7 @@
 """Running the solver: results, live progress, and every way a run can end badly."""
 
 import importlib.metadata
+import re
 import signal
 import subprocess
 import sys
@@ -8,6 +9,7 @@ import threading
 import time
 from pathlib import Path
 
+import numpy as np
 import pytest
 from fake_solver import HEAD, TAIL, begun, fake_solver, finished, small_box, write_log
 from typer.testing import CliRunner
@@ -55,8 +57,13 @@ def test_a_matrix_that_is_not_positive_definite_is_told_with_a_node(tmp_path):
     result = run(tmp_path, mode="direct")
     assert result.outcome == "stopped" and result.status == 242
     assert "singular or not positive definite" in result.advice.sentence
-    assert "The trouble shows at node" in result.advice.hint
+    assert re.search(r"The trouble shows at node \d+ in [xyz], at \(", result.advice.hint)
     assert result.open == [1]
+    nodes, elements = len(formats.read_nodes(tmp_path)), len(formats.read_element_flags(tmp_path))
+    labels = formats.Labels(np.arange(nodes) + 71, np.arange(elements))
+    formats.write_labels(tmp_path, labels)
+    told = re.search(r"at node (\d+) \((\d+) in the mesh\) in", run(tmp_path).advice.hint)
+    assert told and int(told[2]) == int(told[1]) + 70
 
 
 def test_a_missing_file_is_told_by_name(directory):

@@ -6,7 +6,10 @@ import difflib
 from collections.abc import Iterable, Sequence
 from typing import Any
 
+import numpy as np
 import numpy.typing as npt
+
+from .types import Array
 
 _LONGEST_WORD = 100  # that a likeness is sought for: it takes the square of the length
 _MOST_OPTIONS = 500
@@ -38,17 +41,44 @@ def did_you_mean(word: str, options: Iterable[str]) -> str:
 
 
 _SHOWN = 5  # numbers listed in a message
+_UNLABELLED: Array = np.empty(0, np.int64)
 
 
-def some(numbers: Sequence[int] | npt.NDArray[Any]) -> str:
-    """The first few of a list of numbers: "3, 4, 9, 12, 15 and 40 more"."""
-    text = ", ".join(str(int(number)) for number in numbers[:_SHOWN])
-    return text if len(numbers) <= _SHOWN else f"{text} and {len(numbers) - _SHOWN} more"
+def called(number: int, labels: Array = _UNLABELLED) -> str:
+    """A number, and its label where that is another: "17 (412 in the mesh)".
+
+    `labels` has that of number i in row i - 1; it is empty where nobody knows them.
+    """
+    label = _in_mesh([number], labels)
+    return f"{number} ({label})" if label else str(number)
 
 
-def listed(numbers: Sequence[int] | npt.NDArray[Any], noun: str) -> str:
-    """Such as "1 element (7)" or "3 elements (7, 8, 9)"."""
-    return f"{counted(len(numbers), noun)} ({some(numbers)})"
+def some(numbers: Sequence[int] | npt.NDArray[Any], labels: Array = _UNLABELLED) -> str:
+    """The first few of a list of numbers: "3, 4, 9, 12, 15 and 40 more".
+
+    With `labels` as of `called`: "3, 4, 9; 17, 412, 8 in the mesh".
+    """
+    shown = [int(number) for number in numbers[:_SHOWN]]
+    text = ", ".join(map(str, shown))
+    if len(numbers) > _SHOWN:
+        text += f" and {len(numbers) - _SHOWN} more"
+    label = _in_mesh(shown, labels)
+    return f"{text}; {label}" if label else text
+
+
+def listed(
+    numbers: Sequence[int] | npt.NDArray[Any], noun: str, labels: Array = _UNLABELLED
+) -> str:
+    """Such as "1 element (7)" or "3 elements (7, 8, 9)", with labels as of `some`."""
+    return f"{counted(len(numbers), noun)} ({some(numbers, labels)})"
+
+
+def _in_mesh(numbers: list[int], labels: Array) -> str:
+    """Labels of numbers; empty where they tell nothing that the numbers don't."""
+    if not all(1 <= number <= len(labels) for number in numbers):
+        return ""
+    found = [int(labels[number - 1]) for number in numbers]
+    return "" if found == numbers else ", ".join(map(str, found)) + " in the mesh"
 
 
 def printable(text: str) -> str:

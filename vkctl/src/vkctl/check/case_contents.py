@@ -7,7 +7,7 @@ from collections.abc import Iterator
 import numpy as np
 
 from vkctl.basics.types import Array
-from vkctl.basics.words import counted, listed, some
+from vkctl.basics.words import counted, some
 from vkctl.directory import formats
 from vkctl.directory.formats import LoadCaseMap, file_names
 from vkctl.directory.numbering import prescribed_components, prescribed_rows
@@ -15,7 +15,7 @@ from vkctl.shapes.topology import CORNERS_PER_TYPE
 
 from .element_tables import node_levels
 from .findings import Finding, error, note, warning
-from .inputs import Inputs, acting
+from .inputs import Inputs, acting, nodes_listed
 
 _NEGLIGIBLE = 0.01  # part of the load below which its loss is worth a note only
 
@@ -48,6 +48,9 @@ class _LoadCase:
             yield from self._constrained_nodes(self.inputs.mesh.used)
             yield from self._loaded_nodes(self.inputs.mesh.used)
         yield from self._any_load()
+
+    def _nodes(self, numbers: Array) -> str:
+        return nodes_listed(self.inputs, numbers)
 
     def _indices(self) -> Iterator[Finding]:
         count = self.inputs.node_count
@@ -83,7 +86,7 @@ class _LoadCase:
         differ = same & (values[order][1:] != values[order][:-1])
         if differ.any():
             twice = np.unique(nodes[order][1:][differ] + 1)
-            text = f"{listed(twice, 'node')} have two different prescribed values in a direction."
+            text = f"{self._nodes(twice)} have two different prescribed values in a direction."
             yield warning("constraint-twice", text, self.where, "The later row holds.")
 
     def _springs(self, rows: Array) -> Iterator[Finding]:
@@ -96,18 +99,16 @@ class _LoadCase:
         lengths = np.linalg.norm(rows["Axis"][row, direction].astype(float), axis=1)
         undefined = np.unique(rows["Node"][row[~np.isfinite(lengths)]])
         if len(undefined):
-            text = (
-                f"Elastic supports at {listed(undefined, 'node')} have an axis that is no number."
-            )
+            text = f"Elastic supports at {self._nodes(undefined)} have an axis that is no number."
             yield error("support-not-finite", text, self.where)
         bad = np.unique(rows["Node"][row[lengths == 0]])
         if len(bad):
-            text = f"Elastic supports at {listed(bad, 'node')} have an axis without direction."
+            text = f"Elastic supports at {self._nodes(bad)} have an axis without direction."
             yield warning("support-axis", text, self.where, "They don't hold.")
         scaled = (lengths > 0) & (np.abs(lengths - 1) > 1e-3)
         if scaled.any():
             nodes = np.unique(rows["Node"][row[scaled]])
-            text = f"Elastic supports at {listed(nodes, 'node')} have axes not of unit length."
+            text = f"Elastic supports at {self._nodes(nodes)} have axes not of unit length."
             yield note(
                 "support-scaled", text, self.where, "The squared length multiplies the stiffness."
             )
@@ -116,13 +117,15 @@ class _LoadCase:
         numbers, counts = np.unique(rows["Node"], return_counts=True)
         twice = numbers[counts > 1]
         if len(twice):
-            text = f"Force list {section} names {listed(twice, 'node')} more than once."
+            text = f"Force list {section} names {self._nodes(twice)} more than once."
             hint = "A list is added in parallel without protection: forces may be lost. Merge them."
             yield error("force-twice", text, self.where, hint)
         if not np.isfinite(rows["Force"]).all():
             bad = rows["Node"][~np.isfinite(rows["Force"]).all(axis=1)]
             yield error(
-                "force-not-finite", f"Forces at {listed(bad, 'node')} are not finite.", self.where
+                "force-not-finite",
+                f"Forces at {self._nodes(bad)} are not finite.",
+                self.where,
             )
 
     def _temperatures(self) -> Iterator[Finding]:
@@ -135,7 +138,7 @@ class _LoadCase:
         nodes, values = rows["Node"][order], rows["Value"][order]
         differ = (nodes[1:] == nodes[:-1]) & (values[1:] != values[:-1])
         if differ.any():
-            text = f"{listed(np.unique(nodes[1:][differ]), 'node')} have two temperatures."
+            text = f"{self._nodes(np.unique(nodes[1:][differ]))} have two temperatures."
             yield warning("temperature-twice", text, self.where, "The later one holds.")
         materials = self.inputs.materials
         if materials is not None and not _expands(materials).any():
@@ -146,7 +149,7 @@ class _LoadCase:
         nodes = acting(self.sections.constraints)["Node"]
         idle = np.unique(nodes[~used[nodes - 1]])
         if len(idle):
-            text = f"Constraints on {listed(idle, 'node')} that no active element uses."
+            text = f"Constraints on {self._nodes(idle)} that no active element uses."
             yield warning("constraint-unused", text, self.where, "They hold nothing.")
         if used.any() and self._fixed()[used].all():
             text = "Every component of every node is prescribed: no degrees of freedom are left."
@@ -166,7 +169,7 @@ class _LoadCase:
             return
         idle = ~used[nodes] & force.any(axis=1)
         if idle.any():
-            where = listed(rows["Node"][idle], "node")
+            where = self._nodes(rows["Node"][idle])
             text = f"Forces on {where} that no active element uses are lost."
             yield warning("force-unused", text, self.where)
         yield from self._marked(rows, force)
@@ -174,9 +177,7 @@ class _LoadCase:
         if held.any():
             share = held.sum() / total
             there = np.unique(rows["Node"][held.any(axis=1)])
-            text = (
-                f"{share:.2g} of the load acts on prescribed components of {listed(there, 'node')}."
-            )
+            text = f"{share:.2g} of the load acts on prescribed components of {self._nodes(there)}."
             kind = warning if share > _NEGLIGIBLE else note
             yield kind("force-fixed", text, self.where, "It counts in the sums Rx, Ry, Rz only.")
         yield from self._in_void(rows[force.any(axis=1)])
@@ -187,7 +188,7 @@ class _LoadCase:
         flags = self.inputs.node_flags[rows["Node"] - 1]
         marked = (flags & formats.NODE_NO_LOADS != 0) & force.any(axis=1)
         if marked.any():
-            where = listed(rows["Node"][marked], "node")
+            where = self._nodes(rows["Node"][marked])
             text = f"Forces on {where} are skipped: bit 11 of the node flags."
             yield warning("force-marked", text, self.where)
 
@@ -205,7 +206,7 @@ class _LoadCase:
             holds[nodes[solid] - 1] = True
         void = np.unique(rows["Node"][~holds[rows["Node"] - 1]])
         if len(void):
-            text = f"Forces act on {listed(void, 'node')} where there is no material."
+            text = f"Forces act on {self._nodes(void)} where there is no material."
             hint = "Displacements there will be huge. Keep the level positive under loads."
             yield warning("force-in-void", text, self.where, hint)
 

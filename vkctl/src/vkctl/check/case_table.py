@@ -13,7 +13,7 @@ from vkctl.directory.formats import LoadCaseMap, file_names
 from vkctl.directory.numbering import prescribed_rows
 
 from .findings import Finding, error, note, warning
-from .inputs import Inputs
+from .inputs import Inputs, nodes_listed
 
 _TABLE = file_names.LOAD_CASES
 _FLAGS = file_names.LOAD_CASE_FLAGS
@@ -110,12 +110,13 @@ def _differences(inputs: Inputs, leader: int, number: int) -> Iterator[Finding]:
     odd = np.setxor1d(mine[0], theirs[0])
     if len(odd):
         nodes = np.unique(odd // 3 + 1)
-        text = f"{both} not the same prescribed components: they differ at {listed(nodes, 'node')}."
+        text = f"{both} not the same prescribed components: they differ at "
+        text += f"{nodes_listed(inputs, nodes)}."
         yield error("pattern-components", text, where, hint)
     elif len(wrong := _misread_values(mine, theirs, other)):
         nodes = np.unique(wrong // 3 + 1)
         text = f"{both} load case {number} would have wrong values prescribed at "
-        text += f"{listed(nodes, 'node')}."
+        text += f"{nodes_listed(inputs, nodes)}."
         long_hint = hint + " Or list the same constraint rows in the same order, none of them zero."
         yield error("pattern-values", text, where, long_hint)
     if not np.array_equal(_springs(first), _springs(other)):

@@ -7,12 +7,12 @@ from collections.abc import Iterator
 import numpy as np
 
 from vkctl.basics.types import Array
-from vkctl.basics.words import counted, listed, some
+from vkctl.basics.words import called, counted, listed, some
 from vkctl.directory.formats import file_names
 from vkctl.shapes.topology import HEX8, NODES_PER_TYPE, TET4, TET10, TYPE_NAMES
 
 from .findings import Finding, error, note, warning
-from .inputs import ActiveMesh, Inputs, fingerprints
+from .inputs import ActiveMesh, Inputs, elements_listed, fingerprints, nodes_listed
 from .quality import ShapeReport, measure
 
 _FILES_PER_NODE = (("node_flags", file_names.NODE_FLAGS), ("tp_index", file_names.TP_INDEX))
@@ -46,7 +46,7 @@ def check_elements(inputs: Inputs) -> Iterator[Finding]:
     unknown = np.flatnonzero(~np.isin(records["TypeCode"], list(NODES_PER_TYPE))) + 1
     if len(unknown):
         codes = some(np.unique(records["TypeCode"][unknown - 1]))
-        text = f"{listed(unknown, 'element')} of unknown type {codes} are passed over."
+        text = f"{elements_listed(inputs, unknown)} of unknown type {codes} are passed over."
         yield warning("element-type", text, file_names.ELEMENTS, "Types are 40, 41 and 60.")
     excluded = int((~mesh.active).sum()) - len(unknown)
     if excluded > 0:
@@ -75,7 +75,8 @@ def _indices(inputs: Inputs, mesh: ActiveMesh, records: Array) -> Iterator[Findi
         left &= ~bad
         if bad.any():
             count = counted(len(inputs.materials), "material")
-            text = f"{_elements(bad)} name a material that isn't there (there is {count})."
+            which = elements_listed(inputs, np.flatnonzero(bad) + 1)
+            text = f"{which} name a material that isn't there (there is {count})."
             yield error("element-material", text, file_names.ELEMENTS)
     assert inputs.tables is not None
     rows = {TET4: inputs.tables.tet4, HEX8: inputs.tables.hex8, TET10: inputs.tables.tet10}
@@ -84,19 +85,14 @@ def _indices(inputs: Inputs, mesh: ActiveMesh, records: Array) -> Iterator[Findi
         limit[records["TypeCode"] == code] = len(table)
     bad = left & ((records["ConnIndex"] < 1) | (records["ConnIndex"] > limit))
     if bad.any():
-        yield error(
-            "element-row",
-            f"{_elements(bad)} point outside their connectivity table.",
-            file_names.ELEMENTS,
-        )
+        which = elements_listed(inputs, np.flatnonzero(bad) + 1)
+        text = f"{which} point outside their connectivity table."
+        yield error("element-row", text, file_names.ELEMENTS)
     bad = left & ~bad
     if bad.any():
-        text = f"{_elements(bad)} name nodes outside 1 to {inputs.node_count}."
+        which = elements_listed(inputs, np.flatnonzero(bad) + 1)
+        text = f"{which} name nodes outside 1 to {inputs.node_count}."
         yield error("element-node", text, file_names.ELEMENTS)
-
-
-def _elements(mask: Array) -> str:
-    return listed(np.flatnonzero(mask) + 1, "element")
 
 
 def _rows_in_use(inputs: Inputs, mesh: ActiveMesh, records: Array) -> Iterator[Finding]:
@@ -115,7 +111,7 @@ def _rows_in_use(inputs: Inputs, mesh: ActiveMesh, records: Array) -> Iterator[F
             yield note("element-row-unused", text, file_names.ELEMENTS)
         double = numbers[_repeated(fingerprints(rows))]
         if len(double):
-            which = listed(double, "element")
+            which = elements_listed(inputs, double)
             text = f"{which} lie on the same nodes as another: stiffness counts twice."
             yield warning("element-double", text, file_names.ELEMENTS)
 
@@ -131,35 +127,36 @@ def _repeated(keys: Array) -> Array:
 def _shapes(mesh: ActiveMesh) -> Iterator[Finding]:
     for code, (numbers, rows) in mesh.blocks.items():
         if len(numbers):
-            yield from _shape_findings(measure(code, mesh.nodes, rows), numbers)
+            yield from _shape_findings(measure(code, mesh.nodes, rows), mesh, numbers)
 
 
-def _shape_findings(shape: ShapeReport, numbers: Array) -> Iterator[Finding]:
+def _shape_findings(shape: ShapeReport, mesh: ActiveMesh, numbers: Array) -> Iterator[Finding]:
     where = file_names.ELEMENTS
     if shape.repeated.any():
-        text = f"{listed(numbers[shape.repeated], 'element')} name a node twice."
+        text = f"{elements_listed(mesh, numbers[shape.repeated])} name a node twice."
         yield error("element-collapsed", text, where)
     if shape.flat.any():
-        text = f"{listed(numbers[shape.flat], 'element')} have no volume."
+        text = f"{elements_listed(mesh, numbers[shape.flat])} have no volume."
         yield error("element-flat", text, where, "Results would be infinite or undefined.")
     if shape.mirrored.any():
-        text = f"{listed(numbers[shape.mirrored], 'element')} are turned inside out."
+        text = f"{elements_listed(mesh, numbers[shape.mirrored])} are turned inside out."
         hint = (
             "The node order is mirrored: swap two nodes of the base face (and the mid-edge nodes)."
         )
         yield error("element-mirrored", text, where, hint)
     if shape.inverted.any():
-        which = listed(numbers[shape.inverted], "element")
+        which = elements_listed(mesh, numbers[shape.inverted])
         text = f"{which} have a negative Jacobian at integration points."
         hint = "They are folded: move mid-edge nodes towards their edges, or mesh anew there."
         yield error("element-inverted", text, where, hint)
     if shape.folded_corner.any():
-        which = listed(numbers[shape.folded_corner], "element")
+        which = elements_listed(mesh, numbers[shape.folded_corner])
         text = f"{which} have a negative Jacobian at a corner."
         yield warning("element-distorted", text, where, "Stresses there will be poor.")
     if shape.sliver.any():
         worst = numbers[shape.sliver][np.argmin(shape.quality[shape.sliver])]
-        text = f"{listed(numbers[shape.sliver], 'element')} are slivers; the worst is {worst}."
+        which = elements_listed(mesh, numbers[shape.sliver])
+        text = f"{which} are slivers; the worst is {called(worst, mesh.labels.elements)}."
         yield warning(
             "element-sliver", text, where, "They slow the solution down and spoil stresses."
         )
@@ -172,7 +169,7 @@ def check_nodes(inputs: Inputs) -> Iterator[Finding]:
         return
     undefined = np.flatnonzero(mesh.used & ~np.isfinite(mesh.nodes).all(axis=1)) + 1
     if len(undefined):
-        text = f"{listed(undefined, 'node')} have no finite coordinates."
+        text = f"{nodes_listed(inputs, undefined)} have no finite coordinates."
         yield error("node-not-finite", text, file_names.NODES)
     in_mesh = mesh.used.copy()
     for table in (inputs.tables.tet4, inputs.tables.hex8, inputs.tables.tet10):
@@ -180,13 +177,13 @@ def check_nodes(inputs: Inputs) -> Iterator[Finding]:
         in_mesh[inside - 1] = True
     bare = np.flatnonzero(~in_mesh) + 1
     if len(bare):
-        text = f"{listed(bare, 'node')} belong to no element and are ignored."
+        text = f"{nodes_listed(inputs, bare)} belong to no element and are ignored."
         yield warning(
             "node-unused", text, file_names.NODES, "Left over from geometry or another part?"
         )
     left_out = np.flatnonzero(in_mesh & ~mesh.used) + 1
     if len(left_out):
-        text = f"{listed(left_out, 'node')} belong to elements that are left out only."
+        text = f"{nodes_listed(inputs, left_out)} belong to elements that are left out only."
         yield note("node-inactive", text, file_names.NODES)
 
 
@@ -197,7 +194,7 @@ def check_levels(inputs: Inputs) -> Iterator[Finding]:
     tp, index = inputs.tp, inputs.tp_index
     outside = np.flatnonzero(index > len(tp)) + 1
     if len(outside):
-        text = f"{listed(outside, 'node')} name a design point above {len(tp)}."
+        text = f"{nodes_listed(inputs, outside)} name a design point above {len(tp)}."
         yield error("level-index", text, file_names.TP_INDEX)
     if not np.isfinite(tp).all():
         text = (

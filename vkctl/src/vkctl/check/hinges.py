@@ -14,11 +14,11 @@ from scipy import sparse
 from scipy.sparse import csgraph
 
 from vkctl.basics.types import Array
-from vkctl.basics.words import counted, some
+from vkctl.basics.words import counted
 from vkctl.shapes.topology import HEX8, HEX8_FACES, TET4_FACES
 
 from .findings import Finding, error, warning
-from .inputs import ActiveMesh, fingerprints
+from .inputs import ActiveMesh, fingerprints, nodes_listed
 from .motions import FREE, describe_motions, displacement_rows
 
 _MOST_PIECES = 200  # beyond which the motions aren't worked out
@@ -85,7 +85,7 @@ def hinge_findings(
     strength = np.linalg.norm(free, axis=(1, 2))
     moving = [p for p in np.argsort(-strength, kind="stable").tolist() if strength[p] > 1e-3]
     for piece in moving[:_SHOWN]:
-        yield _finding(pieces, piece, free[piece], where)
+        yield _finding(mesh, pieces, piece, free[piece], where)
     if len(moving) > _SHOWN:
         text = f"{counted(len(moving) - _SHOWN, 'more piece')} can move too."
         yield error("hinge-more", text, where)
@@ -129,14 +129,14 @@ def _free_motions(matrix: Array) -> Array:
     return free.reshape(len(matrix) // 6, 6, free.shape[1])
 
 
-def _finding(pieces: Pieces, piece: int, motions: Array, where: str) -> Finding:
+def _finding(mesh: ActiveMesh, pieces: Pieces, piece: int, motions: Array, where: str) -> Finding:
     own = pieces.nodes[pieces.owners == piece]
     others = pieces.nodes[pieces.owners != piece]
     joints = own[np.isin(own, others)] + 1
     basis, strengths, _ = np.linalg.svd(motions, full_matrices=False)
     size = counted(len(own), "node")
     text = (
-        f"A piece of {size} hangs on the rest at {counted(len(joints), 'node')} ({some(joints)}) "
+        f"A piece of {size} hangs on the rest at {nodes_listed(mesh, joints)} "
         f"only: {describe_motions(basis[:, strengths > 1e-3])}."
     )
     hint = "Join the pieces by faces, remove the piece, or support it."

@@ -12,8 +12,16 @@ from typing import Any
 import numpy as np
 
 from vkctl.basics.types import Array
+from vkctl.basics.words import listed
 from vkctl.directory import formats
-from vkctl.directory.formats import ElementTables, LoadCaseMap, OptionLine, RawStructure, file_names
+from vkctl.directory.formats import (
+    ElementTables,
+    Labels,
+    LoadCaseMap,
+    OptionLine,
+    RawStructure,
+    file_names,
+)
 from vkctl.directory.numbering import active_elements, tables_by_type
 from vkctl.shapes.topology import HEX8, TET4, TET10
 
@@ -35,6 +43,7 @@ class ActiveMesh:
     valid: Array  # bool per element: active, and every index in range
     blocks: dict[int, tuple[Array, Array]]  # type code: element numbers, node numbers (k, width)
     used: Array  # bool per node
+    labels: Labels = field(default_factory=Labels)
 
     @cached_property
     def extent(self) -> float:
@@ -60,6 +69,7 @@ class Inputs:
     flags: Array | None = None
     maps: dict[int, LoadCaseMap] = field(default_factory=dict)
     options: list[OptionLine] | None = None
+    labels: Labels = field(default_factory=Labels)  # empty where nobody knows them
 
     @cached_property
     def option_values(self) -> dict[str, float]:
@@ -99,7 +109,7 @@ class Inputs:
             used[blocks[code][1] - 1] = True
         points = self.nodes.astype(np.float64)
         points[np.abs(points) < _SMALLEST] = 0.0
-        return ActiveMesh(points, active, valid, blocks, used)
+        return ActiveMesh(points, active, valid, blocks, used, self.labels)
 
     @cached_property
     def sequence(self) -> list[int]:
@@ -152,6 +162,16 @@ class Inputs:
         """Constraint pattern of a load case."""
         assert self.load_cases is not None
         return int(self.load_cases["PatternIndex"][number - 1])
+
+
+def nodes_listed(named: Inputs | ActiveMesh, numbers: Array) -> str:
+    """Such as "2 nodes (3, 9; 17, 412 in the mesh)"."""
+    return listed(numbers, "node", named.labels.nodes)
+
+
+def elements_listed(named: Inputs | ActiveMesh, numbers: Array) -> str:
+    """The same of elements."""
+    return listed(numbers, "element", named.labels.elements)
 
 
 def fingerprints(rows: Array) -> Array:
@@ -212,6 +232,7 @@ def read_inputs(directory: Path) -> tuple[Inputs, list[Finding]]:
         findings += found
     inputs.options, found = _read(directory, formats.OPTIONS_FILE, formats.read_option_lines, None)
     findings += found
+    findings += _read_labels(inputs)
     findings += _read_maps(inputs)
     findings += _unfinished(directory)
     return inputs, findings
@@ -247,6 +268,29 @@ def _file_finding(name: str, trouble: Exception) -> Finding:
         return error("format-number", f"{name}: {trouble.reason}.", name, "Prepare it anew.")
     reason = trouble.strerror if isinstance(trouble, OSError) else str(trouble)
     return error("file-unreadable", f"{name} can't be read: {reason}.", name)
+
+
+def _read_labels(inputs: Inputs) -> Iterator[Finding]:
+    """What the mesh calls nodes and elements, if the file is there and belongs to this model."""
+    name = file_names.LABELS
+    hint = (
+        "Numbers are told without what the mesh calls them. Delete it, or prepare the model anew."
+    )
+    try:
+        labels = formats.read_labels(inputs.directory)
+    except (OSError, formats.FormatError) as trouble:
+        reason = trouble.strerror if isinstance(trouble, OSError) else trouble.reason
+        yield warning("labels-unfit", f"{name} can't be read: {reason}.", name, hint)
+        return
+    if labels is None or inputs.nodes is None or inputs.tables is None:
+        return
+    counts = len(inputs.nodes), len(inputs.tables.records)
+    if (len(labels.nodes), len(labels.elements)) == counts:
+        inputs.labels = labels
+        return
+    text = f"{name} is of another mesh, one of {len(labels.nodes)} nodes"
+    text += f" and {len(labels.elements)} elements."
+    yield warning("labels-unfit", text, name, hint)
 
 
 def _read_maps(inputs: Inputs) -> Iterator[Finding]:

@@ -7,12 +7,11 @@ from collections.abc import Iterator
 import numpy as np
 
 from vkctl.basics.types import Array
-from vkctl.basics.words import listed
 from vkctl.directory import formats
 from vkctl.directory.formats import file_names
 
 from .findings import Finding, error, warning
-from .inputs import Inputs
+from .inputs import Inputs, elements_listed
 from .stored import Stored, load
 
 LOWEST_STATE = np.float32(0.001)  # the solver holds states at this or above
@@ -92,7 +91,8 @@ def impossible(inputs: Inputs, states: Array) -> str | None:
     odd = ~((states >= lowest) & (states <= 1))
     if not odd.any():
         return None
-    return f"has states outside 0.001 to 1 for {listed(np.flatnonzero(odd) + 1, 'element')}"
+    which = elements_listed(inputs, np.flatnonzero(odd) + 1)
+    return f"has states outside 0.001 to 1 for {which}"
 
 
 def _with_state(inputs: Inputs, elements: int) -> Array:

@@ -7,7 +7,7 @@ from collections.abc import Iterator
 import numpy as np
 
 from vkctl.basics.types import Array
-from vkctl.basics.words import some
+from vkctl.basics.words import called, some
 from vkctl.directory.formats import RawStructure, file_names
 from vkctl.directory.structure import build_structure
 
@@ -98,7 +98,10 @@ def _couplings(
     lost = np.concatenate(missing)
     if len(lost):
         pairs = np.unique(np.column_stack(((lost // rows) // 3, (lost % rows) // 3)), axis=0) + 1
-        shown = ", ".join(f"{a} with {b}" for a, b in pairs[:3].tolist())
+        labels = mesh.labels.nodes
+        shown = ", ".join(
+            f"{called(a, labels)} with {called(b, labels)}" for a, b in pairs[:3].tolist()
+        )
         text = f"{len(pairs)} couplings of nodes that elements need are missing: {shown}."
         hint = "Their stiffness would be added in wrong places. Build the structure from this mesh."
         yield error("structure-missing", text, _WHERE, hint)

@@ -10,7 +10,7 @@ from scipy import sparse
 from scipy.sparse import csgraph
 
 from vkctl.basics.types import Array
-from vkctl.basics.words import counted
+from vkctl.basics.words import called, counted
 from vkctl.directory import formats
 from vkctl.directory.numbering import prescribed_rows
 
@@ -133,7 +133,8 @@ def _finding(
     else:
         first = int(np.flatnonzero(parts.of_node == part)[0]) + 1
         size = counted(int(parts.sizes[part]), "node")
-        what = f"Part {part + 1} of {parts.count} ({size}, node {first} is one of them)"
+        name = called(first, mesh.labels.nodes)
+        what = f"Part {part + 1} of {parts.count} ({size}, node {name} is one of them)"
     text = f"{what} is not held: {describe_motions(motions)}."
     hint = "Prescribe displacements or add elastic supports against it."
     if parts.count > 1 and (twins := _coincident(mesh, parts, part)):

@@ -3,12 +3,13 @@
 from __future__ import annotations
 
 from collections.abc import Callable, Mapping
-from dataclasses import dataclass, field
+from dataclasses import dataclass, field, replace
 from pathlib import Path
 
 import numpy as np
 
 from vkctl.basics.types import Array, PathLike
+from vkctl.basics.words import called
 
 from . import formats
 from .results import Results, read_results, solved
@@ -17,6 +18,8 @@ RTOL = 1e-4  # of the largest magnitude of a quantity in a load case
 ATOL = 0.0
 _SAME_PLACE = 1e-5  # nodes further apart than this part of the extent belong to another mesh
 _WORST = 3  # places named for each difference
+_UNLABELLED: Array = np.empty(0, np.int64)
+_NO_POINTS: Array = np.empty((0, 3))
 _UNTOUCHED = np.finfo(np.float32).max  # criterion where no element touched any design point
 
 # Quantity: how it is taken from the results, what its rows are numbers of ("" for a total).
@@ -48,6 +51,7 @@ class Place:
     first: tuple[float, ...]
     second: tuple[float, ...]
     point: tuple[float, ...] | None = None  # coordinates of a node
+    name: str = ""  # the number, and what the mesh calls it where that is another
 
 
 @dataclass(frozen=True)
@@ -83,7 +87,7 @@ class Difference:
     def _place(self, place: Place) -> str:
         where = "" if place.point is None else f" at {_value(place.point)}"
         values = f"{_value(place.first)} and {_value(place.second)}"
-        return f"{self.noun} {place.number}{where}: {values}"
+        return f"{self.noun} {place.name or place.number}{where}: {values}"
 
 
 def _value(values: tuple[float, ...]) -> str:
@@ -137,6 +141,7 @@ def diff(
         lone = sorted(set(own) - set(common))
         comparison.one_sided += [f"load case {n} is solved in {directory} only" for n in lone]
     points = _points(pair[0])
+    labels = _labels(pair, points)
     for number in common:
         results = _read(pair[0], number), _read(pair[1], number)
         for name, (take, noun) in _QUANTITIES.items():
@@ -147,7 +152,7 @@ def diff(
                 continue
             found = _compare(number, name, noun, (rows[0], rows[1]), limits)
             if found is not None:
-                comparison.differences.append(_with_points(found, points))
+                comparison.differences.append(_with_places(found, points, labels))
     return comparison
 
 
@@ -170,6 +175,14 @@ def _points(directory: Path) -> Array | None:
         return None
 
 
+def _labels(pair: tuple[Path, Path], points: Array | None) -> formats.Labels:
+    """Those of the first directory, or of the second where the first has none."""
+    if points is None:
+        return formats.Labels()
+    first, second = (formats.known_labels(directory, len(points)) for directory in pair)
+    return first if len(first.nodes) else second
+
+
 def _require_same_nodes(first: Path, second: Path) -> None:
     """Coordinates are compared where both directories have them."""
     a, b = _points(first), _points(second)
@@ -181,7 +194,8 @@ def _require_same_nodes(first: Path, second: Path) -> None:
     apart = np.abs(a.astype(np.float64) - b).max(axis=1, initial=0.0)
     if (apart > _SAME_PLACE * extent).any():
         node = int(apart.argmax()) + 1
-        raise CannotCompareError(f"Node {node} lies elsewhere in {second}: another mesh.")
+        name = called(node, formats.known_labels(first, len(a)).nodes)
+        raise CannotCompareError(f"Node {name} lies elsewhere in {second}: another mesh.")
 
 
 def _rows(value: object, name: str, signs: bool) -> Array | None:
@@ -230,12 +244,17 @@ def _compare(
     return Difference(number, name, noun, len(bad), len(a), largest, scale, tolerance, places)
 
 
-def _with_points(found: Difference, points: Array | None) -> Difference:
-    """The same with the coordinates of its worst nodes."""
-    if found.noun != "node" or points is None or found.rows != len(points):
-        return found
+def _with_places(found: Difference, points: Array | None, labels: formats.Labels) -> Difference:
+    """The same with names of its worst nodes or elements, and coordinates of nodes."""
+    own = {"node": labels.nodes, "element": labels.elements}.get(found.noun, _UNLABELLED)
+    known = own if len(own) == found.rows else _UNLABELLED
+    where = points if found.noun == "node" and points is not None else _NO_POINTS
     worst = [
-        Place(place.number, place.first, place.second, tuple(points[place.number - 1].tolist()))
+        replace(
+            place,
+            name=called(place.number, known),
+            point=tuple(where[place.number - 1].tolist()) if len(where) == found.rows else None,
+        )
         for place in found.worst
     ]
-    return Difference(**{**found.__dict__, "worst": worst})
+    return replace(found, worst=worst)

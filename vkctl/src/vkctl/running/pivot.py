@@ -8,6 +8,7 @@ from pathlib import Path
 import numpy as np
 
 from vkctl.basics.types import Array, PathLike
+from vkctl.basics.words import called
 from vkctl.directory import formats
 from vkctl.directory.log import RunLog
 from vkctl.directory.numbering import active_nodes, prescribed_components
@@ -29,7 +30,8 @@ def explain_pivot(directory: PathLike, log: RunLog, printed: str) -> str:
         return ""
     node, direction = found
     x, y, z = nodes[node - 1]
-    return f"The trouble shows at node {node} in {direction}, at ({x:.6g}, {y:.6g}, {z:.6g})."
+    name = called(node, formats.known_labels(directory, len(nodes)).nodes)
+    return f"The trouble shows at node {name} in {direction}, at ({x:.6g}, {y:.6g}, {z:.6g})."
 
 
 def component_of_equation(

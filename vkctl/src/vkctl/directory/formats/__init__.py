@@ -11,7 +11,7 @@ moment does a reader see half of it.
 
 from . import file_names
 from .file_names import LOG_FILE, OPTIONS_FILE
-from .labels_file import Labels, read_labels, write_labels
+from .labels_file import Labels, known_labels, read_labels, write_labels
 from .load_case_files import (
     LoadCaseMap,
     is_to_run,
@@ -151,6 +151,7 @@ __all__ = [
     "is_regular",
     "is_to_run",
     "is_wanted",
+    "known_labels",
     "numbered",
     "open_regular",
     "parse_option_line",

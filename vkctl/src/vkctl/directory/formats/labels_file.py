@@ -2,7 +2,7 @@
 
 from __future__ import annotations
 
-from dataclasses import dataclass
+from dataclasses import dataclass, field
 from pathlib import Path
 
 import numpy as np
@@ -10,15 +10,15 @@ import numpy as np
 from vkctl.basics.types import Array, PathLike
 
 from . import file_names
-from .streams import Reader, int32_bytes, write_parts
+from .streams import FormatError, Reader, int32_bytes, write_parts
 
 
 @dataclass(frozen=True)
 class Labels:
     """`vkctl.labels`: the label of each node and of each element, in the order of their numbers."""
 
-    nodes: Array  # int64 (n,)
-    elements: Array  # int64 (m,)
+    nodes: Array = field(default_factory=lambda: np.empty(0, np.int64))  # (n,)
+    elements: Array = field(default_factory=lambda: np.empty(0, np.int64))  # (m,)
 
 
 def read_labels(directory: PathLike) -> Labels | None:
@@ -30,6 +30,15 @@ def read_labels(directory: PathLike) -> Labels | None:
     with reader as r:
         nodes = r.array("<i8", r.int32("NumNodes"), "node labels")
         return Labels(nodes, r.array("<i8", r.int32("NumElements"), "element labels"))
+
+
+def known_labels(directory: PathLike, nodes: int) -> Labels:
+    """What messages may tell; empty without labels, readable, of a mesh with so many nodes."""
+    try:
+        labels = read_labels(directory)
+    except (OSError, FormatError):
+        labels = None
+    return labels if labels is not None and len(labels.nodes) == nodes else Labels()
 
 
 def write_labels(directory: PathLike, labels: Labels | None) -> None:
