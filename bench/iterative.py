@@ -2,7 +2,7 @@
 """The iterative mode held against what bounds it, each figure as a ratio of one run: the memory's
 speed, the plain sweeps on the matrix itself, one thread, and CalculiX where `ccx` is installed.
 
-    bench/iterative.py --build oneMKL=build/release --build open=build/release-open --write figures.md
+    bench/iterative.py --build oneMKL=build/release --build open=build/release-open --write t.md
 
 Needs both programs of a build (vk_rund and vk_bench), numpy, and Gmsh for the bracket. For figures
 that can be compared, let nothing else run. The best of three runs counts.
