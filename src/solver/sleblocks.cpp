@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <numeric>
+#include <utility>
 
 #include "platform/memory.hpp"
 #include "platform/slot.hpp"
@@ -38,6 +40,9 @@ constexpr double MemoryShare = 0.8;
 // The scaled diagonal is 1 up to rounding.
 constexpr double DiagonalRounding = 1e-14;
 
+// Parts of the groups, at most, whose blocks are put in place side by side.
+constexpr int MostParts = 8;
+
 // Blocks of Lower are written where they come; so many of them are fetched ahead.
 constexpr std::int64_t BlocksAhead = 12;
 
@@ -45,8 +50,9 @@ constexpr std::int64_t BlocksAhead = 12;
 struct Groups {
   std::int32_t count = 0;
   Array<std::int32_t> group;   // [equation] group of each equation
-  Array<std::int32_t> start;   // [count + 1] first block of each group
-  Array<std::int32_t> column;  // [blocks] neighbouring groups with higher equations, ascending
+  Array<std::int64_t> start;   // [count] place of each group's first block in column
+  Array<std::int32_t> length;  // [count] blocks of each group
+  Array<std::int32_t> column;  // neighbouring groups with higher equations, ascending
   Array<std::int32_t> place;   // [count] block row of each group
 };
 
@@ -81,42 +87,53 @@ bool MakeGroups(std::int32_t n, const std::int32_t* pR, const std::int32_t* pC, 
   return true;
 }
 
-// Calls `take` with each neighbouring group behind that of equation i, once.
-template <class Take>
-void ForNeighbours(std::int32_t i, const std::int32_t* pR, const std::int32_t* pC,
-                   const std::int32_t* group, Take take) {
-  std::int32_t last = group[i];
-  for (std::int64_t k = Slot(pR[i]); k < Slot(pR[i + 1]); ++k)
-    if (const std::int32_t g = group[Slot(pC[k])]; g != last) take(last = g);
-}
-
 bool IsFirst(std::int32_t i, const std::int32_t* group) {
   return i == 0 || group[i] != group[i - 1];
 }
 
+// The neighbouring groups behind that of equation i, each once, to `column`; returns their end.
+std::int32_t* TakeNeighbours(std::int32_t i, const std::int32_t* pR, const std::int32_t* pC,
+                             const std::int32_t* group, std::int32_t* column) {
+  const std::int64_t end = Slot(pR[i + 1]);
+  std::int32_t last = group[i];
+  for (std::int64_t k = Slot(pR[i]); k < end;) {
+    const std::int32_t g = group[Slot(pC[k])];
+    if (g != last) *column++ = last = g;
+    // Columns ascend, so what lies between two of one group is of that group too.
+    const bool whole = k + Width <= end && group[Slot(pC[k + Width - 1])] == g;
+    k += whole ? Width : 1;
+  }
+  return column;
+}
+
+// Of the groups that begin at equations [first, last), whose blocks come to `place` on.
+void FindNeighbours(std::int32_t first, std::int32_t last, const std::int32_t* pR,
+                    const std::int32_t* pC, Groups& groups, std::int64_t place) {
+  for (std::int32_t i = first; i < last; ++i) {
+    if (!IsFirst(i, groups.group.get())) continue;
+    std::int32_t* column = &groups.column[place];
+    const auto length =
+        static_cast<std::int32_t>(TakeNeighbours(i, pR, pC, groups.group.get(), column) - column);
+    groups.start[groups.group[i]] = place;
+    groups.length[groups.group[i]] = length;
+    place += length;
+  }
+}
+
+// Each thread takes equations of its own, and room for as many blocks as these have entries: what
+// isn't written to takes no memory.
 bool FindNeighbours(std::int32_t n, const std::int32_t* pR, const std::int32_t* pC,
                     Groups& groups) {
-  groups.start = ARRAYS_TRYALLOCATE<std::int32_t>(std::int64_t{groups.count} + 1);
-  if (!groups.start) return false;
-  const std::int32_t* group = groups.group.get();
-  std::int32_t* start = groups.start.get();
-#pragma omp parallel for schedule(static)
-  for (std::int32_t i = 0; i < n; ++i) {
-    if (!IsFirst(i, group)) continue;
-    std::int32_t count = 0;
-    ForNeighbours(i, pR, pC, group, [&](std::int32_t) { ++count; });
-    start[group[i] + 1] = count;
-  }
-  start[0] = 0;
-  for (std::int32_t g = 0; g < groups.count; ++g) start[g + 1] += start[g];
-  groups.column = ARRAYS_TRYALLOCATE<std::int32_t>(start[groups.count]);
-  if (!groups.column) return false;
-  std::int32_t* column = groups.column.get();
-#pragma omp parallel for schedule(static)
-  for (std::int32_t i = 0; i < n; ++i) {
-    if (!IsFirst(i, group)) continue;
-    std::int32_t next = start[group[i]];
-    ForNeighbours(i, pR, pC, group, [&](std::int32_t g) { column[next++] = g; });
+  groups.start = ARRAYS_TRYALLOCATE<std::int64_t>(groups.count);
+  groups.length = ARRAYS_TRYALLOCATE<std::int32_t>(groups.count);
+  groups.column = ARRAYS_TRYALLOCATE<std::int32_t>(pR[n] - 1);
+  if (!groups.start || !groups.length || !groups.column) return false;
+#pragma omp parallel
+  {
+    const std::int64_t team = omp_get_num_threads(), thread = omp_get_thread_num();
+    const auto first = static_cast<std::int32_t>(n * thread / team);
+    const auto last = static_cast<std::int32_t>(n * (thread + 1) / team);
+    FindNeighbours(first, last, pR, pC, groups, Slot(pR[first]));
   }
   return true;
 }
@@ -127,8 +144,9 @@ std::int32_t FindLevels(const Groups& groups, std::int32_t* level) {
   std::int32_t highest = 0;
   for (std::int32_t g = 0; g < groups.count; ++g) {
     highest = std::max(highest, level[g]);
-    for (std::int32_t k = groups.start[g]; k < groups.start[g + 1]; ++k)
-      level[groups.column[k]] = std::max(level[groups.column[k]], level[g] + 1);
+    const std::int32_t* column = &groups.column[groups.start[g]];
+    for (std::int32_t k = 0; k < groups.length[g]; ++k)
+      level[column[k]] = std::max(level[column[k]], level[g] + 1);
   }
   return groups.count > 0 ? highest + 1 : 0;
 }
@@ -202,65 +220,71 @@ bool AllocateTriangle(Triangle& triangle) {
   return triangle.start && triangle.column && triangle.values;
 }
 
-// Turns the lengths of the rows in `start` into the places of their first blocks.
-void StartsOfLengths(Triangle& triangle) {
+void FillUpperStarts(const Groups& groups) {
+  for (std::int32_t g = 0; g < groups.count; ++g) Upper.start[groups.place[g]] = groups.length[g];
+  std::int32_t next = 0;
+  for (std::int32_t r = 0; r < NumRows; ++r) next += std::exchange(Upper.start[r], next);
+  Upper.start[NumRows] = next;
+}
+
+// The columns of groups [first, last) of Upper; counts in `lengths` the blocks that the rows of
+// Lower get from them.
+void FillUpperColumns(const Groups& groups, std::int32_t first, std::int32_t last,
+                      std::int32_t* lengths) {
+  std::fill_n(lengths, NumRows, 0);
+  for (std::int32_t g = first; g < last; ++g) {
+    const std::int32_t* column = &groups.column[groups.start[g]];
+    std::int32_t* upper = &Upper.column[Upper.start[groups.place[g]]];
+    for (std::int32_t k = 0; k < groups.length[g]; ++k) {
+      upper[k] = groups.place[column[k]];
+      ++lengths[upper[k]];
+    }
+  }
+}
+
+// Turns the lengths that `parts` parts of the groups give to each row into their places.
+void FillLowerStarts(int parts, std::int32_t* lengths) {
   std::int32_t next = 0;
   for (std::int32_t r = 0; r < NumRows; ++r) {
-    const std::int32_t length = triangle.start[r];
-    triangle.start[r] = next;
-    next += length;
+    Lower.start[r] = next;
+    for (int part = 0; part < parts; ++part)
+      next += std::exchange(lengths[r + std::int64_t{part} * NumRows], next);
   }
-  triangle.start[NumRows] = next;
+  Lower.start[NumRows] = next;
 }
 
-void FillUpperColumns(const Groups& groups) {
+// The blocks of groups [first, last) transposed, at `places` in each row.
+void FillLowerColumns(const Groups& groups, std::int32_t first, std::int32_t last,
+                      std::int32_t* places) {
+  for (std::int32_t g = first; g < last; ++g) {
+    const std::int32_t row = groups.place[g];
+    for (std::int32_t upper = Upper.start[row]; upper < Upper.start[row + 1]; ++upper) {
+      const std::int32_t lower = places[Upper.column[upper]]++;
+      Lower.column[lower] = row;
+      LowerPlace[upper] = lower;
+    }
+  }
+}
+
+// Columns of both triangles, and where in Lower each block of Upper lies transposed. The columns of
+// a row of Lower stand in the order of the equations, as the parts do.
+bool FillColumns(const Groups& groups) {
+  const int parts = std::min(omp_get_max_threads(), MostParts);
+  Array<std::int32_t> places = ARRAYS_TRYALLOCATE<std::int32_t>(std::int64_t{NumRows} * parts);
+  if (!places) return false;
+  FillUpperStarts(groups);
+  const auto begin = [&](int part) {
+    return static_cast<std::int32_t>(std::int64_t{NumRows} * part / parts);
+  };
+  const auto of = [&](int part) { return &places[std::int64_t{NumRows} * part]; };
 #pragma omp parallel for schedule(static)
-  for (std::int32_t g = 0; g < groups.count; ++g)
-    for (std::int32_t k = groups.start[g], upper = Upper.start[groups.place[g]];
-         k < groups.start[g + 1]; ++k, ++upper)
-      Upper.column[upper] = groups.place[groups.column[k]];
-}
-
-// Calls `take` with group, block and block row of each block that rows [first, last) of Lower get
-// from a group.
-template <class Take>
-void ForLowerBlocks(const Groups& groups, std::int32_t first, std::int32_t last, Take take) {
-  for (std::int32_t g = 0; g < groups.count; ++g)
-    for (std::int32_t k = groups.start[g]; k < groups.start[g + 1]; ++k)
-      if (const std::int32_t row = groups.place[groups.column[k]]; row >= first && row < last)
-        take(g, k, row);
-}
-
-// Each thread goes through all blocks for its own rows: their order is that of the equations.
-void FillLowerColumns(const Groups& groups) {
-#pragma omp parallel
-  {
-    const std::int64_t team = omp_get_num_threads(), thread = omp_get_thread_num();
-    const auto first = static_cast<std::int32_t>(NumRows * thread / team);
-    const auto last = static_cast<std::int32_t>(NumRows * (thread + 1) / team);
-    std::fill(&Lower.start[first], &Lower.start[last], 0);
-    ForLowerBlocks(groups, first, last,
-                   [](std::int32_t, std::int32_t, std::int32_t row) { ++Lower.start[row]; });
-#pragma omp barrier
-#pragma omp single
-    StartsOfLengths(Lower);
-    ForLowerBlocks(groups, first, last, [&](std::int32_t g, std::int32_t k, std::int32_t row) {
-      const std::int32_t lower = Lower.start[row]++;
-      Lower.column[lower] = groups.place[g];
-      LowerPlace[Upper.start[groups.place[g]] + (k - groups.start[g])] = lower;
-    });
-  }
-  for (std::int32_t r = NumRows; r > 0; --r) Lower.start[r] = Lower.start[r - 1];
-  Lower.start[0] = 0;
-}
-
-// Columns of both triangles, and where in Lower each block of Upper lies transposed.
-void FillColumns(const Groups& groups) {
-  for (std::int32_t g = 0; g < groups.count; ++g)
-    Upper.start[groups.place[g]] = groups.start[g + 1] - groups.start[g];
-  StartsOfLengths(Upper);
-  FillUpperColumns(groups);
-  FillLowerColumns(groups);
+  for (int part = 0; part < parts; ++part)
+    FillUpperColumns(groups, begin(part), begin(part + 1), of(part));
+  FillLowerStarts(parts, places.get());
+#pragma omp parallel for schedule(static)
+  for (int part = 0; part < parts; ++part)
+    FillLowerColumns(groups, begin(part), begin(part + 1), of(part));
+  return true;
 }
 
 void NumberUnknowns(std::int32_t n, const Groups& groups) {
@@ -275,7 +299,7 @@ void NumberUnknowns(std::int32_t n, const Groups& groups) {
 bool BuildStructure(std::int32_t n, const std::int32_t* pR, const std::int32_t* pC) {
   Groups groups;
   if (!MakeGroups(n, pR, pC, groups) || !FindNeighbours(n, pR, pC, groups)) return false;
-  NumBlocks = groups.start[groups.count];
+  NumBlocks = std::accumulate(&groups.length[0], &groups.length[groups.count], 0);
   const std::int64_t held = std::int64_t{BlockSize} * (NumBlocks + std::int64_t{groups.count});
   if (held > LargestPadding * (pR[n] - 1)) return false;
   const auto available = static_cast<double>(PLATFORM_AVAILABLEMEMORY());
@@ -286,7 +310,7 @@ bool BuildStructure(std::int32_t n, const std::int32_t* pR, const std::int32_t* 
   SLEBLOCKS::Diagonal = ARRAYS_TRYALLOCATE<double>(std::int64_t{NumRows} * Width);
   Unknown = ARRAYS_TRYALLOCATE<std::int32_t>(n);
   if (!LowerPlace || !SLEBLOCKS::Diagonal || !Unknown) return false;
-  FillColumns(groups);
+  if (!FillColumns(groups)) return false;
   NumberUnknowns(n, groups);
   SLEBLOCKS::NumEquations = n;
   return true;
