@@ -16,6 +16,7 @@ LAYERS = (
     "basics",
     "shapes",
     "directory",
+    "stress",
     "prepare",
     "check",
     "running",

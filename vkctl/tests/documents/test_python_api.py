@@ -60,13 +60,19 @@ def bracket(folder: Path) -> Path:
 
 
 def test_every_example_of_the_page_is_run_here() -> None:
-    assert len(BLOCKS) == 8
+    assert len(BLOCKS) == 9
 
 
 def test_check_finds_no_fault_in_its_directory(folder: Path) -> None:
     names = play(block("from vkctl.check"))
     assert (names["report"].status, names["report"].findings) == (0, [])
     assert names["report"].counts["elements"] == 16
+
+
+def test_the_example_of_stresses_runs(folder: Path) -> None:
+    run("part")
+    found = play(block("from vkctl import stress").replace('"work", 2', '"part", 1'))
+    assert found["everywhere"].stress.shape == (45, 6)
 
 
 def test_run_then_watch_of_a_finished_run(folder: Path, capsys: pytest.CaptureFixture[str]) -> None:

@@ -8,6 +8,7 @@ import pyvista
 from results_on_disk import make_model, with_hole
 
 from vkctl.directory import formats
+from vkctl.directory.levels import level_field
 from vkctl.view import grid
 
 KINDS = ("tet4", "hex8", "tet10")
@@ -35,7 +36,7 @@ def test_curved_mid_edge_nodes_keep_their_places() -> None:
 def test_levels_are_scaled_like_the_solver_scales_them() -> None:
     model = make_model()
     model.set_level([2.0, -6.0], nodes=[1, 3])
-    levels = grid.level_field(model)
+    levels = level_field(model)
     np.testing.assert_allclose(levels[:4], [0.25, 1.0, -0.75, 1.0])
 
 

@@ -62,19 +62,44 @@ def tetrahedron_rule() -> tuple[Array, Array]:
     return abc, product * (1 - u) ** 2 * (1 - v)
 
 
-# Orbits (a, a, a, b) of the tetrahedron rules of 4 and of 8 points.
-_TET_ORBITS = (0.1381966011250105, 0.3280546967114267, 0.10695227393293068)
-_GAUSS = (-0.774596669241483, -0.577350269189626, 0.0, 0.577350269189626, 0.774596669241483)
+# The solver's rules by order, on the tetrahedron in orbits of four points: relative weight and a
+# of (a, a, a, b); on the hexahedron products of the rules of as many points.
+_TET_ORBITS = {
+    2: ((0.25, 0.1381966011250105),),
+    3: ((0.13852796651186214, 0.3280546967114267), (0.11147203348813786, 0.10695227393293068)),
+}
+_GAUSS = {
+    2: ((-0.577350269189626, 1.0), (0.577350269189626, 1.0)),
+    3: (
+        (-0.774596669241483, 0.555555555555556),
+        (0.0, 0.888888888888889),
+        (0.774596669241483, 0.555555555555556),
+    ),
+}
+COARSE, FINE = 2, 3  # orders
+FINE_ABOVE = float(np.float32(-0.2))  # largest level of an element from which on it takes the finer
+
+
+def solver_rule(code: int, order: int) -> tuple[Array, Array]:
+    """Points (p, 3) and weights of the solver's rule on the unit tetrahedron or the cube."""
+    if code == HEX8:
+        products = list(product(_GAUSS[order], repeat=3))
+        points = np.array([[place for place, _ in p] for p in products])
+        return points, np.array([[weight for _, weight in p] for p in products]).prod(axis=1)
+    orbits = _TET_ORBITS[order]
+    points = np.array([point for _, a in orbits for point in _orbit(a)])
+    return points, np.repeat([weight / 6 for weight, _ in orbits], 4)
+
+
+def _orbit(a: float) -> list[tuple[float, float, float]]:
+    b = 1 - 3 * a
+    return [(a, a, a), (a, a, b), (a, b, a), (b, a, a)]
 
 
 def solver_tetrahedron_points() -> list[tuple[float, float, float]]:
-    points = []
-    for a in _TET_ORBITS:
-        b = 1 - 3 * a
-        points += [(a, a, a), (a, a, b), (a, b, a), (b, a, a)]
-    return points
+    return [point for orbits in _TET_ORBITS.values() for _, a in orbits for point in _orbit(a)]
 
 
 def solver_hexahedron_points() -> list[tuple[float, ...]]:
     """Points of the products of the rules of 3 and of 2 points."""
-    return [*product(_GAUSS[::2], repeat=3), *product(_GAUSS[1::2], repeat=3)]
+    return [tuple(p) for order in (FINE, COARSE) for p in solver_rule(HEX8, order)[0].tolist()]

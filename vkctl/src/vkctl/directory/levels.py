@@ -1,0 +1,26 @@
+"""The level field as the solver takes it from the list of design points."""
+
+from __future__ import annotations
+
+import numpy as np
+
+from vkctl.basics.types import Array
+
+from .model import Model
+
+
+def level_field(model: Model) -> Array:
+    """Level value of each node as the solver uses it, float32 (n,).
+
+    The list is scaled to a mean magnitude of 0.5; nodes without a design point have 1.0. ValueError
+    for nodes whose design point isn't there.
+    """
+    levels = np.ones(len(model.nodes), np.float32)
+    assert model.node_tp_index is not None
+    if (model.node_tp_index > len(model.tp)).any():
+        raise ValueError(f"a node names a design point above {len(model.tp)}")
+    mean = np.abs(model.tp).mean() if len(model.tp) else np.float32(0.0)
+    scale = np.float32(0.5) / mean if mean > 0 else mean
+    chosen = model.node_tp_index > 0
+    levels[chosen] = scale * model.tp[model.node_tp_index[chosen] - 1]
+    return levels
