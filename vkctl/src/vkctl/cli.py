@@ -20,6 +20,7 @@ from .commands.summary import summary_command
 from .commands.watch import watch_command
 from .terminal.declare import declared
 from .terminal.last_resort import show_details
+from .terminal.optional_value import SettleCommand
 
 app = typer.Typer(
     no_args_is_help=True,
@@ -55,7 +56,7 @@ app.command("box")(declared(box_command))
 app.command("demo")(declared(demo_command))
 app.command("summary")(declared(summary_command))
 app.command("new")(declared(new_command))
-app.command("run")(declared(run_command))
+app.command("run", cls=SettleCommand)(declared(run_command))
 app.command("watch")(declared(watch_command))
 app.command("check")(declared(check_command))
 app.command("diff")(declared(diff_command))

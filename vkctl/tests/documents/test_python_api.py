@@ -60,7 +60,7 @@ def bracket(folder: Path) -> Path:
 
 
 def test_every_example_of_the_page_is_run_here() -> None:
-    assert len(BLOCKS) == 9
+    assert len(BLOCKS) == 10
 
 
 def test_check_finds_no_fault_in_its_directory(folder: Path) -> None:
@@ -79,6 +79,10 @@ def test_run_then_watch_of_a_finished_run(folder: Path, capsys: pytest.CaptureFi
     assert play(block("from vkctl.running.run"))["result"].ok
     assert "[1]" in capsys.readouterr().out
     assert play(block("from vkctl.running.watch"))["result"].outcome == "finished"
+
+
+def test_load_cases_are_repeated_until_they_have_settled(folder: Path) -> None:
+    assert play(block("from vkctl.running.settle"))["settled"].ok
 
 
 def test_diff_of_equal_directories_finds_nothing(folder: Path) -> None:

@@ -3,17 +3,17 @@
 from __future__ import annotations
 
 import multiprocessing
-import os
 import signal
 import time
-from collections.abc import Callable
 from dataclasses import replace
+from functools import partial
 from pathlib import Path
 from typing import Any
 
 import numpy as np
 import pytest
 from fake_solver import HEAD, fake_solver
+from killing import in_child, killed_before
 from small_loops import ONE_CASE, TWO_CASES, VK_RUND, script, write_small
 
 from vkctl.directory import formats
@@ -42,42 +42,10 @@ def same_history(rows: list[HistoryRow], expected: list[HistoryRow]) -> None:
     assert changes == pytest.approx([row.change for row in expected], abs=1e-4)
 
 
-def in_child(action: Callable[..., object], *arguments: object) -> int:
-    """Exit code of a forked process that does `action`; minus the signal that killed it."""
-    child = multiprocessing.get_context("fork").Process(target=action, args=arguments)
-    child.start()
-    child.join()
-    assert child.exitcode is not None
-    return child.exitcode
-
-
 def state_of(directory: Path) -> loop_files.State:
     state = loop_files.read_state(directory)
     assert state is not None
     return state
-
-
-class _Deadly:
-    """Stands for a function; instead of its n-th call, counted over all of them, the end comes."""
-
-    calls = 0
-
-    def __init__(self, function: Callable[..., Any], deadly: int) -> None:
-        self.function, self.deadly = function, deadly
-
-    def __call__(self, *args, **kwargs):
-        _Deadly.calls += 1
-        if _Deadly.calls == self.deadly:
-            os.kill(os.getpid(), signal.SIGKILL)
-        return self.function(*args, **kwargs)
-
-
-def _killed_before(cases: Path, directory: Path, number: int) -> None:
-    """The loop, killed before its file operation `number`."""
-    _Deadly.calls = 0
-    os.replace = _Deadly(os.replace, number)
-    os.unlink = _Deadly(os.unlink, number)
-    optimise(cases, directory, vk_rund=VK_RUND)
 
 
 def test_a_loop_killed_at_any_file_operation_goes_on_as_if_nothing_had_happened(
@@ -89,7 +57,7 @@ def test_a_loop_killed_at_any_file_operation_goes_on_as_if_nothing_had_happened(
     while not ended:
         number += 1
         directory = tmp_path / f"d{number}"
-        code = in_child(_killed_before, cases, directory, number)
+        code = in_child(killed_before, partial(optimise, cases, directory, vk_rund=VK_RUND), number)
         assert code in (0, -signal.SIGKILL)
         ended = code == 0
         done = optimise(cases, directory, vk_rund=VK_RUND)

@@ -11,9 +11,12 @@ from rich.console import Console
 
 from vkctl.directory.formats import Mode
 from vkctl.running.run import NotFoundError, run
-from vkctl.terminal.arguments import Directory
-from vkctl.terminal.display import closing_lines, shown
+from vkctl.running.settle import MOST_ROUNDS, TOLERANCE, RoundShown, Settled, SettleError, settle
+from vkctl.terminal import output
+from vkctl.terminal.arguments import AsJson, Directory
+from vkctl.terminal.display import closing_lines, result_as_dict, shown, warning_lines
 from vkctl.terminal.refusal import refuse, refusing
+from vkctl.terminal.settling import round_lines, settled_as_dict, settled_lines
 
 
 class _Mode(StrEnum):
@@ -30,21 +33,91 @@ def run_command(
     mode: Annotated[
         _Mode | None, typer.Option(..., help="set Sys.ComputationMode in the options file")
     ] = None,
+    again: Annotated[
+        bool, typer.Option(..., "--again", help="run load cases that are done once more")
+    ] = False,
+    until_settled: Annotated[
+        bool,
+        typer.Option(
+            ...,
+            "--settle",
+            help="repeat load cases until displacements, element state and strain energy change by "
+            f"less than TOL, a part of their largest value: --settle TOL, {TOLERANCE:g} without",
+        ),
+    ] = False,
+    tolerance: Annotated[
+        float, typer.Option(..., "--settle-to", hidden=True, help="TOL of --settle")
+    ] = TOLERANCE,
+    rounds: Annotated[
+        int, typer.Option(..., help="of --settle at most; started again, it goes on")
+    ] = MOST_ROUNDS,
     vk_rund: Annotated[Path | None, typer.Option(..., "--vk-rund", help="the solver")] = None,
+    as_json: AsJson = False,
 ) -> None:
     """Run the solver on a directory and follow it.
 
     Exit status: that of vk_rund, 128 + signal where a signal ended it, 127 or 126 where it can't
-    be found or executed, 2 where the directory can't be run on.
+    be found or executed, 2 where the directory can't be run on, 3 where load cases don't settle.
     """
-    console = Console(highlight=False)
     chosen: Mode | None = None if mode is None else mode.value
+    console = output.console(silent=as_json)
     try:
-        with refusing(ValueError), shown(console) as show:
-            result = run(directory, threads=threads, mode=chosen, vk_rund=vk_rund, on_progress=show)
+        with refusing(ValueError, SettleError):
+            if until_settled:
+                settled = _settle(console, directory, tolerance, rounds, threads, chosen, vk_rund)
+                _close_settled(console, settled, as_json)
+                raise typer.Exit(settled.status)
+            with shown(console) as show:
+                result = run(
+                    directory,
+                    again=again,
+                    threads=threads,
+                    mode=chosen,
+                    vk_rund=vk_rund,
+                    on_progress=show,
+                )
     except NotFoundError as error:
         raise refuse(error, error.status) from None
+    if as_json:
+        output.print_json(result_as_dict(result))
     for line in closing_lines(result):
         console.print(line, markup=False, soft_wrap=True)
     # Status 0 without a complete log was not a run.
     raise typer.Exit((result.status or 0) if result.ok or result.status else 1)
+
+
+def _settle(
+    console: Console,
+    directory: Path,
+    tolerance: float,
+    rounds: int,
+    threads: int | None,
+    mode: Mode | None,
+    vk_rund: Path | None,
+) -> Settled:
+    def show_round(shown_round: RoundShown) -> None:
+        for line in round_lines(shown_round):
+            console.print(line, markup=False, soft_wrap=True)
+
+    with shown(console, plain_lines=False) as show:
+        return settle(
+            directory,
+            tolerance,
+            most_rounds=rounds,
+            threads=threads,
+            mode=mode,
+            vk_rund=vk_rund,
+            on_round=show_round,
+            on_progress=show,
+        )
+
+
+def _close_settled(console: Console, settled: Settled, as_json: bool) -> None:
+    if as_json:
+        run_of_last = None if settled.run is None else result_as_dict(settled.run)
+        output.print_json({**settled_as_dict(settled), "run": run_of_last})
+    lines = []
+    if settled.run is not None:
+        lines = closing_lines(settled.run) if settled.failed else warning_lines(settled.run)
+    for line in [*lines, *settled_lines(settled)]:
+        console.print(line, markup=False, soft_wrap=True)

@@ -36,6 +36,14 @@ def plan(directory: PathLike) -> list[PlannedCase]:
     return list(planned.values())
 
 
+def wanted(directory: PathLike) -> list[int]:
+    """Numbers of the load cases that take part in runs, done or not; raises as `plan` does."""
+    records = formats.read_loadcases(directory)
+    flags, _ = formats.read_loadcase_flags(directory)
+    pairs = zip(records["Kind"].tolist(), flags.tolist(), strict=False)
+    return [n for n, (kind, word) in enumerate(pairs, 1) if formats.is_wanted(kind, word)]
+
+
 def plan_or_nothing(directory: PathLike) -> list[PlannedCase]:
     """`plan`, empty where the files can't be read: the run itself will say what is wrong."""
     try:

@@ -21,7 +21,7 @@ from vkctl.basics.types import PathLike
 from vkctl.directory import formats, lock
 from vkctl.directory.lock import BusyError as BusyError
 from vkctl.directory.log import RunLog
-from vkctl.directory.plan import plan_or_nothing
+from vkctl.directory.plan import plan_or_nothing, wanted
 from vkctl.directory.results import POOR_QUALITY
 
 from . import processes
@@ -139,9 +139,19 @@ def set_run_options(
     return changes
 
 
+def reopen(directory: PathLike) -> None:
+    """Ask anew for all load cases that take part in runs; BusyError as `set_run_options`."""
+    with lock.holding(directory):
+        words, values = formats.read_loadcase_flags(directory)
+        for number in wanted(directory):
+            words[number - 1] &= ~formats.LOADCASE_DONE
+        formats.write_loadcase_flags(directory, words, values)
+
+
 def run(
     directory: PathLike,
     *,
+    again: bool = False,
     threads: int | None = None,
     mode: formats.Mode | None = None,
     vk_rund: PathLike | None = None,
@@ -150,7 +160,8 @@ def run(
 ) -> RunResult:
     """Run vk_rund on `directory` to its end.
 
-    `threads` and `mode` are written to the options file (`set_run_options`). `on_progress` is
+    `threads` and `mode` are written to the options file (`set_run_options`). `again` repeats
+    load cases that are done; a repeated run that is cut off goes on without it. `on_progress` is
     called every `poll` seconds, in this thread. SIGINT, SIGTERM and SIGHUP are passed on to the
     solver when this is called in the main thread.
 
@@ -163,6 +174,8 @@ def run(
         raise NotADirectoryError(f"There is no directory {target}.")
     with processes.alone_on(target):
         set_run_options(target, threads, mode)
+        if again:
+            reopen(target)
         planned = plan_or_nothing(target)
         tracker = Tracker(target, planned)
     with tempfile.TemporaryFile() as printed:

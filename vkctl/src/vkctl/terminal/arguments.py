@@ -9,3 +9,4 @@ import typer
 
 Directory = Annotated[Path, typer.Argument(..., help="working directory")]
 Case = Annotated[int | None, typer.Option(..., help="load case; the first solved one if not given")]
+AsJson = Annotated[bool, typer.Option(..., "--json", help="print the result as JSON")]

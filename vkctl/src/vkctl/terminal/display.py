@@ -4,7 +4,7 @@ from __future__ import annotations
 
 from collections.abc import Callable, Iterator
 from contextlib import contextmanager
-from typing import Literal
+from typing import Any, Literal
 
 from rich.console import Console, Group
 from rich.live import Live
@@ -109,10 +109,13 @@ def case_line(case: LoadCaseLog) -> str:
 
 
 @contextmanager
-def shown(console: Console) -> Iterator[Callable[[Progress], None]]:
-    """A function that shows each progress: on a terminal a table that is drawn anew."""
+def shown(console: Console, plain_lines: bool = True) -> Iterator[Callable[[Progress], None]]:
+    """A function that shows each progress: on a terminal a table that is drawn anew.
+
+    Elsewhere a line for each finished load case, or nothing without `plain_lines`.
+    """
     if not console.is_terminal:
-        yield _line_printer(console)
+        yield _line_printer(console) if plain_lines else lambda progress: None
         return
     with Live(console=console, refresh_per_second=8, transient=False) as live:
         yield lambda progress: live.update(table(progress))
@@ -143,11 +146,45 @@ def closing_lines(result: RunResult) -> list[str]:
             lines.append(f"Not done: {_cases(result.open)}.")
         if result.printed and result.advice.original not in result.printed:
             lines.append(f"It printed: {result.printed}")
-    for warning in result.warnings:
-        lines.append(f"Warning: {warning}")
+    return lines + warning_lines(result)
+
+
+def warning_lines(result: RunResult) -> list[str]:
+    """Each warning of a run with its hint, and the load cases that ended poorly."""
+    lines = [f"Warning: {warning}" for warning in result.warnings]
     if result.poor:
         lines.append(f"Poor quality: {_cases(result.poor)}.")
     return lines
+
+
+def result_as_dict(result: RunResult) -> dict[str, Any]:
+    """How a run ended and what it solved, for programs."""
+    return {
+        "outcome": result.outcome,
+        "status": result.status,
+        "sentence": result.advice.sentence,
+        "hint": result.advice.hint,
+        "planned": result.planned,
+        "open": result.open,
+        "poor": result.poor,
+        "seconds": result.seconds,
+        "peak_memory_gb": result.peak_memory_gb,
+        "warnings": [
+            {"sentence": warning.sentence, "hint": warning.hint} for warning in result.warnings
+        ],
+        "load_cases": [_case_as_dict(case) for case in result.log.load_cases],
+    }
+
+
+def _case_as_dict(case: LoadCaseLog) -> dict[str, Any]:
+    return {
+        "load_case": case.number,
+        "pattern": case.pattern,
+        "mode": _MODE_NAMES.get(case.mode or 0),
+        "iterations": case.iterations,
+        "seconds": case.seconds,
+        "values": case.data,
+    }
 
 
 def _finished_line(result: RunResult) -> str:
