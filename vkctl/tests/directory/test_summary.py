@@ -14,7 +14,7 @@ def test_summary_tells_log_and_results(tmp_path):
         "results of load case 1:",
         "  largest displacement 0.01",
         "  strain energy        0",
-        "  nodal stress         -2 to 3",
+        "  element mean stress  -2 to 3",
         "  sum of loads         (0, 0, -4)",
         "the whole run took 2.0 s",
     ]

@@ -8,6 +8,9 @@ from vkctl.basics.types import Array
 
 from .model import Model
 
+# Of the largest level: where the part is cut out, nodes closer to zero count as just inside.
+NEAREST_LEVEL = 1e-3
+
 
 def level_field(model: Model) -> Array:
     """Level value of each node as the solver uses it, float32 (n,).

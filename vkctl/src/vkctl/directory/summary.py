@@ -50,5 +50,5 @@ def _result_lines(directory: PathLike, number: int) -> list[str]:
         f"  strain energy        {r.strain_energy:.4g}",
     ]
     if len(r.stress):
-        lines.append(f"  nodal stress         {r.stress.min():.4g} to {r.stress.max():.4g}")
+        lines.append(f"  element mean stress  {r.stress.min():.4g} to {r.stress.max():.4g}")
     return [*lines, f"  sum of loads         ({load})"]

@@ -10,13 +10,14 @@ from .measures import (
 )
 from .nodal import MaterialStress, NodalStress, nodal_stress
 from .points import element_means, integration_points
-from .solution import Solution, read_solution, solution_of
+from .solution import Solution, has_stress, read_solution, solution_of
 
 __all__ = [
     "MaterialStress",
     "NodalStress",
     "Solution",
     "element_means",
+    "has_stress",
     "integration_points",
     "mean_normal",
     "nodal_stress",

@@ -17,6 +17,7 @@ from dataclasses import dataclass
 import numpy as np
 
 from vkctl.basics.types import Array
+from vkctl.directory.levels import NEAREST_LEVEL
 from vkctl.shapes.topology import HEX8, HEX8_SIGNS, TET4, TET10, TET10_EDGES, TET_CORNERS, TYPES
 
 from .law import energy_densities
@@ -102,7 +103,8 @@ def _present(solution: Solution) -> tuple[Array, Array]:
     if len(cut):
         shares = element_means(solution, cut).share
         whole[cut - 1] = shares[cut - 1] > HALF
-    return whole, solution.active & (highest > 0) & ~whole
+    margin = NEAREST_LEVEL * np.abs(solution.levels).max(initial=0.0)
+    return whole, solution.active & (highest > -margin) & ~whole
 
 
 def _region(solution: Solution, chosen: Array, whole: Array) -> Region:

@@ -35,6 +35,11 @@ class Solution:
     factors: Array  # (m,) on the laws
 
 
+def has_stress(results: Results) -> bool:
+    """Whether the solve was good enough to leave displacements, from which stresses follow."""
+    return results.displacements is not None and results.quality > KEEP_QUALITY
+
+
 def solution_of(model: Model, results: Results) -> Solution:
     """Gather a load case; ValueError where its results can't tell a stress, or are another model's.
 
@@ -43,7 +48,7 @@ def solution_of(model: Model, results: Results) -> Solution:
     """
     assert model.element_flags is not None
     displacements = results.displacements
-    if displacements is None or not results.quality > KEEP_QUALITY:
+    if displacements is None or not has_stress(results):
         raise ValueError(
             f"load case {results.number} was solved too poorly to leave displacements, "
             "from which stresses follow"

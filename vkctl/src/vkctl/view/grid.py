@@ -8,11 +8,13 @@ import numpy as np
 
 from vkctl.basics.extras import need
 from vkctl.basics.types import Array, PathLike
-from vkctl.directory.levels import level_field
+from vkctl.directory.levels import NEAREST_LEVEL, level_field
 from vkctl.directory.model import Model, read
 from vkctl.directory.numbering import EXCLUDED
 from vkctl.directory.results import Results, read_results, solved
 from vkctl.shapes.topology import HEX8, HEX8_FACES, TET4, TET10, TET10_EDGES, VTK_CELLS
+
+from .fields import point_fields, stress_fields
 
 if TYPE_CHECKING:
     import pyvista
@@ -30,7 +32,6 @@ _TET10_PARTS = np.array(
         (7, 8, 9, 10),
     )
 )
-_NEAREST_LEVEL = 1e-3  # of the largest level: nodes closer to zero count as just inside
 
 
 def has_boundary(model: Model) -> bool:
@@ -67,45 +68,11 @@ def mesh_grid(model: Model) -> pyvista.UnstructuredGrid:
     return grid
 
 
-def point_fields(model: Model, results: Results) -> dict[str, Array]:
-    """Result fields per node: displacement (n, 3), magnitude, stress with its sign, criterion.
-
-    The criterion is NaN at nodes without a design point; the displacement is missing where the
-    solve was too poor to leave one.
-    """
-    assert model.node_tp_index is not None
-    _require_fitting(model, results)
-    criterion = np.full(len(model.nodes), np.nan, np.float32)
-    chosen = model.node_tp_index > 0
-    criterion[chosen] = results.criterion[model.node_tp_index[chosen] - 1]
-    fields = {"magnitude": results.magnitude, "stress": results.stress, "criterion": criterion}
-    if results.displacements is not None:
-        fields["displacement"] = results.displacements
-    return fields
-
-
-def _require_fitting(model: Model, results: Results) -> None:
-    """ValueError where results belong to another model."""
-    nodes, elements = len(model.nodes), len(model.elements)
-    for values, count, what in (
-        (results.criterion, len(model.tp), "criterion values"),
-        (results.stress, nodes, "stresses"),
-        (results.magnitude, nodes, "magnitudes"),
-        (results.displacements, nodes, "displacements"),
-        (results.element_state, elements, "element states"),
-    ):
-        if values is not None and len(values) != count:
-            text = f"load case {results.number} has {len(values)} {what}, the model has {count}"
-            raise ValueError(text)
-    assert model.node_tp_index is not None
-    if (model.node_tp_index > len(model.tp)).any():
-        raise ValueError(f"a node names a design point above {len(model.tp)}")
-
-
 def results_grid(model: Model, results: Results) -> pyvista.UnstructuredGrid:
     """`mesh_grid` with the fields of one load case; cells also have "element_state"."""
     grid = mesh_grid(model)
-    for name, values in point_fields(model, results).items():
+    fields = {**point_fields(model, results), **stress_fields(model, results)}
+    for name, values in fields.items():
         grid.point_data[name] = values
     if results.element_state is not None:
         grid.cell_data["element_state"] = results.element_state[grid.cell_data["element"] - 1]
@@ -184,7 +151,7 @@ def part_grid(model: Model, fields: dict[str, Array] | None = None) -> pyvista.U
         grid.point_data[name] = values
     level = grid.point_data["level"]
     # A cut exactly through a node would make the surface touch itself there.
-    margin = _NEAREST_LEVEL * float(np.abs(level).max(initial=0.0)) or 1.0
+    margin = NEAREST_LEVEL * float(np.abs(level).max(initial=0.0)) or 1.0
     grid.point_data["level"] = np.where(np.abs(level) < margin, margin, level)
     if (grid.point_data["level"] > 0).all():
         return grid

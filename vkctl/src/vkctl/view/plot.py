@@ -4,7 +4,7 @@ from __future__ import annotations
 
 from dataclasses import dataclass
 from pathlib import Path
-from typing import TYPE_CHECKING, Any, Literal, get_args
+from typing import TYPE_CHECKING, Any
 
 import numpy as np
 
@@ -13,25 +13,16 @@ from vkctl.basics.types import Array, PathLike
 from vkctl.directory.model import Model, read
 from vkctl.directory.results import read_results
 
+from .fields import TITLES, Field, shown_fields
 from .files import picture_kind, write_picture
-from .grid import has_boundary, part_surface, point_fields, solved_or_fail
+from .grid import has_boundary, part_surface, solved_or_fail
 
 if TYPE_CHECKING:
     import pyvista
 
 Direction = tuple[float, float, float]
-Field = Literal["magnitude", "stress", "criterion", "level"]
-FIELDS: tuple[str, ...] = get_args(Field)
-
-_TITLES = {
-    "magnitude": "displacement",
-    "stress": "equivalent stress, signed",
-    "criterion": "criterion",
-    "level": "level",
-}
 _VISIBLE_PART = 0.08  # of the part's extent: what the largest displacement is drawn as
 _THIN_PART = 0.25  # of its other extents: a part as low as this is a plate
-_STRESS_PERCENTILES = (1.0, 99.0)  # a few peaks at supports would wash out the colours
 
 
 @dataclass(frozen=True)
@@ -62,12 +53,13 @@ def plot(
     number = numbers[0] if case is None else case
     if number not in numbers:
         raise ValueError(f"load case {number} has no results in {directory}")
-    fields = point_fields(model, read_results(directory, number))
-    return draw(model, fields, picture, view or View(), f"load case {number}")
+    view = view or View()
+    fields = shown_fields(model, read_results(directory, number), view.field)
+    return draw(model, fields, picture, view, f"load case {number}")
 
 
 def draw(model: Model, fields: dict[str, Array], picture: PathLike, view: View, title: str) -> Path:
-    """Draw `fields` (per node, see `grid.point_fields`) of a model; returns the picture's path."""
+    """Draw `fields` (per node, see `view.fields`) of a model; returns the picture's path."""
     write_picture(drawn(model, fields, view, title), picture)
     return Path(picture)
 
@@ -86,11 +78,12 @@ def drawn(model: Model, fields: dict[str, Array], view: View, title: str) -> Arr
     logger.SetStderrVerbosity(logger.VERBOSITY_ERROR)
     plotter = pyvista.Plotter(off_screen=True, window_size=list(view.size))
     plotter.set_background("white")
+    limits = _range(surface, view.field)
     plotter.add_mesh(
         surface,
         scalars=view.field if view.field in surface.point_data else None,
-        cmap="coolwarm" if view.field == "stress" else "viridis",
-        clim=_range(surface, view.field),
+        cmap="coolwarm" if limits and limits[0] < 0 < limits[1] else "viridis",
+        clim=limits,
         show_edges=view.edges,
         nan_color="lightgray",
         smooth_shading=not has_boundary(model),
@@ -132,23 +125,22 @@ def _scale(model: Model, surface: pyvista.PolyData, view: View) -> float:
 
 
 def _range(surface: pyvista.PolyData, field: str) -> tuple[float, float] | None:
-    """Colour limits: symmetric about zero for the signed stress."""
+    """Colour limits: the extremes, or where both signs occur the larger one to both sides."""
     if field not in surface.point_data:
         return None
     values = np.asarray(surface.point_data[field])
     values = values[np.isfinite(values)]
     if not len(values):
         return (0.0, 1.0)
-    if field == "stress":
-        low, high = np.percentile(values, _STRESS_PERCENTILES)
-        bound = float(max(abs(low), abs(high))) or 1.0
-        return (-bound, bound)
-    return (float(values.min()), float(values.max()) or 1.0)
+    low, high = float(values.min()), float(values.max())
+    if low < 0 < high:
+        return (-max(-low, high), max(-low, high))
+    return (low, high) if high > low else (low, low + (abs(low) or 1.0))
 
 
 def _scalar_bar(field: str) -> dict[str, Any]:
     return {
-        "title": _TITLES[field] + "\n",  # keeps clear of the first label
+        "title": TITLES[field] + "\n",  # keeps clear of the first label
         "color": "black",
         "fmt": "%.3g",
         "n_labels": 5,

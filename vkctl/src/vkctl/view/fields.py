@@ -1,0 +1,141 @@
+"""Fields of a load case at nodes: what files hold and what pictures show."""
+
+from __future__ import annotations
+
+from typing import Literal, get_args
+
+import numpy as np
+
+from vkctl import stress
+from vkctl.basics.types import Array
+from vkctl.directory.model import Model
+from vkctl.directory.results import Results
+
+Field = Literal[
+    "magnitude",
+    "von_mises",
+    "signed_von_mises",
+    "tresca",
+    "principal_1",
+    "principal_2",
+    "principal_3",
+    "stress_xx",
+    "stress_yy",
+    "stress_zz",
+    "stress_xy",
+    "stress_yz",
+    "stress_xz",
+    "energy_density",
+    "element_mean",
+    "criterion",
+    "level",
+]
+FIELDS: tuple[Field, ...] = get_args(Field)
+_COMPONENTS = ("stress_xx", "stress_yy", "stress_zz", "stress_xy", "stress_yz", "stress_xz")
+_PRINCIPAL = ("principal_1", "principal_2", "principal_3")
+OF_STRESS = frozenset(
+    ("von_mises", "signed_von_mises", "tresca", "energy_density", *_PRINCIPAL, *_COMPONENTS)
+)
+
+TITLES: dict[str, str] = {
+    "magnitude": "displacement",
+    "von_mises": "von Mises stress",
+    "signed_von_mises": "von Mises stress, signed",
+    "tresca": "Tresca stress",
+    "principal_1": "largest principal stress",
+    "principal_2": "middle principal stress",
+    "principal_3": "smallest principal stress",
+    **{name: name.replace("_", " ") for name in _COMPONENTS},
+    "energy_density": "strain energy density",
+    "element_mean": "von Mises stress, element mean, signed",
+    "criterion": "criterion",
+    "level": "level",
+}
+
+
+def point_fields(model: Model, results: Results) -> dict[str, Array]:
+    """What the solver left per node: displacement (n, 3), magnitude, element mean, criterion.
+
+    The element mean is von Mises stress averaged over each element and then over the elements at a
+    node, with the sign of the mean stress: smoother than the stress, and too low on surfaces. The
+    criterion is NaN at nodes without a design point, and missing in a model without any; the
+    displacement is missing where the solve was too poor to leave one.
+    """
+    assert model.node_tp_index is not None
+    _require_fitting(model, results)
+    fields = {"magnitude": results.magnitude, "element_mean": results.stress}
+    chosen = model.node_tp_index > 0
+    if chosen.any():
+        criterion = np.full(len(model.nodes), np.nan, np.float32)
+        criterion[chosen] = results.criterion[model.node_tp_index[chosen] - 1]
+        fields["criterion"] = criterion
+    if results.displacements is not None:
+        fields["displacement"] = results.displacements
+    return fields
+
+
+def _require_fitting(model: Model, results: Results) -> None:
+    """ValueError where results belong to another model."""
+    nodes, elements = len(model.nodes), len(model.elements)
+    for values, count, what in (
+        (results.criterion, len(model.tp), "criterion values"),
+        (results.stress, nodes, "stresses"),
+        (results.magnitude, nodes, "magnitudes"),
+        (results.displacements, nodes, "displacements"),
+        (results.element_state, elements, "element states"),
+    ):
+        if values is not None and len(values) != count:
+            text = f"load case {results.number} has {len(values)} {what}, the model has {count}"
+            raise ValueError(text)
+    assert model.node_tp_index is not None
+    if (model.node_tp_index > len(model.tp)).any():
+        raise ValueError(f"a node names a design point above {len(model.tp)}")
+
+
+def stress_fields(model: Model, results: Results) -> dict[str, Array]:
+    """Recovered stresses per node, float32, NaN outside the part; none where the solve was poor.
+
+    "stress" (n, 6) in the order xx, yy, zz, xy, yz, xz, "principal" (n, 3) from the largest down,
+    equivalents and the strain energy density.
+    """
+    if not stress.has_stress(results):
+        return {}
+    found = stress.nodal_stress(stress.solution_of(model, results)).merged()
+    principal = stress.principal(found.stress)
+    fields = {
+        "stress": found.stress,
+        "principal": principal,
+        "von_mises": stress.von_mises(found.stress),
+        "signed_von_mises": stress.signed_von_mises(found.stress),
+        "tresca": stress.tresca(principal),
+        "energy_density": found.energy,
+    }
+    return {name: values.astype(np.float32) for name, values in fields.items()}
+
+
+def shown_fields(model: Model, results: Results, field: str) -> dict[str, Array]:
+    """What a picture of one field needs; ValueError where the load case doesn't have it."""
+    fields = point_fields(model, results)
+    if field in OF_STRESS:
+        # Says itself why there is none.
+        recovered = stress.nodal_stress(stress.solution_of(model, results)).merged()
+        fields[field] = _scalar(recovered, field)
+    if field != "level" and field not in fields:
+        raise ValueError(f"load case {results.number} has no {field}: there are no design points")
+    return fields
+
+
+def _scalar(found: stress.MaterialStress, field: str) -> Array:
+    """One field of recovered stresses."""
+    if field in _COMPONENTS:
+        component: Array = found.stress[:, _COMPONENTS.index(field)]
+        return component
+    if field in ("von_mises", "signed_von_mises"):
+        return getattr(stress, field)(found.stress)  # type: ignore[no-any-return]
+    if field == "energy_density":
+        return found.energy
+    principal = stress.principal(found.stress)
+    if field == "tresca":
+        return stress.tresca(principal)
+    value: Array = principal[:, _PRINCIPAL.index(field)]
+    return value
