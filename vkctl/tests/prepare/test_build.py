@@ -275,6 +275,7 @@ def test_materials_flags_options_and_level_survive_the_files(block: Path, tmp_pa
     kind = "compression_only"
     E = 10
     nu = 0.45
+    yield_stress = 3
     elements = "pad"
     [materials.soft]
     kind = "yielding"

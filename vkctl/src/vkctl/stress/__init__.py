@@ -10,11 +10,13 @@ from .measures import (
 )
 from .nodal import MaterialStress, NodalStress, nodal_stress
 from .points import element_means, integration_points
+from .safety import Safety, safety
 from .solution import Solution, has_stress, read_solution, solution_of
 
 __all__ = [
     "MaterialStress",
     "NodalStress",
+    "Safety",
     "Solution",
     "element_means",
     "has_stress",
@@ -24,6 +26,7 @@ __all__ = [
     "principal",
     "principal_directions",
     "read_solution",
+    "safety",
     "signed_von_mises",
     "solution_of",
     "tresca",

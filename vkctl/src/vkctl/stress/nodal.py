@@ -47,6 +47,7 @@ class MaterialStress:
     nodes: Array  # (k,) numbers, ascending
     stress: Array  # (k, 6): xx, yy, zz, xy, yz, xz
     energy: Array  # (k,) strain energy densities
+    inside: Array  # bool (k,): not just beyond the part's surface
 
 
 @dataclass(frozen=True)
@@ -63,6 +64,7 @@ class NodalStress:
         """
         stress = np.full((self.count, 6), np.nan)
         energy = np.full(self.count, np.nan)
+        inside = np.zeros(self.count, np.bool_)
         highest = np.full(self.count, -1.0)
         for part in self.parts:
             equivalent = von_mises(part.stress)
@@ -70,7 +72,8 @@ class NodalStress:
             taken = equivalent > highest[place]
             highest[place[taken]] = equivalent[taken]
             stress[place[taken]], energy[place[taken]] = part.stress[taken], part.energy[taken]
-        return MaterialStress(0, np.arange(1, self.count + 1), stress, energy)
+            inside[place] |= part.inside
+        return MaterialStress(0, np.arange(1, self.count + 1), stress, energy, inside)
 
 
 def nodal_stress(solution: Solution) -> NodalStress:
@@ -84,7 +87,8 @@ def nodal_stress(solution: Solution) -> NodalStress:
         stress = _recovered(solution, region)
         factors = _nodal_factors(solution, region)
         energy = energy_densities(solution.laws, int(material), stress, factors)
-        parts.append(MaterialStress(int(material), region.nodes, stress, energy))
+        inside = _inside(solution, region)
+        parts.append(MaterialStress(int(material), region.nodes, stress, energy, inside))
     return NodalStress(len(solution.nodes), parts)
 
 
@@ -105,6 +109,19 @@ def _present(solution: Solution) -> tuple[Array, Array]:
         whole[cut - 1] = shares[cut - 1] > HALF
     margin = NEAREST_LEVEL * np.abs(solution.levels).max(initial=0.0)
     return whole, solution.active & (highest > -margin) & ~whole
+
+
+def _inside(solution: Solution, region: Region) -> Array:
+    """Mask of the nodes of a region at which an element has no negative level."""
+    if (solution.levels >= 0).all():
+        return np.ones(len(region.nodes), np.bool_)
+    inside = np.zeros(len(region.nodes), np.bool_)
+    for code, (numbers, rows) in region.tables.items():
+        levels = element_levels(solution, code, numbers)
+        if code == TET10:
+            levels = np.concatenate((levels, levels[:, TET10_EDGES].mean(axis=2)), axis=1)
+        inside[rows[levels >= 0]] = True
+    return inside
 
 
 def _region(solution: Solution, chosen: Array, whole: Array) -> Region:
@@ -268,6 +285,8 @@ def _take_means(found: Array, region: Region) -> None:
 
 def _nodal_factors(solution: Solution, region: Region) -> Array:
     """Mean factor on the law of the elements at each node of a region."""
+    if (solution.factors == 1).all():
+        return np.ones(len(region.nodes))
     total, counts = np.zeros(len(region.nodes)), np.zeros(len(region.nodes))
     for code, (numbers, rows) in region.tables.items():
         mask = region.sampled[code]

@@ -17,8 +17,9 @@ _NO_TRIPLE = (0.0, 0.0, 0.0)
 class Material:
     """One material. The classmethods set the flags of its kind; other fields keep defaults.
 
-    `limit_stress` scales the response criteria; `yield_stress` and `hardening_ratio` (slope above
-    yield relative to the elastic slope) belong to yielding materials. The triples are those of
+    `limit_stress` scales the response criteria. Safety is measured against `yield_stress`, of any
+    isotropic kind; by it and `hardening_ratio` (slope above yield relative to the elastic slope)
+    yielding materials soften. The triples are those of
     orthotropic materials: moduli E1, E2, E3, Poisson ratios Nu12, Nu13, Nu23, shear moduli G12,
     G13, G23, expansion coefficients in x, y, z. `initial_strain` is isotropic for every kind.
     """

@@ -37,7 +37,11 @@ def _isotropic(kind: str, table: Table) -> Material:
         ratio = table.number("hardening_ratio", 0.001, least=0, most=1)
         return Material.yielding(e, nu, strength, hardening_ratio=ratio, expansion=expansion)
     make = Material.compression_only if kind == "compression_only" else Material.isotropic
-    return make(e, nu, expansion=expansion)
+    material = make(e, nu, expansion=expansion)
+    if table.has("yield_stress"):
+        # Nothing softens by it: what safety is measured against.
+        material.yield_stress = table.number("yield_stress", above=0)
+    return material
 
 
 def _orthotropic(table: Table) -> Material:
