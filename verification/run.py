@@ -30,6 +30,7 @@ CASES = (
     "thick_cylinder",
     "thick_sphere",
     "cantilever",
+    "nodal_stress",
     "torsion",
     "heating",
     "orthotropic",

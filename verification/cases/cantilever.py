@@ -9,7 +9,7 @@ from support.mesh import NAMES, TYPES, Mesh, block, faces_where, model
 from support.page import Check, Result, compare
 
 from vkctl.basics.types import Array
-from vkctl.directory.model import LoadCase, prescribed
+from vkctl.directory.model import LoadCase, Model, prescribed
 from vkctl.shapes.topology import HEX8, TET4, TET10
 
 E, LENGTH, DEPTH, WIDTH, FORCE = 1000.0, 8.0, 2.0, 1.0, 1.0  # Poisson's ratio 0
@@ -33,7 +33,7 @@ def exact(x: Array) -> Array:
     return np.stack((along, down, np.zeros_like(a)), axis=-1)
 
 
-def solved(code: int, cells: tuple[int, int, int]) -> tuple[Mesh, Array]:
+def posed(code: int, cells: tuple[int, int, int]) -> tuple[Mesh, Model]:
     mesh = block(code, cells, lambda g: (g - [0, 0.5, 0]) * [LENGTH, DEPTH, WIDTH])
     root = mesh.where(lambda x, y, z: x < 1e-5)
     tip = faces_where(mesh, lambda x, y, z: x > LENGTH - 1e-5)
@@ -44,7 +44,12 @@ def solved(code: int, cells: tuple[int, int, int]) -> tuple[Mesh, Array]:
 
     case = LoadCase(constraints=prescribed(root + 1, "xyz", exact(mesh.nodes[root])))
     push(case, fem.face_load(mesh, tip, shear))
-    return mesh, solver.solve(model(mesh, [solver.solid(E, 0.0)], [case]))[0].u
+    return mesh, model(mesh, [solver.solid(E, 0.0)], [case])
+
+
+def solved(code: int, cells: tuple[int, int, int]) -> tuple[Mesh, Array]:
+    mesh, part = posed(code, cells)
+    return mesh, solver.solve(part)[0].u
 
 
 def beam_tip(mesh: Mesh, u: Array) -> float:

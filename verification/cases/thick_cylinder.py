@@ -10,7 +10,7 @@ from support.page import Result, compare
 from support.recovery import level
 
 from vkctl.basics.types import Array
-from vkctl.directory.model import LoadCase
+from vkctl.directory.model import LoadCase, Model
 from vkctl.shapes.topology import HEX8, TET4, TET10
 
 E, NU, INNER, OUTER, PRESSURE = 1000.0, 0.3, 1.0, 2.0, 10.0
@@ -37,7 +37,7 @@ def radial(r: float) -> float:
 HOOP = PRESSURE * (OUTER**2 + INNER**2) / (OUTER**2 - INNER**2)
 
 
-def solved(code: int, cells: tuple[int, int, int]) -> tuple[Mesh, Array]:
+def posed(code: int, cells: tuple[int, int, int]) -> tuple[Mesh, Model]:
     mesh = block(code, cells, quarter)
     bore = faces_where(mesh, lambda x, y, z: np.hypot(x, y) < INNER + 1e-5)
     case = LoadCase()
@@ -45,7 +45,12 @@ def solved(code: int, cells: tuple[int, int, int]) -> tuple[Mesh, Array]:
     hold(case, mesh, "y", lambda x, y, z: y < 1e-5)
     hold(case, mesh, "z", lambda x, y, z: (z < 1e-5) | (z > 0.25 - 1e-5))
     push(case, fem.face_load(mesh, bore, fem.pressure(PRESSURE)))
-    return mesh, solver.solve(model(mesh, [solver.solid(E, NU)], [case]))[0].u
+    return mesh, model(mesh, [solver.solid(E, NU)], [case])
+
+
+def solved(code: int, cells: tuple[int, int, int]) -> tuple[Mesh, Array]:
+    mesh, part = posed(code, cells)
+    return mesh, solver.solve(part)[0].u
 
 
 def mean_radial(mesh: Mesh, u: Array) -> float:

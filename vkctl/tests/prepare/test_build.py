@@ -316,6 +316,7 @@ def test_materials_flags_options_and_level_survive_the_files(block: Path, tmp_pa
     read = model.read(tmp_path / DIRECTORY)
     assert [m.name for m in read.materials] == ["steel", "rubber", "soft", "wood"]
     assert [m.flags for m in read.materials] == [1 << 8, 1 << 10, 1 << 9, 1 << 11]
+    assert [m.yield_stress for m in read.materials] == [0, 3, 200, 0]
     assert read.materials[2].limit_stress == 150 and read.materials[3].moduli[0] == 12000
     assert np.bincount(read.elements.materials).tolist() == [0, 12, 6, 6, 12]
     assert read.element_flags is not None and read.node_flags is not None

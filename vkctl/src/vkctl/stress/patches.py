@@ -117,15 +117,23 @@ def fit_patches(solution: Solution, region: Region) -> Patches:
 def _moments(x: Array, stress: Array, upper: tuple[Array, Array]) -> Array:
     """Sums over an element's samples, for each of its nodes: (m * c, columns)."""
     m, c, s, t = x.shape
-    products = x.transpose(0, 1, 3, 2) @ x
-    parts = (
-        np.full((m, c, 1), float(s)),
-        x.sum(axis=2),
-        products[..., upper[0], upper[1]],
-        np.broadcast_to(stress.sum(axis=1)[:, None], (m, c, 6)),
-        (x.transpose(0, 1, 3, 2) @ stress[:, None]).reshape(m, c, 6 * t),
-    )
-    return np.concatenate(parts, axis=2).reshape(m * c, -1)
+    squares = 1 + t + len(upper[0])  # where they end
+    found = np.empty((m, c, squares + 6 + 6 * t))
+    found[..., 0] = s
+    found[..., squares : squares + 6] = stress.sum(axis=1)[:, None]
+    with_stress = found[..., squares + 6 :].reshape(m, c, t, 6)  # a view
+    if s == 1:
+        only = x[:, :, 0]
+        found[..., 1 : 1 + t] = only
+        for column, (i, j) in enumerate(zip(*upper, strict=True), 1 + t):
+            np.multiply(only[..., i], only[..., j], out=found[..., column])
+        np.multiply(only[..., None], stress[:, :, None], out=with_stress)
+    else:
+        turned = x.transpose(0, 1, 3, 2)
+        found[..., 1 : 1 + t] = x.sum(axis=2)
+        found[..., 1 + t : squares] = (turned @ x)[..., upper[0], upper[1]]
+        np.matmul(turned, stress[:, None], out=with_stress)
+    return found.reshape(m * c, -1)
 
 
 def _add(sums: Array, nodes: Array, values: Array) -> None:

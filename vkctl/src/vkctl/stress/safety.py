@@ -49,18 +49,12 @@ def safety(model: Model, found: NodalStress, nodes: npt.ArrayLike | None = None)
     for part in found.parts:
         material = model.materials[part.material - 1]
         if _has_strength(material):
-            place, largest = _largest(part, chosen)
-            if place:
-                x, y, z = model.nodes[place - 1].tolist()
+            node, largest = _largest(part, chosen)
+            if node:
+                x, y, z = model.nodes[node - 1].tolist()
+                strength = material.yield_stress
                 least.append(
-                    Safety(
-                        part.material,
-                        material.name,
-                        material.yield_stress,
-                        largest,
-                        place,
-                        (x, y, z),
-                    )
+                    Safety(part.material, material.name, strength, largest, node, (x, y, z))
                 )
     return least
 
