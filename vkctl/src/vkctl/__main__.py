@@ -23,8 +23,9 @@ def main() -> None:
         if hasattr(stream, "reconfigure"):
             stream.reconfigure(errors="backslashreplace")  # names may hold any byte
     arguments = sys.argv[1:]
-    if "--debug" in arguments:  # wherever it stands
-        arguments = ["--debug", *(word for word in arguments if word != "--debug")]
+    for switch in ("--debug", "--quiet"):
+        if switch in arguments:  # wherever it stands
+            arguments = [switch, *(word for word in arguments if word != switch)]
     try:
         with guarded():
             app(args=arguments, prog_name="vkctl")

@@ -1,30 +1,81 @@
-"""The command `vkctl`."""
+"""The command `vkctl`.
+
+A command's module is loaded when it is called: most take a while, for numpy, scipy and their like.
+"""
 
 from __future__ import annotations
 
-from typing import Annotated
+from importlib import import_module
+from typing import Annotated, Any
 
 import typer
+from typer.core import TyperCommand, TyperGroup
 
 from . import __version__
-from .commands.box import box_command
-from .commands.check import check_command
-from .commands.demo import demo_command
-from .commands.diff import diff_command
-from .commands.export import export_command
-from .commands.new import new_command
-from .commands.optimise import optimise_command
-from .commands.plot import plot_command
-from .commands.run import run_command
-from .commands.summary import summary_command
-from .commands.watch import watch_command
 from .terminal.declare import declared
 from .terminal.last_resort import show_details
 from .terminal.optional_value import SettleCommand
+from .terminal.output import be_quiet
+
+# Each command, in `commands/NAME.py`, with the first sentence of its own help.
+COMMANDS = {
+    "box": "Write a box, clamped on the side x- and loaded on the side x+.",
+    "demo": "Write the cantilever of the quick start, solve it and draw it.",
+    "summary": "Tell in a few lines what the log and the results of a directory say.",
+    "new": "Write the working directory of a part under the loads of a case file.",
+    "run": "Run the solver on a directory and follow it.",
+    "watch": "Follow a run that something else started, until it ends.",
+    "check": "Say everything about a prepared directory that would fail or surprise.",
+    "diff": "Compare the results of two directories.",
+    "export": "Write results as .vtu or as a .pvd series over load cases, or the part as .stl.",
+    "plot": "Draw the deformed part, coloured by a field.",
+    "optimise": "Optimise the part for stiffness; started again, it goes on where it stopped.",
+}
+_CLASSES: dict[str, type[TyperCommand]] = {"run": SettleCommand}
+
+
+def load(name: str) -> Any:
+    """The command of a name, its module loaded."""
+    module = import_module(f"{__package__}.commands.{name}")
+    alone = typer.Typer(add_completion=False)
+    function = getattr(module, f"{name}_command")
+    alone.command(name, cls=_CLASSES.get(name))(declared(function))
+    return typer.main.get_command(alone)
+
+
+class _Commands(TyperGroup):
+    """The commands by name; a list of them takes only what is told of them here."""
+
+    is_listing = False
+
+    def list_commands(self, ctx: Any) -> list[str]:
+        return list(COMMANDS)
+
+    def get_command(self, ctx: Any, cmd_name: str) -> Any:
+        if cmd_name not in COMMANDS:
+            return None
+        if self.is_listing:
+            return TyperCommand(cmd_name, help=COMMANDS[cmd_name])
+        return load(cmd_name)
+
+    def format_help(self, ctx: Any, formatter: Any) -> None:
+        self.is_listing = True
+        try:
+            super().format_help(ctx, formatter)
+        finally:
+            self.is_listing = False
+
+    def shell_complete(self, ctx: Any, incomplete: str) -> Any:
+        self.is_listing = True
+        try:
+            return super().shell_complete(ctx, incomplete)
+        finally:
+            self.is_listing = False
+
 
 app = typer.Typer(
+    cls=_Commands,
     no_args_is_help=True,
-    add_completion=False,
     pretty_exceptions_enable=False,
     help="Prepares working directories for vk_rund and reads its results.",
 )
@@ -43,23 +94,16 @@ def _without_command(
             ..., "--version", callback=_print_version, is_eager=True, help="Show the version."
         ),
     ] = False,
+    quiet: Annotated[
+        bool, typer.Option(..., "--quiet", help="Print nothing but refusals and JSON.")
+    ] = False,
     debug: Annotated[
         bool, typer.Option(..., "--debug", help="Show where an unexpected failure comes from.")
     ] = False,
 ) -> None:
     """What `vkctl` takes before a command."""
     show_details(debug)
+    be_quiet(quiet)
 
 
 app.callback()(declared(_without_command))
-app.command("box")(declared(box_command))
-app.command("demo")(declared(demo_command))
-app.command("summary")(declared(summary_command))
-app.command("new")(declared(new_command))
-app.command("run", cls=SettleCommand)(declared(run_command))
-app.command("watch")(declared(watch_command))
-app.command("check")(declared(check_command))
-app.command("diff")(declared(diff_command))
-app.command("export")(declared(export_command))
-app.command("plot")(declared(plot_command))
-app.command("optimise")(declared(optimise_command))

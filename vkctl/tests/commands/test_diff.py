@@ -1,5 +1,7 @@
 """Comparing results: tolerances by quantity, worst places, and what can't be compared."""
 
+import json
+
 import pytest
 from results_on_disk import change
 from typer.testing import CliRunner
@@ -18,6 +20,8 @@ def test_the_command_tells_equality_difference_and_impossibility_by_its_status(p
     assert other.exit_code == 1
     assert "load case 1, stress: 1 of 16 nodes differ, at most by 0.03" in other.output
     assert "worst: node 16 at (" in other.output
+    told = json.loads(runner.invoke(app, ["diff", first, second, "--json"]).stdout)
+    assert told["equal"] is False and told["differences"][0]["worst"][0]["number"] == 16
     assert runner.invoke(app, ["diff", first, second, "--rtol", "stress=0.02"]).exit_code == 0
     wide = ["--rtol", "0.02", "--rtol", "stress=1e-3"]
     assert runner.invoke(app, ["diff", first, second, *wide]).exit_code == 1

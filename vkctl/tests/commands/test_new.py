@@ -2,13 +2,18 @@
 
 from __future__ import annotations
 
+import io
 from pathlib import Path
 
+import pytest
 from new_parts import case_file
+from rich.console import Console
 from typer.testing import CliRunner
 
 from vkctl.cli import app
+from vkctl.commands.new import cleaned_sums, show_cases
 from vkctl.directory import model
+from vkctl.prepare import build
 
 DIRECTORY = "run"
 
@@ -30,3 +35,33 @@ def test_the_command_writes_lists_sets_and_tells_mistakes(block: Path, tmp_path:
     gone = runner.invoke(app, ["new", "gone.msh", cases, str(directory)])
     assert gone.exit_code == 2 and "gone.msh: no such file" in gone.output
     assert runner.invoke(app, ["new", str(block), cases]).exit_code == 2
+
+
+LONG = "a load case with a name that takes half of a line of the terminal"
+
+
+@pytest.mark.parametrize("width", [60, 80, 200])
+def test_names_and_numbers_of_load_cases_are_whole_on_terminals_of_any_width(
+    block: Path, tmp_path: Path, width: int
+) -> None:
+    loads = '[loads.f]\ntype = "force"\nset = "tip"\nvalue = [-1.2345e-7, 2.3456e-7, -5.6789e7]\n'
+    entries = "".join(f'[[load_case]]\nname = "{name}"\nloads = ["f"]\n' for name in ("a", LONG))
+    cases = case_file(tmp_path, loads + '[node_sets.tip]\nwhere = "x > 3.9"\n' + entries)
+    shown = io.StringIO()
+    show_cases(Console(file=shown, width=width), build(block, cases))
+    lines = shown.getvalue().splitlines()
+    assert any(LONG in line for line in lines)
+    assert sum("-5.679e+07" in line for line in lines) == 2
+    assert "\u2026" not in shown.getvalue()
+
+
+def test_forces_that_cancel_each_other_sum_up_to_nothing(block: Path, tmp_path: Path) -> None:
+    loads = (
+        '[loads.f]\ntype = "force"\nset = "a"\nvalue = [0.1, 0.7, 0.3]\n'
+        '[loads.g]\ntype = "force"\nset = "b"\nvalue = [-0.1, -0.7, -0.3]\n'
+        '[node_sets.a]\nwhere = "x > 3.9 and z > 0.9"\n'
+        '[node_sets.b]\nwhere = "x > 3.9 and y > 0.9"\n'
+    )
+    prepared = build(block, case_file(tmp_path, loads))
+    assert prepared.resultants[0][:3].any()  # noise of the numbers' precision
+    assert not cleaned_sums(prepared, 1)[:3].any()

@@ -176,3 +176,12 @@ def test_a_missing_file_and_one_that_is_no_text_are_told(tmp_path: Path) -> None
     (tmp_path / "binary.toml").write_bytes(b"\xff\xfe")
     with pytest.raises(CaseFileError, match="isn't UTF-8"):
         read_cases(tmp_path / "binary.toml")
+
+
+def test_a_byte_order_mark_is_passed_over(tmp_path: Path) -> None:
+    path = tmp_path / "good.toml"
+    path.write_bytes(b"\xef\xbb\xbf" + GOOD.encode())
+    assert read_cases(path).part == "plate.msh"
+    path.write_bytes(b"\xef\xbb\xbf\n" + GOOD.replace("part =", "prat =", 1).encode())
+    with pytest.raises(CaseFileError, match="prat"):
+        read_cases(path)

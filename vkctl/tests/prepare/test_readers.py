@@ -190,8 +190,16 @@ def test_a_deck_with_one_instance_is_read_and_its_reference_point_left_out(tmp_p
         ("*NSET, NSET=N\nNOSET\n", "names 'NOSET', which isn't a set"),
         ("*INCLUDE, INPUT=gone.inc\n", "gone.inc: can't be read"),
         ("*SYSTEM\n0., 0., 1.\n", r"\*SYSTEM moves nodes"),
-        ("*SURFACE, NAME=S\nNOSET, S1\n", "names 'NOSET', which holds no elements"),
-        ("*SURFACE, NAME=S\nONE, S6\n", "'ONE' has no side S6"),
+        ("*SURFACE, NAME=S\nNOSET, S1\n", "S names 'NOSET', which is no element set"),
+        ("*SURFACE, NAME=S\nONN, S1\n", "which is no element set; did you mean 'ONE'"),
+        ("*NSET, NSET=N\n1\n*SURFACE, NAME=S\nN, S1\n", "'N', which is a set of nodes"),
+        ("*ELSET, ELSET=E\n7777\n*SURFACE, NAME=S\nE, S1\n", "'E', which holds no elements"),
+        ("*SURFACE, NAME=S\n7777, S1\n", "S names element 7777, which the deck doesn't have"),
+        (
+            "*ELEMENT, TYPE=C3D6\n21, 1, 2, 3, 1, 2, 3\n*SURFACE, NAME=S\n21, S1\n",
+            "element 21, which the deck doesn't have .*elements of type C3D6",
+        ),
+        ("*SURFACE, NAME=S\nONE, S6\n", r"of 'ONE' has no side S6, its sides are S1 to S4"),
     ],
 )
 def test_what_a_deck_may_not_hold_is_told(tmp_path: Path, block: str, words: str) -> None:

@@ -239,7 +239,7 @@ def test_a_pipe_is_no_file_that_can_be_included(tmp_path: Path) -> None:
         ("*NODE\n99, 1e300, 0, 0\n*ELEMENT, TYPE=C3D4\n9, 1, 2, 3, 99\n", "too large for 32-bit"),
         ("*NSET, NSET=A\n\xb2\n", "isn't a set"),
         ("*ELEMENT, TYPE=C3D4\n99999999999999999999999, 1, 2, 3, 4\n" * 2, "occur twice"),
-        ("*SURFACE, NAME=S\n" + "9" * 30 + ", S1\n", "holds no elements"),
+        ("*SURFACE, NAME=S\n" + "9" * 30 + ", S1\n", "is no element set"),
     ],
 )
 def test_numbers_beyond_reason_are_told(tmp_path: Path, text: str, words: str) -> None:

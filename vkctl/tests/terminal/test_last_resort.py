@@ -48,7 +48,7 @@ def test_debug_shows_where_a_failure_comes_from_and_lasts_no_longer(monkeypatch)
     ("error", "status", "words"),
     [
         (MemoryError(), 2, "There is not enough memory for this.\n"),
-        (OSError(28, "No space left on device"), 2, "[Errno 28] No space left on device\n"),
+        (OSError(28, "No space left on device"), 2, "There is no space left on the disk.\n"),
         (KeyboardInterrupt(), 130, "Interrupted.\n"),
     ],
 )
@@ -74,7 +74,7 @@ def test_output_onto_a_full_disk_is_told_in_a_line(tmp_path):
     with open("/dev/full", "w") as full:
         shown = subprocess.run(command, stdout=full, stderr=subprocess.PIPE, timeout=60)
     assert shown.returncode == 2
-    assert shown.stderr == b"[Errno 28] No space left on device\n"
+    assert shown.stderr == b"There is no space left on the disk.\n"
 
 
 def test_names_of_any_bytes_can_be_told_and_debug_may_stand_anywhere(tmp_path):
@@ -113,3 +113,17 @@ def test_an_interrupt_ends_the_program_from_its_first_moment_on_without_a_traceb
     _, words = process.communicate(timeout=60)
     assert process.returncode == 130
     assert words in (b"Interrupted.\n", b"Interrupted: the run goes on.\n")
+
+
+def test_a_quiet_command_tells_no_more_than_refusals_and_its_status(tmp_path):
+    small_box(tmp_path / "d")
+    quiet = subprocess.run(
+        [*VKCTL, "check", str(tmp_path / "d"), "--quiet"], capture_output=True, timeout=60
+    )
+    loud = subprocess.run([*VKCTL, "check", str(tmp_path / "d")], capture_output=True, timeout=60)
+    assert quiet.returncode == loud.returncode
+    assert (quiet.stdout, quiet.stderr) == (b"", b"") and loud.stdout != b""
+    shown = runner.invoke(app, ["--quiet", "summary", str(tmp_path / "gone")])
+    assert shown.exit_code == 2 and "isn't there" in shown.stderr
+    told = runner.invoke(app, ["--quiet", "check", "--json", str(tmp_path / "d")])
+    assert told.stdout.startswith("{")

@@ -10,8 +10,6 @@ from collections.abc import Iterator
 from dataclasses import dataclass
 
 import numpy as np
-from scipy import sparse
-from scipy.sparse import csgraph
 
 from vkctl.basics.types import Array
 from vkctl.basics.words import counted
@@ -38,6 +36,9 @@ class Pieces:
 
 def find_pieces(mesh: ActiveMesh) -> Pieces:
     """Pieces of the active elements."""
+    from scipy import sparse
+    from scipy.sparse import csgraph
+
     keys, elements, first = [], [], 0
     for code, (_, rows) in mesh.blocks.items():
         corners = HEX8_FACES if code == HEX8 else TET4_FACES

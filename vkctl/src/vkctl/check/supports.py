@@ -6,8 +6,6 @@ from collections.abc import Iterator
 from dataclasses import dataclass
 
 import numpy as np
-from scipy import sparse
-from scipy.sparse import csgraph
 
 from vkctl.basics.types import Array
 from vkctl.basics.words import called, counted
@@ -35,6 +33,9 @@ class Parts:
 
 def find_parts(mesh: ActiveMesh) -> Parts:
     """Connected parts of the active elements, the largest first."""
+    from scipy import sparse
+    from scipy.sparse import csgraph
+
     count = len(mesh.nodes)
     pairs = [
         (np.repeat(rows[:, 0] - 1, rows.shape[1] - 1), rows[:, 1:].ravel() - 1)

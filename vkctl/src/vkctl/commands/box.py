@@ -5,10 +5,10 @@ from __future__ import annotations
 from typing import Annotated
 
 import typer
-from rich.console import Console
 
 from vkctl.directory import model
 from vkctl.shapes import boxes
+from vkctl.terminal import output
 from vkctl.terminal.arguments import Directory
 from vkctl.terminal.refusal import refuse, refusing
 
@@ -43,6 +43,6 @@ def box_command(
     )
     with refusing(ValueError):
         model.write(whole, directory)
-    Console(highlight=False).print(
+    output.console().print(
         f"{len(part.nodes)} nodes and {len(part.elements)} elements in {directory}"
     )

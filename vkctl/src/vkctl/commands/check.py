@@ -13,6 +13,7 @@ from rich.text import Text
 from vkctl.basics.words import counted
 from vkctl.check import Finding, Report, check
 from vkctl.check.findings import SEVERITIES
+from vkctl.terminal import output
 from vkctl.terminal.display import clock
 from vkctl.terminal.refusal import refusing
 
@@ -60,7 +61,7 @@ def check_command(
     if as_json:
         typer.echo(json.dumps(report.as_dict(), indent=2))
         raise typer.Exit(report.status)
-    console = Console(highlight=False)
+    console = output.console()
     for finding in report.findings:
         _show(console, finding)
     for line in (

@@ -10,10 +10,12 @@ import typer
 from rich.console import Console
 
 from vkctl.basics.extras import MissingPartError
+from vkctl.basics.failures import reason
 from vkctl.directory import formats
 from vkctl.directory.summary import summary
 from vkctl.prepare.cantilever import write_cantilever
 from vkctl.running.run import NotFoundError, find_vk_rund
+from vkctl.terminal import output
 from vkctl.terminal.arguments import Directory
 from vkctl.terminal.refusal import refuse, refusing
 from vkctl.view.deformed import picture
@@ -28,7 +30,7 @@ def demo_command(
     ] = None,
 ) -> None:
     """Write the cantilever of the quick start, solve it and draw it."""
-    console = Console(highlight=False)
+    console = output.console()
     with refusing():
         write_cantilever(directory)
     console.print(f"cantilever written to {directory}")
@@ -52,7 +54,7 @@ def _solve(program: Path, directory: Path, console: Console) -> None:
     try:
         status = subprocess.run([program, directory.resolve()], check=False).returncode
     except OSError as error:
-        raise refuse(f"cannot run {program}: {error.strerror}") from None
+        raise refuse(f"cannot run {program}: {reason(error)}") from None
     if Path(directory, formats.LOG_FILE).exists():
         with refusing():
             text = summary(directory)

@@ -2,14 +2,16 @@
 
 from __future__ import annotations
 
+from dataclasses import asdict
 from pathlib import Path
 from typing import Annotated
 
 import typer
-from rich.console import Console
 
 from vkctl.basics.words import counted
 from vkctl.directory.compare import ATOL, QUANTITIES, RTOL, CannotCompareError, diff
+from vkctl.terminal import output
+from vkctl.terminal.arguments import AsJson
 from vkctl.terminal.refusal import refusing
 
 
@@ -41,6 +43,7 @@ def diff_command(
     signs: Annotated[
         bool, typer.Option(..., "--signs", help="compare stresses with signs")
     ] = False,
+    as_json: AsJson = False,
 ) -> None:
     """Compare the results of two directories.
 
@@ -48,9 +51,11 @@ def diff_command(
     """
     relative = _tolerances(rtol or [], RTOL, "--rtol")
     absolute = _tolerances(atol or [], ATOL, "--atol")
-    console = Console(highlight=False)
+    console = output.console(silent=as_json)
     with refusing(CannotCompareError):
         comparison = diff(first, second, rtol=relative, atol=absolute, signs=signs)
+    if as_json:
+        output.print_json({"equal": comparison.equal, **asdict(comparison)})
     for line in [*comparison.one_sided, *map(str, comparison.differences)]:
         console.print(line, markup=False, soft_wrap=True)
     cases = len(comparison.load_cases)

@@ -6,8 +6,8 @@ from pathlib import Path
 from typing import Annotated
 
 import typer
-from rich.console import Console
 
+from vkctl.terminal import output
 from vkctl.terminal.arguments import Case, Directory
 from vkctl.terminal.refusal import refusing
 
@@ -22,4 +22,4 @@ def export_command(
 
     with refusing(ValueError):
         files = export(directory, out, case)
-    Console(highlight=False).print(f"written: {', '.join(map(str, files))}", soft_wrap=True)
+    output.console().print(f"written: {', '.join(map(str, files))}", soft_wrap=True)

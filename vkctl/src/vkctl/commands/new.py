@@ -10,6 +10,7 @@ import numpy as np
 import typer
 from rich import box
 from rich.console import Console
+from rich.measure import Measurement
 from rich.table import Table
 from rich.text import Text
 
@@ -19,6 +20,7 @@ from vkctl.prepare.build import Prepared, build, put
 from vkctl.prepare.case_file.mistakes import CaseFileError
 from vkctl.prepare.mesh import PartMesh
 from vkctl.prepare.part import PartError
+from vkctl.terminal import output
 from vkctl.terminal.reading import (
     NoLimits,
     TerminatedError,
@@ -44,7 +46,7 @@ def new_command(
     no_limits: NoLimits = False,
 ) -> None:
     """Write the working directory of a part under the loads of a case file."""
-    console = Console(highlight=False)
+    console = output.console()
     if directory is None and not list_sets:
         raise typer.BadParameter("name the working directory, or give --list-sets")
     end = "nothing is written"
@@ -65,7 +67,7 @@ def new_command(
         console.print(sets_table(prepared))
     else:
         console.print(summary(prepared), markup=False, soft_wrap=True)
-        console.print(cases_table(prepared))
+        show_cases(console, prepared)
     for note in prepared.notes:
         console.print(f"note: {printable(note)}", markup=False, soft_wrap=True)
 
@@ -80,26 +82,56 @@ def summary(prepared: Prepared) -> str:
     )
 
 
-def cases_table(prepared: Prepared) -> Table:
-    """Load cases with the sums of their forces, to be compared with what was meant."""
+def show_cases(console: Console, prepared: Prepared) -> None:
+    """Load cases with the sums of their forces, to be compared with what was meant.
+
+    Where a line would be too long for the terminal, names and patterns have lines of their own.
+    """
+    whole, short = cases_table(prepared, names=True), cases_table(prepared, names=False)
+    if _width(console, whole) <= console.width:
+        console.print(whole)
+        return
+    before = console.width
+    console.width = max(before, _width(console, short))  # what is too long still is shown whole
+    console.print(short, crop=False)
+    console.width = before
+    for number, name, pattern in _titles(prepared):
+        line = f"{number} {printable(name)} (pattern {pattern})"
+        console.print(line, markup=False, soft_wrap=True)
+
+
+def _width(console: Console, table: Table) -> int:
+    return Measurement.get(console, console.options.update(max_width=10_000), table).maximum
+
+
+def _titles(prepared: Prepared) -> list[tuple[int, str, int]]:
+    pairs = zip(prepared.case_names, prepared.model.load_cases, strict=True)
+    return [(number, name, case.pattern) for number, (name, case) in enumerate(pairs, 1)]
+
+
+def cases_table(prepared: Prepared, names: bool) -> Table:
+    """Sums of each load case's forces and moments, beside its name or just its number."""
     table = Table(box=box.SIMPLE_HEAD, pad_edge=False)
-    table.add_column("load case")
-    for title in ("pattern", "Fx", "Fy", "Fz", "Mx", "My", "Mz"):
+    table.add_column("load case" if names else "", no_wrap=True)
+    for title in (*(["pattern"] if names else []), "Fx", "Fy", "Fz", "Mx", "My", "Mz"):
         table.add_column(title, justify="right", no_wrap=True)
-    for number, (name, case) in enumerate(
-        zip(prepared.case_names, prepared.model.load_cases, strict=True), 1
-    ):
-        sums = prepared.resultants[number - 1]
-        cells = [f"{value:.4g}" for value in _cleaned(sums, prepared)]
-        table.add_row(Text(printable(f"{number} {name}")), str(case.pattern), *cells)
+    for number, name, pattern in _titles(prepared):
+        cells = [f"{value:.4g}" for value in cleaned_sums(prepared, number)]
+        if names:
+            table.add_row(Text(printable(f"{number} {name}")), str(pattern), *cells)
+        else:
+            table.add_row(str(number), *cells)
     return table
 
 
-def _cleaned(sums: Array, prepared: Prepared) -> Array:
-    """Sums without the noise of cancelled forces."""
-    force = float(np.abs(sums[:3]).max())
+def cleaned_sums(prepared: Prepared, number: int) -> Array:
+    """Force and moment of a load case without the noise of nodal forces that cancel each other."""
+    case = prepared.model.load_cases[number - 1]
+    forces = np.concatenate((case.forces2["Force"], case.forces3["Force"])).astype(np.float64)
+    force = float(np.linalg.norm(forces, axis=1).sum())
     arm = float(np.abs(prepared.model.nodes).max(initial=0.0))
     noise = 1e-6 * np.repeat((force, force * arm), 3)
+    sums = prepared.resultants[number - 1]
     return np.where(np.abs(sums) < noise, 0.0, sums)
 
 

@@ -15,6 +15,7 @@ from rich.text import Text
 
 from vkctl.basics.extras import need
 from vkctl.running.progress import Progress
+from vkctl.terminal import output
 from vkctl.terminal.display import state_line
 from vkctl.terminal.reading import NoLimits, TrustScripts
 from vkctl.terminal.refusal import refuse, refusing
@@ -53,7 +54,7 @@ def optimise_command(
     from vkctl.prepare.part import PartError, Reading
     from vkctl.running.run import NotFoundError
 
-    console = Console(highlight=False)
+    console = output.console()
     with refusing():
         for name in ("pyvista", "matplotlib", "PIL") if pictures else ():
             need(name)

@@ -6,8 +6,8 @@ from pathlib import Path
 from typing import Annotated
 
 import typer
-from rich.console import Console
 
+from vkctl.terminal import output
 from vkctl.terminal.arguments import Case, Directory
 from vkctl.terminal.refusal import refuse, refusing
 
@@ -36,4 +36,4 @@ def plot_command(
         raise refuse(f"unknown field {field!r}: {', '.join(FIELDS)}")
     with refusing(ValueError):
         plot(directory, out, case, View(field=field, scale=scale, edges=edges))
-    Console(highlight=False).print(f"written: {out}", soft_wrap=True)
+    output.console().print(f"written: {out}", soft_wrap=True)

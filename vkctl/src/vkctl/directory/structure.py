@@ -7,14 +7,17 @@ holds for every load case and every choice of element flags.
 from __future__ import annotations
 
 from collections.abc import Sequence
+from typing import TYPE_CHECKING
 
 import numpy as np
 import numpy.typing as npt
-from scipy import sparse
 
 from vkctl.basics.types import Array
 
 from .formats import RawStructure
+
+if TYPE_CHECKING:
+    from scipy import sparse
 
 _NODES_PER_BLOCK = 1 << 16  # bounds the temporary index arrays of the expansion
 
@@ -27,6 +30,8 @@ def node_neighbours(num_nodes: int, tables: Sequence[npt.ArrayLike]) -> tuple[Ar
     the higher nodes that share an element with it. A node number outside the mesh raises
     ValueError.
     """
+    from scipy import sparse
+
     rows = [np.asarray(t, np.int32) for t in tables if len(np.asarray(t))]
     nodes = np.concatenate([t.ravel() for t in rows]) if rows else np.empty(0, np.int32)
     if nodes.size and (nodes.min() < 1 or nodes.max() > num_nodes):
@@ -43,6 +48,8 @@ def node_neighbours(num_nodes: int, tables: Sequence[npt.ArrayLike]) -> tuple[Ar
 
 def _upper_product(incidence: sparse.csr_matrix, num_nodes: int) -> tuple[Array, Array]:
     """Pattern of the sorted upper triangle of incidence^T incidence, in blocks of rows."""
+    from scipy import sparse
+
     transposed = incidence.T.tocsr()
     counts = np.zeros(num_nodes + 1, np.int64)
     pieces = []

@@ -2,8 +2,11 @@
 
 from __future__ import annotations
 
+from typing import Any
+
 from vkctl.basics.types import PathLike
 
+from .formats import MODES
 from .log import LoadCaseLog, digest, read_log
 from .results import read_results, solved
 
@@ -25,6 +28,45 @@ def summary(directory: PathLike) -> str:
     else:
         lines.append(f"the whole run took {run.seconds:.1f} s")
     return "\n".join(lines)
+
+
+def summary_values(directory: PathLike) -> dict[str, Any]:
+    """The same for programs."""
+    run = digest(read_log(directory))
+    return {
+        "log": {
+            "load_cases": [case_values(case) for case in run.load_cases],
+            "error": run.error,
+            "seconds": run.seconds,
+        },
+        "results": [_result_values(directory, number) for number in solved(directory)],
+    }
+
+
+def case_values(case: LoadCaseLog) -> dict[str, Any]:
+    """What the log tells of a load case."""
+    return {
+        "load_case": case.number,
+        "pattern": case.pattern,
+        "mode": {number: name for name, number in MODES.items()}.get(case.mode or 0),
+        "iterations": case.iterations,
+        "seconds": case.seconds,
+        "values": case.data,
+        "warnings": list(case.warnings),
+    }
+
+
+def _result_values(directory: PathLike, number: int) -> dict[str, Any]:
+    r = read_results(directory, number)
+    return {
+        "load_case": number,
+        "quality": r.quality,
+        "strain_energy": r.strain_energy,
+        "material_volume": r.material_volume,
+        "stress_norm": r.stress_norm,
+        "max_displacement": r.max_displacement,
+        "applied_load": list(r.applied_load),
+    }
 
 
 def _solver_words(case: LoadCaseLog) -> str:

@@ -232,7 +232,7 @@ def _model_digest(directory: Path) -> str:
 
 def _cases_digest(cases: PathLike) -> str:
     """Of what the case file says about the model."""
-    said = tomllib.loads(Path(cases).read_text(encoding="utf-8"))
+    said = tomllib.loads(Path(cases).read_text(encoding="utf-8-sig"))
     said.pop("optimise", None)
     return hashlib.sha256(json.dumps(said, sort_keys=True, default=str).encode()).hexdigest()
 

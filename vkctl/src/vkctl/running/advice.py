@@ -126,13 +126,12 @@ _MESSAGES: list[tuple[str, str, str]] = [
         "Is there space on the disk, and is the quota kept?",
     ),
 ]
-_COMPILED = [(re.compile(p + r"\Z"), s, h) for p, s, h in _MESSAGES]
 
 
 def explain_message(text: str) -> Advice:
     """Sentence and hint for the text of an error or warning line of the log."""
-    for pattern, sentence, hint in _COMPILED:
-        if match := pattern.match(text.strip()):
+    for pattern, sentence, hint in _MESSAGES:
+        if match := re.fullmatch(pattern, text.strip()):
             return Advice(sentence.format(*match.groups()), hint, text)
     return Advice(f"The solver reports: {text}", "", text)
 

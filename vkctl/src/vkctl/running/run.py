@@ -10,13 +10,14 @@ import signal
 import subprocess
 import tempfile
 import threading
-from collections.abc import Callable, Iterator
+from collections.abc import Callable, Iterator, Sequence
 from contextlib import contextmanager
 from dataclasses import dataclass, field
 from pathlib import Path
 from types import FrameType
 from typing import IO, Literal
 
+from vkctl.basics.failures import reason
 from vkctl.basics.types import PathLike
 from vkctl.directory import formats, lock
 from vkctl.directory.lock import BusyError as BusyError
@@ -139,11 +140,14 @@ def set_run_options(
     return changes
 
 
-def reopen(directory: PathLike) -> None:
-    """Ask anew for all load cases that take part in runs; BusyError as `set_run_options`."""
+def reopen(directory: PathLike, numbers: Sequence[int] | None = None) -> None:
+    """Have load cases run anew, all that take part in runs if none are given.
+
+    BusyError as `set_run_options`.
+    """
     with lock.holding(directory):
         words, values = formats.read_loadcase_flags(directory)
-        for number in wanted(directory):
+        for number in wanted(directory) if numbers is None else numbers:
             words[number - 1] &= ~formats.LOADCASE_DONE
         formats.write_loadcase_flags(directory, words, values)
 
@@ -188,7 +192,7 @@ def run(
                 stderr=subprocess.STDOUT,
             )
         except OSError as error:
-            text = f"{program} can't be started: {error.strerror}."
+            text = f"{program} can't be started: {reason(error)}."
             raise NotFoundError(text, NOT_EXECUTABLE) from None
         with _passing_on(solver) as passed:
             _follow(solver, tracker, on_progress, poll)

@@ -14,7 +14,6 @@ from pathlib import Path
 
 from vkctl.basics.types import PathLike
 from vkctl.directory import formats
-from vkctl.directory.model import set_flags
 from vkctl.directory.plan import plan, wanted
 
 from . import processes, rounds
@@ -31,7 +30,7 @@ from .changes import (
 )
 from .progress import Progress
 from .rounds import State
-from .run import RunResult, find_vk_rund, run, set_run_options
+from .run import RunResult, find_vk_rund, reopen, run, set_run_options
 
 TOLERANCE = 1e-3
 MOST_ROUNDS = 200
@@ -200,9 +199,7 @@ def _begin_round(directory: Path, state: State, numbers: list[int]) -> None:
     with processes.alone_on(directory):
         for number in numbers:
             rounds.keep_results(directory, number)
-        words, _ = formats.read_loadcase_flags(directory)
-        open_again = {n: int(words[n - 1]) & ~formats.LOADCASE_DONE for n in numbers}
-        set_flags(directory, open_again)
+        reopen(directory, numbers)
         state.running = numbers
         rounds.write_state(directory, state)
 

@@ -2,7 +2,8 @@
 
 from __future__ import annotations
 
-from dataclasses import dataclass
+from dataclasses import asdict, dataclass
+from typing import Any
 
 import numpy as np
 import numpy.typing as npt
@@ -77,6 +78,18 @@ def safety_lines(directory: PathLike) -> list[str]:
         for least in safety(model, nodal_stress(solution_of(model, results))):
             lines.append(f"load case {number}, {_words(least, model)}")
     return lines or ["no load case has been solved"]
+
+
+def safety_values(directory: PathLike) -> list[dict[str, Any]]:
+    """The same for programs; a load case that is solved too poorly to tell a stress is left out."""
+    model = read(directory)
+    found = []
+    for number in solved(directory):
+        results = read_results(directory, number)
+        if has_stress(results):
+            for least in safety(model, nodal_stress(solution_of(model, results))):
+                found.append({"load_case": number, **asdict(least), "factor": least.factor})
+    return found
 
 
 def _words(least: Safety, model: Model) -> str:

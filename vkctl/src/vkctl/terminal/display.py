@@ -15,6 +15,7 @@ from vkctl.basics.words import counted
 from vkctl.directory.formats import MODES
 from vkctl.directory.log import LoadCaseLog
 from vkctl.directory.results import POOR_QUALITY
+from vkctl.directory.summary import case_values
 from vkctl.running.progress import Progress
 from vkctl.running.run import RunResult
 
@@ -172,18 +173,7 @@ def result_as_dict(result: RunResult) -> dict[str, Any]:
         "warnings": [
             {"sentence": warning.sentence, "hint": warning.hint} for warning in result.warnings
         ],
-        "load_cases": [_case_as_dict(case) for case in result.log.load_cases],
-    }
-
-
-def _case_as_dict(case: LoadCaseLog) -> dict[str, Any]:
-    return {
-        "load_case": case.number,
-        "pattern": case.pattern,
-        "mode": _MODE_NAMES.get(case.mode or 0),
-        "iterations": case.iterations,
-        "seconds": case.seconds,
-        "values": case.data,
+        "load_cases": [case_values(case) for case in result.log.load_cases],
     }
 
 

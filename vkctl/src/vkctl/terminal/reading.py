@@ -10,11 +10,12 @@ from types import FrameType
 from typing import Annotated
 
 import typer
-from rich.console import Console
 from rich.text import Text
 
 from vkctl.basics.words import printable
 from vkctl.prepare.part import Reading, Told
+
+from . import output
 
 TrustScripts = Annotated[
     bool,
@@ -36,7 +37,7 @@ class TerminatedError(Exception):
 @contextmanager
 def reading_shown(trust_scripts: bool, no_limits: bool) -> Iterator[Reading]:
     """What a command hands on to the readers; a line on the terminal shows how they get on."""
-    console = Console(stderr=True, highlight=False)
+    console = output.console(stderr=True)
 
     def keep(told: Told) -> None:
         if told.lasting:

@@ -9,6 +9,7 @@ import typer
 from rich.console import Console
 
 from vkctl.basics.extras import MissingPartError
+from vkctl.basics.failures import sentence
 from vkctl.basics.words import printable
 from vkctl.directory.formats import FormatError
 
@@ -17,7 +18,8 @@ REFUSED = 2  # exit status of a command that can't do what it was asked
 
 def refuse(reason: object, status: int = REFUSED) -> typer.Exit:
     """Tell the reason on standard error; the caller raises what comes back."""
-    lines = [printable(line) for line in str(reason).split("\n")]
+    text = sentence(reason) if isinstance(reason, OSError) else str(reason)
+    lines = [printable(line) for line in text.split("\n")]
     Console(stderr=True, highlight=False).print("\n".join(lines), markup=False, soft_wrap=True)
     return typer.Exit(status)
 

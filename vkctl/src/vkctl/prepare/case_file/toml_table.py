@@ -9,6 +9,7 @@ from collections.abc import Sequence
 from pathlib import Path
 from typing import Any
 
+from vkctl.basics.failures import reason
 from vkctl.basics.types import PathLike
 from vkctl.basics.words import closest, did_you_mean
 
@@ -44,9 +45,9 @@ def load(path: PathLike) -> tuple[Table, Mistakes]:
             data = stream.read(_LONGEST_FILE + 1)
         if len(data) > _LONGEST_FILE:
             raise CaseFileError(path, [Problem(0, f"is longer than {_LONGEST_FILE >> 20} MB")])
-        text = data.decode("utf-8")
+        text = data.decode("utf-8-sig")
     except OSError as error:
-        raise CaseFileError(path, [Problem(0, f"can't be read: {error.strerror}")]) from None
+        raise CaseFileError(path, [Problem(0, f"can't be read: {reason(error)}")]) from None
     except UnicodeDecodeError as error:
         raise CaseFileError(path, [Problem(0, f"isn't UTF-8 text: {error.reason}")]) from None
     text = text.replace("\r\n", "\n")

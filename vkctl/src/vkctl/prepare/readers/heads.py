@@ -10,6 +10,7 @@ import re
 from collections.abc import Callable
 from pathlib import Path
 
+from vkctl.basics.failures import reason
 from vkctl.basics.types import PathLike
 
 from ..part import PartError
@@ -31,7 +32,7 @@ def check_head(path: PathLike, ending: str) -> None:
         with open(Path(path), "rb") as stream:
             head = stream.read(_HEAD)
     except OSError as error:
-        raise PartError(f"{path}: can't be read: {error.strerror}") from None
+        raise PartError(f"{path}: can't be read: {reason(error)}") from None
     if not _KINDS[ending](head):
         raise PartError(f"{path}: isn't {_TITLES[ending]}, whatever its name says")
 

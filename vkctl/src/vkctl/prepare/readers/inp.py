@@ -14,8 +14,9 @@ from pathlib import Path
 import numpy as np
 
 from vkctl.basics.arrays import distinct
+from vkctl.basics.failures import reason
 from vkctl.basics.types import Array, PathLike
-from vkctl.basics.words import counted
+from vkctl.basics.words import counted, did_you_mean
 from vkctl.shapes.topology import FACES, HEX8, TET4, TET10
 
 from ..part import Lookup, Part, PartError, labelled
@@ -124,8 +125,8 @@ def _sections(path: Path, sources: _Sources, depth: int = 0) -> Iterator[_Sectio
             raise PartError(f"{path}: is no file that can be included")
         text = path.read_text("latin-1").replace("\r\n", "\n")
     except (OSError, ValueError) as error:
-        reason = getattr(error, "strerror", None) or str(error)
-        raise PartError(f"{path}: can't be read: {reason}") from None
+        why = reason(error) if isinstance(error, OSError) else str(error)
+        raise PartError(f"{path}: can't be read: {why}") from None
     head = ""
     data: list[str] = []
     last = 0
@@ -433,20 +434,37 @@ def _rows_of_surface(
         if (label := _label(word)) is not None:
             single.setdefault(side, []).append(label)
         else:
-            labels = _joined(deck.element_sets, deck.name(word))
+            labels = _named_elements(deck, name, word)
             found += _surface_rows(deck, part, name, word, side, labels, solids, flat)
     for side, numbers in single.items():
         labels = np.array(numbers, np.int64)
         unknown = labels[~np.isin(labels, np.concatenate((solids.sorted, flat.sorted)))]
         word = str(int(unknown[0])) if len(unknown) else labelled(labels)
         if len(unknown):
-            raise _no_elements(deck, name, word)
+            raise _no_elements(deck, name, f"element {word}", "which the deck doesn't have")
         found += _surface_rows(deck, part, name, word, side, labels, solids, flat)
     return found
 
 
-def _no_elements(deck: _Deck, name: str, word: str) -> PartError:
-    return PartError(f"*SURFACE {deck.titles[name]} names {word!r}, which holds no elements")
+def _named_elements(deck: _Deck, name: str, word: str) -> Array:
+    """Labels of the element set that a *SURFACE names."""
+    key = deck.name(word)
+    if key in deck.element_sets:
+        return _joined(deck.element_sets, key)
+    if key in deck.node_sets:
+        why = "which is a set of nodes: a surface of nodes is *SURFACE, TYPE=NODE"
+    else:
+        known = [deck.titles.get(other, other) for other in deck.element_sets]
+        why = f"which is no element set; {did_you_mean(word, known)}".rstrip("; ")
+    raise _no_elements(deck, name, repr(word), why)
+
+
+def _no_elements(deck: _Deck, name: str, what: str, why: str) -> PartError:
+    """Elements that can't be read are likely to be the ones that are missed."""
+    if deck.unsupported:
+        kinds = ", ".join(sorted(deck.unsupported))
+        why += f" (left out of the deck, since they can't be read: elements of type {kinds})"
+    return PartError(f"*SURFACE {deck.titles[name]} names {what}, {why}")
 
 
 def _surface_rows(
@@ -463,7 +481,7 @@ def _surface_rows(
     found = _flat_rows(deck, flat.known(labels))
     inside = solids.known(labels)
     if not len(inside) and not found:
-        raise _no_elements(deck, name, word)
+        raise _no_elements(deck, name, repr(word), "which holds no elements that are there")
     if len(inside) and not re.fullmatch(r"S[1-6]", side):
         part.notes.append(
             f"surface {deck.titles[name]!r}: {word!r} without a side S1 to S6 left out; "
@@ -474,7 +492,11 @@ def _surface_rows(
         chosen = rows[np.isin(own, inside)]
         number = int(side[1:] or 0) - 1 if len(chosen) else 0
         if len(chosen) and number >= len(FACES[code]):
-            raise PartError(f"*SURFACE {deck.titles[name]}: {word!r} has no side {side}")
+            label = int(own[np.isin(own, inside)][0])
+            raise PartError(
+                f"*SURFACE {deck.titles[name]}: element {label} of {word!r} has no side {side}, "
+                f"its sides are S1 to S{len(FACES[code])}"
+            )
         if len(chosen):
             found.append(chosen[:, FACES[code][number]])
     return found

@@ -1,0 +1,62 @@
+"""The list of commands, and what is loaded for each."""
+
+from __future__ import annotations
+
+import os
+import subprocess
+import sys
+
+import pytest
+from typer.testing import CliRunner
+
+from vkctl.cli import COMMANDS, app, load
+
+runner = CliRunner()
+
+
+@pytest.mark.parametrize("name", COMMANDS)
+def test_the_list_tells_of_each_command_what_its_own_help_begins_with(name: str) -> None:
+    assert " ".join(load(name).help.split("\n\n")[0].split()) == COMMANDS[name]
+
+
+def test_the_help_lists_all_commands_and_an_unknown_one_is_refused() -> None:
+    shown = runner.invoke(app, ["--help"])
+    assert shown.exit_code == 0 and all(f" {name} " in shown.stdout for name in COMMANDS)
+    assert "No such command 'nonsense'" in runner.invoke(app, ["nonsense"]).stderr
+
+
+@pytest.mark.parametrize(
+    ("arguments", "unneeded"),
+    [
+        ("--version", "vkctl.commands"),
+        ("--help", "vkctl.commands"),
+        ("run --help", "scipy"),
+        ("summary --help", "scipy"),
+        ("check --help", "scipy"),
+        ("new --help", "scipy"),
+        ("export --help", "vtkmodules"),
+        ("plot --help", "vtkmodules"),
+        ("optimise --help", "scipy.spatial"),
+    ],
+)
+def test_a_command_loads_only_what_it_needs(arguments: str, unneeded: str) -> None:
+    command = [sys.executable, "-X", "importtime", "-m", "vkctl", *arguments.split()]
+    told = subprocess.run(command, capture_output=True, text=True, timeout=60)
+    assert told.returncode == 0
+    loaded = [line.rpartition("|")[2].strip() for line in told.stderr.splitlines()]
+    assert "vkctl.cli" in loaded
+    assert [name for name in loaded if (name + ".").startswith(unneeded + ".")] == []
+
+
+def test_a_shell_completes_commands_and_their_options() -> None:
+    def completed(words: str) -> str:
+        known = {"_VKCTL_COMPLETE": "complete_bash", "COMP_WORDS": f"vkctl {words}"}
+        count = {"COMP_CWORD": str(len(words.split()))}
+        command = [sys.executable, "-m", "vkctl"]
+        told = subprocess.run(
+            command, env={**os.environ, **known, **count}, capture_output=True, text=True
+        )
+        return told.stdout
+
+    assert completed("su").split() == ["summary"]
+    assert "--settle" in completed("run --se")
