@@ -11,7 +11,6 @@ from typing import Annotated, Any
 import typer
 from typer.core import TyperCommand, TyperGroup
 
-from . import __version__
 from .terminal.declare import declared
 from .terminal.last_resort import show_details
 from .terminal.optional_value import SettleCommand
@@ -83,6 +82,8 @@ app = typer.Typer(
 
 def _print_version(wanted: bool) -> None:
     if wanted:
+        from . import __version__  # looked up among the installed packages
+
         typer.echo(f"vkctl {__version__}")
         raise typer.Exit
 

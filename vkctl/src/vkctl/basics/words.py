@@ -4,12 +4,14 @@ from __future__ import annotations
 
 import difflib
 from collections.abc import Iterable, Sequence
-from typing import Any
+from typing import TYPE_CHECKING, Any
 
-import numpy as np
-import numpy.typing as npt
+if TYPE_CHECKING:
+    import numpy.typing as npt
 
-from .types import Array
+    from .types import Array
+
+    Labels = Array | Sequence[int]  # row i - 1 has the label of number i
 
 _LONGEST_WORD = 100  # that a likeness is sought for: it takes the square of the length
 _MOST_OPTIONS = 500
@@ -41,10 +43,10 @@ def did_you_mean(word: str, options: Iterable[str]) -> str:
 
 
 _SHOWN = 5  # numbers listed in a message
-_UNLABELLED: Array = np.empty(0, np.int64)
+_UNLABELLED: tuple[int, ...] = ()
 
 
-def called(number: int, labels: Array = _UNLABELLED) -> str:
+def called(number: int, labels: Labels = _UNLABELLED) -> str:
     """A number, and its label where that is another: "17 (412 in the mesh)".
 
     `labels` has that of number i in row i - 1; it is empty where nobody knows them.
@@ -53,7 +55,7 @@ def called(number: int, labels: Array = _UNLABELLED) -> str:
     return f"{number} ({label})" if label else str(number)
 
 
-def some(numbers: Sequence[int] | npt.NDArray[Any], labels: Array = _UNLABELLED) -> str:
+def some(numbers: Sequence[int] | npt.NDArray[Any], labels: Labels = _UNLABELLED) -> str:
     """The first few of a list of numbers: "3, 4, 9, 12, 15 and 40 more".
 
     With `labels` as of `called`: "3, 4, 9; 17, 412, 8 in the mesh".
@@ -67,13 +69,15 @@ def some(numbers: Sequence[int] | npt.NDArray[Any], labels: Array = _UNLABELLED)
 
 
 def listed(
-    numbers: Sequence[int] | npt.NDArray[Any], noun: str, labels: Array = _UNLABELLED
+    numbers: Sequence[int] | npt.NDArray[Any],
+    noun: str,
+    labels: Labels = _UNLABELLED,
 ) -> str:
     """Such as "1 element (7)" or "3 elements (7, 8, 9)", with labels as of `some`."""
     return f"{counted(len(numbers), noun)} ({some(numbers, labels)})"
 
 
-def _in_mesh(numbers: list[int], labels: Array) -> str:
+def _in_mesh(numbers: list[int], labels: Labels) -> str:
     """Labels of numbers; empty where they tell nothing that the numbers don't."""
     if not all(1 <= number <= len(labels) for number in numbers):
         return ""

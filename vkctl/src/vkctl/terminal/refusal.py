@@ -11,7 +11,6 @@ from rich.console import Console
 from vkctl.basics.extras import MissingPartError
 from vkctl.basics.failures import sentence
 from vkctl.basics.words import printable
-from vkctl.directory.formats import FormatError
 
 REFUSED = 2  # exit status of a command that can't do what it was asked
 
@@ -27,6 +26,8 @@ def refuse(reason: object, status: int = REFUSED) -> typer.Exit:
 @contextmanager
 def refusing(*kinds: type[Exception]) -> Iterator[None]:
     """Refuse where one of these errors comes out of the block, as of files and missing parts."""
+    from vkctl.directory.formats import FormatError
+
     known: tuple[type[Exception], ...] = (MissingPartError, OSError, FormatError, *kinds)
     try:
         yield
