@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import json
 import re
 from pathlib import Path
 
@@ -86,6 +87,9 @@ def test_the_summary_tells_factor_and_place_of_each_load_case(tmp_path: Path) ->
     ]
     place = re.search(r"at node ([0-9]+) [(]([0-9]+) in the mesh[)], [(].*, 2[)]$", lines[0])
     assert place is not None and int(place[2]) == int(place[1]) + 999
+    asked = CliRunner().invoke(app, ["summary", str(tmp_path), "--safety", "--json"])
+    factors = [least["factor"] for least in json.loads(asked.output)["safety"]]
+    assert factors == pytest.approx([2.5, 1.25], rel=0.01)
     model.materials[0].yield_stress = 0.0
     write(model, tmp_path)
     told = CliRunner().invoke(app, ["summary", str(tmp_path), "--safety"])
