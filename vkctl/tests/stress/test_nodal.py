@@ -211,6 +211,25 @@ def test_a_mesh_far_from_the_origin_and_flat_elements_do_no_harm() -> None:
     assert largest_difference(found, np.tile(wanted, (len(found), 1))) < 1e-6
 
 
+@pytest.mark.filterwarnings("error")
+@pytest.mark.parametrize(
+    ("material", "stress"),
+    [
+        (Material.isotropic(1000.0, 0.5), np.nan),
+        (Material.isotropic(0.0, 0.3), 0.0),
+        (Material(), 0.0),
+    ],
+    ids=["incompressible", "without modulus", "of no kind"],
+)
+def test_materials_that_carry_nothing_finite_are_told_without_noise(
+    material: Material, stress: float
+) -> None:
+    model = model_of(box("hex8", (2, 2, 2)), material)
+    found = nodal_stress(given(model, model.nodes @ GRADIENT.T)).merged()
+    np.testing.assert_array_equal(found.stress, np.full((27, 6), stress))
+    assert np.isnan(found.energy).all()
+
+
 def test_elements_that_have_yielded_carry_their_part_of_the_stress() -> None:
     soft = Material.yielding(1000.0, 0.3, 5.0)
     model = model_of(box("hex8", (3, 3, 3)), soft)

@@ -110,8 +110,9 @@ def stresses(laws: Laws, materials: Array, factors: Array, strains: Array) -> Ar
     """Stresses (m, p, 6) of the mechanical strains (m, p, 6) of elements."""
     place = materials - 1
     found = np.empty_like(strains)
-    found[..., :3] = strains[..., :3] @ (laws.normal[place] * factors[:, None, None])
-    found[..., 3:] = strains[..., 3:] * (laws.shear[place] * factors[:, None])[:, None]
+    with np.errstate(all="ignore"):  # constants may be infinite
+        found[..., :3] = strains[..., :3] @ (laws.normal[place] * factors[:, None, None])
+        found[..., 3:] = strains[..., 3:] * (laws.shear[place] * factors[:, None])[:, None]
     return found
 
 

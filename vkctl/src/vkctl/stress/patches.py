@@ -133,11 +133,13 @@ def _moments(x: Array, stress: Array, upper: tuple[Array, Array]) -> Array:
         found[..., 1 : 1 + t] = x.sum(axis=2)
         found[..., 1 + t : squares] = (turned @ x)[..., upper[0], upper[1]]
         np.matmul(turned, stress[:, None], out=with_stress)
-    return found.reshape(m * c, -1)
+    return found.reshape(m * c, found.shape[2])
 
 
 def _add(sums: Array, nodes: Array, values: Array) -> None:
     """Add a row of values for each entry of `nodes` to that node's sums."""
+    if not nodes.size:
+        return
     touched, place = np.unique(nodes.ravel(), return_inverse=True)
     count = len(values)
     gather = sparse.csr_matrix(
