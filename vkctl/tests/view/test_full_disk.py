@@ -45,7 +45,7 @@ def test_a_file_that_does_not_fit_ends_in_one_sentence_and_the_old_one_stays(
     )
     assert done.returncode == 2, done.stderr
     (line,) = done.stderr.splitlines()
-    assert "File too large" in line and name in line
+    assert "larger than files may be here" in line and name in line
     assert target.read_text() == "old"
     assert [path.name for path in tmp_path.iterdir()] == [name]
 
