@@ -2,7 +2,6 @@
 
 from __future__ import annotations
 
-import json
 from pathlib import Path
 from typing import Annotated
 
@@ -59,7 +58,7 @@ def check_command(
     with refusing():
         report = check(directory)
     if as_json:
-        typer.echo(json.dumps(report.as_dict(), indent=2))
+        output.print_json(report.as_dict())
         raise typer.Exit(report.status)
     console = output.console()
     for finding in report.findings:

@@ -131,8 +131,7 @@ def load_array(path: Path, count: int | None = None) -> Array:
 
 
 def write_state(directory: PathLike, state: State) -> None:
-    with formats.replacing(folder_of(directory) / STATE) as stream:
-        stream.write(json.dumps(asdict(state)).encode())
+    formats.write_parts(folder_of(directory) / STATE, [json.dumps(asdict(state)).encode()])
 
 
 def read_state(directory: PathLike) -> State | None:

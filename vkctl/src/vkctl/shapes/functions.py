@@ -47,6 +47,8 @@ def shape_values(code: int, point: Array) -> Array:
         trilinear: Array = np.prod(1 + HEX8_SIGNS * point, axis=1) / 8
         return trilinear
     bary = np.concatenate(([1 - point.sum()], point))
+    if code == TET4:
+        return bary
     i, j = TET10_EDGES.T
     return np.concatenate((bary * (2 * bary - 1), 4 * bary[i] * bary[j]))
 

@@ -68,8 +68,6 @@ def evaluate(solution: Solution, code: int, numbers: Array, points: Array) -> Po
 
 def _shapes(code: int, points: Array) -> Array:
     """Shape functions (p, n)."""
-    if code == TET4:
-        return np.column_stack((1 - points.sum(axis=1), points))
     return np.array([shape_values(code, point) for point in points])
 
 

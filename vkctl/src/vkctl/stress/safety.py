@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+from collections.abc import Iterator
 from dataclasses import asdict, dataclass
 from typing import Any
 
@@ -70,26 +71,31 @@ def safety_lines(directory: PathLike) -> list[str]:
     if not any(_has_strength(material) for material in model.materials):
         return ["no isotropic material has a yield_stress to measure safety against"]
     lines = []
-    for number in solved(directory):
-        results = read_results(directory, number)
-        if not has_stress(results):
+    for number, found in _of_load_cases(directory, model):
+        if found is None:
             lines.append(f"load case {number}: solved too poorly to tell a stress")
-            continue
-        for least in safety(model, nodal_stress(solution_of(model, results))):
-            lines.append(f"load case {number}, {_words(least, model)}")
+        else:
+            lines += [f"load case {number}, {_words(least, model)}" for least in found]
     return lines or ["no load case has been solved"]
 
 
 def safety_values(directory: PathLike) -> list[dict[str, Any]]:
     """The same for programs; a load case that is solved too poorly to tell a stress is left out."""
-    model = read(directory)
-    found = []
+    return [
+        {"load_case": number, **asdict(least), "factor": least.factor}
+        for number, found in _of_load_cases(directory, read(directory))
+        for least in found or []
+    ]
+
+
+def _of_load_cases(directory: PathLike, model: Model) -> Iterator[tuple[int, list[Safety] | None]]:
+    """The least safety in each solved load case, None where it was solved too poorly."""
     for number in solved(directory):
         results = read_results(directory, number)
         if has_stress(results):
-            for least in safety(model, nodal_stress(solution_of(model, results))):
-                found.append({"load_case": number, **asdict(least), "factor": least.factor})
-    return found
+            yield number, safety(model, nodal_stress(solution_of(model, results)))
+        else:
+            yield number, None
 
 
 def _words(least: Safety, model: Model) -> str:
