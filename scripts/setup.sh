@@ -83,7 +83,10 @@ setup_packages() {
 
 # The other solver, where this release has it.
 setup_peer() {
-  if installed "$PEER_PACKAGE" || apt-cache policy "$PEER_PACKAGE" 2>/dev/null | grep -q 'Candidate: [0-9]'; then
+  # Taken whole: a search that ends at its first hit would end apt-cache too, as a failure of the pipe.
+  local policy
+  policy=$(apt-cache policy "$PEER_PACKAGE" 2>/dev/null) || true
+  if [[ $policy == *"Candidate: "[0-9]* ]]; then
     setup_packages "$PEER_PACKAGE"
   else
     export VK_NO_PEER=1
