@@ -21,6 +21,7 @@ from .conditions import LoadMaker, guarded, node_array, support_records, united
 from .mesh import PartMesh, make_mesh
 from .part import Reading
 from .readers.registry import read_part
+from .remembered import case_notes, remembered_sets
 from .sets import Sets
 
 _STALE = (
@@ -138,6 +139,7 @@ def _build(mesh: PartMesh, cases: Cases) -> Prepared:
     order = cases.run_order or grouped([case.pattern for case in whole.load_cases])
     whole.run_order = np.array(order, np.int32)
     whole.options = dict(cases.options)
+    whole.sets, whole.notes = remembered_sets(sets), case_notes(cases)
     resultants = np.array([resultant(case, mesh.nodes) for case in whole.load_cases])
     notes = list(mesh.notes) + _warnings(whole, cases)
     return Prepared(whole, mesh, sets, [e.name for e in cases.load_cases], resultants, notes)

@@ -224,7 +224,10 @@ class Sets:
                 made = self._make(self.defined[kind][name])
                 where, hint = self.defined[kind][name].where, self._hint(self.defined[kind][name])
             else:
-                made, hint = self._from_part(kind, name), ""
+                (made, off), hint = self._from_part(kind, name), ""
+                if off:
+                    count = counted(off, "surface element")
+                    self.mesh.notes.append(f"surface {name!r}: {count} on no face of a solid")
             self._open.pop()
             self._done[key] = made
             known = kind == "element" and (key in self._lost or name in self.mesh.element_sets)
@@ -232,19 +235,28 @@ class Sets:
                 self.report.add(where, f"{kind} set {name!r} is empty", hint)
         return self._done[key]
 
-    def _from_part(self, kind: SetKind, name: str) -> Array | Faces:
+    def made(self) -> dict[tuple[SetKind, str], Array | Faces]:
+        """The sets that were asked for so far, by kind and name."""
+        return self._done
+
+    def of_part(self) -> list[tuple[SetKind, str]]:
+        """Kind and name of each set that the part brings along."""
+        kinds: tuple[SetKind, ...] = ("node", "element", "face")
+        return [(kind, name) for kind in kinds for name in self._of_part(kind)]
+
+    def quietly(self, kind: SetKind, name: str) -> Array | Faces:
+        """A set of the part, without a word where it is empty."""
+        return self._from_part(kind, name)[0]
+
+    def _from_part(self, kind: SetKind, name: str) -> tuple[Array | Faces, int]:
+        """The set, and how many of its surface elements lie on no face of a solid."""
         if kind == "node":
-            return _kept(self.mesh.node_sets[name], self.active_nodes)
+            return _kept(self.mesh.node_sets[name], self.active_nodes), 0
         if kind == "element":
-            return _kept(self.mesh.element_sets[name], self.active)
-        faces, missing = faces_of_surface(
+            return _kept(self.mesh.element_sets[name], self.active), 0
+        return faces_of_surface(
             self.active_elements, self.mesh.surfaces[name], len(self.mesh.nodes)
         )
-        if missing:
-            self.mesh.notes.append(
-                f"surface {name!r}: {counted(missing, 'surface element')} on no face of a solid"
-            )
-        return faces
 
     # --- sets of the case file ---------------------------------------------------------------
 

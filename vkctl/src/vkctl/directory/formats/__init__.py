@@ -10,6 +10,7 @@ moment does a reader see half of it.
 """
 
 from . import file_names
+from .case_notes import CaseNotes, Condition, NotedCase, read_case_notes, write_case_notes
 from .file_names import LOG_FILE, OPTIONS_FILE
 from .labels_file import Labels, known_labels, read_labels, write_labels
 from .load_case_files import (
@@ -95,6 +96,7 @@ from .result_files import (
     write_stress,
     write_totals,
 )
+from .sets_file import NamedSet, SetKind, read_sets, write_sets
 from .streams import (
     LARGEST_NUMBER,
     FormatError,
@@ -199,4 +201,13 @@ __all__ = [
     "write_totals",
     "write_tp",
     "write_tp_index",
+    "CaseNotes",
+    "Condition",
+    "NotedCase",
+    "read_case_notes",
+    "write_case_notes",
+    "NamedSet",
+    "SetKind",
+    "read_sets",
+    "write_sets",
 ]

@@ -3,6 +3,8 @@
 OPTIONS_FILE = "vk_rund_cmd.txt"
 LOG_FILE = "vk_rund_log.txt"
 LABELS = "vkctl.labels"
+SETS = "vkctl.sets"
+CASE_NOTES = "vkctl.case"
 
 MATERIALS = "mx.mats"
 NODES = "mx.nodes"

@@ -28,7 +28,8 @@ class Model:
     Node flags, element flags and `node_tp_index` are zeros where not given: no design points,
     level 1.0 everywhere. `run_order` lists load-case numbers in the order to run them, one after
     the other where not given. `options` holds values by key of the options file. `labels` tells
-    what nodes and elements were called before they were numbered; the solver doesn't read it.
+    what nodes and elements were called before they were numbered, `sets` what belongs together
+    under a name, `notes` what the case file called things; the solver reads none of the three.
     """
 
     nodes: Array  # float64 (n, 3); float32 in the file
@@ -42,6 +43,8 @@ class Model:
     run_order: Array | None = None
     options: dict[str, float] = field(default_factory=dict)
     labels: formats.Labels | None = None
+    sets: list[formats.NamedSet] | None = None
+    notes: formats.CaseNotes | None = None
 
     def __post_init__(self) -> None:
         self.nodes = np.asarray(self.nodes, np.float64).reshape(-1, 3)
@@ -106,6 +109,8 @@ def _write(model: Model, directory: PathLike, structure: RawStructure | None) ->
     formats.write_structure(directory, structure or model.structure())
     formats.write_options(directory, model.options)
     formats.write_labels(directory, model.labels)
+    formats.write_sets(directory, model.sets)
+    formats.write_case_notes(directory, model.notes)
     write_load_cases(model.load_cases, directory, model.run_order)
 
 
@@ -180,7 +185,22 @@ def read(directory: PathLike) -> Model:
         run_order=run_order,
         options=formats.read_options(directory),
         labels=labels,
+        sets=_fitting_sets(directory, len(nodes), len(tables.records)),
+        notes=formats.read_case_notes(directory),
     )
+
+
+def _fitting_sets(directory: PathLike, nodes: int, elements: int) -> list[formats.NamedSet] | None:
+    sets = formats.read_sets(directory)
+    for one in sets or []:
+        count = elements if one.kind == "element" else nodes
+        highest = max(
+            (int(part.max()) for part in (one.numbers, *one.faces) if len(part)), default=0
+        )
+        if highest > count:
+            path = Path(directory, file_names.SETS)
+            raise formats.FormatError(path, f"set {one.name!r} names {highest} of {count}")
+    return sets
 
 
 def _fitting_labels(directory: PathLike, nodes: int, elements: int) -> formats.Labels | None:

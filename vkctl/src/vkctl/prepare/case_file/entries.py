@@ -105,6 +105,7 @@ class Cases:
     path: Path
     report: Mistakes
     part: str = ""
+    units: str | None = None  # name of a system of `UNIT_SYSTEMS`
     scale: float = 1.0
     reorder: bool = True
     mesh: MeshOptions = field(default_factory=MeshOptions)

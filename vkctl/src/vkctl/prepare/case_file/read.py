@@ -10,6 +10,7 @@ from collections.abc import Iterable
 from pathlib import Path
 
 from vkctl.basics.types import PathLike
+from vkctl.basics.units import UNIT_SYSTEMS
 from vkctl.basics.words import did_you_mean
 from vkctl.directory.formats import LARGEST_NUMBER, OPTIONS
 
@@ -28,6 +29,7 @@ def read_cases(path: PathLike) -> Cases:
     top, report = load(path)
     cases = Cases(Path(path), report)
     cases.part = top.text("part", "")
+    cases.units = _read_units(top)
     _read_mesh(cases, top.table("mesh"))
     _read_model(cases, top.table("model"))
     for name, table in top.tables("materials").items():
@@ -49,6 +51,19 @@ def read_cases(path: PathLike) -> Cases:
     top.done()
     report.finish()
     return cases
+
+
+def _read_units(top: Table) -> str | None:
+    name = top.text("units", "")
+    if not name or name in UNIT_SYSTEMS:
+        return name or None
+    known = ", ".join(UNIT_SYSTEMS)
+    top.problem(
+        "units",
+        f"isn't a known system: {name!r}",
+        did_you_mean(name, UNIT_SYSTEMS) or f"known are {known}",
+    )
+    return None
 
 
 def _read_mesh(cases: Cases, table: Table | None) -> None:

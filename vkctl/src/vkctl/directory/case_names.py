@@ -1,0 +1,50 @@
+"""What load cases are called."""
+
+from __future__ import annotations
+
+from vkctl.basics.types import PathLike
+from vkctl.basics.words import printable
+
+from . import formats
+from .model import Model
+
+
+def case_names(model: Model) -> list[str]:
+    """The name of each load case, by the case file or its record; "" where it has none.
+
+    A record keeps the first 64 bytes of a name, the case file's memory all of it.
+    """
+    return _names([case.reserved for case in model.load_cases], model.notes)
+
+
+def read_case_names(directory: PathLike) -> list[str]:
+    """`case_names` of a directory, without its model; names only serve messages, so what can't be
+    read has none."""
+    try:
+        records = formats.read_loadcases(directory)
+    except (OSError, formats.FormatError):
+        return []
+    try:
+        notes = formats.read_case_notes(directory)
+    except (OSError, formats.FormatError):
+        notes = None
+    return _names([bytes(one).rstrip(b"\0") for one in records["Reserved"]], notes)
+
+
+def titled(number: int, names: list[str]) -> str:
+    """Such as "load case 3, pull and weight"; the number alone where it has no name."""
+    name = printable(names[number - 1]) if 0 < number <= len(names) else ""
+    return f"load case {number}, {name}" if name else f"load case {number}"
+
+
+def _names(reserved: list[bytes], notes: formats.CaseNotes | None) -> list[str]:
+    whole = [case.name for case in notes.load_cases] if notes else []
+    if len(whole) != len(reserved):
+        whole = [""] * len(reserved)
+    return [name or _decoded(text) for name, text in zip(whole, reserved, strict=True)]
+
+
+def _decoded(text: bytes) -> str:
+    """The name in a record's spare bytes; other programs may keep anything there."""
+    name = text.split(b"\0")[0][:64].decode("utf-8", "ignore")
+    return name if name.isprintable() else ""
