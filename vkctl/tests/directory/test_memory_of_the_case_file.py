@@ -13,6 +13,7 @@ from vkctl.directory import formats, model
 from vkctl.directory.case_names import case_names, read_case_names, titled
 from vkctl.directory.formats import file_names
 from vkctl.prepare import CaseFileError, new
+from vkctl.prepare.cantilever import write_cantilever
 
 CASES = """
 units = "mm-N-MPa"
@@ -180,3 +181,12 @@ def test_stress_is_force_by_area_in_every_system() -> None:
         made = kilograms[system.mass] * length / seconds[system.time] ** 2
         assert np.isclose(made, force, rtol=1e-6), name
     assert unit_system(None) is None and unit_system("furlong") is None
+
+
+def test_the_quick_starts_cantilever_names_its_sides_cases_and_units(tmp_path: Path) -> None:
+    write_cantilever(tmp_path)
+    sets = {one.name: one for one in formats.read_sets(tmp_path) or []}
+    assert len(sets["x-"]) == 2 * 19 * 19 and len(sets) == 6
+    assert read_case_names(tmp_path) == ["bent", "twisted"]
+    notes = formats.read_case_notes(tmp_path)
+    assert notes is not None and notes.units == "mm-N-MPa"

@@ -7,6 +7,7 @@ from typing import Annotated
 import typer
 
 from vkctl.directory import model
+from vkctl.directory.sides import side_sets
 from vkctl.shapes import boxes
 from vkctl.terminal import output
 from vkctl.terminal.arguments import Directory
@@ -41,6 +42,7 @@ def box_command(
     whole = model.Model(
         part.nodes, part.elements, [model.Material.isotropic(modulus, poisson)], [case]
     )
+    whole.sets = side_sets(part)
     with refusing(ValueError):
         model.write(whole, directory)
     output.console().print(

@@ -5,14 +5,31 @@ from __future__ import annotations
 import numpy as np
 
 from vkctl.basics.types import Array, PathLike
+from vkctl.directory import formats
 from vkctl.directory.model import LoadCase, Material, Model, write
+from vkctl.directory.sides import side_sets
 from vkctl.shapes.boxes import Box, box
 
 LENGTH, WIDTH = 420.0, 95.0  # mm
 CELLS = (84, 19, 19)
 E, NU = 210000.0, 0.3  # MPa, steel
+DENSITY = 7.85e-9  # t/mm^3
 BENDING_FORCE = 20000.0  # N, downwards at the tip
 TWISTING_MOMENT = 2.0e6  # N mm, about the long axis
+
+_NOTES = formats.CaseNotes(
+    "mm-N-MPa",
+    (DENSITY,),
+    {"clamp": formats.Condition("fixed", ("x-",))},
+    {
+        "bend": formats.Condition("traction", ("x+",)),
+        "twist": formats.Condition("traction", ("x+",)),
+    },
+    (
+        formats.NotedCase("bent", ("clamp",), {"bend": 1.0}),
+        formats.NotedCase("twisted", ("clamp",), {"twist": 1.0}),
+    ),
+)
 
 
 def cantilever() -> tuple[Model, Box]:
@@ -23,9 +40,9 @@ def cantilever() -> tuple[Model, Box]:
     """
     part = box("tet4", CELLS, (LENGTH, WIDTH, WIDTH))
     clamped = part.face("x-")
-    bending = LoadCase().prescribe(clamped)
+    bending = LoadCase(reserved=b"bent").prescribe(clamped)
     bending.load(*part.traction("x+", (0.0, 0.0, -BENDING_FORCE / WIDTH**2)))
-    twisting = LoadCase().prescribe(clamped)
+    twisting = LoadCase(reserved=b"twisted").prescribe(clamped)
     twisting.load(*part.traction("x+", _whirl))
     model = Model(
         part.nodes,
@@ -34,6 +51,7 @@ def cantilever() -> tuple[Model, Box]:
         [bending, twisting],
     )
     model.set_level(1.0)
+    model.sets, model.notes = side_sets(part), _NOTES
     return model, part
 
 
