@@ -185,13 +185,12 @@ def read(directory: PathLike) -> Model:
         run_order=run_order,
         options=formats.read_options(directory),
         labels=labels,
-        sets=fitting_sets(directory, len(nodes), len(tables.records)),
+        sets=_fitting_sets(directory, len(nodes), len(tables.records)),
         notes=formats.read_case_notes(directory),
     )
 
 
-def fitting_sets(directory: PathLike, nodes: int, elements: int) -> list[formats.NamedSet] | None:
-    """`vkctl.sets` of so many nodes and elements; FormatError where a set leads outside."""
+def _fitting_sets(directory: PathLike, nodes: int, elements: int) -> list[formats.NamedSet] | None:
     sets = formats.read_sets(directory)
     for one in sets or []:
         count = elements if one.kind == "element" else nodes
