@@ -2,10 +2,9 @@
 
 from pathlib import Path
 
-import numpy as np
 import pytest
 
-from vkctl.directory import formats, model
+from vkctl.directory import model
 
 from .faults import assert_stops, assert_told, collection, cut, sound
 
@@ -78,25 +77,6 @@ def a_file_of_a_killed_run(directory):
     model.write(sound()[0], directory)
     Path(directory, "ws.tcval.0001~00c0ffee00c0ffee").touch()
     Path(directory, "ws.tcval.0002~").touch()  # somebody's own
-
-
-@provokes("labels-unfit", "warning", "vkctl.labels is of another mesh", "17 nodes and 18 elements")
-def labels_of_another_mesh(directory):
-    model.write(sound()[0], directory)
-    formats.write_labels(directory, formats.Labels(np.arange(17), np.arange(18)))
-
-
-@provokes("labels-unfit", "warning", "vkctl.labels can't be read", "element labels")
-def labels_cut_short(directory):
-    model.write(sound()[0], directory)
-    formats.write_labels(directory, formats.Labels(np.arange(16), np.arange(18)))
-    cut(directory, "vkctl.labels")
-
-
-@provokes("labels-unfit", "warning", "vkctl.labels can't be read")
-def a_folder_in_place_of_the_labels(directory):
-    model.write(sound()[0], directory)
-    Path(directory, "vkctl.labels").mkdir()
 
 
 @pytest.mark.parametrize("name", sorted(FAULTS))

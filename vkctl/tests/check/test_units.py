@@ -2,13 +2,26 @@
 
 import pytest
 
-from vkctl.directory import model
+from vkctl.check import check
+from vkctl.directory import formats, model
 from vkctl.directory.model import Material
 from vkctl.shapes.boxes import box
 
 from .faults import assert_told, collection, sound, with_case
 
 FAULTS, provokes = collection()
+
+
+def named(units):
+    return formats.CaseNotes(units, load_cases=(formats.NotedCase("one"),))
+
+
+def test_named_units_that_fit_are_not_doubted(tmp_path):
+    part = box("tet4", (3, 1, 1), (0.3, 0.1, 0.1))  # a small part of steel, in mm
+    model.write(sound(nodes=part.nodes, materials=[Material.isotropic(2.1e5, 0.3)])[0], tmp_path)
+    assert any(found.code == "units-size" for found in check(tmp_path).findings)
+    formats.write_case_notes(tmp_path, named("mm-N-MPa"))
+    assert not any(found.code.startswith("units") for found in check(tmp_path).findings)
 
 
 @provokes("units-size", "warning", "looks like Pa", "millimetres")
@@ -23,6 +36,12 @@ def megapascals_with_metres(directory):
     part = box("tet4", (3, 1, 1), (0.3, 0.1, 0.1))
     materials = [Material.isotropic(2.1e5, 0.3)]
     model.write(sound(nodes=part.nodes, materials=materials)[0], directory)
+
+
+@provokes("units-modulus", "warning", "2.1e+11 MPa is that of no known solid", "mm-N-MPa")
+def pascals_that_are_called_megapascals(directory):
+    model.write(sound(materials=[Material.isotropic(2.1e11, 0.3)])[0], directory)
+    formats.write_case_notes(directory, named("mm-N-MPa"))
 
 
 @provokes("units-load", "warning", "mean strain of 1.1")

@@ -178,6 +178,7 @@ def test_stress_is_force_by_area_in_every_system() -> None:
         length, force = metres[system.length], newtons[system.force]
         assert np.isclose(pascals[system.stress], force / length**2, rtol=1e-6), name
         assert np.isclose(joules[system.energy], force * length, rtol=1e-6), name
+        assert np.isclose(system.pascals, pascals[system.stress]), name
         made = kilograms[system.mass] * length / seconds[system.time] ** 2
         assert np.isclose(made, force, rtol=1e-6), name
     assert unit_system(None) is None and unit_system("furlong") is None

@@ -16,6 +16,7 @@ class UnitSystem:
     mass: str
     energy: str  # of force times length
     time: str = "s"
+    pascals: float = 1.0  # in its unit of stress
 
     @property
     def area(self) -> str:
@@ -48,15 +49,15 @@ class UnitSystem:
 
 # Length, force and stress make the name; mass and time follow from them.
 _KNOWN = (
-    UnitSystem("mm-N-MPa", "mm", "N", "MPa", "t", "mJ"),
+    UnitSystem("mm-N-MPa", "mm", "N", "MPa", "t", "mJ", pascals=1e6),
     UnitSystem("m-N-Pa", "m", "N", "Pa", "kg", "J"),
-    UnitSystem("mm-kN-GPa", "mm", "kN", "GPa", "kg", "J", "ms"),
-    UnitSystem("mm-mN-kPa", "mm", "mN", "kPa", "kg", "µJ"),
-    UnitSystem("m-kN-kPa", "m", "kN", "kPa", "t", "kJ"),
-    UnitSystem("m-MN-MPa", "m", "MN", "MPa", "kt", "MJ"),
-    UnitSystem("um-uN-MPa", "µm", "µN", "MPa", "kg", "pJ"),
-    UnitSystem("in-lbf-psi", "in", "lbf", "psi", "lbf s²/in", "in lbf"),
-    UnitSystem("ft-lbf-psf", "ft", "lbf", "psf", "slug", "ft lbf"),
+    UnitSystem("mm-kN-GPa", "mm", "kN", "GPa", "kg", "J", "ms", pascals=1e9),
+    UnitSystem("mm-mN-kPa", "mm", "mN", "kPa", "kg", "µJ", pascals=1e3),
+    UnitSystem("m-kN-kPa", "m", "kN", "kPa", "t", "kJ", pascals=1e3),
+    UnitSystem("m-MN-MPa", "m", "MN", "MPa", "kt", "MJ", pascals=1e6),
+    UnitSystem("um-uN-MPa", "µm", "µN", "MPa", "kg", "pJ", pascals=1e6),
+    UnitSystem("in-lbf-psi", "in", "lbf", "psi", "lbf s²/in", "in lbf", pascals=6894.757),
+    UnitSystem("ft-lbf-psf", "ft", "lbf", "psf", "slug", "ft lbf", pascals=47.88026),
 )
 UNIT_SYSTEMS = {system.name: system for system in _KNOWN}
 

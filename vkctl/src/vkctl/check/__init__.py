@@ -15,6 +15,7 @@ from .inputs import Inputs, read_inputs
 from .materials import check_materials
 from .options import check_options
 from .outputs import check_outputs
+from .own_files import read_own_files
 from .results import check_results
 from .states import check_states
 from .structure import check_structure
@@ -54,6 +55,7 @@ def check(directory: PathLike) -> Report:
         report.findings.append(error("directory-missing", f"There is no directory {target}."))
         return report
     inputs, report.findings = read_inputs(target)
+    report.findings += read_own_files(inputs)
     for part in _CHECKS:
         report.findings += part(inputs)
     report.counts = _counts(inputs)

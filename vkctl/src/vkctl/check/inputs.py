@@ -12,6 +12,7 @@ from typing import Any
 import numpy as np
 
 from vkctl.basics.types import Array
+from vkctl.basics.units import UnitSystem
 from vkctl.basics.words import listed
 from vkctl.directory import formats
 from vkctl.directory.formats import (
@@ -70,6 +71,7 @@ class Inputs:
     maps: dict[int, LoadCaseMap] = field(default_factory=dict)
     options: list[OptionLine] | None = None
     labels: Labels = field(default_factory=Labels)  # empty where nobody knows them
+    units: UnitSystem | None = None  # that the case file names
 
     @cached_property
     def option_values(self) -> dict[str, float]:
@@ -232,7 +234,6 @@ def read_inputs(directory: Path) -> tuple[Inputs, list[Finding]]:
         findings += found
     inputs.options, found = _read(directory, formats.OPTIONS_FILE, formats.read_option_lines, None)
     findings += found
-    findings += _read_labels(inputs)
     findings += _read_maps(inputs)
     findings += _unfinished(directory)
     return inputs, findings
@@ -268,29 +269,6 @@ def _file_finding(name: str, trouble: Exception) -> Finding:
         return error("format-number", f"{name}: {trouble.reason}.", name, "Prepare it anew.")
     reason = trouble.strerror if isinstance(trouble, OSError) else str(trouble)
     return error("file-unreadable", f"{name} can't be read: {reason}.", name)
-
-
-def _read_labels(inputs: Inputs) -> Iterator[Finding]:
-    """What the mesh calls nodes and elements, if the file is there and belongs to this model."""
-    name = file_names.LABELS
-    hint = (
-        "Numbers are told without what the mesh calls them. Delete it, or prepare the model anew."
-    )
-    try:
-        labels = formats.read_labels(inputs.directory)
-    except (OSError, formats.FormatError) as trouble:
-        reason = trouble.strerror if isinstance(trouble, OSError) else trouble.reason
-        yield warning("labels-unfit", f"{name} can't be read: {reason}.", name, hint)
-        return
-    if labels is None or inputs.nodes is None or inputs.tables is None:
-        return
-    counts = len(inputs.nodes), len(inputs.tables.records)
-    if (len(labels.nodes), len(labels.elements)) == counts:
-        inputs.labels = labels
-        return
-    text = f"{name} is of another mesh, one of {len(labels.nodes)} nodes"
-    text += f" and {len(labels.elements)} elements."
-    yield warning("labels-unfit", text, name, hint)
 
 
 def _read_maps(inputs: Inputs) -> Iterator[Finding]:

@@ -7,6 +7,7 @@ from collections.abc import Iterator
 import numpy as np
 
 from vkctl.basics.types import Array
+from vkctl.basics.units import UnitSystem
 from vkctl.directory import formats
 from vkctl.directory.formats import file_names
 
@@ -16,6 +17,7 @@ from .inputs import Inputs
 # Stiff engineering solids, rubber to diamond: the same modulus in Pa and in MPa.
 _PASCAL = (1e8, 2e12)
 _MEGAPASCAL = (1e2, 2e6)
+_SOFTEST, _STIFFEST = 1e3, 2e12  # Pa, gels to diamond
 _LONG = 200.0  # an extent that is hardly in metres where the modulus is in Pa
 _SHORT = 0.5  # an extent that is hardly in millimetres where the modulus is in MPa
 _LARGE_STRAIN = 0.05  # mean strain beyond which a linear analysis says nothing
@@ -31,7 +33,10 @@ def check_units(inputs: Inputs) -> Iterator[Finding]:
     stiffest = float(_moduli(inputs.materials).max(initial=0.0))
     if not (np.isfinite(stiffest) and stiffest > 0):
         return
-    yield from _modulus_and_size(stiffest, mesh.extent)
+    if inputs.units is None:
+        yield from _modulus_and_size(stiffest, mesh.extent)
+    else:
+        yield from _modulus_and_units(stiffest, inputs.units)
     for number, sections in inputs.maps.items():
         where = f"load case {number}"
         forces = np.concatenate((sections.forces2["Force"], sections.forces3["Force"]))
@@ -70,6 +75,14 @@ def _modulus_and_size(modulus: float, extent: float) -> Iterator[Finding]:
     elif _MEGAPASCAL[0] <= modulus <= _MEGAPASCAL[1] and extent < _SHORT:
         text = f"A modulus of {modulus:g} looks like MPa, a size of {extent:g} like metres."
         yield warning("units-size", text, where, "With m and N the modulus is in Pa.")
+
+
+def _modulus_and_units(modulus: float, units: UnitSystem) -> Iterator[Finding]:
+    pascals = modulus * units.pascals
+    if not _SOFTEST <= pascals <= _STIFFEST:
+        text = f"A modulus of {modulus:g} {units.stress} is that of no known solid."
+        hint = f"The case file says units = {units.name!r}: is the modulus in {units.stress}?"
+        yield warning("units-modulus", text, file_names.MATERIALS, hint)
 
 
 def _thermal(materials: Array, scalars: Array, where: str) -> Iterator[Finding]:

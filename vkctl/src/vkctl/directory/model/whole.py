@@ -185,12 +185,13 @@ def read(directory: PathLike) -> Model:
         run_order=run_order,
         options=formats.read_options(directory),
         labels=labels,
-        sets=_fitting_sets(directory, len(nodes), len(tables.records)),
+        sets=fitting_sets(directory, len(nodes), len(tables.records)),
         notes=formats.read_case_notes(directory),
     )
 
 
-def _fitting_sets(directory: PathLike, nodes: int, elements: int) -> list[formats.NamedSet] | None:
+def fitting_sets(directory: PathLike, nodes: int, elements: int) -> list[formats.NamedSet] | None:
+    """`vkctl.sets` of so many nodes and elements; FormatError where a set leads outside."""
     sets = formats.read_sets(directory)
     for one in sets or []:
         count = elements if one.kind == "element" else nodes
