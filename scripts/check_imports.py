@@ -17,6 +17,7 @@ LAYERS = (
     "shapes",
     "directory",
     "stress",
+    "ask",
     "prepare",
     "check",
     "running",

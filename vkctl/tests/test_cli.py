@@ -36,6 +36,7 @@ def test_the_help_lists_all_commands_and_an_unknown_one_is_refused() -> None:
         ("new --help", "scipy"),
         ("export --help", "vtkmodules"),
         ("plot --help", "vtkmodules"),
+        ("ask --help", "scipy"),
         ("optimise --help", "scipy.spatial"),
     ],
 )

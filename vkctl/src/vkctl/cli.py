@@ -13,6 +13,7 @@ from typer.core import TyperCommand, TyperGroup
 
 from .terminal.declare import declared
 from .terminal.last_resort import show_details
+from .terminal.negative_numbers import NumbersCommand
 from .terminal.optional_value import SettleCommand
 from .terminal.output import be_quiet
 
@@ -27,10 +28,11 @@ COMMANDS = {
     "check": "Say everything about a prepared directory that would fail or surprise.",
     "diff": "Compare the results of two directories.",
     "export": "Write results as .vtu or as a .pvd series over load cases, or the part as .stl.",
-    "plot": "Draw the deformed part, coloured by a field, or what is prepared.",
+    "plot": "Draw the deformed part, coloured by a field.",
+    "ask": "Answer questions about solved load cases with numbers.",
     "optimise": "Optimise the part for stiffness; started again, it goes on where it stopped.",
 }
-_CLASSES: dict[str, type[TyperCommand]] = {"run": SettleCommand}
+_CLASSES: dict[str, type[TyperCommand]] = {"run": SettleCommand, "ask": NumbersCommand}
 
 
 def load(name: str) -> Any:

@@ -71,6 +71,7 @@ def _commands(directory: Path, sound: Path, out: Path) -> dict[str, list[str]]:
         "export to .vtu": ["export", str(directory), str(out / "x.vtu")],
         "export to .stl": ["export", str(directory), str(out / "x.stl")],
         "plot": ["plot", str(directory), "-o", str(out / "x.png")],
+        "ask": ["ask", str(directory)],
         "run": ["run", str(directory), "--threads", "1", "--vk-rund", str(VK_RUND)],
     }
 

@@ -60,7 +60,7 @@ def bracket(folder: Path) -> Path:
 
 
 def test_every_example_of_the_page_is_run_here() -> None:
-    assert len(BLOCKS) == 10
+    assert len(BLOCKS) == 11
 
 
 def test_check_finds_no_fault_in_its_directory(folder: Path) -> None:
@@ -73,6 +73,13 @@ def test_the_example_of_stresses_runs(folder: Path) -> None:
     run("part")
     found = play(block("from vkctl import stress").replace('"work", 2', '"part", 1'))
     assert found["everywhere"].stress.shape == (45, 6)
+
+
+def test_the_example_of_questions_runs(folder: Path) -> None:
+    run("part")
+    found = play(block("from vkctl import ask").replace('"work"', '"part"'))
+    assert found["found"].relative_force < 1e-4
+    assert set(found["over"].largest_case.tolist()) == {1}
 
 
 def test_run_then_watch_of_a_finished_run(folder: Path, capsys: pytest.CaptureFixture[str]) -> None:

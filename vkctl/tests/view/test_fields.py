@@ -13,6 +13,7 @@ from results_on_disk import make_model, with_hole, write_results
 from vkctl import stress
 from vkctl.directory.model import read
 from vkctl.directory.results import read_results
+from vkctl.stress.fields import STRESS_FIELDS
 from vkctl.view import export, fields, grid, plot
 
 KINDS = ("tet4", "hex8", "tet10")
@@ -31,7 +32,7 @@ def test_a_file_holds_the_recovered_stresses_and_the_solvers_mean(tmp_path: Path
     assert {"von_mises", "signed_von_mises", "tresca"} <= set(found.keys())
 
 
-@pytest.mark.parametrize("field", sorted(fields.OF_STRESS))
+@pytest.mark.parametrize("field", sorted(STRESS_FIELDS))
 def test_a_picture_takes_the_field_that_its_name_says(tmp_path: Path, field: str) -> None:
     model = make_model("hex8", (4, 2, 2))
     write_results(model, tmp_path)
@@ -80,3 +81,17 @@ def test_a_model_without_design_points_has_no_criterion(tmp_path: Path) -> None:
     assert "criterion" not in fields.point_fields(model, results)
     with pytest.raises(ValueError, match="no criterion: there are no design points"):
         plot.plot(tmp_path, tmp_path / "out.png", view=plot.View(field="criterion"))
+
+
+@pytest.mark.parametrize(
+    ("values", "limits"), [((1.0, 9.0), (1.0, 9.0)), ((-3.0, 9.0), (-9.0, 9.0))]
+)
+def test_the_colours_end_at_the_extremes(
+    tmp_path: Path, values: tuple[float, float], limits: tuple[float, float]
+) -> None:
+    model = make_model("hex8", (30, 2, 2))
+    spread = np.full(len(model.nodes), 1.0)
+    spread[model.nodes[:, 0] == 8.0] = values[1]
+    spread[model.nodes[:, 0] == 0.0] = values[0]
+    surface = grid.part_surface(model, {"tresca": spread})
+    assert plot._range(surface, "tresca") == limits

@@ -23,7 +23,7 @@ from vkctl.shapes.topology import HEX8, HEX8_SIGNS, TET4, TET10, TET10_EDGES, TE
 from .law import energy_densities
 from .measures import von_mises
 from .patches import LINEAR, QUADRATIC, Patches, Region, fit_patches
-from .points import HALF, element_levels, element_means, evaluate
+from .points import HALF, element_levels, element_means, evaluate, nodes_inside
 from .solution import Solution
 
 _CENTRAL = 1.0  # eccentricity up to which a node lies in the middle of its patch
@@ -117,10 +117,7 @@ def _inside(solution: Solution, region: Region) -> Array:
         return np.ones(len(region.nodes), np.bool_)
     inside = np.zeros(len(region.nodes), np.bool_)
     for code, (numbers, rows) in region.tables.items():
-        levels = element_levels(solution, code, numbers)
-        if code == TET10:
-            levels = np.concatenate((levels, levels[:, TET10_EDGES].mean(axis=2)), axis=1)
-        inside[rows[levels >= 0]] = True
+        inside[nodes_inside(solution, code, numbers, rows)] = True
     return inside
 
 

@@ -10,7 +10,7 @@ import numpy as np
 from vkctl.basics.types import Array
 from vkctl.shapes.functions import GRADIENTS, shape_values
 from vkctl.shapes.rules import COARSE, FINE, FINE_ABOVE, solver_rule
-from vkctl.shapes.topology import HEX8, TET4, TYPES
+from vkctl.shapes.topology import HEX8, TET4, TET10, TET10_EDGES, TYPES
 
 from .law import stresses
 from .measures import mean_normal, von_mises
@@ -35,6 +35,7 @@ class PointBlock:
     strains: Array  # (m, p, 6), mechanical, engineering shears
     stresses: Array  # (m, p, 6)
     determinants: Array  # (m, p)
+    inverses: Array  # (m, p, 3, 3): row i, column j is the derivative of parameter i by axis j
 
     @property
     def energies(self) -> Array:
@@ -63,7 +64,7 @@ def evaluate(solution: Solution, code: int, numbers: Array, points: Array) -> Po
     strains[..., :3] -= _free_strains(solution, numbers, rows, shape)
     materials = elements.materials[numbers - 1].astype(np.int64)
     found = stresses(solution.laws, materials, solution.factors[numbers - 1], strains)
-    return PointBlock(code, numbers, shape @ places, strains, found, determinants)
+    return PointBlock(code, numbers, shape @ places, strains, found, determinants, inverse)
 
 
 def _shapes(code: int, points: Array) -> Array:
@@ -110,7 +111,19 @@ class IntegrationBlock:
 
     at: PointBlock
     volumes: Array  # (m, p) that belong to the points
-    presences: Array  # (m, p), the sharp ones, from 0.001 outside the part to 1 inside
+    levels: Array  # (m, p)
+    slope: float  # of the presence over the level
+    points: Array  # (p, 3), the parameters
+
+    @property
+    def presences(self) -> Array:
+        """The sharp ones (m, p), from 0.001 outside the part to 1 inside."""
+        return _presences(_SHARPER * self.slope * self.levels)
+
+    @property
+    def smooth_presences(self) -> Array:
+        """Those that the stiffness is multiplied by (m, p)."""
+        return _presences(self.slope * self.levels)
 
 
 def integration_points(
@@ -134,9 +147,10 @@ def integration_points(
             points, weights = solver_rule(code, order)
             for some in blocks(taken, len(points)):
                 at = evaluate(solution, code, some, points)
-                yield IntegrationBlock(
-                    at, at.determinants * weights, _presences(solution, code, some, points)
-                )
+                shape = _shapes(HEX8 if code == HEX8 else TET4, points)
+                levels = element_levels(solution, code, some) @ shape.T  # linear on both tetrahedra
+                volumes = at.determinants * weights
+                yield IntegrationBlock(at, volumes, levels, solution.slope, points)
 
 
 def blocks(numbers: Array, points: int) -> Iterator[Array]:
@@ -155,13 +169,19 @@ def element_levels(solution: Solution, code: int, numbers: Array) -> Array:
     return levels
 
 
-def _presences(solution: Solution, code: int, numbers: Array, points: Array) -> Array:
-    """Sharp presence; the level is linear on both tetrahedra."""
-    shape = _shapes(HEX8 if code == HEX8 else TET4, points)
-    level = element_levels(solution, code, numbers) @ shape.T
-    step = np.arctan(_SHARPER * solution.slope * level) / np.pi + 0.5
-    found: Array = step * (1 - _FLOOR) + _FLOOR
-    return found
+def nodes_inside(solution: Solution, code: int, numbers: Array, rows: Array) -> Array:
+    """The nodes among `rows` (m, n), of elements of a type, where their level isn't negative."""
+    levels = element_levels(solution, code, numbers)
+    if code == TET10:
+        levels = np.concatenate((levels, levels[:, TET10_EDGES].mean(axis=2)), axis=1)
+    inside: Array = rows[levels >= 0]
+    return inside
+
+
+def _presences(steepened: Array) -> Array:
+    """How much of the material is present where the level times a slope is this."""
+    step: Array = np.arctan(steepened) / np.pi + 0.5
+    return step * (1 - _FLOOR) + _FLOOR
 
 
 @dataclass(frozen=True)

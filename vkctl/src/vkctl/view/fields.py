@@ -10,6 +10,7 @@ from vkctl import stress
 from vkctl.basics.types import Array
 from vkctl.directory.model import Model
 from vkctl.directory.results import Results
+from vkctl.stress.fields import COMPONENTS, STRESS_FIELDS, stress_field
 
 Field = Literal[
     "magnitude",
@@ -31,11 +32,6 @@ Field = Literal[
     "level",
 ]
 FIELDS: tuple[Field, ...] = get_args(Field)
-_COMPONENTS = ("stress_xx", "stress_yy", "stress_zz", "stress_xy", "stress_yz", "stress_xz")
-_PRINCIPAL = ("principal_1", "principal_2", "principal_3")
-OF_STRESS = frozenset(
-    ("von_mises", "signed_von_mises", "tresca", "energy_density", *_PRINCIPAL, *_COMPONENTS)
-)
 
 TITLES: dict[str, str] = {
     "magnitude": "displacement",
@@ -45,7 +41,7 @@ TITLES: dict[str, str] = {
     "principal_1": "largest principal stress",
     "principal_2": "middle principal stress",
     "principal_3": "smallest principal stress",
-    **{name: name.replace("_", " ") for name in _COMPONENTS},
+    **{name: name.replace("_", " ") for name in COMPONENTS},
     "energy_density": "strain energy density",
     "element_mean": "von Mises stress, element mean, signed",
     "criterion": "criterion",
@@ -116,26 +112,10 @@ def stress_fields(model: Model, results: Results) -> dict[str, Array]:
 def shown_fields(model: Model, results: Results, field: str) -> dict[str, Array]:
     """What a picture of one field needs; ValueError where the load case doesn't have it."""
     fields = point_fields(model, results)
-    if field in OF_STRESS:
+    if field in STRESS_FIELDS:
         # Says itself why there is none.
         recovered = stress.nodal_stress(stress.solution_of(model, results)).merged()
-        fields[field] = _scalar(recovered, field)
+        fields[field] = stress_field(recovered.stress, recovered.energy, field)
     if field != "level" and field not in fields:
         raise ValueError(f"load case {results.number} has no {field}: there are no design points")
     return fields
-
-
-def _scalar(found: stress.MaterialStress, field: str) -> Array:
-    """One field of recovered stresses."""
-    if field in _COMPONENTS:
-        component: Array = found.stress[:, _COMPONENTS.index(field)]
-        return component
-    if field in ("von_mises", "signed_von_mises"):
-        return getattr(stress, field)(found.stress)  # type: ignore[no-any-return]
-    if field == "energy_density":
-        return found.energy
-    principal = stress.principal(found.stress)
-    if field == "tresca":
-        return stress.tresca(principal)
-    value: Array = principal[:, _PRINCIPAL.index(field)]
-    return value

@@ -1,0 +1,124 @@
+"""Which support holds which component: by the case file's names, or by what touches what."""
+
+from __future__ import annotations
+
+from dataclasses import dataclass
+
+import numpy as np
+from scipy import sparse
+from scipy.sparse.csgraph import connected_components
+
+from vkctl.basics.types import Array
+from vkctl.directory import formats
+from vkctl.directory.model import Model
+from vkctl.shapes.elements import Elements
+from vkctl.shapes.topology import NODES_PER_TYPE
+
+from .study import AskError, active_nodes, find_set, set_nodes
+
+
+@dataclass(frozen=True)
+class Holder:
+    """A support, or the part of one that belongs to one of its sets."""
+
+    name: str
+    kind: str  # of the case file, or "fixed", "prescribed", "elastic"
+    set: str  # empty where the support has one set or none
+    rows: Array  # positions of its records among the load case's constraints
+
+
+def holders(model: Model, number: int) -> list[Holder]:
+    """The supports of a load case, each record in one of them.
+
+    By the case file's names where the directory remembers them and its records are still those;
+    else the records are put together by their kind and by whether their nodes share elements.
+    """
+    return _named(model, number) or _grouped(model, number)
+
+
+def _named(model: Model, number: int) -> list[Holder] | None:
+    notes = model.notes
+    if notes is None or number > len(notes.load_cases):
+        return None
+    names = [n for n in notes.load_cases[number - 1].supports if n in notes.supports]
+    try:
+        members = [_members(model, notes.supports[name].sets) for name in names]
+    except AskError:
+        return None
+    numbers = model.load_cases[number - 1].constraints["Node"].astype(np.int64)
+    held = [np.flatnonzero(of_sets.any(axis=0)) + 1 for of_sets in members]
+    # A case file's records stand support by support, one a node, nodes ascending.
+    if not np.array_equal(numbers, np.concatenate([np.empty(0, np.int64), *held])):
+        return None
+    found, start = [], 0
+    for name, of_sets, nodes in zip(names, members, held, strict=True):
+        condition = notes.supports[name]
+        rows = np.arange(start, start + len(nodes))
+        start += len(nodes)
+        if len(condition.sets) < 2:
+            found.append(Holder(name, condition.kind, "", rows))
+            continue
+        first = np.argmax(of_sets[:, numbers[rows] - 1], axis=0)
+        for place, title in enumerate(condition.sets):
+            found.append(Holder(name, condition.kind, title, rows[first == place]))
+    return found
+
+
+def _members(model: Model, names: tuple[str, ...]) -> Array:
+    """Which nodes belong to each of the sets, bool (sets, n)."""
+    member = np.zeros((max(len(names), 1), len(model.nodes)), np.bool_)
+    if not names:
+        member[0] = active_nodes(model)
+    for place, name in enumerate(names):
+        if name == "all":
+            member[place] = active_nodes(model)
+        else:
+            member[place, set_nodes(model, find_set(model, name)) - 1] = True
+    return member
+
+
+def _grouped(model: Model, number: int) -> list[Holder]:
+    records = model.load_cases[number - 1].constraints
+    springs = records["Kind"] & formats.CONSTRAINT_PENALTY != 0
+    acting = records["DofMask"][:, None] >> np.arange(3) & 1 == 1
+    moved = (acting & (records["Value"] != 0)).any(axis=1) & ~springs
+    found = []
+    for kind, mask in (
+        ("fixed", ~springs & ~moved),
+        ("prescribed", moved),
+        ("elastic", springs),
+    ):
+        rows = np.flatnonzero(mask)
+        if not len(rows):
+            continue
+        chosen = np.zeros(len(model.nodes), np.bool_)
+        chosen[records["Node"][rows] - 1] = True
+        groups = touching_groups(model.elements, chosen)[records["Node"][rows] - 1]
+        count = int(groups.max()) + 1
+        for group in range(count):
+            name = f"{kind} {group + 1}" if count > 1 else kind
+            found.append(Holder(name, kind, "", rows[groups == group]))
+    return found
+
+
+def touching_groups(elements: Elements, chosen: Array) -> Array:
+    """Groups (n,) of the chosen nodes (bool (n,)), from 0 by their lowest node; others have -1.
+
+    Two nodes are in one group if they share an element, or each with a third.
+    """
+    local = np.cumsum(chosen) - 1
+    count = int(chosen.sum())
+    pairs = [np.empty((2, 0), np.int64)]
+    for code, width in NODES_PER_TYPE.items():
+        rows = elements.of_type(code)[1] - 1
+        inside = chosen[rows]
+        rows, inside = rows[inside.sum(axis=1) > 1], inside[inside.sum(axis=1) > 1]
+        first = rows[np.arange(len(rows)), inside.argmax(axis=1)]
+        for column in range(width):
+            mask = inside[:, column]
+            pairs.append(np.array((local[first[mask]], local[rows[mask, column]])))
+    a, b = np.concatenate(pairs, axis=1)
+    graph = sparse.coo_matrix((np.ones(len(a), np.bool_), (a, b)), shape=(count, count))
+    groups = np.full(len(chosen), -1)
+    groups[chosen] = connected_components(graph, directed=False)[1]
+    return groups
