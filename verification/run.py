@@ -1,19 +1,24 @@
 """Runs the verification cases through vk_rund and compares them with docs/verification.md.
 
-    python verification/run.py [--write] [--only CASE ...] [--quick]
+    python verification/run.py [--only CASE ...] [--quick] [--jobs N]
 
---write writes the page and its pictures anew. --only runs the named cases and --quick small
-meshes; either looks at no page. The solver is $VK_RUND or build/release/vk_rund. Exit status 1
-when a comparison is outside its bound, or when the page doesn't tell what was found.
+--only runs the named cases and --quick small meshes; either looks at no page. --jobs runs so many
+cases at a time. The solver is $VK_RUND or build/release/vk_rund. Nothing is written: publish.py
+makes the page. Exit status 1 when a comparison is outside its bound, or when the page doesn't tell
+what was found.
 """
 
 from __future__ import annotations
 
 import argparse
 import importlib
+import multiprocessing
 import os
 import sys
 import time
+from collections.abc import Iterator, Sequence
+from concurrent.futures import ProcessPoolExecutor
+from functools import partial
 from pathlib import Path
 
 HERE = Path(__file__).resolve().parent
@@ -21,8 +26,10 @@ DOCS = HERE.parent / "docs"
 sys.path[:0] = [str(HERE), *(str(HERE.parent / path) for path in ("tests/support", "vkctl/src"))]
 
 from program_under_test import program  # noqa: E402
-from support import page  # noqa: E402
+from support import introduction, page  # noqa: E402
 
+# In the order of the page. Those of the second list take longer than a check may: publish.py alone
+# runs them.
 CASES = (
     "patch",
     "le10",
@@ -41,46 +48,51 @@ CASES = (
     "compression_only",
     "calculix",
 )
-
-INTRODUCTION = """
-# Verification
-
-Written by `python verification/run.py --write`, which runs every case below through `vk_rund`,
-with meshes that the companion package writes. Without `--write` it compares the cases with this
-page, and fails when a comparison is outside its bound or the page tells another value. The bounds
-are part of the cases. Where an answer is exact they follow from single precision; for
-discretisation errors they hold a mesh to what it gave when the case was made, with a margin, so
-that they guard against change and prove nothing by themselves: the errors are to be read beside
-them. Shapes, quadrature, loads and stress recovery of the cases are written in numpy, apart from
-the solver's.
-
-Three things hold for all cases:
-
-- **Presence.** An element without a level field has the level 1, and its stiffness carries the
-  factor H(1) = (atan(500) / pi + 0.5) (1 - 0.001) + 0.001 = 0.999364. Where a case gives a modulus
-  E, the model holds E / H(1), so that E is what acts.
-- **Single precision.** Coordinates, loads, prescribed values and saved displacements are
-  float32, with seven digits. Coordinates are rounded before references are computed. Errors
-  below 1e-6 are shown as such and not with digits.
-- **Two runs.** A solve ends when the largest residual is 1e-5 of the largest load. Each case is
-  run a second time from its saved displacements, which solves for the remainder, so that the
-  tolerance leaves no trace in the numbers (states of yielding and compression-only materials
-  change with every run; those two cases count their runs).
-
-"Error" is relative to the reference where both numbers are given, otherwise it is what the case
-says.
-"""
+PUBLISHED: tuple[str, ...] = ()
+ORDER = (*CASES, *PUBLISHED)
 
 
 def arguments() -> argparse.Namespace:
     parser = argparse.ArgumentParser(description=(__doc__ or "").splitlines()[0])
-    parser.add_argument("--write", action="store_true", help="write the page and its pictures")
-    parser.add_argument("--only", action="append", choices=CASES, metavar="CASE")
+    parser.add_argument("--only", action="append", choices=ORDER, metavar="CASE")
     parser.add_argument("--quick", action="store_true", help="small meshes, no page")
-    options = parser.parse_args()
-    if options.write and (options.only or options.quick):
-        parser.error("--write takes all cases in full")
-    return options
+    parser.add_argument("--jobs", type=int, default=1, metavar="N", help="cases at a time")
+    return parser.parse_args()
+
+
+def title_of(name: str) -> str:
+    title: str = importlib.import_module(f"cases.{name}").TITLE
+    return title
+
+
+def run_case(name: str, quick: bool, pictures: bool) -> tuple[page.Result, float]:
+    """What a case found, and its seconds; without `pictures` it can go to another process."""
+    started = time.perf_counter()
+    result: page.Result = importlib.import_module(f"cases.{name}").run(quick)
+    if not pictures:
+        for picture in result.pictures:
+            picture.paint = None
+    return result, time.perf_counter() - started
+
+
+def run_cases(
+    names: Sequence[str], quick: bool = False, jobs: int = 1, pictures: bool = False
+) -> Iterator[page.Result]:
+    """Results in the order of `names`, told as they come."""
+    work = partial(run_case, quick=quick, pictures=pictures)
+    if jobs == 1:
+        yield from map(told, map(work, names))
+        return
+    # A fresh process for each worker: no library's threads are inherited.
+    with ProcessPoolExecutor(jobs, multiprocessing.get_context("spawn")) as pool:
+        yield from map(told, pool.map(work, names))
+
+
+def told(found: tuple[page.Result, float]) -> page.Result:
+    result, seconds = found
+    print(page.console(result))
+    print(f"  {seconds:.1f} s", flush=True)
+    return result
 
 
 def main() -> int:
@@ -88,22 +100,15 @@ def main() -> int:
     if not program().exists():
         print(f"no solver at {program()}; build it or set VK_RUND", file=sys.stderr)
         return 2
-    results, failed_cases = [], 0
     # Told by the set-up where the Debian release hasn't got the other solver.
-    left_out = ("calculix",) if os.environ.get("VK_NO_PEER") else ()
-    for name in options.only or [case for case in CASES if case not in left_out]:
-        started = time.perf_counter()
-        result = importlib.import_module(f"cases.{name}").run(options.quick)
-        results.append(result)
-        failed_cases += any(not check.passed for check in result.checks)
-        print(page.console(result))
-        print(f"  {time.perf_counter() - started:.1f} s", flush=True)
-    count, failed = len(results), failed_cases
-    if options.write:
-        page.write(results, INTRODUCTION, DOCS)
-    elif not options.only and not options.quick:
-        titles = [importlib.import_module(f"cases.{name}").TITLE for name in left_out]
-        differences = page.differences(results, INTRODUCTION, DOCS, titles)
+    left_out = [*PUBLISHED, *(("calculix",) if os.environ.get("VK_NO_PEER") else ())]
+    names = options.only or [name for name in CASES if name not in left_out]
+    results = list(run_cases(names, options.quick, options.jobs))
+    count = len(results)
+    failed = sum(any(not check.passed for check in result.checks) for result in results)
+    if not options.only and not options.quick:
+        titles = [title_of(name) for name in left_out]
+        differences = page.differences(results, introduction.TEXT, DOCS, titles)
         for difference in differences:
             print(f"docs/verification.md: {difference}")
         count, failed = count + 1, failed + bool(differences)

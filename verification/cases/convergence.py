@@ -5,8 +5,9 @@ from __future__ import annotations
 import numpy as np
 from support import fem, solver
 from support.closed import order, push
+from support.figures import Figure
 from support.mesh import NAMES, TYPES, block, boundary, model, shake
-from support.page import Figure, Result, Table, error_text, near, number
+from support.page import Result, Table, error_text, near, number
 
 from vkctl.basics.types import Array
 from vkctl.directory.model import LoadCase, prescribed

@@ -5,8 +5,9 @@ from __future__ import annotations
 import numpy as np
 from support import fem, solver
 from support.closed import hold, order
+from support.figures import Figure
 from support.mesh import NAMES, TYPES, Mesh, block, model, shake
-from support.page import Check, Figure, Result, compare, near
+from support.page import Check, Result, compare, near
 
 from vkctl.basics.types import Array
 from vkctl.directory.model import LoadCase, Material, prescribed

@@ -9,8 +9,9 @@ import numpy as np
 from scipy.integrate import quad
 from support import fem, solver
 from support.closed import hold, push
+from support.figures import Figure
 from support.mesh import EDGES, NAMES, TYPES, Mapping, Mesh, block, faces_where, model
-from support.page import Check, Figure, Result, Table, compare, error_text, number
+from support.page import Check, Result, Table, compare, error_text, number
 
 from vkctl.basics.types import Array
 from vkctl.directory.model import LoadCase, Material, Model, prescribed

@@ -5,8 +5,9 @@ from __future__ import annotations
 import numpy as np
 from support import fem, solver
 from support.closed import hold, push
+from support.figures import Figure
 from support.mesh import NAMES, TYPES, Mesh, block, faces_where, model
-from support.page import Check, Figure, Result, Table, compare, number
+from support.page import Check, Result, Table, compare, number
 
 from vkctl.basics.types import Array
 from vkctl.directory.model import LoadCase, Material, prescribed

@@ -9,8 +9,9 @@ import numpy as np
 from vkctl.basics.types import Array
 from vkctl.directory.model import LoadCase, prescribed
 
+from .figures import Figure
 from .mesh import NAMES, Condition, Mesh
-from .page import Figure, Table, error_text, number
+from .page import Table, error_text, number
 
 
 def hold(case: LoadCase, mesh: Mesh, direction: str, condition: Condition) -> LoadCase:

@@ -1,28 +1,22 @@
 """Results of the cases, the page they are written to, and the comparison with that page.
 
 Numbers are shown with so few digits, and errors below `FLOOR` without any, that a repeated run
-gives nearly the same page; what round-off changes from machine to machine is no difference. A
-figure is written anew only when the shown digits of its data change.
+gives nearly the same page; what round-off changes from machine to machine is no difference.
 """
 
 from __future__ import annotations
 
-import hashlib
-import json
 import re
-from collections.abc import Mapping, Sequence
+from collections.abc import Sequence
 from dataclasses import dataclass, field
 from pathlib import Path
 
-import matplotlib
-
-matplotlib.use("Agg")
-import matplotlib.pyplot as plt
-from PIL import Image
+from .figures import Figure, Picture
 
 FLOOR = 1e-6  # single precision of the files: nothing below means anything
 ROUNDING = 1e-4  # of numbers shown with five digits, errors with two
 PAGE = "verification.md"
+MADE = "Made from commit "
 
 
 def number(value: float, digits: int = 5) -> str:
@@ -77,24 +71,6 @@ class Table:
 
 
 @dataclass
-class Figure:
-    """Curves: label to (x, y); a label that starts with "slope" is drawn thin."""
-
-    name: str
-    x_label: str
-    y_label: str
-    curves: Mapping[str, tuple[Sequence[float], Sequence[float]]]
-    caption: str
-    logarithmic: str = "xy"  # the axes that are
-
-    def rounded(self) -> dict[str, list[list[float]]]:
-        return {
-            label: [[float(f"{v:.4g}") for v in axis] for axis in curve]
-            for label, curve in self.curves.items()
-        }
-
-
-@dataclass
 class Result:
     """What a case found. `text` tells mesh, load, expected value and its source; `remarks` the
     reasons of what is not as one would expect at first sight."""
@@ -105,6 +81,11 @@ class Result:
     tables: list[Table] = field(default_factory=list)
     figures: list[Figure] = field(default_factory=list)
     remarks: str = ""
+    pictures: list[Picture] = field(default_factory=list)
+
+    @property
+    def drawings(self) -> list[Figure | Picture]:
+        return [*self.figures, *self.pictures]
 
 
 def _table(head: list[str], rows: list[list[str]]) -> str:
@@ -116,50 +97,37 @@ def _table(head: list[str], rows: list[list[str]]) -> str:
 def _section(result: Result) -> str:
     head = ["quantity", "value", "reference", "error", "bound", ""]
     parts = [f"## {result.title}", result.text.strip()]
+    parts += [_image(picture) for picture in result.pictures]
     parts.append(_table(head, [check.cells() for check in result.checks]))
     for table in result.tables:
         if table.caption:
             parts.append(table.caption)
         parts.append(_table(table.head, table.rows))
-    for figure in result.figures:
-        parts.append(f"![{figure.caption}](verification/{figure.name}.png)")
+    parts += [_image(figure) for figure in result.figures]
     if result.remarks:
         parts.append(result.remarks.strip())
     return "\n\n".join(parts)
 
 
-def _draw(figure: Figure, path: Path) -> None:
-    data = figure.rounded()
-    shown = [data, figure.x_label, figure.y_label, figure.caption, figure.logarithmic]
-    digest = hashlib.sha256(json.dumps(shown, sort_keys=True).encode()).hexdigest()
-    if path.exists() and Image.open(path).info.get("Data") == digest:
-        return
-    drawn = plt.figure(figsize=(5.6, 3.8), dpi=110)
-    axes = drawn.gca()
-    for label, (x, y) in data.items():
-        thin = label.startswith("slope") or label.startswith("reference")
-        axes.plot(x, y, "k--" if thin else "o-", lw=0.8 if thin else 1.4, ms=4, label=label)
-    if "x" in figure.logarithmic:
-        axes.set_xscale("log")
-    if "y" in figure.logarithmic:
-        axes.set_yscale("log")
-    axes.set_xlabel(figure.x_label)
-    axes.set_ylabel(figure.y_label)
-    axes.grid(True, which="both", lw=0.3)
-    axes.legend(fontsize=8)
-    drawn.tight_layout()
-    drawn.savefig(path, metadata={"Data": digest, "Software": None})
-    plt.close(drawn)
+def _image(drawn: Figure | Picture) -> str:
+    return f"![{drawn.caption}](verification/{drawn.name}.png)"
 
 
-def write(results: list[Result], introduction: str, docs: Path) -> None:
-    """Write `docs`/verification.md and its figures under `docs`/verification."""
+def write(results: list[Result], introduction: str, made: str, docs: Path) -> None:
+    """Write `docs`/verification.md and what it shows under `docs`/verification, and clear away
+    the pictures that it doesn't show any more. `made` says from what and with what."""
     folder = docs / "verification"
     folder.mkdir(parents=True, exist_ok=True)
+    shown = set()
     for result in results:
-        for figure in result.figures:
-            _draw(figure, folder / f"{figure.name}.png")
-    (docs / PAGE).write_text(_text(results, introduction))
+        for drawn in result.drawings:
+            drawn.draw(folder / f"{drawn.name}.png")
+            shown.add(f"{drawn.name}.png")
+    for path in folder.glob("*.png"):
+        if path.name not in shown:
+            path.unlink()
+    text = _text(results, introduction).split("\n\n")
+    (docs / PAGE).write_text("\n\n".join([text[0], MADE + made, *text[1:]]))
 
 
 def _text(results: list[Result], introduction: str) -> str:
@@ -189,7 +157,7 @@ def differences(
     and the rounding of the page; how large an error came out differs between machines and only
     has to lie within the bound. Cases whose titles are in `left_out` were not run.
     """
-    told = _without(left_out, (docs / PAGE).read_text()).splitlines()
+    told = _without(left_out, _unmade((docs / PAGE).read_text())).splitlines()
     found = _text(results, introduction).splitlines()
     wrong = [
         f"line {place}: {old!r}, but now {new!r}"
@@ -204,9 +172,15 @@ def differences(
     for result in results:
         for check in result.checks:
             wrong += _told_otherwise(result.title, check, rows[result.title, check.name])
-    names = [figure.name for result in results for figure in result.figures]
+    names = [drawn.name for result in results for drawn in result.drawings]
     missing = [name for name in names if not (docs / "verification" / f"{name}.png").exists()]
     return wrong + [f"no picture {name}.png" for name in missing]
+
+
+def _unmade(page: str) -> str:
+    """The page without the paragraph that says what it was made from, different each time."""
+    parts = page.split("\n\n")
+    return "\n\n".join(part for part in parts if not part.startswith(MADE))
 
 
 def _without(titles: Sequence[str], text: str) -> str:

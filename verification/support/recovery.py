@@ -8,8 +8,9 @@ from vkctl.basics.types import Array
 from vkctl.shapes.topology import HEX8
 
 from . import fem
+from .figures import Figure
 from .mesh import NAMES, Mesh
-from .page import Check, Figure, Table, compare, number
+from .page import Check, Table, compare, number
 
 RINGS = {True: 3, False: 2}  # hexahedra have one sampling point each and need a ring more
 

@@ -13,6 +13,7 @@ HERE = Path(__file__).resolve().parent
 sys.path[:0] = [str(HERE.parent), str(HERE.parents[1] / "vkctl/src")]
 
 from support import fem, page  # noqa: E402
+from support.figures import Figure, Picture  # noqa: E402
 from support.mesh import TYPES, block, boundary, faces_where, merge, shake, straighten  # noqa: E402
 
 from vkctl.basics.types import Array  # noqa: E402
@@ -164,13 +165,16 @@ def found(value: float = 2.0, error: float = 0.03, name: str = "deflection") -> 
     return [page.Result("A bar", "A bar of length 2.", checks, [table])]
 
 
+FROM = "`0123456789ab`.\nSolver: vk_rund."
+
+
 def test_a_page_agrees_with_what_it_was_written_from(tmp_path: Path) -> None:
-    page.write(found(), "# Page", tmp_path)
+    page.write(found(), "# Page", FROM, tmp_path)
     assert page.differences(found(), "# Page", tmp_path) == []
 
 
 def test_round_off_of_another_machine_is_no_difference(tmp_path: Path) -> None:
-    page.write(found(), "# Page", tmp_path)
+    page.write(found(), "# Page", FROM, tmp_path)
     text = (tmp_path / page.PAGE).read_text()
     for old, new in (
         ("| below 1e-6 |", "| 1.4e-06 |"),
@@ -200,7 +204,7 @@ def test_round_off_of_another_machine_is_no_difference(tmp_path: Path) -> None:
 def test_a_page_that_tells_something_else_is_found(
     tmp_path: Path, old: str, new: str, words: str
 ) -> None:
-    page.write(found(), "# Page", tmp_path)
+    page.write(found(), "# Page", FROM, tmp_path)
     text = (tmp_path / page.PAGE).read_text()
     assert text.count(old) == 1
     (tmp_path / page.PAGE).write_text(text.replace(old, new))
@@ -209,6 +213,30 @@ def test_a_page_that_tells_something_else_is_found(
 
 def test_the_page_is_compared_without_the_cases_that_were_left_out(tmp_path: Path) -> None:
     other = page.Result("Another solver", "Text.", [page.compare("displacement", 1.0, 1.0, 1e-3)])
-    page.write([*found(), other], "# Page", tmp_path)
+    page.write([*found(), other], "# Page", FROM, tmp_path)
     assert page.differences(found(), "# Page", tmp_path, [other.title]) == []
     assert page.differences(found(), "# Page", tmp_path) != []
+
+
+def test_a_page_made_from_another_commit_on_another_solver_is_no_difference(tmp_path: Path) -> None:
+    page.write(found(), "# Page\n\nWhat it is.", FROM, tmp_path)
+    text = (tmp_path / page.PAGE).read_text()
+    assert text.startswith("# Page\n\nMade from commit `0123456789ab`.\nSolver: vk_rund.\n\nWhat")
+    assert page.differences(found(), "# Page\n\nWhat it is.", tmp_path) == []
+
+
+def test_pictures_that_no_case_shows_any_more_are_cleared_away(tmp_path: Path) -> None:
+    old = page.Result("Old", "", [], [], [Figure("old", "x", "y", {"a": ([1], [2])}, "Curve")])
+    page.write([*found(), old], "# Page", FROM, tmp_path)
+    assert (tmp_path / "verification" / "old.png").exists()
+    page.write(found(), "# Page", FROM, tmp_path)
+    assert not (tmp_path / "verification" / "old.png").exists()
+
+
+def test_a_picture_that_is_missing_is_a_difference(tmp_path: Path) -> None:
+    shown = found()
+    shown[0].pictures.append(Picture("bar", "A bar", lambda: np.zeros((4, 4, 3), np.uint8)))
+    page.write(shown, "# Page", FROM, tmp_path)
+    assert page.differences(shown, "# Page", tmp_path) == []
+    (tmp_path / "verification" / "bar.png").unlink()
+    assert page.differences(shown, "# Page", tmp_path) == ["no picture bar.png"]

@@ -1,0 +1,54 @@
+"""Writes docs/verification.md and its pictures from all cases.
+
+    python verification/publish.py
+
+The solver is $VK_RUND or build/release/vk_rund. The page names the commit that it was made from, so
+there must be no changes that aren't committed. Commit what it writes. Exit status 1 when a
+comparison is outside its bound: the page is written all the same and shows it.
+"""
+
+from __future__ import annotations
+
+import argparse
+import subprocess
+import sys
+from pathlib import Path
+
+import run  # it says where the others are
+
+# isort: split
+from program_under_test import ROOT, program
+from support import introduction, page
+
+
+def output(*command: str | Path) -> str:
+    return subprocess.run(
+        command, cwd=ROOT, capture_output=True, text=True, check=True
+    ).stdout.strip()
+
+
+def made() -> str:
+    """What the page is made from: commit, and solver with its maths library."""
+    commit = output("git", "rev-parse", "--short=12", "HEAD")
+    return f"`{commit}`.\nSolver: {output(program(), '--version')}."
+
+
+def main() -> int:
+    argparse.ArgumentParser(description=(__doc__ or "").splitlines()[0]).parse_args()
+    if not program().exists():
+        print(f"no solver at {program()}; build it or set VK_RUND", file=sys.stderr)
+        return 2
+    if output("git", "status", "--porcelain"):
+        print(
+            "there are changes: the page would name a commit it wasn't made from", file=sys.stderr
+        )
+        return 2
+    results = list(run.run_cases(run.ORDER, pictures=True))
+    page.write(results, introduction.TEXT, made(), run.DOCS)
+    failed = [result.title for result in results if any(not c.passed for c in result.checks)]
+    print(f"{len(results) - len(failed)} passed, {len(failed)} failed {'; '.join(failed)}")
+    return 1 if failed else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
