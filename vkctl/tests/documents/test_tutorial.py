@@ -46,7 +46,9 @@ def folder(tmp_path_factory: pytest.TempPathFactory) -> Path:
         done = subprocess.run(
             command, shell=True, cwd=directory, env=known, capture_output=True, text=True
         )
-        assert done.returncode == 0, f"{command}\n{done.stdout}{done.stderr}"
+        warned = command.split()[1] == "check"
+        assert done.returncode == warned, f"{command}\n{done.stdout}{done.stderr}"
+        assert not warned or "lie in thin regions" in done.stdout
     return directory
 
 

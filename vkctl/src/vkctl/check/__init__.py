@@ -20,6 +20,7 @@ from .results import check_results
 from .states import check_states
 from .structure import check_structure
 from .supports import check_supports
+from .thin import check_thin
 from .units import check_units
 
 __all__ = ["Finding", "Report", "Severity", "check"]
@@ -29,6 +30,7 @@ _CHECKS = (
     check_counts,
     check_materials,
     check_elements,
+    check_thin,
     check_nodes,
     check_levels,
     check_structure,
