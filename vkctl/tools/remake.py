@@ -27,7 +27,7 @@ PICTURES = ROOT / "docs" / "optimise"
 EXAMPLES = ("cantilever", "mbb-beam", "l-bracket", "bracket")
 ANIMATED = "mbb-beam"
 _VIEW = View(size=(900, 600))
-_FRAME = View(field="level", size=(560, 360))
+_FRAME = View(field="level", size=(560, 360), marks=False)
 
 
 def compliance(directory: Path, number: int) -> float:

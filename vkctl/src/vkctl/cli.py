@@ -28,7 +28,7 @@ COMMANDS = {
     "check": "Say everything about a prepared directory that would fail or surprise.",
     "diff": "Compare the results of two directories.",
     "export": "Write results as .vtu or as a .pvd series over load cases, or the part as .stl.",
-    "plot": "Draw the deformed part, coloured by a field.",
+    "plot": "Draw the deformed part, coloured by a field, or what is prepared.",
     "ask": "Answer questions about solved load cases with numbers.",
     "optimise": "Optimise the part for stiffness; started again, it goes on where it stopped.",
 }

@@ -81,17 +81,3 @@ def test_a_model_without_design_points_has_no_criterion(tmp_path: Path) -> None:
     assert "criterion" not in fields.point_fields(model, results)
     with pytest.raises(ValueError, match="no criterion: there are no design points"):
         plot.plot(tmp_path, tmp_path / "out.png", view=plot.View(field="criterion"))
-
-
-@pytest.mark.parametrize(
-    ("values", "limits"), [((1.0, 9.0), (1.0, 9.0)), ((-3.0, 9.0), (-9.0, 9.0))]
-)
-def test_the_colours_end_at_the_extremes(
-    tmp_path: Path, values: tuple[float, float], limits: tuple[float, float]
-) -> None:
-    model = make_model("hex8", (30, 2, 2))
-    spread = np.full(len(model.nodes), 1.0)
-    spread[model.nodes[:, 0] == 8.0] = values[1]
-    spread[model.nodes[:, 0] == 0.0] = values[0]
-    surface = grid.part_surface(model, {"tresca": spread})
-    assert plot._range(surface, "tresca") == limits

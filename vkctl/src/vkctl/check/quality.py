@@ -24,7 +24,7 @@ from vkctl.shapes.topology import (
 )
 
 _ELEMENTS_PER_BLOCK = 20_000  # bounds the work arrays
-_SLIVER = 0.05  # quality below which an element is a sliver: about 1 thick and 100 wide
+SLIVER = 0.05  # quality below which an element is a sliver: about 1 thick and 100 wide
 _TET10_INNER = np.array([tet10_gradients(point) for point in solver_tetrahedron_points()])
 _TET10_OUTER = np.array([tet10_gradients(point) for point in TET_CORNERS])
 _HEX8_INNER = np.array([hex8_gradients(point) for point in solver_hexahedron_points()])
@@ -78,7 +78,7 @@ def _measure(code: int, nodes: Array, rows: Array) -> ShapeReport:
         quality = (
             12 * (3 * np.abs(volume)) ** (2 / 3) / np.maximum((lengths**2).sum(axis=1), 1e-300)
         )
-    sliver = sound & ~folded & (quality < _SLIVER)
+    sliver = sound & ~folded & (quality < SLIVER)
     return ShapeReport(repeated, flat, mirrored, inverted, folded, sliver, quality)
 
 

@@ -7,8 +7,9 @@ from typing import Annotated
 
 import typer
 
+from vkctl.basics.words import did_you_mean
 from vkctl.terminal import output
-from vkctl.terminal.arguments import Case, Directory
+from vkctl.terminal.arguments import Directory
 from vkctl.terminal.refusal import refuse, refusing
 
 _FIELD_HELP = (
@@ -21,19 +22,47 @@ _FIELD_HELP = (
 def plot_command(
     directory: Directory,
     out: Annotated[Path, typer.Option(..., "-o", "--out", help="picture to write, .png")],
-    field: Annotated[str, typer.Option(..., help=_FIELD_HELP)] = "magnitude",
-    case: Case = None,
+    field: Annotated[str | None, typer.Option(..., help=_FIELD_HELP)] = None,
+    case: Annotated[
+        int | None,
+        typer.Option(..., help="load case; if not given the first solved one, with --loads 1"),
+    ] = None,
     scale: Annotated[
         float | None, typer.Option(..., help="exaggeration of the deformation")
     ] = None,
     edges: Annotated[bool, typer.Option(..., "--edges", help="draw the triangles' edges")] = False,
+    loads: Annotated[
+        bool,
+        typer.Option(..., "--loads", help="forces, supports and springs instead; no run is needed"),
+    ] = False,
+    quality: Annotated[
+        bool,
+        typer.Option(..., "--quality", help="shapes of the elements instead; no run is needed"),
+    ] = False,
 ) -> None:
-    """Draw the deformed part, coloured by a field."""
+    """Draw the deformed part, coloured by a field, or what is prepared."""
+    if sum((field is not None, loads, quality)) > 1:
+        raise refuse("Give one of --field, --loads and --quality.")
+    with refusing(ValueError):
+        if loads:
+            from vkctl.view.loads import plot_loads
+
+            plot_loads(directory, out, case)
+        elif quality:
+            from vkctl.view.quality import plot_quality
+
+            plot_quality(directory, out)
+        else:
+            _plot_field(directory, out, field or "magnitude", case, scale, edges)
+    output.console().print(f"written: {out}", soft_wrap=True)
+
+
+def _plot_field(
+    directory: Path, out: Path, field: str, case: int | None, scale: float | None, edges: bool
+) -> None:
     from vkctl.view.fields import FIELDS
     from vkctl.view.plot import View, plot
 
     if field not in FIELDS:
-        raise refuse(f"unknown field {field!r}: {', '.join(FIELDS)}")
-    with refusing(ValueError):
-        plot(directory, out, case, View(field=field, scale=scale, edges=edges))
-    output.console().print(f"written: {out}", soft_wrap=True)
+        raise refuse(f"unknown field {field!r}: {did_you_mean(field, FIELDS)}")
+    plot(directory, out, case, View(field=field, scale=scale, edges=edges))

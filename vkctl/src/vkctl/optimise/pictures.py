@@ -15,7 +15,7 @@ from . import history
 from .loop import model_at
 
 MOST_FRAMES = 40
-_FRAME = View(field="level", size=(900, 600))
+_FRAME = View(field="level", size=(900, 600), marks=False)
 _FRAME_MILLISECONDS = 150
 _LAST_MILLISECONDS = 2000
 

@@ -17,12 +17,13 @@ from vkctl.directory.model import Model
 from .case_file.entries import Cases
 from .case_file.read import read_cases
 from .case_records import assign_patterns, grouped, load_case, resultant
-from .conditions import LoadMaker, guarded, node_array, support_records, united
+from .conditions import LoadMaker, support_records
 from .mesh import PartMesh, make_mesh
 from .part import Reading
 from .readers.registry import read_part
 from .remembered import case_notes, remembered_sets
 from .sets import Sets
+from .targets import guarded, node_array, united
 
 _STALE = (
     f"{file_names.RESULT_PREFIX}*.{file_names.FOUR_DIGITS}",

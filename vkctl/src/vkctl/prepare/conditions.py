@@ -8,45 +8,28 @@ import numpy as np
 
 from vkctl.basics.arrays import distinct
 from vkctl.basics.types import Array
-from vkctl.basics.words import counted, did_you_mean
+from vkctl.basics.words import counted
 from vkctl.directory import model
 from vkctl.directory.model import Model
 from vkctl.shapes.forces import consistent_forces, lumped_areas, nodal_masses, spread_force
 
 from .case_file.entries import Cases, Load, Support
-from .case_file.expression import Expression, ExpressionError
+from .case_file.expression import ExpressionError
 from .case_file.toml_table import Field
-from .face_sets import Faces
+from .planes import held_normals
+from .remote import bearing, moved_rigidly, spread_moment
 from .sets import Sets
-
-
-def guarded(cases: Cases, where: tuple[str | int, ...], value: Field, points: Array) -> Array:
-    """Values of a number or formula; zeros where the formula has no finite value."""
-    try:
-        return evaluate(value, points)
-    except ExpressionError as error:
-        cases.report.add(where, str(error))
-        return np.zeros(len(points))
-
-
-def node_array(cases: Cases, sets: Sets, where: tuple[str | int, ...], name: str) -> Array:
-    data = sets.mesh.node_data
-    if name not in data:
-        hint = did_you_mean(name, data) if data else "the part holds no node data"
-        cases.report.add((*where, "array"), f"no node data {name!r} in the part", hint)
-        return np.zeros(len(sets.mesh.nodes))
-    return data[name]
-
-
-def united(sets: Sets, names: tuple[str, ...], where: tuple[str | int, ...]) -> Array:
-    found = [sets.nodes(name, (*where, "set")) for name in names or ("all",)]
-    return distinct(np.concatenate(found)).astype(np.int64)
+from .targets import evaluate, faces_of, guarded, has_faces, node_array, united
 
 
 def support_records(cases: Cases, sets: Sets, support: Support) -> Array:
     """CONSTRAINT records of a support."""
+    if support.kind in ("symmetry", "frictionless"):
+        return held_normals(cases, sets, support)
     nodes = united(sets, support.sets, support.where)
     points = sets.mesh.nodes[nodes - 1]
+    if support.kind == "remote_displacement":
+        return model.prescribed(nodes, "xyz", moved_rigidly(support, points))
     key = "offset" if support.kind == "elastic" else "value"
     at = (*support.where, key)
     values = np.column_stack(
@@ -75,8 +58,8 @@ def _relative_stiffness(cases: Cases, sets: Sets, support: Support, nodes: Array
     if support.stiffness is None:
         return np.ones((len(nodes), 3))
     amount = np.ones(len(nodes))
-    if support.per == "area" or (support.per == "total" and _has_faces(sets, support.sets)):
-        faces = _faces(cases, sets, support.sets, support.where)
+    if support.per == "area" or (support.per == "total" and has_faces(sets, support.sets)):
+        faces = faces_of(cases, sets, support.sets, support.where)
         numbers, areas = lumped_areas(sets.mesh.nodes, faces.tables)
         amount = np.zeros(len(nodes))
         known = np.isin(numbers, nodes)
@@ -85,16 +68,6 @@ def _relative_stiffness(cases: Cases, sets: Sets, support: Support, nodes: Array
         amount = amount / amount.sum()
     relative: Array = amount[:, None] * np.array(support.stiffness) / unit
     return relative
-
-
-def _has_faces(sets: Sets, names: tuple[str, ...]) -> bool:
-    own, nodes = sets.names("face"), sets.names("node")
-    return all(name in own and name not in nodes for name in names)
-
-
-def _faces(cases: Cases, sets: Sets, names: tuple[str, ...], where: tuple[str | int, ...]) -> Faces:
-    found = [sets.faces(name, (*where, "set")) for name in names]
-    return Faces([t for f in found for t in f.tables], sum(f.interior for f in found))
 
 
 @dataclass
@@ -123,11 +96,15 @@ class LoadMaker:
             "pressure": self._on_faces,
             "gravity": self._gravity,
             "temperature": self._temperature,
+            "moment": self._moment,
+            "remote_force": self._moment,
+            "bearing": self._bearing,
         }[load.kind]
         numbers, values = make(load)
         missing = len(self.cases.report.problems) > before
         if not missing and load.kind != "temperature" and not np.any(values):
-            self.cases.report.add(load.where, f"the {load.kind} is zero everywhere")
+            what = load.kind.replace("_", " ")
+            self.cases.report.add(load.where, f"the {what} is zero everywhere")
         return AppliedLoad(numbers, values, load.kind)
 
     def _nothing(self) -> tuple[Array, Array]:
@@ -135,9 +112,9 @@ class LoadMaker:
 
     def _force(self, load: Load) -> tuple[Array, Array]:
         vector = np.array(load.values, np.float64)
-        spread = load.spread or ("area" if _has_faces(self.sets, load.sets) else "equal")
+        spread = load.spread or ("area" if has_faces(self.sets, load.sets) else "equal")
         if spread == "area":
-            faces = _faces(self.cases, self.sets, load.sets, load.where)
+            faces = faces_of(self.cases, self.sets, load.sets, load.where)
             if not len(faces):
                 return self._nothing()
             return spread_force(self.nodes, faces.tables, vector)
@@ -148,7 +125,7 @@ class LoadMaker:
         return numbers, np.tile(share, (len(numbers), 1))
 
     def _on_faces(self, load: Load) -> tuple[Array, Array]:
-        faces = _faces(self.cases, self.sets, load.sets, load.where)
+        faces = faces_of(self.cases, self.sets, load.sets, load.where)
         if load.kind == "pressure" and faces.interior:
             self.cases.report.add(
                 (*load.where, "set"),
@@ -162,6 +139,12 @@ class LoadMaker:
         except ExpressionError as error:
             self.cases.report.add((*load.where, "value"), str(error))
             return self._nothing()
+
+    def _moment(self, load: Load) -> tuple[Array, Array]:
+        return spread_moment(self.cases, self.sets, load) or self._nothing()
+
+    def _bearing(self, load: Load) -> tuple[Array, Array]:
+        return bearing(self.cases, self.sets, load) or self._nothing()
 
     def _gravity(self, load: Load) -> tuple[Array, Array]:
         entries = list(self.cases.materials.values())
@@ -190,13 +173,6 @@ class LoadMaker:
             at = (*load.where, "value")
             values = guarded(self.cases, at, load.values[0], self.nodes[numbers - 1])
         return numbers, values - load.reference
-
-
-def evaluate(value: Field, points: Array) -> Array:
-    """Values (k,) of a number or formula at points (k, 3)."""
-    if isinstance(value, Expression):
-        return value(points)
-    return np.full(len(points), float(value))
 
 
 def traction_forces(

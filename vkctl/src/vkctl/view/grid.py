@@ -55,8 +55,10 @@ def mesh_grid(model: Model) -> pyvista.UnstructuredGrid:
         if kept.any():
             cells[cell] = rows[kept] - 1
             numbers.append(found[kept])
+    if not numbers:
+        raise ValueError("there are no elements to draw: all are left out")
     grid = pyvista.UnstructuredGrid(cells, model.nodes)
-    order = np.concatenate(numbers) if numbers else np.zeros(0, np.int64)
+    order = np.concatenate(numbers)
     grid.point_data["level"] = level_field(model)
     grid.point_data["node_flags"] = model.node_flags
     grid.cell_data["element"] = order
@@ -163,7 +165,11 @@ def part_surface(model: Model, fields: dict[str, Array] | None = None) -> pyvist
 
     ValueError if nothing of the mesh is material.
     """
-    solid = part_grid(model, fields)
+    return surface_of(part_grid(model, fields))
+
+
+def surface_of(solid: pyvista.UnstructuredGrid) -> pyvista.PolyData:
+    """Closed surface of a cut grid, as `part_surface`."""
     if solid.n_cells == 0:
         raise ValueError("the level field leaves no material")
     outside = need("vtkmodules.vtkFiltersGeometry").vtkGeometryFilter()

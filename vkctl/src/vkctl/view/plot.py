@@ -4,25 +4,29 @@ from __future__ import annotations
 
 from dataclasses import dataclass
 from pathlib import Path
-from typing import TYPE_CHECKING, Any
+from typing import TYPE_CHECKING
 
 import numpy as np
 
 from vkctl.basics.extras import need
 from vkctl.basics.types import Array, PathLike
+from vkctl.basics.words import called
+from vkctl.directory.case_names import case_names, titled
 from vkctl.directory.model import Model, read
 from vkctl.directory.results import read_results
 
+from .canvas import Canvas, Mark, Scale, number_texts, put_marks, put_scale, put_scene, put_title
 from .fields import TITLES, Field, shown_fields
 from .files import picture_kind, write_picture
-from .grid import has_boundary, part_surface, solved_or_fail
+from .grid import has_boundary, part_grid, solved_or_fail, surface_of
+from .scene import Direction, Layer, Shot, eye, shoot
 
 if TYPE_CHECKING:
     import pyvista
 
-Direction = tuple[float, float, float]
 _VISIBLE_PART = 0.08  # of the part's extent: what the largest displacement is drawn as
-_THIN_PART = 0.25  # of its other extents: a part as low as this is a plate
+_SHADES = 256
+_NEAR = 1e-6  # of the extent: a place as close to a node as this is the node's
 
 
 @dataclass(frozen=True)
@@ -37,6 +41,16 @@ class View:
     edges: bool = False
     size: tuple[int, int] = (1400, 900)
     direction: Direction | None = None  # from the part to the eye; None chooses it
+    marks: bool = True  # name the places of the largest and the smallest value
+
+
+@dataclass(frozen=True)
+class Extreme:
+    """Where a field is largest or smallest."""
+
+    value: float
+    place: Array  # (3,), undeformed
+    shown: Array  # (3,), deformed
 
 
 def plot(
@@ -55,7 +69,7 @@ def plot(
         raise ValueError(f"load case {number} has no results in {directory}")
     view = view or View()
     fields = shown_fields(model, read_results(directory, number), view.field)
-    return draw(model, fields, picture, view, f"load case {number}")
+    return draw(model, fields, picture, view, titled(number, case_names(model)))
 
 
 def draw(model: Model, fields: dict[str, Array], picture: PathLike, view: View, title: str) -> Path:
@@ -66,54 +80,116 @@ def draw(model: Model, fields: dict[str, Array], picture: PathLike, view: View, 
 
 def drawn(model: Model, fields: dict[str, Array], view: View, title: str) -> Array:
     """What `draw` draws, as an array (height, width, 3)."""
-    pyvista = need("pyvista")
-    logger = need("vtkmodules.vtkCommonCore").vtkLogger
     wide = {name: np.asarray(values, np.float64) for name, values in fields.items()}
-    surface = part_surface(model, wide)
-    scale = _scale(model, surface, view)
+    solid = part_grid(model, wide)
+    surface = surface_of(solid)
     rest = surface.copy()
+    scale = _scale(model, surface, view)
     if "displacement" in surface.point_data:
         surface.points = surface.points + scale * surface.point_data["displacement"]
-    # Without a screen VTK warns once and draws in memory, which is what is wanted.
-    logger.SetStderrVerbosity(logger.VERBOSITY_ERROR)
-    plotter = pyvista.Plotter(off_screen=True, window_size=list(view.size))
-    plotter.set_background("white")
-    limits = _range(surface, view.field)
-    plotter.add_mesh(
-        surface,
-        scalars=view.field if view.field in surface.point_data else None,
-        cmap="coolwarm" if limits and limits[0] < 0 < limits[1] else "viridis",
-        clim=limits,
-        show_edges=view.edges,
-        nan_color="lightgray",
-        smooth_shading=not has_boundary(model),
-        split_sharp_edges=not has_boundary(model),
-        scalar_bar_args=_scalar_bar(view.field),
-    )
-    outline = rest.extract_feature_edges(feature_angle=40.0) if not has_boundary(model) else rest
-    plotter.add_mesh(
-        outline if outline is not rest else rest.outline(), color="gray", line_width=1.0
-    )
-    if "displacement" in surface.point_data:
         title = f"{title}, deformation x {scale:.3g}"
-    plotter.add_text(title, color="black", font_size=11)
-    plotter.add_axes(color="black")
-    direction, up = _eye(model, view)
-    plotter.view_vector(direction, viewup=up)
-    plotter.enable_anti_aliasing("ssaa")
-    pixels: Array = plotter.screenshot(return_img=True)
-    plotter.close()
-    return pixels
+    ends = _extremes(solid, view.field, scale)
+    colours = field_colours(ends[0].value, ends[1].value) if ends else None
+    canvas = Canvas(view.size)
+    shot = shoot(
+        _layers(model, surface, rest, view, ends, colours),
+        canvas.scene_size,
+        eye(model.nodes, view.direction),
+        np.array([end.shown for end in ends]).reshape(-1, 3),
+        surface,
+    )
+    put_scene(canvas, shot.pixels)
+    put_title(canvas, title)
+    if ends and colours is not None:
+        missing = bool(np.isnan(surface.point_data[view.field]).any())
+        note = "grey: no value" if missing else ""
+        put_scale(canvas, Scale(TITLES[view.field], ends[0].value, ends[1].value, colours, note))
+    if view.marks and ends and ends[0].value < ends[1].value:
+        put_marks(canvas, _marks(model, ends, shot, surface))
+    return canvas.pixels()
 
 
-def _eye(model: Model, view: View) -> tuple[Direction, Direction]:
-    """Direction to the eye, and the one that points up in the picture."""
-    length, width, height = np.ptp(model.nodes, axis=0)
-    plate = height < _THIN_PART * min(length, width)
-    chosen = (0.3, -0.4, 1.0) if plate else (-0.6, -1.0, 0.5)
-    direction = view.direction or chosen
-    steep = abs(direction[2]) > 2 * max(abs(direction[0]), abs(direction[1]))
-    return direction, (0.0, 1.0, 0.0) if steep else (0.0, 0.0, 1.0)
+def _layers(
+    model: Model,
+    surface: pyvista.PolyData,
+    rest: pyvista.PolyData,
+    view: View,
+    ends: list[Extreme],
+    colours: Array | None,
+) -> list[Layer]:
+    """The deformed part, and lines where it was before."""
+    smooth = not has_boundary(model)
+    how = {
+        "color": "lightgray",
+        "show_edges": view.edges,
+        "ambient": 0.6,  # shadows that leave the colours what the scale says
+        "diffuse": 0.4,
+        "smooth_shading": smooth,
+        "split_sharp_edges": smooth,
+    }
+    if ends and colours is not None:
+        how |= {
+            "scalars": view.field,
+            "cmap": need("matplotlib.colors").ListedColormap(colours / 255.0),
+            "clim": (ends[0].value, ends[1].value),
+            "nan_color": "lightgray",
+        }
+    outline = rest.extract_feature_edges(feature_angle=40.0) if smooth else rest.outline()
+    return [Layer(surface, how), Layer(outline, {"color": "gray", "line_width": 1.0})]
+
+
+def field_colours(low: float, high: float) -> Array:
+    """Colours uint8 (k, 3) from low to high; where both signs occur, white is zero."""
+    maps = need("matplotlib").colormaps
+    if low < 0 < high:
+        furthest = max(-low, high)
+        shares = 0.5 + 0.5 * np.linspace(low, high, _SHADES) / furthest
+        chosen = maps["coolwarm"](shares)
+    else:
+        chosen = maps["viridis"](np.linspace(0, 1, _SHADES))
+    colours: Array = np.rint(255 * chosen[:, :3]).astype(np.uint8)
+    return colours
+
+
+def _extremes(solid: pyvista.UnstructuredGrid, field: str, scale: float) -> list[Extreme]:
+    """Smallest and largest value of the part, inside of it as well; none without a value."""
+    if field not in solid.point_data:
+        return []
+    used = np.unique(solid.cell_connectivity)
+    values = np.asarray(solid.point_data[field], np.float64)[used]
+    used, values = used[np.isfinite(values)], values[np.isfinite(values)]
+    found = []
+    for row in (int(values.argmin()), int(values.argmax())) if len(values) else ():
+        place = np.asarray(solid.points[used[row]], np.float64)
+        shift = np.zeros(3)
+        if "displacement" in solid.point_data:
+            shift = scale * np.asarray(solid.point_data["displacement"][used[row]], np.float64)
+        found.append(Extreme(float(values[row]), place, place + shift))
+    return found
+
+
+def _marks(model: Model, ends: list[Extreme], shot: Shot, surface: pyvista.PolyData) -> list[Mark]:
+    """The extremes with their values and nodes."""
+    texts = number_texts([end.value for end in ends])
+    marks = []
+    for k, (word, end) in enumerate(zip(("smallest", "largest"), ends, strict=True)):
+        lines = [f"{word}: {texts[k]}", node_words(model, end.place)]
+        if shot.hidden[k]:
+            off = np.linalg.norm(np.asarray(surface.points) - end.shown, axis=1).min()
+            inside = off > _NEAR * surface.length
+            lines.append("inside the part" if inside else "on a side that isn't seen")
+        x, y = shot.places[k].tolist()
+        marks.append(Mark((x, y), lines, bool(shot.hidden[k])))
+    return marks
+
+
+def node_words(model: Model, place: Array) -> str:
+    """The node at a place or the nearest one, with its label of the mesh."""
+    away = np.linalg.norm(model.nodes - place, axis=1)
+    nearest = int(away.argmin())
+    at = away[nearest] <= _NEAR * (float(np.ptp(model.nodes, axis=0).max()) or 1.0)
+    labels = {} if model.labels is None else {"labels": model.labels.nodes}
+    return f"{'node' if at else 'near node'} {called(nearest + 1, **labels)}"
 
 
 def _scale(model: Model, surface: pyvista.PolyData, view: View) -> float:
@@ -122,33 +198,3 @@ def _scale(model: Model, surface: pyvista.PolyData, view: View) -> float:
     largest = float(np.linalg.norm(surface.point_data["displacement"], axis=1).max(initial=0.0))
     extent = float(np.ptp(model.nodes, axis=0).max())
     return _VISIBLE_PART * extent / largest if largest > 0 else 1.0
-
-
-def _range(surface: pyvista.PolyData, field: str) -> tuple[float, float] | None:
-    """Colour limits: the extremes, or where both signs occur the larger one to both sides."""
-    if field not in surface.point_data:
-        return None
-    values = np.asarray(surface.point_data[field])
-    values = values[np.isfinite(values)]
-    if not len(values):
-        return (0.0, 1.0)
-    low, high = float(values.min()), float(values.max())
-    if low < 0 < high:
-        return (-max(-low, high), max(-low, high))
-    return (low, high) if high > low else (low, low + (abs(low) or 1.0))
-
-
-def _scalar_bar(field: str) -> dict[str, Any]:
-    return {
-        "title": TITLES[field] + "\n",  # keeps clear of the first label
-        "color": "black",
-        "fmt": "%.3g",
-        "n_labels": 5,
-        "vertical": True,
-        "position_x": 0.86,
-        "position_y": 0.2,
-        "height": 0.6,
-        "width": 0.05,
-        "title_font_size": 18,
-        "label_font_size": 16,
-    }

@@ -57,7 +57,9 @@ class MaterialEntry:
 class Support:
     """`values` are the prescribed displacements or the offsets of an elastic support."""
 
-    kind: Literal["fixed", "prescribed", "elastic"]
+    kind: Literal[
+        "fixed", "prescribed", "elastic", "remote_displacement", "symmetry", "frictionless"
+    ]
     where: locate.Path
     sets: Names
     directions: str
@@ -65,17 +67,31 @@ class Support:
     axes: tuple[Vector, ...] = ((1.0, 0.0, 0.0), (0.0, 1.0, 0.0), (0.0, 0.0, 1.0))
     stiffness: Vector | None = None  # along each axis; None: the option's
     per: Literal["node", "area", "total"] = "node"
+    point: Vector = (0.0, 0.0, 0.0)  # of a remote displacement
+    rotation: Vector = (0.0, 0.0, 0.0)  # about it, in radians; `values` is its translation
 
 
 @dataclass
 class Load:
-    kind: Literal["force", "traction", "pressure", "gravity", "temperature"]
+    kind: Literal[
+        "force",
+        "traction",
+        "pressure",
+        "gravity",
+        "temperature",
+        "moment",
+        "remote_force",
+        "bearing",
+    ]
     where: locate.Path
     sets: Names  # empty: the whole part
     values: tuple[Field, ...] = ()  # three, or one of pressure and temperature
     spread: Literal["area", "equal", "each"] | None = None
     array: str = ""  # node data that holds the temperature
     reference: float = 0.0
+    point: Vector | None = None  # where a remote force acts, or of a bearing's axis
+    moment: Vector = (0.0, 0.0, 0.0)  # beside a remote force
+    axis: Vector | None = None  # of a bearing; None: that of the wall
 
 
 @dataclass

@@ -130,11 +130,20 @@ def _case_loads(cases: Cases, table: Table) -> dict[str, float]:
     if isinstance(table.data["loads"], dict):
         below = table.table("loads")
         assert below is not None
-        factors = {name: below.number(name) for name in below.data}
+        factors = {name: below.number(name, 1.0) for name in below.data}
+        _refuse_pulling(cases, below, factors)
     else:
         factors = dict.fromkeys(table.names("loads"), 1.0)
     _check_names(table, "loads", factors, cases.loads)
     return factors
+
+
+def _refuse_pulling(cases: Cases, table: Table, factors: dict[str, float]) -> None:
+    """A pin pushes one half of its bore; turned round it pushes the other half."""
+    for name, factor in factors.items():
+        if factor < 0 and name in cases.loads and cases.loads[name].kind == "bearing":
+            text = "would make a bearing pull"
+            table.problem(name, text, "give a bearing of its own with the opposite 'value'")
 
 
 def _check_names(table: Table, key: str, used: Iterable[str], known: Iterable[str]) -> None:

@@ -26,14 +26,20 @@ def _directions(table: Table) -> str:
 
 
 def read_support(table: Table) -> Support:
-    kinds = ("fixed", "prescribed", "elastic")
+    kinds = ("fixed", "prescribed", "elastic", "remote_displacement", "symmetry", "frictionless")
     kind = table.choice("type", kinds, "fixed")
-    support = Support(kind, table.path, set_names(table), _directions(table))  # type: ignore[arg-type]
-    if kind == "prescribed":
+    whole = kind in kinds[3:]
+    directions = "xyz" if whole else _directions(table)
+    support = Support(kind, table.path, set_names(table), directions)  # type: ignore[arg-type]
+    if kind == "remote_displacement":
+        support.point = table.vector("point")
+        support.values = table.vector("translation", (0.0, 0.0, 0.0))
+        support.rotation = table.vector("rotation", (0.0, 0.0, 0.0))
+    elif kind == "prescribed":
         support.values = table.field_vector("value")
     elif kind == "elastic":
         _read_elastic(support, table)
-    elif table.has("value"):
+    elif kind == "fixed" and table.has("value"):
         table.problem("value", "has no effect on a fixed support", "write type = 'prescribed'")
         table.field_vector("value")
     table.done()
@@ -60,10 +66,19 @@ def _read_elastic(support: Support, table: Table) -> None:
 
 
 def read_load(table: Table) -> Load:
-    kinds = ("force", "traction", "pressure", "gravity", "temperature")
+    kinds = (
+        "force",
+        "traction",
+        "pressure",
+        "gravity",
+        "temperature",
+        "moment",
+        "remote_force",
+        "bearing",
+    )
     kind = table.choice("type", kinds)
     load = Load(kind, table.path, ())  # type: ignore[arg-type]
-    load.sets = set_names(table, required=kind in ("force", "traction", "pressure"))
+    load.sets = set_names(table, required=kind not in ("gravity", "temperature"))
     if kind == "force":
         load.values = table.vector("value")
         load.spread = table.choice("spread", ("area", "equal", "each"), "") or None  # type: ignore[assignment]
@@ -73,12 +88,44 @@ def read_load(table: Table) -> Load:
         load.values = table.vector("value")
     elif kind == "pressure":
         load.values = (table.field("value"),)
+    elif kind == "moment":
+        load.moment = table.vector("value")
+        _refuse_rigid(table)
+    elif kind == "remote_force":
+        load.values = table.vector("value")
+        load.point = table.vector("point")
+        load.moment = table.vector("moment", (0.0, 0.0, 0.0))
+        _refuse_rigid(table)
+    elif kind == "bearing":
+        _read_bearing(load, table)
     else:
         load.array, value = _value_or_array(table)
         load.values = () if value is None else (value,)
         load.reference = table.number("reference", 0.0)
     table.done()
     return load
+
+
+def _refuse_rigid(table: Table) -> None:
+    """The solver has no equations between nodes that would keep a set rigid."""
+    if table.choice("coupling", ("soft", "rigid"), "soft") == "rigid":
+        table.problem(
+            "coupling",
+            "can't be 'rigid': the solver has no equations that keep a loaded set rigid",
+            "prescribe its motion by a support of type = 'remote_displacement'",
+        )
+
+
+def _read_bearing(load: Load, table: Table) -> None:
+    load.values = table.vector("value", nonzero=True)
+    if table.has("axis") != table.has("point"):
+        missing = "point" if "axis" in table.data else "axis"
+        text = f"{table.label} has no {missing!r}"
+        table.report.add(table.path, text, "an axis needs both; without both the wall's is taken")
+    if "axis" in table.data:
+        load.axis = table.vector("axis", nonzero=True)
+    if "point" in table.data:
+        load.point = table.vector("point")
 
 
 def _value_or_array(table: Table) -> tuple[str, Field | None]:
