@@ -8,7 +8,8 @@ from vkctl.basics.types import Array
 from vkctl.directory.model import Model
 from vkctl.directory.results import read_results
 from vkctl.view.fields import Field, shown_fields
-from vkctl.view.plot import Direction, View, drawn
+from vkctl.view.plot import View, drawn
+from vkctl.view.scene import Direction
 
 from . import solver
 from .figures import Picture
@@ -18,6 +19,7 @@ _SIZE = (1000, 640)
 
 def picture(
     name: str,
+    title: str,
     caption: str,
     build: Callable[[], Model],
     field: Field = "magnitude",
@@ -32,6 +34,6 @@ def picture(
         place.solve()
         fields = shown_fields(place.model, read_results(place.path, case), field)
         view = View(field, scale, edges=True, size=_SIZE, direction=direction)
-        return drawn(place.model, fields, view, "")
+        return drawn(place.model, fields, view, title)
 
     return Picture(name, caption, paint)
