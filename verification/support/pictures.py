@@ -14,7 +14,7 @@ from vkctl.view.scene import Direction
 from . import solver
 from .figures import Picture
 
-_SIZE = (1000, 640)
+_SIZE = (960, 600)
 
 
 def picture(
