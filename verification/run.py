@@ -48,7 +48,7 @@ CASES = (
     "compression_only",
     "calculix",
 )
-PUBLISHED = ("slender",)
+PUBLISHED = ("slender", "stress_order")
 ORDER = (*CASES, *PUBLISHED)
 
 

@@ -6,11 +6,11 @@ import numpy as np
 from support import fem, solver
 from support.closed import order, push
 from support.figures import Figure
-from support.mesh import NAMES, TYPES, block, boundary, model, shake
+from support.mesh import NAMES, TYPES, Mesh, block, boundary, model, shake
 from support.page import Result, Table, error_text, near, number
 
 from vkctl.basics.types import Array
-from vkctl.directory.model import LoadCase, prescribed
+from vkctl.directory.model import LoadCase, Model, prescribed
 from vkctl.shapes.topology import HEX8, TET4, TET10
 
 E, NU = 100.0, 0.3
@@ -27,6 +27,17 @@ def exact(x: Array) -> Array:
     return u
 
 
+def stress(x: Array) -> Array:
+    """Stresses (n, 6) of `exact`."""
+    gradient = np.cos(x @ WAVES.T + PHASE)[:, :, None] * WAVES  # d u_i / d x_k
+    strain = gradient + gradient.transpose(0, 2, 1)  # twice, off the diagonal as engineers have it
+    found = np.zeros((len(x), 6))
+    found[:, :3] = LAMBDA * np.trace(gradient, axis1=1, axis2=2)[:, None]
+    found[:, :3] += SHEAR * np.diagonal(strain, axis1=1, axis2=2)
+    found[:, 3:] = SHEAR * strain[:, [0, 1, 0], [1, 2, 2]]
+    return found
+
+
 def force(x: Array) -> Array:
     """Minus the divergence of the stress of `exact`: Navier's equations.
 
@@ -39,13 +50,18 @@ def force(x: Array) -> Array:
     return f
 
 
-def error(code: int, n: int) -> float:
-    """L2 error on the unit cube, its inner nodes moved by up to 15 % of the cell size."""
+def posed(code: int, n: int) -> tuple[Mesh, Model]:
+    """The unit cube, its inner nodes moved by up to 15 % of the cell size."""
     mesh = shake(block(code, (n, n, n)), 0.15 / n)
     fixed = np.unique(boundary(*mesh.only()))
     case = LoadCase(constraints=prescribed(fixed + 1, "xyz", exact(mesh.nodes[fixed])))
     push(case, fem.body_load(mesh, force))
-    u = solver.solve(model(mesh, [solver.solid(E, NU)], [case]))[0].u
+    return mesh, model(mesh, [solver.solid(E, NU)], [case])
+
+
+def error(code: int, n: int) -> float:
+    mesh, part = posed(code, n)
+    u = solver.solve(part)[0].u
     return fem.l2_error(mesh, u, exact)
 
 

@@ -9,7 +9,7 @@ from support.page import Result, compare
 from support.recovery import Level, finest, level, series
 
 from vkctl.basics.types import Array
-from vkctl.directory.model import LoadCase, prescribed
+from vkctl.directory.model import LoadCase, Model, prescribed
 from vkctl.shapes.topology import HEX8, TET10
 
 E, NU = 210e3, 0.3  # MPa
@@ -51,13 +51,18 @@ def supports(mesh: Mesh) -> LoadCase:
     return case
 
 
-def solved(code: int, cells: tuple[int, int, int]) -> tuple[Level, float]:
+def posed(code: int, cells: tuple[int, int, int]) -> tuple[Mesh, Model]:
     mesh = block(code, cells, plate)
     top = faces_where(mesh, lambda x, y, z: z > THICKNESS - 1e-5)
     load = fem.face_load(mesh, top, fem.pressure(1.0))
     loaded = np.unique(top)
     case = supports(mesh).load(loaded + 1, load[loaded])
-    u = solver.solve(model(mesh, [solver.solid(E, NU)], [case]))[0].u
+    return mesh, model(mesh, [solver.solid(E, NU)], [case])
+
+
+def solved(code: int, cells: tuple[int, int, int]) -> tuple[Level, float]:
+    mesh, part = posed(code, cells)
+    u = solver.solve(part)[0].u
     return level(mesh, u, fem.isotropic(E, NU), mesh.at(D), 1), edge_stress(mesh, u)
 
 

@@ -6,12 +6,12 @@ from collections.abc import Callable
 
 import numpy as np
 from support import fem, solver
-from support.mesh import block, model
+from support.mesh import Mesh, block, model
 from support.page import Result
 from support.recovery import Level, finest, level, series
 
 from vkctl.basics.types import Array
-from vkctl.directory.model import LoadCase, prescribed
+from vkctl.directory.model import LoadCase, Model, prescribed
 from vkctl.shapes.topology import HEX8, TET10
 
 E, NU, EXPANSION = 210e3, 0.3, 2.3e-4  # MPa, -, per degree
@@ -66,10 +66,14 @@ def wall(grid: Array) -> Array:
     return np.column_stack((r * np.cos(angle), r * np.sin(angle), z))
 
 
-def solved(code: int, cells: tuple[int, int, int]) -> Level:
-    mesh = block(code, cells, wall)
+def temperature(mesh: Mesh) -> Array:
     x, y, z = mesh.nodes.T
-    temperature = np.hypot(x, y) + z
+    found: Array = np.hypot(x, y) + z
+    return found
+
+
+def posed(code: int, cells: tuple[int, int, int]) -> tuple[Mesh, Model]:
+    mesh = block(code, cells, wall)
     case = LoadCase(constraints=prescribed(mesh.where(lambda x, y, z: x < 1e-5) + 1, "x"))
     for condition, direction in (
         (lambda x, y, z: y < 1e-5, "y"),
@@ -77,10 +81,15 @@ def solved(code: int, cells: tuple[int, int, int]) -> Level:
     ):
         rows = prescribed(mesh.where(condition) + 1, direction)
         case.constraints = np.concatenate((case.constraints, rows))
-    case.heat(np.arange(1, len(x) + 1), temperature)
+    case.heat(np.arange(1, len(mesh.nodes) + 1), temperature(mesh))
     steel = solver.solid(E, NU, expansion=EXPANSION)
-    u = solver.solve(model(mesh, [steel], [case]))[0].u
-    return level(mesh, u, fem.isotropic(E, NU), mesh.at(A), 2, EXPANSION * temperature)
+    return mesh, model(mesh, [steel], [case])
+
+
+def solved(code: int, cells: tuple[int, int, int]) -> Level:
+    mesh, part = posed(code, cells)
+    u = solver.solve(part)[0].u
+    return level(mesh, u, fem.isotropic(E, NU), mesh.at(A), 2, EXPANSION * temperature(mesh))
 
 
 def run(quick: bool) -> Result:

@@ -63,12 +63,16 @@ def _draw_curves(figure: Figure, data: dict[str, list[list[float]]], path: Path)
     with plt.style.context(_STYLE):
         wide = len(data) >= _WIDE
         drawn, axes = plt.subplots(figsize=_SIZE_WITH_KEY if wide else _SIZE, layout="constrained")
+        colours: dict[str, str] = {}
         for label, (x, y) in data.items():
-            if label.startswith(("slope", "reference")):
-                style = "k:" if label.endswith("3") else "k--"
+            kind, _, variant = label.partition(", ")
+            if kind.startswith(("slope", "reference")):
+                style = "k:" if label.endswith(("1", "3")) else "k-."
                 axes.plot(x, y, style, lw=1.2, label=label)
-            else:
-                axes.plot(x, y, "o-", lw=1.6, label=label)
+                continue
+            style = "s--" if variant and kind in colours else "o-"  # variants share a colour
+            colour = colours.setdefault(kind, f"C{len(colours)}")
+            axes.plot(x, y, style, color=colour, lw=1.6, label=label)
         for name in figure.logarithmic:
             _make_logarithmic(axes, name)
         axes.set_xlabel(textwrap.fill(figure.x_label, _WORDS_ALONG))
