@@ -5,12 +5,12 @@ TEXT = """
 
 `python verification/publish.py` runs every case below through `vk_rund` and writes this page with
 its pictures, from a commit without changes. `python verification/run.py`, which `./check` calls,
-runs the cases again (those that say "when publishing only" excepted), writes nothing, and fails when a
-comparison is outside its bound or the page tells another value. The bounds are part of the cases.
-Where an answer is exact they follow from single precision; for discretisation errors they hold a
-mesh to what it gave when the case was made, with a margin, so that they guard against change and
-prove nothing by themselves: the errors are to be read beside them. Shapes, quadrature, loads and
-stress recovery of the cases are written in numpy, apart from the solver's.
+runs the cases again (those that say "when publishing only" excepted), writes nothing, and fails
+when a comparison is outside its bound or the page tells another value. The bounds are part of the
+cases. Where an answer is exact they follow from single precision; for discretisation errors they
+hold a mesh to what it gave when the case was made, with a margin, so that they guard against
+change and prove nothing by themselves: the errors are to be read beside them. Shapes, quadrature,
+loads and stress recovery of the cases are written in numpy, apart from the solver's.
 
 Three things hold for all cases:
 
