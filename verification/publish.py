@@ -1,8 +1,9 @@
-"""Writes docs/verification.md and its pictures from all cases.
+"""Writes docs/verification.md and its pictures from all cases, on both maths libraries.
 
-    python verification/publish.py
+    python verification/publish.py [--other PROGRAM]
 
-The solver is $VK_RUND or build/release/vk_rund. The page names the commit that it was made from, so
+The solver is $VK_RUND or build/release/vk_rund, PROGRAM the one with the other maths library, by
+default build/release-open/vk_rund. The page names the commit that it was made from, so
 there must be no changes that aren't committed. Commit what it writes. Exit status 1 when a
 comparison is outside its bound: the page is written all the same and shows it.
 """
@@ -10,6 +11,7 @@ comparison is outside its bound: the page is written all the same and shows it.
 from __future__ import annotations
 
 import argparse
+import os
 import subprocess
 import sys
 from pathlib import Path
@@ -20,6 +22,8 @@ import run  # it says where the others are
 from program_under_test import ROOT, program
 from support import introduction, page
 
+OTHER = ROOT / "build" / "release-open" / "vk_rund"
+
 
 def output(*command: str | Path) -> str:
     return subprocess.run(
@@ -28,21 +32,26 @@ def output(*command: str | Path) -> str:
 
 
 def made() -> str:
-    """What the page is made from: commit, and solver with its maths library."""
+    """What the page is made from: commit, and solvers with their maths libraries."""
     commit = output("git", "rev-parse", "--short=12", "HEAD")
-    return f"`{commit}`.\nSolver: {output(program(), '--version')}."
+    one, two = (output(path, "--version") for path in (program(), os.environ["VK_RUND_OTHER"]))
+    return f"`{commit}`.\nSolver: {one}.\nBeside it, where a case says so: {two}."
 
 
 def main() -> int:
-    argparse.ArgumentParser(description=(__doc__ or "").splitlines()[0]).parse_args()
-    if not program().exists():
-        print(f"no solver at {program()}; build it or set VK_RUND", file=sys.stderr)
-        return 2
+    parser = argparse.ArgumentParser(description=(__doc__ or "").splitlines()[0])
+    parser.add_argument("--other", type=Path, default=OTHER, metavar="PROGRAM")
+    other = parser.parse_args().other.absolute()
+    for path in (program(), other):
+        if not path.exists():
+            print(f"no solver at {path}; build it, or say where it is", file=sys.stderr)
+            return 2
     if output("git", "status", "--porcelain"):
         print(
             "there are changes: the page would name a commit it wasn't made from", file=sys.stderr
         )
         return 2
+    os.environ["VK_RUND_OTHER"] = str(other)
     results = list(run.run_cases(run.ORDER, pictures=True))
     page.write(results, introduction.TEXT, made(), run.DOCS)
     failed = [result.title for result in results if any(not c.passed for c in result.checks)]

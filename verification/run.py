@@ -46,9 +46,11 @@ CASES = (
     "level_field",
     "yielding",
     "compression_only",
+    "boundary_stress",
+    "materials",
     "calculix",
 )
-PUBLISHED = ("slender", "stress_order")
+PUBLISHED = ("slender", "stress_order", "solvers")
 ORDER = (*CASES, *PUBLISHED)
 
 

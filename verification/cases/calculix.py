@@ -7,9 +7,10 @@ from support import ccx, fem, solver
 from support.closed import push
 from support.mesh import NAMES, TYPES, Condition, Mapping, Mesh, block, faces_where, model
 from support.page import Check, Result, Table, error_text
+from support.pictures import picture
 
 from vkctl.basics.types import Array
-from vkctl.directory.model import LoadCase, Material, elastic, prescribed
+from vkctl.directory.model import LoadCase, Material, Model, elastic, prescribed
 from vkctl.directory.numbering import prescribed_rows
 from vkctl.shapes.topology import HEX8, TET4, TET10
 
@@ -179,6 +180,11 @@ def vaulted() -> Check:
     return Check("8-node hexahedra, Scordelis-Lo roof, against CalculiX", gap(own, foreign), BOUND)
 
 
+def hooked() -> Model:
+    mesh, root, load = setting(TET10, hook, hook_end)
+    return model(mesh, [solver.solid(E, NU)], [push(LoadCase().prescribe(root + 1), load)])
+
+
 def run(quick: bool) -> Result:
     if not ccx.available():
         return Result(TITLE, TEXT, [Check("ccx is installed", 1.0, 0.0)])
@@ -190,7 +196,23 @@ def run(quick: bool) -> Result:
     checks.append(vaulted())
     head = ["type", "solver, order 3, and CalculiX", "numpy, orders 3 and 2"]
     caption = "Curved part, default rule: what the other rule of CalculiX makes:"
-    return Result(TITLE, TEXT, checks, [Table(head, rows, caption)], remarks=REMARKS)
+    return Result(
+        TITLE,
+        TEXT,
+        checks,
+        [Table(head, rows, caption)],
+        [],
+        REMARKS,
+        [
+            picture(
+                "hook",
+                "curved part, von Mises stress",
+                "Curved part: mesh of 10-node tetrahedra, von Mises stress",
+                hooked,
+                "von_mises",
+            )
+        ],
+    )
 
 
 TEXT = """

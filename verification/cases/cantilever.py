@@ -7,6 +7,7 @@ from support import fem, solver
 from support.closed import error_figure, error_table, push
 from support.mesh import NAMES, TYPES, Mesh, block, faces_where, model
 from support.page import Check, Result, compare
+from support.pictures import picture
 
 from vkctl.basics.types import Array
 from vkctl.directory.model import LoadCase, Model, prescribed
@@ -82,6 +83,15 @@ def run(quick: bool) -> Result:
         [error_table("tip deflection", TIP, sizes, values)],
         [error_figure("cantilever", "tip deflection", TIP, sizes, values)],
         REMARKS,
+        pictures=[
+            picture(
+                "cantilever_mesh",
+                "cantilever, von Mises stress",
+                "cantilever, von Mises stress: mesh of 10-node tetrahedra",
+                lambda: posed(TET10, CELLS[TET10][2])[1],
+                "von_mises",
+            )
+        ],
     )
 
 

@@ -8,6 +8,7 @@ from support.closed import order, push
 from support.figures import Figure
 from support.mesh import NAMES, TYPES, Mesh, block, boundary, model, shake
 from support.page import Result, Table, error_text, near, number
+from support.pictures import picture
 
 from vkctl.basics.types import Array
 from vkctl.directory.model import LoadCase, Model, prescribed
@@ -83,7 +84,21 @@ def run(quick: bool) -> Result:
     caption = "L2 error of a manufactured solution over the element size"
     figure = Figure("convergence", "element size", "relative L2 error", curves, caption)
     head = ["type", "cells per side", "L2 error", "order"]
-    return Result("Order of convergence", TEXT, checks, [Table(head, rows)], [figure])
+    return Result(
+        "Order of convergence",
+        TEXT,
+        checks,
+        [Table(head, rows)],
+        [figure],
+        pictures=[
+            picture(
+                "convergence_mesh",
+                "manufactured solution",
+                "Manufactured solution: mesh of hexahedra and displacements",
+                lambda: posed(HEX8, CELLS[HEX8][1])[1],
+            )
+        ],
+    )
 
 
 TEXT = """

@@ -6,6 +6,7 @@ import numpy as np
 from support import fem, solver
 from support.mesh import NAMES, Mesh, block, faces_where, model
 from support.page import Result, compare
+from support.pictures import picture
 from support.recovery import Level, finest, level, series
 
 from vkctl.basics.types import Array
@@ -89,7 +90,14 @@ def run(quick: bool) -> Result:
         checks.append(compare(name, each[-1][1], TARGET, 0.05 if quick else 0.02))
     table, figure = series("le10", "stress yy at D", TARGET, levels)
     title = "NAFEMS LE10: thick plate under pressure"
-    return Result(title, TEXT, checks, [table], [figure], REMARKS)
+    shown = picture(
+        "le10_mesh",
+        "LE10, von Mises stress",
+        "LE10: mesh of 10-node tetrahedra, von Mises stress",
+        lambda: posed(TET10, CELLS[TET10][3])[1],
+        "von_mises",
+    )
+    return Result(title, TEXT, checks, [table], [figure], REMARKS, [shown])
 
 
 TEXT = """

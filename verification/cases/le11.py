@@ -8,6 +8,7 @@ import numpy as np
 from support import fem, solver
 from support.mesh import Mesh, block, model
 from support.page import Result
+from support.pictures import picture
 from support.recovery import Level, finest, level, series
 
 from vkctl.basics.types import Array
@@ -98,7 +99,14 @@ def run(quick: bool) -> Result:
     checks = finest(levels, TARGET, QUICK_BOUNDS if quick else BOUNDS)
     table, figure = series("le11", "stress zz at A", TARGET, levels)
     title = "NAFEMS LE11: solid cylinder, taper and sphere under a temperature field"
-    return Result(title, TEXT, checks, [table], [figure], REMARKS)
+    shown = picture(
+        "le11_mesh",
+        "LE11, von Mises stress",
+        "LE11: mesh of 10-node tetrahedra, von Mises stress",
+        lambda: posed(TET10, CELLS[TET10][3])[1],
+        "von_mises",
+    )
+    return Result(title, TEXT, checks, [table], [figure], REMARKS, [shown])
 
 
 TEXT = """

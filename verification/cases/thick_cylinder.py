@@ -7,6 +7,7 @@ from support import fem, solver
 from support.closed import error_figure, error_table, hold, push
 from support.mesh import NAMES, TYPES, Mesh, block, faces_where, model
 from support.page import Result, compare
+from support.pictures import picture
 from support.recovery import level
 
 from vkctl.basics.types import Array
@@ -81,6 +82,16 @@ def run(quick: bool) -> Result:
         checks,
         [error_table(what, radial(INNER), sizes, values)],
         [error_figure("thick_cylinder", what, radial(INNER), sizes, values)],
+        pictures=[
+            picture(
+                "thick_cylinder_mesh",
+                "thick cylinder, von Mises stress",
+                "thick cylinder, von Mises stress: mesh of 10-node tetrahedra",
+                lambda: posed(TET10, CELLS[TET10][2])[1],
+                "von_mises",
+                (0.0, 0.0, 1.0),
+            )
+        ],
     )
 
 

@@ -7,9 +7,10 @@ from support import fem, solver
 from support.closed import error_figure, error_table, hold, push
 from support.mesh import NAMES, TYPES, Mesh, block, faces_where, merge, model
 from support.page import Result, compare
+from support.pictures import picture
 
 from vkctl.basics.types import Array
-from vkctl.directory.model import LoadCase
+from vkctl.directory.model import LoadCase, Model
 from vkctl.shapes.topology import HEX8, TET4, TET10
 
 E, NU, INNER, OUTER, PRESSURE = 1000.0, 0.3, 1.0, 2.0, 10.0
@@ -42,7 +43,7 @@ def radial(r: float) -> float:
     return share / E * ((1 - 2 * NU) * r + (1 + NU) * OUTER**3 / (2 * r**2))
 
 
-def solved(code: int, n: int) -> tuple[Mesh, Array]:
+def posed(code: int, n: int) -> tuple[Mesh, Model]:
     mesh = octant(code, n)
     bore = faces_where(mesh, lambda x, y, z: np.sqrt(x * x + y * y + z * z) < INNER + 1e-5)
     case = LoadCase()
@@ -50,7 +51,12 @@ def solved(code: int, n: int) -> tuple[Mesh, Array]:
     hold(case, mesh, "y", lambda x, y, z: y < 1e-5)
     hold(case, mesh, "z", lambda x, y, z: z < 1e-5)
     push(case, fem.face_load(mesh, bore, fem.pressure(PRESSURE)))
-    return mesh, solver.solve(model(mesh, [solver.solid(E, NU)], [case]))[0].u
+    return mesh, model(mesh, [solver.solid(E, NU)], [case])
+
+
+def solved(code: int, n: int) -> tuple[Mesh, Array]:
+    mesh, part = posed(code, n)
+    return mesh, solver.solve(part)[0].u
 
 
 def mean_radial(mesh: Mesh, u: Array, radius: float) -> float:
@@ -79,6 +85,16 @@ def run(quick: bool) -> Result:
         checks,
         [error_table(what, radial(INNER), sizes, values)],
         [error_figure("thick_sphere", what, radial(INNER), sizes, values)],
+        pictures=[
+            picture(
+                "thick_sphere_mesh",
+                "thick sphere, von Mises stress",
+                "thick sphere, von Mises stress: mesh of 10-node tetrahedra",
+                lambda: posed(TET10, CELLS[TET10][2])[1],
+                "von_mises",
+                (-1.0, -1.2, -0.9),
+            )
+        ],
     )
 
 

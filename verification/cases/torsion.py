@@ -7,10 +7,11 @@ import math
 import numpy as np
 from support import solver
 from support.closed import error_figure, error_table
-from support.mesh import NAMES, TYPES, block, model
+from support.mesh import NAMES, TYPES, Mesh, block, model
 from support.page import Result, compare
+from support.pictures import picture
 
-from vkctl.directory.model import LoadCase, prescribed
+from vkctl.directory.model import LoadCase, Model, prescribed
 from vkctl.shapes.topology import HEX8, TET4, TET10
 
 E, NU, SIDE, LENGTH, TWIST = 2600.0, 0.3, 1.0, 1.0, 0.01  # G = 1000
@@ -26,8 +27,7 @@ FACTOR = (
 ) / 3
 
 
-def constant(code: int, across: int, along: int) -> tuple[int, float]:
-    """Nodes, and J / a^4 from the strain energy that the program reports."""
+def posed(code: int, across: int, along: int) -> tuple[Mesh, Model]:
     mesh = block(
         code, (across, across, along), lambda g: (g - [0.5, 0.5, 0]) * [SIDE, SIDE, LENGTH]
     )
@@ -38,7 +38,13 @@ def constant(code: int, across: int, along: int) -> tuple[int, float]:
     case = LoadCase(constraints=prescribed(ends + 1, "xy", rigid[ends]))
     axis = prescribed([mesh.at((0, 0, 0)) + 1], "z")
     case.constraints = np.concatenate((case.constraints, axis))
-    answer = solver.solve(model(mesh, [solver.solid(E, NU)], [case]))[0]
+    return mesh, model(mesh, [solver.solid(E, NU)], [case])
+
+
+def constant(code: int, across: int, along: int) -> tuple[int, float]:
+    """Nodes, and J / a^4 from the strain energy that the program reports."""
+    mesh, part = posed(code, across, along)
+    answer = solver.solve(part)[0]
     # The program's energy density is that of the material, without the presence factor.
     energy = float(answer.totals["SEner"]) * solver.FULL
     shear = E / (2 * (1 + NU))
@@ -60,6 +66,15 @@ def run(quick: bool) -> Result:
         checks,
         [error_table("J / a^4", FACTOR, sizes, values)],
         [error_figure("torsion", what, FACTOR, sizes, values)],
+        pictures=[
+            picture(
+                "torsion_mesh",
+                "square bar in torsion, von Mises stress",
+                "square bar in torsion, von Mises stress: mesh of 10-node tetrahedra",
+                lambda: posed(TET10, *CELLS[TET10][2])[1],
+                "von_mises",
+            )
+        ],
     )
 
 

@@ -190,7 +190,8 @@ def stiffness(points: Points, law: Array, factor: Array | float = 1.0) -> Array:
 def solve(
     mesh: Mesh, law: Array, fixed: Array, load: Array, order: int, free_strain: Array | None = None
 ) -> Array:
-    """Displacements (n, 3) with the solver's rule of an order, the nodes `fixed` held.
+    """Displacements (n, 3) with the solver's rule of an order, held at the nodes `fixed`, or at the
+    components that are true in it.
 
     `free_strain` is a normal strain [element][point] at the points of that rule.
     """
@@ -204,8 +205,11 @@ def solve(
     if free_strain is not None:
         swelling = law[:3, :3].sum(axis=0)[0] * free_strain * q.volume
         np.add.at(right, table, np.einsum("epnk,ep->enk", q.gradient, swelling))
-    free = np.ones(mesh.nodes.size, bool)
-    free[(3 * fixed[:, None] + np.arange(3)).ravel()] = False
+    held = fixed
+    if fixed.dtype != np.bool_:
+        held = np.zeros_like(mesh.nodes, bool)
+        held[fixed] = True
+    free = ~held.ravel()
     u = np.zeros(mesh.nodes.size)
     u[free] = spsolve(total[free][:, free], right.ravel()[free])
     return u.reshape(-1, 3)
