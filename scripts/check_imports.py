@@ -23,6 +23,7 @@ LAYERS = (
     "running",
     "view",
     "optimise",
+    "report",
     "terminal",
     "commands",
 )
