@@ -28,7 +28,7 @@ MKL_LINKED=(libmkl_intel_lp64.a libmkl_gnu_thread.a libmkl_intel_thread.a libmkl
 
 # What a list of Python packages fetches and takes, about.
 declare -A SIZES=(
-  [requirements.txt]="about 80 MB to fetch, 280 MB on disk"
+  [requirements.txt]="about 90 MB to fetch, 340 MB on disk"
   [requirements-check.txt]="about 270 MB to fetch, 950 MB on disk"
   [requirements-mkl.txt]="about 250 MB to fetch, 700 MB on disk"
 )
