@@ -21,6 +21,7 @@ LAYERS = (
     "prepare",
     "check",
     "running",
+    "spread",
     "view",
     "optimise",
     "report",
