@@ -21,8 +21,10 @@ LAYERS = (
     "prepare",
     "check",
     "running",
+    "spread",
     "view",
     "optimise",
+    "report",
     "terminal",
     "commands",
 )

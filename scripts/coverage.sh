@@ -30,6 +30,7 @@ tests() {
 
 setup requirements-check.txt "${BUILD_PACKAGES[@]}" "${CHECK_PACKAGES[@]}"
 setup_peer
+setup_browser
 setup_coverage
 build release vk_rund
 build coverage

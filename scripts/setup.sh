@@ -18,6 +18,8 @@ CHECK_PACKAGES=(libgtest-dev libgmock-dev libbenchmark-dev "${OPEN_PACKAGES[@]}"
   libxrender1 libfontconfig1 libgomp1 libosmesa6)
 # Another solver that the verification compares with; Debian 13 hasn't got it.
 PEER_PACKAGE=calculix-ccx
+# The browser that the tests look at reports with; without it they are skipped.
+BROWSER_PACKAGES=(chromium chromium-driver)
 CI_PACKAGES=(clang clang-tidy libclang-rt-dev libomp-dev)
 
 # Back end of what is built: auto is oneMKL, which is fetched, or else the open libraries.
@@ -26,7 +28,7 @@ MKL_LINKED=(libmkl_intel_lp64.a libmkl_gnu_thread.a libmkl_intel_thread.a libmkl
 
 # What a list of Python packages fetches and takes, about.
 declare -A SIZES=(
-  [requirements.txt]="about 80 MB to fetch, 280 MB on disk"
+  [requirements.txt]="about 90 MB to fetch, 340 MB on disk"
   [requirements-check.txt]="about 270 MB to fetch, 950 MB on disk"
   [requirements-mkl.txt]="about 250 MB to fetch, 700 MB on disk"
 )
@@ -91,6 +93,17 @@ setup_peer() {
   else
     export VK_NO_PEER=1
     say "$PEER_PACKAGE is not in this release: the verification does without that comparison"
+  fi
+}
+
+# The browser, where this release has it.
+setup_browser() {
+  local policy
+  policy=$(apt-cache policy "${BROWSER_PACKAGES[@]}" 2>/dev/null) || true
+  if [ "$(grep -c 'Candidate: [0-9]' <<<"$policy")" = ${#BROWSER_PACKAGES[@]} ]; then
+    setup_packages "${BROWSER_PACKAGES[@]}"
+  else
+    say "${BROWSER_PACKAGES[*]} are not in this release: tests of pages in a browser are skipped"
   fi
 }
 

@@ -30,6 +30,7 @@ COMMANDS = {
     "export": "Write results as .vtu or as a .pvd series over load cases, or the part as .stl.",
     "plot": "Draw the deformed part, coloured by a field, or what is prepared.",
     "ask": "Answer questions about solved load cases with numbers.",
+    "report": "Write a report as one page, with the part in three dimensions.",
     "optimise": "Optimise the part for stiffness; started again, it goes on where it stopped.",
 }
 _CLASSES: dict[str, type[TyperCommand]] = {"run": SettleCommand, "ask": NumbersCommand}

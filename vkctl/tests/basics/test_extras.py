@@ -15,7 +15,10 @@ from vkctl.basics.extras import MissingPartError, need
 from vkctl.cli import app
 
 runner = CliRunner()
-HEAVY = ("gmsh", "pyvista", "vtk", "vtkmodules", "matplotlib", "mpl_toolkits", "PIL")
+HEAVY = (
+    *("gmsh", "pyvista", "vtk", "vtkmodules", "matplotlib", "mpl_toolkits", "PIL"),
+    *("distributed", "dask", "dask_jobqueue", "cryptography"),
+)
 
 
 @pytest.fixture
@@ -44,6 +47,8 @@ def test_a_part_that_is_there_is_given() -> None:
         ("vtkmodules.vtkCommonCore", "VTK and PyVista: pip install 'vkctl[view]'"),
         ("matplotlib.pyplot", "Matplotlib: pip install 'vkctl[view]'"),
         ("PIL.Image", "Pillow: pip install 'vkctl[view]'"),
+        ("distributed", "Dask: pip install 'vkctl[cluster]'"),
+        ("dask_jobqueue", "Dask-Jobqueue: pip install 'vkctl[cluster]'"),
     ],
 )
 def test_a_missing_part_is_told_with_how_to_get_it(bare: None, name: str, words: str) -> None:
@@ -72,6 +77,7 @@ def test_commands_refuse_in_one_sentence(bare: None, tmp_path: Path) -> None:
     part, cases = str(tmp_path / "part"), str(tmp_path / "cases.toml")
     for words, arguments in (
         ("Gmsh", ["new", str(tmp_path / "part.step"), cases, str(tmp_path / "work")]),
+        ("Dask", ["run", part, "--on", "local:2"]),
         ("VTK and PyVista", ["export", part, str(tmp_path / "out.vtu")]),
         ("VTK and PyVista", ["optimise", cases, str(tmp_path / "work")]),
         ("Gmsh", ["optimise", "--no-pictures", cases, str(tmp_path / "work")]),

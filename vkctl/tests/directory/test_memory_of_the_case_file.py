@@ -146,6 +146,7 @@ def test_a_set_beyond_the_model_is_told(directory: Path, tmp_path: Path) -> None
         '{"units": null, "densities": ["x"], "supports": {}, "loads": {}, "load_cases": []}',
         '{"units": null, "densities": [], "supports": {"a": 1}, "loads": {}, "load_cases": []}',
         '{"units": null, "densities": [], "supports": {}, "loads": {}, "load_cases": [1]}',
+        '{"units": null, "densities": [1%s], "supports": {}, "loads": {}}' % (400 * "0"),
     ],
 )  # fmt: skip
 def test_damaged_notes_are_told(text: str | bytes, tmp_path: Path) -> None:

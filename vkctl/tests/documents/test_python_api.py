@@ -60,7 +60,7 @@ def bracket(folder: Path) -> Path:
 
 
 def test_every_example_of_the_page_is_run_here() -> None:
-    assert len(BLOCKS) == 11
+    assert len(BLOCKS) == 12
 
 
 def test_check_finds_no_fault_in_its_directory(folder: Path) -> None:
@@ -114,5 +114,7 @@ def test_a_part_is_prepared_optimised_exported_and_drawn(bracket: Path) -> None:
     assert names["prepared"].resultants.shape == (3, 6)
     names = play(block("from vkctl.optimise").replace("steps=60", "steps=2"))
     assert [row.step for row in names["done"].rows] == [1, 2]
+    play(block("from vkctl.report"))
+    assert "Bracket, second draft" in Path("report.html").read_text(encoding="utf-8")
     play(block("from vkctl.view.export"))
     assert all(Path(name).stat().st_size > 0 for name in ("results.pvd", "part.stl", "stress.png"))

@@ -7,7 +7,7 @@ import math
 import numpy as np
 import pytest
 
-from vkctl.running.changes import Change, Solution, change, left, ratio, verdict
+from vkctl.running.changes import Change, Solution, change, has_vanished, left, ratio, verdict
 
 
 def solution(displacements=((3.0, 4.0, 0.0), (0.0, 0.0, 0.0)), energy=2.0, state=None):
@@ -59,6 +59,14 @@ def test_what_cannot_be_compared_counts_as_an_unbounded_change() -> None:
         assert math.isinf(change(before, after).displacements)
     assert math.isinf(change(solution(), undefined).energy)
     assert math.isinf(change(solution(state=[1.0]), solution(state=[1.0, 1.0])).state)
+
+
+def test_only_an_exact_start_vector_can_make_a_solution_vanish() -> None:
+    """A poor solution leaves none, so that zeros after it are the solution of an unloaded part."""
+    moved, zero = solution(), Solution(0.0, 0.0, False, np.zeros((2, 3), np.float32), None)
+    assert has_vanished(moved, zero)
+    assert not has_vanished(solution(None), zero)
+    assert not has_vanished(zero, zero) and not has_vanished(None, zero)
 
 
 def test_what_is_left_is_the_sum_of_all_rounds_to_come() -> None:

@@ -22,6 +22,7 @@ from vkctl.directory.lock import BusyError
 from vkctl.directory.model import LoadCase, Material, Model, write
 from vkctl.directory.results import read_results
 from vkctl.running import rounds
+from vkctl.running.collapse import spent_elements
 from vkctl.running.rounds import State
 from vkctl.running.run import run
 from vkctl.running.settle import SettleError, settle
@@ -106,6 +107,48 @@ def test_next_to_ideal_yielding_goes_on_though_each_round_adds_the_same_part(tmp
     assert settled.standings[0].verdict == "open"
     assert all(c.displacements == pytest.approx(0.1667, rel=0.02) for c in changes[1:])
     assert changes[-1].stiffness == pytest.approx(changes[-2].stiffness * 0.833, rel=0.01)
+
+
+@pytest.mark.parametrize("mode", ["direct", "iterative"])
+def test_loads_beyond_ideal_yielding_are_told_not_to_be_carried(tmp_path, mode) -> None:
+    """Its factors fall to the solver's least, where nothing changes any more."""
+    bar(tmp_path, [yielding(0.0)], 15.0)
+    settled = settle(tmp_path, mode=mode)
+    assert settled.standings[0].changes[-1].largest < 1e-6
+    assert (settled.standings[0].verdict, settled.standings[0].spent) == ("collapsed", 2)
+    assert (settled.ok, settled.status) == (False, 3)
+    shown = runner.invoke(app, ["run", str(tmp_path), "--settle", "--mode", mode])
+    assert shown.exit_code == 3
+    assert "Load case 1 can't carry its loads" in shown.stdout
+    assert "2 elements of a yielding material have no stiffness left" in shown.stdout
+
+
+def test_loads_just_below_ideal_yielding_settle_elastically(tmp_path) -> None:
+    bar(tmp_path, [yielding(0.0)], 9.9)
+    settled = settle(tmp_path)
+    assert settled.ok and settled.rounds <= 3
+    assert read_results(tmp_path, 1).element_state == pytest.approx(1.0)
+
+
+def test_elements_out_of_the_part_or_without_a_yield_stress_may_lose_all_stiffness(
+    tmp_path,
+) -> None:
+    part = bar(tmp_path, [yielding(0.0), Material.compression_only(1000.0, 0.0)], 5.0)
+    formats.write_element_state(tmp_path, 1, [1.0, 0.001])
+    assert spent_elements(tmp_path, 1) == 0
+    formats.write_element_state(tmp_path, 1, [0.001, 0.001])
+    assert spent_elements(tmp_path, 1) == 1
+    formats.update_options(tmp_path, {"Sta.YieldStressFac": 0})
+    assert spent_elements(tmp_path, 1) == 0
+    model = Model(part.nodes, part.elements, [yielding(0.0)] * 2, [LoadCase()])
+    model.set_level(1.5 - part.nodes[:, 0])
+    write(model, tmp_path / "cut")
+    formats.write_element_state(tmp_path / "cut", 1, [0.001, 0.001])
+    assert spent_elements(tmp_path / "cut", 1) == 1
+    model.exclude_elements([1])
+    write(model, tmp_path / "cut")
+    formats.write_element_state(tmp_path / "cut", 1, [0.001, 0.001])
+    assert spent_elements(tmp_path / "cut", 1) == 0
 
 
 def test_small_changes_that_go_on_for_ever_are_not_taken_for_settled(tmp_path) -> None:
@@ -305,7 +348,15 @@ def test_a_second_one_on_the_same_directory_is_refused(tmp_path) -> None:
 
 @pytest.mark.parametrize(
     "content",
-    [b"", b"{}", b"[]", b'{"rounds": 3}', b'{"inputs": "", "load_cases": [0], "running": []}'],
+    [
+        b"",
+        b"{}",
+        b"[]",
+        b'{"rounds": 3}',
+        b'{"inputs": "", "load_cases": [0], "running": []}',
+        b'{"inputs": "", "load_cases": [1], "running": [], "ended": false, "rounds": [{"1": '
+        b'{"displacements": 1' + 400 * b"0" + b', "state": 0, "energy": 0, "stiffness": 0}}]}',
+    ],
 )
 def test_a_damaged_state_is_told_in_a_sentence(tmp_path, content) -> None:
     bar(tmp_path, [yielding(0.6)], 15.0)

@@ -8,9 +8,10 @@ import numpy as np
 import pytest
 
 from vkctl.basics.types import Array
-from vkctl.directory.model import Material, Model
+from vkctl.directory.model import LoadCase, Material, Model
 from vkctl.shapes.boxes import box
-from vkctl.stress import nodal_stress, von_mises
+from vkctl.shapes.elements import Elements
+from vkctl.stress import MaterialStress, NodalStress, nodal_stress, von_mises
 
 from .states import (
     GRADIENT,
@@ -114,6 +115,52 @@ def test_materials_that_meet_keep_their_own_stress_at_the_interface(kind: str) -
     higher = max(wanted, key=lambda stress: float(von_mises(stress)))
     at_shared = found.merged().stress[shared - 1]
     np.testing.assert_allclose(at_shared, np.tile(higher, (len(shared), 1)), rtol=1e-4)
+
+
+def test_a_node_that_one_material_only_reaches_from_outside_has_the_stress_of_the_other() -> None:
+    at = np.array([1, 2])
+    stress = np.zeros((2, 6))
+    stress[:, 0] = (5.0, 7.0)
+    outside = MaterialStress(1, at, 10 * stress, 10 * stress[:, 0], np.array([False, False]))
+    within = MaterialStress(2, at, stress, stress[:, 0], np.array([True, False]))
+    for order in ([outside, within], [within, outside]):
+        found = NodalStress(2, order).merged()
+        np.testing.assert_array_equal(found.stress[:, 0], (5.0, 70.0))
+        np.testing.assert_array_equal(found.energy, (5.0, 70.0))
+        np.testing.assert_array_equal(found.inside, (True, False))
+    lost = MaterialStress(1, at, np.full((2, 6), np.nan), stress[:, 0], np.array([True, True]))
+    for order in ([lost, outside], [outside, lost]):
+        found = NodalStress(2, order).merged()
+        np.testing.assert_array_equal(found.stress, outside.stress)
+
+
+@pytest.mark.filterwarnings("error")
+@pytest.mark.parametrize("kind", KINDS)
+@pytest.mark.parametrize("value", [np.nan, np.inf, -np.inf, 3e38])
+def test_a_damaged_displacement_spoils_nothing_but_its_surroundings(
+    kind: str, value: float
+) -> None:
+    model = model_of(box(kind, (4, 2, 2), (4.0, 2.0, 2.0)), STEEL)  # type: ignore[arg-type]
+    shift = model.nodes @ GRADIENT.T
+    shift[model.nodes[:, 0] == 0.0] = value
+    found = nodal_stress(given(model, shift)).merged().stress
+    kept = found[model.nodes[:, 0] > 2.5]
+    wanted = true_stress(STEEL, strain_of(GRADIENT))
+    assert largest_difference(kept, np.tile(wanted, (len(kept), 1))) < 1e-6
+
+
+def test_elements_that_touch_no_other_have_their_own_stress() -> None:
+    part = box("tet10", (2, 1, 1), (2.0, 1.0, 1.0))
+    model = model_of(part, STEEL)
+    numbers, rows = model.elements.of_type(int(model.elements.type_codes[0]))
+    apart = model.nodes[rows - 1].reshape(-1, 3)
+    table = np.arange(len(apart)).reshape(rows.shape) + 1
+    alone = Model(apart, Elements.from_tables(tet10=table), [STEEL], [LoadCase()])
+    gradients = np.random.default_rng(3).normal(size=(len(numbers), 3, 3)) * 0.01
+    shift = np.einsum("mij,mnj->mni", gradients, apart.reshape(len(numbers), -1, 3))
+    found = nodal_stress(given(alone, shift.reshape(-1, 3))).merged().stress
+    wanted = true_stress(STEEL, strain_of(gradients))
+    assert largest_difference(found, np.repeat(wanted, rows.shape[1], axis=0)) < 1e-6
 
 
 def half_empty(kind: str, place: float) -> tuple[Model, Array]:

@@ -53,6 +53,30 @@ def test_a_picture_takes_the_field_that_its_name_says(tmp_path: Path, field: str
     assert np.ptp(wanted) > 0
 
 
+def test_principal_stresses_in_files_have_their_directions(tmp_path: Path) -> None:
+    model = make_model("hex8", (4, 2, 2))
+    write_results(model, tmp_path)
+    shift = 0.01 * model.nodes @ np.array(((3.0, 1.0, 0.0), (0.0, 1.0, 2.0), (0.5, 0.0, -2.0)))
+    results = replace(read_results(tmp_path, 1), displacements=shift.astype(np.float32))
+    found = grid.results_grid(model, results).point_data
+    xx, yy, zz, xy, yz, xz = found["stress"].T
+    matrices = np.array(((xx, xy, xz), (xy, yy, yz), (xz, yz, zz))).transpose(2, 0, 1)
+    for k in range(3):
+        unit = found[f"principal_direction_{k + 1}"]
+        np.testing.assert_allclose(np.linalg.norm(unit, axis=1), 1.0, rtol=1e-5)
+        along = found["principal"][:, k, None] * unit
+        np.testing.assert_allclose(np.einsum("nij,nj->ni", matrices, unit), along, atol=1e-3)
+
+
+@pytest.mark.filterwarnings("error")
+def test_stresses_beyond_single_precision_are_infinite_without_noise(tmp_path: Path) -> None:
+    model = make_model("hex8", (2, 2, 2))
+    write_results(model, tmp_path)
+    shift = (1e37 * model.nodes).astype(np.float32)
+    results = replace(read_results(tmp_path, 1), displacements=shift)
+    assert np.isinf(fields.stress_fields(model, results)["energy_density"]).all()
+
+
 _ORDER = ("xx", "yy", "zz", "xy", "yz", "xz")
 
 

@@ -54,7 +54,7 @@ def as_csv(table: Table) -> str:
 def as_lines(table: Table) -> list[str]:
     """The table for a terminal, notes below it."""
     shown = table.columns[table.hidden :]
-    texts = _texts(table)
+    texts = cell_texts(table)
     heads = [printable(column.heading) for column in shown]
     widths = [max(map(len, column)) for column in zip(heads, *texts, strict=True)]
     left = [
@@ -78,7 +78,7 @@ def as_lines(table: Table) -> list[str]:
     return lines + [printable(note) for note in table.notes]
 
 
-def _texts(table: Table) -> list[list[str]]:
+def cell_texts(table: Table) -> list[list[str]]:
     """Cells as texts, of the columns that are shown."""
     shown = table.columns[table.hidden :]
     rows = [row[table.hidden :] for row in table.rows]

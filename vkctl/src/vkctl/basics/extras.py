@@ -15,6 +15,10 @@ _PARTS = {
     "matplotlib": ("Matplotlib", "view"),
     "mpl_toolkits": ("Matplotlib", "view"),
     "PIL": ("Pillow", "view"),
+    "distributed": ("Dask", "cluster"),
+    "dask": ("Dask", "cluster"),
+    "dask_jobqueue": ("Dask-Jobqueue", "cluster"),
+    "cryptography": ("cryptography", "cluster"),
 }
 
 

@@ -45,8 +45,9 @@ def estimate(inputs: Inputs) -> dict[str, float]:
     """Estimates by name, empty where the model doesn't allow any.
 
     "equations", "entries" of the matrix, "factor_gb" as the solver will report it, "memory_gb" of
-    the process, "seconds" of the load cases still to run (of all, if all are done), "iterative" 1
-    where no factor is used.
+    the process, "seconds" of the load cases still to run (of all, if all are done), "first_seconds"
+    of a pattern's first load case and "next_seconds" of each further one, "iterative" 1 where no
+    factor is used.
     """
     mesh = inputs.mesh
     if mesh is None or not inputs.sound_maps or not np.isfinite(mesh.nodes[mesh.used]).all():
@@ -62,12 +63,15 @@ def estimate(inputs: Inputs) -> dict[str, float]:
     factor_gb = factor.entries * _BYTES_PER_FACTOR_ENTRY / _GB
     factor_gb += _FACTOR_GB_PER_THREAD * (threads(inputs) - 1)
     iterative = _is_iterative(inputs, factor_gb)
+    first, further = _case_seconds(inputs, mesh, entries, factor, len(points), iterative)
     return {
         "equations": equations,
         "entries": round(entries),
         "factor_gb": factor_gb,
         "memory_gb": _memory(inputs, mesh, entries, 0.0 if iterative else factor_gb),
-        "seconds": _seconds(inputs, mesh, entries, factor, len(points), iterative),
+        "seconds": _seconds(inputs, first, further),
+        "first_seconds": first,
+        "next_seconds": further,
         "iterative": float(iterative),
     }
 
@@ -105,15 +109,15 @@ def threads(inputs: Inputs) -> int:
     return max(1, min(count, MOST_THREADS))
 
 
-def _seconds(
+def _case_seconds(
     inputs: Inputs,
     mesh: ActiveMesh,
     entries: float,
     factor: FactorSize,
     nodes: int,
     iterative: bool,
-) -> float:
-    """All load cases to run, on this machine's threads as if they were those measured on."""
+) -> tuple[float, float]:
+    """The first load case of a pattern and a further one, on threads as those measured on."""
     gain = 1 + _THREAD_GAIN * (threads(inputs) - 1)
     elements = sum(_ELEMENT_TIME[code] * len(rows) for code, (_, rows) in mesh.blocks.items())
     if iterative:
@@ -122,10 +126,14 @@ def _seconds(
         prepare = factor.operations / _FACTOR_SPEED / gain
         solve = _FACTOR_ITERATIONS * (_FACTOR_PASS * factor.entries + _SWEEP * entries)
     first = elements / gain + _ORDERING * entries + prepare + solve
-    kept = _FORCES_SHARE * elements / gain + solve
+    return first, _FORCES_SHARE * elements / gain + solve
+
+
+def _seconds(inputs: Inputs, first: float, further: float) -> float:
+    """All load cases to run, on this machine."""
     patterns = [inputs.pattern(number) for number in inputs.to_run or inputs.sequence]
     new = sum(1 for i, p in enumerate(patterns) if i == 0 or p != patterns[i - 1])
-    return new * first + (len(patterns) - new) * kept
+    return new * first + (len(patterns) - new) * further
 
 
 def _iterations(mesh: ActiveMesh, nodes: int) -> float:

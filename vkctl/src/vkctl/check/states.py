@@ -9,12 +9,12 @@ import numpy as np
 from vkctl.basics.types import Array
 from vkctl.directory import formats
 from vkctl.directory.formats import file_names
+from vkctl.directory.results import LOWEST_STATE
 
 from .findings import Finding, error, warning
 from .inputs import Inputs, elements_listed
 from .stored import Stored, load
 
-LOWEST_STATE = np.float32(0.001)  # the solver holds states at this or above
 HUGE = 1e6  # displacements beyond so many extents of the model are none
 
 
@@ -87,7 +87,7 @@ def impossible(inputs: Inputs, states: Array) -> str | None:
 
     Those of elements without a state are never used, but are 1 where the file is sound.
     """
-    lowest = np.where(_with_state(inputs, len(states)), LOWEST_STATE, np.float32(0))
+    lowest = np.where(_with_state(inputs, len(states)), np.float32(LOWEST_STATE), np.float32(0))
     odd = ~((states >= lowest) & (states <= 1))
     if not odd.any():
         return None

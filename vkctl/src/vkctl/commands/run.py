@@ -4,14 +4,15 @@ from __future__ import annotations
 
 from enum import StrEnum
 from pathlib import Path
-from typing import Annotated
+from typing import Annotated, NoReturn
 
 import typer
 from rich.console import Console
 
 from vkctl.directory.formats import Mode
-from vkctl.running.run import NotFoundError, run
+from vkctl.running.run import NotFoundError, RunResult, run
 from vkctl.running.settle import MOST_ROUNDS, TOLERANCE, RoundShown, Settled, SettleError, settle
+from vkctl.spread.work import STARTS
 from vkctl.terminal import output
 from vkctl.terminal.arguments import AsJson, Directory
 from vkctl.terminal.display import closing_lines, result_as_dict, shown, warning_lines
@@ -51,6 +52,19 @@ def run_command(
     rounds: Annotated[
         int, typer.Option(..., help="of --settle at most; started again, it goes on")
     ] = MOST_ROUNDS,
+    on: Annotated[
+        str | None,
+        typer.Option(
+            ...,
+            "--on",
+            metavar="WHERE",
+            help="workers that solve the constraint patterns side by side: local:N on this "
+            "machine, tcp://HOST:PORT or tls://HOST:PORT of a Dask scheduler, or a cluster's name",
+        ),
+    ] = None,
+    starts: Annotated[
+        int, typer.Option(..., min=1, help="of a pattern at most with --on, where workers die")
+    ] = STARTS,
     vk_rund: Annotated[Path | None, typer.Option(..., "--vk-rund", help="the solver")] = None,
     as_json: AsJson = False,
 ) -> None:
@@ -61,6 +75,12 @@ def run_command(
     """
     chosen: Mode | None = None if mode is None else mode.value
     console = output.console(silent=as_json)
+    if on is not None:
+        with refusing():
+            if until_settled:
+                raise refuse("--settle repeats runs of this machine: leave out --on.")
+            result = _spread(console, directory, on, again, threads, chosen, vk_rund, starts)
+        _close(console, result, as_json)
     try:
         with refusing(ValueError, SettleError):
             if until_settled:
@@ -78,12 +98,45 @@ def run_command(
                 )
     except NotFoundError as error:
         raise refuse(error, error.status) from None
+    _close(console, result, as_json)
+
+
+def _close(console: Console, result: RunResult, as_json: bool) -> NoReturn:
+    """The end of a run, told, with its status."""
     if as_json:
         output.print_json(result_as_dict(result))
     for line in closing_lines(result):
         console.print(line, markup=False, soft_wrap=True)
     # Status 0 without a complete log was not a run.
     raise typer.Exit((result.status or 0) if result.ok or result.status else 1)
+
+
+def _spread(
+    console: Console,
+    directory: Path,
+    on: str,
+    again: bool,
+    threads: int | None,
+    mode: Mode | None,
+    vk_rund: Path | None,
+    starts: int,
+) -> RunResult:
+    from vkctl.spread.run import run_on
+    from vkctl.spread.where import WhereError
+    from vkctl.terminal.spreading import spread_shown
+
+    with refusing(WhereError, ValueError), spread_shown(console) as (show, say):
+        return run_on(
+            directory,
+            on,
+            again=again,
+            threads=threads,
+            mode=mode,
+            vk_rund=vk_rund,
+            most_starts=starts,
+            on_progress=show,
+            on_line=say,
+        )
 
 
 def _settle(

@@ -14,6 +14,7 @@ from . import formats
 STOP_QUALITY = 0.5  # below this the run stops
 POOR_QUALITY = 0.9  # below this a solution draws a warning
 KEEP_QUALITY = 0.9  # above this a solution leaves a start vector
+LOWEST_STATE = 0.001  # the solver holds the states of elements at this in single precision or above
 
 
 @dataclass

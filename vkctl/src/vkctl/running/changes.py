@@ -19,8 +19,9 @@ WINDOW = 4  # rounds that are compared with as many before them
 _SHRINKS = 0.99  # part of the least change of the rounds before
 
 # A load case goes on, has settled, doesn't shrink its changes any more, or ends too poorly to
-# leave a start vector, so that another round would begin where this one did.
-Verdict = Literal["open", "settled", "stalled", "poor"]
+# leave a start vector, so that another round would begin where this one did. Or its changes have
+# ended only because the solver lets no stiffness fall further: it can't carry its loads.
+Verdict = Literal["open", "settled", "stalled", "poor", "collapsed"]
 
 
 @dataclass(frozen=True)
@@ -105,8 +106,8 @@ def has_vanished(before: Solution | None, after: Solution | None) -> bool:
 
     Where nothing is left over by the start vector it sets all free components to zero.
     """
-    if before is None or after is None:
-        return False
+    if before is None or after is None or before.displacements is None:
+        return False  # without a start vector there was nothing to be exact
     return before.moved > 0 and after.moved == 0
 
 

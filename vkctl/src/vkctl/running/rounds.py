@@ -120,7 +120,7 @@ def read_state(directory: PathLike) -> State | None:
         return _state(said)
     except FileNotFoundError:
         return None
-    except (ValueError, TypeError, KeyError, AttributeError, RecursionError):
+    except (ValueError, TypeError, KeyError, AttributeError, RecursionError, OverflowError):
         raise formats.FormatError(path, "it holds no state of a settling run") from None
 
 

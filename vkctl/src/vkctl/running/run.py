@@ -13,10 +13,12 @@ import threading
 from collections.abc import Callable, Iterator, Sequence
 from contextlib import contextmanager
 from dataclasses import dataclass, field
+from functools import partial
 from pathlib import Path
 from types import FrameType
 from typing import IO, Literal
 
+from vkctl.basics.confine import end_with
 from vkctl.basics.failures import reason
 from vkctl.basics.types import PathLike
 from vkctl.directory import formats, lock
@@ -161,12 +163,14 @@ def run(
     vk_rund: PathLike | None = None,
     on_progress: Callable[[Progress], None] | None = None,
     poll: float = _POLL,
+    together: bool = False,
 ) -> RunResult:
     """Run vk_rund on `directory` to its end.
 
     `threads` and `mode` are written to the options file (`set_run_options`). `again` repeats
     load cases that are done; a repeated run that is cut off goes on without it. `on_progress` is
-    called every `poll` seconds, in this thread. SIGINT, SIGTERM and SIGHUP are passed on to the
+    called every `poll` seconds, in this thread. `together` ends the solver with this thread, where
+    the system can, however it ends. SIGINT, SIGTERM and SIGHUP are passed on to the
     solver when this is called in the main thread.
 
     NotFoundError if there is no program, BusyError if another run works on the directory,
@@ -190,6 +194,7 @@ def run(
                 stdin=subprocess.DEVNULL,
                 stdout=printed,
                 stderr=subprocess.STDOUT,
+                preexec_fn=partial(end_with, os.getpid()) if together else None,
             )
         except OSError as error:
             text = f"{program} can't be started: {reason(error)}."

@@ -9,7 +9,7 @@ from __future__ import annotations
 
 import time
 from collections.abc import Callable
-from dataclasses import dataclass
+from dataclasses import dataclass, replace
 from pathlib import Path
 
 from vkctl.basics.types import PathLike
@@ -28,6 +28,7 @@ from .changes import (
     read_solution,
     verdict,
 )
+from .collapse import spent_elements
 from .progress import Progress
 from .rounds import State
 from .run import RunResult, find_vk_rund, reopen, run, set_run_options
@@ -49,6 +50,7 @@ class Standing:
     load_case: int
     verdict: Verdict
     changes: list[Change]  # one for each round in which it took part
+    spent: int = 0  # yielding elements without stiffness, where it has collapsed
 
     @property
     def ratio(self) -> float | None:
@@ -110,8 +112,9 @@ def settle(
 
     A load case has settled when its last round changed the displacements, the element state and
     the strain energy by less than `tolerance`, and all further rounds would, each shrinking as the
-    last. One whose changes don't shrink any more, or that ends too poorly to leave a start vector,
-    is left alone. `most_rounds` are done at most; called again, it goes on. Errors as of `run`,
+    last; it has collapsed where that came only of the least stiffness that elements keep. One
+    whose changes don't shrink any more, or that ends too poorly to leave a start vector, is left
+    alone. `most_rounds` are done at most; called again, it goes on. Errors as of `run`,
     SettleError where no load case is requested.
     """
     if not FLOOR <= tolerance < 1:
@@ -177,7 +180,7 @@ def _rounds(
             latest = state.rounds[-1]
             took_part = [s for s in standings(state, tolerance) if s.load_case in latest]
             on_round(RoundShown(len(state.rounds), took_part))
-    found = standings(state, tolerance)
+    found = [_carried(directory, s) for s in standings(state, tolerance)]
     if not state.running and all(s.verdict != "open" for s in found):
         state.ended = True
         rounds.write_state(directory, state)
@@ -192,6 +195,12 @@ def standings(state: State, tolerance: float) -> list[Standing]:
         changes = state.changes(number)
         found.append(Standing(number, verdict(changes, tolerance), changes))
     return found
+
+
+def _carried(directory: Path, standing: Standing) -> Standing:
+    """A load case that has settled, or collapsed where it yields without end."""
+    spent = spent_elements(directory, standing.load_case) if standing.verdict == "settled" else 0
+    return replace(standing, verdict="collapsed", spent=spent) if spent else standing
 
 
 def _begin_round(directory: Path, state: State, numbers: list[int]) -> None:

@@ -60,17 +60,20 @@ class NodalStress:
     def merged(self) -> MaterialStress:
         """One value a node, all nodes in order; NaN and material 0 outside.
 
-        Where materials meet it is the value of the one with the larger von Mises stress.
+        Where materials meet it is the value of the one with the larger von Mises stress, of those
+        inside the part where there are such.
         """
         stress = np.full((self.count, 6), np.nan)
         energy = np.full(self.count, np.nan)
         inside = np.zeros(self.count, np.bool_)
-        highest = np.full(self.count, -1.0)
+        highest = np.full(self.count, -np.inf)
         for part in self.parts:
             equivalent = von_mises(part.stress)
             place = part.nodes - 1
-            taken = equivalent > highest[place]
-            highest[place[taken]] = equivalent[taken]
+            # Those of nodes outside stand behind all that are inside.
+            rank = np.where(part.inside, equivalent, -1 / (1 + equivalent))
+            taken = rank > highest[place]
+            highest[place[taken]] = rank[taken]
             stress[place[taken]], energy[place[taken]] = part.stress[taken], part.energy[taken]
             inside[place] |= part.inside
         return MaterialStress(0, np.arange(1, self.count + 1), stress, energy, inside)

@@ -53,15 +53,15 @@ def evaluate(solution: Solution, code: int, numbers: Array, points: Array) -> Po
     slopes = np.array([GRADIENTS[code](point) for point in points])  # (p, n, 3)
     jacobian = _parametric(places, slopes)
     inverse, determinants = _inverses(jacobian)
-    gradient = np.einsum(
-        "epki,epij->epkj", _parametric(solution.displacements[rows], slopes), inverse
-    )
     strains = np.empty((*determinants.shape, 6))
-    for k in range(3):
-        strains[..., k] = gradient[..., k, k]
-    for place, (i, j) in enumerate(((0, 1), (1, 2), (0, 2)), 3):
-        strains[..., place] = gradient[..., i, j] + gradient[..., j, i]
-    strains[..., :3] -= _free_strains(solution, numbers, rows, shape)
+    with np.errstate(all="ignore"):  # displacements may be damaged: such strains are no numbers
+        moved = _parametric(solution.displacements[rows], slopes)
+        gradient = np.einsum("epki,epij->epkj", moved, inverse)
+        for k in range(3):
+            strains[..., k] = gradient[..., k, k]
+        for place, (i, j) in enumerate(((0, 1), (1, 2), (0, 2)), 3):
+            strains[..., place] = gradient[..., i, j] + gradient[..., j, i]
+        strains[..., :3] -= _free_strains(solution, numbers, rows, shape)
     materials = elements.materials[numbers - 1].astype(np.int64)
     found = stresses(solution.laws, materials, solution.factors[numbers - 1], strains)
     return PointBlock(code, numbers, shape @ places, strains, found, determinants, inverse)

@@ -116,13 +116,13 @@ def shown(console: Console, plain_lines: bool = True) -> Iterator[Callable[[Prog
     Elsewhere a line for each finished load case, or nothing without `plain_lines`.
     """
     if not console.is_terminal:
-        yield _line_printer(console) if plain_lines else lambda progress: None
+        yield line_printer(console) if plain_lines else lambda progress: None
         return
     with Live(console=console, refresh_per_second=8, transient=False) as live:
         yield lambda progress: live.update(table(progress))
 
 
-def _line_printer(console: Console) -> Callable[[Progress], None]:
+def line_printer(console: Console) -> Callable[[Progress], None]:
     """Prints every load case once, when it is finished."""
     printed: dict[int, int] = {0: 0}  # log replacements seen: load cases printed of that log
 

@@ -47,6 +47,13 @@ def _standing_line(standing: Standing, settled: Settled) -> str:
     count = counted(len(standing.changes), "round")
     if standing.verdict == "settled":
         return f"{head} has settled after {count}: {_last(standing)}."
+    if standing.verdict == "collapsed":
+        elements = counted(standing.spent, "element")
+        return (
+            f"{head} can't carry its loads: after {count} {elements} of a yielding "
+            "material have no stiffness left but the thousandth that the solver keeps. "
+            "Displacements tell nothing."
+        )
     if standing.verdict == "poor":
         return (
             f"{head} doesn't settle: its solution is too poor to leave a start vector, and another "

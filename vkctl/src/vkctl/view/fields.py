@@ -91,22 +91,25 @@ def _require_fitting(model: Model, results: Results) -> None:
 def stress_fields(model: Model, results: Results) -> dict[str, Array]:
     """Recovered stresses per node, float32, NaN outside the part; none where the solve was poor.
 
-    "stress" (n, 6) in the order xx, yy, zz, xy, yz, xz, "principal" (n, 3) from the largest down,
-    equivalents and the strain energy density.
+    "stress" (n, 6) in the order xx, yy, zz, xy, yz, xz, "principal" (n, 3) from the largest down
+    with the unit vectors "principal_direction_1" to "principal_direction_3", equivalents and the
+    strain energy density.
     """
     if not stress.has_stress(results):
         return {}
     found = stress.nodal_stress(stress.solution_of(model, results)).merged()
-    principal = stress.principal(found.stress)
+    principal, directions = stress.principal_directions(found.stress)
     fields = {
         "stress": found.stress,
         "principal": principal,
+        **{f"principal_direction_{k + 1}": directions[:, k] for k in range(3)},
         "von_mises": stress.von_mises(found.stress),
         "signed_von_mises": stress.signed_von_mises(found.stress),
         "tresca": stress.tresca(principal),
         "energy_density": found.energy,
     }
-    return {name: values.astype(np.float32) for name, values in fields.items()}
+    with np.errstate(over="ignore"):  # beyond single precision they are infinite
+        return {name: values.astype(np.float32) for name, values in fields.items()}
 
 
 def shown_fields(model: Model, results: Results, field: str) -> dict[str, Array]:

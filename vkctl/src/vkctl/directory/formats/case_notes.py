@@ -64,7 +64,7 @@ def read_case_notes(directory: PathLike) -> CaseNotes | None:
         raise FormatError(path, f"is longer than {_LONGEST_FILE >> 20} MB")
     try:
         return _notes(json.loads(data))
-    except (ValueError, TypeError, KeyError, AttributeError, RecursionError):
+    except (ValueError, TypeError, KeyError, AttributeError, RecursionError, OverflowError):
         raise FormatError(path, "isn't what vkctl writes there") from None
 
 
