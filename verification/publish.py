@@ -1,9 +1,10 @@
 """Writes docs/verification.md and its pictures from all cases, on both maths libraries.
 
-    python verification/publish.py [--other PROGRAM]
+    python verification/publish.py [--other PROGRAM] [--only CASE ...]
 
-The solver is $VK_RUND or build/release/vk_rund, PROGRAM the one with the other maths library, by
-default build/release-open/vk_rund. The page names the commit that it was made from, so
+--only puts the named cases alone into the page that is there, which then says from which commit
+they are. The solver is $VK_RUND or build/release/vk_rund, PROGRAM the one with the other maths
+library, by default build/release-open/vk_rund. The page names the commit that it was made from, so
 there must be no changes that aren't committed. Commit what it writes. Exit status 1 when a
 comparison is outside its bound: the page is written all the same and shows it.
 """
@@ -41,7 +42,9 @@ def made() -> str:
 def main() -> int:
     parser = argparse.ArgumentParser(description=(__doc__ or "").splitlines()[0])
     parser.add_argument("--other", type=Path, default=OTHER, metavar="PROGRAM")
-    other = parser.parse_args().other.absolute()
+    parser.add_argument("--only", action="append", choices=run.ORDER, metavar="CASE")
+    options = parser.parse_args()
+    other = options.other.absolute()
     for path in (program(), other):
         if not path.exists():
             print(f"no solver at {path}; build it, or say where it is", file=sys.stderr)
@@ -52,8 +55,12 @@ def main() -> int:
         )
         return 2
     os.environ["VK_RUND_OTHER"] = str(other)
-    results = list(run.run_cases(run.ORDER, pictures=True))
-    page.write(results, introduction.TEXT, made(), run.DOCS)
+    results = list(run.run_cases(options.only or run.ORDER, pictures=True))
+    if options.only:
+        titles = [run.title_of(name) for name in run.ORDER]
+        page.replace(results, titles, made().partition("\n")[0], run.DOCS)
+    else:
+        page.write(results, introduction.TEXT, made(), run.DOCS)
     failed = [result.title for result in results if any(not c.passed for c in result.checks)]
     print(f"{len(results) - len(failed)} passed, {len(failed)} failed {'; '.join(failed)}")
     return 1 if failed else 0

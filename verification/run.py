@@ -50,7 +50,7 @@ CASES = (
     "materials",
     "calculix",
 )
-PUBLISHED = ("slender", "stress_order", "solvers")
+PUBLISHED = ("unstructured", "slender", "stress_order", "solvers")
 ORDER = (*CASES, *PUBLISHED)
 
 

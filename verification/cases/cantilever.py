@@ -13,6 +13,7 @@ from vkctl.basics.types import Array
 from vkctl.directory.model import LoadCase, Model, prescribed
 from vkctl.shapes.topology import HEX8, TET4, TET10
 
+TITLE = "Cantilever with shear"
 E, LENGTH, DEPTH, WIDTH, FORCE = 1000.0, 8.0, 2.0, 1.0, 1.0  # Poisson's ratio 0
 INERTIA = WIDTH * DEPTH**3 / 12
 CELLS = {  # along, over the depth, over the width
@@ -77,7 +78,7 @@ def run(quick: bool) -> Result:
         name = f"{NAMES[code]}, whole field (L2 error)"
         checks.append(Check(name, error, factor * BOUND[code]))
     return Result(
-        "Cantilever with shear",
+        TITLE,
         TEXT,
         checks,
         [error_table("tip deflection", TIP, sizes, values)],

@@ -11,6 +11,7 @@ from support.page import Check, Result, Table, compare, number
 
 from vkctl.directory.model import LoadCase, Material, write_load_cases
 
+TITLE = "Compression-only states over ten restarts"
 E, LENGTH, FORCE = 1000.0, 4.0, 2.0  # Poisson's ratio 0
 SIZE = np.array([LENGTH, 1.0, 1.0])
 PULLED, PRESSED = 6, 5  # runs: the first and five restarts, then five more
@@ -75,9 +76,7 @@ def run(quick: bool) -> Result:
     steps = list(range(1, len(after) + 1))
     curves = {"tensionless half": (steps, after)}
     figure = Figure("compression_only", "run", "state", curves, "state over the runs", "y")
-    return Result(
-        "Compression-only states over ten restarts", TEXT, checks, [table], [figure], REMARKS
-    )
+    return Result(TITLE, TEXT, checks, [table], [figure], REMARKS)
 
 
 TEXT = """

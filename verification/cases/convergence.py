@@ -14,6 +14,7 @@ from vkctl.basics.types import Array
 from vkctl.directory.model import LoadCase, Model, prescribed
 from vkctl.shapes.topology import HEX8, TET4, TET10
 
+TITLE = "Order of convergence"
 E, NU = 100.0, 0.3
 CELLS = {TET4: (4, 8, 16), HEX8: (4, 8, 16), TET10: (2, 4, 8)}
 ORDER = {TET4: 2.0, HEX8: 2.0, TET10: 3.0}
@@ -85,7 +86,7 @@ def run(quick: bool) -> Result:
     figure = Figure("convergence", "element size", "relative L2 error", curves, caption)
     head = ["type", "cells per side", "L2 error", "order"]
     return Result(
-        "Order of convergence",
+        TITLE,
         TEXT,
         checks,
         [Table(head, rows)],

@@ -13,6 +13,7 @@ from vkctl.basics.types import Array
 from vkctl.directory.model import LoadCase, Material, prescribed
 from vkctl.shapes.topology import HEX8, TET4, TET10
 
+TITLE = "Uniform and linear heating"
 E, NU, EXPANSION, RISE = 210e3, 0.3, 1.2e-5, 50.0
 HELD_BOUND = 3e-6
 SLOPE = np.array([40.0, 20.0, -30.0])  # of the linear temperature
@@ -59,7 +60,7 @@ def run(quick: bool) -> Result:
     for code in TYPES:
         checks += held(code)
     found, figure = linear(quick)
-    return Result("Uniform and linear heating", TEXT, checks + found, [], [figure], REMARKS)
+    return Result(TITLE, TEXT, checks + found, [], [figure], REMARKS)
 
 
 def uniform(code: int) -> list[Check]:

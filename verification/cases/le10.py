@@ -13,6 +13,7 @@ from vkctl.basics.types import Array
 from vkctl.directory.model import LoadCase, Model, prescribed
 from vkctl.shapes.topology import HEX8, TET10
 
+TITLE = "NAFEMS LE10: thick plate under pressure"
 E, NU = 210e3, 0.3  # MPa
 THICKNESS = 0.6  # m
 TARGET = -5.38  # MPa
@@ -89,7 +90,6 @@ def run(quick: bool) -> Result:
         name = f"{NAMES[code]}, stretch of the edge"
         checks.append(compare(name, each[-1][1], TARGET, 0.05 if quick else 0.02))
     table, figure = series("le10", "stress yy at D", TARGET, levels)
-    title = "NAFEMS LE10: thick plate under pressure"
     shown = picture(
         "le10_mesh",
         "LE10, von Mises stress",
@@ -97,7 +97,7 @@ def run(quick: bool) -> Result:
         lambda: posed(TET10, CELLS[TET10][3])[1],
         "von_mises",
     )
-    return Result(title, TEXT, checks, [table], [figure], REMARKS, [shown])
+    return Result(TITLE, TEXT, checks, [table], [figure], REMARKS, [shown])
 
 
 TEXT = """

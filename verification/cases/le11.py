@@ -15,6 +15,7 @@ from vkctl.basics.types import Array
 from vkctl.directory.model import LoadCase, Model, prescribed
 from vkctl.shapes.topology import HEX8, TET10
 
+TITLE = "NAFEMS LE11: solid cylinder, taper and sphere under a temperature field"
 E, NU, EXPANSION = 210e3, 0.3, 2.3e-4  # MPa, -, per degree
 TARGET = -105.0  # MPa
 A = (1.0, 0.0, 0.0)
@@ -98,7 +99,6 @@ def run(quick: bool) -> Result:
     levels = {code: [solved(code, c) for c in cells[:take]] for code, cells in CELLS.items()}
     checks = finest(levels, TARGET, QUICK_BOUNDS if quick else BOUNDS)
     table, figure = series("le11", "stress zz at A", TARGET, levels)
-    title = "NAFEMS LE11: solid cylinder, taper and sphere under a temperature field"
     shown = picture(
         "le11_mesh",
         "LE11, von Mises stress",
@@ -106,7 +106,7 @@ def run(quick: bool) -> Result:
         lambda: posed(TET10, CELLS[TET10][3])[1],
         "von_mises",
     )
-    return Result(title, TEXT, checks, [table], [figure], REMARKS, [shown])
+    return Result(TITLE, TEXT, checks, [table], [figure], REMARKS, [shown])
 
 
 TEXT = """

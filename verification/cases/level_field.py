@@ -17,6 +17,7 @@ from vkctl.basics.types import Array
 from vkctl.directory.model import LoadCase, Material, Model, prescribed
 from vkctl.shapes.topology import HEX8, TET4, TET10
 
+TITLE = "The level field"
 E, NU = 1000.0, 0.0
 SLOPES = (10.0, 500.0)
 SWITCH = float(np.float32(-0.2))
@@ -287,7 +288,7 @@ def run(quick: bool) -> Result:
         ),
     ]
     checks += in_series + found + criteria()
-    return Result("The level field", TEXT, checks, tables, [figure], REMARKS)
+    return Result(TITLE, TEXT, checks, tables, [figure], REMARKS)
 
 
 def single_elements() -> tuple[list[Check], list[list[str]]]:

@@ -17,6 +17,9 @@ from vkctl.shapes.topology import HEX8, TET4, TET10
 
 from . import cantilever, thick_cylinder
 
+TITLE = "Stress at nodes"
+
+
 Posed = Callable[[int, tuple[int, int, int]], tuple[Mesh, Model]]
 
 
@@ -109,7 +112,7 @@ def run(quick: bool) -> Result:
             checks.append(Check(f"{name}, {NAMES[code]}", found[-1].recovered, bound))
     head = ["case", "type", "refinement", "nodes", "at nodes", "element mean"]
     caption = "Largest error of von Mises stress at any node, of the largest stress:"
-    return Result("Stress at nodes", TEXT, checks, [Table(head, rows, caption)], [], REMARKS)
+    return Result(TITLE, TEXT, checks, [Table(head, rows, caption)], [], REMARKS)
 
 
 TEXT = """

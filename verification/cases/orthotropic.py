@@ -12,6 +12,7 @@ from support.page import Check, Result
 from vkctl.basics.types import Array
 from vkctl.directory.model import LoadCase, Material, prescribed
 
+TITLE = "Orthotropic block"
 MODULI = (12000.0, 900.0, 500.0)  # such as wood
 POISSON = (0.40, 0.45, 0.35)  # nu12, nu13, nu23
 SHEAR = (700.0, 650.0, 60.0)  # G12, G13, G23
@@ -84,7 +85,7 @@ def run(quick: bool) -> Result:
         ):
             error = np.abs(answer.u - field).max() / np.abs(field).max()
             checks.append(Check(f"{NAMES[code]}, {name}", error, 2e-5))
-    return Result("Orthotropic block", TEXT, checks)
+    return Result(TITLE, TEXT, checks)
 
 
 TEXT = """

@@ -11,6 +11,7 @@ from vkctl.basics.types import Array
 from vkctl.directory.model import LoadCase, Material, prescribed
 from vkctl.shapes.topology import HEX8, TET4, TET10
 
+TITLE = "Patch tests of constant strain"
 E, NU = 210000.0, 0.3
 GRADIENT = 1e-3 * np.array([[1.0, 0.5, -0.3], [0.2, -0.7, 0.4], [0.6, -0.1, 0.8]])
 BOUND = 2e-6
@@ -91,7 +92,7 @@ def run(quick: bool) -> Result:
     )
     torn = patch_error(*mixed(0.04))
     checks.append(Check("all three types in one model, distorted seam", torn, 1e-2))
-    return Result("Patch tests of constant strain", TEXT, checks, remarks=REMARKS)
+    return Result(TITLE, TEXT, checks, remarks=REMARKS)
 
 
 TEXT = """

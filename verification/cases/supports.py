@@ -11,6 +11,7 @@ from support.page import Check, Result, compare
 from vkctl.basics.types import Array
 from vkctl.directory.model import LoadCase, elastic, prescribed
 
+TITLE = "Bar on elastic supports with offsets and skew axes"
 E, NU, STIFFNESS = 500.0, 0.3, 40.0  # STIFFNESS is "Sta.SupportStiffness"
 SIZE = np.array([3.0, 1.0, 0.8])
 AREA, OFFSET, FORCE = 0.8, 0.05, 3.0  # of the bar between springs
@@ -102,7 +103,7 @@ def bar(code: int) -> Check:
 
 def run(quick: bool) -> Result:
     checks = [make(code) for make in (skew, bar) for code in TYPES]
-    return Result("Bar on elastic supports with offsets and skew axes", TEXT, checks)
+    return Result(TITLE, TEXT, checks)
 
 
 TEXT = """

@@ -14,6 +14,7 @@ from vkctl.basics.types import Array
 from vkctl.directory.model import LoadCase, Model
 from vkctl.shapes.topology import HEX8, TET4, TET10
 
+TITLE = "Thick cylinder under internal pressure"
 E, NU, INNER, OUTER, PRESSURE = 1000.0, 0.3, 1.0, 2.0, 10.0
 CELLS = {  # through the wall, around, along the axis
     TET4: [(4, 6, 1), (8, 12, 1), (16, 24, 2)],
@@ -77,7 +78,7 @@ def run(quick: bool) -> Result:
         checks.append(compare("10-node tetrahedra, hoop stress, fit", stress.fit, HOOP, 0.01))
     what = "radial displacement at the bore"
     return Result(
-        "Thick cylinder under internal pressure",
+        TITLE,
         TEXT,
         checks,
         [error_table(what, radial(INNER), sizes, values)],

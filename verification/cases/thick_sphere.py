@@ -13,6 +13,7 @@ from vkctl.basics.types import Array
 from vkctl.directory.model import LoadCase, Model
 from vkctl.shapes.topology import HEX8, TET4, TET10
 
+TITLE = "Thick sphere under internal pressure"
 E, NU, INNER, OUTER, PRESSURE = 1000.0, 0.3, 1.0, 2.0, 10.0
 CELLS = {TET4: [3, 6, 12], HEX8: [3, 6, 12], TET10: [2, 4, 6]}  # in each direction of a patch
 BOUND = {TET4: 0.03, HEX8: 5e-3, TET10: 1e-3}
@@ -80,7 +81,7 @@ def run(quick: bool) -> Result:
         checks.append(compare(name, far, radial(OUTER), factor * BOUND[code]))
     what = "radial displacement at the bore"
     return Result(
-        "Thick sphere under internal pressure",
+        TITLE,
         TEXT,
         checks,
         [error_table(what, radial(INNER), sizes, values)],

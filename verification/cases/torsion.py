@@ -14,6 +14,7 @@ from support.pictures import picture
 from vkctl.directory.model import LoadCase, Model, prescribed
 from vkctl.shapes.topology import HEX8, TET4, TET10
 
+TITLE = "Torsion of a square bar"
 E, NU, SIDE, LENGTH, TWIST = 2600.0, 0.3, 1.0, 1.0, 0.01  # G = 1000
 CELLS = {  # across, along
     TET4: [(4, 4), (8, 8), (16, 16)],
@@ -61,7 +62,7 @@ def run(quick: bool) -> Result:
         checks.append(compare(f"{NAMES[code]}, J / a^4", values[code][-1], FACTOR, bound))
     what = "torsion constant"
     return Result(
-        "Torsion of a square bar",
+        TITLE,
         TEXT,
         checks,
         [error_table("J / a^4", FACTOR, sizes, values)],

@@ -12,6 +12,7 @@ from support.page import Check, Result, Table, compare, number
 from vkctl.basics.types import Array
 from vkctl.directory.model import LoadCase, Material, prescribed
 
+TITLE = "Yielding over ten restarts"
 E, NU, YIELD, HARDENING = 1000.0, 0.3, 2.0, 0.1
 SIZE = np.array([4.0, 1.0, 1.0])
 RUNS = 11  # the first and ten restarts
@@ -110,7 +111,7 @@ def run(quick: bool) -> Result:
     rows = [[str(k + 1), number(by_force[k], 4), number(by_stretch[k], 4)] for k in range(RUNS)]
     table = Table(["after run", "state, end force", "state, end displacement"], rows)
     figure = Figure("yielding", "run", "state", curves, "element state over the runs", "")
-    return Result("Yielding over ten restarts", TEXT, checks, [table], [figure], REMARKS)
+    return Result(TITLE, TEXT, checks, [table], [figure], REMARKS)
 
 
 TEXT = """

@@ -130,19 +130,55 @@ def write(results: list[Result], introduction: str, made: str, docs: Path) -> No
     (docs / PAGE).write_text("\n\n".join([text[0], MADE + made, *text[1:]]))
 
 
+SUMMARY = ["case", "comparisons", "failed"]
+
+
+def _summary(result: Result) -> list[str]:
+    failed = sum(not check.passed for check in result.checks)
+    return [result.title, str(len(result.checks)), str(failed)]
+
+
 def _text(results: list[Result], introduction: str) -> str:
     checks = [check for result in results for check in result.checks]
     failed = sum(not check.passed for check in checks)
-    summary = [
-        [r.title, str(len(r.checks)), str(sum(not c.passed for c in r.checks))] for r in results
-    ]
+    summary = [_summary(result) for result in results]
     parts = [
         introduction.strip(),
-        _table(["case", "comparisons", "failed"], summary),
-        f"{len(checks) - failed} comparisons passed, {failed} failed.",
+        _table(SUMMARY, summary),
+        _verdict(len(checks), failed),
         *[_section(result) for result in results],
     ]
     return "\n\n".join(parts) + "\n"
+
+
+def _verdict(checks: int, failed: int) -> str:
+    return f"{checks - failed} comparisons passed, {failed} failed."
+
+
+def replace(results: list[Result], titles: Sequence[str], made: str, docs: Path) -> None:
+    """Put the sections of some cases into the page, with what they show, and say from which commit.
+
+    `titles` are those of all cases in their order.
+    """
+    head, *sections = re.split(r"(?m)^(?=## )", (docs / PAGE).read_text())
+    named = {part.partition("\n")[0].removeprefix("## "): part for part in sections}
+    rows = {cells[0]: cells for (_, _), cells in _rows(head.splitlines())}
+    for result in results:
+        named[result.title] = _section(result) + "\n\n"
+        rows[result.title] = _summary(result)
+        for drawn in result.drawings:
+            drawn.draw(docs / "verification" / f"{drawn.name}.png")
+    kept = [title for title in titles if title in named]
+    summary = [rows[title] for title in kept]
+    counts = [sum(int(row[k]) for row in summary) for k in (1, 2)]
+    before = head.split("\n\n")
+    place = next(k for k, part in enumerate(before) if part.startswith("| case |"))
+    before[place : place + 2] = [_table(SUMMARY, summary), _verdict(*counts)]
+    of_page = next(k for k, part in enumerate(before) if part.startswith(MADE))
+    told = [f"{result.title}: from commit {made}" for result in results]
+    before[of_page] = "\n".join([before[of_page], *told])
+    text = "\n\n".join(before) + "".join(named[title] for title in kept)
+    (docs / PAGE).write_text(text.rstrip("\n") + "\n")
 
 
 _NUMBER = re.compile(r"below 1e-6|[-+]?\d+(?:\.\d+)?(?:e[-+]?\d+)?")

@@ -240,3 +240,16 @@ def test_a_picture_that_is_missing_is_a_difference(tmp_path: Path) -> None:
     assert page.differences(shown, "# Page", tmp_path) == []
     (tmp_path / "verification" / "bar.png").unlink()
     assert page.differences(shown, "# Page", tmp_path) == ["no picture bar.png"]
+
+
+def test_a_case_that_is_published_alone_changes_nothing_else(tmp_path: Path) -> None:
+    other = page.Result("Another", "Text.", [page.compare("displacement", 1.0, 1.0, 1e-3)])
+    page.write([*found(), other], "# Page\n\nWhat it is.", FROM, tmp_path)
+    before = (tmp_path / page.PAGE).read_text()
+    titles = ["A bar", "Between", "Another"]
+    page.replace([other], titles, "`fedcba`.", tmp_path)
+    after = (tmp_path / page.PAGE).read_text()
+    assert after == before.replace(FROM, f"{FROM}\nAnother: from commit `fedcba`.")
+    between = page.Result("Between", "Text.", [page.compare("length", 2.0, 2.0, 1e-3)])
+    page.replace([between], titles, "`fedcba`.", tmp_path)
+    assert page.differences([*found(), between, other], "# Page\n\nWhat it is.", tmp_path) == []
