@@ -8,27 +8,16 @@ import numpy as np
 
 from vkctl.basics.types import Array
 from vkctl.basics.units import UnitSystem
+from vkctl.basics.units import unit_of as unit_of
 from vkctl.directory.case_names import titled
 from vkctl.directory.model import Model
-from vkctl.stress.fields import STRESS_FIELDS
+from vkctl.stress.fields import field_unit as field_unit
 
 from .extremes import Envelope, Extreme
 from .reactions import Reactions, Resultant
 from .tables import Cell, Column, Table
 
 _NEGLIGIBLE = 1e-4  # of all forces: more than what the solver's tolerance leaves over
-
-
-def unit_of(units: UnitSystem | None, what: str) -> str:
-    """The text of the unit of a quantity, empty in a model without units."""
-    return "" if units is None else str(getattr(units, what))
-
-
-def field_unit(units: UnitSystem | None, field: str) -> str:
-    """The text of the unit of a field at nodes."""
-    if field == "energy_density":
-        return unit_of(units, field)
-    return unit_of(units, "stress" if field in STRESS_FIELDS else "length")
 
 
 def place_words(place: Iterable[float]) -> str:

@@ -8,6 +8,7 @@ import numpy as np
 
 from vkctl.basics.extras import need
 from vkctl.basics.types import Array, PathLike
+from vkctl.directory.case_names import case_names, name_of
 from vkctl.directory.levels import NEAREST_LEVEL, level_field
 from vkctl.directory.model import Model, read
 from vkctl.directory.numbering import EXCLUDED
@@ -42,6 +43,7 @@ def has_boundary(model: Model) -> bool:
 def mesh_grid(model: Model) -> pyvista.UnstructuredGrid:
     """The active elements as they are, with the model's own fields.
 
+    The file's own field "units" names the system of units that the case file does.
     Points: "level", "node_flags". Cells: "element" (its number), "material", "element_flags". Both
     have "label" where the directory knows what the part's file calls them.
     """
@@ -64,6 +66,7 @@ def mesh_grid(model: Model) -> pyvista.UnstructuredGrid:
     grid.cell_data["element"] = order
     grid.cell_data["material"] = model.elements.materials[order - 1]
     grid.cell_data["element_flags"] = model.element_flags[order - 1]
+    _note(grid, "units", (model.notes.units if model.notes else None) or "")
     if model.labels is not None:
         grid.point_data["label"] = model.labels.nodes
         grid.cell_data["label"] = model.labels.elements[order - 1]
@@ -71,14 +74,28 @@ def mesh_grid(model: Model) -> pyvista.UnstructuredGrid:
 
 
 def results_grid(model: Model, results: Results) -> pyvista.UnstructuredGrid:
-    """`mesh_grid` with the fields of one load case; cells also have "element_state"."""
+    """`mesh_grid` with the fields of one load case; cells also have "element_state".
+
+    The file's own fields tell number and name of the load case.
+    """
     grid = mesh_grid(model)
+    grid.field_data["load_case"] = [results.number]
+    _note(grid, "load_case_name", name_of(results.number, case_names(model)))
     fields = {**point_fields(model, results), **stress_fields(model, results)}
     for name, values in fields.items():
         grid.point_data[name] = values
     if results.element_state is not None:
         grid.cell_data["element_state"] = results.element_state[grid.cell_data["element"] - 1]
     return grid
+
+
+def _note(grid: pyvista.UnstructuredGrid, name: str, text: str) -> None:
+    """A text of the file itself, unless it is empty; PyVista's own way takes no umlauts."""
+    if text:
+        array = need("vtkmodules.vtkCommonCore").vtkStringArray()
+        array.SetName(name)
+        array.InsertNextValue(text)
+        grid.GetFieldData().AddArray(array)
 
 
 def read_grid(directory: PathLike, number: int) -> pyvista.UnstructuredGrid:
