@@ -13,26 +13,13 @@ from vkctl.directory.levels import NEAREST_LEVEL, level_field
 from vkctl.directory.model import Model, read
 from vkctl.directory.numbering import EXCLUDED
 from vkctl.directory.results import Results, read_results, solved
-from vkctl.shapes.topology import HEX8, HEX8_FACES, TET4, TET10, TET10_EDGES, VTK_CELLS
+from vkctl.shapes.simplices import tetrahedra
+from vkctl.shapes.topology import TET4, TYPES, VTK_CELLS
 
 from .fields import point_fields, stress_fields
 
 if TYPE_CHECKING:
     import pyvista
-
-# The eight 4-node tetrahedra of a 10-node one; every face is cut alike from both sides.
-_TET10_PARTS = np.array(
-    (
-        (1, 5, 7, 8),
-        (5, 2, 6, 9),
-        (7, 6, 3, 10),
-        (8, 9, 10, 4),
-        (5, 6, 7, 9),
-        (5, 7, 8, 9),
-        (6, 7, 9, 10),
-        (7, 8, 9, 10),
-    )
-)
 
 
 def has_boundary(model: Model) -> bool:
@@ -114,26 +101,10 @@ def solved_or_fail(directory: PathLike) -> list[int]:
 # --- the part ----------------------------------------------------------------------------------
 
 
-def _hexahedron_parts(rows: Array, centres: Array) -> Array:
-    """Twelve tetrahedra (k, 4) a hexahedron, around its centre.
-
-    A face is cut from its lowest node number, so that neighbours cut it alike.
-    """
-    faces = rows[:, HEX8_FACES]
-    lowest = faces.argmin(axis=2)
-    turned = np.take_along_axis(faces, (lowest[:, :, None] + np.arange(4)) % 4, axis=2)
-    triangles = np.concatenate((turned[:, :, [0, 1, 2]], turned[:, :, [0, 2, 3]]), axis=1)
-    apex = np.broadcast_to(centres[:, None, None], (*triangles.shape[:2], 1))
-    # The faces are seen from outside: turned inwards they have the apex on their positive side.
-    return np.concatenate((triangles[:, :, ::-1], apex), axis=2).reshape(-1, 4)
-
-
 def simplices(model: Model, fields: dict[str, Array]) -> tuple[Array, Array, dict[str, Array]]:
     """The active elements as 4-node tetrahedra that fit together: (tetrahedra, points, fields).
 
-    Tetrahedra are 0-based rows. A 10-node tetrahedron gives eight, with the level of its corners
-    halved at its mid-edge nodes, as the solver interpolates it; a hexahedron gives twelve around
-    an added centre point. `fields` are per node; "level" is added to them.
+    `fields` are per node; "level" is added to them, as the solver interpolates it.
     """
     assert model.element_flags is not None
     active = np.flatnonzero(model.element_flags & EXCLUDED == 0) + 1
@@ -142,30 +113,15 @@ def simplices(model: Model, fields: dict[str, Array]) -> tuple[Array, Array, dic
         numbers, rows = model.elements.of_type(code)
         return rows[np.isin(numbers, active)].astype(np.int64) - 1
 
-    tet10, hex8 = rows_of(TET10), rows_of(HEX8)
-    all_fields = {"level": level_field(model).astype(np.float64), **fields}
-    edges = tet10[:, TET10_EDGES]
-    level = all_fields["level"]
-    level[tet10[:, 4:].ravel()] = level[edges].mean(axis=2).ravel()
-    centres = len(model.nodes) + np.arange(len(hex8))
-    points = np.concatenate((model.nodes, model.nodes[hex8].mean(axis=1)))
-    extended = {
-        name: np.concatenate((values, values[hex8].mean(axis=1)))
-        for name, values in all_fields.items()
-    }
-    parts = (
-        rows_of(TET4),
-        tet10[:, _TET10_PARTS - 1].reshape(-1, 4),
-        _hexahedron_parts(hex8, centres),
-    )
-    return np.concatenate(parts), points, extended
+    whole = {"level": level_field(model).astype(np.float64), **fields}
+    return tetrahedra(model.nodes, {code: rows_of(code) for code in TYPES}, whole, ("level",))
 
 
 def part_grid(model: Model, fields: dict[str, Array] | None = None) -> pyvista.UnstructuredGrid:
     """The part: the active elements cut off at level zero, with `fields` per node interpolated."""
     pyvista = need("pyvista")
-    tetrahedra, points, extended = simplices(model, fields or {})
-    grid = pyvista.UnstructuredGrid({VTK_CELLS[TET4]: tetrahedra}, points)
+    rows, points, extended = simplices(model, fields or {})
+    grid = pyvista.UnstructuredGrid({VTK_CELLS[TET4]: rows}, points)
     for name, values in extended.items():
         grid.point_data[name] = values
     level = grid.point_data["level"]
