@@ -205,6 +205,11 @@ def _supports(model: Model, records: Array, shape: Outer, extent: float) -> list
     return found
 
 
+def node_marks(model: Model, nodes: Array) -> pyvista.PolyData:
+    """Cubes at nodes, numbered from 0, as many as can be told apart."""
+    return _cubes(model, nodes, float(np.ptp(model.nodes, axis=0).max()) or 1.0)
+
+
 def _cubes(model: Model, nodes: Array, extent: float) -> pyvista.PolyData:
     size = _MARK * extent
     cube = need("pyvista").Cube(x_length=size, y_length=size, z_length=size)
