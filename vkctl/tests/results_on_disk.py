@@ -33,6 +33,12 @@ def solved_box(directory, deflection=0.01):
     )
 
 
+def named(directory, *names, units="mm-N-MPa"):
+    """Give the load cases of a directory their names, and its numbers their units."""
+    cases = tuple(formats.NotedCase(name) for name in names)
+    formats.write_case_notes(directory, formats.CaseNotes(units=units, load_cases=cases))
+
+
 def change(directory, quantity, number, index, factor):
     read = getattr(formats, f"read_{quantity}")
     values = read(directory, number).copy()

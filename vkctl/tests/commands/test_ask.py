@@ -97,6 +97,52 @@ def test_extremes_and_envelopes_tell_node_and_place(directory: Path) -> None:
     assert len(nodes) == 1 + 63
 
 
+def test_a_cut_is_told_with_its_section_and_its_balance(directory: Path) -> None:
+    words = ("cut", "--at", "3.3,0,0", "--normal", "-2,0,0")
+    lines = asked(directory, *words).splitlines()
+    assert "moments about (3.3, 1, 1)" in lines[0]
+    assert lines[1].split()[:2] == ["Fx", "[N]"] and "bending [N mm]" in lines[1]
+    assert lines[2] == "load case 1, down"
+    assert lines[4] == "4 elements are cut; area of the material 4 mm², centre (3.3, 1, 1)"
+    found = told(directory, *words)["cuts"][0]  # type: ignore[index]
+    assert (found["normal"], found["elements"], found["area"]) == ([-1, 0, 0], 4, pytest.approx(4))
+    assert found["behind"]["loads"]["force"] == pytest.approx([0, 0, -4])
+    csv_lines = asked(directory, *words, "--csv").splitlines()
+    assert csv_lines[0].endswith("axial [N],shear [N],torsion [N mm],bending [N mm]")
+    assert [float(cell) for cell in csv_lines[1].split(",")[2:5]] == found["resultant"]["force"]
+
+
+def test_values_at_points_and_along_a_line_have_units(directory: Path) -> None:
+    point = asked(directory, "point", "--at", "3,1,1", "--at", "6,1,1", "--case", "down")
+    assert "displacement_z [mm]" in point and "von_mises [MPa]" in point
+    values = told(directory, "point", "--at", "3,1,1", "--field", "displacement_z")
+    assert values["values"][0]["values"] == [[pytest.approx(-0.0025)]]  # type: ignore[index]
+    line = ("line", "--from", "0,1,1", "--to", "8,1,1", "--points", "5", "--field", "magnitude")
+    rows = list(csv.reader(io.StringIO(asked(directory, *line, "--csv"))))
+    assert rows[0][2:] == [
+        "distance [mm]",
+        "x [mm]",
+        "y [mm]",
+        "z [mm]",
+        "element",
+        "magnitude [mm]",
+    ]
+    assert [row[2] for row in rows[1:]] == ["0.0", "2.0", "4.0", "6.0", "8.0"]
+    assert rows[-1][-2:] == ["", ""] and float(rows[-2][-1]) == pytest.approx(0.01)
+    assert "1 of 5 points have no values: (8, 1, 1) lies outside" in asked(directory, *line)
+
+
+def test_the_mass_needs_no_run(directory: Path, tmp_path: Path) -> None:
+    assert asked(directory, "mass").splitlines()[4].split() == ["mass", "1.884e-07", "t"]
+    solved_box(tmp_path)
+    for path in tmp_path.glob("ws.*"):
+        path.unlink()
+    found = told(tmp_path, "mass")
+    assert found["mass"][0]["volume"] == pytest.approx(24.0, rel=1e-5)  # type: ignore[index]
+    assert found["mass"][0]["mass"] is None and found["units"] is None  # type: ignore[index]
+    assert "tells no density of material 1" in asked(tmp_path, "mass")
+
+
 def test_without_a_question_an_overview_is_printed(directory: Path) -> None:
     shown = asked(directory)
     assert "reactions" in shown and "extremes" in shown and "whole part" in shown
@@ -114,6 +160,19 @@ def test_without_a_question_an_overview_is_printed(directory: Path) -> None:
         ("extremes --set wal", "there is no set 'wal'; did you mean 'wall'?"),
         ("extremes --field mises", "there is no field 'mises'"),
         ("--csv", "--csv prints one table"),
+        ("cut --at 3,0,0", "cut takes one point of the plane by --at and its direction"),
+        ("cut --at 3,0,0 --normal 0,0,0", "the normal of a plane can't be (0, 0, 0)"),
+        ("cut --at 9,0,0 --normal 1,0,0", "the plane cuts no element"),
+        ("cut --at 3,0,0 --normal 1,0,0 --set wall", "'wall' is a node set; a set of elements"),
+        ("point", "point takes one or more points by --at"),
+        ("point --at 9,1,1", "(9, 1, 1) lies outside of the mesh; the nearest node is"),
+        ("line --from 0,0,0", "line takes its ends by --from and --to"),
+        ("line --from 0,0,0 --to 0,0,0", "the line begins where it ends"),
+        ("line --from 0,0,0 --to 1,0,0 --points 1", "a line of 1 points is none"),
+        ("line --from 9,0,0 --to 10,0,0", "lies outside of the mesh"),
+        ("mass --case 1", "mass has no use for --case"),
+        ("reactions --nodes", "reactions has no use for --nodes"),
+        ("extremes --about 1,2,3", "extremes has no use for --about"),
     ],
 )
 def test_what_has_no_answer_is_refused_in_a_sentence(

@@ -13,7 +13,8 @@ EVIL = "</script><script>alert(1)</script>{{body}}<!--"
 
 
 def made(**changes: object) -> str:
-    values = {"title": EVIL, "head": "", "body": "<p>body</p>", "foot": "", "scene": {"a": EVIL}}
+    values: dict[str, object] = {"title": EVIL, "head": "", "body": "<p>body</p>", "foot": ""}
+    values |= {"scene": {"a": EVIL}, "scripts": ("report.js",)}
     return put_together(Page(**{**values, **changes}))  # type: ignore[arg-type]
 
 
@@ -40,8 +41,8 @@ def test_a_title_and_a_scene_of_any_text_stay_texts() -> None:
     assert json.loads(data[1]) == {"a": EVIL}
 
 
-def test_a_page_without_a_scene_has_no_script() -> None:
-    page = made(scene=None)
+def test_a_page_that_draws_nothing_has_no_script() -> None:
+    page = made(scene=None, scripts=())
     assert "<script" not in page
     assert "script-src 'none'" in page
 

@@ -16,6 +16,7 @@ from vkctl.directory import formats
 from vkctl.directory.model import Material, Model, write
 from vkctl.shapes.boxes import box
 from vkctl.stress import nodal_stress, safety
+from vkctl.stress.safety import safety_field
 
 from .states import WOOD, given, model_of
 
@@ -70,6 +71,31 @@ def test_a_part_without_stress_is_infinitely_safe() -> None:
     assert least.factor == float("inf")
 
 
+def test_limits_replace_yield_stresses_by_name_or_for_all() -> None:
+    model, shift = bent_bar()
+    found = nodal_stress(given(model, shift))
+    (plain,) = safety(model, found)
+    (named,) = safety(model, found, limits={"steel": 2 * plain.yield_stress})
+    assert named.factor == pytest.approx(2 * plain.factor)
+    model.materials[0].yield_stress = 0.0
+    (limited,) = safety(model, found, limits={"": plain.yield_stress})
+    assert limited == plain
+    with pytest.raises(ValueError, match="no isotropic material 'stel' to limit: .*'steel'"):
+        safety(model, found, limits={"stel": 3.0})
+
+
+def test_the_field_of_safety_has_its_least_value_where_the_stress_is_largest() -> None:
+    model, shift = bent_bar()
+    found = nodal_stress(given(model, shift))
+    factors = safety_field(model, found)
+    (least,) = safety(model, found)
+    assert np.nanargmin(factors) == least.node - 1
+    assert np.nanmin(factors) == pytest.approx(least.factor)
+    assert np.isinf(safety_field(model, nodal_stress(given(model, 0.0 * shift)))).all()
+    model.materials[0].yield_stress = 0.0
+    assert np.isnan(safety_field(model, found)).all()
+
+
 def test_the_summary_tells_factor_and_place_of_each_load_case(tmp_path: Path) -> None:
     model, shift = bent_bar()
     count = len(model.nodes)
@@ -90,6 +116,14 @@ def test_the_summary_tells_factor_and_place_of_each_load_case(tmp_path: Path) ->
     asked = CliRunner().invoke(app, ["summary", str(tmp_path), "--safety", "--json"])
     factors = [least["factor"] for least in json.loads(asked.output)["safety"]]
     assert factors == pytest.approx([2.5, 1.25], rel=0.01)
+    model.sets = [formats.NamedSet("start", "node", np.flatnonzero(model.nodes[:, 0] == 0) + 1)]
+    write(model, tmp_path)
+    words = ["summary", str(tmp_path), "--safety", "--limit", "steel=20", "--set", "start"]
+    told = CliRunner().invoke(app, words)
+    assert "load case 1, set start, steel: safety factor 1, von Mises stress 20 of" in told.output
+    asked = json.loads(CliRunner().invoke(app, [*words, "--json"]).output)["safety"]
+    assert [one["set"] for one in asked] == ["start", "start"]
+    assert [one["yield_stress"] for one in asked] == [20.0, 20.0]
     model.materials[0].yield_stress = 0.0
     write(model, tmp_path)
     told = CliRunner().invoke(app, ["summary", str(tmp_path), "--safety"])

@@ -109,7 +109,7 @@ def test_a_scale_has_its_colours_in_order_and_stays_inside(size: tuple[int, int]
 def test_bars_beside_a_scale_are_as_long_as_there_are_values() -> None:
     canvas = Canvas((700, 900))
     counts = np.array([0, 1, 50, 100])
-    put_scale(canvas, Scale("", 0.0, 1.0, np.full((9, 3), 30, np.uint8), "", counts))
+    put_scale(canvas, Scale("", 0.0, 1.0, np.full((9, 3), 30, np.uint8), counts=counts))
     grey = (canvas.pixels()[:, canvas.left_of_band :] == 110).all(axis=2)
     lengths = grey.sum(axis=1)
     quarters = [int(np.median(part)) for part in np.array_split(lengths[182:718], 4)]

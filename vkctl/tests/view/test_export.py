@@ -11,7 +11,7 @@ import pyvista
 from results_on_disk import make_model, with_hole, write_results
 
 from vkctl.directory import formats
-from vkctl.directory.model import write
+from vkctl.directory.model import LoadCase, read, write
 from vkctl.view import export, grid
 
 
@@ -46,6 +46,22 @@ def test_a_vtu_of_a_model_without_results_holds_the_model(tmp_path: Path) -> Non
     assert found.n_cells == len(model.elements)
     assert found.point_data["level"].tolist() == [1.0] * len(model.nodes)
     assert "displacement" not in found.point_data
+
+
+def test_files_name_load_case_and_units(tmp_path: Path) -> None:
+    write_results(make_model(), tmp_path / "dir", (1, 2))
+    model = read(tmp_path / "dir")
+    model.load_cases = [LoadCase(), LoadCase(reserved="größte <Böe>".encode())]
+    model.notes = formats.CaseNotes(units="m-N-Pa")
+    write(model, tmp_path / "dir")
+    export.export(tmp_path / "dir", tmp_path / "series.pvd")
+    steps = ElementTree.parse(tmp_path / "series.pvd").getroot().findall(".//DataSet")
+    assert [step.get("name") for step in steps] == [None, "größte <Böe>"]
+    first, second = (pyvista.read(tmp_path / str(step.get("file"))).field_data for step in steps)
+    assert list(first["load_case"]) == [1] and "load_case_name" not in first
+    assert list(second["load_case_name"]) == ["größte <Böe>"] and list(second["units"]) == [
+        "m-N-Pa"
+    ]
 
 
 def test_a_series_has_one_step_per_solved_load_case(tmp_path: Path) -> None:

@@ -13,7 +13,9 @@ from vkctl.directory import formats
 from vkctl.directory.model import LoadCase, Material, Model, write
 from vkctl.shapes.boxes import box
 from vkctl.shapes.elements import Elements
+from vkctl.shapes.faces import faces_within
 from vkctl.view import loads, quality
+from vkctl.view import sets as view_sets
 from vkctl.view.outer import active_part, outer
 from vkctl.view.plot import View
 
@@ -134,6 +136,41 @@ def test_a_load_at_a_node_that_is_not_there_is_refused(tmp_path: Path) -> None:
         loads.drawn_loads(model, 1, SMALL)
 
 
+# --- sets --------------------------------------------------------------------------------------
+
+
+def test_sets_are_drawn_without_a_run_each_in_its_colour(tmp_path: Path) -> None:
+    part = box("hex8", (8, 2, 2), (8.0, 2.0, 2.0))
+    model = Model(part.nodes, part.elements, [], [LoadCase()])
+    model.sets = [
+        formats.NamedSet("top", "face", faces=tuple(faces_within(part.elements, part.face("z+")))),
+        formats.NamedSet("corner", "node", part.face("x-")),
+        formats.NamedSet("some", "element", np.array([7, 8])),
+        formats.NamedSet("none", "node"),
+        formats.NamedSet("all", "element", np.arange(len(part.elements)) + 1),
+    ]
+    write(model, tmp_path / "d")
+    picture = tmp_path / "x.png"
+    shown = runner.invoke(app, ["plot", str(tmp_path / "d"), "--sets", "-o", str(picture)])
+    assert shown.exit_code == 0, shown.output
+    from PIL import Image
+
+    pixels = np.asarray(Image.open(picture)).astype(int)[:, :1000]
+    blue, orange, green = pixels[..., 2], pixels[..., 0], pixels[..., 1]
+    assert ((blue > pixels[..., 0] + 60) & (blue > green)).sum() > 1000
+    assert ((orange > blue + 60) & (orange > green + 20)).sum() > 100
+    assert ((green > pixels[..., 0] + 40) & (green > blue + 40)).sum() > 100
+    texts = [view_sets._words(one, len(part.elements)) for one in model.sets]
+    assert texts[0] == "top:\n16 faces" and texts[3] == "none:\n0 nodes"
+    assert texts[4] == "all:\n32 elements, all there are"
+
+
+def test_a_directory_that_remembers_no_sets_is_told(tmp_path: Path) -> None:
+    write(bar(), tmp_path / "d")
+    with pytest.raises(ValueError, match="there are no sets to draw"):
+        view_sets.plot_sets(tmp_path / "d", tmp_path / "x.png")
+
+
 # --- shapes of elements ------------------------------------------------------------------------
 
 
@@ -173,7 +210,10 @@ def test_only_one_kind_of_picture_can_be_asked_for(tmp_path: Path) -> None:
     write(bar(), tmp_path / "d")
     command = ["plot", str(tmp_path / "d"), "--quality", "--loads", "-o", f"{tmp_path}/x.png"]
     shown = runner.invoke(app, command)
-    assert shown.exit_code == 2 and "Give one of --field, --loads and --quality." in shown.stderr
+    assert (
+        shown.exit_code == 2
+        and "Give one of --field, --loads, --sets and --quality." in shown.stderr
+    )
 
 
 def test_labels_of_elements_are_told(monkeypatch: pytest.MonkeyPatch) -> None:

@@ -111,6 +111,35 @@ def test_a_picture_without_marks_has_none(said: dict[str, Any]) -> None:
     assert drawn(model, np.arange(len(model.nodes)), said, marks=False)[1] == []
 
 
+def test_high_safety_factors_are_drawn_alike_and_said_to_go_on(said: dict[str, Any]) -> None:
+    model = make_model()
+    values = np.geomspace(0.5, 1e6, len(model.nodes))
+    values[-1] = np.inf
+    view = plot.View(field="safety", size=SMALL)
+    plot.drawn(model, {"safety": values}, view, "")
+    assert (said["scale"].low, said["scale"].high, said["scale"].more_above) == (0.5, 10.0, True)
+    assert [mark.lines[:2] for mark in said["marks"]] == [["smallest: 0.5", "node 1"]]
+    red, blue = said["scale"].colours[[0, -1]].astype(int)
+    assert red[0] > 2 * red[2] and blue[2] > 2 * blue[0]
+    plot.drawn(model, {"safety": np.linspace(2, 8, len(values))}, view, "")
+    assert (said["scale"].high, said["scale"].more_above) == (8.0, False)
+    assert len(said["marks"]) == 2
+
+
+def test_the_scale_tells_the_unit_that_the_case_file_names(said: dict[str, Any]) -> None:
+    model = make_model()
+    model.notes = formats.CaseNotes(units="mm-N-MPa")
+    for field, title in (
+        ("element_mean", "von Mises stress, element mean, signed in MPa"),
+        ("energy_density", "strain energy density in mJ/mm³"),
+        ("magnitude", "displacement in mm"),
+        ("criterion", "criterion"),
+    ):
+        view = plot.View(field=field, size=SMALL)  # type: ignore[arg-type]
+        plot.drawn(model, {field: np.arange(len(model.nodes))}, view, "")
+        assert said["scale"].title == title
+
+
 def test_white_stands_for_zero_where_both_signs_occur() -> None:
     colours = plot.field_colours(-1.0, 3.0).astype(int)
     spread = colours.max(axis=1) - colours.min(axis=1)

@@ -8,6 +8,7 @@ import numpy as np
 import pytest
 from results_on_disk import make_model, with_hole, write_results
 
+from vkctl.directory import formats
 from vkctl.directory.results import Results
 from vkctl.view import fields, plot
 
@@ -22,7 +23,10 @@ def colours(picture: Path) -> int:
 
 @pytest.mark.parametrize("field", fields.FIELDS)
 def test_a_picture_shows_the_part_in_varying_colours(tmp_path: Path, field: fields.Field) -> None:
-    write_results(with_hole(make_model()), tmp_path / "dir")
+    model = with_hole(make_model())
+    model.materials[0].yield_stress = 30.0
+    write_results(model, tmp_path / "dir")
+    formats.write_displacements(tmp_path / "dir", 1, 0.003 * model.nodes * model.nodes[:, :1])
     view = plot.View(field=field, size=(500, 400))
     plot.plot(tmp_path / "dir", tmp_path / "out.png", view=view)
     assert colours(tmp_path / "out.png") > 500

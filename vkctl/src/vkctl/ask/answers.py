@@ -6,8 +6,11 @@ from collections.abc import Callable
 from dataclasses import asdict, dataclass, field
 from typing import Any
 
-from vkctl.basics.types import PathLike
+import numpy as np
 
+from vkctl.basics.types import Array, PathLike
+
+from .cut import cut
 from .extremes import (
     USUAL,
     case_fields,
@@ -17,21 +20,53 @@ from .extremes import (
     require_field,
     takes_stress,
 )
+from .mass import mass
 from .reactions import ORIGIN, Vector, reactions
-from .study import Region, Study, open_study, regions, solutions, whole_part
+from .study import (
+    AskError,
+    Region,
+    Study,
+    find_elements,
+    open_study,
+    regions,
+    solutions,
+    whole_part,
+)
 from .tables import Table
 from .told import envelope_node_table, envelope_table, extreme_table, reaction_table
+from .told_places import cut_table, mass_table, value_table
+from .values import AT_POINTS, find_spots, line_points, values_at, why_nothing
 
 
 @dataclass(frozen=True)
 class Wanted:
-    """What is asked for beside the question; each question takes what concerns it."""
+    """What is asked for beside the question; `TAKEN` tells what each question has a use for."""
 
     cases: tuple[int | str, ...] = ()  # all solved ones if empty
     sets: tuple[str, ...] = ()
     fields: tuple[str, ...] = ()
-    about: Vector = ORIGIN
+    about: Vector | None = None
     every_node: bool = False
+    at: tuple[Vector, ...] = ()
+    normal: Vector | None = None
+    start: Vector | None = None
+    end: Vector | None = None
+    points: int = 0  # of a line; 11 if 0
+
+
+# Options of the command by what they set.
+OPTIONS = {
+    "cases": "--case",
+    "sets": "--set",
+    "fields": "--field",
+    "about": "--about",
+    "every_node": "--nodes",
+    "at": "--at",
+    "normal": "--normal",
+    "start": "--from",
+    "end": "--to",
+    "points": "--points",
+}
 
 
 @dataclass
@@ -45,17 +80,21 @@ class Answer:
 
 def answer(directory: PathLike, question: str, wanted: Wanted) -> Answer:
     """The answer to one of `QUESTIONS`; AskError where there is none."""
+    for name, option in OPTIONS.items():
+        if getattr(wanted, name) and name not in TAKEN[question]:
+            raise AskError(f"{question} has no use for {option}")
     study = open_study(directory, wanted.cases)
     found = QUESTIONS[question](study, wanted)
     found.values["units"] = None if study.units is None else asdict(study.units)
-    found.remarks = study.remarks
-    found.values["remarks"] = list(study.remarks)
+    found.remarks = study.remarks if "cases" in TAKEN[question] else ()
+    found.values["remarks"] = list(found.remarks)
     return found
 
 
 def _reactions(study: Study, wanted: Wanted) -> Answer:
     sets = regions(study.model, wanted.sets) if wanted.sets else []
-    found = [reactions(study.model, case, wanted.about, sets) for case in solutions(study)]
+    about = wanted.about or ORIGIN
+    found = [reactions(study.model, case, about, sets) for case in solutions(study)]
     values = {"reactions": [asdict(one) for one in found]}
     return Answer(values, [reaction_table(found, study.units)])
 
@@ -106,9 +145,89 @@ def _overview(study: Study, wanted: Wanted) -> Answer:
     return made
 
 
+def _cut(study: Study, wanted: Wanted) -> Answer:
+    if len(wanted.at) != 1 or wanted.normal is None:
+        raise AskError("cut takes one point of the plane by --at and its direction by --normal")
+    if len(wanted.sets) > 1:
+        raise AskError("cut takes one set of elements")
+    of_set = find_elements(study.model, wanted.sets[0]) if wanted.sets else None
+    plane = wanted.at[0], wanted.normal, wanted.about, of_set
+    found = [cut(study.model, case, *plane) for case in solutions(study)]
+    return Answer({"cuts": [asdict(one) for one in found]}, [cut_table(found, study.units)])
+
+
+def _point(study: Study, wanted: Wanted) -> Answer:
+    if not wanted.at:
+        raise AskError("point takes one or more points by --at")
+    return _values(study, wanted, np.array(wanted.at), None)
+
+
+def _line(study: Study, wanted: Wanted) -> Answer:
+    if wanted.start is None or wanted.end is None:
+        raise AskError("line takes its ends by --from and --to")
+    points = line_points(wanted.start, wanted.end, wanted.points or _LINE_POINTS)
+    return _values(study, wanted, points, np.linalg.norm(points - points[0], axis=1))
+
+
+def _values(study: Study, wanted: Wanted, points: Array, distances: Array | None) -> Answer:
+    names = wanted.fields or AT_POINTS
+    for name in names:
+        require_field(name)
+    model = study.model
+    spots = find_spots(model, points)
+    lost = np.flatnonzero(spots.elements == 0)
+    if len(lost) and (distances is None or len(lost) == len(points)):
+        raise AskError(why_nothing(model, spots, int(lost[0])))
+    stressed = takes_stress(names)
+    found = [
+        (case.number, case.name, values_at(model, case_fields(model, case, stressed), spots, names))
+        for case in solutions(study)
+    ]
+    table = value_table(points, spots.elements, found, names, study.units, distances)
+    if len(lost):
+        text = f"{len(lost)} of {len(points)} points have no values: "
+        table.notes.append(text + why_nothing(model, spots, int(lost[0])))
+    told = {
+        "points": points.tolist(),
+        "elements": [int(number) or None for number in spots.elements],
+        "fields": list(names),
+        "values": [
+            {"load_case": number, "name": name, "values": values.tolist()}
+            for number, name, values in found
+        ],
+    }
+    return Answer(told | _distances(distances), [table])
+
+
+def _distances(distances: Array | None) -> dict[str, Any]:
+    return {} if distances is None else {"distances": distances.tolist()}
+
+
+def _mass(study: Study, wanted: Wanted) -> Answer:
+    model = study.model
+    found = [mass(model, find_elements(model, name)) for name in wanted.sets] or [mass(model)]
+    return Answer({"mass": [asdict(one) for one in found]}, [mass_table(found, study.units)])
+
+
+_LINE_POINTS = 11
+
 QUESTIONS: dict[str, Callable[[Study, Wanted], Answer]] = {
     "overview": _overview,
     "reactions": _reactions,
     "extremes": _extremes,
     "envelope": _envelope,
+    "cut": _cut,
+    "point": _point,
+    "line": _line,
+    "mass": _mass,
+}
+TAKEN: dict[str, tuple[str, ...]] = {
+    "overview": ("cases", "sets", "fields", "about"),
+    "reactions": ("cases", "sets", "about"),
+    "extremes": ("cases", "sets", "fields"),
+    "envelope": ("cases", "sets", "fields", "every_node"),
+    "cut": ("cases", "sets", "about", "at", "normal"),
+    "point": ("cases", "fields", "at"),
+    "line": ("cases", "fields", "start", "end", "points"),
+    "mass": ("sets",),
 }

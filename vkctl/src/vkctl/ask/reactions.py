@@ -71,12 +71,12 @@ def reactions(
 ) -> Reactions:
     """Reactions of a load case, moments about a point; of all supports, and at sets of nodes."""
     centre = np.array(tuple(about), np.float64)
-    nodal = _nodal(model, case)
+    nodal = nodal_forces(model, case)
     arms = model.nodes - centre
 
     def told(name: str, kind: str, of_set: str, held: Array) -> Reaction:
         nodes = nodal.nodes[held]
-        acting = _resultant(nodal.forces[held], arms[nodes])
+        acting = resultant(nodal.forces[held], arms[nodes])
         return Reaction(name, kind, of_set, len(np.unique(nodes)), acting)
 
     found = [
@@ -84,29 +84,29 @@ def reactions(
         for holder in nodal.holders
     ]
     of_sets = [told(r.name, "set", "", np.isin(nodal.nodes + 1, r.nodes)) for r in sets]
-    at_supports = _resultant(nodal.forces, arms[nodal.nodes])
+    at_supports = resultant(nodal.forces, arms[nodal.nodes])
     loaded = np.flatnonzero(nodal.loads.any(axis=1))
-    loads = _resultant(nodal.loads[loaded], arms[loaded])
-    left = Resultant(_sum(at_supports.force, loads.force), _sum(at_supports.moment, loads.moment))
+    loads = resultant(nodal.loads[loaded], arms[loaded])
+    left = added(at_supports, loads)
     forces = np.concatenate((nodal.forces, nodal.loads[loaded]))
     moments = np.cross(np.concatenate((arms[nodal.nodes], arms[loaded])), forces)
     return Reactions(
         case.number,
         case.name,
-        _vector(centre),
+        vector(centre),
         found,
         of_sets,
         loads,
         at_supports,
         left,
-        _share(left.force, forces),
-        _share(left.moment, moments),
+        share(left.force, forces),
+        share(left.moment, moments),
         nodal.notes,
     )
 
 
 @dataclass(frozen=True)
-class _Nodal:
+class NodalForces:
     """Forces of supports, one a held component or spring, and loads at all nodes."""
 
     holders: list[Holder]
@@ -117,7 +117,8 @@ class _Nodal:
     notes: list[str]
 
 
-def _nodal(model: Model, case: Solved) -> _Nodal:
+def nodal_forces(model: Model, case: Solved) -> NodalForces:
+    """What supports and loads put on each node of a load case."""
     load_case = model.load_cases[case.number - 1]
     records = load_case.constraints
     require_nodes(model, case.number, records, "a support")
@@ -132,7 +133,7 @@ def _nodal(model: Model, case: Solved) -> _Nodal:
     np.add.at(needed, spring_nodes, -spring_forces)
     forces = np.zeros((len(held_rows), 3))
     forces[np.arange(len(held_rows)), directions] = needed[held_nodes, directions]
-    return _Nodal(
+    return NodalForces(
         holders(model, case.number),
         np.concatenate((held_rows, spring_rows)),
         np.concatenate((held_nodes, spring_nodes)),
@@ -192,22 +193,28 @@ def _held(records: Array, active: Array) -> tuple[Array, Array, Array]:
     return owner[nodes, directions], nodes, directions
 
 
-def _resultant(forces: Array, arms: Array) -> Resultant:
+def resultant(forces: Array, arms: Array) -> Resultant:
+    """Sum of forces (k, 3), and of their moments at arms (k, 3)."""
     return Resultant(
-        _vector(forces.sum(axis=0)), _vector(np.cross(arms, forces).reshape(-1, 3).sum(axis=0))
+        vector(forces.sum(axis=0)), vector(np.cross(arms, forces).reshape(-1, 3).sum(axis=0))
     )
 
 
-def _vector(values: Array) -> Vector:
+def vector(values: Array) -> Vector:
     x, y, z = values.tolist()
     return x, y, z
 
 
-def _sum(a: Vector, b: Vector) -> Vector:
-    return a[0] + b[0], a[1] + b[1], a[2] + b[2]
+def added(first: Resultant, *others: Resultant) -> Resultant:
+    """Sum of resultants about the same point."""
+    every = (first, *others)
+    return Resultant(
+        vector(np.array([one.force for one in every]).sum(axis=0)),
+        vector(np.array([one.moment for one in every]).sum(axis=0)),
+    )
 
 
-def _share(left: Vector, parts: Array) -> float:
+def share(left: Vector, parts: Array) -> float:
     """Length of what is left over the sum of the lengths; 0 where there is nothing."""
     whole = float(np.linalg.norm(parts, axis=1).sum())
     return float(np.linalg.norm(left)) / whole if whole else 0.0

@@ -2,7 +2,7 @@
 
 from __future__ import annotations
 
-from collections.abc import Iterator, Sequence
+from collections.abc import Iterable, Iterator, Sequence
 from dataclasses import dataclass
 from pathlib import Path
 
@@ -14,7 +14,7 @@ from vkctl.basics.units import UnitSystem
 from vkctl.basics.words import did_you_mean
 from vkctl.directory import formats
 from vkctl.directory.case_names import case_names, titled
-from vkctl.directory.formats import NamedSet
+from vkctl.directory.formats import NamedSet, SetKind
 from vkctl.directory.model import Model, read
 from vkctl.directory.numbering import EXCLUDED
 from vkctl.directory.results import Results, read_results, solved
@@ -142,15 +142,18 @@ def whole_part(model: Model) -> Region:
     return Region(WHOLE, np.arange(1, len(model.nodes) + 1))
 
 
-def find_set(model: Model, name: str) -> NamedSet:
-    """The set of a name; of several kinds nodes come before faces and elements."""
+_KINDS: tuple[SetKind, ...] = ("node", "face", "element")
+
+
+def find_set(model: Model, name: str, kinds: Sequence[SetKind] = _KINDS) -> NamedSet:
+    """The set of a name; of several kinds the first of `kinds`."""
     if model.sets is None:
         raise AskError(
             f"there is no set {name!r}: the directory doesn't tell its sets, "
             "as those that vkctl new makes do"
         )
     for fold in (str, str.lower):  # as the case file finds them
-        for kind in ("node", "face", "element"):
+        for kind in kinds:
             for one in model.sets:
                 if one.kind == kind and fold(one.name) == fold(name):
                     return one
@@ -163,6 +166,14 @@ def _region(model: Model, one: NamedSet) -> Region:
     if one.kind == "element":
         materials = frozenset(model.elements.materials[one.numbers - 1].tolist())
     return Region(one.name, set_nodes(model, one), materials)
+
+
+def find_elements(model: Model, name: str) -> NamedSet:
+    """The set of elements of a name; AskError where there is none."""
+    found = find_set(model, name, ("element", "face", "node"))
+    if found.kind != "element":
+        raise AskError(f"{name!r} is a {found.kind} set; a set of elements is wanted")
+    return found
 
 
 def set_nodes(model: Model, one: NamedSet) -> Array:
@@ -200,6 +211,10 @@ def place_of(text: str) -> tuple[float, float, float]:
     if not np.isfinite((x, y, z)).all():
         raise AskError(f"{text.strip()!r} is no point: its numbers must be finite")
     return x, y, z
+
+
+def place_words(place: Iterable[float]) -> str:
+    return "(" + ", ".join(f"{coordinate:.6g}" for coordinate in place) + ")"
 
 
 def require_nodes(model: Model, number: int, records: Array, what: str) -> None:

@@ -16,6 +16,9 @@ from vkctl.shapes.topology import NODES_PER_TYPE
 
 from .study import AskError, active_nodes, find_set, set_nodes
 
+_SLIDING = ("symmetry", "frictionless")
+_MOST_RUNS = 64
+
 
 @dataclass(frozen=True)
 class Holder:
@@ -45,16 +48,18 @@ def _named(model: Model, number: int) -> list[Holder] | None:
         members = [_members(model, notes.supports[name].sets) for name in names]
     except AskError:
         return None
-    numbers = model.load_cases[number - 1].constraints["Node"].astype(np.int64)
-    held = [np.flatnonzero(of_sets.any(axis=0)) + 1 for of_sets in members]
-    # A case file's records stand support by support, one a node, nodes ascending.
-    if not np.array_equal(numbers, np.concatenate([np.empty(0, np.int64), *held])):
+    records = model.load_cases[number - 1].constraints
+    numbers = records["Node"].astype(np.int64)
+    kinds = [notes.supports[name].kind for name in names]
+    masks = [np.asarray(of_sets.any(axis=0)) for of_sets in members]
+    ends = _ends(records, list(zip(kinds, masks, strict=True)))
+    if ends is None:
         return None
     found, start = [], 0
-    for name, of_sets, nodes in zip(names, members, held, strict=True):
+    for name, of_sets, end in zip(names, members, ends, strict=True):
         condition = notes.supports[name]
-        rows = np.arange(start, start + len(nodes))
-        start += len(nodes)
+        rows = np.arange(start, end)
+        start = end
         if len(condition.sets) < 2:
             found.append(Holder(name, condition.kind, "", rows))
             continue
@@ -62,6 +67,45 @@ def _named(model: Model, number: int) -> list[Holder] | None:
         for place, title in enumerate(condition.sets):
             found.append(Holder(name, condition.kind, title, rows[first == place]))
     return found
+
+
+def _ends(records: Array, supports: list[tuple[str, Array]], start: int = 0) -> list[int] | None:
+    """Where the records of each support end, which is (kind, mask of its nodes).
+
+    They stand support by support. Most have one record a node, nodes ascending; those that let
+    faces slide have runs of them, by plane and direction, each node in one or more. None where the
+    records aren't those of the supports.
+    """
+    if not supports:
+        return [] if start == len(records) else None
+    (kind, mask), following = supports[0], supports[1:]
+    numbers = records["Node"].astype(np.int64)
+    held = np.flatnonzero(mask) + 1
+    if kind not in _SLIDING:
+        end = start + len(held)
+        rest = _ends(records, following, end) if np.array_equal(numbers[start:end], held) else None
+        return None if rest is None else [end, *rest]
+    others = np.flatnonzero(~mask[numbers[start:] - 1])
+    stop = start + int(others[0]) if len(others) else len(numbers)
+    seen, places = np.unique(numbers[start:stop], return_index=True)
+    if len(seen) < len(held):
+        return None
+    covered = start + int(places.max(initial=-1)) + 1
+    for end in [covered, *(e for e in _run_ends(records, start, stop) if e > covered)]:
+        if (rest := _ends(records, following, end)) is not None:
+            return [end, *rest]
+    return None
+
+
+def _run_ends(records: Array, start: int, stop: int) -> list[int]:
+    """Where runs of ascending nodes end whose records are alike, none but the first few."""
+    some = records[start:stop]
+    same = np.diff(some["Node"].astype(np.int64)) > 0
+    for name in ("Kind", "DofMask"):
+        same &= some[name][1:] == some[name][:-1]
+    ends = start + np.append(np.flatnonzero(~same) + 1, len(some))
+    few: list[int] = ends[:_MOST_RUNS].tolist()
+    return few
 
 
 def _members(model: Model, names: tuple[str, ...]) -> Array:

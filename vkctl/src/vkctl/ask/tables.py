@@ -21,6 +21,7 @@ class Column:
     title: str
     unit: str = ""
     scale: str = ""  # columns of the same scale show the same decimals
+    digits: int = 4  # of numbers in a column without a scale
 
     @property
     def heading(self) -> str:
@@ -89,7 +90,7 @@ def cell_texts(table: Table) -> list[list[str]]:
                 largest[column.scale] = max(largest.get(column.scale, 0.0), abs(cell))
     return [
         [
-            _text(cell, _own_scale(column, row, shown, largest))
+            _text(cell, _own_scale(column, row, shown, largest), column.digits)
             for column, cell in zip(shown, row, strict=True)
         ]
         for row in rows
@@ -111,7 +112,7 @@ def _own_scale(
     return whole if max(beside, default=0.0) >= _SMALL * whole else None
 
 
-def _text(cell: Cell, scale: float | None) -> str:
+def _text(cell: Cell, scale: float | None, digits: int) -> str:
     if cell is None:
         return "-"
     if isinstance(cell, str):
@@ -121,7 +122,7 @@ def _text(cell: Cell, scale: float | None) -> str:
     if not math.isfinite(cell):
         return "-"
     if scale is None:
-        return f"{cell:.4g}"
+        return f"{cell:.{digits}g}"
     if not 1e-3 <= scale < 1e8:
         return f"{cell:.{_DIGITS - 1}g}" if abs(cell) >= _SMALL * scale else f"{cell:.2g}"
     decimals = max(_DIGITS - 1 - math.floor(math.log10(scale)), 0)

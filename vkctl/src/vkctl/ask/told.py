@@ -2,40 +2,24 @@
 
 from __future__ import annotations
 
-from collections.abc import Iterable, Sequence
+from collections.abc import Sequence
 
 import numpy as np
 
 from vkctl.basics.types import Array
 from vkctl.basics.units import UnitSystem
+from vkctl.basics.units import unit_of as unit_of
 from vkctl.directory.case_names import titled
 from vkctl.directory.model import Model
-from vkctl.stress.fields import STRESS_FIELDS
+from vkctl.stress.fields import field_unit as field_unit
 
 from .extremes import Envelope, Extreme
 from .reactions import Reactions, Resultant
+from .study import place_words as place_words
 from .tables import Cell, Column, Table
 
 _NEGLIGIBLE = 1e-4  # of all forces: more than what the solver's tolerance leaves over
-
-
-def unit_of(units: UnitSystem | None, what: str) -> str:
-    """The text of the unit of a quantity, empty in a model without units."""
-    return "" if units is None else str(getattr(units, what))
-
-
-def field_unit(units: UnitSystem | None, field: str) -> str:
-    """The text of the unit of a field at nodes."""
-    if field == "energy_density":
-        return unit_of(units, field)
-    return unit_of(units, "stress" if field in STRESS_FIELDS else "length")
-
-
-def place_words(place: Iterable[float]) -> str:
-    return "(" + ", ".join(f"{coordinate:.6g}" for coordinate in place) + ")"
-
-
-_CASE = [Column("load case"), Column("load case name")]
+CASE = [Column("load case"), Column("load case name")]
 
 
 def resultant_columns(units: UnitSystem | None) -> list[Column]:
@@ -52,14 +36,14 @@ def resultant_cells(of: Resultant) -> tuple[float, ...]:
 def reaction_table(found: Sequence[Reactions], units: UnitSystem | None) -> Table:
     """Reactions with the balance of each load case."""
     divided = any(one.set for case in found for one in case.supports)
-    columns = [*_CASE, Column("support"), Column("kind"), *([Column("set")] if divided else [])]
+    columns = [*CASE, Column("support"), Column("kind"), *([Column("set")] if divided else [])]
     columns += [Column("nodes"), *resultant_columns(units)]
     about = found[0].about if found else (0.0, 0.0, 0.0)
     point = "the origin" if not any(about) else place_words(about)
     title = f"reactions, what supports put on the part; moments about {point}"
     table = Table(title, columns, hidden=2)
     for case in found:
-        table.headings[len(table.rows)] = _title(case.load_case, case.name)
+        table.headings[len(table.rows)] = title_of(case.load_case, case.name)
         for one in [*case.supports, *case.of_sets]:
             names = _title_cells(one.support, one.kind, one.set if divided else None)
             cells = (*names, one.nodes, *resultant_cells(one.resultant))
@@ -79,36 +63,41 @@ def _title_cells(support: str, kind: str, of_set: str | None) -> tuple[Cell, ...
     return (support, kind) if of_set is None else (support, kind, of_set)
 
 
-def _title(number: int, name: str) -> str:
+def title_of(number: int, name: str) -> str:
+    """Such as "load case 3, pull"."""
     return titled(number, [""] * (number - 1) + [name])
 
 
 def _balance_words(case: Reactions) -> list[str]:
-    title = _title(case.load_case, case.name)
+    title = title_of(case.load_case, case.name)
     shares = case.relative_force, case.relative_moment
-    lines = [
-        f"{title}: left over {shares[0]:.1e} of all nodal forces, {shares[1]:.1e} of their moments"
-    ]
+    lines = left_over_words(title, shares, "all nodal forces")
+    return lines + [f"{title}: {note}" for note in case.notes]
+
+
+def left_over_words(title: str, shares: tuple[float, float], whose: str) -> list[str]:
+    """Sentences on what forces and moments leave over, as shares of what they were summed from."""
+    lines = [f"{title}: left over {shares[0]:.1e} of {whose}, {shares[1]:.1e} of their moments"]
     if not all(share < _NEGLIGIBLE for share in shares):  # undefined ones neither
         lines.append(
             f"{title}: that is more than a good solve leaves: has it converged, "
             "have yielding elements settled, are loads and supports still those that were solved?"
         )
-    return lines + [f"{title}: {note}" for note in case.notes]
+    return lines
 
 
 def extreme_table(
     found: Sequence[Extreme], units: UnitSystem | None, model: Model, title: str
 ) -> Table:
     """Extremes, each with its node and place; under a heading each load case."""
-    columns = [*_CASE, Column("set"), Column("field"), Column("end"), Column("value")]
+    columns = [*CASE, Column("set"), Column("field"), Column("end"), Column("value")]
     columns += [Column("unit")] if units is not None else []
     labels = _labels(model)
     table = Table(title, columns + _node_columns(labels, units), hidden=2)
     before = 0
     for one in found:
         if one.load_case != before:
-            table.headings[len(table.rows)] = _title(one.load_case, one.name)
+            table.headings[len(table.rows)] = title_of(one.load_case, one.name)
             before = one.load_case
         unit = (field_unit(units, one.field),) if units is not None else ()
         cells = (one.set, one.field, one.end, one.value, *unit, *_node_cells(one, labels))
@@ -144,7 +133,7 @@ def envelope_table(
     title = f"envelope of {over.field} over load cases {cases}"
     labels = _labels(model)
     value = Column(over.field, field_unit(units, over.field), "value")
-    columns = [Column("set"), Column("end"), value, *_CASE, *_node_columns(labels, units)]
+    columns = [Column("set"), Column("end"), value, *CASE, *_node_columns(labels, units)]
     table = Table(title, columns)
     for one in found:
         case = (one.load_case, one.name)

@@ -62,6 +62,16 @@ _KNOWN = (
 UNIT_SYSTEMS = {system.name: system for system in _KNOWN}
 
 
+def unit_of(units: UnitSystem | None, quantity: str) -> str:
+    """The text of the unit of a quantity such as "length", empty where nobody knows the units."""
+    return "" if units is None else str(getattr(units, quantity))
+
+
+def in_unit(value: str, units: UnitSystem | None, quantity: str) -> str:
+    """A number's text with its unit behind it, where that is known."""
+    return f"{value} {unit_of(units, quantity)}".rstrip()
+
+
 def unit_system(name: str | None) -> UnitSystem | None:
     """The system of a name; None for no name and for one that isn't known."""
     return UNIT_SYSTEMS.get(name) if name else None

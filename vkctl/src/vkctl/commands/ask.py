@@ -17,6 +17,10 @@ class _Question(StrEnum):
     reactions = "reactions"
     extremes = "extremes"
     envelope = "envelope"
+    cut = "cut"
+    point = "point"
+    line = "line"
+    mass = "mass"
 
 
 def ask_command(
@@ -34,8 +38,16 @@ def ask_command(
         typer.Option(..., help="of extremes and envelope, such as von_mises; may be repeated"),
     ] = None,
     about: Annotated[
-        str, typer.Option(..., help="point that moments are about, as X,Y,Z")
-    ] = "0,0,0",
+        str | None,
+        typer.Option(..., help="X,Y,Z for moments; else the origin, or a section's centre"),
+    ] = None,
+    at: Annotated[
+        list[str] | None, typer.Option(..., help="X,Y,Z of a point, or of a cut's plane")
+    ] = None,
+    normal: Annotated[str | None, typer.Option(..., help="X,Y,Z across a cut's plane")] = None,
+    start: Annotated[str | None, typer.Option(..., "--from", help="X,Y,Z a line begins at")] = None,
+    end: Annotated[str | None, typer.Option(..., "--to", help="X,Y,Z a line ends at")] = None,
+    points: Annotated[int, typer.Option(..., help="of a line; 11 if not given")] = 0,
     every_node: Annotated[
         bool, typer.Option(..., "--nodes", help="the envelope at every node")
     ] = False,
@@ -45,7 +57,8 @@ def ask_command(
     """Answer questions about solved load cases with numbers.
 
     reactions: at each support, with the balance against the loads. extremes: by set, with node and
-    place. envelope: extremes over load cases. overview: the first two, for the whole part.
+    place. envelope: extremes over load cases. cut: section forces of a plane. point, line: values
+    inside the part. mass: volume, mass, centre, inertia. overview: reactions and extremes.
     """
     with refusing(ValueError):
         from vkctl.ask.answers import Wanted, answer
@@ -53,8 +66,20 @@ def ask_command(
         from vkctl.ask.tables import as_csv as csv_of
         from vkctl.ask.tables import as_lines
 
+        def place(text: str | None) -> tuple[float, float, float] | None:
+            return None if text is None else place_of(text)
+
         wanted = Wanted(
-            tuple(case or ()), tuple(of_set or ()), tuple(field or ()), place_of(about), every_node
+            cases=tuple(case or ()),
+            sets=tuple(of_set or ()),
+            fields=tuple(field or ()),
+            about=place(about),
+            every_node=every_node,
+            at=tuple(place_of(text) for text in at or ()),
+            normal=place(normal),
+            start=place(start),
+            end=place(end),
+            points=points,
         )
         found = answer(directory, question, wanted)
     if as_json:

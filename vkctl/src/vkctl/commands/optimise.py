@@ -14,6 +14,8 @@ from rich.table import Table
 from rich.text import Text
 
 from vkctl.basics.extras import need
+from vkctl.basics.units import unit_of
+from vkctl.directory.case_names import read_case_names, read_units, titled
 from vkctl.running.progress import Progress
 from vkctl.terminal import output
 from vkctl.terminal.display import state_line
@@ -97,7 +99,8 @@ def _conclude(console: Console, done: Optimised, draw: bool) -> None:
     )
     folder = history.folder_of(done.directory)
     if draw:
-        history.draw_history(done.rows, folder / history.CHART)
+        names, unit = read_case_names(done.directory), unit_of(read_units(done.directory), "energy")
+        history.draw_history(done.rows, folder / history.CHART, names, unit)
         pictures.write_part_series(done.directory, last.step)
         pictures.write_animation(done.directory, last.step)
         console.print(f"history, chart, series and animation in {folder}", soft_wrap=True)
@@ -154,5 +157,5 @@ def table(finished: list[StepShown], running: tuple[int, Progress] | None) -> Gr
         return Group(grid)
     number, progress = running
     case = progress.log.load_cases[-1].number if progress.log.load_cases else None
-    where = f"load case {case}, " if case is not None else ""
+    where = f"{titled(case, progress.names)}, " if case is not None else ""
     return Group(grid, Text(f"step {number}: {where}{progress.stage}; {state_line(progress)}"))

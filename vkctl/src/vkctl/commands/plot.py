@@ -35,19 +35,27 @@ def plot_command(
         bool,
         typer.Option(..., "--loads", help="forces, supports and springs instead; no run is needed"),
     ] = False,
+    sets: Annotated[
+        bool,
+        typer.Option(..., "--sets", help="sets of the case file instead; no run is needed"),
+    ] = False,
     quality: Annotated[
         bool,
         typer.Option(..., "--quality", help="shapes of the elements instead; no run is needed"),
     ] = False,
 ) -> None:
     """Draw the deformed part, coloured by a field, or what is prepared."""
-    if sum((field is not None, loads, quality)) > 1:
-        raise refuse("Give one of --field, --loads and --quality.")
+    if sum((field is not None, loads, sets, quality)) > 1:
+        raise refuse("Give one of --field, --loads, --sets and --quality.")
     with refusing(ValueError):
         if loads:
             from vkctl.view.loads import plot_loads
 
             plot_loads(directory, out, case)
+        elif sets:
+            from vkctl.view.sets import plot_sets
+
+            plot_sets(directory, out)
         elif quality:
             from vkctl.view.quality import plot_quality
 

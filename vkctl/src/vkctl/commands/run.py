@@ -9,6 +9,7 @@ from typing import Annotated, NoReturn
 import typer
 from rich.console import Console
 
+from vkctl.directory.case_names import read_case_names
 from vkctl.directory.formats import Mode
 from vkctl.running.run import NotFoundError, RunResult, run
 from vkctl.running.settle import MOST_ROUNDS, TOLERANCE, RoundShown, Settled, SettleError, settle
@@ -148,8 +149,10 @@ def _settle(
     mode: Mode | None,
     vk_rund: Path | None,
 ) -> Settled:
+    names = read_case_names(directory)
+
     def show_round(shown_round: RoundShown) -> None:
-        for line in round_lines(shown_round):
+        for line in round_lines(shown_round, names):
             console.print(line, markup=False, soft_wrap=True)
 
     with shown(console, plain_lines=False) as show:
@@ -171,6 +174,7 @@ def _close_settled(console: Console, settled: Settled, as_json: bool) -> None:
         output.print_json({**settled_as_dict(settled), "run": run_of_last})
     lines = []
     if settled.run is not None:
-        lines = closing_lines(settled.run) if settled.failed else warning_lines(settled.run)
+        names = read_case_names(settled.directory)
+        lines = closing_lines(settled.run) if settled.failed else warning_lines(settled.run, names)
     for line in [*lines, *settled_lines(settled)]:
         console.print(line, markup=False, soft_wrap=True)

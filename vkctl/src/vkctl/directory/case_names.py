@@ -1,12 +1,18 @@
-"""What load cases are called."""
+"""What load cases are called, and the units of a directory, without its model."""
 
 from __future__ import annotations
 
+from collections.abc import Sequence
+from typing import TYPE_CHECKING
+
 from vkctl.basics.types import PathLike
+from vkctl.basics.units import UnitSystem
 from vkctl.basics.words import printable
 
 from . import formats
-from .model import Model
+
+if TYPE_CHECKING:
+    from .model import Model
 
 
 def case_names(model: Model) -> list[str]:
@@ -24,16 +30,30 @@ def read_case_names(directory: PathLike) -> list[str]:
         records = formats.read_loadcases(directory)
     except (OSError, formats.FormatError):
         return []
+    return _names([bytes(one).rstrip(b"\0") for one in records["Reserved"]], _notes(directory))
+
+
+def read_units(directory: PathLike) -> UnitSystem | None:
+    """The system of units that the case file names; None where nobody knows it."""
+    notes = _notes(directory)
+    return notes.unit_system if notes else None
+
+
+def _notes(directory: PathLike) -> formats.CaseNotes | None:
     try:
-        notes = formats.read_case_notes(directory)
+        return formats.read_case_notes(directory)
     except (OSError, formats.FormatError):
-        notes = None
-    return _names([bytes(one).rstrip(b"\0") for one in records["Reserved"]], notes)
+        return None
 
 
-def titled(number: int, names: list[str]) -> str:
+def name_of(number: int, names: Sequence[str]) -> str:
+    """The name of a load case, fit to be printed; "" where it has none."""
+    return printable(names[number - 1]) if 0 < number <= len(names) else ""
+
+
+def titled(number: int, names: Sequence[str]) -> str:
     """Such as "load case 3, pull and weight"; the number alone where it has no name."""
-    name = printable(names[number - 1]) if 0 < number <= len(names) else ""
+    name = name_of(number, names)
     return f"load case {number}, {name}" if name else f"load case {number}"
 
 

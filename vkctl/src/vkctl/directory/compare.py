@@ -12,6 +12,7 @@ from vkctl.basics.types import Array, PathLike
 from vkctl.basics.words import called
 
 from . import formats
+from .case_names import read_case_names, titled
 from .results import Results, read_results, solved
 
 RTOL = 1e-4  # of the largest magnitude of a quantity in a load case
@@ -67,9 +68,10 @@ class Difference:
     scale: float  # largest magnitude of the quantity
     tolerance: float
     worst: list[Place] = field(default_factory=list)
+    title: str = ""  # of the load case
 
     def __str__(self) -> str:
-        head = f"load case {self.load_case}, {self.quantity.replace('_', ' ')}: "
+        head = f"{self.title or f'load case {self.load_case}'}, {self.quantity.replace('_', ' ')}: "
         if not self.noun:
             one = self.worst[0]
             return f"{head}{_value(one.first)} and {_value(one.second)}, {self._amount()}"
@@ -138,8 +140,10 @@ def diff(
         raise CannotCompareError(f"No load case has results in both {first} and {second}.")
     comparison = Comparison(common)
     for directory, own in zip(pair, numbers, strict=True):
-        lone = sorted(set(own) - set(common))
-        comparison.one_sided += [f"load case {n} is solved in {directory} only" for n in lone]
+        names = read_case_names(directory)
+        lone = [titled(number, names) for number in sorted(set(own) - set(common))]
+        comparison.one_sided += [f"{title} is solved in {directory} only" for title in lone]
+    names = read_case_names(pair[0])
     points = _points(pair[0])
     labels = _labels(pair, points)
     for number in common:
@@ -148,11 +152,12 @@ def diff(
             limits = _tolerance(rtol, name, RTOL), _tolerance(atol, name, ATOL)
             rows = [_rows(take(result), name, signs) for result in results]
             if rows[0] is None or rows[1] is None:
-                comparison.one_sided += _missing(number, name, rows, pair)
+                comparison.one_sided += _missing(titled(number, names), name, rows, pair)
                 continue
             found = _compare(number, name, noun, (rows[0], rows[1]), limits)
             if found is not None:
-                comparison.differences.append(_with_places(found, points, labels))
+                placed = _with_places(found, points, labels)
+                comparison.differences.append(replace(placed, title=titled(number, names)))
     return comparison
 
 
@@ -207,13 +212,11 @@ def _rows(value: object, name: str, signs: bool) -> Array | None:
     return np.abs(rows) if name == "stress" and not signs else rows
 
 
-def _missing(
-    number: int, name: str, rows: list[Array | None], pair: tuple[Path, Path]
-) -> list[str]:
+def _missing(title: str, name: str, rows: list[Array | None], pair: tuple[Path, Path]) -> list[str]:
     if rows[0] is None and rows[1] is None:
         return []
     owner = pair[0] if rows[0] is not None else pair[1]
-    return [f"load case {number}, {name.replace('_', ' ')}: only in {owner}"]
+    return [f"{title}, {name.replace('_', ' ')}: only in {owner}"]
 
 
 def _compare(

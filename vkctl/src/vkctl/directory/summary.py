@@ -2,10 +2,13 @@
 
 from __future__ import annotations
 
+from collections.abc import Sequence
 from typing import Any
 
 from vkctl.basics.types import PathLike
+from vkctl.basics.units import UnitSystem, in_unit
 
+from .case_names import name_of, read_case_names, read_units, titled
 from .formats import MODES
 from .log import LoadCaseLog, digest, read_log
 from .results import read_results, solved
@@ -14,13 +17,14 @@ from .results import read_results, solved
 def summary(directory: PathLike) -> str:
     """A few lines on the log and the results of a run directory."""
     run = digest(read_log(directory))
+    names, units = read_case_names(directory), read_units(directory)
     lines = []
     for case in run.load_cases:
-        lines.append(f"load case {case.number}: {_solver_words(case)}")
+        lines.append(f"{titled(case.number, names)}: {_solver_words(case)}")
         lines += [f"  warning: {text}" for text in case.warnings]
     for number in solved(directory):
-        lines.append(f"results of load case {number}:")
-        lines += _result_lines(directory, number)
+        lines.append(f"results of {titled(number, names)}:")
+        lines += _result_lines(directory, number, units)
     if run.error:
         lines.append(f"the run stopped: {run.error}")
     elif run.seconds is None:
@@ -33,20 +37,23 @@ def summary(directory: PathLike) -> str:
 def summary_values(directory: PathLike) -> dict[str, Any]:
     """The same for programs."""
     run = digest(read_log(directory))
+    names, units = read_case_names(directory), read_units(directory)
     return {
+        "units": units.name if units else None,
         "log": {
-            "load_cases": [case_values(case) for case in run.load_cases],
+            "load_cases": [case_values(case, names) for case in run.load_cases],
             "error": run.error,
             "seconds": run.seconds,
         },
-        "results": [_result_values(directory, number) for number in solved(directory)],
+        "results": [_result_values(directory, number, names) for number in solved(directory)],
     }
 
 
-def case_values(case: LoadCaseLog) -> dict[str, Any]:
+def case_values(case: LoadCaseLog, names: Sequence[str]) -> dict[str, Any]:
     """What the log tells of a load case."""
     return {
         "load_case": case.number,
+        "name": name_of(case.number, names),
         "pattern": case.pattern,
         "mode": {number: name for name, number in MODES.items()}.get(case.mode or 0),
         "iterations": case.iterations,
@@ -56,10 +63,11 @@ def case_values(case: LoadCaseLog) -> dict[str, Any]:
     }
 
 
-def _result_values(directory: PathLike, number: int) -> dict[str, Any]:
+def _result_values(directory: PathLike, number: int, names: Sequence[str]) -> dict[str, Any]:
     r = read_results(directory, number)
     return {
         "load_case": number,
+        "name": name_of(number, names),
         "quality": r.quality,
         "strain_energy": r.strain_energy,
         "material_volume": r.material_volume,
@@ -84,13 +92,15 @@ def _solver_words(case: LoadCaseLog) -> str:
     return ", ".join(words) or "begun"
 
 
-def _result_lines(directory: PathLike, number: int) -> list[str]:
+def _result_lines(directory: PathLike, number: int, units: UnitSystem | None) -> list[str]:
     r = read_results(directory, number)
-    load = ", ".join(f"{component:.4g}" for component in r.applied_load)
+    load = ", ".join(f"{component:.5g}" for component in r.applied_load)
+    moved, energy = f"{r.max_displacement:.4g}", f"{r.strain_energy:.4g}"
     lines = [
-        f"  largest displacement {r.max_displacement:.4g}",
-        f"  strain energy        {r.strain_energy:.4g}",
+        f"  largest displacement {in_unit(moved, units, 'length')}",
+        f"  strain energy        {in_unit(energy, units, 'energy')}",
     ]
     if len(r.stress):
-        lines.append(f"  element mean stress  {r.stress.min():.4g} to {r.stress.max():.4g}")
-    return [*lines, f"  sum of loads         ({load})"]
+        ends = f"{r.stress.min():.4g} to {r.stress.max():.4g}"
+        lines.append(f"  element mean stress  {in_unit(ends, units, 'stress')}")
+    return [*lines, f"  sum of loads         {in_unit(f'({load})', units, 'force')}"]

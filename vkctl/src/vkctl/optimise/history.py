@@ -6,7 +6,7 @@ import csv
 import json
 import math
 import tokenize
-from collections.abc import Iterator
+from collections.abc import Iterator, Sequence
 from contextlib import ExitStack, contextmanager
 from dataclasses import asdict, dataclass
 from pathlib import Path
@@ -17,6 +17,7 @@ import numpy as np
 from vkctl.basics.extras import need
 from vkctl.basics.types import Array, PathLike
 from vkctl.directory import formats, lock
+from vkctl.directory.case_names import titled
 from vkctl.view.files import write_figure
 
 FOLDER = "optimise"  # in the working directory
@@ -211,8 +212,13 @@ def _row(entry: dict[str, str]) -> HistoryRow:
     return HistoryRow(step=int(entry["step"]), energies=energies, **numbers)
 
 
-def draw_history(rows: list[HistoryRow], picture: PathLike) -> None:
-    """Chart of objective, strain energies and volume over the steps."""
+def draw_history(
+    rows: list[HistoryRow], picture: PathLike, names: Sequence[str] = (), unit: str = ""
+) -> None:
+    """Chart of objective, strain energies and volume over the steps.
+
+    `names` are those of the load cases, `unit` that of the energies.
+    """
     need("matplotlib").use("Agg")
     pyplot = need("matplotlib.pyplot")
 
@@ -222,9 +228,9 @@ def draw_history(rows: list[HistoryRow], picture: PathLike) -> None:
     if len(rows[-1].energies) > 1:
         for k, number in enumerate(rows[-1].energies, 1):
             values = [row.energies[number] for row in rows]
-            left.plot(steps, values, color=f"C{k}", linewidth=0.8, label=f"load case {number}")
+            left.plot(steps, values, color=f"C{k}", linewidth=0.8, label=titled(number, names))
     left.set_xlabel("step")
-    left.set_ylabel("strain energy")
+    left.set_ylabel(f"strain energy in {unit}" if unit else "strain energy")
     left.set_ylim(bottom=0)
     right = left.twinx()
     right.plot(steps, [row.volume for row in rows], color="black", linestyle="--", label="volume")

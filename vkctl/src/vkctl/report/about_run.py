@@ -35,7 +35,7 @@ def _finding(finding: Finding) -> str:
     )
 
 
-def about_log(log: RunLog, names: list[str]) -> str:
+def about_log(log: RunLog, names: list[str], is_over: bool = True) -> str:
     """The section on the last run, from its log; `names` of all load cases."""
     rows = [
         (
@@ -61,7 +61,7 @@ def about_log(log: RunLog, names: list[str]) -> str:
     if log.error:
         end = paragraph(f"The run stopped: {log.error}", "error")
     elif log.seconds is None:
-        end = paragraph("The run has not ended.", "warning")
+        end = paragraph("The run has not ended.", "warning") if is_over else ""
     else:
         end = paragraph(f"The whole run took {log.seconds:.1f} s.")
     warnings = items(f"Warning: {words}" for words in log.warnings)

@@ -74,6 +74,7 @@ def make_report(directory: PathLike, wanted: Wanted) -> tuple[str, Scene | None]
         body="\n".join(body),
         foot=_FOOT,
         scene=scene.values if scene else None,
+        scripts=("report.js",) if scene else (),
     )
     return put_together(page), scene
 

@@ -6,7 +6,7 @@ import base64
 import hashlib
 import json
 import re
-from dataclasses import dataclass, field
+from dataclasses import dataclass
 from html import escape
 from importlib.resources import files
 from typing import Any
@@ -33,9 +33,9 @@ class Page:
     head: str
     body: str
     foot: str
-    scene: dict[str, Any] | None = None  # None for a page that draws nothing
+    scene: dict[str, Any] | None = None  # None where it comes later or never
     connects: bool = False  # to where it came from
-    scripts: tuple[str, ...] = field(default=("report.js",))
+    scripts: tuple[str, ...] = ()  # behind those of the viewer; none for a page that draws nothing
 
 
 def asset(name: str) -> str:
@@ -53,6 +53,7 @@ def put_together(page: Page) -> str:
     scripts, tags = [], []
     if page.scene is not None:
         tags.append(f'<script type="application/json" id="scene">{_json(page.scene)}</script>')
+    if page.scripts:
         scripts.append("\n".join(asset(name) for name in (*_PARTS_OF_VIEWER, *page.scripts)))
     tags += [f"<script>{script}</script>" for script in scripts]
     return filled(

@@ -9,6 +9,7 @@ from pathlib import Path
 
 from vkctl.basics.types import PathLike
 from vkctl.directory import formats
+from vkctl.directory.case_names import read_case_names
 from vkctl.directory.formats import LOG_FILE
 from vkctl.directory.log import LogRecord, RunLog, digest, parse_line
 from vkctl.directory.plan import PlannedCase, plan_or_nothing
@@ -129,6 +130,7 @@ class Progress:
 
     directory: Path
     planned: list[PlannedCase]
+    names: list[str] = field(default_factory=list)  # of all load cases, by number
     log: RunLog = field(default_factory=RunLog)
     stage: str = "starting"
     elapsed: float = 0.0  # seconds since the run was started or first seen
@@ -162,7 +164,7 @@ class Tracker:
         self.reader = LogReader(directory, skip_present=planned is not None)
         self.started = self.case_started = time.monotonic()
         self._given = list(planned) if planned is not None else None
-        self.progress = Progress(self.directory, self._given or [])
+        self.progress = Progress(self.directory, self._given or [], read_case_names(directory))
 
     def update(self, memory: tuple[float, float] | None = None) -> Progress:
         """Read the log and the clock. `memory` is (now, highest) in GB, if known."""

@@ -8,6 +8,7 @@ from pathlib import Path
 
 from vkctl.basics.types import PathLike
 from vkctl.directory import lock
+from vkctl.directory.case_names import titled
 from vkctl.directory.formats import LOG_FILE
 
 from . import processes
@@ -114,7 +115,8 @@ def _killed(progress: Progress) -> RunResult:
     if progress.log.error is not None:
         return summarise(progress, "stopped", STOPPED_STATUS)
     result = summarise(progress, "killed")
-    where = f" in load case {progress.log.load_cases[-1].number}" if progress.log.load_cases else ""
+    begun = progress.log.load_cases
+    where = f" in {titled(begun[-1].number, progress.names)}" if begun else ""
     result.advice = Advice(
         f"The run broke off{where}: its log has no end, and no process writes it any more.",
         "It was killed or crashed. " + RESTART,

@@ -1,4 +1,7 @@
-"""Shape functions and their derivatives, of elements and of faces."""
+"""Shape functions and their derivatives, of elements and of faces.
+
+Those of elements take one point of parameters, or an array (..., 3) of them.
+"""
 
 from __future__ import annotations
 
@@ -17,26 +20,29 @@ BARYCENTRIC = np.array(((-1, -1, -1), (1, 0, 0), (0, 1, 0), (0, 0, 1)), dtype=np
 
 def tet10_gradients(point: npt.ArrayLike) -> Array:
     """Derivatives (10, 3) of the quadratic shape functions at the parameters (a, b, c)."""
-    abc = np.asarray(point, np.float64)
-    bary = np.concatenate(([1.0 - abc.sum()], abc))
-    corners = (4.0 * bary - 1.0)[:, None] * BARYCENTRIC
+    bary = _barycentric(np.asarray(point, np.float64))[..., None]
+    corners = (4.0 * bary - 1.0) * BARYCENTRIC
     i, j = TET10_EDGES.T
-    mids = 4.0 * (bary[i, None] * BARYCENTRIC[j] + bary[j, None] * BARYCENTRIC[i])
-    return np.concatenate((corners, mids))
+    mids = 4.0 * (bary[..., i, :] * BARYCENTRIC[j] + bary[..., j, :] * BARYCENTRIC[i])
+    return np.concatenate((corners, mids), axis=-2)
+
+
+def _barycentric(abc: Array) -> Array:
+    return np.concatenate((1.0 - abc.sum(axis=-1, keepdims=True), abc), axis=-1)
 
 
 def hex8_gradients(point: npt.ArrayLike) -> Array:
     """Derivatives (8, 3) of the trilinear shape functions at (xi, eta, zeta)."""
-    factors = 1.0 + HEX8_SIGNS * np.asarray(point, np.float64)
-    gradients = np.empty((8, 3))
+    factors = 1.0 + HEX8_SIGNS * np.asarray(point, np.float64)[..., None, :]
+    gradients = np.empty_like(factors)
     for k in range(3):
         others = [m for m in range(3) if m != k]
-        gradients[:, k] = HEX8_SIGNS[:, k] * factors[:, others].prod(axis=1) / 8.0
+        gradients[..., k] = HEX8_SIGNS[:, k] * factors[..., others].prod(axis=-1) / 8.0
     return gradients
 
 
 GRADIENTS: dict[int, Callable[[npt.ArrayLike], Array]] = {
-    TET4: lambda _: BARYCENTRIC,
+    TET4: lambda point: np.broadcast_to(BARYCENTRIC, (*np.shape(point)[:-1], 4, 3)),
     HEX8: hex8_gradients,
     TET10: tet10_gradients,
 }
@@ -44,13 +50,13 @@ GRADIENTS: dict[int, Callable[[npt.ArrayLike], Array]] = {
 
 def shape_values(code: int, point: Array) -> Array:
     if code == HEX8:
-        trilinear: Array = np.prod(1 + HEX8_SIGNS * point, axis=1) / 8
+        trilinear: Array = np.prod(1 + HEX8_SIGNS * point[..., None, :], axis=-1) / 8
         return trilinear
-    bary = np.concatenate(([1 - point.sum()], point))
+    bary = _barycentric(point)
     if code == TET4:
         return bary
     i, j = TET10_EDGES.T
-    return np.concatenate((bary * (2 * bary - 1), 4 * bary[i] * bary[j]))
+    return np.concatenate((bary * (2 * bary - 1), 4 * bary[..., i] * bary[..., j]), axis=-1)
 
 
 def tri3(r: float, s: float) -> tuple[Array, Array]:

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 from vkctl.basics.types import Array
+from vkctl.basics.units import UnitSystem, unit_of
 
 from .measures import principal, signed_von_mises, tresca, von_mises
 
@@ -14,6 +15,16 @@ STRESS_FIELDS = (
     *COMPONENTS,
     "energy_density",
 )
+
+
+def field_unit(units: UnitSystem | None, field: str) -> str:
+    """The text of the unit of a field at nodes; empty where it has none or nobody knows it."""
+    if field in ("criterion", "level", "safety"):
+        return ""
+    if field == "energy_density":
+        return unit_of(units, field)
+    stressed = field in STRESS_FIELDS or field.endswith("element_mean")
+    return unit_of(units, "stress" if stressed else "length")
 
 
 def stress_field(stress: Array, energy: Array, name: str) -> Array:

@@ -46,7 +46,6 @@ def solution_of(model: Model, results: Results) -> Solution:
     Element states are those that the run left, which its next repetition begins with: of a model
     that has settled they are those that the displacements belong to.
     """
-    assert model.element_flags is not None
     displacements = results.displacements
     if displacements is None or not has_stress(results):
         raise ValueError(
@@ -56,6 +55,18 @@ def solution_of(model: Model, results: Results) -> Solution:
     _require_length(results, displacements, len(model.nodes), "displacements")
     states = results.element_state if any(m.has_state for m in model.materials) else None
     _require_length(results, states, len(model.elements), "element states")
+    return _gathered(model, displacements, _temperatures(model, results.number), states)
+
+
+def undeformed(model: Model) -> Solution:
+    """The model at rest, for what its shape alone tells."""
+    return _gathered(model, np.zeros((len(model.nodes), 3)), None, None)
+
+
+def _gathered(
+    model: Model, displacements: Array, temperatures: Array | None, states: Array | None
+) -> Solution:
+    assert model.element_flags is not None
     active = model.element_flags & EXCLUDED == 0
     active &= np.isin(model.elements.type_codes, list(NODES_PER_TYPE))
     materials = model.elements.materials.astype(np.int64)
@@ -73,7 +84,7 @@ def solution_of(model: Model, results: Results) -> Solution:
         levels=level_field(model).astype(np.float64),
         slope=_option(model, "Sta.MatSlopeFactor"),
         displacements=displacements.astype(np.float64),
-        temperatures=_temperatures(model, results.number),
+        temperatures=temperatures,
         laws=laws_of(model.materials),
         factors=element_factors(model.materials, materials, states, yield_factor),
     )

@@ -2,7 +2,7 @@
 
 from __future__ import annotations
 
-from collections.abc import Callable, Iterator
+from collections.abc import Callable, Iterator, Sequence
 from contextlib import contextmanager
 from typing import Any, Literal
 
@@ -12,6 +12,7 @@ from rich.table import Table
 from rich.text import Text
 
 from vkctl.basics.words import counted
+from vkctl.directory.case_names import name_of, read_case_names, titled
 from vkctl.directory.formats import MODES
 from vkctl.directory.log import LoadCaseLog
 from vkctl.directory.results import POOR_QUALITY
@@ -20,6 +21,7 @@ from vkctl.running.progress import Progress
 from vkctl.running.run import RunResult
 
 _ROWS = 12  # load cases shown at a time, the latest
+_WIDEST_NAME = 20
 # Heading, least width (so that the table doesn't twitch), side.
 _COLUMNS: tuple[tuple[str, int, Literal["left", "right"]], ...] = (
     ("case", 4, "right"),
@@ -62,6 +64,7 @@ def _cells(case: LoadCaseLog, progress: Progress) -> list[str | Text]:
     estimate = case.memory_estimate_gb
     return [
         str(case.number),
+        *([name_of(case.number, progress.names)] if any(progress.names) else []),
         "" if case.pattern is None else str(case.pattern),
         progress.stage if running else "done" if case.seconds is not None else "broken off",
         _MODE_NAMES.get(case.mode or 0, ""),
@@ -77,6 +80,8 @@ def table(progress: Progress) -> Group:
     grid = Table(box=None, pad_edge=False)
     for heading, width, justify in _COLUMNS:
         grid.add_column(heading, min_width=width, justify=justify)
+        if heading == "case" and any(progress.names):
+            grid.add_column("name", max_width=_WIDEST_NAME, no_wrap=True, overflow="ellipsis")
     for case in progress.log.load_cases[-_ROWS:]:
         grid.add_row(*_cells(case, progress))
     return Group(grid, Text(state_line(progress)))
@@ -97,7 +102,7 @@ def state_line(progress: Progress) -> str:
     return ", ".join(parts)
 
 
-def case_line(case: LoadCaseLog) -> str:
+def case_line(case: LoadCaseLog, names: Sequence[str] = ()) -> str:
     """One finished load case in a line."""
     parts = [_MODE_NAMES.get(case.mode or 0, "")]
     if case.iterations is not None:
@@ -106,7 +111,7 @@ def case_line(case: LoadCaseLog) -> str:
         parts.append(f"quality {case.data['ARQua']:.3f}")
     if case.seconds is not None:
         parts.append(clock(case.seconds))
-    return f"load case {case.number}: " + ", ".join(part for part in parts if part)
+    return f"{titled(case.number, names)}: " + ", ".join(part for part in parts if part)
 
 
 @contextmanager
@@ -130,7 +135,7 @@ def line_printer(console: Console) -> Callable[[Progress], None]:
         already = printed.setdefault(progress.replaced, 0)
         done = [case for case in progress.log.load_cases if case.seconds is not None]
         for case in done[already:]:
-            console.print(case_line(case), markup=False, soft_wrap=True)
+            console.print(case_line(case, progress.names), markup=False, soft_wrap=True)
         printed[progress.replaced] = len(done)
 
     return show
@@ -139,27 +144,29 @@ def line_printer(console: Console) -> Callable[[Progress], None]:
 def closing_lines(result: RunResult) -> list[str]:
     """What is to be said when a run has ended: its end, then its warnings with their hints."""
     lines = []
+    names = read_case_names(result.directory)
     if result.outcome == "finished":
         lines.append(_finished_line(result))
     else:
         lines += [result.advice.sentence, *filter(None, [result.advice.hint])]
         if result.open:
-            lines.append(f"Not done: {_cases(result.open)}.")
+            lines.append(f"Not done: {_cases(result.open, names)}.")
         if result.printed and result.advice.original not in result.printed:
             lines.append(f"It printed: {result.printed}")
-    return lines + warning_lines(result)
+    return lines + warning_lines(result, names)
 
 
-def warning_lines(result: RunResult) -> list[str]:
+def warning_lines(result: RunResult, names: Sequence[str]) -> list[str]:
     """Each warning of a run with its hint, and the load cases that ended poorly."""
     lines = [f"Warning: {warning}" for warning in result.warnings]
     if result.poor:
-        lines.append(f"Poor quality: {_cases(result.poor)}.")
+        lines.append(f"Poor quality: {_cases(result.poor, names)}.")
     return lines
 
 
 def result_as_dict(result: RunResult) -> dict[str, Any]:
     """How a run ended and what it solved, for programs."""
+    names = read_case_names(result.directory)
     return {
         "outcome": result.outcome,
         "status": result.status,
@@ -173,7 +180,7 @@ def result_as_dict(result: RunResult) -> dict[str, Any]:
         "warnings": [
             {"sentence": warning.sentence, "hint": warning.hint} for warning in result.warnings
         ],
-        "load_cases": [case_values(case) for case in result.log.load_cases],
+        "load_cases": [case_values(case, names) for case in result.log.load_cases],
     }
 
 
@@ -188,9 +195,9 @@ def _peak(result: RunResult) -> str:
     return f", {result.peak_memory_gb:.2f} GB" if result.peak_memory_gb is not None else ""
 
 
-def _cases(numbers: list[int], most: int = 10) -> str:
-    """Such as "2 load cases (4, 7)", the list cut where it gets long."""
-    text = ", ".join(map(str, numbers[:most]))
+def _cases(numbers: list[int], names: Sequence[str], most: int = 10) -> str:
+    """Such as "2 load cases (4 pull, 7 weight)", the list cut where it gets long."""
+    text = ", ".join(f"{number} {name_of(number, names)}".rstrip() for number in numbers[:most])
     if len(numbers) > most:
         text += f" and {len(numbers) - most} more"
     return f"{counted(len(numbers), 'load case')} ({text})"

@@ -3,16 +3,18 @@
 from __future__ import annotations
 
 import math
+from collections.abc import Sequence
 
 from vkctl.basics.words import counted
+from vkctl.directory.case_names import name_of, read_case_names, titled
 from vkctl.running.changes import Change
 from vkctl.running.settle import RoundShown, Settled, Standing
 
 
-def round_lines(shown: RoundShown) -> list[str]:
+def round_lines(shown: RoundShown, names: Sequence[str]) -> list[str]:
     """What a round changed, a line for each load case that took part."""
     return [
-        f"round {shown.number}, load case {standing.load_case}: {_change_words(standing)}"
+        f"round {shown.number}, {titled(standing.load_case, names)}: {_change_words(standing)}"
         for standing in shown.standings
     ]
 
@@ -39,11 +41,12 @@ def _share(ratio: float) -> str:
 
 def settled_lines(settled: Settled) -> list[str]:
     """How each load case stands at the end."""
-    return [_standing_line(standing, settled) for standing in settled.standings]
+    names = read_case_names(settled.directory)
+    return [_standing_line(standing, names) for standing in settled.standings]
 
 
-def _standing_line(standing: Standing, settled: Settled) -> str:
-    head = f"Load case {standing.load_case}"
+def _standing_line(standing: Standing, names: Sequence[str]) -> str:
+    head = _head(standing.load_case, names)
     count = counted(len(standing.changes), "round")
     if standing.verdict == "settled":
         return f"{head} has settled after {count}: {_last(standing)}."
@@ -65,6 +68,11 @@ def _standing_line(standing: Standing, settled: Settled) -> str:
         return f"{head} hasn't been repeated yet. Start it again to go on."
     last = _part(standing.changes[-1].largest)
     return f"{head} hasn't settled after {count}: the last changed {last}. Start it again to go on."
+
+
+def _head(number: int, names: Sequence[str]) -> str:
+    name = name_of(number, names)
+    return f"Load case {number} ({name})" if name else f"Load case {number}"
 
 
 def _last(standing: Standing) -> str:
@@ -89,6 +97,7 @@ def _why(standing: Standing) -> str:
 
 def settled_as_dict(settled: Settled) -> dict[str, object]:
     """The end of the rounds for programs; unknown changes are infinite."""
+    names = read_case_names(settled.directory)
     return {
         "settled": settled.ok,
         "tolerance": settled.tolerance,
@@ -96,6 +105,7 @@ def settled_as_dict(settled: Settled) -> dict[str, object]:
         "load_cases": [
             {
                 "load_case": standing.load_case,
+                "name": name_of(standing.load_case, names),
                 "verdict": standing.verdict,
                 "left": standing.left,
                 "changes": [_change_dict(change) for change in standing.changes],

@@ -147,6 +147,7 @@ class Scale:
     high: float
     colours: Array  # uint8 (k, 3), from low to high
     note: str = ""  # below it
+    more_above: bool = False  # values above `high` have its colour
     counts: Array | None = None  # of equal parts from low to high: drawn as bars beside it
 
 
@@ -180,7 +181,9 @@ def put_scale(canvas: Canvas, scale: Scale) -> None:
     shares = (0.0, 0.25, 0.5, 0.75, 1.0) if scale.high > scale.low else (0.5,)
     values = [scale.low + share * (scale.high - scale.low) for share in shares]
     values[-1] = scale.high
-    for share, text in zip(shares, number_texts(values), strict=True):
+    texts = number_texts(values)
+    texts[-1] += " and more" if scale.more_above else ""
+    for share, text in zip(shares, texts, strict=True):
         y = bottom - share * (bottom - top)
         canvas.pen.line([(left + width, y), (left + width + canvas.text // 4, y)], fill=BLACK)
         place = left + width + canvas.text / 2, y - 0.6 * canvas.text

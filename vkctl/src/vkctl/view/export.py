@@ -2,11 +2,13 @@
 
 from __future__ import annotations
 
+from collections.abc import Sequence
 from pathlib import Path
 from xml.sax.saxutils import quoteattr
 
 from vkctl.basics.types import PathLike
 from vkctl.directory import formats
+from vkctl.directory.case_names import case_names, name_of
 from vkctl.directory.model import read
 from vkctl.directory.results import read_results, solved
 
@@ -51,20 +53,25 @@ def _export_series(directory: PathLike, target: Path) -> list[Path]:
     folder = target.with_suffix("")
     folder.mkdir(parents=True, exist_ok=True)
     steps: list[tuple[float, Path]] = []
+    names = []
     for number in solved_or_fail(directory):
         step = folder / f"case_{number:04d}.vtu"
         write_grid(results_grid(model, read_results(directory, number)), step)
         steps.append((float(number), step))
-    write_series(target, steps)
+        names.append(name_of(number, case_names(model)))
+    write_series(target, steps, names)
     return [target, *(step for _, step in steps)]
 
 
-def write_series(target: Path, steps: list[tuple[float, Path]]) -> None:
-    """Write a .pvd file: (time, file) of each step; paths relative to the file's folder."""
+def write_series(
+    target: Path, steps: list[tuple[float, Path]], names: Sequence[str] | None = None
+) -> None:
+    """Write a .pvd file: (time, file) of each step, and its name; paths relative to its folder."""
     lines = [
-        f'    <DataSet timestep="{time:g}" group="" part="0" file='
-        f"{quoteattr(path.relative_to(target.parent).as_posix())}/>"
-        for time, path in steps
+        f'    <DataSet timestep="{time:g}" group="" part="0" '
+        + (f"name={quoteattr(name)} " if name else "")
+        + f"file={quoteattr(path.relative_to(target.parent).as_posix())}/>"
+        for (time, path), name in zip(steps, names or [""] * len(steps), strict=True)
     ]
     text = "\n".join(
         (

@@ -11,6 +11,7 @@ from vkctl.basics.types import Array
 from vkctl.directory.model import Model
 from vkctl.directory.results import Results
 from vkctl.stress.fields import COMPONENTS, STRESS_FIELDS, stress_field
+from vkctl.stress.safety import safety_field, strengths
 
 Field = Literal[
     "magnitude",
@@ -27,6 +28,7 @@ Field = Literal[
     "stress_yz",
     "stress_xz",
     "energy_density",
+    "safety",
     "element_mean",
     "criterion",
     "level",
@@ -43,6 +45,7 @@ TITLES: dict[str, str] = {
     "principal_3": "smallest principal stress",
     **{name: name.replace("_", " ") for name in COMPONENTS},
     "energy_density": "strain energy density",
+    "safety": "yield stress over von Mises stress",
     "element_mean": "von Mises stress, element mean, signed",
     "criterion": "criterion",
     "level": "level",
@@ -97,7 +100,8 @@ def stress_fields(model: Model, results: Results) -> dict[str, Array]:
     """
     if not stress.has_stress(results):
         return {}
-    found = stress.nodal_stress(stress.solution_of(model, results)).merged()
+    parts = stress.nodal_stress(stress.solution_of(model, results))
+    found = parts.merged()
     principal, directions = stress.principal_directions(found.stress)
     fields = {
         "stress": found.stress,
@@ -108,6 +112,8 @@ def stress_fields(model: Model, results: Results) -> dict[str, Array]:
         "tresca": stress.tresca(principal),
         "energy_density": found.energy,
     }
+    if strengths(model):
+        fields["safety"] = safety_field(model, parts)
     with np.errstate(over="ignore"):  # beyond single precision they are infinite
         return {name: values.astype(np.float32) for name, values in fields.items()}
 
@@ -115,10 +121,16 @@ def stress_fields(model: Model, results: Results) -> dict[str, Array]:
 def shown_fields(model: Model, results: Results, field: str) -> dict[str, Array]:
     """What a picture of one field needs; ValueError where the load case doesn't have it."""
     fields = point_fields(model, results)
-    if field in STRESS_FIELDS:
+    if field == "safety" and not strengths(model):
+        raise ValueError("no isotropic material has a yield_stress to measure safety against")
+    if field == "safety" or field in STRESS_FIELDS:
         # Says itself why there is none.
-        recovered = stress.nodal_stress(stress.solution_of(model, results)).merged()
-        fields[field] = stress_field(recovered.stress, recovered.energy, field)
+        parts = stress.nodal_stress(stress.solution_of(model, results))
+        if field == "safety":
+            fields[field] = safety_field(model, parts)
+        else:
+            found = parts.merged()
+            fields[field] = stress_field(found.stress, found.energy, field)
     if field != "level" and field not in fields:
         raise ValueError(f"load case {results.number} has no {field}: there are no design points")
     return fields

@@ -8,30 +8,18 @@ import numpy as np
 
 from vkctl.basics.extras import need
 from vkctl.basics.types import Array, PathLike
+from vkctl.directory.case_names import case_names, name_of
 from vkctl.directory.levels import NEAREST_LEVEL, level_field
 from vkctl.directory.model import Model, read
 from vkctl.directory.numbering import EXCLUDED
 from vkctl.directory.results import Results, read_results, solved
-from vkctl.shapes.topology import HEX8, HEX8_FACES, TET4, TET10, TET10_EDGES, VTK_CELLS
+from vkctl.shapes.simplices import tetrahedra
+from vkctl.shapes.topology import TET4, TYPES, VTK_CELLS
 
 from .fields import point_fields, stress_fields
 
 if TYPE_CHECKING:
     import pyvista
-
-# The eight 4-node tetrahedra of a 10-node one; every face is cut alike from both sides.
-_TET10_PARTS = np.array(
-    (
-        (1, 5, 7, 8),
-        (5, 2, 6, 9),
-        (7, 6, 3, 10),
-        (8, 9, 10, 4),
-        (5, 6, 7, 9),
-        (5, 7, 8, 9),
-        (6, 7, 9, 10),
-        (7, 8, 9, 10),
-    )
-)
 
 
 def has_boundary(model: Model) -> bool:
@@ -42,6 +30,7 @@ def has_boundary(model: Model) -> bool:
 def mesh_grid(model: Model) -> pyvista.UnstructuredGrid:
     """The active elements as they are, with the model's own fields.
 
+    The file's own field "units" names the system of units that the case file does.
     Points: "level", "node_flags". Cells: "element" (its number), "material", "element_flags". Both
     have "label" where the directory knows what the part's file calls them.
     """
@@ -64,6 +53,7 @@ def mesh_grid(model: Model) -> pyvista.UnstructuredGrid:
     grid.cell_data["element"] = order
     grid.cell_data["material"] = model.elements.materials[order - 1]
     grid.cell_data["element_flags"] = model.element_flags[order - 1]
+    _note(grid, "units", (model.notes.units if model.notes else None) or "")
     if model.labels is not None:
         grid.point_data["label"] = model.labels.nodes
         grid.cell_data["label"] = model.labels.elements[order - 1]
@@ -71,14 +61,28 @@ def mesh_grid(model: Model) -> pyvista.UnstructuredGrid:
 
 
 def results_grid(model: Model, results: Results) -> pyvista.UnstructuredGrid:
-    """`mesh_grid` with the fields of one load case; cells also have "element_state"."""
+    """`mesh_grid` with the fields of one load case; cells also have "element_state".
+
+    The file's own fields tell number and name of the load case.
+    """
     grid = mesh_grid(model)
+    grid.field_data["load_case"] = [results.number]
+    _note(grid, "load_case_name", name_of(results.number, case_names(model)))
     fields = {**point_fields(model, results), **stress_fields(model, results)}
     for name, values in fields.items():
         grid.point_data[name] = values
     if results.element_state is not None:
         grid.cell_data["element_state"] = results.element_state[grid.cell_data["element"] - 1]
     return grid
+
+
+def _note(grid: pyvista.UnstructuredGrid, name: str, text: str) -> None:
+    """A text of the file itself, unless it is empty; PyVista's own way takes no umlauts."""
+    if text:
+        array = need("vtkmodules.vtkCommonCore").vtkStringArray()
+        array.SetName(name)
+        array.InsertNextValue(text)
+        grid.GetFieldData().AddArray(array)
 
 
 def read_grid(directory: PathLike, number: int) -> pyvista.UnstructuredGrid:
@@ -97,26 +101,10 @@ def solved_or_fail(directory: PathLike) -> list[int]:
 # --- the part ----------------------------------------------------------------------------------
 
 
-def _hexahedron_parts(rows: Array, centres: Array) -> Array:
-    """Twelve tetrahedra (k, 4) a hexahedron, around its centre.
-
-    A face is cut from its lowest node number, so that neighbours cut it alike.
-    """
-    faces = rows[:, HEX8_FACES]
-    lowest = faces.argmin(axis=2)
-    turned = np.take_along_axis(faces, (lowest[:, :, None] + np.arange(4)) % 4, axis=2)
-    triangles = np.concatenate((turned[:, :, [0, 1, 2]], turned[:, :, [0, 2, 3]]), axis=1)
-    apex = np.broadcast_to(centres[:, None, None], (*triangles.shape[:2], 1))
-    # The faces are seen from outside: turned inwards they have the apex on their positive side.
-    return np.concatenate((triangles[:, :, ::-1], apex), axis=2).reshape(-1, 4)
-
-
 def simplices(model: Model, fields: dict[str, Array]) -> tuple[Array, Array, dict[str, Array]]:
     """The active elements as 4-node tetrahedra that fit together: (tetrahedra, points, fields).
 
-    Tetrahedra are 0-based rows. A 10-node tetrahedron gives eight, with the level of its corners
-    halved at its mid-edge nodes, as the solver interpolates it; a hexahedron gives twelve around
-    an added centre point. `fields` are per node; "level" is added to them.
+    `fields` are per node; "level" is added to them, as the solver interpolates it.
     """
     assert model.element_flags is not None
     active = np.flatnonzero(model.element_flags & EXCLUDED == 0) + 1
@@ -125,30 +113,15 @@ def simplices(model: Model, fields: dict[str, Array]) -> tuple[Array, Array, dic
         numbers, rows = model.elements.of_type(code)
         return rows[np.isin(numbers, active)].astype(np.int64) - 1
 
-    tet10, hex8 = rows_of(TET10), rows_of(HEX8)
-    all_fields = {"level": level_field(model).astype(np.float64), **fields}
-    edges = tet10[:, TET10_EDGES]
-    level = all_fields["level"]
-    level[tet10[:, 4:].ravel()] = level[edges].mean(axis=2).ravel()
-    centres = len(model.nodes) + np.arange(len(hex8))
-    points = np.concatenate((model.nodes, model.nodes[hex8].mean(axis=1)))
-    extended = {
-        name: np.concatenate((values, values[hex8].mean(axis=1)))
-        for name, values in all_fields.items()
-    }
-    parts = (
-        rows_of(TET4),
-        tet10[:, _TET10_PARTS - 1].reshape(-1, 4),
-        _hexahedron_parts(hex8, centres),
-    )
-    return np.concatenate(parts), points, extended
+    whole = {"level": level_field(model).astype(np.float64), **fields}
+    return tetrahedra(model.nodes, {code: rows_of(code) for code in TYPES}, whole, ("level",))
 
 
 def part_grid(model: Model, fields: dict[str, Array] | None = None) -> pyvista.UnstructuredGrid:
     """The part: the active elements cut off at level zero, with `fields` per node interpolated."""
     pyvista = need("pyvista")
-    tetrahedra, points, extended = simplices(model, fields or {})
-    grid = pyvista.UnstructuredGrid({VTK_CELLS[TET4]: tetrahedra}, points)
+    rows, points, extended = simplices(model, fields or {})
+    grid = pyvista.UnstructuredGrid({VTK_CELLS[TET4]: rows}, points)
     for name, values in extended.items():
         grid.point_data[name] = values
     level = grid.point_data["level"]

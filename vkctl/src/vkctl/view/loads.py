@@ -10,6 +10,7 @@ import numpy as np
 
 from vkctl.basics.extras import need
 from vkctl.basics.types import Array, PathLike
+from vkctl.basics.units import UnitSystem, in_unit
 from vkctl.basics.words import counted
 from vkctl.directory import formats
 from vkctl.directory.case_names import case_names, titled
@@ -124,7 +125,7 @@ def _forces(model: Model, records: Array, shape: Outer, extent: float) -> list[S
     if not len(records):
         return []
     nodes, vectors = records["Node"] - 1, records["Force"].astype(np.float64)
-    text = f"forces: {counted(len(nodes), 'node')}\nsum {_vector(vectors.sum(axis=0))}"
+    text = f"forces: {counted(len(nodes), 'node')}\nsum {_force(model, vectors.sum(axis=0))}"
     cells = _cells(model.nodes[nodes], extent)
     sums = _summed(cells, vectors)
     places = _nearest_to_middle(cells, model.nodes[nodes])
@@ -146,7 +147,7 @@ def _body_forces(model: Model, records: Array, extent: float) -> list[Symbols]:
     middle = weights @ model.nodes[records["Node"] - 1] / weights.sum()
     total = vectors.sum(axis=0)
     arrow = _arrows(middle[None], total[None], np.zeros((1, 3)), 1.6 * extent)
-    return [Symbols(_BODY, f"body forces\nsum {_vector(total)}", arrow)]
+    return [Symbols(_BODY, f"body forces\nsum {_force(model, total)}", arrow)]
 
 
 def _arrows(
@@ -196,11 +197,17 @@ def _supports(model: Model, records: Array, shape: Outer, extent: float) -> list
     if moved.any():
         chosen = np.flatnonzero(moved)
         furthest = float(np.linalg.norm(shift, axis=1).max())
-        text = f"moved: {counted(len(chosen), 'node')}\nby up to {furthest:.4g}"
+        text = f"moved: {counted(len(chosen), 'node')}\nby up to "
+        text += in_unit(f"{furthest:.4g}", _units(model), "length")
         places = chosen[_thinned(model.nodes[chosen], extent)]
         arrows = _arrows(model.nodes[places], shift[places], shape.normals[places], 0.8 * extent)
         found.append(Symbols(_MOVED, text, arrows))
     return found
+
+
+def node_marks(model: Model, nodes: Array) -> pyvista.PolyData:
+    """Cubes at nodes, numbered from 0, as many as can be told apart."""
+    return _cubes(model, nodes, float(np.ptp(model.nodes, axis=0).max()) or 1.0)
 
 
 def _cubes(model: Model, nodes: Array, extent: float) -> pyvista.PolyData:
@@ -302,6 +309,14 @@ def _thinned(points: Array, extent: float) -> Array:
 
 def _copies(places: Array, shape: pyvista.PolyData) -> pyvista.PolyData:
     return need("pyvista").PolyData(places).glyph(orient=False, scale=False, geom=shape)
+
+
+def _units(model: Model) -> UnitSystem | None:
+    return model.notes.unit_system if model.notes else None
+
+
+def _force(model: Model, values: Array) -> str:
+    return in_unit(_vector(values), _units(model), "force")
 
 
 def _vector(values: Array) -> str:

@@ -14,6 +14,7 @@ from vkctl.basics.words import called
 from vkctl.directory.case_names import case_names, titled
 from vkctl.directory.model import Model, read
 from vkctl.directory.results import read_results
+from vkctl.stress.fields import field_unit
 
 from .canvas import Canvas, Mark, Scale, number_texts, put_marks, put_scale, put_scene, put_title
 from .fields import TITLES, Field, shown_fields
@@ -26,6 +27,7 @@ if TYPE_CHECKING:
 
 _VISIBLE_PART = 0.08  # of the part's extent: what the largest displacement is drawn as
 _SHADES = 256
+_SAFE = 10.0  # safety factors above are drawn alike
 _NEAR = 1e-6  # of the extent: a place as close to a node as this is the node's
 
 
@@ -81,6 +83,7 @@ def draw(model: Model, fields: dict[str, Array], picture: PathLike, view: View, 
 def drawn(model: Model, fields: dict[str, Array], view: View, title: str) -> Array:
     """What `draw` draws, as an array (height, width, 3)."""
     wide = {name: np.asarray(values, np.float64) for name, values in fields.items()}
+    clipped = _clip(wide, view.field)
     solid = part_grid(model, wide)
     surface = surface_of(solid)
     rest = surface.copy()
@@ -89,7 +92,7 @@ def drawn(model: Model, fields: dict[str, Array], view: View, title: str) -> Arr
         surface.points = surface.points + scale * surface.point_data["displacement"]
         title = f"{title}, deformation x {scale:.3g}"
     ends = _extremes(solid, view.field, scale)
-    colours = field_colours(ends[0].value, ends[1].value) if ends else None
+    colours = field_colours(ends[0].value, ends[1].value, view.field) if ends else None
     canvas = Canvas(view.size)
     shot = shoot(
         _layers(model, surface, rest, view, ends, colours),
@@ -103,10 +106,29 @@ def drawn(model: Model, fields: dict[str, Array], view: View, title: str) -> Arr
     if ends and colours is not None:
         missing = bool(np.isnan(surface.point_data[view.field]).any())
         note = "grey: no value" if missing else ""
-        put_scale(canvas, Scale(TITLES[view.field], ends[0].value, ends[1].value, colours, note))
+        low, high = (end.value for end in ends)
+        put_scale(
+            canvas, Scale(_heading(model, view), low, high, colours, note, more_above=clipped)
+        )
     if view.marks and ends and ends[0].value < ends[1].value:
-        put_marks(canvas, _marks(model, ends, shot, surface))
+        marks = _marks(model, ends, shot, surface)
+        put_marks(canvas, marks[:1] if clipped else marks)
     return canvas.pixels()
+
+
+def _clip(fields: dict[str, Array], field: str) -> bool:
+    """Bound safety factors, which have no end where there is no stress; whether some were."""
+    if field != "safety" or field not in fields:
+        return False
+    beyond = bool((fields[field] > _SAFE).any())
+    fields[field] = np.minimum(fields[field], _SAFE)
+    return beyond
+
+
+def _heading(model: Model, view: View) -> str:
+    """What the colours stand for, with its unit."""
+    unit = field_unit(model.notes.unit_system if model.notes else None, view.field)
+    return f"{TITLES[view.field]} in {unit}" if unit else TITLES[view.field]
 
 
 def _layers(
@@ -138,10 +160,16 @@ def _layers(
     return [Layer(surface, how), Layer(outline, {"color": "gray", "line_width": 1.0})]
 
 
-def field_colours(low: float, high: float) -> Array:
-    """Colours uint8 (k, 3) from low to high; where both signs occur, white is zero."""
+def field_colours(low: float, high: float, field: str = "") -> Array:
+    """Colours uint8 (k, 3) from low to high; where both signs occur, white is zero.
+
+    Safety factors are red at 1 and blue from 10 on, whatever the ends are.
+    """
     maps = need("matplotlib").colormaps
-    if low < 0 < high:
+    if field == "safety":
+        shares = np.log(np.maximum(np.linspace(low, high, _SHADES), 1.0)) / np.log(_SAFE)
+        chosen = maps["RdYlBu"](shares)
+    elif low < 0 < high:
         furthest = max(-low, high)
         shares = 0.5 + 0.5 * np.linspace(low, high, _SHADES) / furthest
         chosen = maps["coolwarm"](shares)

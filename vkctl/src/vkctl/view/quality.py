@@ -96,7 +96,7 @@ def _scale(quality: Array, colours: Array) -> Scale:
         f"longest bar: {counted(int(counts.max()), 'element')}\nmean {quality.mean():.3g}\n"
         f"{poor or 'none'} below {SLIVER}, where they count as slivers"
     )
-    return Scale("1 regular, 0 flat or inverted", 0.0, 1.0, colours, note, counts)
+    return Scale("1 regular, 0 flat or inverted", 0.0, 1.0, colours, note, counts=counts)
 
 
 def _colours() -> Array:
