@@ -33,6 +33,7 @@ COMMANDS = {
     "ask": "Answer questions about solved load cases with numbers.",
     "report": "Write a report as one page, with the part in three dimensions.",
     "optimise": "Optimise the part for stiffness; started again, it goes on where it stopped.",
+    "study": "Make variants of a case file and a table of results; started again, it goes on.",
 }
 _MODULES = {"import": "import_deck"}  # where the name is a word of Python
 _CLASSES: dict[str, type[TyperCommand]] = {"run": SettleCommand, "ask": NumbersCommand}
