@@ -285,6 +285,7 @@ def test_a_study_that_is_killed_before_any_file_operation_goes_on(
     tmp_path: Path, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     path = write_study(tmp_path)
+    (tmp_path / "start").mkdir()
     # The case file is prepared once, outside of the study's folder, so that no kill concerns it.
     start = begin(read_study(path), Reading(), tmp_path / "start", 1)
     monkeypatch.setattr(loop, "begin", lambda *arguments: start)

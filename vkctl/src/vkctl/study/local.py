@@ -18,7 +18,7 @@ from typing import IO
 from .work import Outcome, Task
 from .worker import outcome_of, told
 
-ATTEMPTS = 5  # at a variant whose process is killed
+ATTEMPTS = 10  # at a variant whose process is killed
 _COMMAND = (sys.executable, "-m", "vkctl.study.worker")
 _LIBRARIES_THREADS = ("OPENBLAS_NUM_THREADS", "MKL_NUM_THREADS")
 
