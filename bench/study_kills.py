@@ -67,19 +67,20 @@ value = "strain_energy"
 value = "von_mises"
 """
 _CELLS = (12, 3, 3)
+_SIZE = (12.0, 3.0, 3.0)
 _SINGLE = 1e-4  # of values that are stored in single precision, after a solve to about as much
 
 
 def write_inputs(folder: Path, count: int) -> Path:
     """Part, case file and study file."""
-    part = box("hex8", _CELLS, tuple(float(cells) for cells in _CELLS))
+    part = box("hex8", _CELLS, _SIZE)
     lines = ["*NODE"]
     lines += [f"{n}, {x}, {y}, {z}" for n, (x, y, z) in enumerate(part.nodes.tolist(), 1)]
     lines.append("*ELEMENT, TYPE=C3D8")
     rows = enumerate(part.elements.hex8.tolist(), 1)
     lines += [f"{n}, " + ", ".join(map(str, row)) for n, row in rows]
     (folder / "part.inp").write_text("\n".join(lines) + "\n")
-    (folder / "cases.toml").write_text(CASES.format(length=_CELLS[0]))
+    (folder / "cases.toml").write_text(CASES.format(length=_SIZE[0]))
     path = folder / "study.toml"
     path.write_text(STUDY.format(count=count))
     return path

@@ -101,11 +101,10 @@ def _look(told: Told, case: _Case, columns: Sequence[str]) -> None:
     wanted = told.wanted
     is_each = wanted.name not in columns
     is_other = wanted.load_case not in (None, case.name) and not is_each
-    weighed = wanted.value == "mass" and not told.found
-    if told.mistake or is_other or not (weighed or wanted.value in (*FIELDS, *OF_LOAD_CASES)):
+    if told.mistake or is_other or wanted.value not in (*FIELDS, *OF_LOAD_CASES):
         return
     try:
-        told.found[case.name] = mass(case) if weighed else _of_case(wanted, case)
+        told.found[case.name] = _of_case(wanted, case)
     except ValueError as error:
         told.mistake = str(error)
 
@@ -116,7 +115,11 @@ def _columns(told: Told, model: Model, run: Values, columns: Sequence[str]) -> V
     sizes = {"nodes": len(model.nodes), "elements": len(model.elements)}
     if wanted.value in sizes:
         return {wanted.name: sizes[wanted.value]}
-    if wanted.value in (*OF_RUN, *OF_OPTIMISATION) and wanted.value != "mass":
+    if wanted.value == "mass":
+        found = ask.mass(model).mass
+        told.mistake = "a material has no density" if found is None else ""
+        return {wanted.name: found}
+    if wanted.value in (*OF_RUN, *OF_OPTIMISATION):
         return {wanted.name: run.get(wanted.value)}
     if wanted.name not in columns:  # a column for each
         each = {f"{wanted.name}.{name}": value for name, value in told.found.items()}
@@ -124,19 +127,6 @@ def _columns(told: Told, model: Model, run: Values, columns: Sequence[str]) -> V
     if not told.found and not told.mistake:
         told.mistake = f"there is no load case {wanted.load_case!r}"
     return {wanted.name: None if told.mistake else told.of(told.found)}
-
-
-def mass(case: _Case) -> float:
-    """Volume of each material times its density; what lies outside of the part doesn't weigh."""
-    notes = case.model.notes
-    densities = [] if notes is None else [density or 0.0 for density in notes.densities]
-    if not any(densities):
-        raise UnknownValueError("no material has a density")
-    of_element = np.array([0.0, *densities])[case.model.elements.materials]
-    return sum(
-        float((block.volumes * block.presences * of_element[block.at.numbers - 1, None]).sum())
-        for block in stress.integration_points(case.solution)
-    )
 
 
 def _of_case(wanted: Wanted, case: _Case) -> float:
