@@ -18,7 +18,7 @@ set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION science)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_DEPENDS
-  "python3 (>= 3.11), python3-numpy, python3-scipy, python3-typer, python3-rich")
+  "python3 (>= 3.11), python3-numpy, python3-scipy, python3-typer, python3-rich, python3-tomli-w")
 set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "python3-matplotlib, python3-pil")
 set(CPACK_DEBIAN_PACKAGE_SUGGESTS "python3-gmsh (>= 4.12)")
 

@@ -24,6 +24,7 @@ LAYERS = (
     "spread",
     "view",
     "optimise",
+    "study",
     "report",
     "terminal",
     "commands",

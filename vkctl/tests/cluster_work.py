@@ -68,7 +68,8 @@ class Processes:
         known = ["--name", name] if "--name" not in options else []
         started = _started(
             [*DASK, "worker", self.address, *self.options, *known, *options]
-            + ["--local-directory", str(local), "--no-dashboard", "--host", "127.0.0.1"],
+            + ["--local-directory", str(local), "--host", "127.0.0.1"]
+            + ["--dashboard-address", "127.0.0.1:0"],
             local / "log",
             environment,
         )

@@ -38,6 +38,7 @@ def test_the_help_lists_all_commands_and_an_unknown_one_is_refused() -> None:
         ("plot --help", "vtkmodules"),
         ("ask --help", "scipy"),
         ("optimise --help", "scipy.spatial"),
+        ("study --help", "scipy"),
     ],
 )
 def test_a_command_loads_only_what_it_needs(arguments: str, unneeded: str) -> None:

@@ -28,6 +28,7 @@ import numpy as np
 
 from vkctl.prepare import CaseFileError, PartError, build_model, make_mesh, read_cases
 from vkctl.prepare.build import build
+from vkctl.prepare.deck import DeckError, case_of
 from vkctl.prepare.part import Part
 from vkctl.prepare.readers.inp import read_inp
 from vkctl.prepare.readers.vtu_counts import check_counts
@@ -94,6 +95,60 @@ ONE, TWO
 ONE, S2
 2, S3
 *INCLUDE, INPUT=other.inc
+"""
+CONDITIONS = """*MATERIAL, NAME=STEEL
+*ELASTIC
+210000., .3
+*DENSITY
+7.85e-9
+*EXPANSION, TYPE=ISO
+1.2D-5
+*MATERIAL, NAME=WOOD
+*ELASTIC, TYPE=ENGINEERING CONSTANTS
+11000., 900., 500., .35, .4, .3, 700., 650.
+60.
+*DENSITY
+5e-10
+*ORIENTATION, NAME=UP
+0., 0., 1., 1., 0., 0.
+*SOLID SECTION, ELSET=ONE, MATERIAL=STEEL
+*SOLID SECTION, ELSET=TWO, MATERIAL=WOOD, ORIENTATION=UP
+*ELEMENT, TYPE=SPRING1, ELSET=SPRINGS
+901, 2
+902, 2
+*SPRING, ELSET=SPRINGS
+3
+400.
+*TRANSFORM, NSET=SOME, TYPE=C
+5., 5., 0., 5., 5., 1.
+*INITIAL CONDITIONS, TYPE=TEMPERATURE
+ALLN, 20.
+*BOUNDARY
+SOME, 1, 3
+*STEP
+*STATIC
+*CLOAD
+2, 1, 5.
+ALLN, 3, -1.
+*DLOAD
+ONE, P1, 3.
+2, P3, 4.
+BOTH, GRAV, 9.81, 0., 0., -1.
+*DSLOAD
+SIDES, P, 2.
+*TEMPERATURE
+4, 30.
+*END STEP
+*STEP
+*STATIC
+*BOUNDARY, OP=NEW
+2, 1, 2, 0.5
+ALLN, ENCASTRE
+*CLOAD, OP=NEW
+4, 2, 5.
+*DLOAD, OP=MOD
+1, P1, 8.
+*END STEP
 """
 MESH = """$MeshFormat
 2.2 0 8
@@ -188,7 +243,7 @@ def seeds() -> dict[str, list[bytes]]:
             *3 * [CASES.encode()],
             *(p.read_bytes() for p in sorted(EXAMPLES.glob("*.toml"))),
         ],
-        ".inp": [DECK.encode()],
+        ".inp": [DECK.encode(), *3 * [(DECK + CONDITIONS).encode()]],
         ".msh": [MESH.encode(), NEWER_MESH.encode()],
         ".vtu": [GRID.encode()],
         ".step": [(EXAMPLES / "bracket.step").read_bytes()],
@@ -239,13 +294,18 @@ def judge(folder: Path, ending: str, data: bytes) -> str:
             cases = read_cases(place)
             build_model(make_mesh(sound_part()), cases)
         elif ending == ".inp":
-            make_mesh(read_inp(place, str(place)))
+            part = read_inp(place, str(place), conditions=True)
+            mesh = make_mesh(part)
+            (folder / "import.toml").write_text(case_of(part, str(place), place.name)[0])
+            build_model(mesh, read_cases(folder / "import.toml"))
         else:
             if ending == ".vtu":
                 check_counts(place, str(place))
             build(place, folder / "cases.toml")
     except CaseFileError:
         return "mistakes in the case file"
+    except DeckError:
+        return "mistakes in the deck"
     except PartError as error:
         text = str(error)
         for words in ("its reader broke down", "can't be read: ", "more memory", "longer than"):
@@ -316,7 +376,7 @@ def _run(wanted: argparse.Namespace, folder: Path) -> int:
 
 def _given() -> set[str]:
     parts = {f"{'deck' if kind == '.inp' else 'part'}{kind}" for kind in (*QUICK, *SLOW)}
-    return {"cases.toml", "other.inc", *parts}
+    return {"cases.toml", "other.inc", "import.toml", *parts}
 
 
 if __name__ == "__main__":

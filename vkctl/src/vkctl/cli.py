@@ -23,6 +23,7 @@ COMMANDS = {
     "demo": "Write the cantilever of the quick start, solve it and draw it.",
     "summary": "Tell in a few lines what the log and the results of a directory say.",
     "new": "Write the working directory of a part under the loads of a case file.",
+    "import": "Write a case file with the materials, supports, loads and steps of a deck.",
     "run": "Run the solver on a directory and follow it.",
     "watch": "Follow a run that something else started, until it ends.",
     "check": "Say everything about a prepared directory that would fail or surprise.",
@@ -32,13 +33,15 @@ COMMANDS = {
     "ask": "Answer questions about solved load cases with numbers.",
     "report": "Write a report as one page, with the part in three dimensions.",
     "optimise": "Optimise the part for stiffness; started again, it goes on where it stopped.",
+    "study": "Make variants of a case file and a table of results; started again, it goes on.",
 }
+_MODULES = {"import": "import_deck"}  # where the name is a word of Python
 _CLASSES: dict[str, type[TyperCommand]] = {"run": SettleCommand, "ask": NumbersCommand}
 
 
 def load(name: str) -> Any:
     """The command of a name, its module loaded."""
-    module = import_module(f"{__package__}.commands.{name}")
+    module = import_module(f"{__package__}.commands.{_MODULES.get(name, name)}")
     alone = typer.Typer(add_completion=False)
     function = getattr(module, f"{name}_command")
     alone.command(name, cls=_CLASSES.get(name))(declared(function))

@@ -118,3 +118,13 @@ def test_a_part_is_prepared_optimised_exported_and_drawn(bracket: Path) -> None:
     assert "Bracket, second draft" in Path("report.html").read_text(encoding="utf-8")
     play(block("from vkctl.view.export"))
     assert all(Path(name).stat().st_size > 0 for name in ("results.pvd", "part.stl", "stress.png"))
+
+
+def test_a_study_of_the_page_is_made(bracket: Path) -> None:
+    shutil.copy(EXAMPLES / "bracket-study.toml", ".")
+    path = Path("bracket-study.toml")
+    text = path.read_text().replace("count = 16", "count = 2").replace("[5.0, 8.0]", "[12.0]")
+    path.write_text(text)
+    names = play(block("from vkctl.study"))
+    assert names["done"].status == 0 and len(names["done"].rows) == 2
+    assert names["best"] in names["done"].rows

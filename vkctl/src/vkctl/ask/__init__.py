@@ -10,6 +10,7 @@ from .extremes import (
     envelope,
     envelope_extremes,
     extremes,
+    values_in,
 )
 from .mass import Mass, MaterialMass, mass
 from .reactions import Reaction, Reactions, Resultant, reactions
@@ -58,5 +59,6 @@ __all__ = [
     "regions",
     "solutions",
     "values_at",
+    "values_in",
     "why_nothing",
 ]

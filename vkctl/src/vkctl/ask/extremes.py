@@ -2,7 +2,7 @@
 
 from __future__ import annotations
 
-from collections.abc import Iterable, Sequence
+from collections.abc import Iterable, Iterator, Sequence
 from dataclasses import dataclass
 from typing import Literal
 
@@ -143,17 +143,36 @@ def _extreme(values: list[_Values], chosen: Array, region: Region, end: End) -> 
     """Node and value of an extreme; node 0 where there is no value."""
     best, node = -np.inf, 0
     sign = 1.0 if end == "largest" else -1.0
+    for nodes, found in _of_region(values, chosen, region):
+        signed = sign * found
+        place = int(signed.argmax())
+        if signed[place] > best:
+            best, node = float(signed[place]), int(nodes[place])
+    return node, sign * best
+
+
+def _of_region(
+    values: list[_Values], chosen: Array, region: Region
+) -> Iterator[tuple[Array, Array]]:
+    """Nodes and finite values of those materials that have some among the chosen nodes."""
     for part in values:
         if part.material and region.materials is not None:
             if part.material not in region.materials:
                 continue
         taken = chosen[part.nodes - 1] & np.isfinite(part.values)
         if taken.any():
-            signed = sign * part.values[taken]
-            place = int(signed.argmax())
-            if signed[place] > best:
-                best, node = float(signed[place]), int(part.nodes[taken][place])
-    return node, sign * best
+            yield part.nodes[taken], part.values[taken]
+
+
+def values_in(model: Model, fields: CaseFields, region: Region, name: str) -> Array:
+    """All values that `extremes` chooses from, in no order that matters.
+
+    A node where materials meet has one of each.
+    """
+    chosen = np.zeros(len(model.nodes), np.bool_)
+    chosen[region.nodes - 1] = True
+    found = _of_region(_values(fields, name), chosen, region)
+    return np.concatenate([np.empty(0), *(values for _, values in found)])
 
 
 def _place(model: Model, node: int) -> Vector:

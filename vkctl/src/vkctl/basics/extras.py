@@ -19,6 +19,7 @@ _PARTS = {
     "dask": ("Dask", "cluster"),
     "dask_jobqueue": ("Dask-Jobqueue", "cluster"),
     "cryptography": ("cryptography", "cluster"),
+    "duckdb": ("DuckDB", "study"),
 }
 
 

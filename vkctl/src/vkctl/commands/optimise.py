@@ -15,9 +15,11 @@ from rich.text import Text
 
 from vkctl.basics.extras import need
 from vkctl.basics.units import unit_of
+from vkctl.basics.words import printable
 from vkctl.directory.case_names import read_case_names, read_units, titled
 from vkctl.running.progress import Progress
 from vkctl.terminal import output
+from vkctl.terminal.arguments import On
 from vkctl.terminal.display import state_line
 from vkctl.terminal.reading import NoLimits, TrustScripts
 from vkctl.terminal.refusal import refuse, refusing
@@ -39,6 +41,7 @@ def optimise_command(
         float | None, typer.Option(..., min=0.001, max=1.0, help="target part of the design volume")
     ] = None,
     steps: Annotated[int | None, typer.Option(..., min=1, help="largest number of steps")] = None,
+    on: On = None,
     vk_rund: Annotated[Path | None, typer.Option(..., "--vk-rund", help="the solver")] = None,
     pictures: Annotated[
         bool, typer.Option(..., help="draw chart, series and animation at the end")
@@ -55,6 +58,7 @@ def optimise_command(
     from vkctl.prepare.case_file.mistakes import CaseFileError
     from vkctl.prepare.part import PartError, Reading
     from vkctl.running.run import NotFoundError
+    from vkctl.spread.where import WhereError
 
     console = output.console()
     with refusing():
@@ -62,7 +66,7 @@ def optimise_command(
             need(name)
     try:
         with (
-            refusing(CaseFileError, PartError, ValueError),
+            refusing(CaseFileError, PartError, WhereError, ValueError),
             _shown(console) as (on_step, on_progress),
         ):
             done = optimise(
@@ -74,6 +78,8 @@ def optimise_command(
                 reading=Reading(trust_scripts, not no_limits),
                 on_step=on_step,
                 on_progress=on_progress,
+                on=on,
+                on_line=lambda line: console.print(printable(line), markup=False, soft_wrap=True),
             )
     except OptimiseError as error:
         raise refuse(error, _status(error)) from None

@@ -15,7 +15,7 @@ from vkctl.running.run import NotFoundError, RunResult, run
 from vkctl.running.settle import MOST_ROUNDS, TOLERANCE, RoundShown, Settled, SettleError, settle
 from vkctl.spread.work import STARTS
 from vkctl.terminal import output
-from vkctl.terminal.arguments import AsJson, Directory
+from vkctl.terminal.arguments import AsJson, Directory, On
 from vkctl.terminal.display import closing_lines, result_as_dict, shown, warning_lines
 from vkctl.terminal.refusal import refuse, refusing
 from vkctl.terminal.settling import round_lines, settled_as_dict, settled_lines
@@ -53,16 +53,7 @@ def run_command(
     rounds: Annotated[
         int, typer.Option(..., help="of --settle at most; started again, it goes on")
     ] = MOST_ROUNDS,
-    on: Annotated[
-        str | None,
-        typer.Option(
-            ...,
-            "--on",
-            metavar="WHERE",
-            help="workers that solve the constraint patterns side by side: local:N on this "
-            "machine, tcp://HOST:PORT or tls://HOST:PORT of a Dask scheduler, or a cluster's name",
-        ),
-    ] = None,
+    on: On = None,
     starts: Annotated[
         int, typer.Option(..., min=1, help="of a pattern at most with --on, where workers die")
     ] = STARTS,

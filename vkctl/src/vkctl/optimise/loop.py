@@ -28,6 +28,10 @@ from vkctl.prepare.part import Reading
 from vkctl.running import processes
 from vkctl.running.progress import Progress
 from vkctl.running.run import RunResult, run
+from vkctl.spread.place import Place, opened
+from vkctl.spread.run import run_at
+from vkctl.spread.sending import Sender
+from vkctl.spread.where import parse_where
 
 from . import history
 from .design import Design, make_design
@@ -87,6 +91,16 @@ class _Loop:
     rows: list[HistoryRow]
     vk_rund: PathLike | None
     on_progress: Callable[[int, Progress], None] | None
+    workers: Workers | None = None  # that solve the load cases; else this process's own run
+
+
+@dataclass
+class Workers:
+    """Where the load cases of all steps are solved, open as long as the loop goes on."""
+
+    place: Place
+    sender: Sender
+    on_line: Callable[[str], None] | None
 
 
 def optimise(
@@ -99,6 +113,8 @@ def optimise(
     reading: Reading | None = None,
     on_step: Callable[[StepShown], None] | None = None,
     on_progress: Callable[[int, Progress], None] | None = None,
+    on: str | None = None,
+    on_line: Callable[[str], None] | None = None,
 ) -> Optimised:
     """Optimise the part of a case file in a working directory.
 
@@ -106,15 +122,22 @@ def optimise(
     override the case file's; `reading` is as for `new`. A loop that was begun there goes on where
     it stopped, whatever stopped it, with the settings that it is given now; more steps than before
     carry a finished one further. `on_step` is called after each step, `on_progress` with the step's
-    number while the solver runs. Raises CaseFileError and PartError for mistakes in the inputs,
-    OptimiseError if the loop can't go on, BusyError and NotFoundError as `run` does.
+    number while the solver runs. `on` and `on_line` are those of `run_on`: workers solve the
+    constraint patterns of each step then, and keep what doesn't change. Raises CaseFileError and
+    PartError for mistakes in the inputs, OptimiseError if the loop can't go on, BusyError and
+    NotFoundError as `run` does, WhereError as `run_on`.
     """
     settings = _overridden(read_settings(cases), volume, steps)
+    where = None if on is None else parse_where(on)
     try:
         with history.locked(directory):
             loop = _start(cases, Path(directory), settings, reading)
             loop.vk_rund, loop.on_progress = vk_rund, on_progress
-            return _run_steps(loop, on_step)
+            if where is None:
+                return _run_steps(loop, on_step)
+            with opened(where) as place, Sender(loop.directory.absolute(), place) as sender:
+                loop.workers = Workers(place, sender, on_line)
+                return _run_steps(loop, on_step)
     except LockedError as error:
         raise OptimiseError(str(error)) from None
 
@@ -363,17 +386,30 @@ def _solve(loop: _Loop, levels: Array) -> RunResult:
             history.write_state(directory, state)
     while processes.worker_on(directory) is not None:  # outlived the loop that started it
         time.sleep(_POLL)
-    show = loop.on_progress
-    step = state.step
-    outcome = run(
-        directory,
-        vk_rund=loop.vk_rund,
-        on_progress=None if show is None else lambda progress: show(step, progress),
-    )
+    outcome = _run(loop)
     if not outcome.ok:
         hint = f" {outcome.advice.hint}" if outcome.advice.hint else ""
-        raise OptimiseError(f"step {step}: {outcome.advice.sentence}{hint}", outcome)
+        raise OptimiseError(f"step {state.step}: {outcome.advice.sentence}{hint}", outcome)
     return outcome
+
+
+def _run(loop: _Loop) -> RunResult:
+    step, workers = loop.state.step, loop.workers
+    show = loop.on_progress or (lambda step, progress: None)
+    if workers is None:
+        return run(
+            loop.directory,
+            vk_rund=loop.vk_rund,
+            on_progress=lambda progress: show(step, progress),
+        )
+    return run_at(
+        loop.directory.absolute(),
+        workers.place,
+        workers.sender,
+        vk_rund=loop.vk_rund,
+        on_progress=lambda progress: show(step, progress.run),
+        on_line=workers.on_line,
+    )
 
 
 def _combined_or_fail(loop: _Loop, results: list[Results]) -> Array:

@@ -19,7 +19,7 @@ from .case_file.toml_table import Field
 from .planes import held_normals
 from .remote import bearing, moved_rigidly, spread_moment
 from .sets import Sets
-from .targets import evaluate, faces_of, guarded, has_faces, node_array, united
+from .targets import evaluate, faces_of, guarded, has_faces, labelled_nodes, node_array, united
 
 
 def support_records(cases: Cases, sets: Sets, support: Support) -> Array:
@@ -90,6 +90,9 @@ class LoadMaker:
 
     def make(self, load: Load) -> AppliedLoad:
         before = len(self.cases.report.problems)
+        if load.labels:
+            numbers, values = self._each(load)
+            return AppliedLoad(numbers, values, load.kind)
         make = {
             "force": self._force,
             "traction": self._on_faces,
@@ -109,6 +112,13 @@ class LoadMaker:
 
     def _nothing(self) -> tuple[Array, Array]:
         return np.empty(0, np.int64), np.empty((0, 3))
+
+    def _each(self, load: Load) -> tuple[Array, Array]:
+        numbers = labelled_nodes(self.cases, self.sets, load)
+        values = np.array(load.each, np.float64)
+        if load.kind == "temperature":
+            values = values - load.reference
+        return numbers, values[: len(numbers)]
 
     def _force(self, load: Load) -> tuple[Array, Array]:
         vector = np.array(load.values, np.float64)

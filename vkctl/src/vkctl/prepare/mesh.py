@@ -52,7 +52,7 @@ def make_mesh(part: Part, *, scale: float = 1.0, reorder: bool = True) -> PartMe
     refused. PartError for a part without solid elements, with element types that the solver
     doesn't have, with nodes that don't exist, and for elements that are flat or folded.
     """
-    _refuse_unsupported(part)
+    refuse_unsupported(part)
     lookup = Lookup(part.labels, "node")
     used = np.zeros(len(part.labels), np.bool_)
     for _, _, rows in part.solids:
@@ -78,7 +78,7 @@ def make_mesh(part: Part, *, scale: float = 1.0, reorder: bool = True) -> PartMe
     return mesh
 
 
-def _refuse_unsupported(part: Part) -> None:
+def refuse_unsupported(part: Part) -> None:
     if part.unsupported:
         found = ", ".join(f"{count} {name}" for name, count in part.unsupported.items())
         raise PartError(

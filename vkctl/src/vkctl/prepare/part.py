@@ -2,7 +2,7 @@
 
 from __future__ import annotations
 
-from collections.abc import Callable, Iterable
+from collections.abc import Callable, Iterable, Iterator
 from dataclasses import dataclass, field
 
 import numpy as np
@@ -36,12 +36,14 @@ class Reading:
     """How far the sender of a part is trusted, and who is told how its reading goes on.
 
     Without trust nothing in the part's file starts a program, writes a file, or opens another one
-    outside of its folder. `limits` bound time and memory.
+    outside of its folder. `limits` bound time and memory. `conditions` asks for what a deck says
+    beside its mesh.
     """
 
     trust_scripts: bool = False
     limits: bool = True
     tell: Callable[[Told], None] = lambda told: None
+    conditions: bool = False
 
 
 _SHOWN = 5  # labels named in a message
@@ -52,6 +54,35 @@ class PartError(Exception):
 
 
 @dataclass
+class DeckSection:
+    """One keyword with its parameters (names in capitals) and its data lines.
+
+    `pieces` are the data between comments: the number of the line each begins in, and its text.
+    """
+
+    keyword: str
+    parameters: dict[str, str]
+    pieces: list[tuple[int, str]]
+    first_line: str
+    file: str
+    line: int
+
+    @property
+    def data(self) -> str:
+        return "\n".join(text for _, text in self.pieces)
+
+    def get(self, name: str) -> str:
+        return self.parameters.get(name, "")
+
+    def lines(self) -> Iterator[tuple[int, str]]:
+        """Number and text of each data line that holds anything."""
+        for first, text in self.pieces:
+            for number, line in enumerate(text.split("\n"), first):
+                if line.strip():
+                    yield number, line.strip()
+
+
+@dataclass
 class Part:
     """Mesh in the labels of its file.
 
@@ -59,6 +90,7 @@ class Part:
     of the file, nodes already in the solver's order. `surfaces` holds for each name the node
     labels of surface elements, arrays of 3, 4 or 6 columns. `node_data` has one value per entry
     of `labels`. `meshed` tells that the mesh was made here, of geometry: its labels are Gmsh's.
+    `deck` holds what a deck says beside its mesh, where that was asked for.
     """
 
     labels: Array
@@ -71,6 +103,7 @@ class Part:
     unsupported: dict[str, int] = field(default_factory=dict)  # element type and count
     notes: list[str] = field(default_factory=list)
     meshed: bool = False
+    deck: list[DeckSection] = field(default_factory=list)
 
 
 def labelled(labels: Iterable[int]) -> str:

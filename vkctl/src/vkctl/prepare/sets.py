@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+from collections.abc import Sequence
 from functools import cached_property
 
 import numpy as np
@@ -19,7 +20,19 @@ from .case_file.entries import Cases, Names, Region, SetDefinition, SetKind
 from .case_file.expression import ExpressionError
 from .face_sets import Faces, faces_of_surface, faces_without, unique_faces
 from .mesh import PartMesh
+from .part import labelled
 from .regions import TOLERANCE, distance_outside
+
+UNUSED = "nodes without a solid element aren't among them"
+
+
+def numbers_of(labels: Array, wanted: Sequence[int]) -> Array:
+    """Number of each wanted label, 0 for those that there aren't."""
+    order = np.argsort(labels, kind="stable")
+    sought = np.asarray(wanted, np.int64)
+    place = np.minimum(np.searchsorted(labels[order], sought), len(labels) - 1)
+    found: Array = np.where(labels[order[place]] == sought, order[place] + 1, 0)
+    return found
 
 
 class Sets:
@@ -271,6 +284,8 @@ class Sets:
         chosen = distinct(np.concatenate([*numbers, np.empty(0, np.int64)])).astype(np.int64)
         for name in definition.minus:
             chosen = np.setdiff1d(chosen, pick(name, (*definition.where, "minus")))
+        if definition.labels is not None:
+            chosen = np.intersect1d(chosen, self._labelled(definition))
         chosen = chosen[self._within(definition, points[chosen - 1])]
         if definition.nearest and len(chosen):
             distances = [
@@ -278,6 +293,18 @@ class Sets:
             ]
             chosen = np.unique(chosen[[int(np.argmin(d)) for d in distances]])
         return chosen
+
+    def _labelled(self, definition: SetDefinition) -> Array:
+        """Numbers of the nodes or elements that a set names by label."""
+        of_nodes = definition.kind == "node"
+        labels = self.mesh.node_labels if of_nodes else self.mesh.element_labels
+        wanted = definition.labels or ()
+        numbers = numbers_of(labels, wanted)
+        if missing := [n for n, k in zip(wanted, numbers, strict=True) if not k]:
+            text = f"no {definition.kind}s of the part have the labels {labelled(missing)}"
+            hint = UNUSED if of_nodes else ""
+            self.report.add((*definition.where, "labels"), text, hint)
+        return numbers
 
     def _within(self, definition: SetDefinition, points: Array) -> Array:
         mask = np.ones(len(points), np.bool_)

@@ -9,11 +9,12 @@ from vkctl.basics.types import Array
 from vkctl.basics.words import did_you_mean
 
 from .case_file import locate
-from .case_file.entries import Cases, Names
+from .case_file.entries import Cases, Load, Names
 from .case_file.expression import Expression, ExpressionError
 from .case_file.toml_table import Field
 from .face_sets import Faces
-from .sets import Sets
+from .part import labelled
+from .sets import UNUSED, Sets, numbers_of
 
 
 def guarded(cases: Cases, where: locate.Path, value: Field, points: Array) -> Array:
@@ -37,6 +38,17 @@ def node_array(cases: Cases, sets: Sets, where: locate.Path, name: str) -> Array
 def united(sets: Sets, names: Names, where: locate.Path) -> Array:
     found = [sets.nodes(name, (*where, "set")) for name in names or ("all",)]
     return distinct(np.concatenate(found)).astype(np.int64)
+
+
+def labelled_nodes(cases: Cases, sets: Sets, load: Load) -> Array:
+    """Numbers of the nodes that a load names by label; empty where a mistake was told."""
+    numbers = numbers_of(sets.mesh.node_labels, load.labels)
+    missing = [n for n, k in zip(load.labels, numbers, strict=True) if not k]
+    if missing:
+        text = f"no nodes of the part have the labels {labelled(missing)}"
+        cases.report.add((*load.where, "labels"), text, UNUSED)
+        return np.empty(0, np.int64)
+    return numbers
 
 
 def has_faces(sets: Sets, names: Names) -> bool:

@@ -91,20 +91,21 @@ def note(running: Running, event: Event) -> None:
 
 def _take_from(running: Running, folder: Path, finished: Sequence[int]) -> None:
     """Finished load cases of a copy on the same disk."""
-    if not folder.is_dir():
+    if running.done.issuperset(finished) or not folder.is_dir():
         return
+    new = [number for number in finished if number not in running.done]
     head, log = split_log(folder)
     running.log.head(head)
-    for number in finished:
-        if number not in running.done:
-            placing.move_results(folder, running.directory, number)
-            _mark(running, number, log.get(number, []))
+    placing.move_results(folder, running.directory, new)
+    _mark(running, new, log)
 
 
-def _mark(running: Running, number: int, lines: Sequence[str]) -> None:
-    placing.mark_done(running.directory, number)
-    running.log.add(lines)
-    running.done.add(number)
+def _mark(running: Running, numbers: Sequence[int], log: dict[int, list[str]]) -> None:
+    """What is in place is marked, and then told, in this order."""
+    placing.mark_done(running.directory, numbers)
+    for number in numbers:
+        running.log.add(log.get(number, []))
+    running.done.update(numbers)
 
 
 def take(running: Running, done: Done) -> None:
@@ -130,10 +131,11 @@ def _take_solved(running: Running, solved: Solved) -> None:
     running.log.head(solved.head)
     if solved.folder:
         _take_from(running, Path(solved.folder), finished)
-    for number, contents in solved.results.items():
-        if number not in running.done:
-            placing.write_results(contents, running.directory)
-            _mark(running, number, solved.log.get(number, []))
+    sent = [number for number in solved.results if number not in running.done]
+    for number in sent:
+        placing.write_results(solved.results[number], running.directory)
+    if sent:
+        _mark(running, sent, solved.log)
     for number, lines in solved.log.items():
         if number not in finished:
             running.log.add(lines)

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import logging
 import os
+import ssl
 import threading
 import warnings
 from collections.abc import Iterator
@@ -122,17 +123,23 @@ def _connected(address: str) -> Any:
     beside.join(CONNECT + _GRACE)
     if found and not isinstance(found[0], Exception):
         return found[0]
-    raise WhereError(
-        f"No scheduler can be reached at {address}{_hint(address, found[0] if found else None)}."
-    )
+    why = _why(address, found[0] if found else None)
+    raise WhereError(f"No scheduler can be reached at {address}{why}")
 
 
-def _hint(address: str, error: Exception | None) -> str:
-    text = f"{error} {error.__cause__}" if error is not None else ""
-    if "SSL" in text or "certificate" in text or "TLS" in text:
-        return f": it refuses the certificate ({_first_sentence(text)})"
-    kind = "a tls:// scheduler" if address.startswith("tcp:") else "a tcp:// one"
-    return f" within {CONNECT:.0f} seconds: does it run, and isn't it {kind}?"[:-1]
+def _why(address: str, error: BaseException | None) -> str:
+    """The end of a sentence on a scheduler that can't be reached."""
+    seen = error
+    while seen is not None:
+        if isinstance(seen, ssl.SSLError | ssl.CertificateError):
+            return ": one side doesn't take the other's certificate. Is it of the same authority?"
+        if "TLS" in str(seen):
+            return ": " + _first_sentence(str(seen)) + "."
+        seen = seen.__cause__ or seen.__context__
+    within = f" within {CONNECT:.0f} seconds. Does it run, "
+    if address.startswith("tls:"):
+        return within + "with TLS, and are all certificates of the same authority?"
+    return within + "and without TLS?"
 
 
 def _first_sentence(text: str) -> str:

@@ -59,10 +59,11 @@ class Log:
         self.add([f"Error<Msg:{text}>"])
 
 
-def move_results(folder: Path, directory: Path, load_case: int) -> None:
+def move_results(folder: Path, directory: Path, load_cases: Iterable[int]) -> None:
     """Results from a folder on the same disk, where the solver has brought them to the disk."""
-    for name in copies.results_of(folder, load_case):
-        os.replace(folder / name, directory / name)
+    for number in load_cases:
+        for name in copies.results_of(folder, number):
+            os.replace(folder / name, directory / name)
     formats.sync_folder(directory)
 
 
@@ -72,8 +73,9 @@ def write_results(contents: dict[str, bytes], directory: Path) -> None:
         formats.write_parts(directory / name, [content])
 
 
-def mark_done(directory: Path, load_case: int) -> None:
+def mark_done(directory: Path, load_cases: Iterable[int]) -> None:
     """The mark comes when all of a load case is in place. The caller holds the lock."""
     words, values = formats.read_loadcase_flags(directory)
-    words[load_case - 1] |= formats.LOADCASE_DONE
+    for number in load_cases:
+        words[number - 1] |= formats.LOADCASE_DONE
     formats.write_loadcase_flags(directory, words, values)

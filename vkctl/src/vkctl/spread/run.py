@@ -62,30 +62,52 @@ def run_on(
     target = Path(directory).absolute()
     if not target.is_dir():
         raise NotADirectoryError(f"There is no directory {target}.")
-    place_said = parse_where(where)
+    said = parse_where(where)
     with processes.alone_on(target):
         plan(target)
-        with opened(place_said) as place:
+        with opened(said) as place, Sender(target, place) as sender:
             set_run_options(target, threads, mode)
             if again:
                 reopen(target)
-            planned = plan(target)
-            tracker = Tracker(target, planned)
-            program = None if vk_rund is None else os.fspath(Path(vk_rund).absolute())
-            with placing.Log(target) as log:
-                running = Running(target, {}, tracker, log, on_line or (lambda line: None))
-                return _spread(running, place, program, most_starts, on_progress)
+            return run_at(
+                target,
+                place,
+                sender,
+                vk_rund=vk_rund,
+                most_starts=most_starts,
+                on_progress=on_progress,
+                on_line=on_line,
+            )
+
+
+def run_at(
+    directory: Path,
+    place: Place,
+    sender: Sender,
+    *,
+    vk_rund: PathLike | None = None,
+    most_starts: int = STARTS,
+    on_progress: Callable[[SpreadProgress], None] | None = None,
+    on_line: Callable[[str], None] | None = None,
+) -> RunResult:
+    """The same at a place that is open, as often as wanted: workers keep what doesn't change."""
+    program = None if vk_rund is None else os.fspath(Path(vk_rund).absolute())
+    with processes.alone_on(directory):
+        tracker = Tracker(directory, plan(directory))
+        with placing.Log(directory) as log:
+            running = Running(directory, {}, tracker, log, on_line or (lambda line: None))
+            return _spread(running, place, sender, program, most_starts, on_progress)
 
 
 def _spread(
     running: Running,
     place: Place,
+    sender: Sender,
     program: str | None,
     most_starts: int,
     on_progress: Callable[[SpreadProgress], None] | None,
 ) -> RunResult:
     token = copies.begin_sharing(running.directory)
-    sender = Sender(running.directory, place)
     gone: GoneError | None = None
     stopped = 0
 
@@ -99,7 +121,7 @@ def _spread(
 
     try:
         with _noting_signals() as signals:
-            units = _units(running, place, token, program)
+            units = [sender.ready(u) for u in _units(running, place, token, program)]
             ended = over(
                 place,
                 solve,
@@ -119,7 +141,6 @@ def _spread(
             finally:
                 ended.close()
     finally:
-        sender.close()
         copies.end_sharing(running.directory)
     result = result_of(running, gone, stopped)
     if on_progress is not None:

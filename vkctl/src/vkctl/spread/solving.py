@@ -20,7 +20,7 @@ from . import copies
 from .work import ElsewhereError, Here, LackingError
 
 _TELL = 0.5  # seconds between two words about how a unit gets on
-_POLL = 0.01  # between two looks at the solver
+_POLL = 0.02  # between two looks at the solver
 _MORE = 1.5  # times the memory that was too little
 _KEY_THREADS, _KEY_MEMORY = "Sys.MaxNumCompThreads", "Sys.AvailableMemGB"
 
@@ -111,7 +111,8 @@ def _copy(task: Solve, here: Here) -> tuple[Path, bool]:
         for name, content in task.own.items():
             (folder / name).write_bytes(content)
         shares = False
-    _adapt(task, here, folder)
+    with formats.passing():
+        _adapt(task, here, folder)
     return folder, shares
 
 

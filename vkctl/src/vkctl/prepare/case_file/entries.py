@@ -43,6 +43,7 @@ class SetDefinition:
     formula: Expression | None
     nearest: tuple[Vector, ...]
     normal: tuple[Vector, float] | None  # direction, largest angle in degrees
+    labels: tuple[int, ...] | None = None  # in the numbers of the part's file
 
 
 @dataclass
@@ -92,6 +93,9 @@ class Load:
     point: Vector | None = None  # where a remote force acts, or of a bearing's axis
     moment: Vector = (0.0, 0.0, 0.0)  # beside a remote force
     axis: Vector | None = None  # of a bearing; None: that of the wall
+    # In the place of sets, nodes in the numbers of the part's file with a value each.
+    labels: tuple[int, ...] = ()
+    each: tuple[float, ...] | tuple[Vector, ...] = ()
 
 
 @dataclass

@@ -78,6 +78,8 @@ def read_load(table: Table) -> Load:
     )
     kind = table.choice("type", kinds)
     load = Load(kind, table.path, ())  # type: ignore[arg-type]
+    if kind in ("force", "temperature") and "labels" in table.data:
+        return _read_each(load, table)
     load.sets = set_names(table, required=kind not in ("gravity", "temperature"))
     if kind == "force":
         load.values = table.vector("value")
@@ -101,6 +103,21 @@ def read_load(table: Table) -> Load:
     else:
         load.array, value = _value_or_array(table)
         load.values = () if value is None else (value,)
+        load.reference = table.number("reference", 0.0)
+    table.done()
+    return load
+
+
+def _read_each(load: Load, table: Table) -> Load:
+    """A force or temperature that is told node by node."""
+    load.labels = table.labels("labels") or ()
+    load.each = table.triples("values") if load.kind == "force" else table.numbers("values")
+    if load.labels and load.each and len(load.labels) != len(load.each):
+        text = f"are {len(load.each)} for {len(load.labels)} labels"
+        table.problem("values", text, "give one for each")
+    if len(set(load.labels)) != len(load.labels):
+        table.problem("labels", "name a node twice")
+    if load.kind == "temperature":
         load.reference = table.number("reference", 0.0)
     table.done()
     return load

@@ -18,6 +18,7 @@ def read_set(kind: SetKind, table: Table) -> SetDefinition:
         formula=table.formula("where"),
         nearest=table.triples("nearest") if kind == "node" and table.has("nearest") else (),
         normal=_normal(table) if kind == "face" else None,
+        labels=table.labels("labels") if kind != "face" else None,
     )
     table.done()
     return definition

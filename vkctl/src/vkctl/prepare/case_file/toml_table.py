@@ -96,6 +96,7 @@ def _is_deeper(value: object, most: int) -> bool:
 _LARGEST = 3.4e38  # a 32-bit number
 _SHORTEST = 1e-30  # of a direction's components; shorter ones vanish when they are squared
 _LARGEST_INTEGER = 2**31 - 1
+_LARGEST_LABEL = 2**62
 _LONGEST_SHOWN = 80  # characters of a value in a message
 
 
@@ -262,6 +263,27 @@ class Table:
             self.problem(key, f"must be {wanted} of three numbers, not {_described(value)}")
             return ()
         return tuple(self._triple(v, (key, i)) for i, v in enumerate(value))
+
+    def labels(self, key: str) -> tuple[int, ...] | None:
+        """A list of whole numbers from 1 on, None where the key is missing."""
+        given, value = self._take(key, None)
+        if not given:
+            return None
+        numbers = value if isinstance(value, list) else [value]
+        if not numbers or not all(type(n) is int and 0 < n <= _LARGEST_LABEL for n in numbers):
+            self.problem(key, f"must be a list of whole numbers from 1 on, not {_described(value)}")
+            return None
+        return tuple(numbers)
+
+    def numbers(self, key: str) -> tuple[float, ...]:
+        """A list of numbers."""
+        given, value = self._take(key, REQUIRED)
+        if not given:
+            return ()
+        if not isinstance(value, list):
+            self.problem(key, f"must be a list of numbers, not {_described(value)}")
+            return ()
+        return tuple(self._finite(v, (key, i)) or 0.0 for i, v in enumerate(value))
 
     def names(self, key: str, default: Sequence[str] | None | _Required = ()) -> Any:
         """A text or a list of texts, as a tuple."""

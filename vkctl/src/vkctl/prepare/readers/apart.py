@@ -64,6 +64,7 @@ def read_apart(path: Path, ending: str, options: MeshOptions, reading: Reading) 
             "options": asdict(options),
             "trusted": trusted,
             "limits": reading.limits,
+            "conditions": reading.conditions,
             "memory": memory,
             "budget": int(_MESHING_SHARE * memory),
             "parent": os.getpid(),

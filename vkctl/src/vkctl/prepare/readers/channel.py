@@ -8,7 +8,7 @@ from __future__ import annotations
 
 import json
 import struct
-from dataclasses import dataclass
+from dataclasses import asdict, dataclass
 from typing import IO, Any
 
 import numpy as np
@@ -17,7 +17,7 @@ from vkctl.basics.types import Array
 from vkctl.basics.words import printable
 from vkctl.shapes.topology import NODES_PER_TYPE
 
-from ..part import Part
+from ..part import DeckSection, Part
 
 _LENGTH = struct.Struct("<Q")
 _LONGEST_TEXT = 256 << 20  # bytes of JSON: names of sets
@@ -104,6 +104,7 @@ def part_message(part: Part) -> tuple[dict[str, Any], list[Array]]:
         "unsupported": part.unsupported,
         "notes": part.notes,
         "meshed": part.meshed,
+        "deck": [asdict(section) for section in part.deck],
     }
     return content, pack.arrays
 
@@ -138,6 +139,7 @@ def told_part(message: Message) -> Part:
         part.unsupported = {printable(n): int(v) for n, v in said["unsupported"].items()}
         part.notes = [printable(str(note)) for note in said["notes"]]
         part.meshed = bool(said["meshed"])
+        part.deck = [_section(told) for told in said["deck"]]
     except (KeyError, TypeError, ValueError, AttributeError) as error:
         raise BrokenError(f"a part that can't be understood: {error}") from None
     sizes = [len(part.points), *(len(v) for v in part.node_data.values())]
@@ -145,3 +147,14 @@ def told_part(message: Message) -> Part:
     if any(size != len(part.labels) for size in sizes) or not all(pairs):
         raise BrokenError("arrays of different lengths")
     return part
+
+
+def _section(told: dict[str, Any]) -> DeckSection:
+    return DeckSection(
+        str(told["keyword"]),
+        {str(name): str(value) for name, value in told["parameters"].items()},
+        [(int(line), str(text)) for line, text in told["pieces"]],
+        str(told["first_line"]),
+        str(told["file"]),
+        int(told["line"]),
+    )

@@ -7,45 +7,31 @@ from __future__ import annotations
 
 import re
 import warnings
-from collections.abc import Iterable, Iterator
+from collections.abc import Iterable
 from dataclasses import dataclass, field
 from pathlib import Path
 
 import numpy as np
 
 from vkctl.basics.arrays import distinct
-from vkctl.basics.failures import reason
 from vkctl.basics.types import Array, PathLike
 from vkctl.basics.words import counted, did_you_mean
 from vkctl.shapes.topology import FACES, HEX8, TET4, TET10
 
-from ..part import Lookup, Part, PartError, labelled
+from ..deck_pressures import PressedFaces, plain_name, pressed_faces
+from ..part import DeckSection, Lookup, Part, PartError, labelled
+from .deck_sections import Sources, sections
 
 # Both programs count the nodes of these types as the solver does.
 _SOLIDS = {"C3D4": (TET4, 4), "C3D10": (TET10, 10), "C3D8": (HEX8, 8)}
 _OTHER_SOLIDS = {"C3D5": 5, "C3D6": 6, "C3D13": 13, "C3D15": 15, "C3D20": 20, "C3D27": 27}
 _SURFACE = re.compile(r"(?:DS|SFM3D|SC|S|STRI|M3D|CPS|CPEG?|CAX|R3D|F3D)(3|4|6|65|8|9)[A-Z]*\Z")
 _SOLID = re.compile(r"(C3D\d+)([A-Z]*)\Z")
-_LINES = {"T3D2": 2, "T3D3": 3, "T2D2": 2, "B31": 2, "B32": 3, "B21": 2, "SPRINGA": 2, "MASS": 1}
-_KEYWORD = re.compile(r"^[ \t]*\*[^\n]*", re.MULTILINE)
+_LINES = {"T3D2": 2, "T3D3": 3, "T2D2": 2, "B31": 2, "B32": 3, "B21": 2, "MASS": 1}
+_LINES |= {"SPRINGA": 2, "SPRING1": 1, "SPRING2": 2}
 _SILENT = {"HEADING", "PART", "ENDPART", "ASSEMBLY", "ENDASSEMBLY", "INSTANCE", "ENDINSTANCE"}
-_DEEPEST_INCLUDE = 10
-_MOST_INCLUDES = 1000
 _MOST_MEMBERS = 50_000_000  # of sets, where lines of a deck stand for many
 _LARGEST_LABEL = 2**62
-
-
-@dataclass
-class _Section:
-    """One keyword with its parameters (names in capitals) and its data lines."""
-
-    keyword: str
-    parameters: dict[str, str]
-    data: str
-    first_line: str
-
-    def get(self, name: str) -> str:
-        return self.parameters.get(name, "")
 
 
 @dataclass
@@ -59,6 +45,9 @@ class _Deck:
     node_sets: dict[str, list[Array]] = field(default_factory=dict)
     element_sets: dict[str, list[Array]] = field(default_factory=dict)
     surfaces: dict[str, list[tuple[str, str]]] = field(default_factory=dict)  # (set, side)
+    pressed: list[PressedFaces] = field(default_factory=list)
+    blocks: int = 0  # of *DLOAD
+    conditions: list[DeckSection] = field(default_factory=list)
     titles: dict[str, str] = field(default_factory=dict)  # spelling of each name
     unsupported: dict[str, int] = field(default_factory=dict)
     passed_over: dict[str, None] = field(default_factory=dict)
@@ -70,7 +59,7 @@ class _Deck:
 
     def name(self, text: str) -> str:
         """A set's name in capitals, without the instance in front; remembers its spelling."""
-        plain = text.strip().strip('"').rpartition(".")[2]
+        plain = plain_name(text)
         self.titles.setdefault(plain.upper(), plain)
         return plain.upper()
 
@@ -92,93 +81,32 @@ def _joined(sets: dict[str, list[Array]], name: str) -> Array:
     return pieces[0] if pieces else np.empty(0, np.int64)
 
 
-@dataclass
-class _Sources:
-    """The files of a deck: where they may lie, and how many there have been."""
-
-    folder: Path
-    anywhere: bool
-    files: int = 0
-
-
-def read_inp(path: PathLike, title: str, anywhere: bool = False) -> Part:
+def read_inp(path: PathLike, title: str, anywhere: bool = False, conditions: bool = False) -> Part:
     """Part of an input deck: *NODE, *ELEMENT, *NSET, *ELSET, *SURFACE and *INCLUDE.
 
-    Included files lie in the deck's folder or below it, unless `anywhere`.
+    Included files lie in the deck's folder or below it, unless `anywhere`. The faces that *DLOAD
+    lines name are surfaces too. With `conditions` the part holds all other keywords as they are.
     """
     deck = _Deck()
-    for section in _sections(Path(path), _Sources(Path(path).parent.resolve(), anywhere)):
+    for section in sections(Path(path), Sources(Path(path), title, anywhere)):
         _take(deck, section, title)
+        if conditions:
+            _keep(deck, section)
     if not deck.node_labels:
         raise PartError(f"{title}: no *NODE block")
     return _part(deck)
 
 
-def _sections(path: Path, sources: _Sources, depth: int = 0) -> Iterator[_Section]:
-    sources.files += 1
-    if depth > _DEEPEST_INCLUDE:
-        raise PartError(f"{path}: *INCLUDE lines go round in a circle")
-    if sources.files > _MOST_INCLUDES:
-        raise PartError(f"{path}: more than {_MOST_INCLUDES} *INCLUDE lines")
-    try:
-        if not path.is_file() and path.exists():
-            raise PartError(f"{path}: is no file that can be included")
-        text = path.read_text("latin-1").replace("\r\n", "\n")
-    except (OSError, ValueError) as error:
-        why = reason(error) if isinstance(error, OSError) else str(error)
-        raise PartError(f"{path}: can't be read: {why}") from None
-    head = ""
-    data: list[str] = []
-    last = 0
-    for match in _KEYWORD.finditer(text):
-        data.append(text[last : match.start()])
-        last = match.end()
-        line = match[0].strip()
-        if line.startswith("**"):
-            continue
-        yield from _finished(head, data, path, sources, depth)
-        head, data = line, []
-        while head.endswith(",") and last < len(text):  # the parameters go on in the next line
-            stop = text.find("\n", last + 1)
-            stop = len(text) if stop < 0 else stop
-            head += text[last:stop].strip()
-            last = stop
-    data.append(text[last:])
-    yield from _finished(head, data, path, sources, depth)
+def _keep(deck: _Deck, section: DeckSection) -> None:
+    """Remember what isn't mesh; of elements just the springs."""
+    if section.keyword == "ELEMENT":
+        if section.get("TYPE").upper().startswith("SPRING"):
+            deck.conditions.append(section)
+    elif section.keyword not in ("NODE", "NSET", "ELSET", "SURFACE"):
+        deck.conditions.append(section)
 
 
-def _finished(
-    head: str, data: list[str], path: Path, sources: _Sources, depth: int
-) -> Iterator[_Section]:
-    if not head:
-        return
-    keyword, *rest = head.lstrip("*").split(",")
-    pairs = [r.partition("=") for r in rest]
-    parameters = {k.strip().upper().replace(" ", ""): v.strip() for k, _, v in pairs}
-    section = _Section(keyword.upper().replace(" ", ""), parameters, "\n".join(data), head)
-    if section.keyword == "INCLUDE":
-        name = section.get("INPUT").strip('"')
-        yield from _sections(_included(path, name, sources), sources, depth + 1)
-    else:
-        yield section
-
-
-def _included(path: Path, name: str, sources: _Sources) -> Path:
-    """The file of an *INCLUDE line; links count as what they point to."""
-    place = path.parent / name
-    try:
-        inside = place.resolve().is_relative_to(sources.folder)
-    except (OSError, ValueError, RuntimeError):  # circles of links, zero bytes
-        inside = False
-    if not inside and not sources.anywhere:
-        raise PartError(
-            f"{path}: *INCLUDE of {name!r}, which doesn't lie below the deck's folder; "
-            "--trust-scripts reads it all the same"
-        )
-    return place
-
-
-def _take(deck: _Deck, section: _Section, path: PathLike) -> None:
+def _take(deck: _Deck, section: DeckSection, path: PathLike) -> None:
     keyword = section.keyword
     in_assembly = "ASSEMBLY" in deck.scope and "INSTANCE" not in deck.scope
     if keyword in ("PART", "ASSEMBLY", "INSTANCE"):
@@ -199,10 +127,13 @@ def _take(deck: _Deck, section: _Section, path: PathLike) -> None:
     elif keyword == "SURFACE":
         _take_surface(deck, section)
     elif keyword not in _SILENT:
+        if keyword == "DLOAD":
+            deck.blocks += 1
+            deck.pressed += pressed_faces(section, deck.blocks)
         deck.passed_over[f"*{keyword}"] = None
 
 
-def _open_scope(deck: _Deck, section: _Section, path: PathLike) -> None:
+def _open_scope(deck: _Deck, section: DeckSection, path: PathLike) -> None:
     deck.scope.append(section.keyword)
     deck.has_part |= section.keyword == "PART"
     if section.keyword == "INSTANCE":
@@ -226,7 +157,7 @@ def _numbers(text: str, dtype: type = np.float64) -> Array:
     return np.fromstring(flat, dtype, sep=" ")
 
 
-def _records(section: _Section, width: int, path: PathLike, dtype: type = np.int64) -> Array:
+def _records(section: DeckSection, width: int, path: PathLike, dtype: type = np.int64) -> Array:
     """Data lines as records of `width` numbers, whatever lines they are spread over."""
     try:
         with warnings.catch_warnings():
@@ -241,7 +172,7 @@ def _records(section: _Section, width: int, path: PathLike, dtype: type = np.int
     return values.reshape(-1, width)
 
 
-def _take_nodes(deck: _Deck, section: _Section, path: PathLike) -> None:
+def _take_nodes(deck: _Deck, section: DeckSection, path: PathLike) -> None:
     try:
         records = _records(section, 4, path, np.float64)
     except PartError:
@@ -255,7 +186,7 @@ def _take_nodes(deck: _Deck, section: _Section, path: PathLike) -> None:
         deck.extend(deck.node_sets, deck.name(name), labels)
 
 
-def _short_nodes(section: _Section, path: PathLike) -> Array:
+def _short_nodes(section: DeckSection, path: PathLike) -> Array:
     """Node lines read one by one: coordinates at the end of a line may be missing, which is 0."""
     lines = [line.strip().rstrip(",") for line in section.data.split("\n") if line.strip()]
     rows = np.zeros((len(lines), 4))
@@ -268,7 +199,7 @@ def _short_nodes(section: _Section, path: PathLike) -> Array:
     return rows
 
 
-def _take_elements(deck: _Deck, section: _Section, path: PathLike) -> None:
+def _take_elements(deck: _Deck, section: DeckSection, path: PathLike) -> None:
     kind = section.get("TYPE").upper()
     name = deck.name(section.get("ELSET")) if section.get("ELSET") else ""
     solid = _SOLID.match(kind)
@@ -297,7 +228,7 @@ def _take_elements(deck: _Deck, section: _Section, path: PathLike) -> None:
         deck.extend(deck.element_sets, name, rows[:, 0])
 
 
-def _take_set(deck: _Deck, section: _Section, path: PathLike) -> None:
+def _take_set(deck: _Deck, section: DeckSection, path: PathLike) -> None:
     sets = deck.node_sets if section.keyword == "NSET" else deck.element_sets
     name = deck.name(section.get(section.keyword))
     if "GENERATE" in section.parameters:
@@ -341,7 +272,7 @@ def _generated(deck: _Deck, run: str, path: PathLike) -> Array:
     return np.arange(first, last + 1, step)
 
 
-def _take_surface(deck: _Deck, section: _Section) -> None:
+def _take_surface(deck: _Deck, section: DeckSection) -> None:
     name = deck.name(section.get("NAME"))
     entries = []
     for line in section.data.split("\n"):
@@ -374,6 +305,7 @@ def _part(deck: _Deck) -> Part:
     )
     if deck.passed_over:
         part.notes.append(f"passed over in the deck: {', '.join(sorted(deck.passed_over))}")
+    part.deck = deck.conditions
     nodes = Lookup(part.labels, "node")
     solids = Lookup(_all_labels(deck.solids), "element")
     flat = Lookup(_all_labels(deck.flat), "surface element")
@@ -390,7 +322,27 @@ def _part(deck: _Deck) -> Part:
     for name, entries in deck.surfaces.items():
         if rows := _rows_of_surface(deck, part, name, entries, solids, flat):
             part.surfaces.setdefault(deck.titles[name], []).extend(rows)
+    for pressed in deck.pressed:
+        if pressed.name not in part.surfaces and (rows := _pressed_rows(deck, pressed)):
+            part.surfaces[pressed.name] = rows
     return part
+
+
+def _pressed_rows(deck: _Deck, pressed: PressedFaces) -> list[Array]:
+    """Node rows of the sides that *DLOAD lines name; of elements and sides that there are."""
+    labels: dict[int, list[Array]] = {}
+    for word, side in pressed.entries:
+        label = _label(word)
+        name = plain_name(word).upper()
+        own = _joined(deck.element_sets, name) if label is None else np.array([label])
+        labels.setdefault(side, []).append(own)
+    found = []
+    for side, pieces in labels.items():
+        wanted = np.concatenate(pieces)
+        for code, own, rows in deck.solids:
+            if side <= len(FACES[code]):
+                found.append(rows[np.isin(own, wanted)][:, FACES[code][side - 1]])
+    return [rows for rows in found if len(rows)]
 
 
 def _all_labels(blocks: list) -> Array:  # type: ignore[type-arg]

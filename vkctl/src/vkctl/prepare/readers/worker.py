@@ -51,7 +51,7 @@ def _read(stream: IO[bytes], job: dict[str, Any]) -> Part:
     if ending == ".inp":
         from .inp import read_inp
 
-        return read_inp(path, title, anywhere=job["trusted"])
+        return read_inp(path, title, anywhere=job["trusted"], conditions=job["conditions"])
     if ending == ".vtu":
         from .vtu import read_vtu
 

@@ -1,0 +1,105 @@
+"""The optimisation loop with workers: the same steps as on one machine, from wherever it stops."""
+
+from __future__ import annotations
+
+import signal
+import subprocess
+import sys
+from collections.abc import Iterator
+from pathlib import Path
+
+import pytest
+from cluster_work import Processes, awaited, scheduler
+from small_loops import TWO_CASES, VK_RUND, write_small
+from typer.testing import CliRunner
+
+from vkctl.cli import app
+from vkctl.directory import formats
+from vkctl.optimise import history, optimise
+from vkctl.spread import copies
+from vkctl.spread.sending import Sender
+
+runner = CliRunner()
+STEPS = 3
+
+
+@pytest.fixture(scope="module")
+def processes(tmp_path_factory: pytest.TempPathFactory) -> Iterator[Processes]:
+    one_core = ["--nthreads", "1", "--memory-limit", "1GB"]
+    with scheduler(tmp_path_factory.mktemp("cluster"), worker_options=one_core) as started:
+        started.add_worker()
+        started.add_worker()
+        yield started
+
+
+@pytest.fixture(scope="module")
+def alone(tmp_path_factory: pytest.TempPathFactory) -> Path:
+    """A loop on one thread of one machine."""
+    folder = tmp_path_factory.mktemp("alone")
+    cases = small(folder)
+    optimise(cases, folder / "work", volume=0.6, steps=STEPS, vk_rund=VK_RUND)
+    return folder / "work"
+
+
+def small(folder: Path) -> Path:
+    return write_small(folder, "reduction = 0.15\n", TWO_CASES)
+
+
+def equal_steps(first: Path, second: Path) -> bool:
+    """Whether two loops came to the same levels and energies in every step, to the bit."""
+    rows = [[(r.objective, r.energies) for r in history.read_history(d)] for d in (first, second)]
+    levels = [
+        [history.levels_file(d, step).read_bytes() for step in range(1, STEPS + 2)]
+        for d in (first, second)
+    ]
+    return rows[0] == rows[1] and levels[0] == levels[1]
+
+
+def test_the_loop_is_that_of_one_machine(tmp_path, processes, alone):
+    cases = small(tmp_path)
+    command = ["optimise", str(cases), str(tmp_path / "work"), "--volume", "0.6", "--no-pictures"]
+    command += ["--steps", str(STEPS), "--on", processes.address, "--vk-rund", str(VK_RUND)]
+    told = runner.invoke(app, command)
+    assert told.exit_code == 0, told.output
+    assert equal_steps(tmp_path / "work", alone)
+
+
+def test_only_the_levels_are_sent_again(tmp_path, processes, alone, monkeypatch):
+    """Workers that don't see the directory get the model once."""
+    sent: list[str] = []
+    send = Sender._send
+
+    def noting(self: Sender, path: Path, digest: str) -> None:
+        sent.append(path.name)
+        send(self, path, digest)
+
+    monkeypatch.setattr(Sender, "_send", noting)
+    monkeypatch.setattr(copies, "TOKEN", "elsewhere")
+    cases = small(tmp_path)
+    optimise(
+        cases, tmp_path / "work", volume=0.6, steps=STEPS, vk_rund=VK_RUND, on=processes.address
+    )
+    assert equal_steps(tmp_path / "work", alone)
+    assert sorted(sent) == sorted([*copies.SHARED_FILES, *[formats.file_names.TP] * (STEPS - 1)])
+
+
+def test_a_killed_loop_goes_on_on_workers(tmp_path, processes, alone):
+    cases = small(tmp_path)
+    command = [sys.executable, "-m", "vkctl", "optimise", str(cases), str(tmp_path / "work")]
+    command += ["--volume", "0.6", "--no-pictures", "--steps", str(STEPS)]
+    command += ["--on", processes.address, "--vk-rund", str(VK_RUND)]
+    loop = subprocess.Popen(command)
+    awaited(history.levels_file(tmp_path / "work", 2).exists)
+    loop.send_signal(signal.SIGKILL)
+    loop.wait()
+    optimise(
+        cases, tmp_path / "work", volume=0.6, steps=STEPS, vk_rund=VK_RUND, on=processes.address
+    )
+    assert equal_steps(tmp_path / "work", alone)
+
+
+def test_a_wrong_place_is_refused_before_anything_is_made(tmp_path):
+    cases = small(tmp_path)
+    told = runner.invoke(app, ["optimise", str(cases), str(tmp_path / "work"), "--on", "local:0"])
+    assert told.exit_code == 2 and "1 to 256 workers" in told.stderr
+    assert not (tmp_path / "work").exists()
