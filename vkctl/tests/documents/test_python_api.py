@@ -60,7 +60,7 @@ def bracket(folder: Path) -> Path:
 
 
 def test_every_example_of_the_page_is_run_here() -> None:
-    assert len(BLOCKS) == 13
+    assert len(BLOCKS) == 14
 
 
 def test_check_finds_no_fault_in_its_directory(folder: Path) -> None:

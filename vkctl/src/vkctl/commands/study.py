@@ -8,6 +8,7 @@ from typing import Annotated
 import typer
 
 from vkctl.basics.extras import need
+from vkctl.basics.words import printable
 from vkctl.terminal import output
 from vkctl.terminal.arguments import AsJson
 from vkctl.terminal.reading import (
@@ -34,6 +35,16 @@ def study_command(
     threads: Annotated[
         int | None, typer.Option(..., min=1, help="threads of each; the processors shared out")
     ] = None,
+    on: Annotated[
+        str | None,
+        typer.Option(
+            ...,
+            "--on",
+            metavar="WHERE",
+            help="workers that make the variants, and see OUT: local:N on this machine, "
+            "tcp://HOST:PORT or tls://HOST:PORT of a Dask scheduler, or a cluster's name",
+        ),
+    ] = None,
     dry_run: Annotated[
         bool, typer.Option(..., "--dry-run", help="tell count, size and time, and do nothing")
     ] = False,
@@ -57,16 +68,27 @@ def study_command(
     from vkctl.prepare.case_file.mistakes import CaseFileError
     from vkctl.prepare.part import PartError, Reading
     from vkctl.running.run import NotFoundError
+    from vkctl.spread.over import GoneError
+    from vkctl.spread.where import WhereError, parse_where
     from vkctl.study import StudyError, planned, study, tables
     from vkctl.study import pictures as drawing
+    from vkctl.study.remote import dispatch_on
     from vkctl.terminal import studying
 
     console = output.console(silent=as_json)
+    if on is not None and (jobs is not None or threads is not None):
+        raise refuse(
+            "--jobs and --threads are for this machine: the workers of --on have their own."
+        )
+
+    def tell(line: str) -> None:
+        console.print(printable(line), markup=False, soft_wrap=True)
+
     with refusing():
         if pictures and not dry_run:
             need("matplotlib")
     try:
-        with refusing(CaseFileError, PartError, StudyError), ending_when_asked():
+        with refusing(CaseFileError, PartError, StudyError, WhereError), ending_when_asked():
             if dry_run:
                 with reading_shown(trust_scripts, no_limits) as reading:
                     found = planned(
@@ -75,6 +97,7 @@ def study_command(
                 for line in studying.planned_lines(found):
                     console.print(line, markup=False, soft_wrap=True)
                 return
+            where = None if on is None else dispatch_on(parse_where(on), tell)
             with studying.shown(console) as show:
                 done = study(
                     study_file,
@@ -85,8 +108,11 @@ def study_command(
                     retry=retry,
                     vk_rund=vk_rund,
                     reading=Reading(trust_scripts, not no_limits),
+                    dispatch=where,
                     on_progress=show,
                 )
+    except GoneError as error:
+        raise refuse(f"{error} Start it again to go on.") from None
     except NotFoundError as error:
         raise refuse(error, error.status) from None
     except KeyboardInterrupt:

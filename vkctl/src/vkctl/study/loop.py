@@ -51,7 +51,7 @@ class Progress:
     """How far a study is; `latest` is the variant that has just ended, if one has."""
 
     count: int
-    jobs: int
+    jobs: int  # at a time on this machine; 0 where others make them
     statuses: Counter[str] = field(default_factory=Counter)
     elapsed: float = 0.0  # seconds since it was started, or started again
     remaining: float | None = None  # seconds, an estimate
@@ -104,15 +104,16 @@ def study(
     retry: bool = False,
     vk_rund: PathLike | None = None,
     reading: Reading | None = None,
-    dispatch: Dispatch = solved_here,
+    dispatch: Dispatch | None = None,
     on_progress: Callable[[Progress], None] | None = None,
 ) -> Studied:
     """Make the variants of a study file in the folder `out`; called again, it goes on.
 
     `jobs` variants at a time, each on `threads` threads; without them as many as processors and
-    memory allow. `again` begins anew, `retry` repeats what isn't done well. Raises CaseFileError
-    and PartError for mistakes in the inputs, StudyError where the folder is another study's,
-    NotFoundError where there is no solver.
+    memory allow. `dispatch` hands them to other machines instead (`remote.dispatch_on`). `again`
+    begins anew, `retry` repeats what isn't done well. Raises CaseFileError and PartError for
+    mistakes in the inputs, StudyError where the folder is another study's, NotFoundError where
+    there is no solver.
     """
     program = find_vk_rund(vk_rund)
     said, folder, how = read_study(path), Path(out), reading or Reading()
@@ -132,7 +133,9 @@ def study(
                 outcomes = _taken_up(folder, plan, retry)
                 share = shares(jobs, threads, len(plan.variants) - len(outcomes), plan.memory_gb)
                 tasks = _tasks(said, plan, folder, outcomes, share.threads, program, how)
-                _make(folder, plan, said.keep, outcomes, dispatch, tasks, share.jobs, on_progress)
+                jobs_here = share.jobs if dispatch is None else 0
+                hand_out = dispatch or solved_here
+                _make(folder, plan, said.keep, outcomes, hand_out, tasks, jobs_here, on_progress)
                 remove(folder / journal.MESHES)
                 return Studied(folder, plan, rows_of(plan, outcomes))
         except journal.LockedError as error:
@@ -252,6 +255,7 @@ def _tasks(
             tuple(said.wanted),
             tuple(plan.columns),
             str(_mesh_file(folder, one)) if one in shared else "",
+            plan.memory_gb or 0.0,
             str(program),
             reading.trust_scripts,
             reading.limits,

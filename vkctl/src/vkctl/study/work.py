@@ -19,6 +19,7 @@ import tomli_w
 from vkctl.basics.failures import sentence
 from vkctl.basics.words import listed
 from vkctl.directory import formats, model
+from vkctl.directory.lock import BusyError
 from vkctl.directory.results import POOR_QUALITY
 from vkctl.optimise import OptimiseError, optimise
 from vkctl.prepare.build import Prepared, build_model
@@ -66,6 +67,7 @@ class Task:
     wanted: tuple[Wanted, ...]
     columns: tuple[str, ...]
     mesh: str = ""  # the file of a mesh that other variants have too
+    memory_gb: float = 0.0  # that it takes, an estimate; 0 where nobody knows
     vk_rund: str = ""
     trust_scripts: bool = False
     limits: bool = True
@@ -84,11 +86,21 @@ class Outcome:
 
 def solve(task: Task) -> Outcome:
     """Make a variant; whatever goes wrong with it is told in what comes back."""
+    try:
+        return attempt(task)
+    except BusyError as error:
+        return Outcome(task.number, "failed", message=str(error))
+
+
+def attempt(task: Task) -> Outcome:
+    """The same, but BusyError where another process, on another machine perhaps, is at it."""
     begun = time.monotonic()
     try:
         status, values, message = _solved(task)
     except MemoryError:
         status, values, message = "failed", {}, "memory ran out"
+    except BusyError:
+        raise
     except OSError as error:
         status, values, message = "failed", {}, sentence(error)
     except _FORESEEN as error:
@@ -155,11 +167,12 @@ _Told = tuple[str, Values, str]  # status, values of the whole run, message
 
 
 def _run(task: Task, directory: Path) -> _Told:
-    result = run(directory, threads=task.threads, mode=task.mode, vk_rund=task.vk_rund or None)
-    for _ in range(_RUNS - 1):
+    vk_rund = task.vk_rund or None
+    set_run_options(directory, task.threads, task.mode)
+    for _ in range(_RUNS):
+        result = run(directory, vk_rund=vk_rund, together=True)
         if result.outcome != "killed":
             break
-        result = run(directory, vk_rund=task.vk_rund or None)
     return _told_of(result)
 
 

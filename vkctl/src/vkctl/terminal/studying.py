@@ -29,7 +29,8 @@ def progress_line(progress: Progress) -> str:
     """Such as "120 of 1000 variants, 3 failed, 2 at a time, 1:12 min, about 8:20 min left"."""
     parts = [f"{progress.finished} of {progress.count} variants"]
     parts += _counts(progress.statuses)
-    parts += [f"{progress.jobs} at a time", clock(progress.elapsed)]
+    parts += [f"{progress.jobs} at a time"] if progress.jobs else []
+    parts.append(clock(progress.elapsed))
     if progress.remaining is not None and progress.finished < progress.count:
         parts.append(f"about {clock(progress.remaining)} left")
     return ", ".join(parts)

@@ -2,7 +2,7 @@
 // about the part's z axis.
 
 const VIEWS = { corner: [-0.6, -1, 0.5], x: [1, 0, 0], y: [0, -1, 0], z: [0, 0, 1] };
-const MARGIN = 1.12; // of what is fitted into the picture
+const MARGIN = 1.05; // of what is fitted into the picture
 const PER_PIXEL = 0.008; // radians
 
 const product = (a, b) => [0, 3, 6].flatMap((row) => [0, 1, 2].map(
@@ -19,6 +19,7 @@ class Camera {
     this.middle = [0, 0, 0];
     this.height = 1; // that the picture spans
     this.half = [0.5, 0.5, 0.5]; // of the box that is looked at, around the origin
+    this.room = 0; // around that box, for what sticks out of it
     this.hands = new Map(); // places of pressed buttons and fingers
     this.listen();
   }
@@ -49,7 +50,7 @@ class Camera {
 
   fit() {
     const [wide, high] = [0, 3].map((row) => this.half.reduce(
-      (sum, half, k) => sum + 2 * half * Math.abs(this.turn[row + k]), 0));
+      (sum, half, k) => sum + 2 * half * Math.abs(this.turn[row + k]), 2 * this.room));
     this.middle = [0, 0, 0];
     this.height = MARGIN * Math.max(high, wide / this.aspect, 1e-6 * Math.hypot(...this.half));
     this.isWhole = true; // and stays so in a canvas of another size

@@ -41,6 +41,8 @@ class PartViewer {
     this.extent = Math.max(...scene.high.map((high, k) => high - scene.low[k])) || 1;
     this.middle = scene.high.map((high, k) => (high + scene.low[k]) / 2);
     this.camera.half = scene.high.map((high, k) => (high - scene.low[k]) / 2);
+    // Deformation and arrows, which seldom stick out at both ends.
+    this.camera.room = scene.cases.length ? 0.75 * (VISIBLE + ARROW / 2) * this.extent : 0;
     this.places = this.placed(this.points);
     this.choice.case = Math.max(0, Math.min(this.choice.case, scene.cases.length - 1));
     if (!this.field) this.choice.field = this.offered().map((one) => one.name)[this.offered().length > 1 ? 1 : 0] || null;
