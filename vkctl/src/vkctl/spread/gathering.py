@@ -41,6 +41,7 @@ class SpreadProgress:
     run: Progress  # of all, from the common log
     doing: list[Doing]
     workers: int
+    solved_by: dict[int, str]  # worker of each finished load case
 
 
 @dataclass
@@ -62,7 +63,7 @@ class Running:
     tracker: Tracker
     log: placing.Log
     say: Callable[[str], None]
-    done: set[int] = field(default_factory=set)
+    done: dict[int, str] = field(default_factory=dict)  # finished load cases, with their worker
     doing: dict[str, Doing] = field(default_factory=dict)
     failures: list[Failure] = field(default_factory=list)
     peak_gb: float | None = None
@@ -85,27 +86,27 @@ def note(running: Running, event: Event) -> None:
         said = event.values
         doing.load_case, doing.stage = said["load_case"], said["stage"]
         doing.memory_gb = said["memory_gb"]
-        if said["folder"] and set(said["finished"]) - running.done:
-            _take_from(running, Path(said["folder"]), said["finished"])
+        if said["folder"] and set(said["finished"]) - set(running.done):
+            _take_from(running, Path(said["folder"]), said["finished"], event.worker)
 
 
-def _take_from(running: Running, folder: Path, finished: Sequence[int]) -> None:
+def _take_from(running: Running, folder: Path, finished: Sequence[int], worker: str) -> None:
     """Finished load cases of a copy on the same disk."""
-    if running.done.issuperset(finished) or not folder.is_dir():
+    if set(running.done).issuperset(finished) or not folder.is_dir():
         return
     new = [number for number in finished if number not in running.done]
     head, log = split_log(folder)
     running.log.head(head)
     placing.move_results(folder, running.directory, new)
-    _mark(running, new, log)
+    _mark(running, new, log, worker)
 
 
-def _mark(running: Running, numbers: Sequence[int], log: dict[int, list[str]]) -> None:
+def _mark(running: Running, numbers: Sequence[int], log: dict[int, list[str]], worker: str) -> None:
     """What is in place is marked, and then told, in this order."""
     placing.mark_done(running.directory, numbers)
     for number in numbers:
         running.log.add(log.get(number, []))
-    running.done.update(numbers)
+    running.done.update(dict.fromkeys(numbers, worker))
 
 
 def take(running: Running, done: Done) -> None:
@@ -116,7 +117,7 @@ def take(running: Running, done: Done) -> None:
     result = done.value if isinstance(done.value, RunResult) else None
     if solved is not None:
         result = solved.run
-        _take_solved(running, solved)
+        _take_solved(running, solved, done.worker)
     if result is not None and result.peak_memory_gb is not None:
         running.peak_gb = max(running.peak_gb or 0.0, result.peak_memory_gb)
     if done.ok and result is not None and result.ok:
@@ -126,16 +127,16 @@ def take(running: Running, done: Done) -> None:
     running.say(f"Pattern {pattern.number} on {done.worker}: {sentence}")
 
 
-def _take_solved(running: Running, solved: Solved) -> None:
+def _take_solved(running: Running, solved: Solved, worker: str) -> None:
     finished = [case.number for case in solved.run.log.load_cases if case.seconds is not None]
     running.log.head(solved.head)
     if solved.folder:
-        _take_from(running, Path(solved.folder), finished)
+        _take_from(running, Path(solved.folder), finished, worker)
     sent = [number for number in solved.results if number not in running.done]
     for number in sent:
         placing.write_results(solved.results[number], running.directory)
     if sent:
-        _mark(running, sent, solved.log)
+        _mark(running, sent, solved.log, worker)
     for number, lines in solved.log.items():
         if number not in finished:
             running.log.add(lines)

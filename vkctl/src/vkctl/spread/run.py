@@ -117,7 +117,7 @@ def _spread(
         progress = running.tracker.update()
         if on_progress is not None:
             doing = sorted(running.doing.values(), key=lambda d: d.worker)
-            on_progress(SpreadProgress(progress, doing, place.seen()))
+            on_progress(SpreadProgress(progress, doing, place.seen(), running.done))
 
     try:
         with _noting_signals() as signals:
@@ -144,7 +144,7 @@ def _spread(
         copies.end_sharing(running.directory)
     result = result_of(running, gone, stopped)
     if on_progress is not None:
-        on_progress(SpreadProgress(running.tracker.progress, [], place.seen()))
+        on_progress(SpreadProgress(running.tracker.progress, [], place.seen(), running.done))
     return result
 
 

@@ -127,15 +127,18 @@ def shown(console: Console, plain_lines: bool = True) -> Iterator[Callable[[Prog
         yield lambda progress: live.update(table(progress))
 
 
-def line_printer(console: Console) -> Callable[[Progress], None]:
-    """Prints every load case once, when it is finished."""
+def line_printer(
+    console: Console, where: Callable[[int], str] = lambda number: ""
+) -> Callable[[Progress], None]:
+    """Prints every load case once, when it is finished, and where if that is known."""
     printed: dict[int, int] = {0: 0}  # log replacements seen: load cases printed of that log
 
     def show(progress: Progress) -> None:
         already = printed.setdefault(progress.replaced, 0)
         done = [case for case in progress.log.load_cases if case.seconds is not None]
         for case in done[already:]:
-            console.print(case_line(case, progress.names), markup=False, soft_wrap=True)
+            line = case_line(case, progress.names) + where(case.number)
+            console.print(line, markup=False, soft_wrap=True)
         printed[progress.replaced] = len(done)
 
     return show

@@ -60,8 +60,18 @@ def spread_shown(console: Console) -> Iterator[tuple[Show, Say]]:
         console.print(printable(line), markup=False, soft_wrap=True)
 
     if not console.is_terminal:
-        printer = line_printer(console)
-        yield lambda progress: printer(progress.run), say
+        workers: dict[int, str] = {}
+
+        def where(number: int) -> str:
+            return f", on {printable(workers[number])}" if number in workers else ""
+
+        printer = line_printer(console, where)
+
+        def show(progress: SpreadProgress) -> None:
+            workers.update(progress.solved_by)
+            printer(progress.run)
+
+        yield show, say
         return
     with Live(console=console, refresh_per_second=8, transient=False) as live:
         yield lambda progress: live.update(spread_table(progress)), say
