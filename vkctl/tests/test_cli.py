@@ -39,6 +39,7 @@ def test_the_help_lists_all_commands_and_an_unknown_one_is_refused() -> None:
         ("ask --help", "scipy"),
         ("optimise --help", "scipy.spatial"),
         ("study --help", "scipy"),
+        ("check --help", "pydantic"),
     ],
 )
 def test_a_command_loads_only_what_it_needs(arguments: str, unneeded: str) -> None:
