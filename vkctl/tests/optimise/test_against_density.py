@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import shutil
 from dataclasses import dataclass
+from itertools import product
 from pathlib import Path
 
 import density_method
@@ -17,6 +18,8 @@ from vkctl.directory.results import read_results
 from vkctl.optimise import optimise
 from vkctl.optimise.design import make_design
 from vkctl.optimise.loop import Optimised, model_at
+from vkctl.shapes.functions import shape_values
+from vkctl.shapes.topology import HEX8
 
 ROOT = Path(__file__).resolve().parents[3]
 EXAMPLES = ROOT / "vkctl" / "examples"
@@ -63,8 +66,10 @@ def samples(done: Optimised) -> tuple[np.ndarray, np.ndarray]:
     """Places (n, 2) and levels (n,), FINER of them along each edge of an element."""
     model = model_at(done.directory, done.rows[-1].step)
     design = make_design(model, None, NOBODY)
-    ((corners, shapes, _),) = design.samples
-    assert len(shapes) == FINER**3
+    (cells,) = design.space.cells
+    corners = cells.corners
+    places = (2 * np.arange(FINER) + 1) / FINER - 1
+    shapes = np.array([shape_values(HEX8, point) for point in product(places, repeat=3)])
     levels = design.levels_of_nodes(model.tp.astype(np.float64))[corners] @ shapes.T
     places = np.einsum("sc,ecd->esd", shapes, model.nodes[corners].astype(np.float64))
     return places[..., :2].reshape(-1, 2), levels.ravel()

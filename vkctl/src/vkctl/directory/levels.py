@@ -10,6 +10,7 @@ from .model import Model
 
 # Of the largest level: where the part is cut out, nodes closer to zero count as just inside.
 NEAREST_LEVEL = 1e-3
+MEAN_LEVEL = 0.5  # magnitude that the field is scaled to
 
 
 def level_field(model: Model) -> Array:
@@ -23,7 +24,7 @@ def level_field(model: Model) -> Array:
     if (model.node_tp_index > len(model.tp)).any():
         raise ValueError(f"a node names a design point above {len(model.tp)}")
     mean = np.abs(model.tp).mean() if len(model.tp) else np.float32(0.0)
-    scale = np.float32(0.5) / mean if mean > 0 else mean
+    scale = np.float32(MEAN_LEVEL) / mean if mean > 0 else mean
     chosen = model.node_tp_index > 0
     levels[chosen] = scale * model.tp[model.node_tp_index[chosen] - 1]
     return levels

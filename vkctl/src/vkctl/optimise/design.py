@@ -10,16 +10,13 @@ from scipy import sparse
 from scipy.spatial import cKDTree
 
 from vkctl.basics.types import Array
-from vkctl.directory import formats
+from vkctl.directory.levels import MEAN_LEVEL
 from vkctl.directory.model import Model
-from vkctl.directory.numbering import EXCLUDED
-from vkctl.shapes.measures import element_volumes
-from vkctl.shapes.topology import CORNERS_PER_TYPE, HEX8, HEX8_SIGNS, TET4, TET10, TYPES
+from vkctl.shapes.topology import TYPES
+
+from .volume import DesignVolume, design_volume
 
 DEFAULT_RADIUS = 1.5  # mean distances of neighbouring nodes
-_BISECTIONS = 45
-_HEX_SAMPLES = (-0.75, -0.25, 0.25, 0.75)
-_TET_SPLITS = 4
 
 
 @dataclass
@@ -31,40 +28,30 @@ class Design:
     point_of: Array  # and the design point of each
     smoothing: Any  # sparse (p, p), rows add up to 1
     kept: Array  # bool (p,): stays material
-    samples: list[tuple[Array, Array, Array]]  # corner nodes (e, c), shape values (s, c), volumes
+    space: DesignVolume
     num_nodes: int
 
     def levels_of_nodes(self, levels: Array) -> Array:
-        """Level per node; nodes without a design point are material."""
+        """Level per node, scaled as the solver does; nodes without a design point are material."""
+        mean = float(np.abs(levels).mean())
         nodes = np.ones(self.num_nodes)
-        nodes[self.node_of] = levels[self.point_of]
+        nodes[self.node_of] = levels[self.point_of] * (MEAN_LEVEL / mean if mean > 0 else 0.0)
         return nodes
 
     def volume(self, levels: Array) -> float:
-        """Part of the design volume where the interpolated level is positive."""
-        nodes = self.levels_of_nodes(levels)
-        filled = total = 0.0
-        for corners, shapes, volumes in self.samples:
-            values = nodes[corners]
-            positive = (values > 0).sum(axis=1)
-            cut = (positive > 0) & (positive < values.shape[1])
-            parts = (values[cut] @ shapes.T > 0).mean(axis=1)
-            filled += float(volumes[positive == values.shape[1]].sum() + parts @ volumes[cut])
-            total += float(volumes.sum())
-        return filled / total
+        """Part of the design volume that is material, as the solver counts it."""
+        return self.space.share(self.levels_of_nodes(levels))
 
     def next_levels(
         self, levels: Array, criterion: Array, volume: float, move: float
     ) -> tuple[Array, float]:
         """The moved field whose volume is `volume`, and its threshold."""
-        low, high = 0.0, float(criterion.max())
-        for _ in range(_BISECTIONS):
-            threshold = 0.5 * (low + high)
-            if self.volume(self._moved(levels, criterion, threshold, move)) > volume:
-                low = threshold
-            else:
-                high = threshold
-        return self._moved(levels, criterion, high, move), high
+
+        def field(threshold: float) -> Array:
+            return self.levels_of_nodes(self._moved(levels, criterion, threshold, move))
+
+        threshold = self.space.threshold(volume, 0.0, float(criterion.max()), field)
+        return self._moved(levels, criterion, threshold, move), threshold
 
     def _moved(self, levels: Array, criterion: Array, threshold: float, move: float) -> Array:
         if threshold <= 0:
@@ -88,13 +75,10 @@ def make_design(model: Model, radius: float | None, kept_nodes: Array) -> Design
     kept = np.zeros(count, np.bool_)
     chosen = model.node_tp_index[np.asarray(kept_nodes, np.int64) - 1]
     kept[chosen[chosen > 0] - 1] = True
-    samples = _samples(model)
-    if not samples:
-        raise ValueError("no element follows the level field: there is nothing to design")
+    space = design_volume(model)
     reach = radius or DEFAULT_RADIUS * _node_distance(model)
-    return Design(
-        points, nodes, points_of_nodes, _smoothing(points, reach), kept, samples, len(model.nodes)
-    )
+    smoothing = _smoothing(points, reach)
+    return Design(points, nodes, points_of_nodes, smoothing, kept, space, len(model.nodes))
 
 
 def _node_distance(model: Model) -> float:
@@ -119,43 +103,3 @@ def _smoothing(points: Array, radius: float) -> Any:
     )
     weights = one_way + one_way.T + radius * sparse.identity(len(points), format="csr")
     return sparse.diags(1.0 / np.asarray(weights.sum(axis=1)).ravel()) @ weights
-
-
-def _samples(model: Model) -> list[tuple[Array, Array, Array]]:
-    """Points at which elements that follow the level field are asked whether they are filled."""
-    assert model.element_flags is not None
-    off = model.element_flags & np.int16(EXCLUDED | formats.ELEMENT_NO_LEVEL) != 0
-    volumes = element_volumes(model.nodes, model.elements)
-    found = []
-    for code, shapes in (
-        (TET4, _tetrahedron_shapes()),
-        (TET10, _tetrahedron_shapes()),
-        (HEX8, _hexahedron_shapes()),
-    ):
-        corners = CORNERS_PER_TYPE[code]
-        numbers, rows = model.elements.of_type(code)
-        used = ~off[numbers - 1]
-        if used.any():
-            rows = rows[used, :corners].astype(np.int64) - 1
-            found.append((rows, shapes, volumes[numbers[used] - 1]))
-    return found
-
-
-def _tetrahedron_shapes() -> Array:
-    """Barycentric coordinates of evenly spread inner points, (s, 4)."""
-    n = _TET_SPLITS
-    steps = [
-        (i, j, k, n - 1 - i - j - k)
-        for i in range(n)
-        for j in range(n - i)
-        for k in range(n - i - j)
-    ]
-    return (np.array(steps, np.float64) + 0.25) / n
-
-
-def _hexahedron_shapes() -> Array:
-    """Trilinear functions at 4 x 4 x 4 inner points, (64, 8)."""
-    s = np.array(_HEX_SAMPLES)
-    points = np.array(np.meshgrid(s, s, s)).reshape(3, -1).T
-    shapes: Array = np.prod(1.0 + points[:, None, :] * HEX8_SIGNS, axis=2) / 8.0
-    return shapes

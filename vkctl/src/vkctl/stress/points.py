@@ -118,7 +118,7 @@ class IntegrationBlock:
     @property
     def presences(self) -> Array:
         """The sharp ones (m, p), from 0.001 outside the part to 1 inside."""
-        return _presences(_SHARPER * self.slope * self.levels)
+        return sharp_presences(self.levels, self.slope)
 
     @property
     def smooth_presences(self) -> Array:
@@ -176,6 +176,11 @@ def nodes_inside(solution: Solution, code: int, numbers: Array, rows: Array) -> 
         levels = np.concatenate((levels, levels[:, TET10_EDGES].mean(axis=2)), axis=1)
     inside: Array = rows[levels >= 0]
     return inside
+
+
+def sharp_presences(levels: Array, slope: float) -> Array:
+    """Presences by which the solver sums volumes and energies, from 0.001 to 1, of levels."""
+    return _presences(_SHARPER * slope * levels)
 
 
 def _presences(steepened: Array) -> Array:

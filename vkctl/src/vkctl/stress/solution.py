@@ -75,14 +75,14 @@ def _gathered(
         number = int(np.flatnonzero(outside)[0]) + 1
         raise ValueError(f"element {number} is of material {materials[number - 1]}, not there")
     materials = np.where(active, materials, 1)
-    yield_factor = _option(model, "Sta.YieldStressFac")
+    yield_factor = option_of(model, "Sta.YieldStressFac")
     return Solution(
         nodes=np.asarray(model.nodes, np.float64),
         elements=model.elements,
         active=active,
         levelled=model.element_flags & formats.ELEMENT_NO_LEVEL == 0,
         levels=level_field(model).astype(np.float64),
-        slope=_option(model, "Sta.MatSlopeFactor"),
+        slope=option_of(model, "Sta.MatSlopeFactor"),
         displacements=displacements.astype(np.float64),
         temperatures=temperatures,
         laws=laws_of(model.materials),
@@ -101,7 +101,8 @@ def _require_length(results: Results, values: Array | None, count: int, what: st
         raise ValueError(text)
 
 
-def _option(model: Model, key: str) -> float:
+def option_of(model: Model, key: str) -> float:
+    """An option of a model as the solver takes it."""
     option = OPTIONS[key]
     return option.taken(model.options.get(key, option.default))
 
