@@ -20,7 +20,7 @@ def test_the_history_is_a_table(drawn: tuple[Path, str]) -> None:
         rows = list(csv.DictReader(stream))
     assert list(rows[0]) == [
         "step", "objective", "volume", "target", "change", "quality", "seconds",
-        "energy_1", "energy_2",
+        "mode", "iterations", "solving", "energy_1", "energy_2",
     ]  # fmt: skip
     assert [int(row["step"]) for row in rows] == [1, 2, 3, 4]
     assert [float(row["target"]) for row in rows] == pytest.approx([1.0, 0.85, 0.7, 0.6])

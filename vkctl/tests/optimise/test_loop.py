@@ -18,6 +18,7 @@ from small_loops import ONE_CASE, TWO_CASES, VK_RUND, script, write_small
 
 from vkctl.directory import formats
 from vkctl.directory.model import read, write
+from vkctl.directory.results import read_results
 from vkctl.optimise import HistoryRow, OptimiseError, optimise, read_history
 from vkctl.optimise import history as loop_files
 from vkctl.optimise.loop import Optimised, combined, has_converged, objective
@@ -270,8 +271,11 @@ def test_a_level_field_of_the_case_file_is_the_first_design(tmp_path: Path) -> N
     done = optimise(cases, tmp_path / "d", vk_rund=VK_RUND)
     first = np.load(tmp_path / "d" / "optimise" / "levels.0001.npy")
     assert (first.min(), first.max(), len(first)) == (-1.0, 1.0, 7 * 7 * 2)
-    # Levels fall from 1 to -1 between x = 5 and 6 and rise through 0 at x = 9.
-    assert done.rows[0].volume == pytest.approx((5.5 + 3) / 12, abs=0.001)
+    # Levels fall from 1 to -1 between x = 5 and 6, in which two of three columns of the solver's
+    # points are inside, and rise through 0 at x = 9.
+    assert done.rows[0].volume == pytest.approx((5 + 13 / 18 + 3) / 12, abs=0.001)
+    told = read_results(tmp_path / "d", 1).material_volume
+    assert done.rows[1].volume == pytest.approx(told / 72, rel=2e-5)
 
 
 def rows_of(objectives: list[float], target: float = 0.5) -> list[HistoryRow]:

@@ -42,7 +42,7 @@ def alone(tmp_path_factory: pytest.TempPathFactory) -> Path:
 
 
 def small(folder: Path) -> Path:
-    return write_small(folder, "reduction = 0.15\n", TWO_CASES)
+    return write_small(folder, "reduction = 0.15\nmode = 'iterative'\n", TWO_CASES)
 
 
 def equal_steps(first: Path, second: Path) -> bool:

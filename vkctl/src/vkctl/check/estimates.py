@@ -7,13 +7,15 @@ depends on the machine and may be off by a factor of two, of three in iterative 
 
 from __future__ import annotations
 
+import math
 import os
 from collections.abc import Iterator
+from pathlib import Path
 
 import numpy as np
 
 from vkctl.basics.memory import available_gb
-from vkctl.basics.types import Array
+from vkctl.basics.types import Array, PathLike
 from vkctl.directory.formats import MODES, MOST_THREADS, OPTIONS_FILE
 from vkctl.directory.numbering import prescribed_components
 from vkctl.directory.structure import node_neighbours
@@ -21,7 +23,7 @@ from vkctl.shapes.topology import HEX8, TET4, TET10
 
 from .dissection import FactorSize, factor_size
 from .findings import Finding, note, warning
-from .inputs import ActiveMesh, Inputs
+from .inputs import ActiveMesh, Inputs, read_inputs
 
 _GB = 2.0**30
 _MARGIN = 1.1  # on the solver's own estimate when it compares with the budget
@@ -74,6 +76,17 @@ def estimate(inputs: Inputs) -> dict[str, float]:
         "next_seconds": further,
         "iterative": float(iterative),
     }
+
+
+def factored_seconds(directory: PathLike) -> float:
+    """Seconds of all requested load cases with a factor; infinite where memory doesn't suffice."""
+    inputs, _ = read_inputs(Path(directory))
+    inputs.option_values["Sys.ComputationMode"] = MODES["direct"]
+    values = estimate(inputs)
+    there = available_gb()
+    if not values or (there is not None and values["memory_gb"] > there):
+        return math.inf
+    return values["seconds"]
 
 
 def _free_graph(mesh: ActiveMesh, free: Array) -> tuple[tuple[Array, Array], Array]:

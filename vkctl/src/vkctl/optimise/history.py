@@ -29,6 +29,7 @@ ANIMATION = "part.gif"
 
 _PREPARING = "preparing"  # there while the working directory is being written
 _NUMBERS = ("objective", "volume", "target", "change", "quality", "seconds")
+_OF_THE_SOLVER = ("mode", "iterations", "solving")
 _ENERGY = "energy_"  # columns of the load cases' strain energies, by number
 
 
@@ -48,6 +49,9 @@ class HistoryRow:
     quality: float  # the poorest of the solutions, 1 is converged
     seconds: float
     energies: dict[int, float]  # strain energy by load-case number
+    mode: str = ""  # of the solver: "iterative" or "direct"
+    iterations: int = 0  # of all load cases
+    solving: float = 0.0  # seconds of the solver's run
 
 
 @dataclass
@@ -69,6 +73,7 @@ class State:
     weights: list[float]  # per load case that takes part
     since: int  # first step whose objective has this meaning
     target: float | None  # volume that this step's levels were to have; None of the first step's
+    mode: formats.Mode = "automatic"  # of the options file before the loop changed it
 
 
 def folder_of(directory: PathLike) -> Path:
@@ -144,6 +149,8 @@ def read_state(directory: PathLike) -> State | None:
         return None
     except (ValueError, RecursionError):
         raise formats.FormatError(path, "it holds no state of an optimisation") from None
+    if isinstance(said, dict):
+        said.setdefault("mode", "automatic")  # earlier versions didn't note it
     if not isinstance(said, dict) or not _is_state(said):
         raise formats.FormatError(path, "it holds no state of an optimisation")
     return State(**said)
@@ -158,6 +165,8 @@ def _is_state(said: dict[str, Any]) -> bool:
         all(type(said[name]) is int and said[name] >= 0 for name in ("step", "running", "since"))
         and 1 <= said["since"] <= said["step"]
         and all(isinstance(said[name], str) for name in ("model", "cases", "combine"))
+        and isinstance(said["mode"], str)
+        and said["mode"] in formats.MODES
         and all(type(number) is int and 1 <= number < 2**31 for number in numbers)
         and all(isinstance(name, str) for name in _listed(said["keep"]))
         and all(_is_number(weight) for weight in _listed(said["weights"]))
@@ -178,11 +187,13 @@ def _is_number(value: Any) -> bool:
 def write_history(directory: PathLike, rows: list[HistoryRow]) -> None:
     """Replace the table; numbers keep all their digits, so that a restart reads the same."""
     cases = sorted({number for row in rows for number in row.energies})
-    lines = [",".join(("step", *_NUMBERS, *(f"{_ENERGY}{number}" for number in cases)))]
+    names = ("step", *_NUMBERS, *_OF_THE_SOLVER, *(f"{_ENERGY}{number}" for number in cases))
+    lines = [",".join(names)]
     for row in rows:
         values = [getattr(row, name) for name in _NUMBERS]
-        values += [row.energies.get(number, float("nan")) for number in cases]
-        lines.append(",".join((str(row.step), *map(repr, values))))
+        words = [row.mode, str(row.iterations), repr(row.solving)]
+        energies = [row.energies.get(number, float("nan")) for number in cases]
+        lines.append(",".join((str(row.step), *map(repr, values), *words, *map(repr, energies))))
     with formats.replacing(folder_of(directory) / HISTORY) as stream:
         stream.write(("\n".join(lines) + "\n").encode())
 
@@ -208,8 +219,13 @@ def _row(entry: dict[str, str]) -> HistoryRow:
         for name, text in entry.items()
         if name.startswith(_ENERGY)
     }
-    numbers = {name: float(entry[name]) for name in _NUMBERS}
-    return HistoryRow(step=int(entry["step"]), energies=energies, **numbers)
+    numbers: dict[str, Any] = {name: float(entry[name]) for name in _NUMBERS}
+    of_the_solver: dict[str, Any] = {}  # what earlier versions didn't note stays at its default
+    if "mode" in entry:
+        of_the_solver["mode"] = entry["mode"]
+        of_the_solver["iterations"] = int(entry["iterations"])
+        of_the_solver["solving"] = float(entry["solving"])
+    return HistoryRow(step=int(entry["step"]), energies=energies, **numbers, **of_the_solver)
 
 
 def draw_history(

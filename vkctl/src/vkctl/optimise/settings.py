@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 from dataclasses import dataclass, field
-from typing import Literal, get_args
+from typing import Literal, cast, get_args
 
 from vkctl.basics.types import PathLike
 from vkctl.basics.words import did_you_mean
@@ -11,6 +11,7 @@ from vkctl.prepare.case_file.mistakes import Mistakes
 from vkctl.prepare.case_file.toml_table import Table, load
 
 Combine = Literal["weighted", "worst"]
+LoopMode = Literal["measured", "iterative", "direct"]
 
 
 @dataclass
@@ -27,6 +28,9 @@ class Settings:
     `combine`: "weighted" adds the load cases' criteria times their weights, which makes for the
     least weighted sum of strain energies; "worst" takes at each point the largest of the criteria
     times their weights, so that material stays wherever any load case needs it.
+
+    `mode` of the solver: "measured" takes what the loop's own steps show to be faster, unless the
+    options file of the directory names one.
     """
 
     volume: float = 0.5
@@ -38,6 +42,7 @@ class Settings:
     weights: dict[str, float] = field(default_factory=dict)  # by load-case name; others 1.0
     keep: tuple[str, ...] = ()
     tolerance: float = 1e-3
+    mode: LoopMode = "measured"
 
     def next_target(self, target: float) -> float:
         """Target volume of a step from that of the step before."""
@@ -64,6 +69,7 @@ def _case_names(top: Table) -> list[str]:
 def _settings(table: Table, names: list[str], report: Mistakes) -> Settings:
     default = Settings()
     combine = table.choice("combine", get_args(Combine), default.combine)
+    mode = table.choice("mode", get_args(LoopMode), default.mode)
     settings = Settings(
         volume=table.number("volume", default.volume, above=0, most=1),
         steps=table.integer("steps", default.steps, 1),
@@ -73,6 +79,7 @@ def _settings(table: Table, names: list[str], report: Mistakes) -> Settings:
         combine="worst" if combine == "worst" else "weighted",
         keep=table.names("keep"),
         tolerance=table.number("tolerance", default.tolerance, above=0),
+        mode=cast(LoopMode, mode),
     )
     if weights := table.table("weights"):
         for name in list(weights.data):

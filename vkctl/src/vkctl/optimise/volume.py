@@ -45,7 +45,8 @@ class DesignVolume:
 
     def share(self, nodes: Array) -> float:
         """Material's part of the design volume, of the levels per node."""
-        return sum(float(filled_volumes(c, nodes, self.slope).sum()) for c in self.cells) / self.total
+        filled = (filled_volumes(cells, nodes, self.slope) for cells in self.cells)
+        return min(sum(float(volumes.sum()) for volumes in filled) / self.total, 1.0)
 
     def threshold(
         self, target: float, low: float, high: float, field: Callable[[float], Array]
@@ -71,7 +72,7 @@ class DesignVolume:
             for some, volumes in zip(cells, filled, strict=True):
                 levels = nodes[some.corners]
                 # Above the threshold the field is lower still, below it higher.
-                done = (levels < -_UNCUT if excess > 0 else levels > _UNCUT).all(axis=1)
+                done = _all_above(-levels if excess > 0 else levels, _UNCUT)
                 settled += float(volumes[done].sum())
                 kept.append(some.some(~done))
             cells = tuple(kept)
@@ -81,13 +82,17 @@ class DesignVolume:
 def filled_volumes(cells: Cells, nodes: Array, slope: float) -> Array:
     """Volume (e,) of the material in each element, from the levels per node."""
     levels = nodes[cells.corners]
-    full, empty = (levels > _UNCUT).all(axis=1), (levels < -_UNCUT).all(axis=1)
-    whole = cells.volumes.sum(axis=1)
-    found = np.where(full, whole, whole * float(sharp_presences(np.float64(-1.0), slope)))
+    full, empty = _all_above(levels, _UNCUT), _all_above(-levels, _UNCUT)
+    found: Array = cells.volumes.sum(axis=1)
+    found[empty] *= sharp_presences(np.array(-1.0), slope)
     cut = ~(full | empty)
     presences = sharp_presences(levels[cut] @ cells.shapes.T, slope)
     found[cut] = (presences * cells.volumes[cut]).sum(axis=1)
     return found
+
+
+def _all_above(levels: Array, bound: float) -> Array:
+    return np.asarray((levels > bound).all(axis=1))
 
 
 def design_volume(model: Model) -> DesignVolume:

@@ -1,0 +1,253 @@
+"""A loop as it stands: begun from a case file, or taken up where it was left."""
+
+from __future__ import annotations
+
+import hashlib
+import json
+import tomllib
+from collections.abc import Callable
+from dataclasses import dataclass
+from functools import cache, partial
+from pathlib import Path
+
+import numpy as np
+
+from vkctl.basics.types import Array, PathLike
+from vkctl.check.estimates import factored_seconds
+from vkctl.directory import formats
+from vkctl.directory.formats import file_names
+from vkctl.directory.model import Model, read
+from vkctl.prepare.build import Prepared, build, new
+from vkctl.prepare.case_file.read import read_cases
+from vkctl.prepare.part import Reading
+from vkctl.running import processes
+from vkctl.running.progress import Progress
+from vkctl.running.run import RunResult
+from vkctl.spread.place import Place
+from vkctl.spread.sending import Sender
+from vkctl.stress.solution import option_of
+
+from . import history
+from .design import Design, make_design
+from .history import HistoryRow, State
+from .settings import Settings
+
+_FIXED_FILES = (
+    "mx.*",
+    file_names.NODE_FLAGS,
+    file_names.TP_INDEX,
+    file_names.ELEMENT_FLAGS,
+    file_names.LOAD_CASES,
+    f"{file_names.LOAD_CASE_MAP_STEM}.*",
+)
+
+
+class OptimiseError(Exception):
+    """The loop can't go on; the message says why. What was finished stays for a restart.
+
+    `run` is the solver's run that failed, if that was the reason.
+    """
+
+    def __init__(self, text: str, run: RunResult | None = None) -> None:
+        super().__init__(text)
+        self.run = run
+
+
+@dataclass
+class Loop:
+    """Everything that a step needs."""
+
+    directory: Path
+    settings: Settings
+    state: State
+    design: Design
+    rows: list[HistoryRow]
+    factored_seconds: Callable[[], float]  # estimated for a step with a factor
+    vk_rund: PathLike | None = None
+    on_progress: Callable[[int, Progress], None] | None = None
+    workers: Workers | None = None  # that solve the load cases; else this process's own run
+
+
+@dataclass
+class Workers:
+    """Where the load cases of all steps are solved, open as long as the loop goes on."""
+
+    place: Place
+    sender: Sender
+    on_line: Callable[[str], None] | None
+
+
+def levels_of(loop: Loop, step: int) -> Array:
+    """Levels of a step, one for each design point."""
+    return history.load_array(history.levels_file(loop.directory, step), len(loop.design.points))
+
+
+def start(cases: PathLike, directory: Path, settings: Settings, reading: Reading | None) -> Loop:
+    """A loop that was begun goes on with the present settings; otherwise one begins."""
+    state = history.read_state(directory)
+    if state is None:
+        state, model = _begin(cases, directory, settings, reading)
+    else:
+        model = read(directory)
+        _refuse_other_inputs(cases, directory, state)
+        _take_settings(cases, directory, settings, state, model, reading)
+    if state.kept and max(state.kept) > len(model.nodes):
+        path = history.folder_of(directory) / history.STATE
+        raise formats.FormatError(path, f"it keeps node {max(state.kept)} of {len(model.nodes)}")
+    try:
+        design = make_design(model, settings.radius, np.array(state.kept, np.int64))
+    except ValueError as error:
+        raise OptimiseError(str(error)) from None
+    rows = history.read_history(directory)[: state.step - 1]
+    if len(rows) != state.step - 1:
+        raise OptimiseError(f"{directory} holds only {len(rows)} of {state.step - 1} steps")
+    return Loop(
+        directory, settings, state, design, rows, cache(partial(factored_seconds, directory))
+    )
+
+
+def _begin(
+    cases: PathLike, directory: Path, settings: Settings, reading: Reading | None
+) -> tuple[State, Model]:
+    """Prepare the directory where needed, write the first levels and the first state."""
+    prepared: Prepared | None = None
+    if history.is_half_prepared(directory) or not Path(directory, file_names.NODES).exists():
+        history.begin_preparing(directory)
+        prepared = new(None, cases, directory, reading)
+        history.end_preparing(directory)
+    model = read(directory)
+    if not len(model.tp):
+        model.set_level(1.0)
+        assert model.node_tp_index is not None
+        with processes.alone_on(directory):
+            formats.write_tp_index(directory, model.node_tp_index)
+            formats.write_tp(directory, model.tp)
+    taking_part = _requested(model)
+    if not taking_part:
+        raise OptimiseError(f"no load case of {directory} is requested")
+    state = State(
+        step=1,
+        running=0,
+        model=_model_digest(directory),
+        cases=_cases_digest(cases),
+        load_cases=taking_part,
+        keep=list(settings.keep),
+        kept=_kept_nodes(cases, settings, model, prepared, reading),
+        combine=settings.combine,
+        weights=_weights(cases, settings, taking_part),
+        since=1,
+        target=None,
+        mode=_mode_of_options(model),
+    )
+    largest = float(np.abs(model.tp).max())
+    history.save_array(history.levels_file(directory, 1), model.tp / (largest or 1.0))
+    history.write_state(directory, state)
+    return state, model
+
+
+def _mode_of_options(model: Model) -> formats.Mode:
+    number = int(option_of(model, "Sys.ComputationMode"))
+    return next(mode for mode, value in formats.MODES.items() if value == number)
+
+
+def _requested(model: Model) -> list[int]:
+    return [
+        number
+        for number, case in enumerate(model.load_cases, 1)
+        if formats.is_wanted(case.kind, case.flags)
+    ]
+
+
+def _model_digest(directory: Path) -> str:
+    """Of all input files but levels, flags and options."""
+    total = hashlib.sha256()
+    for path in sorted(p for pattern in _FIXED_FILES for p in directory.glob(pattern)):
+        total.update(path.name.encode())
+        with open(path, "rb") as stream:
+            total.update(hashlib.file_digest(stream, "sha256").digest())
+    return total.hexdigest()
+
+
+def _cases_digest(cases: PathLike) -> str:
+    """Of what the case file says about the model."""
+    said = tomllib.loads(Path(cases).read_text(encoding="utf-8-sig"))
+    said.pop("optimise", None)
+    return hashlib.sha256(json.dumps(said, sort_keys=True, default=str).encode()).hexdigest()
+
+
+def _refuse_other_inputs(cases: PathLike, directory: Path, state: State) -> None:
+    if _cases_digest(cases) != state.cases:
+        raise OptimiseError(
+            f"{cases} has changed outside [optimise] since {directory} was prepared from it: "
+            f"take the changes back, or remove {directory} to begin anew"
+        )
+    if _model_digest(directory) != state.model:
+        raise OptimiseError(
+            f"the model in {directory} has changed since its optimisation began: remove "
+            f"{history.folder_of(directory)} to begin anew"
+        )
+
+
+def _take_settings(
+    cases: PathLike,
+    directory: Path,
+    settings: Settings,
+    state: State,
+    model: Model,
+    reading: Reading | None,
+) -> None:
+    """Note changed settings; objectives of before and after aren't compared with each other."""
+    if list(settings.keep) != state.keep:
+        state.kept = _kept_nodes(cases, settings, model, None, reading)
+        state.keep = list(settings.keep)
+    weights = _weights(cases, settings, state.load_cases)
+    if (settings.combine, weights) != (state.combine, state.weights):
+        state.combine, state.weights, state.since = settings.combine, weights, state.step
+    history.write_state(directory, state)
+
+
+def _kept_nodes(
+    cases: PathLike,
+    settings: Settings,
+    model: Model,
+    prepared: Prepared | None,
+    reading: Reading | None,
+) -> list[int]:
+    if not settings.keep:
+        return []
+    prepared = prepared or build(None, cases, reading)
+    if len(prepared.mesh.nodes) != len(model.nodes):
+        raise OptimiseError(
+            f"the part of {cases} has {len(prepared.mesh.nodes)} nodes, the directory "
+            f"{len(model.nodes)}: the sets to keep can't be found"
+        )
+    found = [prepared.sets.nodes(name, ("optimise", "keep")) for name in settings.keep]
+    prepared.sets.report.finish()
+    number_of = _numbers_in(model, prepared.mesh.nodes)
+    if number_of is None:
+        raise OptimiseError(
+            f"the part of {cases} has its nodes elsewhere than the directory: the sets to keep "
+            "can't be found"
+        )
+    return sorted({int(number_of[node - 1]) for nodes in found for node in nodes})
+
+
+def _numbers_in(model: Model, points: Array) -> Array | None:
+    """Number in the model of the node at each point, None if a point has no node of its own.
+
+    A directory that was prepared by others, or by an earlier version, may number them otherwise.
+    """
+    ours, theirs = points.astype(np.float32), model.nodes.astype(np.float32)
+    if np.array_equal(ours, theirs):
+        return np.arange(1, len(ours) + 1)
+    order, their_order = np.lexsort(ours.T), np.lexsort(theirs.T)
+    if not np.array_equal(ours[order], theirs[their_order]):
+        return None
+    numbers = np.empty(len(ours), np.int64)
+    numbers[order] = their_order + 1
+    return numbers
+
+
+def _weights(cases: PathLike, settings: Settings, numbers: list[int]) -> list[float]:
+    names = dict(enumerate((entry.name for entry in read_cases(cases).load_cases), 1))
+    return [settings.weights.get(names.get(number, ""), 1.0) for number in numbers]

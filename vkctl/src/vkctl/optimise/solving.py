@@ -1,0 +1,122 @@
+"""The solver's run of a step: in which mode, and what is tried where it fails."""
+
+from __future__ import annotations
+
+import re
+import time
+
+import numpy as np
+
+from vkctl.directory import formats
+from vkctl.directory.model import set_flags
+from vkctl.running import processes
+from vkctl.running.run import RunResult, run, set_run_options
+from vkctl.spread.run import run_at
+
+from . import history
+from .begun import Loop, OptimiseError, levels_of
+from .modes import next_mode
+
+_MOST_SHORTENED = 2  # times that a step's move is halved where it can't be solved
+_POLL = 0.1  # seconds between two looks at a solver that an earlier loop has left behind
+# Errors of a run that another mode or another design may not have.
+_OF_THE_SOLVE = re.compile(
+    r"No convergence|Stiffness matrix |SLE |Error allocating|Unexpected end|No progress in"
+)
+
+
+def solve_somehow(loop: Loop) -> tuple[RunResult, formats.Mode]:
+    """The step's run, in whatever mode; where both fail, of a design that moved less.
+
+    OptimiseError with the first failure where none of it helps, or where it isn't the solve's.
+    """
+    mode, first = _mode(loop), None
+    others: tuple[formats.Mode, ...] = ("direct", "iterative")
+    for attempt in range(_MOST_SHORTENED + 1):
+        if attempt and not _shorten(loop, attempt):
+            break
+        for taken in (mode, *(other for other in others if other != mode)):
+            outcome = _solve(loop, taken)
+            if outcome.ok:
+                return outcome, taken
+            first = first or outcome
+            if not solve_failed(outcome):
+                raise _failure(loop, outcome)
+    assert first is not None
+    raise _failure(loop, first)
+
+
+def _failure(loop: Loop, outcome: RunResult) -> OptimiseError:
+    hint = f" {outcome.advice.hint}" if outcome.advice.hint else ""
+    return OptimiseError(f"step {loop.state.step}: {outcome.advice.sentence}{hint}", outcome)
+
+
+def _mode(loop: Loop) -> formats.Mode:
+    """What the case file says, else the options file, else what has shown to be faster."""
+    if loop.settings.mode != "measured":
+        return loop.settings.mode
+    if loop.state.mode != "automatic":
+        return loop.state.mode
+    return next_mode(loop.rows, loop.factored_seconds)
+
+
+def _shorten(loop: Loop, attempt: int) -> bool:
+    """Move this step's design less from that before, half as much with every attempt."""
+    state, step = loop.state, loop.state.step
+    if step == 1 or state.target is None:
+        return False
+    before = levels_of(loop, step - 1)
+    criterion = history.load_array(history.criterion_file(loop.directory, step - 1), len(before))
+    move = loop.settings.move * 0.5**attempt
+    levels, _ = loop.design.next_levels(before, criterion, state.target, move)
+    history.save_array(history.levels_file(loop.directory, step), levels)
+    return True
+
+
+def _solve(loop: Loop, mode: formats.Mode) -> RunResult:
+    """All load cases at the step's levels. A run that was cut off is finished, not repeated."""
+    state, directory = loop.state, loop.directory
+    wanted = levels_of(loop, state.step).astype(np.float32)
+    if state.running != state.step or not np.array_equal(formats.read_tp(directory), wanted):
+        with processes.alone_on(directory):
+            formats.write_tp(directory, wanted)
+            requested = dict.fromkeys(state.load_cases, formats.LOADCASE_REQUESTED)
+            set_flags(directory, requested, clear_done=True)
+            state.running = state.step
+            history.write_state(directory, state)
+    while processes.worker_on(directory) is not None:  # outlived the loop that started it
+        time.sleep(_POLL)
+    set_run_options(directory, mode=mode)
+    return _run(loop)
+
+
+def _run(loop: Loop) -> RunResult:
+    step, workers = loop.state.step, loop.workers
+    show = loop.on_progress or (lambda step, progress: None)
+    if workers is None:
+        return run(
+            loop.directory,
+            vk_rund=loop.vk_rund,
+            on_progress=lambda progress: show(step, progress),
+        )
+    return run_at(
+        loop.directory.absolute(),
+        workers.place,
+        workers.sender,
+        vk_rund=loop.vk_rund,
+        on_progress=lambda progress: show(step, progress.run),
+        on_line=workers.on_line,
+    )
+
+
+def solve_failed(outcome: RunResult) -> bool:
+    """Whether a run ended for a reason that lies in its equations or their memory."""
+    error = outcome.log.error
+    return outcome.outcome == "stopped" and error is not None and bool(_OF_THE_SOLVE.match(error))
+
+
+def give_back_mode(loop: Loop) -> None:
+    """Leave the options file with the mode that it had."""
+    now = formats.read_options(loop.directory).get("Sys.ComputationMode", 0)
+    if now != formats.MODES[loop.state.mode]:
+        set_run_options(loop.directory, mode=loop.state.mode)
