@@ -1,5 +1,7 @@
 """The cantilever and the command line around it."""
 
+import json
+
 import pytest
 from typer.testing import CliRunner
 
@@ -22,3 +24,9 @@ def test_command_box_writes_a_directory(tmp_path):
 def test_command_box_refuses_what_it_cannot_make(tmp_path):
     assert runner.invoke(app, ["box", str(tmp_path), "--kind", "tri"]).exit_code == 2
     assert runner.invoke(app, ["box", str(tmp_path), "--cells", "0", "1", "1"]).exit_code == 2
+
+
+def test_command_box_tells_as_json_what_it_wrote(tmp_path):
+    told = runner.invoke(app, ["box", str(tmp_path), "--cells", "2", "1", "1", "--json"])
+    counts = {"nodes": len(read(tmp_path).nodes), "elements": len(read(tmp_path).elements)}
+    assert json.loads(told.stdout) == {"directory": str(tmp_path), **counts}

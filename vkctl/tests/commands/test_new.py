@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import io
+import json
 from pathlib import Path
 
 import pytest
@@ -65,3 +66,21 @@ def test_forces_that_cancel_each_other_sum_up_to_nothing(block: Path, tmp_path: 
     prepared = build(block, case_file(tmp_path, loads))
     assert prepared.resultants[0][:3].any()  # noise of the numbers' precision
     assert not cleaned_sums(prepared, 1)[:3].any()
+
+
+def test_what_is_written_and_the_sets_come_as_json(block: Path, tmp_path: Path) -> None:
+    loads = '[loads.f]\ntype = "force"\nset = "tip"\nvalue = [0, 0, -5]\n'
+    tip = "[node_sets.tip]\nnearest = [4, 2, 1]\n"
+    case = '[[load_case]]\nname = "down"\nloads = { f = 2 }\n'
+    words = ["new", str(block), str(case_file(tmp_path, loads + tip + case)), str(tmp_path / "d")]
+    told = json.loads(CliRunner().invoke(app, [*words, "--json"]).stdout)
+    written = model.read(tmp_path / "d")
+    assert told["directory"] == str(tmp_path / "d")
+    assert (told["nodes"], told["elements"]) == (len(written.nodes), len(written.elements))
+    (only,) = told["load_cases"]
+    assert (only["load_case"], only["name"], only["pattern"]) == (1, "down", 1)
+    assert only["force"] == pytest.approx([0, 0, -10])
+    assert only["moment"] == pytest.approx([-20, 40, 0])
+    listed = json.loads(CliRunner().invoke(app, [*words[:3], "--list-sets", "--json"]).stdout)
+    (found,) = [one for one in listed["sets"] if one["name"] == "tip"]
+    assert found == {"name": "tip", "kind": "node", "size": 1, "from": [4, 2, 1], "to": [4, 2, 1]}

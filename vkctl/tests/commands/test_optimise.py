@@ -2,13 +2,14 @@
 
 from __future__ import annotations
 
+import json
 import os
 import re
 from pathlib import Path
 
 import pytest
 from rich.console import Console
-from small_loops import script, write_small
+from small_loops import VK_RUND, script, write_small
 from typer.testing import CliRunner
 
 from vkctl.cli import app
@@ -40,7 +41,19 @@ def test_a_terminal_sees_the_steps_and_what_the_solver_does(drawn: tuple[Path, s
     text = console.export_text()
     assert re.search(r"step +objective +volume +target +change +quality +time", text)
     assert re.search(r"4 of 9 +[\d.]+ +0\.\d{3} +0\.600", text)
-    assert "step 5: load case 2, factorising; 2 of 2 load cases" in text
+    assert "step 5: load case 2, along, factorising; 2 of 2 load cases" in text
+
+
+def test_the_steps_come_as_json_and_nothing_else(tmp_path: Path) -> None:
+    command = ["optimise", str(write_small(tmp_path)), str(tmp_path / "d"), "--steps", "2"]
+    options = ["--no-pictures", "--json", "--vk-rund", str(VK_RUND)]
+    told = json.loads(CliRunner().invoke(app, [*command, *options]).stdout)
+    assert told["directory"] == str(tmp_path / "d") and told["converged"] is False
+    rows = read_history(tmp_path / "d")
+    assert [step["step"] for step in told["steps"]] == [1, 2]
+    for step, row in zip(told["steps"], rows, strict=True):
+        assert step["objective"] == pytest.approx(row.objective, rel=1e-6)
+        assert step["volume"] == pytest.approx(row.volume, rel=1e-6)
 
 
 @pytest.mark.parametrize(

@@ -10,7 +10,7 @@ from vkctl.directory import model
 from vkctl.directory.sides import side_sets
 from vkctl.shapes import boxes
 from vkctl.terminal import output
-from vkctl.terminal.arguments import Directory
+from vkctl.terminal.arguments import AsJson, Directory
 from vkctl.terminal.refusal import refuse, refusing
 
 
@@ -32,6 +32,7 @@ def box_command(
     traction: Annotated[
         tuple[float, float, float], typer.Option(..., help="force per area on the side x+")
     ] = (0.0, 0.0, -1.0),
+    as_json: AsJson = False,
 ) -> None:
     """Write a box, clamped on the side x- and loaded on the side x+."""
     if kind not in ("tet4", "hex8", "tet10", "mixed"):
@@ -45,6 +46,10 @@ def box_command(
     whole.sets = side_sets(part)
     with refusing(ValueError):
         model.write(whole, directory)
+    if as_json:
+        counts = {"nodes": len(part.nodes), "elements": len(part.elements)}
+        output.print_json({"directory": str(directory), **counts})
+        return
     output.console().print(
         f"{len(part.nodes)} nodes and {len(part.elements)} elements in {directory}"
     )

@@ -4,7 +4,7 @@ from __future__ import annotations
 
 import signal
 from pathlib import Path
-from typing import Annotated
+from typing import Annotated, Any
 
 import numpy as np
 import typer
@@ -21,6 +21,7 @@ from vkctl.prepare.case_file.mistakes import CaseFileError
 from vkctl.prepare.mesh import PartMesh
 from vkctl.prepare.part import PartError
 from vkctl.terminal import output
+from vkctl.terminal.arguments import AsJson
 from vkctl.terminal.reading import (
     NoLimits,
     TerminatedError,
@@ -44,6 +45,7 @@ def new_command(
     ] = False,
     trust_scripts: TrustScripts = False,
     no_limits: NoLimits = False,
+    as_json: AsJson = False,
 ) -> None:
     """Write the working directory of a part under the loads of a case file."""
     console = output.console()
@@ -63,6 +65,9 @@ def new_command(
         raise refuse(f"Interrupted: {end}.", 128 + signal.SIGINT) from None
     except TerminatedError:
         raise refuse(f"Terminated: {end}.", 128 + signal.SIGTERM) from None
+    if as_json:
+        output.print_json(sets_values(prepared) if list_sets else values(prepared))
+        return
     if list_sets:
         console.print(sets_table(prepared))
     else:
@@ -80,6 +85,29 @@ def summary(prepared: Prepared) -> str:
         f"{len(whole.nodes)} nodes, {len(whole.elements)} elements, {len(whole.tp)} design points, "
         f"{len(whole.load_cases)} load cases of {patterns} patterns in {prepared.directory}"
     )
+
+
+def values(prepared: Prepared) -> dict[str, Any]:
+    """What was written, for programs: counts, and each load case with its force and moment."""
+    whole = prepared.model
+    return {
+        "directory": str(prepared.directory),
+        "nodes": len(whole.nodes),
+        "elements": len(whole.elements),
+        "design_points": len(whole.tp),
+        "load_cases": [
+            {
+                "load_case": number,
+                "name": name,
+                "pattern": pattern,
+                "force": sums[:3],
+                "moment": sums[3:],
+            }
+            for number, name, pattern in _titles(prepared)
+            for sums in [cleaned_sums(prepared, number).tolist()]
+        ],
+        "notes": prepared.notes,
+    }
 
 
 def show_cases(console: Console, prepared: Prepared) -> None:
@@ -135,21 +163,34 @@ def cleaned_sums(prepared: Prepared, number: int) -> Array:
     return np.where(np.abs(sums) < noise, 0.0, sums)
 
 
-def sets_table(prepared: Prepared) -> Table:
+def sets_values(prepared: Prepared) -> dict[str, Any]:
     """Sets of a part and its case file with sizes and extents, but for single points and curves."""
-    table = Table("set", "kind", "size", "from", "to", box=box.SIMPLE_HEAD, pad_edge=False)
     mesh: PartMesh = prepared.mesh
+    told = []
     for kind in ("node", "element", "face"):
         for name in prepared.sets.names(kind):
             if name.startswith(("point:", "curve:")):
                 continue
             found = prepared.sets.members(kind, name)
             points = mesh.nodes[prepared.sets.nodes_of(kind, name) - 1]
-            ends = [points.min(axis=0), points.max(axis=0)] if len(points) else []
-            table.add_row(
-                Text(printable(name)),
-                kind,
-                str(len(found)),
-                *(" ".join(f"{v:.5g}" for v in e) for e in ends),
+            low, high = (
+                (points.min(axis=0).tolist(), points.max(axis=0).tolist())
+                if len(points)
+                else (None, None)
             )
+            told.append({"name": name, "kind": kind, "size": len(found), "from": low, "to": high})
+    return {"sets": told, "notes": prepared.notes}
+
+
+def sets_table(prepared: Prepared) -> Table:
+    """The same as a table."""
+    table = Table("set", "kind", "size", "from", "to", box=box.SIMPLE_HEAD, pad_edge=False)
+    for one in sets_values(prepared)["sets"]:
+        ends = [one[end] for end in ("from", "to") if one[end]]
+        table.add_row(
+            Text(printable(one["name"])),
+            one["kind"],
+            str(one["size"]),
+            *(" ".join(f"{v:.5g}" for v in end) for end in ends),
+        )
     return table

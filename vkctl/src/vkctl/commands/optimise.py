@@ -4,8 +4,9 @@ from __future__ import annotations
 
 from collections.abc import Callable, Iterator
 from contextlib import contextmanager
+from dataclasses import asdict
 from pathlib import Path
-from typing import TYPE_CHECKING, Annotated
+from typing import TYPE_CHECKING, Annotated, Any
 
 import typer
 from rich.console import Console, Group
@@ -19,7 +20,7 @@ from vkctl.basics.words import printable
 from vkctl.directory.case_names import read_case_names, read_units, titled
 from vkctl.running.progress import Progress
 from vkctl.terminal import output
-from vkctl.terminal.arguments import On
+from vkctl.terminal.arguments import AsJson, On
 from vkctl.terminal.display import state_line
 from vkctl.terminal.reading import NoLimits, TrustScripts
 from vkctl.terminal.refusal import refuse, refusing
@@ -48,6 +49,7 @@ def optimise_command(
     ] = True,
     trust_scripts: TrustScripts = False,
     no_limits: NoLimits = False,
+    as_json: AsJson = False,
 ) -> None:
     """Optimise the part for stiffness; started again, it goes on where it stopped.
 
@@ -60,7 +62,7 @@ def optimise_command(
     from vkctl.running.run import NotFoundError
     from vkctl.spread.where import WhereError
 
-    console = output.console()
+    console = output.console(silent=as_json)
     with refusing():
         for name in ("pyvista", "matplotlib", "PIL") if pictures else ():
             need(name)
@@ -89,6 +91,8 @@ def optimise_command(
         raise refuse("Interrupted: start it again to go on.", 130) from None
     with refusing(ValueError):
         _conclude(console, done, pictures)
+    if as_json:
+        output.print_json(values(done))
 
 
 def _status(error: OptimiseError) -> int:
@@ -112,6 +116,15 @@ def _conclude(console: Console, done: Optimised, draw: bool) -> None:
         console.print(f"history, chart, series and animation in {folder}", soft_wrap=True)
     else:
         console.print(f"history in {folder}", soft_wrap=True)
+
+
+def values(done: Optimised) -> dict[str, Any]:
+    """How the loop ended, with its history, for programs."""
+    return {
+        "directory": str(done.directory),
+        "converged": done.converged,
+        "steps": [asdict(row) for row in done.rows],
+    }
 
 
 @contextmanager
