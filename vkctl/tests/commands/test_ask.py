@@ -169,6 +169,8 @@ def test_without_a_question_an_overview_is_printed(directory: Path) -> None:
         ("line --from 0,0,0", "line takes its ends by --from and --to"),
         ("line --from 0,0,0 --to 0,0,0", "the line begins where it ends"),
         ("line --from 0,0,0 --to 1,0,0 --points 1", "a line of 1 points is none"),
+        ("line --from 0,0,0 --to 1,0,0 --points 0", "a line of 0 points is none"),
+        ("mass --points 0", "mass has no use for --points"),
         ("line --from 9,0,0 --to 10,0,0", "lies outside of the mesh"),
         ("mass --case 1", "mass has no use for --case"),
         ("reactions --nodes", "reactions has no use for --nodes"),

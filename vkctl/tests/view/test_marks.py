@@ -130,7 +130,7 @@ def test_the_scale_tells_the_unit_that_the_case_file_names(said: dict[str, Any])
     model = make_model()
     model.notes = formats.CaseNotes(units="mm-N-MPa")
     for field, title in (
-        ("element_mean", "von Mises stress, element mean, signed in MPa"),
+        ("element_mean", "signed element mean of von Mises stress in MPa"),
         ("energy_density", "strain energy density in mJ/mm³"),
         ("magnitude", "displacement in mm"),
         ("criterion", "criterion"),

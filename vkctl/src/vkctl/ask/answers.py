@@ -51,7 +51,7 @@ class Wanted:
     normal: Vector | None = None
     start: Vector | None = None
     end: Vector | None = None
-    points: int = 0  # of a line; 11 if 0
+    points: int | None = None  # of a line; 11 if not given
 
 
 # Options of the command by what they set.
@@ -81,7 +81,8 @@ class Answer:
 def answer(directory: PathLike, question: str, wanted: Wanted) -> Answer:
     """The answer to one of `QUESTIONS`; AskError where there is none."""
     for name, option in OPTIONS.items():
-        if getattr(wanted, name) and name not in TAKEN[question]:
+        given = getattr(wanted, name) != getattr(Wanted(), name)
+        if given and name not in TAKEN[question]:
             raise AskError(f"{question} has no use for {option}")
     study = open_study(directory, wanted.cases)
     found = QUESTIONS[question](study, wanted)
@@ -165,7 +166,8 @@ def _point(study: Study, wanted: Wanted) -> Answer:
 def _line(study: Study, wanted: Wanted) -> Answer:
     if wanted.start is None or wanted.end is None:
         raise AskError("line takes its ends by --from and --to")
-    points = line_points(wanted.start, wanted.end, wanted.points or _LINE_POINTS)
+    count = _LINE_POINTS if wanted.points is None else wanted.points
+    points = line_points(wanted.start, wanted.end, count)
     return _values(study, wanted, points, np.linalg.norm(points - points[0], axis=1))
 
 

@@ -8,7 +8,7 @@ import re
 
 # With the file's name at {0}.
 _SENTENCES = {
-    errno.ENOENT: "{0} isn't there, or the folder that it should lie in isn't.",
+    errno.ENOENT: "{0} isn't there; perhaps the folder that it should lie in is missing.",
     errno.EACCES: "{0} is protected: you may not open or change it.",
     errno.EPERM: "{0} is protected: you may not open or change it.",
     errno.EROFS: "{0} can't be written: its file system is for reading only.",

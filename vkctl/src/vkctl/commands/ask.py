@@ -47,7 +47,7 @@ def ask_command(
     normal: Annotated[str | None, typer.Option(..., help="X,Y,Z across a cut's plane")] = None,
     start: Annotated[str | None, typer.Option(..., "--from", help="X,Y,Z a line begins at")] = None,
     end: Annotated[str | None, typer.Option(..., "--to", help="X,Y,Z a line ends at")] = None,
-    points: Annotated[int, typer.Option(..., help="of a line; 11 if not given")] = 0,
+    points: Annotated[int | None, typer.Option(..., help="of a line; 11 if not given")] = None,
     every_node: Annotated[
         bool, typer.Option(..., "--nodes", help="the envelope at every node")
     ] = False,

@@ -38,7 +38,7 @@ FIELDS: tuple[Field, ...] = get_args(Field)
 TITLES: dict[str, str] = {
     "magnitude": "displacement",
     "von_mises": "von Mises stress",
-    "signed_von_mises": "von Mises stress, signed",
+    "signed_von_mises": "signed von Mises stress",
     "tresca": "Tresca stress",
     "principal_1": "largest principal stress",
     "principal_2": "middle principal stress",
@@ -46,7 +46,7 @@ TITLES: dict[str, str] = {
     **{name: name.replace("_", " ") for name in COMPONENTS},
     "energy_density": "strain energy density",
     "safety": "yield stress over von Mises stress",
-    "element_mean": "von Mises stress, element mean, signed",
+    "element_mean": "signed element mean of von Mises stress",
     "criterion": "criterion",
     "level": "level",
 }
