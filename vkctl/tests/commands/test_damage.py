@@ -72,6 +72,10 @@ def _commands(directory: Path, sound: Path, out: Path) -> dict[str, list[str]]:
         "export to .stl": ["export", str(directory), str(out / "x.stl")],
         "plot": ["plot", str(directory), "-o", str(out / "x.png")],
         "ask": ["ask", str(directory)],
+        "ask cut": ["ask", str(directory), "cut", "--at", "1.5,0,0", "--normal", "1,0,0"],
+        "ask point": ["ask", str(directory), "point", "--at", "1.5,0.5,0.5"],
+        "ask line": ["ask", str(directory), "line", "--from", "0.5,0.5,0.5", "--to", "2.5,0.5,0.5"],
+        "ask mass": ["ask", str(directory), "mass"],
         "run": ["run", str(directory), "--threads", "1", "--vk-rund", str(VK_RUND)],
     }
 
