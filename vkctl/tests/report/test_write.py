@@ -18,6 +18,7 @@ from vkctl.directory.model import read, write_load_cases
 from vkctl.optimise.history import HistoryRow, folder_of, write_history
 from vkctl.prepare.build import new
 from vkctl.report import Wanted, write_report
+from vkctl.report.facts import case_facts
 from vkctl.running.run import run
 
 from .conftest import EVIL, solved_model
@@ -108,6 +109,27 @@ def test_a_report_names_load_cases_units_materials_and_loads(solved: Path) -> No
     ):
         assert said in words, said
     assert "What isn't here" not in words
+
+
+def test_safety_can_be_shown_with_what_is_safe_enough_alike(solved: Path) -> None:
+    model = read(solved)
+    model.materials[0].yield_stress *= 18.0  # puts factors on both sides of 10
+    facts = case_facts(model, solved, 1, ("safety",))
+    values = facts.fields["safety"][np.isfinite(facts.fields["safety"])]
+    least = min(one.factor for one in facts.safety)
+    assert least < 10.0 and values.min() == pytest.approx(least, rel=1e-6)
+    assert values.max() == 10.0
+    write_report(solved, solved.parent / "safe.html", Wanted(fields=("safety",)))
+    assert (
+        "yield stress over von Mises stress, 10 and more alike"
+        in (solved.parent / "safe.html").read_text()
+    )
+
+
+def test_safety_needs_a_yield_stress(tmp_path: Path) -> None:
+    solved_model(tmp_path / "box")
+    with pytest.raises(ValueError, match="no isotropic material has a yield_stress"):
+        write_report(tmp_path / "box", tmp_path / "box.html", Wanted(fields=("safety",)))
 
 
 def test_reactions_are_the_loads_with_the_other_sign(solved: Path) -> None:

@@ -15,6 +15,7 @@ from vkctl.check import check
 from vkctl.directory.case_names import case_names, titled
 from vkctl.directory.model import Model, read
 from vkctl.directory.results import solved
+from vkctl.stress.safety import need_strengths
 
 from .about_cases import about_cases, about_extremes, about_reactions, about_safety
 from .about_conditions import about_conditions
@@ -42,6 +43,8 @@ class Wanted:
 def make_report(directory: PathLike, wanted: Wanted) -> tuple[str, Scene | None]:
     """The report's text, and what it draws."""
     model = read(directory)
+    if "safety" in wanted.fields:
+        need_strengths(model)
     there = solved(directory)
     missing: list[str] = []
     numbers = chosen_cases(directory, there, wanted.cases, missing)

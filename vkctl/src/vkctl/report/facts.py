@@ -16,7 +16,7 @@ from vkctl.directory.case_names import case_names, titled
 from vkctl.directory.model import Model
 from vkctl.directory.results import Results, read_results
 from vkctl.stress.fields import STRESS_FIELDS, stress_field
-from vkctl.stress.safety import Safety
+from vkctl.stress.safety import DRAWN_ALIKE, Safety, safety_field
 from vkctl.view.fields import FIELDS, point_fields
 
 # Shown and told of by default, in this order, where a load case has them.
@@ -66,6 +66,9 @@ def case_facts(
     for name in wanted:
         if name in STRESS_FIELDS:
             fields[name] = stress_field(merged.stress, merged.energy, name).astype(np.float32)
+        elif name == "safety":
+            factors = safety_field(model, found.stress)
+            fields[name] = np.minimum(factors, DRAWN_ALIKE).astype(np.float32)
         elif name in every:
             fields[name] = every[name].astype(np.float32)
     told = [name for name in fields if name in WITH_EXTREMES]

@@ -15,6 +15,7 @@ from vkctl.basics.types import Array
 from vkctl.basics.units import UnitSystem
 from vkctl.basics.words import called
 from vkctl.directory.model import Model
+from vkctl.stress.safety import DRAWN_ALIKE
 from vkctl.view.fields import TITLES
 from vkctl.view.grid import part_grid
 
@@ -76,13 +77,18 @@ def make_scene(
         "high": model.nodes.max(axis=0).tolist(),
         "length": unit_of(units, "length"),
         "fields": [
-            {"name": name, "title": TITLES[name], "unit": shown_unit(units, name)} for name in names
+            {"name": name, "title": _title(name), "unit": shown_unit(units, name)} for name in names
         ],
         "cases": [_case(model, case, solid, shape.rows) for case in cases],
         "colours": {"one": _colours("viridis"), "two": _colours("coolwarm")},
     }
     drawn = len(shape.triangles)
     return Scene(values, drawn, shape.found, len(shape.tetrahedra) > 0)
+
+
+def _title(field: str) -> str:
+    alike = f", {DRAWN_ALIKE:g} and more alike" if field == "safety" else ""
+    return TITLES[field] + alike
 
 
 def _all_fields(cases: Sequence[CaseFacts]) -> dict[str, Array]:

@@ -24,8 +24,8 @@ class Written:
 def write_report(directory: PathLike, out: PathLike, wanted: Wanted | None = None) -> Written:
     """Write the report of `directory` to `out`, replacing it as a whole.
 
-    FileNotFoundError or FormatError without a model that can be read; what else is missing the
-    report tells.
+    FileNotFoundError or FormatError without a model that can be read, ValueError for a safety
+    factor where no material has a yield stress; what else is missing the report tells.
     """
     page, scene = make_report(directory, wanted or Wanted())
     data = page.encode()

@@ -94,6 +94,15 @@ def strengths(model: Model, limits: Mapping[str, float] | None = None) -> dict[i
     return found
 
 
+DRAWN_ALIKE = 10.0  # safety factors from here on, which all say that there is enough
+
+
+def need_strengths(model: Model) -> None:
+    """ValueError where no material has a stress that safety could be measured against."""
+    if not strengths(model):
+        raise ValueError("no isotropic material has a yield_stress to measure safety against")
+
+
 def safety_field(model: Model, found: NodalStress) -> Array:
     """Yield stress over von Mises stress at each node (n,), the least where materials meet.
 

@@ -11,7 +11,7 @@ from vkctl.basics.types import Array
 from vkctl.directory.model import Model
 from vkctl.directory.results import Results
 from vkctl.stress.fields import COMPONENTS, STRESS_FIELDS, stress_field
-from vkctl.stress.safety import safety_field, strengths
+from vkctl.stress.safety import need_strengths, safety_field, strengths
 
 Field = Literal[
     "magnitude",
@@ -121,8 +121,8 @@ def stress_fields(model: Model, results: Results) -> dict[str, Array]:
 def shown_fields(model: Model, results: Results, field: str) -> dict[str, Array]:
     """What a picture of one field needs; ValueError where the load case doesn't have it."""
     fields = point_fields(model, results)
-    if field == "safety" and not strengths(model):
-        raise ValueError("no isotropic material has a yield_stress to measure safety against")
+    if field == "safety":
+        need_strengths(model)
     if field == "safety" or field in STRESS_FIELDS:
         # Says itself why there is none.
         parts = stress.nodal_stress(stress.solution_of(model, results))

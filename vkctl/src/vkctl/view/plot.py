@@ -15,6 +15,7 @@ from vkctl.directory.case_names import case_names, titled
 from vkctl.directory.model import Model, read
 from vkctl.directory.results import read_results
 from vkctl.stress.fields import field_unit
+from vkctl.stress.safety import DRAWN_ALIKE
 
 from .canvas import Canvas, Mark, Scale, number_texts, put_marks, put_scale, put_scene, put_title
 from .fields import TITLES, Field, shown_fields
@@ -27,7 +28,6 @@ if TYPE_CHECKING:
 
 _VISIBLE_PART = 0.08  # of the part's extent: what the largest displacement is drawn as
 _SHADES = 256
-_SAFE = 10.0  # safety factors above are drawn alike
 _NEAR = 1e-6  # of the extent: a place as close to a node as this is the node's
 
 
@@ -120,8 +120,8 @@ def _clip(fields: dict[str, Array], field: str) -> bool:
     """Bound safety factors, which have no end where there is no stress; whether some were."""
     if field != "safety" or field not in fields:
         return False
-    beyond = bool((fields[field] > _SAFE).any())
-    fields[field] = np.minimum(fields[field], _SAFE)
+    beyond = bool((fields[field] > DRAWN_ALIKE).any())
+    fields[field] = np.minimum(fields[field], DRAWN_ALIKE)
     return beyond
 
 
@@ -167,7 +167,7 @@ def field_colours(low: float, high: float, field: str = "") -> Array:
     """
     maps = need("matplotlib").colormaps
     if field == "safety":
-        shares = np.log(np.maximum(np.linspace(low, high, _SHADES), 1.0)) / np.log(_SAFE)
+        shares = np.log(np.maximum(np.linspace(low, high, _SHADES), 1.0)) / np.log(DRAWN_ALIKE)
         chosen = maps["RdYlBu"](shares)
     elif low < 0 < high:
         furthest = max(-low, high)
