@@ -25,6 +25,9 @@ from vkctl.terminal.refusal import refuse, refusing
 def import_command(
     deck: Annotated[Path, typer.Argument(..., help="deck of Abaqus or CalculiX (.inp)")],
     cases: Annotated[Path, typer.Argument(..., help="case file to write (.toml)")],
+    split: Annotated[
+        bool, typer.Option(..., "--split", help="have all cells split into 4-node tetrahedra")
+    ] = False,
     trust_scripts: TrustScripts = False,
     no_limits: NoLimits = False,
 ) -> None:
@@ -33,7 +36,7 @@ def import_command(
     try:
         with refusing(DeckError, PartError), ending_when_asked():
             with reading_shown(trust_scripts, no_limits) as reading:
-                made = import_deck(deck, cases, reading)
+                made = import_deck(deck, cases, reading, split)
     except MemoryError:
         raise refuse("Memory ran out: nothing is written.") from None
     except KeyboardInterrupt:

@@ -18,7 +18,7 @@ from vkctl.shapes.elements import Elements
 from vkctl.shapes.topology import HEX8, NODES_PER_TYPE, TET4, TET10
 
 from .orientation import orient
-from .part import Lookup, Part, PartError
+from .part import SPLITTING, Lookup, Part, PartError
 
 
 @dataclass
@@ -83,7 +83,8 @@ def refuse_unsupported(part: Part) -> None:
         found = ", ".join(f"{count} {name}" for name, count in part.unsupported.items())
         raise PartError(
             f"the part holds elements that the solver doesn't have: {found}; it has 4-node and "
-            "10-node tetrahedra and 8-node hexahedra, so mesh it with those"
+            "10-node tetrahedra and 8-node hexahedra, so mesh it with those, or have wedges, "
+            f"pyramids and hexahedra split into tetrahedra: {SPLITTING}"
         )
     if not sum(len(labels) for _, labels, _ in part.solids):
         flat = sum(len(rows) for tables in part.surfaces.values() for rows in tables)

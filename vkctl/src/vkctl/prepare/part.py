@@ -13,7 +13,10 @@ from vkctl.basics.types import Array
 
 @dataclass
 class MeshOptions:
-    """How geometry is meshed. Sizes are in units of the geometry, before any scaling."""
+    """How geometry is meshed, and whether cells are cut into 4-node tetrahedra.
+
+    Sizes are in units of the geometry, before any scaling.
+    """
 
     size: float | None = None  # largest edge length; a twentieth of the diagonal if not given
     smallest_size: float | None = None
@@ -21,6 +24,7 @@ class MeshOptions:
     order: int = 2  # 1 for 4-node, 2 for 10-node tetrahedra
     curved: bool = True  # mid-edge nodes on the geometry rather than halfway
     threads: int = 1
+    split: bool = False  # of any part: cells that the solver doesn't have are taken then
 
 
 @dataclass(frozen=True)
@@ -46,6 +50,8 @@ class Reading:
     conditions: bool = False
 
 
+# What has cells that the solver doesn't have split, for messages.
+SPLITTING = "split = true in [mesh] of the case file, or --split of vkctl import"
 _SHOWN = 5  # labels named in a message
 
 

@@ -78,6 +78,7 @@ def _read_mesh(cases: Cases, table: Table | None) -> None:
         order=table.integer("order", 2),
         curved=table.boolean("curved", True),
         threads=table.integer("threads", 1, 1),
+        split=table.boolean("split", False),
     )
     if options.order not in (1, 2):
         table.problem("order", f"must be 1 or 2, not {options.order}")

@@ -24,7 +24,7 @@ Sta.MatSlopeFactor = 10000.0   # full material to 3e-5; leave it out with a [lev
 
 
 def case_text(
-    part: str, title: str, story: Story, targets: Targets, report: Report
+    part: str, title: str, story: Story, targets: Targets, report: Report, split: bool
 ) -> tuple[str, dict[str, int]]:
     """Text of the case file, and how many tables of each kind it has."""
     case = CaseTables(story, targets, report)
@@ -38,7 +38,8 @@ def case_text(
         _acting(case, story.model, springs)
     first = f"# What {title!r} says, as vkctl import understood it.\n\n"
     top = table([], {"part": part})
-    blocks = [*materials, *case.sets, *case.supports, *case.loads, *steps, _OPTIONS]
+    mesh = [table(["mesh"], {"split": True})] if split else []
+    blocks = [*mesh, *materials, *case.sets, *case.supports, *case.loads, *steps, _OPTIONS]
     counts = {
         "material": len(materials),
         "support": len(case.supports),

@@ -16,6 +16,7 @@ import numpy as np
 from vkctl.basics.arrays import distinct
 from vkctl.basics.extras import need
 from vkctl.basics.types import Array, PathLike
+from vkctl.shapes.cells import HEX20, HEX27, PYRAMID5, PYRAMID13, WEDGE6, WEDGE15
 from vkctl.shapes.topology import HEX8, TET4, TET10
 
 from ..part import MeshOptions, Part, PartError
@@ -32,6 +33,16 @@ _SOLIDS = {
 }
 
 _SURFACES = {2: 3, 3: 4, 9: 6}  # type and number of nodes, which are in the solver's order
+# Taken where they are to be split, which looks at corners alone.
+_CELLS = {
+    6: (WEDGE6, list(range(6))),
+    7: (PYRAMID5, list(range(5))),
+    12: (HEX27, list(range(27))),
+    17: (HEX20, list(range(20))),
+    18: (WEDGE15, list(range(15))),
+    19: (PYRAMID13, list(range(13))),
+}
+_CELL_SURFACES = {10: 9, 16: 8}
 _DIMENSION_NAMES = ("point", "curve", "surface", "volume")
 _MOST_THREADS = 64
 _COUNTED = 1e12  # a count above it is written with an exponent
@@ -61,14 +72,17 @@ def _failure(gmsh: ModuleType, title: str, error: Exception) -> PartError:
     return PartError(f"{title}: Gmsh can't read or mesh it: {words or 'no reason given'}")
 
 
-def read_msh(path: PathLike, title: str) -> Part:
-    """Part of a Gmsh mesh file of any version that Gmsh reads."""
+def read_msh(path: PathLike, title: str, cells: bool = False) -> Part:
+    """Part of a Gmsh mesh file of any version that Gmsh reads.
+
+    `cells` takes wedges, pyramids and hexahedra of 20 and 27 nodes too.
+    """
     with _session() as gmsh:
         try:
             gmsh.merge(str(path))
         except Exception as error:
             raise _failure(gmsh, title, error) from None
-        part = _collect(gmsh)
+        part = _collect(gmsh, cells)
         part.node_data = _views(gmsh, part.labels)
         return part
 
@@ -91,7 +105,7 @@ def mesh_geometry(
             raise
         except Exception as error:
             raise _failure(gmsh, title, error) from None
-        part = _collect(gmsh)
+        part = _collect(gmsh, options.split)
         part.meshed = meshed
         return part
 
@@ -161,16 +175,19 @@ def _memory(size: float) -> str:
     return f"{size / 2**30:.2g} GB" if size < 1e4 * 2**30 else f"{size / 2**30:.1e} GB"
 
 
-def _collect(gmsh: ModuleType) -> Part:
+def _collect(gmsh: ModuleType, cells: bool) -> Part:
     labels, points, _ = gmsh.model.mesh.getNodes(returnParametricCoord=False)
     part = Part(np.asarray(labels, np.int64), np.reshape(points, (-1, 3)), [])
     names = _set_names(gmsh)
     pieces: dict[str, list[Array]] = defaultdict(list)
     surfaces: dict[str, list[Array]] = defaultdict(list)
+    taken = _taken(cells)
     for entity in gmsh.model.getEntities():
         groups = gmsh.model.mesh.getElements(*entity)
         for kind, tags, rows in zip(*groups, strict=True):
-            _collect_block(gmsh, part, names[entity], entity, kind, tags, rows, pieces, surfaces)
+            _collect_block(
+                gmsh, part, taken, names[entity], entity, kind, tags, rows, pieces, surfaces
+            )
     for name, found in pieces.items():
         target = part.element_sets if name.startswith("3 ") else part.node_sets
         target[name[2:]] = distinct(np.concatenate(found))
@@ -178,9 +195,19 @@ def _collect(gmsh: ModuleType) -> Part:
     return part
 
 
+_Taken = tuple[dict[int, tuple[int, list[int]]], dict[int, int]]  # solids and surface elements
+
+
+def _taken(cells: bool) -> _Taken:
+    if cells:
+        return {**_SOLIDS, **_CELLS}, {**_SURFACES, **_CELL_SURFACES}
+    return _SOLIDS, _SURFACES
+
+
 def _collect_block(
     gmsh: ModuleType,
     part: Part,
+    taken: _Taken,
     names: list[str],
     entity: tuple[int, int],
     kind: int,
@@ -191,13 +218,14 @@ def _collect_block(
 ) -> None:
     """File the elements of one type of one entity under the names of their sets."""
     dimension = entity[0]
+    solids, flat_types = taken
     rows = np.asarray(flat, np.int64).reshape(len(tags), -1)
-    if dimension == 3 and kind in _SOLIDS:
-        code, places = _SOLIDS[kind]
+    if dimension == 3 and kind in solids:
+        code, places = solids[kind]
         part.solids.append((code, np.asarray(tags, np.int64), rows[:, places]))
         for name in names:
             pieces[f"3 {name}"].append(np.asarray(tags, np.int64))
-    elif dimension == 2 and kind in _SURFACES:
+    elif dimension == 2 and kind in flat_types:
         for name in names:
             surfaces[name].append(rows)
     elif dimension < 2:

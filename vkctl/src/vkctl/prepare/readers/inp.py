@@ -16,15 +16,32 @@ import numpy as np
 from vkctl.basics.arrays import distinct
 from vkctl.basics.types import Array, PathLike
 from vkctl.basics.words import counted, did_you_mean
-from vkctl.shapes.topology import FACES, HEX8, TET4, TET10
+from vkctl.shapes.cells import (
+    CELL_FACES,
+    HEX20,
+    HEX27,
+    PYRAMID5,
+    PYRAMID13,
+    WEDGE6,
+    WEDGE15,
+)
+from vkctl.shapes.topology import HEX8, TET4, TET10
 
 from ..deck_pressures import PressedFaces, plain_name, pressed_faces
-from ..part import DeckSection, Lookup, Part, PartError, labelled
+from ..part import SPLITTING, DeckSection, Lookup, Part, PartError, labelled
 from .deck_sections import Sources, sections
 
 # Both programs count the nodes of these types as the solver does.
 _SOLIDS = {"C3D4": (TET4, 4), "C3D10": (TET10, 10), "C3D8": (HEX8, 8)}
-_OTHER_SOLIDS = {"C3D5": 5, "C3D6": 6, "C3D13": 13, "C3D15": 15, "C3D20": 20, "C3D27": 27}
+# Taken where they are to be split.
+_CELLS = {
+    "C3D5": (PYRAMID5, 5),
+    "C3D6": (WEDGE6, 6),
+    "C3D13": (PYRAMID13, 13),
+    "C3D15": (WEDGE15, 15),
+    "C3D20": (HEX20, 20),
+    "C3D27": (HEX27, 27),
+}
 _SURFACE = re.compile(r"(?:DS|SFM3D|SC|S|STRI|M3D|CPS|CPEG?|CAX|R3D|F3D)(3|4|6|65|8|9)[A-Z]*\Z")
 _SOLID = re.compile(r"(C3D\d+)([A-Z]*)\Z")
 _LINES = {"T3D2": 2, "T3D3": 3, "T2D2": 2, "B31": 2, "B32": 3, "B21": 2, "MASS": 1}
@@ -56,6 +73,8 @@ class _Deck:
     instances: int = 0
     members: int = 0  # of sets, from ranges and other sets
     has_part: bool = False
+    solid_types: dict[str, tuple[int, int]] = field(default_factory=lambda: _SOLIDS)
+    flat_widths: tuple[int, ...] = (3, 4, 6)
 
     def name(self, text: str) -> str:
         """A set's name in capitals, without the instance in front; remembers its spelling."""
@@ -81,13 +100,22 @@ def _joined(sets: dict[str, list[Array]], name: str) -> Array:
     return pieces[0] if pieces else np.empty(0, np.int64)
 
 
-def read_inp(path: PathLike, title: str, anywhere: bool = False, conditions: bool = False) -> Part:
+def read_inp(
+    path: PathLike,
+    title: str,
+    anywhere: bool = False,
+    conditions: bool = False,
+    cells: bool = False,
+) -> Part:
     """Part of an input deck: *NODE, *ELEMENT, *NSET, *ELSET, *SURFACE and *INCLUDE.
 
     Included files lie in the deck's folder or below it, unless `anywhere`. The faces that *DLOAD
-    lines name are surfaces too. With `conditions` the part holds all other keywords as they are.
+    lines name are surfaces too. With `conditions` the part holds all other keywords as they are,
+    with `cells` also wedges, pyramids and hexahedra of 20 and 27 nodes.
     """
     deck = _Deck()
+    if cells:
+        deck.solid_types, deck.flat_widths = {**_SOLIDS, **_CELLS}, (3, 4, 6, 8, 9)
     for section in sections(Path(path), Sources(Path(path), title, anywhere)):
         _take(deck, section, title)
         if conditions:
@@ -204,13 +232,13 @@ def _take_elements(deck: _Deck, section: DeckSection, path: PathLike) -> None:
     name = deck.name(section.get("ELSET")) if section.get("ELSET") else ""
     solid = _SOLID.match(kind)
     surface = _SURFACE.match(kind)
-    if solid and solid[1] in _SOLIDS:
-        code, width = _SOLIDS[solid[1]]
+    if solid and solid[1] in deck.solid_types:
+        code, width = deck.solid_types[solid[1]]
         rows = _records(section, width + 1, path)
         deck.solids.append((code, rows[:, 0], rows[:, 1:]))
         if solid[2]:
             deck.notes[f"{kind} read as {solid[1]}"] = None
-    elif surface and (width := {"65": 6}.get(surface[1], int(surface[1]))) in (3, 4, 6):
+    elif surface and (width := {"65": 6}.get(surface[1], int(surface[1]))) in deck.flat_widths:
         rows = _records(section, width + 1, path)
         deck.flat.append((name, rows[:, 0], rows[:, 1:]))
     elif kind in _LINES:
@@ -219,7 +247,7 @@ def _take_elements(deck: _Deck, section: DeckSection, path: PathLike) -> None:
         deck.notes[f"{kind} elements left out, their nodes are a node set"] = None
         return
     else:
-        width = _OTHER_SOLIDS.get(solid[1] if solid else "", 0)
+        _, width = _CELLS.get(solid[1] if solid else "", (0, 0))
         lines = len([line for line in section.data.split("\n") if line.strip()])
         count = len(_records(section, width + 1, path)) if width else lines
         deck.unsupported[kind] = deck.unsupported.get(kind, 0) + count
@@ -340,8 +368,8 @@ def _pressed_rows(deck: _Deck, pressed: PressedFaces) -> list[Array]:
     for side, pieces in labels.items():
         wanted = np.concatenate(pieces)
         for code, own, rows in deck.solids:
-            if side <= len(FACES[code]):
-                found.append(rows[np.isin(own, wanted)][:, FACES[code][side - 1]])
+            if side <= len(CELL_FACES[code]):
+                found.append(rows[np.isin(own, wanted)][:, CELL_FACES[code][side - 1]])
     return [rows for rows in found if len(rows)]
 
 
@@ -416,6 +444,8 @@ def _no_elements(deck: _Deck, name: str, what: str, why: str) -> PartError:
     if deck.unsupported:
         kinds = ", ".join(sorted(deck.unsupported))
         why += f" (left out of the deck, since they can't be read: elements of type {kinds})"
+        if any((solid := _SOLID.match(kind)) and solid[1] in _CELLS for kind in deck.unsupported):
+            why += f"; wedges, pyramids and hexahedra can be split: {SPLITTING}"
     return PartError(f"*SURFACE {deck.titles[name]} names {what}, {why}")
 
 
@@ -443,12 +473,12 @@ def _surface_rows(
     for code, own, rows in deck.solids:
         chosen = rows[np.isin(own, inside)]
         number = int(side[1:] or 0) - 1 if len(chosen) else 0
-        if len(chosen) and number >= len(FACES[code]):
+        if len(chosen) and number >= len(CELL_FACES[code]):
             label = int(own[np.isin(own, inside)][0])
             raise PartError(
                 f"*SURFACE {deck.titles[name]}: element {label} of {word!r} has no side {side}, "
-                f"its sides are S1 to S{len(FACES[code])}"
+                f"its sides are S1 to S{len(CELL_FACES[code])}"
             )
         if len(chosen):
-            found.append(chosen[:, FACES[code][number]])
+            found.append(chosen[:, CELL_FACES[code][number]])
     return found

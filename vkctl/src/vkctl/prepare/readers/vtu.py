@@ -13,6 +13,7 @@ import numpy as np
 from vkctl.basics.arrays import distinct
 from vkctl.basics.extras import need
 from vkctl.basics.types import Array, PathLike
+from vkctl.shapes.cells import HEX20, HEX27, PYRAMID5, PYRAMID13, WEDGE6, WEDGE15
 from vkctl.shapes.topology import HEX8, TET4, TET10
 
 from ..part import Part, PartError
@@ -29,29 +30,50 @@ _SOLIDS = {
     24: (TET10, [0, 1, 2, 3, 4, 5, 6, 7, 8, 9]),
 }
 _SURFACES = {5: [0, 1, 2], 8: [0, 1, 3, 2], 9: [0, 1, 2, 3], 22: [0, 1, 2, 3, 4, 5]}
+# Taken where they are to be split, which looks at corners alone.
+_CELLS = {
+    13: (WEDGE6, list(range(6))),
+    14: (PYRAMID5, list(range(5))),
+    25: (HEX20, list(range(20))),
+    26: (WEDGE15, list(range(15))),
+    27: (PYRAMID13, list(range(13))),
+    29: (HEX27, list(range(27))),
+}
+_CELL_SURFACES = {23: list(range(8)), 28: list(range(9))}
 _LINES_AND_POINTS = {1: 1, 3: 2, 21: 3}
 _MOST_VALUES = 1000  # an integer array of more values than this is data, not a list of sets
 
 
-def read_vtu(path: PathLike, title: str, limits: bool = True) -> Part:
+def read_vtu(path: PathLike, title: str, limits: bool = True, cells: bool = False) -> Part:
     """Part of a .vtu file.
 
     Every integer cell array makes sets named ARRAY:VALUE; a boolean or 0/1 array makes a set
     ARRAY too. The same holds for integer point arrays. Real point arrays are node data.
+    `cells` takes wedges, pyramids and hexahedra of 20 and 27 nodes too.
     """
     if limits:
         check_counts(Path(path), title)
     grid = _grid(path, title)
     points = need(_NUMPY).vtk_to_numpy(grid.GetPoints().GetData())
     part = Part(np.arange(1, len(points) + 1), np.array(points, np.float64), [])
-    types, rows_of = _collect_cells(part, grid)
+    taken = _taken(cells)
+    types, rows_of = _collect_cells(part, grid, taken)
     for name, array in _arrays(grid.GetCellData()):
         if len(array) == len(types):
-            _cell_sets(part, name, array, types, rows_of)
+            _cell_sets(part, name, array, types, rows_of, taken)
     for name, array in _arrays(grid.GetPointData()):
         if len(array) == len(points):
             _point_array(part, name, array)
     return part
+
+
+_Taken = tuple[dict[int, tuple[int, list[int]]], dict[int, list[int]]]  # solids, surface cells
+
+
+def _taken(cells: bool) -> _Taken:
+    if cells:
+        return {**_SOLIDS, **_CELLS}, {**_SURFACES, **_CELL_SURFACES}
+    return _SOLIDS, _SURFACES
 
 
 def _grid(path: PathLike, title: str) -> Any:
@@ -75,7 +97,9 @@ def _arrays(data: Any) -> list[tuple[str, Array]]:
     return [(a.GetName(), as_array(a)) for a in found if a is not None and a.GetName()]
 
 
-def _collect_cells(part: Part, grid: Any) -> tuple[Array, dict[int, tuple[Array, Array]]]:
+def _collect_cells(
+    part: Part, grid: Any, taken: _Taken
+) -> tuple[Array, dict[int, tuple[Array, Array]]]:
     """Fill in the solids, in runs of one type; types, and (cells, node rows) of each type."""
     as_array = need(_NUMPY).vtk_to_numpy
     cells_there = grid.GetCells()
@@ -85,9 +109,10 @@ def _collect_cells(part: Part, grid: Any) -> tuple[Array, dict[int, tuple[Array,
     if len(starts) != len(types) + 1 or np.any(np.diff(starts) < 0) or starts[-1] > len(flat):
         raise PartError("the table of cells doesn't fit together; the file may be damaged")
     rows_of = {}
+    solids, flat_types = taken
     for kind in distinct(types):
         cells = np.flatnonzero(types == kind)
-        table = {**{k: p for k, (_, p) in _SOLIDS.items()}, **_SURFACES}
+        table = {**{k: p for k, (_, p) in solids.items()}, **flat_types}
         places = table.get(int(kind), list(range(_LINES_AND_POINTS.get(int(kind), 0))))
         if not places:
             kinds = need("vtkmodules.vtkCommonDataModel").vtkCellTypeUtilities
@@ -100,10 +125,10 @@ def _collect_cells(part: Part, grid: Any) -> tuple[Array, dict[int, tuple[Array,
     change = np.flatnonzero(np.diff(types)) + 1
     for run in np.split(np.arange(len(types)), change):
         kind = int(types[run[0]]) if len(run) else 0
-        if kind in _SOLIDS and kind in rows_of:
+        if kind in solids and kind in rows_of:
             cells, rows = rows_of[kind]
             first = np.searchsorted(cells, run[0])
-            part.solids.append((_SOLIDS[kind][0], run + 1, rows[first : first + len(run)]))
+            part.solids.append((solids[kind][0], run + 1, rows[first : first + len(run)]))
     return types, rows_of
 
 
@@ -124,14 +149,19 @@ def _names(name: str, values: Array) -> list[tuple[str, Array]]:
 
 
 def _cell_sets(
-    part: Part, name: str, array: Array, types: Array, rows_of: dict[int, tuple[Array, Array]]
+    part: Part,
+    name: str,
+    array: Array,
+    types: Array,
+    rows_of: dict[int, tuple[Array, Array]],
+    taken: _Taken,
 ) -> None:
     for title, value in _names(name, _values(array)):
         chosen = array == value
-        solids = chosen & np.isin(types, list(_SOLIDS))
+        solids = chosen & np.isin(types, list(taken[0]))
         if np.any(solids):
             part.element_sets[title] = np.flatnonzero(solids) + 1
-        flat = [rows[chosen[cells]] for kind, (cells, rows) in rows_of.items() if kind in _SURFACES]
+        flat = [rows[chosen[cells]] for kind, (cells, rows) in rows_of.items() if kind in taken[1]]
         if any(len(rows) for rows in flat):
             part.surfaces[title] = [rows for rows in flat if len(rows)]
         thin = [

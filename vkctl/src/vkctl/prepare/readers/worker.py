@@ -14,6 +14,7 @@ from typing import IO, Any
 from vkctl.basics import confine
 
 from ..part import MeshOptions, Part, PartError
+from ..split import split
 from .channel import part_message, send
 
 
@@ -33,7 +34,10 @@ def main(descriptor: int) -> None:
 def _answer(stream: IO[bytes], job: dict[str, Any]) -> None:
     title = job["title"]
     try:
-        content, arrays = part_message(_read(stream, job))
+        part = _read(stream, job)
+        if job["options"]["split"]:
+            part = split(part)
+        content, arrays = part_message(part)
     except PartError as error:
         send(stream, "error", {"text": str(error)})
     except MemoryError:
@@ -48,22 +52,23 @@ def _answer(stream: IO[bytes], job: dict[str, Any]) -> None:
 def _read(stream: IO[bytes], job: dict[str, Any]) -> Part:
     """The part; readers are imported where they are needed, since their libraries are large."""
     path, title, ending = job["path"], job["title"], job["ending"]
+    options = MeshOptions(**job["options"])
     if ending == ".inp":
         from .inp import read_inp
 
-        return read_inp(path, title, anywhere=job["trusted"], conditions=job["conditions"])
+        return read_inp(path, title, job["trusted"], job["conditions"], options.split)
     if ending == ".vtu":
         from .vtu import read_vtu
 
-        return read_vtu(path, title, limits=job["limits"])
+        return read_vtu(path, title, limits=job["limits"], cells=options.split)
     from .gmsh import mesh_geometry, read_msh
 
     if ending == ".msh":
-        return read_msh(path, title)
+        return read_msh(path, title, cells=options.split)
     return mesh_geometry(
         path,
         title,
-        MeshOptions(**job["options"]),
+        options,
         most_bytes=job["budget"],
         tell=lambda kind, content: send(stream, kind, content),
     )
