@@ -384,7 +384,8 @@ def test_the_case_file_can_name_its_part(tmp_path: Path) -> None:
         build(None, case_file(tmp_path, "", 'part = "gone.msh"\n' + CASES))
 
 
-EXAMPLES = sorted((ROOT / "vkctl" / "examples").glob("*.toml"))
+FOLDER = ROOT / "vkctl" / "examples"
+EXAMPLES = sorted(path for path in FOLDER.glob("*.toml") if not path.stem.endswith("-study"))
 
 
 @pytest.mark.parametrize("path", EXAMPLES, ids=lambda path: path.stem)
