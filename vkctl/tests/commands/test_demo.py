@@ -22,7 +22,7 @@ def small_cantilever(monkeypatch):
 def test_command_demo_solves_and_draws_with_the_solver_that_is_found(tmp_path, small_cantilever):
     result = runner.invoke(app, ["demo", str(tmp_path)])
     assert result.exit_code == 0, result.output
-    assert "results of load case 2:" in result.stdout
+    assert "results of load case 2, twisted:" in result.stdout
     assert "deformed.png" in result.stdout.replace("\n", "")  # a long path is broken into lines
     assert matplotlib.image.imread(tmp_path / "deformed.png").ndim == 3
 
@@ -45,7 +45,7 @@ def test_command_demo_without_matplotlib_says_how_to_get_pictures(
     result = runner.invoke(app, ["demo", str(tmp_path)])
     assert result.exit_code == 0, result.output
     assert "no picture: This needs Matplotlib: pip install 'vkctl[view]'" in result.stdout
-    assert "results of load case 2:" in result.stdout
+    assert "results of load case 2, twisted:" in result.stdout
 
 
 def test_command_demo_tells_a_solver_that_fails_or_is_missing(tmp_path, small_cantilever):
