@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import datetime
+import os
 from collections.abc import Iterator
 from pathlib import Path
 
@@ -131,3 +132,10 @@ def test_workers_of_this_machine_listen_on_the_loopback_alone():
         with pytest.raises(WhereError, match="No scheduler can be reached"):
             with opened(parse_where(stranger)):
                 pass
+
+
+def test_workers_of_this_machine_leave_its_threads_as_they_were(monkeypatch) -> None:
+    monkeypatch.delenv("OMP_NUM_THREADS", raising=False)
+    with opened(parse_where("local:1")):
+        assert "OMP_NUM_THREADS" not in os.environ
+    assert "OMP_NUM_THREADS" not in os.environ

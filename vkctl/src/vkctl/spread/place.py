@@ -156,17 +156,19 @@ def _local(where: Where) -> tuple[Any, int]:
     need("cryptography")
     cores = max(1, len(os.sched_getaffinity(0)) // where.workers)
     memory = available_gb()
-    cluster = distributed.LocalCluster(
-        n_workers=where.workers,
-        threads_per_worker=cores,
-        memory_limit="auto" if memory is None else int(memory / where.workers * 2**30),
-        processes=True,
-        host="tls://127.0.0.1",
-        security=distributed.Security.temporary(),
-        dashboard_address="127.0.0.1:0",
-        worker_dashboard_address="127.0.0.1:0",
-        silence_logs=logging.CRITICAL,
-    )
+    # The engine would set OMP_NUM_THREADS=1 and the like, in this process too.
+    with need("dask").config.set({"distributed.nanny.pre-spawn-environ": {}}):
+        cluster = distributed.LocalCluster(
+            n_workers=where.workers,
+            threads_per_worker=cores,
+            memory_limit="auto" if memory is None else int(memory / where.workers * 2**30),
+            processes=True,
+            host="tls://127.0.0.1",
+            security=distributed.Security.temporary(),
+            dashboard_address="127.0.0.1:0",
+            worker_dashboard_address="127.0.0.1:0",
+            silence_logs=logging.CRITICAL,
+        )
     return cluster, where.workers
 
 
