@@ -5,6 +5,7 @@ from __future__ import annotations
 from collections.abc import Callable, Iterator
 from contextlib import contextmanager
 from dataclasses import asdict
+from functools import partial
 from pathlib import Path
 from typing import TYPE_CHECKING, Annotated, Any
 
@@ -15,9 +16,8 @@ from rich.table import Table
 from rich.text import Text
 
 from vkctl.basics.extras import need
-from vkctl.basics.units import unit_of
 from vkctl.basics.words import printable
-from vkctl.directory.case_names import read_case_names, read_units, titled
+from vkctl.directory.case_names import titled
 from vkctl.running.progress import Progress
 from vkctl.terminal import output
 from vkctl.terminal.arguments import AsJson, On
@@ -27,6 +27,7 @@ from vkctl.terminal.refusal import refuse, refusing
 
 if TYPE_CHECKING:
     from vkctl.optimise import Optimised, OptimiseError, StepShown
+    from vkctl.optimise.pictures.beside import Painter
 
 _ROWS = 10  # steps shown at a time, the latest
 _HEADINGS = ("step", "objective", "volume", "target", "change", "quality", "time")
@@ -66,41 +67,64 @@ def optimise_command(
     with refusing():
         for name in ("pyvista", "matplotlib", "PIL") if pictures else ():
             need(name)
-    try:
-        with (
-            refusing(CaseFileError, PartError, WhereError, ValueError),
-            _shown(console) as (on_step, on_progress),
-        ):
-            done = optimise(
-                cases,
-                directory,
-                volume=volume,
-                steps=steps,
-                vk_rund=vk_rund,
-                reading=Reading(trust_scripts, not no_limits),
-                on_step=on_step,
-                on_progress=on_progress,
-                on=on,
-                on_line=lambda line: console.print(printable(line), markup=False, soft_wrap=True),
-            )
-    except OptimiseError as error:
-        raise refuse(error, _status(error)) from None
-    except NotFoundError as error:
-        raise refuse(error, error.status) from None
-    except KeyboardInterrupt:
-        raise refuse("Interrupted: start it again to go on.", 130) from None
-    with refusing(ValueError):
-        _conclude(console, done, pictures)
+    with _drawing(directory, pictures) as drawing:
+        try:
+            with (
+                refusing(CaseFileError, PartError, WhereError, ValueError),
+                _shown(console) as (on_step, on_progress),
+            ):
+                done = optimise(
+                    cases,
+                    directory,
+                    volume=volume,
+                    steps=steps,
+                    vk_rund=vk_rund,
+                    reading=Reading(trust_scripts, not no_limits),
+                    on_step=partial(_tell, on_step, drawing),
+                    on_progress=on_progress,
+                    on=on,
+                    on_line=partial(_print, console),
+                )
+        except OptimiseError as error:
+            raise refuse(error, _status(error)) from None
+        except NotFoundError as error:
+            raise refuse(error, error.status) from None
+        except KeyboardInterrupt:
+            raise refuse("Interrupted: start it again to go on.", 130) from None
+        with refusing(ValueError):
+            _conclude(console, done, drawing)
     if as_json:
         output.print_json(values(done))
+
+
+@contextmanager
+def _drawing(directory: Path, wanted: bool) -> Iterator[Painter | None]:
+    """What draws beside the loop, None where no pictures are wanted."""
+    if not wanted:
+        yield None
+        return
+    from vkctl.optimise.pictures.beside import painter
+
+    with painter(directory) as drawing:
+        yield drawing
+
+
+def _tell(on_step: OnStep, drawing: Painter | None, step: StepShown) -> None:
+    on_step(step)
+    if drawing is not None:
+        drawing.finished(step.row.step, step.steps)
+
+
+def _print(console: Console, line: str) -> None:
+    console.print(printable(line), markup=False, soft_wrap=True)
 
 
 def _status(error: OptimiseError) -> int:
     return 2 if error.run is None else error.run.status or 1
 
 
-def _conclude(console: Console, done: Optimised, draw: bool) -> None:
-    from vkctl.optimise import history, pictures
+def _conclude(console: Console, done: Optimised, drawing: Painter | None) -> None:
+    from vkctl.optimise import history
 
     end = "converged" if done.converged else "ended at the step limit"
     last = done.rows[-1]
@@ -108,14 +132,13 @@ def _conclude(console: Console, done: Optimised, draw: bool) -> None:
         f"{end} after {last.step} steps: objective {last.objective:.6g}, volume {last.volume:.3f}"
     )
     folder = history.folder_of(done.directory)
-    if draw:
-        names, unit = read_case_names(done.directory), unit_of(read_units(done.directory), "energy")
-        history.draw_history(done.rows, folder / history.CHART, names, unit)
-        pictures.write_part_series(done.directory, last.step)
-        pictures.write_animation(done.directory, last.step)
-        console.print(f"history, chart, series and animation in {folder}", soft_wrap=True)
-    else:
+    if drawing is None:
         console.print(f"history in {folder}", soft_wrap=True)
+    elif failure := drawing.finish(done.rows):
+        _print(output.console(stderr=True), failure)
+        console.print(f"history in {folder}", soft_wrap=True)
+    else:
+        console.print(f"history, chart, series and animation in {folder}", soft_wrap=True)
 
 
 def values(done: Optimised) -> dict[str, Any]:

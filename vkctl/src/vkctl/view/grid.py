@@ -106,15 +106,19 @@ def simplices(model: Model, fields: dict[str, Array]) -> tuple[Array, Array, dic
 
     `fields` are per node; "level" is added to them, as the solver interpolates it.
     """
+    whole = {"level": level_field(model).astype(np.float64), **fields}
+    return tetrahedra(model.nodes, active_rows(model), whole, ("level",))
+
+
+def active_rows(model: Model) -> dict[int, Array]:
+    """Nodes of the active elements of each type, from 0."""
     assert model.element_flags is not None
     active = np.flatnonzero(model.element_flags & EXCLUDED == 0) + 1
-
-    def rows_of(code: int) -> Array:
+    found = {}
+    for code in TYPES:
         numbers, rows = model.elements.of_type(code)
-        return rows[np.isin(numbers, active)].astype(np.int64) - 1
-
-    whole = {"level": level_field(model).astype(np.float64), **fields}
-    return tetrahedra(model.nodes, {code: rows_of(code) for code in TYPES}, whole, ("level",))
+        found[code] = rows[np.isin(numbers, active)].astype(np.int64) - 1
+    return found
 
 
 def part_grid(model: Model, fields: dict[str, Array] | None = None) -> pyvista.UnstructuredGrid:

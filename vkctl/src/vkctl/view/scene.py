@@ -58,18 +58,12 @@ def shoot(
     before: pyvista.PolyData,
 ) -> Shot:
     """Draw layers; `before` is the surface that may hide `places` (k, 3)."""
-    pyvista = need("pyvista")
-    logger = need("vtkmodules.vtkCommonCore").vtkLogger
-    # Without a screen VTK warns once and draws in memory, which is what is wanted.
-    logger.SetStderrVerbosity(logger.VERBOSITY_OFF)
-    plotter = pyvista.Plotter(off_screen=True, window_size=list(size))
-    plotter.set_background("white")
+    plotter = quiet_plotter(size)
     solid = []
     for layer in layers:
         actor = plotter.add_mesh(layer.mesh, **{"show_scalar_bar": False, **layer.how})
         if not layer.through:
             solid.append(actor)
-    plotter.add_axes(color="black")
     plotter.view_vector(view[0], viewup=view[1])
     plotter.enable_anti_aliasing("ssaa")
     pixels: Array = plotter.screenshot(return_img=True)
@@ -82,6 +76,17 @@ def shoot(
     camera = np.array(plotter.camera.position)
     plotter.close()
     return Shot(pixels, found, _hidden(before, places, camera))
+
+
+def quiet_plotter(size: tuple[int, int]) -> Any:
+    """A white scene with axes, drawn in memory."""
+    logger = need("vtkmodules.vtkCommonCore").vtkLogger
+    # Without a screen VTK warns once and draws in memory, which is what is wanted.
+    logger.SetStderrVerbosity(logger.VERBOSITY_OFF)
+    plotter = need("pyvista").Plotter(off_screen=True, window_size=list(size))
+    plotter.set_background("white")
+    plotter.add_axes(color="black")
+    return plotter
 
 
 def _shining(pixels: Array, behind: Array) -> Array:
