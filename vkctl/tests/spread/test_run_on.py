@@ -162,6 +162,18 @@ def slow_solver(path: Path, seconds: float, condition: str = "true") -> Path:
     return path
 
 
+def test_a_worker_under_a_nanny_gives_the_solver_all_the_threads_that_it_declares(tmp_path):
+    directory = patterns_box(tmp_path / "part", patterns=1, cases=1)
+    noting = tmp_path / "solver"
+    words = '"${OMP_NUM_THREADS-free} ${MKL_NUM_THREADS-free} ${OPENBLAS_NUM_THREADS-free}"'
+    noting.write_text(f'#!/bin/sh\necho {words} > {noting}.said\nexec {find_vk_rund()} "$@"\n')
+    noting.chmod(0o755)
+    with scheduler(tmp_path / "own") as own:
+        own.add_worker("--nthreads", "2", "--memory-limit", "2GB", "--nanny")
+        assert run_on(directory, own.address, vk_rund=noting).ok
+    assert Path(f"{noting}.said").read_text() == "free free free\n"
+
+
 def test_a_worker_killed_in_the_middle_costs_its_pattern_alone(tmp_path, processes):
     directory = patterns_box(tmp_path / "part")
     alone = twin(directory)

@@ -12,6 +12,8 @@ from vkctl.basics.extras import need
 from .work import Call, ElsewhereError, Here, LackingError, Reply
 
 SLOT, MEMORY = "vkctl", "vkctl-gb"  # resources of a worker: one unit at a time, its memory
+# Set to 1 by the engine in the workers that it watches over; declared cores are what counts.
+_THREADS = ("OMP_NUM_THREADS", "MKL_NUM_THREADS", "OPENBLAS_NUM_THREADS")
 _GB = 2.0**30
 
 
@@ -25,6 +27,8 @@ def work(call: Call) -> Reply:
 
     if vkctl.__version__ != call.version:
         return reply("elsewhere", ElsewhereError(f"its vkctl is {vkctl.__version__}"))
+    for variable in _THREADS:
+        os.environ.pop(variable, None)
     here = _here(worker, name, call)
     here.tell()
     try:
