@@ -162,6 +162,16 @@ def slow_solver(path: Path, seconds: float, condition: str = "true") -> Path:
     return path
 
 
+def test_a_pattern_with_many_load_cases_is_split_where_there_are_more_workers(tmp_path, processes):
+    directory = patterns_box(tmp_path / "part", patterns=1, cases=8)
+    alone = twin(directory)
+    counting = slow_solver(tmp_path / "solver", 0)
+    result = run_on(directory, processes.address, vk_rund=counting)
+    assert result.ok and sorted(case.number for case in result.log.load_cases) == [*range(1, 9)]
+    assert len(Path(f"{counting}.begun").read_text().split()) == 2
+    assert results(directory) == results(alone) != {}
+
+
 def test_a_worker_under_a_nanny_gives_the_solver_all_the_threads_that_it_declares(tmp_path):
     directory = patterns_box(tmp_path / "part", patterns=1, cases=1)
     noting = tmp_path / "solver"

@@ -9,13 +9,10 @@ import shutil
 import signal
 import subprocess
 import tempfile
-import threading
-from collections.abc import Callable, Iterator, Sequence
-from contextlib import contextmanager
+from collections.abc import Callable, Sequence
 from dataclasses import dataclass, field
 from functools import partial
 from pathlib import Path
-from types import FrameType
 from typing import IO, Literal
 
 from vkctl.basics.confine import end_with
@@ -31,6 +28,7 @@ from . import processes
 from .advice import Advice, explain_message, explain_status
 from .pivot import explain_pivot
 from .progress import Progress, Tracker
+from .signals import noted
 
 # How a run ended: at its normal end, by an error of its own, by a fault, by a signal from
 # elsewhere, or by a signal that was passed on to it.
@@ -38,7 +36,6 @@ Outcome = Literal["finished", "stopped", "crashed", "killed", "interrupted"]
 
 NOT_FOUND = 127
 NOT_EXECUTABLE = 126
-_PASSED_ON = (signal.SIGINT, signal.SIGTERM, signal.SIGHUP)
 _CRASHES = (signal.SIGSEGV, signal.SIGBUS, signal.SIGABRT, signal.SIGILL, signal.SIGFPE)
 _POLL = 0.05  # seconds between two looks at the log
 _LONGEST_ARGUMENT = 512  # characters
@@ -199,7 +196,7 @@ def run(
         except OSError as error:
             text = f"{program} can't be started: {reason(error)}."
             raise NotFoundError(text, NOT_EXECUTABLE) from None
-        with _passing_on(solver) as passed:
+        with noted(solver.send_signal) as passed:
             _follow(solver, tracker, on_progress, poll)
         words = _tail(printed)
         if solver.returncode == _NO_LOG and (match := _HELD.search(words)):
@@ -241,28 +238,6 @@ def _wait(solver: subprocess.Popen[bytes], longest: float) -> None:
         solver.wait(longest)
     except subprocess.TimeoutExpired:
         return
-
-
-@contextmanager
-def _passing_on(solver: subprocess.Popen[bytes]) -> Iterator[list[int]]:
-    """Hand signals on to the solver; yields the list of those that came."""
-    passed: list[int] = []
-
-    def hand_on(number: int, _: FrameType | None) -> None:
-        passed.append(number)
-        solver.send_signal(number)
-
-    if threading.current_thread() is not threading.main_thread():
-        yield passed
-        return
-    # What the starter had this process ignore stays ignored, for the solver too.
-    mine = [s for s in _PASSED_ON if signal.getsignal(s) is not signal.SIG_IGN]
-    old = {number: signal.signal(number, hand_on) for number in mine}
-    try:
-        yield passed
-    finally:
-        for number, handler in old.items():
-            signal.signal(number, handler)
 
 
 def _tail(stream: IO[bytes]) -> str:

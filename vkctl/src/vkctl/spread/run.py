@@ -3,13 +3,9 @@
 from __future__ import annotations
 
 import os
-import signal
-import threading
-from collections.abc import Callable, Iterator
-from contextlib import contextmanager
+from collections.abc import Callable
 from dataclasses import replace
 from pathlib import Path
-from types import FrameType
 from typing import Any
 
 from vkctl.basics.types import PathLike
@@ -18,6 +14,7 @@ from vkctl.directory.plan import plan
 from vkctl.running import processes
 from vkctl.running.progress import Tracker
 from vkctl.running.run import RunResult, reopen, set_run_options
+from vkctl.running.signals import noted
 
 from . import copies, placing
 from .gathering import Running, SpreadProgress, note, result_of, take
@@ -28,8 +25,6 @@ from .sending import Sender
 from .solving import Solve, solve
 from .where import parse_where
 from .work import STARTS, Unit
-
-_SIGNALS = (signal.SIGINT, signal.SIGTERM, signal.SIGHUP)
 
 
 class _InterruptedError(Exception):
@@ -120,7 +115,7 @@ def _spread(
             on_progress(SpreadProgress(progress, doing, place.seen(), running.done))
 
     try:
-        with _noting_signals() as signals:
+        with noted() as signals:
             units = [sender.ready(u) for u in _units(running, place, token, program)]
             ended = over(
                 place,
@@ -194,23 +189,3 @@ def _task(
         rest_gb=need.rest_gb,
         vk_rund=program,
     )
-
-
-@contextmanager
-def _noting_signals() -> Iterator[list[int]]:
-    """Signals that ask to end are noted inside of the block, in the main thread."""
-    came: list[int] = []
-
-    def come(number: int, _: FrameType | None) -> None:
-        came.append(number)
-
-    if threading.current_thread() is not threading.main_thread():
-        yield came
-        return
-    mine = [s for s in _SIGNALS if signal.getsignal(s) is not signal.SIG_IGN]
-    old = {number: signal.signal(number, come) for number in mine}
-    try:
-        yield came
-    finally:
-        for number, handler in old.items():
-            signal.signal(number, handler)
