@@ -23,7 +23,9 @@ from vkctl.directory.results import solved
 from vkctl.running.run import find_vk_rund, run
 from vkctl.running.watch import watch
 from vkctl.shapes.boxes import box
+from vkctl.spread.place import opened
 from vkctl.spread.run import run_on
+from vkctl.spread.where import parse_where
 
 runner = CliRunner()
 ONE_CORE = ["--nthreads", "1", "--memory-limit", "2GB"]
@@ -166,6 +168,8 @@ def test_a_pattern_with_many_load_cases_is_split_where_there_are_more_workers(tm
     directory = patterns_box(tmp_path / "part", patterns=1, cases=8)
     alone = twin(directory)
     counting = slow_solver(tmp_path / "solver", 0)
+    with opened(parse_where(processes.address)) as place:
+        awaited(lambda: len(place.workers()) == 2)
     result = run_on(directory, processes.address, vk_rund=counting)
     assert result.ok and sorted(case.number for case in result.log.load_cases) == [*range(1, 9)]
     assert len(Path(f"{counting}.begun").read_text().split()) == 2
