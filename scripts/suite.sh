@@ -3,6 +3,7 @@
 # build/reports, goes on after failures, and shows what failed; `total` counts them all.
 
 REPORTS=$ROOT/build/reports
+LONGEST_PART=${LONGEST_PART:-25m}
 
 start_suite() {
   rm -rf "$REPORTS"
@@ -67,11 +68,13 @@ unit_tests() {
 }
 
 # Tests of the program of a preset, file by file on all processors: NAME PRESET, and what pytest is told.
+# A process of tests that dies ends them, since the others would wait for its part.
 pytest_part() {
   local name=$1 preset=$2
   shift 2
-  part "$name" env VK_RUND="$ROOT/build/$preset/vk_rund" \
-    "$VENV/bin/python" -m pytest -q -n "$JOBS" --dist loadfile --junitxml "$REPORTS/$name.xml" "$@"
+  part "$name" timeout --kill-after=60 "$LONGEST_PART" env VK_RUND="$ROOT/build/$preset/vk_rund" \
+    "$VENV/bin/python" -m pytest -q -n "$JOBS" --max-worker-restart=0 --dist loadfile \
+    --junitxml "$REPORTS/$name.xml" "$@"
 }
 
 # The built program from outside: PRESET, and what else the tests are told.
@@ -98,7 +101,12 @@ install_tests() {
 }
 
 python_tests() {
-  pytest_part vkctl release "$ROOT/vkctl/tests" "$ROOT/verification/tests"
+  pytest_part vkctl release -m "not thorough" "$ROOT/vkctl/tests" "$ROOT/verification/tests"
+}
+
+# Kills in every moment, real clusters and browsers, whole tutorials.
+thorough_tests() {
+  pytest_part vkctl-thorough release -m thorough "$ROOT/vkctl/tests"
 }
 
 # The suite ends with a line "N passed, N failed" of its own.

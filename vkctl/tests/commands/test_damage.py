@@ -25,6 +25,8 @@ from vkctl.running.run import run
 from vkctl.running.watch import watch
 from vkctl.shapes.boxes import box
 
+pytestmark = pytest.mark.thorough
+
 runner = CliRunner()
 PICTURES = {"export to .vtu", "export to .stl", "plot"}
 

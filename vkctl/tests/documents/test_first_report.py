@@ -15,6 +15,8 @@ from program_under_test import program
 from vkctl.ask import extremes, open_study, reactions, regions, solutions
 from vkctl.ask.extremes import case_fields
 
+pytestmark = pytest.mark.thorough
+
 ROOT = Path(__file__).resolve().parents[3]
 EXAMPLES = ROOT / "vkctl" / "examples"
 PAGE = ROOT / "docs" / "first-report.md"

@@ -19,6 +19,8 @@ from vkctl.optimise import read_history
 from vkctl.prepare import read_cases
 from vkctl.view.grid import open_edges
 
+pytestmark = pytest.mark.thorough
+
 ROOT = Path(__file__).resolve().parents[3]
 EXAMPLES = ROOT / "vkctl" / "examples"
 PAGE = ROOT / "docs" / "tutorial.md"

@@ -21,6 +21,8 @@ from vkctl.optimise.loop import Optimised, model_at
 from vkctl.shapes.functions import shape_values
 from vkctl.shapes.topology import HEX8
 
+pytestmark = pytest.mark.thorough
+
 ROOT = Path(__file__).resolve().parents[3]
 EXAMPLES = ROOT / "vkctl" / "examples"
 

@@ -49,6 +49,7 @@ def state_of(directory: Path) -> loop_files.State:
     return state
 
 
+@pytest.mark.thorough
 def test_a_loop_killed_at_any_file_operation_goes_on_as_if_nothing_had_happened(
     tmp_path: Path,
 ) -> None:

@@ -16,6 +16,8 @@ import pytest
 
 from vkctl.prepare import build_model, make_mesh, read_cases
 
+pytestmark = pytest.mark.thorough
+
 TOOL = Path(fuzz_parts.__file__)
 
 

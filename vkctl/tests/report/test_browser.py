@@ -39,6 +39,7 @@ def test_the_part_is_drawn_beside_its_scale(page: Browser) -> None:
     assert numbers == sorted(numbers, reverse=True)
 
 
+@pytest.mark.thorough
 def test_colours_are_those_that_the_scale_has_for_the_values(page: Browser) -> None:
     """Looked at along y, the face y- of a box whose displacement is known by its place."""
     page.choose("field", "displacement")
@@ -74,11 +75,13 @@ def test_load_case_and_field_are_switched(page: Browser) -> None:
     assert "0.196" in page.text("extremes")  # twice that of load case 1
 
 
+@pytest.mark.thorough
 def test_a_name_that_is_a_script_stays_a_text(page: Browser) -> None:
     assert page.driver.title == "box"
     assert EVIL in page.find("cases").find_element("xpath", "..").text
 
 
+@pytest.mark.thorough
 def test_the_deformation_is_scaled(page: Browser) -> None:
     exaggerated = page.pixels()
     page.press("still")
@@ -95,6 +98,7 @@ def test_the_deformation_is_scaled(page: Browser) -> None:
     assert change(at_rest, page.pixels()) < 0.002
 
 
+@pytest.mark.thorough
 def test_a_cut_takes_one_side_away_and_shows_the_inside(page: Browser) -> None:
     page.press("still")
     whole = page.pixels()
@@ -112,6 +116,7 @@ def test_a_cut_takes_one_side_away_and_shows_the_inside(page: Browser) -> None:
     assert change(whole, page.pixels()) < 0.002
 
 
+@pytest.mark.thorough
 def test_the_cut_face_is_closed_and_coloured(page: Browser) -> None:
     page.choose("axis", "x")
     area, scale = page.run(
@@ -125,6 +130,7 @@ def test_the_cut_face_is_closed_and_coloured(page: Browser) -> None:
     assert area == pytest.approx((4.0 * (1 + 0.01 * scale)) ** 2, rel=1e-3)
 
 
+@pytest.mark.thorough
 def test_views_and_turning_change_what_is_seen(page: Browser) -> None:
     seen = [page.pixels()]
     for name in ("view-x", "view-y", "view-z", "view-corner"):
@@ -140,6 +146,7 @@ def test_views_and_turning_change_what_is_seen(page: Browser) -> None:
     assert covered(page.pixels()) > 1.1 * near
 
 
+@pytest.mark.thorough
 def test_supports_loads_extremes_and_edges_are_marked(page: Browser) -> None:
     page.press("still")
     for name in ("supports", "loads", "peaks", "edges"):
@@ -148,6 +155,7 @@ def test_supports_loads_extremes_and_edges_are_marked(page: Browser) -> None:
         assert change(before, page.pixels()) > 0.0001, name  # of one dot half is seen
 
 
+@pytest.mark.thorough
 def test_limits_of_the_scale_are_taken(page: Browser) -> None:
     page.choose("field", "displacement")
     own = page.pixels()
@@ -159,6 +167,7 @@ def test_limits_of_the_scale_are_taken(page: Browser) -> None:
     assert float(page.text("bar-numbers").split()[0]) == pytest.approx(0.196, abs=1e-3)
 
 
+@pytest.mark.thorough
 def test_on_paper_pictures_stand_for_the_model(page: Browser) -> None:
     page.driver.execute_cdp_cmd("Emulation.setEmulatedMedia", {"media": "print"})
     try:
@@ -171,6 +180,7 @@ def test_on_paper_pictures_stand_for_the_model(page: Browser) -> None:
         page.driver.execute_cdp_cmd("Emulation.setEmulatedMedia", {"media": ""})
 
 
+@pytest.mark.thorough
 def test_without_webgl_the_page_says_so_and_shows_pictures(report: Path) -> None:
     browser = Browser(webgl=False)
     try:

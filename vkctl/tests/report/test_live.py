@@ -7,6 +7,7 @@ from collections.abc import Callable
 from pathlib import Path
 
 import numpy as np
+import pytest
 from fake_solver import small_box
 
 from vkctl.directory import formats
@@ -115,6 +116,7 @@ def test_names_in_a_log_table_stay_texts(tmp_path: Path) -> None:
     assert "<img" not in now
 
 
+@pytest.mark.thorough
 def test_a_browser_sees_the_part_change_and_the_end(browser: Browser, tmp_path: Path) -> None:
     solved_model(tmp_path, ("one", EVIL))
     board = Board(live_page(tmp_path))

@@ -13,6 +13,8 @@ from vkctl.directory.results import solved
 from vkctl.running.run import find_vk_rund
 from vkctl.spread.where import WhereError, parse_where
 
+pytestmark = pytest.mark.thorough
+
 runner = CliRunner()
 
 

@@ -19,6 +19,8 @@ from vkctl.optimise import history, optimise
 from vkctl.spread import copies
 from vkctl.spread.sending import Sender
 
+pytestmark = pytest.mark.thorough
+
 runner = CliRunner()
 STEPS = 3
 

@@ -118,6 +118,7 @@ def test_what_is_on_the_way_is_called_off_when_the_caller_leaves(place, tmp_path
     awaited(mark.exists, 30)
 
 
+@pytest.mark.thorough
 def test_a_scheduler_that_dies_is_told(tmp_path):
     with scheduler(tmp_path, worker_options=["--nthreads", "1"]) as started:
         started.add_worker()
@@ -138,6 +139,7 @@ def _killing(place, units, started):
     return over(place, square, units, on_event=kill)
 
 
+@pytest.mark.thorough
 def test_workers_of_this_machine_come_and_go_with_the_block():
     with opened(parse_where("local:2")) as place:
         done = list(over(place, square, [Unit(str(n), (n, "", "")) for n in range(6)]))
@@ -157,6 +159,7 @@ def _silent() -> Iterator[int]:
         yield listening.getsockname()[1]
 
 
+@pytest.mark.thorough
 def test_nobody_at_an_address_is_told_within_ten_seconds():
     with _silent() as port:
         for address in (f"tcp://127.0.0.1:{port}", "tcp://127.0.0.1:9"):

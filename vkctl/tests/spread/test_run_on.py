@@ -27,6 +27,8 @@ from vkctl.spread.place import opened
 from vkctl.spread.run import run_on
 from vkctl.spread.where import parse_where
 
+pytestmark = pytest.mark.thorough
+
 runner = CliRunner()
 ONE_CORE = ["--nthreads", "1", "--memory-limit", "2GB"]
 

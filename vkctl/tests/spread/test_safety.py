@@ -22,6 +22,8 @@ from vkctl.spread.place import opened
 from vkctl.spread.where import WhereError, parse_where
 from vkctl.spread.work import Unit
 
+pytestmark = pytest.mark.thorough
+
 
 class Authority:
     """Who signs certificates; its own lies in the folder too."""

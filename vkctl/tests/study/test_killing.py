@@ -18,6 +18,8 @@ from vkctl.study.journal import read_journal
 
 from .small_studies import RESULTS, rows, write_study
 
+pytestmark = pytest.mark.thorough
+
 FORCES = '[parameters.force]\nkey = "loads.down.value.y"\nrange = [-12.0, -1.0, 12]\n' + RESULTS
 
 

@@ -316,6 +316,7 @@ def test_a_journal_that_is_cut_anywhere_is_gone_on_with(tmp_path: Path) -> None:
         assert (out / "journal.jsonl").read_bytes() == whole
 
 
+@pytest.mark.thorough
 def test_a_variant_that_is_killed_before_any_file_operation_goes_on(tmp_path: Path) -> None:
     path = write_study(tmp_path)
     tasks: list[Task] = []

@@ -19,6 +19,8 @@ from vkctl.study.remote import solve_there
 
 from .small_studies import in_turn, rows, write_study
 
+pytestmark = pytest.mark.thorough
+
 
 def call(path: Path, out: Path, *options: str):
     arguments = ["study", str(path), str(out), "--vk-rund", str(VK_RUND), "--no-pictures"]

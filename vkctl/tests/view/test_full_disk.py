@@ -13,6 +13,8 @@ from results_on_disk import make_model, write_results
 
 from vkctl.view.deformed import picture
 
+pytestmark = pytest.mark.thorough
+
 # A process whose files can't grow beyond a size: what a full disk does to it, with another reason.
 LIMITED = """
 import resource, sys
