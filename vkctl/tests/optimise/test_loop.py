@@ -53,7 +53,8 @@ def state_of(directory: Path) -> loop_files.State:
 def test_a_loop_killed_at_any_file_operation_goes_on_as_if_nothing_had_happened(
     tmp_path: Path,
 ) -> None:
-    cases = write_small(tmp_path, "steps = 2\nreduction = 0.1\nkeep = ['far']\n")
+    half = "symmetry = [{ point = [0, 3, 0], normal = [0, 1, 0] }]\n"
+    cases = write_small(tmp_path, "steps = 2\nreduction = 0.1\nkeep = ['far']\n" + half)
     expected = optimise(cases, tmp_path / "whole", vk_rund=VK_RUND).rows
     number, ended = 0, False
     while not ended:

@@ -31,6 +31,7 @@ from . import history
 from .design import Design, make_design
 from .history import HistoryRow, State
 from .settings import Settings
+from .wishes.regions import nodes_around
 
 _FIXED_FILES = (
     "mx.*",
@@ -91,13 +92,15 @@ def start(cases: PathLike, directory: Path, settings: Settings, reading: Reading
         model = read(directory)
         _refuse_other_inputs(cases, directory, state)
         _take_settings(cases, directory, settings, state, model, reading)
-    if state.kept and max(state.kept) > len(model.nodes):
+    if (highest := max(state.kept + state.void, default=0)) > len(model.nodes):
         path = history.folder_of(directory) / history.STATE
-        raise formats.FormatError(path, f"it keeps node {max(state.kept)} of {len(model.nodes)}")
+        raise formats.FormatError(path, f"it keeps node {highest} of {len(model.nodes)}")
     try:
-        design = make_design(model, settings.radius, np.array(state.kept, np.int64))
+        kept, void = (np.array(nodes, np.int64) for nodes in (state.kept, state.void))
+        design = make_design(model, settings.radius, kept, void, settings.wishes)
     except ValueError as error:
         raise OptimiseError(str(error)) from None
+    _take_wishes(directory, settings, state, design)
     rows = history.read_history(directory)[: state.step - 1]
     if len(rows) != state.step - 1:
         raise OptimiseError(f"{directory} holds only {len(rows)} of {state.step - 1} steps")
@@ -125,6 +128,7 @@ def _begin(
     taking_part = _requested(model)
     if not taking_part:
         raise OptimiseError(f"no load case of {directory} is requested")
+    kept, void = _set_nodes(cases, settings, model, prepared, reading)
     state = State(
         step=1,
         running=0,
@@ -132,12 +136,13 @@ def _begin(
         cases=_cases_digest(cases),
         load_cases=taking_part,
         keep=list(settings.keep),
-        kept=_kept_nodes(cases, settings, model, prepared, reading),
+        kept=kept,
         combine=settings.combine,
         weights=_weights(cases, settings, taking_part),
         since=1,
         target=None,
         mode=_mode_of_options(model),
+        void=void,
     )
     largest = float(np.abs(model.tp).max())
     history.save_array(history.levels_file(directory, 1), model.tp / (largest or 1.0))
@@ -197,8 +202,8 @@ def _take_settings(
     reading: Reading | None,
 ) -> None:
     """Note changed settings; objectives of before and after aren't compared with each other."""
-    if list(settings.keep) != state.keep:
-        state.kept = _kept_nodes(cases, settings, model, None, reading)
+    if (list(settings.keep), settings.wishes.told()) != (state.keep, state.wishes):
+        state.kept, state.void = _set_nodes(cases, settings, model, None, reading)
         state.keep = list(settings.keep)
     weights = _weights(cases, settings, state.load_cases)
     if (settings.combine, weights) != (state.combine, state.weights):
@@ -206,30 +211,47 @@ def _take_settings(
     history.write_state(directory, state)
 
 
-def _kept_nodes(
+def _take_wishes(directory: Path, settings: Settings, state: State, design: Design) -> None:
+    """Have the next step's levels fulfil wishes that are new; the state tells last that they do."""
+    told = settings.wishes.told()
+    if told == state.wishes:
+        return
+    path = history.levels_file(directory, state.step)
+    history.save_array(path, design.shape.begun(history.load_array(path, len(design.points))))
+    state.wishes, state.since = told, state.step
+    history.write_state(directory, state)
+
+
+def _set_nodes(
     cases: PathLike,
     settings: Settings,
     model: Model,
     prepared: Prepared | None,
     reading: Reading | None,
-) -> list[int]:
-    if not settings.keep:
-        return []
+) -> tuple[list[int], list[int]]:
+    """Numbers of the nodes to keep, and of those to leave void."""
+    if not settings.keep and not settings.wishes.void:
+        return [], []
     prepared = prepared or build(None, cases, reading)
     if len(prepared.mesh.nodes) != len(model.nodes):
         raise OptimiseError(
             f"the part of {cases} has {len(prepared.mesh.nodes)} nodes, the directory "
-            f"{len(model.nodes)}: the sets to keep can't be found"
+            f"{len(model.nodes)}: the sets to keep or leave void can't be found"
         )
-    found = [prepared.sets.nodes(name, ("optimise", "keep")) for name in settings.keep]
+    thickness = settings.wishes.thickness
+    found = [
+        [nodes_around(prepared.sets, name, key, thickness.get(name)) for name in names]
+        for key, names in (("keep", settings.keep), ("void", settings.wishes.void))
+    ]
     prepared.sets.report.finish()
     number_of = _numbers_in(model, prepared.mesh.nodes)
     if number_of is None:
         raise OptimiseError(
             f"the part of {cases} has its nodes elsewhere than the directory: the sets to keep "
-            "can't be found"
+            "or leave void can't be found"
         )
-    return sorted({int(number_of[node - 1]) for nodes in found for node in nodes})
+    kept, void = (sorted({int(number_of[n - 1]) for some in sets for n in some}) for sets in found)
+    return kept, void
 
 
 def _numbers_in(model: Model, points: Array) -> Array | None:

@@ -15,8 +15,12 @@ from vkctl.directory.model import Model
 from vkctl.shapes.topology import TYPES
 
 from .volume import DesignVolume, design_volume
+from .wishes.entries import Wishes
+from .wishes.sampling import Field
+from .wishes.shape import Shape, make_shape
 
 DEFAULT_RADIUS = 1.5  # mean distances of neighbouring nodes
+_NO_NODES = np.empty(0, np.int64)
 
 
 @dataclass
@@ -27,7 +31,7 @@ class Design:
     node_of: Array  # nodes that have a design point
     point_of: Array  # and the design point of each
     smoothing: Any  # sparse (p, p), rows add up to 1
-    kept: Array  # bool (p,): stays material
+    shape: Shape
     space: DesignVolume
     num_nodes: int
 
@@ -46,6 +50,7 @@ class Design:
         self, levels: Array, criterion: Array, volume: float, move: float
     ) -> tuple[Array, float]:
         """The moved field whose volume is `volume`, and its threshold."""
+        criterion = self.shape.criterion(criterion, levels)
 
         def field(threshold: float) -> Array:
             return self.levels_of_nodes(self._moved(levels, criterion, threshold, move))
@@ -55,15 +60,23 @@ class Design:
 
     def _moved(self, levels: Array, criterion: Array, threshold: float, move: float) -> Array:
         if threshold <= 0:
-            return np.ones_like(levels)
+            return self.shape.levels(np.ones_like(levels))
         wanted = np.clip(criterion / threshold - 1.0, -1.0, 1.0)
-        moved = (1.0 - move) * levels + move * wanted
-        moved[self.kept] = 1.0
-        return moved
+        return self.shape.levels((1.0 - move) * levels + move * wanted)
 
 
-def make_design(model: Model, radius: float | None, kept_nodes: Array) -> Design:
-    """Design of a model; `kept_nodes` are numbers of nodes whose design points stay material."""
+def make_design(
+    model: Model,
+    radius: float | None,
+    kept_nodes: Array,
+    void_nodes: Array = _NO_NODES,
+    wishes: Wishes | None = None,
+) -> Design:
+    """Design of a model with the wishes of its designer.
+
+    Design points of `kept_nodes`, by number, stay material, those of `void_nodes` empty. ValueError
+    where the mesh can't have the wishes.
+    """
     assert model.node_tp_index is not None
     nodes = np.flatnonzero(model.node_tp_index > 0)
     points_of_nodes = model.node_tp_index[nodes].astype(np.int64) - 1
@@ -72,13 +85,25 @@ def make_design(model: Model, radius: float | None, kept_nodes: Array) -> Design
     points = np.column_stack(
         [np.bincount(points_of_nodes, model.nodes[nodes, k], count) / share for k in range(3)]
     )
-    kept = np.zeros(count, np.bool_)
-    chosen = model.node_tp_index[np.asarray(kept_nodes, np.int64) - 1]
-    kept[chosen[chosen > 0] - 1] = True
     space = design_volume(model)
-    reach = radius or DEFAULT_RADIUS * _node_distance(model)
-    smoothing = _smoothing(points, reach)
-    return Design(points, nodes, points_of_nodes, smoothing, kept, space, len(model.nodes))
+    edge = _node_distance(model)
+    smoothing = _smoothing(points, radius or DEFAULT_RADIUS * edge)
+    shape = make_shape(
+        Field(model, points, edge),
+        wishes or Wishes(),
+        _points_of(model, kept_nodes),
+        _points_of(model, void_nodes),
+    )
+    return Design(points, nodes, points_of_nodes, smoothing, shape, space, len(model.nodes))
+
+
+def _points_of(model: Model, nodes: Array) -> Array:
+    """Mask (p,) of the design points of nodes, by number."""
+    assert model.node_tp_index is not None
+    mask = np.zeros(len(model.tp), np.bool_)
+    chosen = model.node_tp_index[np.asarray(nodes, np.int64) - 1]
+    mask[chosen[chosen > 0] - 1] = True
+    return mask
 
 
 def _node_distance(model: Model) -> float:

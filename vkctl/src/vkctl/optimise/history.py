@@ -8,7 +8,7 @@ import math
 import tokenize
 from collections.abc import Iterator, Sequence
 from contextlib import ExitStack, contextmanager
-from dataclasses import asdict, dataclass
+from dataclasses import asdict, dataclass, field
 from pathlib import Path
 from typing import Any
 
@@ -74,6 +74,8 @@ class State:
     since: int  # first step whose objective has this meaning
     target: float | None  # volume that this step's levels were to have; None of the first step's
     mode: formats.Mode = "automatic"  # of the options file before the loop changed it
+    void: list[int] = field(default_factory=list)  # node numbers that stay empty
+    wishes: str = ""  # what the designer wished when the next step's levels were made
 
 
 def folder_of(directory: PathLike) -> Path:
@@ -150,7 +152,8 @@ def read_state(directory: PathLike) -> State | None:
     except (ValueError, RecursionError):
         raise formats.FormatError(path, "it holds no state of an optimisation") from None
     if isinstance(said, dict):
-        said.setdefault("mode", "automatic")  # earlier versions didn't note it
+        # Earlier versions didn't note these.
+        said = {"mode": "automatic", "void": [], "wishes": "", **said}
     if not isinstance(said, dict) or not _is_state(said):
         raise formats.FormatError(path, "it holds no state of an optimisation")
     return State(**said)
@@ -160,11 +163,11 @@ def _is_state(said: dict[str, Any]) -> bool:
     """Whether all fields of a State are there, of their types, and fit each other."""
     if set(said) != set(State.__dataclass_fields__):
         return False
-    numbers = [*_listed(said["load_cases"]), *_listed(said["kept"])]
+    numbers = [value for name in ("load_cases", "kept", "void") for value in _listed(said[name])]
     return (
         all(type(said[name]) is int and said[name] >= 0 for name in ("step", "running", "since"))
         and 1 <= said["since"] <= said["step"]
-        and all(isinstance(said[name], str) for name in ("model", "cases", "combine"))
+        and all(isinstance(said[name], str) for name in ("model", "cases", "combine", "wishes"))
         and isinstance(said["mode"], str)
         and said["mode"] in formats.MODES
         and all(type(number) is int and 1 <= number < 2**31 for number in numbers)

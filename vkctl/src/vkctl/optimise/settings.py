@@ -10,6 +10,9 @@ from vkctl.basics.words import did_you_mean
 from vkctl.prepare.case_file.mistakes import Mistakes
 from vkctl.prepare.case_file.toml_table import Table, load
 
+from .wishes.entries import Wishes
+from .wishes.read import read_wishes
+
 Combine = Literal["weighted", "worst"]
 LoopMode = Literal["measured", "iterative", "direct"]
 
@@ -30,7 +33,7 @@ class Settings:
     times their weights, so that material stays wherever any load case needs it.
 
     `mode` of the solver: "measured" takes what the loop's own steps show to be faster, unless the
-    options file of the directory names one.
+    options file of the directory names one. `wishes` are what the shape shall have.
     """
 
     volume: float = 0.5
@@ -43,6 +46,7 @@ class Settings:
     keep: tuple[str, ...] = ()
     tolerance: float = 1e-3
     mode: LoopMode = "measured"
+    wishes: Wishes = field(default_factory=Wishes)
 
     def next_target(self, target: float) -> float:
         """Target volume of a step from that of the step before."""
@@ -81,6 +85,7 @@ def _settings(table: Table, names: list[str], report: Mistakes) -> Settings:
         tolerance=table.number("tolerance", default.tolerance, above=0),
         mode=cast(LoopMode, mode),
     )
+    settings.wishes = read_wishes(table, settings.keep)
     if weights := table.table("weights"):
         for name in list(weights.data):
             settings.weights[name] = weights.number(name, 1.0, above=0)

@@ -1,0 +1,40 @@
+"""Wishes of a designer as the case file says them."""
+
+from __future__ import annotations
+
+import json
+from dataclasses import asdict, dataclass, field
+
+from vkctl.prepare.case_file.entries import Names, Vector
+
+
+@dataclass(frozen=True)
+class Plane:
+    """A plane of symmetry."""
+
+    point: Vector
+    normal: Vector
+
+
+@dataclass(frozen=True)
+class Cyclic:
+    """The same shape `count` times around an axis."""
+
+    point: Vector
+    axis: Vector
+    count: int
+
+
+@dataclass(frozen=True)
+class Wishes:
+    """What the shape shall have; the default wishes nothing."""
+
+    symmetry: tuple[Plane, ...] = ()
+    cyclic: Cyclic | None = None
+    extruded: Vector | None = None  # direction along which the shape stays the same
+    void: Names = ()  # sets without material
+    thickness: dict[str, float] = field(default_factory=dict)  # around sets to keep or leave void
+
+    def told(self) -> str:
+        """The wishes in one text, by which changed ones are found."""
+        return "" if self == Wishes() else json.dumps(asdict(self), sort_keys=True)

@@ -1,0 +1,125 @@
+"""Wishes on a mesh: what changes the criterion, and what holds the levels."""
+
+from __future__ import annotations
+
+from collections.abc import Callable
+from dataclasses import dataclass
+from typing import Any
+
+import numpy as np
+from scipy import sparse
+
+from vkctl.basics.types import Array
+from vkctl.basics.words import counted
+
+from .columns import columns_along
+from .entries import Wishes
+from .images import images
+from .sampling import Field, sampling
+
+_MOST_ALONE = 0.1  # of the images, that may lie outside of the part
+_WITHIN = 0.5  # of an image's weight, that makes a point one of a set
+
+CriterionMap = Callable[[Array, Array], Array]  # of the criterion and the present levels
+Projection = Callable[[Array], Array]  # of levels; a higher field stays higher
+
+
+@dataclass(frozen=True)
+class Mean:
+    """A mean over points that a pattern makes alike."""
+
+    matrix: Any  # sparse (p, p)
+    alike: Array  # (p,) how many
+
+    def of(self, values: Array) -> Array:
+        found: Array = self.matrix @ values
+        return found
+
+    def any(self, mask: Array) -> Array:
+        """Whether one of those alike is in a set."""
+        found: Array = self.of(mask.astype(np.float64)) * self.alike >= _WITHIN
+        return found
+
+
+@dataclass(frozen=True)
+class Shape:
+    """What the loop does for the wishes, step by step."""
+
+    kept: Array  # bool (p,): stays material
+    void: Array  # bool (p,): stays empty
+    patterns: tuple[Mean, ...] = ()
+    maps: tuple[CriterionMap, ...] = ()
+    projections: tuple[Projection, ...] = ()
+
+    def criterion(self, criterion: Array, levels: Array) -> Array:
+        """The criterion by which the wishes are held, before the threshold."""
+        for mean in self.patterns:
+            criterion = mean.of(criterion)
+        for made in self.maps:
+            criterion = made(criterion, levels)
+        return criterion
+
+    def begun(self, levels: Array) -> Array:
+        """The levels that the wishes come into force with, from any."""
+        for mean in self.patterns:
+            levels = mean.of(levels)
+        return self.levels(levels)
+
+    def levels(self, levels: Array) -> Array:
+        """The levels as near as the wishes let them be."""
+        levels = np.where(self.void, -1.0, levels)
+        levels[self.kept] = 1.0
+        for projection in self.projections:
+            levels = projection(levels)
+        return levels
+
+
+def make_shape(field: Field, wishes: Wishes, kept: Array, void: Array) -> Shape:
+    """The wishes on a mesh, with sets of its design points to keep and to leave void.
+
+    ValueError where the mesh can't have them.
+    """
+    void = void & ~kept
+    patterns = _patterns(field, wishes)
+    for mean in patterns:
+        kept, void = mean.any(kept), mean.any(void)
+    if (both := kept & void).any():
+        raise ValueError(
+            f"the pattern puts {counted(int(both.sum()), 'point')} both among those to keep and "
+            f"those to leave void, such as {_told(field.points[both][0])}"
+        )
+    return Shape(kept, void, tuple(patterns))
+
+
+def _patterns(field: Field, wishes: Wishes) -> list[Mean]:
+    found = []
+    if wishes.extruded is not None:
+        found.append(Mean(*columns_along(field, wishes.extruded).mean()))
+    if wishes.symmetry or wishes.cyclic is not None:
+        found.append(_over_images(field, images(wishes.symmetry, wishes.cyclic)))
+    return found
+
+
+def _over_images(field: Field, isometries: Array) -> Mean:
+    """The mean over the images of each point that lie in the part."""
+    total = sparse.csr_matrix((len(field.points),) * 2)
+    there = np.zeros(len(field.points))
+    for one in isometries:
+        weights = sampling(field, field.points @ one[:3, :3].T + one[:3, 3])
+        total = total + weights
+        there += np.diff(weights.indptr) > 0
+    missing = len(isometries) - there
+    if missing.sum() > _MOST_ALONE * len(field.points) * (len(isometries) - 1):
+        alone = counted(int((missing > 0).sum()), "point")
+        raise ValueError(
+            f"the part isn't like its images by symmetry or cyclic: {alone} of {len(field.points)} "
+            f"have images outside of it, such as {_told(field.points[np.argmax(missing)])}; check "
+            "the points and directions of the pattern"
+        )
+    matrix = (sparse.diags(1.0 / there) @ total).tocsr()
+    matrix.sort_indices()
+    return Mean(matrix, there)
+
+
+def _told(point: Array) -> str:
+    return "(" + ", ".join(f"{value:.4g}" for value in point) + ")"
