@@ -55,7 +55,8 @@ class Design:
         def field(threshold: float) -> Array:
             return self.levels_of_nodes(self._moved(levels, criterion, threshold, move))
 
-        threshold = self.space.threshold(volume, 0.0, float(criterion.max()), field)
+        guess = float(np.quantile(criterion, 1.0 - volume))
+        threshold = self.space.threshold(volume, 0.0, float(criterion.max()), field, guess)
         return self._moved(levels, criterion, threshold, move), threshold
 
     def _moved(self, levels: Array, criterion: Array, threshold: float, move: float) -> Array:

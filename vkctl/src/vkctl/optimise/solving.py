@@ -7,6 +7,7 @@ import time
 
 import numpy as np
 
+from vkctl.basics.types import PathLike
 from vkctl.directory import formats
 from vkctl.directory.model import set_flags
 from vkctl.running import processes
@@ -18,6 +19,7 @@ from .begun import Loop, OptimiseError, levels_of
 from .modes import next_mode
 
 _MOST_SHORTENED = 2  # times that a step's move is halved where it can't be solved
+_MODE = "Sys.ComputationMode"
 _POLL = 0.1  # seconds between two looks at a solver that an earlier loop has left behind
 # Errors of a run that another mode or another design may not have.
 _OF_THE_SOLVE = re.compile(
@@ -84,10 +86,17 @@ def _solve(loop: Loop, mode: formats.Mode) -> RunResult:
             set_flags(directory, requested, clear_done=True)
             state.running = state.step
             history.write_state(directory, state)
-    while processes.worker_on(directory) is not None:  # outlived the loop that started it
-        time.sleep(_POLL)
-    set_run_options(directory, mode=mode)
+    else:
+        while processes.worker_on(directory) is not None:  # outlived the loop that started it
+            time.sleep(_POLL)
+    _set_mode(directory, mode)
     return _run(loop)
+
+
+def _set_mode(directory: PathLike, mode: formats.Mode) -> None:
+    """Change the options file where it says otherwise."""
+    if formats.read_options(directory).get(_MODE, 0) != formats.MODES[mode]:
+        set_run_options(directory, mode=mode)
 
 
 def _run(loop: Loop) -> RunResult:
@@ -117,6 +126,4 @@ def solve_failed(outcome: RunResult) -> bool:
 
 def give_back_mode(loop: Loop) -> None:
     """Leave the options file with the mode that it had."""
-    now = formats.read_options(loop.directory).get("Sys.ComputationMode", 0)
-    if now != formats.MODES[loop.state.mode]:
-        set_run_options(loop.directory, mode=loop.state.mode)
+    _set_mode(loop.directory, loop.state.mode)

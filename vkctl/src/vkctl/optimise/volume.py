@@ -18,8 +18,10 @@ from vkctl.shapes.topology import CORNERS_PER_TYPE, HEX8, TET4, TYPES
 from vkctl.stress.points import sharp_presences
 from vkctl.stress.solution import option_of
 
+from .bracket import Bracket
+
 _UNCUT = 1e-3  # level above which, at all corners, an element counts as full; as empty below minus
-_MOST_HALVINGS = 60
+_MOST_TRIALS = 80
 _MET = 1e-6  # of the design volume
 
 
@@ -28,11 +30,21 @@ class Cells:
     """Elements of a type that follow the level field, at the points of the solver's finer rule."""
 
     corners: Array  # (e, c), 0-based nodes
-    shapes: Array  # (p, c): values of the corners' functions that interpolate the level
+    shapes: Array  # (c, p): values of the corners' functions that interpolate the level
     volumes: Array  # (e, p) that belong to the points
+    wholes: Array  # (e,): volume of each element
 
     def some(self, chosen: Array) -> Cells:
-        return Cells(self.corners[chosen], self.shapes, self.volumes[chosen])
+        return Cells(self.corners[chosen], self.shapes, self.volumes[chosen], self.wholes[chosen])
+
+
+@dataclass(frozen=True)
+class Filled:
+    """How much of each element (e,) is material, and which are so all over or nowhere."""
+
+    volumes: Array
+    full: Array
+    empty: Array
 
 
 @dataclass(frozen=True)
@@ -45,54 +57,56 @@ class DesignVolume:
 
     def share(self, nodes: Array) -> float:
         """Material's part of the design volume, of the levels per node."""
-        filled = (filled_volumes(cells, nodes, self.slope) for cells in self.cells)
-        return min(sum(float(volumes.sum()) for volumes in filled) / self.total, 1.0)
+        volumes = (filled(cells, nodes, self.slope).volumes for cells in self.cells)
+        return min(sum(float(of_cells.sum()) for of_cells in volumes) / self.total, 1.0)
 
     def threshold(
-        self, target: float, low: float, high: float, field: Callable[[float], Array]
+        self,
+        target: float,
+        low: float,
+        high: float,
+        field: Callable[[float], Array],
+        guess: float | None = None,
     ) -> float:
         """Where between `low` and `high` a field that falls with its threshold has a share.
 
         `field` gives levels per node. Elements that are full or empty all over what is left of the
-        range are summed once, so that late halvings look at few of them.
+        range are summed once, so that late trials look at few of them.
         """
         settled, cells = 0.0, self.cells
-        for _ in range(_MOST_HALVINGS):
-            middle = 0.5 * (low + high)
-            nodes = field(middle)
-            filled = [filled_volumes(some, nodes, self.slope) for some in cells]
-            excess = settled + sum(float(v.sum()) for v in filled) - target * self.total
-            if abs(excess) <= _MET * self.total or not low < middle < high:
+        bracket = Bracket(low, high, 0.5 * (low + high) if guess is None else guess)
+        for _ in range(_MOST_TRIALS):
+            nodes = field(bracket.trial)
+            found = [filled(some, nodes, self.slope) for some in cells]
+            excess = settled + sum(float(f.volumes.sum()) for f in found) - target * self.total
+            if abs(excess) <= _MET * self.total or not bracket.narrow(excess):
                 break
-            if excess > 0:
-                low = middle
-            else:
-                high = middle
             kept = []
-            for some, volumes in zip(cells, filled, strict=True):
-                levels = nodes[some.corners]
+            for some, of_cells in zip(cells, found, strict=True):
                 # Above the threshold the field is lower still, below it higher.
-                done = _all_above(-levels if excess > 0 else levels, _UNCUT)
-                settled += float(volumes[done].sum())
+                done = of_cells.empty if excess > 0 else of_cells.full
+                settled += float(of_cells.volumes[done].sum())
                 kept.append(some.some(~done))
             cells = tuple(kept)
-        return middle
+        return bracket.trial
 
 
-def filled_volumes(cells: Cells, nodes: Array, slope: float) -> Array:
-    """Volume (e,) of the material in each element, from the levels per node."""
-    levels = nodes[cells.corners]
-    full, empty = _all_above(levels, _UNCUT), _all_above(-levels, _UNCUT)
-    found: Array = cells.volumes.sum(axis=1)
-    found[empty] *= sharp_presences(np.array(-1.0), slope)
-    cut = ~(full | empty)
-    presences = sharp_presences(levels[cut] @ cells.shapes.T, slope)
-    found[cut] = (presences * cells.volumes[cut]).sum(axis=1)
-    return found
-
-
-def _all_above(levels: Array, bound: float) -> Array:
-    return np.asarray((levels > bound).all(axis=1))
+def filled(cells: Cells, nodes: Array, slope: float) -> Filled:
+    """The material in each element, from the levels per node."""
+    lowest = nodes[cells.corners[:, 0]]
+    highest = lowest
+    for column in cells.corners.T[1:]:  # a column at a time: rows are too short for NumPy
+        levels = nodes[column]
+        lowest, highest = np.minimum(lowest, levels), np.maximum(highest, levels)
+    full, empty = lowest > _UNCUT, highest < -_UNCUT
+    volumes = cells.wholes.copy()
+    volumes[empty] *= sharp_presences(np.array(-1.0), slope)
+    cut = np.flatnonzero(~(full | empty))
+    # Not by a product of matrices, whose threads would go on spinning beside the solver.
+    levels = np.einsum("ec,cp->ep", nodes[cells.corners[cut]], cells.shapes)
+    presences = sharp_presences(levels, slope)
+    volumes[cut] = np.einsum("ep,ep->e", presences, cells.volumes[cut])
+    return Filled(volumes, full, empty)
 
 
 def design_volume(model: Model) -> DesignVolume:
@@ -118,4 +132,5 @@ def _cells(nodes: Array, code: int, rows: Array) -> Cells:
         volumes = determinants(nodes, rows, code, points[:1]) * weights
     else:
         volumes = determinants(nodes, rows, code, points) * weights
-    return Cells(rows[:, :corners].astype(np.int64) - 1, shapes, volumes)
+    own = rows[:, :corners].astype(np.int64) - 1
+    return Cells(own, np.ascontiguousarray(shapes.T), volumes, volumes.sum(axis=1))
