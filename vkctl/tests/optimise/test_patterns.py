@@ -6,29 +6,17 @@ from pathlib import Path
 
 import numpy as np
 import pytest
-from small_loops import NOBODY, ONE_CASE, VK_RUND, write_small
+from small_loops import ONE_CASE, VK_RUND, write_small
+from wished_boxes import design_of
 
-from vkctl.directory.model import LoadCase, Material, Model, read
+from vkctl.directory.model import read
 from vkctl.optimise import OptimiseError, optimise, read_settings
-from vkctl.optimise.design import Design, make_design
 from vkctl.optimise.wishes.entries import Cyclic, Plane, Wishes
 from vkctl.optimise.wishes.images import images
 from vkctl.prepare import CaseFileError
-from vkctl.shapes.boxes import box
 
 ACROSS = Plane((0.0, 3.0, 0.0), (0.0, 1.0, 0.0))
 HALF = "symmetry = [{ point = [0, 3, 0], normal = [0, 1, 0] }]\n"
-
-
-def design_of(wishes: Wishes, distortion: float = 0.0, kept=NOBODY, void=NOBODY) -> Design:
-    """Of a box of 8 x 6 x 6 cells of size 1, inner nodes moved at random."""
-    part = box("hex8", (8, 6, 6), (8.0, 6.0, 6.0))
-    inner = np.all((part.nodes > 0.5) & (part.nodes < (7.5, 5.5, 5.5)), axis=1)
-    moved = distortion * np.random.default_rng(7).uniform(-1, 1, part.nodes.shape)
-    nodes = part.nodes + moved * inner[:, None]
-    model = Model(nodes, part.elements, [Material.isotropic(1.0, 0.3)], [LoadCase()])
-    model.set_level(1.0)
-    return make_design(model, 1.0, kept, void, wishes)
 
 
 def test_planes_and_an_axis_make_as_many_images_as_their_angles_say() -> None:
@@ -87,7 +75,7 @@ def test_sets_to_keep_are_repeated_by_the_pattern() -> None:
 
 def test_a_pattern_that_puts_what_is_void_on_what_is_kept_is_refused() -> None:
     last = np.array([9])
-    with pytest.raises(ValueError, match="9 points both among those to keep and"):
+    with pytest.raises(ValueError, match="the wishes put 9 points both among"):
         design_of(Wishes(extruded=(1, 0, 0)), kept=np.array([1]), void=last)
 
 

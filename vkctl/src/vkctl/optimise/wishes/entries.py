@@ -26,12 +26,34 @@ class Cyclic:
 
 
 @dataclass(frozen=True)
+class Draw:
+    """Directions in which tools or moulds are drawn off the shape.
+
+    With a point of the parting plane, across the only direction, both ways from it.
+    """
+
+    directions: tuple[Vector, ...]
+    parting: Vector | None = None
+
+
+@dataclass(frozen=True)
+class Overhang:
+    """How the shape is printed: upwards along a direction, held within a cone below."""
+
+    direction: Vector
+    angle: float = 45.0  # degrees of the cone, from its axis to its side
+    plate: Vector | None = None  # a point of the plate; None: below the lowest design point
+
+
+@dataclass(frozen=True)
 class Wishes:
     """What the shape shall have; the default wishes nothing."""
 
     symmetry: tuple[Plane, ...] = ()
     cyclic: Cyclic | None = None
     extruded: Vector | None = None  # direction along which the shape stays the same
+    draw: Draw | None = None
+    overhang: Overhang | None = None
     void: Names = ()  # sets without material
     thickness: dict[str, float] = field(default_factory=dict)  # around sets to keep or leave void
 

@@ -58,10 +58,3 @@ def images(symmetry: tuple[Plane, ...], cyclic: Cyclic | None) -> Array:
         if len(found) > MOST_IMAGES:
             raise ValueError(f"they make more than {MOST_IMAGES} images of a point")
     return np.array(found)
-
-
-def turned_directions(isometries: Array, direction: tuple[float, float, float]) -> Array:
-    """Cosines (n,) between a direction and its images."""
-    unit = np.array(direction) / np.linalg.norm(direction)
-    cosines: Array = (isometries[:, :3, :3] @ unit) @ unit
-    return cosines

@@ -2,16 +2,14 @@
 
 from __future__ import annotations
 
-import numpy as np
-
 from vkctl.basics.words import did_you_mean
 from vkctl.prepare.case_file.entries import Vector
 from vkctl.prepare.case_file.toml_table import Table
 
-from .entries import Cyclic, Plane, Wishes
-from .images import images, turned_directions
+from .entries import Cyclic, Draw, Overhang, Plane, Wishes
+from .together import refuse_together
 
-_PARALLEL = 1e-3  # sine of the angle between directions that count as one
+_STEEPEST = 80.0  # degrees: beyond it next to everything is held
 
 
 def read_wishes(table: Table, keep: tuple[str, ...]) -> Wishes:
@@ -20,12 +18,13 @@ def read_wishes(table: Table, keep: tuple[str, ...]) -> Wishes:
         symmetry=tuple(_plane(entry) for entry in table.table_list("symmetry")),
         cyclic=_cyclic(table),
         extruded=_direction(table, "extruded"),
+        draw=_draw(table),
+        overhang=_overhang(table),
         void=table.names("void"),
         thickness=_thickness(table, keep),
     )
-    if table.report.problems:
-        return wishes
-    _refuse_together(table, wishes)
+    if not table.report.problems:
+        refuse_together(table, wishes)
     return wishes
 
 
@@ -54,6 +53,31 @@ def _direction(table: Table, key: str) -> Vector | None:
     return found
 
 
+def _draw(table: Table) -> Draw | None:
+    if (entry := table.table("draw")) is None:
+        return None
+    found = Draw(entry.triples("directions"), entry.vector("parting", None))
+    for number, direction in enumerate(found.directions):
+        if not any(direction):
+            entry.problem("directions", "must not hold the zero vector", "", number)
+    if found.parting is not None and len(found.directions) > 1:
+        entry.problem("parting", "goes with one direction, which is drawn both ways")
+    entry.done()
+    return found
+
+
+def _overhang(table: Table) -> Overhang | None:
+    if (entry := table.table("overhang")) is None:
+        return None
+    found = Overhang(
+        entry.vector("direction", nonzero=True),
+        entry.number("angle", 45.0, above=0, most=_STEEPEST),
+        entry.vector("plate", None),
+    )
+    entry.done()
+    return found
+
+
 def _thickness(table: Table, keep: tuple[str, ...]) -> dict[str, float]:
     if (entry := table.table("thickness")) is None:
         return {}
@@ -66,21 +90,3 @@ def _thickness(table: Table, keep: tuple[str, ...]) -> dict[str, float]:
             entry.report.add(entry.where(name), text, did_you_mean(name, named))
     entry.done()
     return found
-
-
-def _refuse_together(table: Table, wishes: Wishes) -> None:
-    try:
-        isometries = images(wishes.symmetry, wishes.cyclic)
-    except ValueError as error:
-        where = table.where("symmetry" if wishes.symmetry else "cyclic")
-        hint = "angles between planes, and to the axis, must divide a full turn"
-        table.report.add(where, f"symmetry and cyclic don't go together: {error}", hint)
-        return
-    if wishes.extruded is not None:
-        cosines = turned_directions(isometries, wishes.extruded)
-        if (np.abs(cosines) < 1.0 - _PARALLEL).any():
-            table.report.add(
-                table.where("extruded"),
-                "extruded doesn't go together with symmetry or cyclic that turn its direction",
-                "take a direction along or across each plane, and along the axis",
-            )

@@ -13,8 +13,10 @@ from vkctl.basics.types import Array
 from vkctl.basics.words import counted
 
 from .columns import columns_along
+from .draw import draw_operators
 from .entries import Wishes
 from .images import images
+from .overhang import held_points
 from .sampling import Field, sampling
 
 _MOST_ALONE = 0.1  # of the images, that may lie outside of the part
@@ -47,22 +49,22 @@ class Shape:
 
     kept: Array  # bool (p,): stays material
     void: Array  # bool (p,): stays empty
-    patterns: tuple[Mean, ...] = ()
+    steady: tuple[Projection, ...] = ()  # give fields whose means are such fields again
     maps: tuple[CriterionMap, ...] = ()
     projections: tuple[Projection, ...] = ()
 
     def criterion(self, criterion: Array, levels: Array) -> Array:
         """The criterion by which the wishes are held, before the threshold."""
-        for mean in self.patterns:
-            criterion = mean.of(criterion)
-        for made in self.maps:
-            criterion = made(criterion, levels)
+        for made in self.steady:
+            criterion = made(criterion)
+        for mapped in self.maps:
+            criterion = mapped(criterion, levels)
         return criterion
 
     def begun(self, levels: Array) -> Array:
         """The levels that the wishes come into force with, from any."""
-        for mean in self.patterns:
-            levels = mean.of(levels)
+        for made in self.steady:
+            levels = made(levels)
         return self.levels(levels)
 
     def levels(self, levels: Array) -> Array:
@@ -80,15 +82,30 @@ def make_shape(field: Field, wishes: Wishes, kept: Array, void: Array) -> Shape:
     ValueError where the mesh can't have them.
     """
     void = void & ~kept
-    patterns = _patterns(field, wishes)
-    for mean in patterns:
+    steady: list[Projection] = []
+    maps: list[CriterionMap] = []
+    projections: list[Projection] = []
+    for mean in _patterns(field, wishes):
         kept, void = mean.any(kept), mean.any(void)
+        steady.append(mean.of)
+    if wishes.draw is not None:
+        drawn, spread, is_steady = draw_operators(field, wishes.draw)
+        kept = drawn(kept.astype(np.float64)) >= _WITHIN
+        if spread is not None:
+            void = spread(void.astype(np.float64)) >= _WITHIN
+        steady.append(drawn)
+        if not is_steady:
+            projections.append(drawn)
+    if wishes.overhang is not None:
+        held = held_points(field, wishes.overhang, kept)
+        maps.append(held.holding)
+        projections.append(held.printed)
     if (both := kept & void).any():
         raise ValueError(
-            f"the pattern puts {counted(int(both.sum()), 'point')} both among those to keep and "
+            f"the wishes put {counted(int(both.sum()), 'point')} both among those to keep and "
             f"those to leave void, such as {_told(field.points[both][0])}"
         )
-    return Shape(kept, void, tuple(patterns))
+    return Shape(kept, void, tuple(steady), tuple(maps), tuple(projections))
 
 
 def _patterns(field: Field, wishes: Wishes) -> list[Mean]:
