@@ -35,10 +35,21 @@ def nap(seconds: float, here: Here) -> None:
     time.sleep(seconds)
 
 
+# What workers do beside their work, on machines of their own: here it would be the whole load.
+LIGHT = {
+    "distributed.worker.profile.enabled": False,
+    "distributed.worker.memory.monitor-interval": "1h",
+    "distributed.admin.system-monitor.interval": "1h",
+    "distributed.admin.system-monitor.gil.enabled": False,
+}
+
+
 async def host(address: str, count: int, folder: str) -> None:
     """Light workers that share this process, until it is killed."""
+    import dask
     from distributed import Worker
 
+    dask.config.set(LIGHT)
     logging.getLogger("distributed").setLevel(logging.ERROR)
     workers = [
         Worker(address, nthreads=1, memory_limit=10**9, local_directory=folder)

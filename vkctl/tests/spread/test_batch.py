@@ -8,7 +8,9 @@ from pathlib import Path
 import pytest
 from typer.testing import CliRunner
 
+from vkctl.basics.clusters import Cluster
 from vkctl.cli import app
+from vkctl.directory import formats
 from vkctl.directory.results import solved
 from vkctl.running.run import find_vk_rund
 from vkctl.spread.where import WhereError, parse_where
@@ -57,6 +59,17 @@ def test_a_wrong_configuration_is_told_with_its_place(clusters, text, words):
         parse_where("nihgt")
 
 
+def test_a_cluster_of_the_case_file_is_found_unless_the_user_has_one_of_that_name(clusters):
+    described = {"day": Cluster("PBSCluster", 2, {"cores": 1, "memory": "1GB"})}
+    day = parse_where("day", described)
+    assert day.batch is not None and (day.batch.kind, day.batch.jobs) == ("PBSCluster", 2)
+    with pytest.raises(WhereError, match="no cluster 'dya' to run on .*did you mean 'day'"):
+        parse_where("dya", described)
+    clusters.write_text(GOOD.replace("night", "day"))
+    day = parse_where("day", described)
+    assert day.batch is not None and (day.batch.kind, day.batch.jobs) == ("SLURMCluster", 3)
+
+
 def test_settings_that_the_batch_system_does_not_know_are_refused(clusters, directory):
     clusters.write_text(GOOD + "no_such_setting = 1\n")
     told = runner.invoke(app, ["run", str(directory), "--on", "night"])
@@ -73,7 +86,8 @@ echo "Submitted batch job $!"
 _CANCEL = '#!/bin/sh\nfor job; do kill -- "-$job" 2>/dev/null; done\nexit 0\n'
 
 
-def test_jobs_are_asked_for_and_taken_back(clusters, directory, tmp_path, monkeypatch):
+@pytest.mark.parametrize("described", [False, True], ids=["by the user", "in the case file"])
+def test_jobs_are_asked_for_and_taken_back(described, clusters, directory, tmp_path, monkeypatch):
     """The commands of a batch system, whose jobs are processes of this machine."""
     system = tmp_path / "system"
     system.mkdir()
@@ -83,10 +97,15 @@ def test_jobs_are_asked_for_and_taken_back(clusters, directory, tmp_path, monkey
     monkeypatch.setenv("PATH", f"{system}{os.pathsep}{os.environ['PATH']}")
     monkeypatch.setenv("VK_RUND", str(find_vk_rund()))
     monkeypatch.setenv("XDG_STATE_HOME", str(tmp_path / "state"))
-    clusters.write_text(
-        GOOD.replace("jobs = 3", "jobs = 1")
-        + f'interface = "lo"\nlocal_directory = "{tmp_path}"\nprocesses = 1\n'
-    )
+    if described:
+        settings: dict[str, int | str] = {"cores": 2, "memory": "2GB", "interface": "lo"}
+        night = {"night": Cluster("SLURMCluster", 1, settings)}
+        formats.write_case_notes(directory, formats.CaseNotes(clusters=night))
+    else:
+        clusters.write_text(
+            GOOD.replace("jobs = 3", "jobs = 1")
+            + f'interface = "lo"\nlocal_directory = "{tmp_path}"\nprocesses = 1\n'
+        )
     told = runner.invoke(app, ["run", str(directory), "--on", "night"])
     assert told.exit_code == 0, told.output
     assert solved(directory) == [1, 2]

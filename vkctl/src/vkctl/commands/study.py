@@ -72,6 +72,7 @@ def study_command(
     from vkctl.spread.where import WhereError, parse_where
     from vkctl.study import StudyError, planned, study, tables
     from vkctl.study import pictures as drawing
+    from vkctl.study.read import clusters_of_study
     from vkctl.study.remote import dispatch_on
     from vkctl.terminal import studying
 
@@ -97,7 +98,8 @@ def study_command(
                 for line in studying.planned_lines(found):
                     console.print(line, markup=False, soft_wrap=True)
                 return
-            where = None if on is None else dispatch_on(parse_where(on), tell)
+            at = None if on is None else parse_where(on, clusters_of_study(study_file))
+            where = None if at is None else dispatch_on(at, tell)
             with studying.shown(console) as show:
                 done = study(
                     study_file,

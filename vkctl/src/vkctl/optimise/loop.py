@@ -17,6 +17,7 @@ import numpy as np
 from vkctl.basics.types import Array, PathLike
 from vkctl.directory.model import Model, read
 from vkctl.directory.results import Results, read_results
+from vkctl.prepare.case_file.read_clusters import clusters_of
 from vkctl.prepare.part import Reading
 from vkctl.running.progress import Progress
 from vkctl.running.run import RunResult
@@ -77,7 +78,7 @@ def optimise(
     NotFoundError as `run` does, WhereError as `run_on`.
     """
     settings = _overridden(read_settings(cases), volume, steps)
-    where = None if on is None else parse_where(on)
+    where = None if on is None else parse_where(on, clusters_of(cases))
     try:
         with history.locked(directory):
             loop = start(cases, Path(directory), settings, reading)

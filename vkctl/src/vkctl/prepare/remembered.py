@@ -41,6 +41,7 @@ def case_notes(cases: Cases) -> formats.CaseNotes:
             formats.NotedCase(entry.name, entry.supports, dict(entry.loads))
             for entry in cases.load_cases
         ),
+        cases.clusters,
     )
 
 

@@ -1,7 +1,4 @@
-"""Clusters by name, from the user's own configuration: a batch system and what to ask it for.
-
-Only the user's own file is read: what stands there ends in scripts that the batch system runs.
-"""
+"""Clusters by name, from the user's own configuration: a batch system and what to ask it for."""
 
 from __future__ import annotations
 
@@ -11,20 +8,10 @@ from dataclasses import dataclass
 from pathlib import Path
 from typing import Any
 
+from vkctl.basics.clusters import CLASSES, MOST_JOBS, NEEDED
 from vkctl.basics.words import did_you_mean
 
-_CLASSES = (
-    "HTCondorCluster",
-    "LSFCluster",
-    "LocalCluster",  # jobs that are processes of this machine, to try things with
-    "MoabCluster",
-    "OARCluster",
-    "PBSCluster",
-    "SGECluster",
-    "SLURMCluster",
-)
 _KEYS = ("class", "jobs", "settings")
-_MOST_JOBS = 10_000
 
 
 class BatchError(Exception):
@@ -71,10 +58,10 @@ def _batch(path: Path, name: str, entry: Any) -> Batch:
         if key not in _KEYS:
             raise refused(f"has a key {key!r} that isn't known: {did_you_mean(key, _KEYS)}")
     kind, jobs, settings = entry.get("class"), entry.get("jobs"), entry.get("settings", {})
-    if kind not in _CLASSES:
-        raise refused(f"class must be a batch system: {did_you_mean(str(kind), _CLASSES)}")
-    if type(jobs) is not int or not 1 <= jobs <= _MOST_JOBS:
-        raise refused(f"jobs must say how many there may be at once, 1 to {_MOST_JOBS}.")
-    if not isinstance(settings, dict) or not {"cores", "memory"} <= set(settings):
+    if kind not in CLASSES:
+        raise refused(f"class must be a batch system: {did_you_mean(str(kind), CLASSES)}")
+    if type(jobs) is not int or not 1 <= jobs <= MOST_JOBS:
+        raise refused(f"jobs must say how many there may be at once, 1 to {MOST_JOBS}.")
+    if not isinstance(settings, dict) or not set(NEEDED) <= set(settings):
         raise refused("settings must tell at least the cores and the memory of a job.")
     return Batch(name, str(kind), jobs, settings)

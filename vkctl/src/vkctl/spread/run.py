@@ -57,7 +57,8 @@ def run_on(
     target = Path(directory).absolute()
     if not target.is_dir():
         raise NotADirectoryError(f"There is no directory {target}.")
-    said = parse_where(where)
+    notes = formats.read_case_notes(target)
+    said = parse_where(where, notes.clusters if notes else {})
     with processes.alone_on(target):
         plan(target)
         with opened(said) as place, Sender(target, place) as sender:

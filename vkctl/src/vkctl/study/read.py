@@ -8,12 +8,14 @@ from collections.abc import Iterable
 from pathlib import Path
 from typing import Any
 
+from vkctl.basics.clusters import Cluster
 from vkctl.basics.types import PathLike
 from vkctl.basics.words import counted, did_you_mean
 from vkctl.directory.formats import MODES
 from vkctl.optimise.settings import read_settings
 from vkctl.prepare.case_file.mistakes import Mistakes
 from vkctl.prepare.case_file.read import read_cases
+from vkctl.prepare.case_file.read_clusters import clusters_of
 from vkctl.prepare.case_file.toml_table import Table, load
 
 from . import keys
@@ -309,3 +311,9 @@ def _take(
             tuple(where), f"the name {name!r} is that of {taken[name]} already", "choose another"
         )
     taken[name] = owner
+
+
+def clusters_of_study(path: PathLike) -> dict[str, Cluster]:
+    """Clusters that the study's case file describes; none where the study names no case file."""
+    name = load(path)[0].data.get("cases")
+    return clusters_of(Path(path).parent / name) if isinstance(name, str) else {}

@@ -7,6 +7,7 @@ from dataclasses import asdict, dataclass, field
 from pathlib import Path
 from typing import Any
 
+from vkctl.basics.clusters import Cluster, is_plain
 from vkctl.basics.types import PathLike
 from vkctl.basics.units import UnitSystem, unit_system
 
@@ -46,6 +47,7 @@ class CaseNotes:
     supports: dict[str, Condition] = field(default_factory=dict)
     loads: dict[str, Condition] = field(default_factory=dict)
     load_cases: tuple[NotedCase, ...] = ()  # in the order of their numbers
+    clusters: dict[str, Cluster] = field(default_factory=dict)
 
     @property
     def unit_system(self) -> UnitSystem | None:
@@ -76,7 +78,16 @@ def _notes(said: Any) -> CaseNotes:
         {_text(name): _condition(value) for name, value in said["supports"].items()},
         {_text(name): _condition(value) for name, value in said["loads"].items()},
         tuple(_case(value) for value in said["load_cases"]),
+        {_text(name): _cluster(value) for name, value in said.get("clusters", {}).items()},
     )
+
+
+def _cluster(said: Any) -> Cluster:
+    """What stands here may come from others, like a case file."""
+    cluster = Cluster(_text(said["kind"]), int(said["jobs"]), dict(said["settings"]))
+    if not is_plain(cluster):
+        raise ValueError
+    return cluster
 
 
 def _condition(said: Any) -> Condition:

@@ -6,6 +6,7 @@ from dataclasses import dataclass, field
 from pathlib import Path
 from typing import Literal
 
+from vkctl.basics.clusters import Cluster
 from vkctl.directory.model import Material
 
 from ..part import MeshOptions
@@ -140,3 +141,4 @@ class Cases:
     load_cases: list[CaseEntry] = field(default_factory=list)
     run_order: list[int] | None = None  # numbers of load cases
     options: dict[str, float] = field(default_factory=dict)
+    clusters: dict[str, Cluster] = field(default_factory=dict)

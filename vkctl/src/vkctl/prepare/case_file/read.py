@@ -16,6 +16,7 @@ from vkctl.directory.formats import LARGEST_NUMBER, OPTIONS
 
 from ..part import MeshOptions
 from .entries import CaseEntry, Cases, Names, SetKind
+from .read_clusters import read_clusters
 from .read_conditions import read_level, read_load, read_support
 from .read_materials import check_materials, read_material
 from .read_sets import read_set
@@ -47,6 +48,7 @@ def read_cases(path: PathLike) -> Cases:
     cases.run_order = _read_run_order(cases, top)
     if options := top.table("options"):
         cases.options = _read_options(options)
+    cases.clusters = read_clusters(top)
     top.table("optimise")  # keys of the optimisation loop, which reads them itself
     top.done()
     report.finish()
