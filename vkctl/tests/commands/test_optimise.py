@@ -24,8 +24,13 @@ def test_the_command_prints_a_line_per_step_and_the_end(drawn: tuple[Path, str])
     lines = drawn[1].splitlines()
     assert re.match(r"step 1 of 4, objective [\d.]+, volume 1.000, target 1.000, ", lines[0])
     assert [line.split(",")[0] for line in lines[:4]] == [f"step {k} of 4" for k in range(1, 5)]
-    assert lines[4].startswith("ended at the step limit after 4 steps: objective ")
-    assert len(lines) == 6
+    # Four steps are too few: the objective trebles in the last one, and it is told why.
+    assert lines[4] == lines[6] and lines[4].startswith(
+        "the design has fallen apart: nothing joins"
+    )
+    assert lines[5].startswith("ended at the step limit after 4 steps: objective ")
+    assert lines[7].startswith("the part is 3 pieces, of which 1 carry")
+    assert len(lines) == 9
 
 
 def test_a_terminal_sees_the_steps_and_what_the_solver_does(drawn: tuple[Path, str]) -> None:

@@ -55,7 +55,9 @@ def test_the_threshold_meets_the_volume(kind: str, volume: float) -> None:
     criterion = 1.0 + np.sin(model.nodes).sum(axis=1) ** 2
     levels, threshold = design.next_levels(np.ones(len(model.tp)), criterion, volume, 1.0)
     assert design.volume(levels) == pytest.approx(volume, abs=0.01)
-    assert np.array_equal(levels > 0, criterion > threshold)
+    moved = np.isclose(levels, np.clip(criterion / threshold - 1.0, -1.0, 1.0))
+    assert moved.mean() > 0.95  # all but teeth and dents
+    assert np.array_equal((levels > 0)[moved], (criterion > threshold)[moved])
     assert np.abs(levels).max() <= 1.0
 
 

@@ -131,6 +131,8 @@ def _conclude(console: Console, done: Optimised, drawing: Painter | None) -> Non
     console.print(
         f"{end} after {last.step} steps: objective {last.objective:.6g}, volume {last.volume:.3f}"
     )
+    for sentence in _about_pieces(done):
+        console.print(sentence, markup=False, soft_wrap=True)
     folder = history.folder_of(done.directory)
     if drawing is None:
         console.print(f"history in {folder}", soft_wrap=True)
@@ -141,11 +143,26 @@ def _conclude(console: Console, done: Optimised, drawing: Painter | None) -> Non
         console.print(f"history, chart, series and animation in {folder}", soft_wrap=True)
 
 
+def _about_pieces(done: Optimised) -> list[str]:
+    """What there is to say where the part isn't one piece."""
+    pieces = done.pieces
+    told = [printable(sentence) for sentence in pieces.broken]
+    if pieces.count > 1:
+        told.append(
+            f"the part is {pieces.count} pieces, of which {int(pieces.carrying.sum())} carry loads "
+            "to supports; what is kept stays"
+        )
+    return told
+
+
 def values(done: Optimised) -> dict[str, Any]:
     """How the loop ended, with its history, for programs."""
     return {
         "directory": str(done.directory),
         "converged": done.converged,
+        "pieces": done.pieces.count,
+        "carrying": int(done.pieces.carrying.sum()),
+        "broken": list(done.pieces.broken),
         "steps": [asdict(row) for row in done.rows],
     }
 
@@ -154,7 +171,7 @@ def values(done: Optimised) -> dict[str, Any]:
 def _shown(console: Console) -> Iterator[tuple[OnStep, OnProgress]]:
     """Functions that show the loop: on a terminal a live table, elsewhere a line per step."""
     if not console.is_terminal:
-        yield lambda step: console.print(step_line(step), soft_wrap=True), lambda *_: None
+        yield lambda step: _print_step(console, step), lambda *_: None
         return
     finished: list[StepShown] = []
     with Live(console=console, refresh_per_second=8) as live:
@@ -167,6 +184,11 @@ def _shown(console: Console) -> Iterator[tuple[OnStep, OnProgress]]:
             live.update(table(finished, (step, progress)))
 
         yield on_step, on_progress
+
+
+def _print_step(console: Console, step: StepShown) -> None:
+    for line in (step_line(step), *step.broken):
+        console.print(printable(line), markup=False, soft_wrap=True)
 
 
 def _cells(step: StepShown) -> list[str]:
@@ -195,9 +217,12 @@ def table(finished: list[StepShown], running: tuple[int, Progress] | None) -> Gr
         grid.add_column(heading, justify="right")
     for step in finished[-_ROWS:]:
         grid.add_row(*_cells(step))
+    broken = [Text(printable(sentence)) for sentence in finished[-1].broken] if finished else []
     if running is None:
-        return Group(grid)
+        return Group(grid, *broken)
     number, progress = running
     case = progress.log.load_cases[-1].number if progress.log.load_cases else None
     where = f"{titled(case, progress.names)}, " if case is not None else ""
-    return Group(grid, Text(f"step {number}: {where}{progress.stage}; {state_line(progress)}"))
+    return Group(
+        grid, *broken, Text(f"step {number}: {where}{progress.stage}; {state_line(progress)}")
+    )

@@ -8,7 +8,7 @@ from vkctl.basics.types import Array
 
 from .model import Model
 
-# Of the largest level: where the part is cut out, nodes closer to zero count as just inside.
+# Of the largest level: where the part is cut out, nodes are no closer to zero than this.
 NEAREST_LEVEL = 1e-3
 MEAN_LEVEL = 0.5  # magnitude that the field is scaled to
 
@@ -28,3 +28,13 @@ def level_field(model: Model) -> Array:
     chosen = model.node_tp_index > 0
     levels[chosen] = scale * model.tp[model.node_tp_index[chosen] - 1]
     return levels
+
+
+def off_zero(levels: Array) -> Array:
+    """Levels with the same signs that are nowhere closer to zero than NEAREST_LEVEL of the largest.
+
+    A cut exactly through a node would make the part's surface touch itself there.
+    """
+    margin = NEAREST_LEVEL * float(np.abs(levels).max(initial=0.0)) or 1.0
+    kept_off = np.where(levels < 0, -margin, margin)
+    return np.where(np.abs(levels) < margin, kept_off, levels)

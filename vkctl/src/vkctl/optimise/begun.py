@@ -97,7 +97,7 @@ def start(cases: PathLike, directory: Path, settings: Settings, reading: Reading
         raise formats.FormatError(path, f"it keeps node {highest} of {len(model.nodes)}")
     try:
         kept, void = (np.array(nodes, np.int64) for nodes in (state.kept, state.void))
-        design = make_design(model, settings.radius, kept, void, settings.wishes)
+        design = make_design(model, settings.radius, kept, void, settings.wishes, state.load_cases)
     except ValueError as error:
         raise OptimiseError(str(error)) from None
     _take_wishes(directory, settings, state, design)

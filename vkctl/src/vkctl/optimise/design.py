@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+from collections.abc import Sequence
 from dataclasses import dataclass
 from typing import Any
 
@@ -14,6 +15,8 @@ from vkctl.directory.levels import MEAN_LEVEL
 from vkctl.directory.model import Model
 from vkctl.shapes.topology import TYPES
 
+from .pieces import Joints, loose_nodes, make_joints
+from .teeth import uneven_nodes
 from .volume import DesignVolume, design_volume
 from .wishes.entries import Wishes
 from .wishes.sampling import Field
@@ -21,6 +24,8 @@ from .wishes.shape import Shape, make_shape
 
 DEFAULT_RADIUS = 1.5  # mean distances of neighbouring nodes
 _NO_NODES = np.empty(0, np.int64)
+_MOST_ROUNDS = 3  # of clearing up after a move, since the volume moves the surface once more
+_ALL = 1e-3  # share of points outside a set below which all of those alike are in it
 
 
 @dataclass
@@ -33,6 +38,7 @@ class Design:
     smoothing: Any  # sparse (p, p), rows add up to 1
     shape: Shape
     space: DesignVolume
+    joints: Joints
     num_nodes: int
 
     def levels_of_nodes(self, levels: Array) -> Array:
@@ -49,21 +55,70 @@ class Design:
     def next_levels(
         self, levels: Array, criterion: Array, volume: float, move: float
     ) -> tuple[Array, float]:
-        """The moved field whose volume is `volume`, and its threshold."""
+        """The moved field whose volume is `volume`, and its threshold.
+
+        Pieces that carry nothing are emptied at once, and teeth and dents of the surface levelled;
+        the volume is met by the rest.
+        """
         criterion = self.shape.criterion(criterion, levels)
+        set_to = np.full(len(levels), np.nan)
+        threshold = float(np.quantile(criterion, 1.0 - volume))
+        for _ in range(_MOST_ROUNDS):
+            following, threshold = self._met(levels, criterion, volume, move, set_to, threshold)
+            nodes = self.levels_of_nodes(following)
+            loose = self._points(loose_nodes(self.joints, nodes, self._staying()))
+            uneven = self._points(uneven_nodes(self.space, nodes)) & ~self.shape.kept
+            if not (loose | uneven).any():
+                break
+            around = self.smoothing @ following
+            for made in self.shape.steady:
+                around = made(around)
+            set_to[uneven] = around[uneven]
+            set_to[loose] = -1.0
+        return following, threshold
+
+    def _met(
+        self,
+        levels: Array,
+        criterion: Array,
+        volume: float,
+        move: float,
+        set_to: Array,
+        guess: float,
+    ) -> tuple[Array, float]:
+        """Of the levels that points are set to, unless they are no number, and else of the move."""
+
+        def moved(threshold: float) -> Array:
+            return self._moved(levels, criterion, threshold, move, set_to)
 
         def field(threshold: float) -> Array:
-            return self.levels_of_nodes(self._moved(levels, criterion, threshold, move))
+            return self.levels_of_nodes(moved(threshold))
 
-        guess = float(np.quantile(criterion, 1.0 - volume))
         threshold = self.space.threshold(volume, 0.0, float(criterion.max()), field, guess)
-        return self._moved(levels, criterion, threshold, move), threshold
+        return moved(threshold), threshold
 
-    def _moved(self, levels: Array, criterion: Array, threshold: float, move: float) -> Array:
+    def _moved(
+        self, levels: Array, criterion: Array, threshold: float, move: float, set_to: Array
+    ) -> Array:
         if threshold <= 0:
             return self.shape.levels(np.ones_like(levels))
         wanted = np.clip(criterion / threshold - 1.0, -1.0, 1.0)
-        return self.shape.levels((1.0 - move) * levels + move * wanted)
+        moved = (1.0 - move) * levels + move * wanted
+        return self.shape.levels(np.where(np.isnan(set_to), moved, set_to))
+
+    def _staying(self) -> Array:
+        """Nodes that are material whatever happens."""
+        stays = np.ones(self.num_nodes, np.bool_)
+        stays[self.node_of] = self.shape.kept[self.point_of]
+        return stays
+
+    def _points(self, nodes: Array) -> Array:
+        """Design points of the nodes of a mask; of those that the wishes make alike all or none."""
+        chosen = np.zeros(len(self.points), np.bool_)
+        chosen[self.point_of[nodes[self.node_of]]] = True
+        for made in self.shape.steady:
+            chosen = made((~chosen).astype(np.float64)) < _ALL
+        return chosen
 
 
 def make_design(
@@ -72,11 +127,13 @@ def make_design(
     kept_nodes: Array,
     void_nodes: Array = _NO_NODES,
     wishes: Wishes | None = None,
+    cases: Sequence[int] | None = None,
 ) -> Design:
     """Design of a model with the wishes of its designer.
 
-    Design points of `kept_nodes`, by number, stay material, those of `void_nodes` empty. ValueError
-    where the mesh can't have the wishes.
+    Design points of `kept_nodes`, by number, stay material, those of `void_nodes` empty. `cases`
+    are the numbers of the load cases that take part, all if not given. ValueError where the mesh
+    can't have the wishes.
     """
     assert model.node_tp_index is not None
     nodes = np.flatnonzero(model.node_tp_index > 0)
@@ -95,7 +152,8 @@ def make_design(
         _points_of(model, kept_nodes),
         _points_of(model, void_nodes),
     )
-    return Design(points, nodes, points_of_nodes, smoothing, shape, space, len(model.nodes))
+    joints, count = make_joints(model, cases), len(model.nodes)
+    return Design(points, nodes, points_of_nodes, smoothing, shape, space, joints, count)
 
 
 def _points_of(model: Model, nodes: Array) -> Array:

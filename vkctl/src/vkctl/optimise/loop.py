@@ -28,6 +28,7 @@ from vkctl.spread.where import parse_where
 from . import history
 from .begun import Loop, OptimiseError, Workers, levels_of, start
 from .history import HistoryRow, LockedError
+from .pieces import Pieces, find_pieces
 from .settings import Settings, read_settings
 from .solving import give_back_mode, solve_somehow
 
@@ -41,6 +42,7 @@ class StepShown:
     row: HistoryRow
     steps: int
     run: RunResult
+    broken: tuple[str, ...] = ()  # a sentence for each load that nothing joins to a support
 
 
 @dataclass
@@ -51,6 +53,7 @@ class Optimised:
     rows: list[HistoryRow]
     converged: bool  # else the step limit ended it
     levels: Array  # per design point, of the last step solved
+    pieces: Pieces  # that these leave
 
 
 def optimise(
@@ -117,7 +120,11 @@ def _run_steps(loop: Loop, on_step: Callable[[StepShown], None] | None) -> Optim
             on_step(shown)
     last = max(loop.state.step - 1, 1)
     levels = levels_of(loop, last)
-    return Optimised(loop.directory, loop.rows, converged(), levels)
+    return Optimised(loop.directory, loop.rows, converged(), levels, _pieces(loop, levels))
+
+
+def _pieces(loop: Loop, levels: Array) -> Pieces:
+    return find_pieces(loop.design.joints, loop.design.levels_of_nodes(levels))
 
 
 # --- one step --------------------------------------------------------------------------------
@@ -155,7 +162,7 @@ def _step(loop: Loop) -> StepShown:
     state.step, state.running, state.target = state.step + 1, 0, next_target
     history.write_state(directory, state)
     history.criterion_file(directory, state.step - 2).unlink(missing_ok=True)
-    return StepShown(row, settings.steps, outcome)
+    return StepShown(row, settings.steps, outcome, _pieces(loop, levels).broken)
 
 
 def _combined_or_fail(loop: Loop, results: list[Results]) -> Array:

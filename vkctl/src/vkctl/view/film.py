@@ -11,7 +11,7 @@ import numpy as np
 
 from vkctl.basics.extras import need
 from vkctl.basics.types import Array
-from vkctl.directory.levels import NEAREST_LEVEL, level_field
+from vkctl.directory.levels import level_field, off_zero
 from vkctl.directory.model import Model
 from vkctl.shapes.cutting import Body, Surface, body, surface
 from vkctl.shapes.simplices import at_points, tetrahedra
@@ -61,9 +61,7 @@ def film(model: Model, view: View) -> Iterator[Film]:
 def cut_out(of: Film, model: Model) -> Surface:
     """The part's surface at the model's levels; ValueError if nothing is material."""
     levels = at_points(level_field(model).astype(np.float64), of.rows, of_corners=True)
-    # A cut exactly through a node would make the surface touch itself there.
-    margin = NEAREST_LEVEL * float(np.abs(levels).max(initial=0.0)) or 1.0
-    found = surface(of.body, np.where(np.abs(levels) < margin, margin, levels))
+    found = surface(of.body, off_zero(levels))
     if not len(found.triangles):
         raise ValueError("the level field leaves no material")
     return found

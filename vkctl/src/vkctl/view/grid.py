@@ -9,7 +9,7 @@ import numpy as np
 from vkctl.basics.extras import need
 from vkctl.basics.types import Array, PathLike
 from vkctl.directory.case_names import case_names, name_of
-from vkctl.directory.levels import NEAREST_LEVEL, level_field
+from vkctl.directory.levels import level_field, off_zero
 from vkctl.directory.model import Model, read
 from vkctl.directory.numbering import EXCLUDED
 from vkctl.directory.results import Results, read_results, solved
@@ -128,10 +128,7 @@ def part_grid(model: Model, fields: dict[str, Array] | None = None) -> pyvista.U
     grid = pyvista.UnstructuredGrid({VTK_CELLS[TET4]: rows}, points)
     for name, values in extended.items():
         grid.point_data[name] = values
-    level = grid.point_data["level"]
-    # A cut exactly through a node would make the surface touch itself there.
-    margin = NEAREST_LEVEL * float(np.abs(level).max(initial=0.0)) or 1.0
-    grid.point_data["level"] = np.where(np.abs(level) < margin, margin, level)
+    grid.point_data["level"] = off_zero(grid.point_data["level"])
     if (grid.point_data["level"] > 0).all():
         return grid
     return grid.clip_scalar(scalars="level", value=0.0, invert=False)
