@@ -98,7 +98,8 @@ def test_jobs_are_asked_for_and_taken_back(described, clusters, directory, tmp_p
     monkeypatch.setenv("VK_RUND", str(find_vk_rund()))
     monkeypatch.setenv("XDG_STATE_HOME", str(tmp_path / "state"))
     if described:
-        settings: dict[str, int | str] = {"cores": 2, "memory": "2GB", "interface": "lo"}
+        settings: dict[str, int | str] = {"cores": 2, "memory": "2GB", "processes": 1}
+        settings["interface"] = "lo"
         night = {"night": Cluster("SLURMCluster", 1, settings)}
         formats.write_case_notes(directory, formats.CaseNotes(clusters=night))
     else:
