@@ -133,6 +133,8 @@ def _conclude(console: Console, done: Optimised, drawing: Painter | None) -> Non
     )
     for sentence in _about_pieces(done):
         console.print(sentence, markup=False, soft_wrap=True)
+    for sentence in done.told:
+        console.print(printable(sentence), markup=False, soft_wrap=True)
     folder = history.folder_of(done.directory)
     if drawing is None:
         console.print(f"history in {folder}", soft_wrap=True)
@@ -163,6 +165,7 @@ def values(done: Optimised) -> dict[str, Any]:
         "pieces": done.pieces.count,
         "carrying": int(done.pieces.carrying.sum()),
         "broken": list(done.pieces.broken),
+        "limits": done.told,
         "steps": [asdict(row) for row in done.rows],
     }
 

@@ -9,6 +9,7 @@ from collections.abc import Callable
 from dataclasses import dataclass
 from functools import cache, partial
 from pathlib import Path
+from typing import TYPE_CHECKING
 
 import numpy as np
 
@@ -32,6 +33,9 @@ from .design import Design, make_design
 from .history import HistoryRow, State
 from .settings import Settings
 from .wishes.regions import nodes_around
+
+if TYPE_CHECKING:
+    from .limits.terms import Steering
 
 _FIXED_FILES = (
     "mx.*",
@@ -66,6 +70,7 @@ class Loop:
     factored_seconds: Callable[[], float]  # estimated for a step with a factor
     vk_rund: PathLike | None = None
     on_progress: Callable[[int, Progress], None] | None = None
+    steering: Steering | None = None  # where several values count
     workers: Workers | None = None  # that solve the load cases; else this process's own run
 
 

@@ -145,7 +145,7 @@ def make_design(
     )
     space = design_volume(model)
     edge = _node_distance(model)
-    smoothing = _smoothing(points, radius or DEFAULT_RADIUS * edge)
+    smoothing = _smoothing(points, reach_of(model, radius))
     shape = make_shape(
         Field(model, points, edge),
         wishes or Wishes(),
@@ -163,6 +163,11 @@ def _points_of(model: Model, nodes: Array) -> Array:
     chosen = model.node_tp_index[np.asarray(nodes, np.int64) - 1]
     mask[chosen[chosen > 0] - 1] = True
     return mask
+
+
+def reach_of(model: Model, radius: float | None) -> float:
+    """The radius of smoothing, by the mesh where it isn't given."""
+    return radius or DEFAULT_RADIUS * _node_distance(model)
 
 
 def _node_distance(model: Model) -> float:

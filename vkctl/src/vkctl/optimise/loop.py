@@ -9,7 +9,7 @@ from __future__ import annotations
 
 import time
 from collections.abc import Callable
-from dataclasses import dataclass, replace
+from dataclasses import dataclass, field, replace
 from pathlib import Path
 
 import numpy as np
@@ -28,6 +28,7 @@ from vkctl.spread.where import parse_where
 from . import history
 from .begun import Loop, OptimiseError, Workers, levels_of, start
 from .history import HistoryRow, LockedError
+from .limits.steering import begin_steering, has_settled, needs_steering, steer, told_limits
 from .pieces import Pieces, find_pieces
 from .settings import Settings, read_settings
 from .solving import give_back_mode, solve_somehow
@@ -54,6 +55,7 @@ class Optimised:
     converged: bool  # else the step limit ended it
     levels: Array  # per design point, of the last step solved
     pieces: Pieces  # that these leave
+    told: list[str] = field(default_factory=list)  # a sentence for each limit
 
 
 def optimise(
@@ -82,6 +84,8 @@ def optimise(
     """
     settings = _overridden(read_settings(cases), volume, steps)
     where = None if on is None else parse_where(on, clusters_of(cases))
+    if where is not None and settings.limits:
+        raise ValueError("limits are for loops without --on: adjoint load cases are solved here")
     try:
         with history.locked(directory):
             loop = start(cases, Path(directory), settings, reading)
@@ -100,6 +104,8 @@ def optimise(
 
 def _overridden(settings: Settings, volume: float | None, steps: int | None) -> Settings:
     if volume is not None:
+        if settings.goal == "mass":
+            raise ValueError("no volume can be given with goal = 'mass', which looks for the least")
         if not 0 < volume <= 1:
             raise ValueError(f"the volume must be above 0 and at most 1, not {volume:g}")
         settings = replace(settings, volume=volume)
@@ -112,15 +118,21 @@ def _overridden(settings: Settings, volume: float | None, steps: int | None) -> 
 
 def _run_steps(loop: Loop, on_step: Callable[[StepShown], None] | None) -> Optimised:
     def converged() -> bool:
-        return has_converged(loop.rows[loop.state.since - 1 :], loop.settings)
+        if loop.steering is not None and not has_settled(loop):
+            return False
+        rows = loop.rows[loop.state.since - 1 :]
+        return loop.settings.goal == "mass" or has_converged(rows, loop.settings)
 
+    loop.steering = begin_steering(loop) if needs_steering(loop) else None
     while loop.state.step <= loop.settings.steps and not converged():
         shown = _step(loop)
         if on_step is not None:
             on_step(shown)
     last = max(loop.state.step - 1, 1)
     levels = levels_of(loop, last)
-    return Optimised(loop.directory, loop.rows, converged(), levels, _pieces(loop, levels))
+    told = [] if loop.steering is None else told_limits(loop.steering.rows)
+    pieces = _pieces(loop, levels)
+    return Optimised(loop.directory, loop.rows, converged(), levels, pieces, told)
 
 
 def _pieces(loop: Loop, levels: Array) -> Pieces:
@@ -137,15 +149,21 @@ def _step(loop: Loop) -> StepShown:
     outcome, mode = solve_somehow(loop)
     levels = levels_of(loop, state.step)
     results = [read_results(directory, number) for number in state.load_cases]
-    criterion = _settled(loop, _combined_or_fail(loop, results))
+    criterion = _combined_or_fail(loop, results)
     volume = loop.design.volume(levels)
     target = volume if state.target is None else state.target
     next_target = settings.next_target(target)
+    if loop.steering is not None:
+        steered = steer(loop, results, levels, target, mode)
+        criterion, next_target = steered.criterion, steered.next_target
+    criterion = _settled(loop, criterion)
     following, _ = loop.design.next_levels(levels, criterion, next_target, settings.move)
     energies = {r.number: r.strain_energy for r in results}
     row = HistoryRow(
         step=state.step,
-        objective=objective(list(energies.values()), state.weights, settings),
+        objective=volume
+        if settings.goal == "mass"
+        else objective(list(energies.values()), state.weights, settings),
         volume=volume,
         target=target,
         change=float(np.abs(following - levels).mean()),
@@ -167,7 +185,7 @@ def _step(loop: Loop) -> StepShown:
 
 def _combined_or_fail(loop: Loop, results: list[Results]) -> Array:
     criteria = np.array([r.criterion for r in results], np.float64)
-    criterion = combined(criteria, loop.state.weights, loop.settings)
+    criterion = combined(criteria, loop.state.weights)
     if not np.isfinite(criterion).all() or criterion.max() <= 0:
         raise OptimiseError(
             f"step {loop.state.step}: the criterion isn't positive and finite; do the load cases "
@@ -191,14 +209,10 @@ def _settled(loop: Loop, criterion: Array) -> Array:
     return smooth
 
 
-def combined(criteria: Array, weights: list[float], settings: Settings) -> Array:
+def combined(criteria: Array, weights: list[float]) -> Array:
     """Criterion of all load cases at each design point, from (cases, points)."""
-    weighted: Array = criteria * np.array(weights)[:, None]
-    if settings.combine == "weighted":
-        total: Array = weighted.sum(axis=0)
-        return total
-    worst: Array = weighted.max(axis=0)
-    return worst
+    total: Array = np.array(weights) @ criteria
+    return total
 
 
 def objective(energies: list[float], weights: list[float], settings: Settings) -> float:

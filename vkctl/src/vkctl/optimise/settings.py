@@ -10,10 +10,12 @@ from vkctl.basics.words import did_you_mean
 from vkctl.prepare.case_file.mistakes import Mistakes
 from vkctl.prepare.case_file.toml_table import Table, load
 
+from .limits.settings import Limit, read_limits
 from .wishes.entries import Wishes
 from .wishes.read import read_wishes
 
 Combine = Literal["weighted", "worst"]
+Goal = Literal["stiffness", "mass"]
 LoopMode = Literal["measured", "iterative", "direct"]
 
 
@@ -28,9 +30,10 @@ class Settings:
     `keep` names sets that stay material. `tolerance` ends the loop: the mean objective of five
     steps differs from that of the five before by less than this part of it.
 
-    `combine`: "weighted" adds the load cases' criteria times their weights, which makes for the
-    least weighted sum of strain energies; "worst" takes at each point the largest of the criteria
-    times their weights, so that material stays wherever any load case needs it.
+    `combine`: "weighted" makes for the least weighted sum of the load cases' strain energies,
+    "worst" for the least of the largest weighted one.
+
+    `goal`: "stiffness" of a given volume, inside of the limits, or the least "mass" inside of them.
 
     `mode` of the solver: "measured" takes what the loop's own steps show to be faster, unless the
     options file of the directory names one. `wishes` are what the shape shall have.
@@ -47,6 +50,8 @@ class Settings:
     tolerance: float = 1e-3
     mode: LoopMode = "measured"
     wishes: Wishes = field(default_factory=Wishes)
+    goal: Goal = "stiffness"
+    limits: tuple[Limit, ...] = ()
 
     def next_target(self, target: float) -> float:
         """Target volume of a step from that of the step before."""
@@ -73,6 +78,7 @@ def _case_names(top: Table) -> list[str]:
 def _settings(table: Table, names: list[str], report: Mistakes) -> Settings:
     default = Settings()
     combine = table.choice("combine", get_args(Combine), default.combine)
+    goal = table.choice("goal", get_args(Goal), default.goal)
     mode = table.choice("mode", get_args(LoopMode), default.mode)
     settings = Settings(
         volume=table.number("volume", default.volume, above=0, most=1),
@@ -84,8 +90,11 @@ def _settings(table: Table, names: list[str], report: Mistakes) -> Settings:
         keep=table.names("keep"),
         tolerance=table.number("tolerance", default.tolerance, above=0),
         mode=cast(LoopMode, mode),
+        goal=cast(Goal, goal),
     )
     settings.wishes = read_wishes(table, settings.keep)
+    settings.limits = read_limits(table.table("limits"), names)
+    _check_goal(settings, table)
     if weights := table.table("weights"):
         for name in list(weights.data):
             settings.weights[name] = weights.number(name, 1.0, above=0)
@@ -97,3 +106,13 @@ def _settings(table: Table, names: list[str], report: Mistakes) -> Settings:
                 )
         weights.done()
     return settings
+
+
+def _check_goal(settings: Settings, table: Table) -> None:
+    if settings.goal == "stiffness":
+        return
+    if not settings.limits:
+        table.problem("goal", "needs limits", "add them to [optimise.limits]")
+    for key in ("volume", "combine", "weights"):
+        if key in table.data:
+            table.problem(key, "has no meaning with goal = 'mass'", f"leave {key} out")

@@ -2,7 +2,7 @@
 
 from __future__ import annotations
 
-from collections.abc import Iterator
+from collections.abc import Iterable, Iterator
 from dataclasses import dataclass
 
 import numpy as np
@@ -30,9 +30,13 @@ def element_forces(solution: Solution, numbers: Array | None = None) -> Iterator
     the smooth presence H of the level field, as the solver multiplies the stiffness by it.
     """
     for block in integration_points(solution, numbers):
-        code, chosen = block.at.code, block.at.numbers
-        rows = solution.elements.table(code)[solution.elements.conn_index[chosen - 1] - 1]
-        yield ElementForces(chosen, rows, _forces(block))
+        yield _forces_of(solution, block)
+
+
+def _forces_of(solution: Solution, block: IntegrationBlock) -> ElementForces:
+    code, chosen = block.at.code, block.at.numbers
+    rows = solution.elements.table(code)[solution.elements.conn_index[chosen - 1] - 1]
+    return ElementForces(chosen, rows, _forces(block))
 
 
 # Places of the six components in the symmetric matrix.
@@ -54,8 +58,14 @@ def _forces(block: IntegrationBlock) -> Array:
 
 def internal_forces(solution: Solution, numbers: Array | None = None) -> Array:
     """Sum (n, 3) over all active elements, or those of `numbers`, at the nodes of the model."""
+    return summed_forces(solution, integration_points(solution, numbers))
+
+
+def summed_forces(solution: Solution, blocks: Iterable[IntegrationBlock]) -> Array:
+    """Sum (n, 3) at the nodes of the model, of blocks with whatever stresses they have."""
     total = np.zeros_like(solution.nodes)
-    for block in element_forces(solution, numbers):
+    for given in blocks:
+        block = _forces_of(solution, given)
         nodes, place = np.unique(block.rows, return_inverse=True)
         for k in range(3):
             flat = block.forces[..., k].ravel()

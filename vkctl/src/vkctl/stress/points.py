@@ -125,6 +125,11 @@ class IntegrationBlock:
         """Those that the stiffness is multiplied by (m, p)."""
         return _presences(self.slope * self.levels)
 
+    @property
+    def presence_slopes(self) -> Array:
+        """Derivatives of the smooth presences by the level (m, p)."""
+        return (1 - _FLOOR) * self.slope / np.pi / (1 + (self.slope * self.levels) ** 2)
+
 
 def integration_points(
     solution: Solution, numbers: Array | None = None

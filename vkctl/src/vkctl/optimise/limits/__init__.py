@@ -1,0 +1,1 @@
+"""Limits and several goals: what they change in a step of the loop."""

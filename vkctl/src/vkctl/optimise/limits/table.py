@@ -1,0 +1,69 @@
+"""The table of what was weighed in each step: values, limits, weights."""
+
+from __future__ import annotations
+
+import csv
+import math
+from dataclasses import astuple, dataclass, fields
+from pathlib import Path
+
+from vkctl.basics.types import PathLike
+from vkctl.directory import formats
+
+from .. import history
+
+LIMITS = "limits.csv"  # in the loop's folder
+
+
+@dataclass(frozen=True)
+class Weighed:
+    """One term in one step."""
+
+    step: int
+    term: str
+    value: float  # the largest one, as measured
+    at_most: float  # NaN where the term is the energy of a load case
+    weight: float  # with which it moved the design
+    correction: float = 1.0  # on the power mean that stands for the largest one
+
+    @property
+    def ratio(self) -> float:
+        return self.value / self.at_most
+
+
+def write_weighed(directory: PathLike, rows: list[Weighed]) -> None:
+    """Replace the table; numbers keep all their digits."""
+    with formats.replacing(history.folder_of(directory) / LIMITS) as stream:
+        lines = [",".join(field.name for field in fields(Weighed))]
+        for row in rows:
+            step, term, *numbers = astuple(row)
+            quoted = term.replace('"', '""')
+            lines.append(",".join((str(step), f'"{quoted}"', *(repr(float(x)) for x in numbers))))
+        stream.write(("\n".join(lines) + "\n").encode())
+
+
+def read_weighed(directory: PathLike, before: int | None = None) -> list[Weighed]:
+    """Rows of the steps before a step, empty if none; FormatError where the table is damaged."""
+    path = history.folder_of(directory) / LIMITS
+    try:
+        text = formats.read_regular(path).decode()
+        rows = [_row(entry) for entry in csv.DictReader(text.splitlines())]
+    except FileNotFoundError:
+        return []
+    except (ValueError, KeyError, TypeError, AttributeError, csv.Error):
+        raise formats.FormatError(Path(path), "it is no table of what was weighed") from None
+    return [row for row in rows if before is None or row.step < before]
+
+
+def _row(entry: dict[str, str]) -> Weighed:
+    row = Weighed(
+        step=int(entry["step"]),
+        term=entry["term"],
+        value=float(entry["value"]),
+        at_most=float(entry["at_most"]),
+        weight=float(entry["weight"]),
+        correction=float(entry["correction"]),
+    )
+    if not math.isfinite(row.weight) or not math.isfinite(row.correction):
+        raise ValueError
+    return row
