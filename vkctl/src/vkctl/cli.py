@@ -28,7 +28,7 @@ COMMANDS = {
     "watch": "Follow a run that something else started, until it ends.",
     "check": "Say everything about a prepared directory that would fail or surprise.",
     "diff": "Compare the results of two directories.",
-    "export": "Write results as .vtu or as a .pvd series over load cases, or the part as .stl.",
+    "export": "Write results as .vtu or .pvd (all load cases), or the part as .stl or .3mf.",
     "plot": "Draw the deformed part, coloured by a field, or what is prepared.",
     "ask": "Answer questions about solved load cases with numbers.",
     "report": "Write a report as one page, with the part in three dimensions.",

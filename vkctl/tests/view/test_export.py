@@ -2,17 +2,24 @@
 
 from __future__ import annotations
 
+import json
 import xml.etree.ElementTree as ElementTree
+import zipfile
 from pathlib import Path
 
 import numpy as np
 import pytest
 import pyvista
 from results_on_disk import make_model, with_hole, write_results
+from typer.testing import CliRunner
 
+from vkctl.cli import app
 from vkctl.directory import formats
 from vkctl.directory.model import LoadCase, read, write
 from vkctl.view import export, grid
+from vkctl.view.part_file import part_of
+
+CORE = "{http://schemas.microsoft.com/3dmanufacturing/core/2015/02}"
 
 
 def test_the_stl_is_watertight_and_read_back_with_its_volume(tmp_path: Path) -> None:
@@ -21,6 +28,40 @@ def test_the_stl_is_watertight_and_read_back_with_its_volume(tmp_path: Path) -> 
     surface = pyvista.read(tmp_path / "part.stl").clean()
     assert grid.open_edges(surface) == 0
     assert surface.volume == pytest.approx(128 - np.pi * 1.3**2 * 4, rel=0.03)
+
+
+def test_a_3mf_holds_the_part_in_the_units_of_the_directory(tmp_path: Path) -> None:
+    model = with_hole(make_model())
+    model.notes = formats.CaseNotes(units="m-N-Pa")
+    write(model, tmp_path / "dir")
+    export.export(tmp_path / "dir", tmp_path / "part.3mf")
+    with zipfile.ZipFile(tmp_path / "part.3mf") as package:
+        assert set(package.namelist()) == {"[Content_Types].xml", "_rels/.rels", "3D/3dmodel.model"}
+        root = ElementTree.fromstring(package.read("3D/3dmodel.model"))
+    part = part_of(tmp_path / "dir")
+    assert root.get("unit") == "meter"
+    vertices = [[float(v.get(k) or "") for k in "xyz"] for v in root.iter(f"{CORE}vertex")]
+    triangles = [
+        [int(t.get(k) or "") for k in ("v1", "v2", "v3")] for t in root.iter(f"{CORE}triangle")
+    ]
+    np.testing.assert_allclose(vertices, part.points, rtol=1e-8, atol=1e-8)
+    np.testing.assert_array_equal(triangles, part.triangles)
+
+
+def test_a_smooth_part_keeps_volume_and_nodes_and_is_told_of(tmp_path: Path) -> None:
+    model = with_hole(make_model())
+    write(model, tmp_path / "dir")
+    command = ["export", str(tmp_path / "dir"), str(tmp_path / "part.stl"), "--smooth"]
+    said = json.loads(CliRunner().invoke(app, [*command, "--json"]).stdout)["part"]
+    assert said["bodies"] == 1 and said["furthest"] > 0
+    assert said["volume"] == pytest.approx(said["volume_cut_out"], rel=1e-3)
+    read_back = pyvista.read(tmp_path / "part.stl").clean()
+    assert grid.open_edges(read_back) == 0
+    assert read_back.volume == pytest.approx(said["volume"], rel=1e-4)
+    told = CliRunner().invoke(app, command).stdout
+    assert "one closed body" in told and "smooth: volume changed by" in told
+    refused = CliRunner().invoke(app, [*command[:2], str(tmp_path / "a.vtu"), "--smooth"])
+    assert refused.exit_code == 2 and "--smooth is for .stl and .3mf" in refused.output
 
 
 def test_a_vtu_holds_every_field_of_the_load_case(tmp_path: Path) -> None:

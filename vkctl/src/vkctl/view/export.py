@@ -1,4 +1,4 @@
-"""Results and the part as files for other programs: .vtu, .pvd and .stl."""
+"""Results and the part as files for other programs: .vtu, .pvd, .stl and .3mf."""
 
 from __future__ import annotations
 
@@ -12,10 +12,11 @@ from vkctl.directory.case_names import case_names, name_of
 from vkctl.directory.model import read
 from vkctl.directory.results import read_results, solved
 
-from .files import write_grid, write_stl
-from .grid import mesh_grid, open_edges, part_surface, results_grid, solved_or_fail
+from .files import write_grid
+from .grid import mesh_grid, results_grid, solved_or_fail
+from .part_file import PART_SUFFIXES, part_of, write_part
 
-SUFFIXES = (".vtu", ".pvd", ".stl")
+SUFFIXES = (".vtu", ".pvd", *PART_SUFFIXES)
 
 
 def export(directory: PathLike, out: PathLike, case: int | None = None) -> list[Path]:
@@ -23,15 +24,17 @@ def export(directory: PathLike, out: PathLike, case: int | None = None) -> list[
 
     .vtu: mesh with all fields of load case `case`, the first solved one if not given; of a model
     without results the mesh with its own fields. .pvd: a series over the solved load cases, one
-    .vtu each in a folder beside. .stl: the part, the closed surface of level zero.
+    .vtu each in a folder beside. .stl and .3mf: the part, the closed surface of level zero;
+    `part_of` and `write_part` do that with more to choose and more to tell.
     """
     target = Path(out)
     if target.suffix == ".vtu":
         return [_export_vtu(directory, target, case)]
     if target.suffix == ".pvd":
         return _export_series(directory, target)
-    if target.suffix == ".stl":
-        return [export_part(directory, target)]
+    if target.suffix in PART_SUFFIXES:
+        write_part(part_of(directory), target, directory)
+        return [target]
     raise ValueError(f"{target.name}: the suffix must be one of {', '.join(SUFFIXES)}")
 
 
@@ -85,16 +88,3 @@ def write_series(
     )
     with formats.replacing(target) as stream:
         stream.write(text.encode())
-
-
-def export_part(directory: PathLike, target: PathLike) -> Path:
-    """Write the part as a watertight .stl; ValueError if it is empty or its surface not closed."""
-    surface = part_surface(read(directory))
-    gaps = open_edges(surface)
-    if gaps:
-        raise ValueError(
-            f"the surface has {gaps} edges without two neighbours: does the mesh have cracks, or "
-            "hexahedra beside tetrahedra?"
-        )
-    write_stl(surface, target)
-    return Path(target)

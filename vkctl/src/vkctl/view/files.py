@@ -12,8 +12,6 @@ from collections.abc import Sequence
 from pathlib import Path
 from typing import TYPE_CHECKING, Any
 
-import numpy as np
-
 from vkctl.basics.extras import need
 from vkctl.basics.types import Array, PathLike
 from vkctl.directory import formats
@@ -22,7 +20,6 @@ if TYPE_CHECKING:
     import pyvista
 
 PICTURES = {".png": "PNG", ".jpg": "JPEG", ".jpeg": "JPEG", ".bmp": "BMP", ".tif": "TIFF"}
-_FACET = np.dtype([("normal", "<f4", 3), ("corners", "<f4", (3, 3)), ("attribute", "<u2")])
 
 
 def write_grid(grid: pyvista.DataSet, target: PathLike, quickly: bool = False) -> None:
@@ -40,14 +37,6 @@ def write_grid(grid: pyvista.DataSet, target: PathLike, quickly: bool = False) -
         raise OSError(errno.ENOMEM, "the grid can't be put together", os.fspath(target))
     with formats.replacing(target) as stream:
         stream.write(writer.GetOutputString().encode())
-
-
-def write_stl(surface: pyvista.PolyData, target: PathLike) -> None:
-    """Write a surface of triangles as binary .stl."""
-    facets = np.zeros(surface.n_cells, _FACET)
-    facets["normal"] = surface.cell_data["Normals"]
-    facets["corners"] = surface.points[surface.faces.reshape(-1, 4)[:, 1:]]
-    formats.write_parts(target, [b"".ljust(80), np.uint32(len(facets)).tobytes(), facets])
 
 
 def write_picture(pixels: Array, target: PathLike) -> None:
