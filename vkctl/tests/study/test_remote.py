@@ -2,20 +2,24 @@
 
 from __future__ import annotations
 
+import signal
+import threading
 from contextlib import contextmanager
 from dataclasses import replace
 from pathlib import Path
 
 import pytest
-from small_loops import VK_RUND
+from cluster_work import awaited, scheduler
+from small_loops import VK_RUND, script
 from typer.testing import CliRunner
 
 from vkctl.cli import app
 from vkctl.directory import lock
+from vkctl.spread.where import parse_where
 from vkctl.spread.work import ElsewhereError, Here
 from vkctl.study import Task, study
 from vkctl.study.journal import read_journal
-from vkctl.study.remote import solve_there
+from vkctl.study.remote import dispatch_on, solve_there
 
 from .small_studies import in_turn, rows, write_study
 
@@ -87,3 +91,32 @@ def test_a_place_that_is_none_is_refused(
     told = call(write_study(tmp_path), tmp_path / "out", *options)
     assert told.exit_code == 2 and words in told.output
     assert not (tmp_path / "out").exists()
+
+
+def test_a_killed_worker_costs_the_study_no_variant(tmp_path: Path) -> None:
+    """The first variant waits for its worker's end; what is begun after it doesn't."""
+    path = write_study(tmp_path)
+    begun, killed = tmp_path / "begun", tmp_path / "killed"
+    slow = f'if [ ! -e {killed} ]; then echo $$ >> {begun}; sleep 60; fi\nexec $real "$@"'
+    lines: list[str] = []
+    with scheduler(tmp_path / "own", worker_options=["--nthreads", "1", "--no-nanny"]) as own:
+        own.add_worker("--memory-limit", "2GB")
+
+        def kill() -> None:
+            awaited(begun.exists)
+            killed.touch()
+            own.add_worker("--memory-limit", "2GB")
+            own.workers[0].send_signal(signal.SIGKILL)
+
+        killer = threading.Thread(target=kill)
+        killer.start()
+        done = study(
+            path,
+            tmp_path / "out",
+            vk_rund=script(tmp_path / "slow", slow),
+            dispatch=dispatch_on(parse_where(own.address), lines.append),
+        )
+        killer.join()
+    assert [row["status"] for row in done.rows] == ["done"] * 4
+    assert len(read_journal(tmp_path / "out")) == 4
+    assert any("is begun again: the worker has died" in line for line in lines), lines
