@@ -118,6 +118,10 @@ def criterion_file(directory: PathLike, step: int) -> Path:
     return folder_of(directory) / f"criterion.{step:04d}.npy"
 
 
+def displacements_file(directory: PathLike, step: int, load_case: int) -> Path:
+    return folder_of(directory) / f"displacements.{step:04d}.{load_case:04d}.npy"
+
+
 def save_array(path: Path, values: Array) -> None:
     """Replace a .npy file as a whole, float32 as in the solver's files."""
     with formats.replacing(path) as stream:

@@ -17,6 +17,7 @@ from vkctl.spread.run import run_at
 from . import history
 from .begun import Loop, OptimiseError, levels_of
 from .modes import next_mode
+from .starting import set_start_vectors
 
 _MOST_SHORTENED = 2  # times that a step's move is halved where it can't be solved
 _MODE = "Sys.ComputationMode"
@@ -81,6 +82,8 @@ def _solve(loop: Loop, mode: formats.Mode) -> RunResult:
     wanted = levels_of(loop, state.step).astype(np.float32)
     if state.running != state.step or not np.array_equal(formats.read_tp(directory), wanted):
         with processes.alone_on(directory):
+            if mode == "iterative" and loop.workers is None:
+                set_start_vectors(directory, state.step, state.load_cases)
             formats.write_tp(directory, wanted)
             requested = dict.fromkeys(state.load_cases, formats.LOADCASE_REQUESTED)
             set_flags(directory, requested, clear_done=True)
