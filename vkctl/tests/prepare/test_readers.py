@@ -80,6 +80,54 @@ def test_gmsh_has_the_last_two_mid_edge_nodes_exchanged(tmp_path: Path) -> None:
     np.testing.assert_allclose(mesh.nodes[mesh.elements.tet10[0] - 1], TETRAHEDRON, atol=1e-7)
 
 
+MIXED_ORDERS = """$MeshFormat
+2.2 0 8
+$EndMeshFormat
+$PhysicalNames
+1
+3 7 "casting"
+$EndPhysicalNames
+$Nodes
+12
+1 0 0 0
+2 1 0 0
+3 0 1 0
+4 0 0 1
+5 .5 0 0
+6 .5 .5 0
+7 0 .5 0
+8 0 0 .5
+9 0 .5 .5
+10 .5 0 .5
+11 0 0 -1
+12 0 0 -2
+$EndNodes
+$Elements
+3
+{elements}
+$EndElements
+"""
+QUADRATIC = "1 11 2 7 {volume} 1 2 3 4 5 6 7 8 9 10"
+LINEAR = "2 4 2 7 5 1 3 2 11\n3 4 2 7 5 11 3 2 12"
+
+
+def test_elements_of_several_orders_in_one_volume_are_refused_with_their_counts(
+    tmp_path: Path,
+) -> None:
+    path = tmp_path / "mixed.msh"
+    path.write_text(MIXED_ORDERS.format(elements=f"{QUADRATIC.format(volume=5)}\n{LINEAR}"))
+    where = r"volume 5 \(of the physical group casting\) has elements of several orders"
+    with pytest.raises(PartError, match=f"{where}, 1 Tetrahedron 10 and 2 Tetrahedron 4; give"):
+        read_part(path)
+
+
+def test_volumes_of_an_order_each_are_taken(tmp_path: Path) -> None:
+    path = tmp_path / "mixed.msh"
+    path.write_text(MIXED_ORDERS.format(elements=f"{QUADRATIC.format(volume=6)}\n{LINEAR}"))
+    mesh = mesh_of(path)
+    assert len(mesh.elements.tet10) == 1 and len(mesh.elements.tet4) == 2
+
+
 def test_decks_and_vtk_count_mid_edge_nodes_as_the_solver(tmp_path: Path) -> None:
     (tmp_path / "one.inp").write_text(inp_text(TETRAHEDRON, "C3D10", list(range(1, 11))))
     vtu_file(tmp_path / "one.vtu", TETRAHEDRON, 24, list(range(1, 11)))

@@ -21,6 +21,7 @@ from vkctl.shapes.topology import HEX8, TET4, TET10
 
 from ..part import MeshOptions, Part, PartError
 from .element_count import expected, fitting_size, measured
+from .mixed_orders import refuse_orders_mixed
 
 Tell = Callable[[str, dict[str, Any]], None]  # what is told, and what there is to say
 
@@ -83,6 +84,7 @@ def read_msh(path: PathLike, title: str, cells: bool = False) -> Part:
         except Exception as error:
             raise _failure(gmsh, title, error) from None
         part = _collect(gmsh, cells)
+        refuse_orders_mixed(gmsh, title)
         part.node_data = _views(gmsh, part.labels)
         return part
 
