@@ -31,7 +31,7 @@ def test_command_demo_without_a_solver_only_writes(tmp_path, small_cantilever, m
     def nothing_found(given=None):
         raise NotFoundError("vk_rund was not found: give its path")
 
-    monkeypatch.setattr("vkctl.commands.demo.find_vk_rund", nothing_found)
+    monkeypatch.setattr("vkctl.running.run.find_vk_rund", nothing_found)
     result = runner.invoke(app, ["demo", str(tmp_path)])
     assert result.exit_code == 0
     assert "not solved: vk_rund was not found: give its path" in result.stdout

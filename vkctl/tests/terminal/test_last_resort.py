@@ -21,7 +21,7 @@ def _failing(monkeypatch, error):
     def fail(directory):
         raise error
 
-    monkeypatch.setattr("vkctl.commands.check.check", fail)
+    monkeypatch.setattr("vkctl.check.check", fail)
     return runner.invoke(app, ["check", "d"])
 
 

@@ -6,9 +6,6 @@ from typing import Annotated
 
 import typer
 
-from vkctl.directory import model
-from vkctl.directory.sides import side_sets
-from vkctl.shapes import boxes
 from vkctl.terminal import output
 from vkctl.terminal.arguments import AsJson, Directory
 from vkctl.terminal.refusal import refuse, refusing
@@ -35,6 +32,10 @@ def box_command(
     as_json: AsJson = False,
 ) -> None:
     """Write a box, clamped on the side x- and loaded on the side x+."""
+    from vkctl.directory import model
+    from vkctl.directory.sides import side_sets
+    from vkctl.shapes import boxes
+
     if kind not in ("tet4", "hex8", "tet10", "mixed"):
         raise refuse(f"unknown kind {kind!r}: tet4, hex8, tet10 or mixed")
     with refusing(ValueError):

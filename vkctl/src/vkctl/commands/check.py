@@ -3,18 +3,18 @@
 from __future__ import annotations
 
 from pathlib import Path
-from typing import Annotated
+from typing import TYPE_CHECKING, Annotated
 
 import typer
 from rich.console import Console
 from rich.text import Text
 
 from vkctl.basics.words import counted
-from vkctl.check import Finding, Report, check
-from vkctl.check.findings import SEVERITIES
 from vkctl.terminal import output
-from vkctl.terminal.display import clock
 from vkctl.terminal.refusal import refusing
+
+if TYPE_CHECKING:
+    from vkctl.check import Finding, Report
 
 _STYLES = {"error": "bold red", "warning": "yellow", "note": "cyan"}
 
@@ -38,6 +38,8 @@ def _model_line(report: Report) -> str:
 
 
 def _estimate_line(report: Report) -> str:
+    from vkctl.terminal.display import clock
+
     values = report.estimate
     mode = "iterative" if values["iterative"] else "with a factor"
     return (
@@ -55,6 +57,9 @@ def check_command(
 
     Exit status: 0 nothing but notes, 1 warnings, 2 errors.
     """
+    from vkctl.check import check
+    from vkctl.check.findings import SEVERITIES
+
     with refusing():
         report = check(directory)
     if as_json:

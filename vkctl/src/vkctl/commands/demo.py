@@ -11,14 +11,9 @@ from rich.console import Console
 
 from vkctl.basics.extras import MissingPartError
 from vkctl.basics.failures import reason
-from vkctl.directory import formats
-from vkctl.directory.summary import summary
-from vkctl.prepare.cantilever import write_cantilever
-from vkctl.running.run import NotFoundError, find_vk_rund
 from vkctl.terminal import output
 from vkctl.terminal.arguments import Directory
 from vkctl.terminal.refusal import refuse, refusing
-from vkctl.view.deformed import picture
 
 PICTURE = "deformed.png"
 
@@ -30,6 +25,10 @@ def demo_command(
     ] = None,
 ) -> None:
     """Write the cantilever of the quick start, solve it and draw it."""
+    from vkctl.prepare.cantilever import write_cantilever
+    from vkctl.running.run import NotFoundError, find_vk_rund
+    from vkctl.view.deformed import picture
+
     console = output.console()
     with refusing():
         write_cantilever(directory)
@@ -51,11 +50,14 @@ def demo_command(
 
 
 def _solve(program: Path, directory: Path, console: Console) -> None:
+    from vkctl.directory.formats import LOG_FILE
+    from vkctl.directory.summary import summary
+
     try:
         status = subprocess.run([program, directory.resolve()], check=False).returncode
     except OSError as error:
         raise refuse(f"cannot run {program}: {reason(error)}") from None
-    if Path(directory, formats.LOG_FILE).exists():
+    if Path(directory, LOG_FILE).exists():
         with refusing():
             text = summary(directory)
         console.print(text, markup=False, soft_wrap=True)

@@ -9,7 +9,6 @@ from typing import Annotated
 import typer
 
 from vkctl.basics.words import counted
-from vkctl.directory.compare import ATOL, QUANTITIES, RTOL, CannotCompareError, diff
 from vkctl.terminal import output
 from vkctl.terminal.arguments import AsJson
 from vkctl.terminal.refusal import refusing
@@ -17,6 +16,8 @@ from vkctl.terminal.refusal import refusing
 
 def _tolerances(texts: list[str], default: float, option: str) -> dict[str, float]:
     """From "1e-4" for all quantities and "stress=1e-2" for one, later ones winning."""
+    from vkctl.directory.compare import QUANTITIES
+
     values = dict.fromkeys(QUANTITIES, default)
     for text in texts:
         name, _, number = text.rpartition("=")
@@ -49,6 +50,8 @@ def diff_command(
 
     Exit status: 0 equal within the tolerances, 1 different, 2 can't be compared.
     """
+    from vkctl.directory.compare import ATOL, RTOL, CannotCompareError, diff
+
     relative = _tolerances(rtol or [], RTOL, "--rtol")
     absolute = _tolerances(atol or [], ATOL, "--atol")
     console = output.console(silent=as_json)

@@ -9,8 +9,6 @@ from typing import Annotated
 import typer
 
 from vkctl.basics.words import counted, printable
-from vkctl.prepare.deck import DeckError, import_deck
-from vkctl.prepare.part import PartError
 from vkctl.terminal import output
 from vkctl.terminal.reading import (
     NoLimits,
@@ -32,6 +30,9 @@ def import_command(
     no_limits: NoLimits = False,
 ) -> None:
     """Write a case file with the materials, supports, loads and steps of a deck."""
+    from vkctl.prepare.deck import DeckError, import_deck
+    from vkctl.prepare.part import PartError
+
     console = output.console()
     try:
         with refusing(DeckError, PartError), ending_when_asked():

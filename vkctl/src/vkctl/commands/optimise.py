@@ -17,23 +17,21 @@ from rich.text import Text
 
 from vkctl.basics.extras import need
 from vkctl.basics.words import printable
-from vkctl.directory.case_names import titled
-from vkctl.running.progress import Progress
 from vkctl.terminal import output
 from vkctl.terminal.arguments import AsJson, On
-from vkctl.terminal.display import state_line
 from vkctl.terminal.reading import NoLimits, TrustScripts
 from vkctl.terminal.refusal import refuse, refusing
 
 if TYPE_CHECKING:
     from vkctl.optimise import Optimised, OptimiseError, StepShown
     from vkctl.optimise.pictures.beside import Painter
+    from vkctl.running.progress import Progress
 
 _ROWS = 10  # steps shown at a time, the latest
 _HEADINGS = ("step", "objective", "volume", "target", "change", "quality", "time")
 
 OnStep = Callable[["StepShown"], None]
-OnProgress = Callable[[int, Progress], None]
+OnProgress = Callable[[int, "Progress"], None]
 
 
 def optimise_command(
@@ -215,6 +213,9 @@ def step_line(step: StepShown) -> str:
 
 def table(finished: list[StepShown], running: tuple[int, Progress] | None) -> Group:
     """The latest steps, and below them what the solver is doing in the present one."""
+    from vkctl.directory.case_names import titled
+    from vkctl.terminal.display import state_line
+
     grid = Table(box=None, pad_edge=False)
     for heading in _HEADINGS:
         grid.add_column(heading, justify="right")

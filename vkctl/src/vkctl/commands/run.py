@@ -4,21 +4,21 @@ from __future__ import annotations
 
 from enum import StrEnum
 from pathlib import Path
-from typing import Annotated, NoReturn
+from typing import TYPE_CHECKING, Annotated, NoReturn
 
 import typer
 from rich.console import Console
 
-from vkctl.directory.case_names import read_case_names
-from vkctl.directory.formats import Mode
-from vkctl.running.run import NotFoundError, RunResult, run
-from vkctl.running.settle import MOST_ROUNDS, TOLERANCE, RoundShown, Settled, SettleError, settle
+from vkctl.running.enough import MOST_ROUNDS, TOLERANCE
 from vkctl.spread.work import STARTS
 from vkctl.terminal import output
 from vkctl.terminal.arguments import AsJson, Directory, On
-from vkctl.terminal.display import closing_lines, result_as_dict, shown, warning_lines
 from vkctl.terminal.refusal import refuse, refusing
-from vkctl.terminal.settling import round_lines, settled_as_dict, settled_lines
+
+if TYPE_CHECKING:
+    from vkctl.directory.formats import Mode
+    from vkctl.running.run import RunResult
+    from vkctl.running.settle import RoundShown, Settled
 
 
 class _Mode(StrEnum):
@@ -65,6 +65,10 @@ def run_command(
     Exit status: that of vk_rund, 128 + signal where a signal ended it, 127 or 126 where it can't
     be found or executed, 2 where the directory can't be run on, 3 where load cases don't settle.
     """
+    from vkctl.running.run import NotFoundError, run
+    from vkctl.running.settle import SettleError
+    from vkctl.terminal.display import shown
+
     chosen: Mode | None = None if mode is None else mode.value
     console = output.console(silent=as_json)
     if on is not None:
@@ -95,6 +99,8 @@ def run_command(
 
 def _close(console: Console, result: RunResult, as_json: bool) -> NoReturn:
     """The end of a run, told, with its status."""
+    from vkctl.terminal.display import closing_lines, result_as_dict
+
     if as_json:
         output.print_json(result_as_dict(result))
     for line in closing_lines(result):
@@ -140,6 +146,11 @@ def _settle(
     mode: Mode | None,
     vk_rund: Path | None,
 ) -> Settled:
+    from vkctl.directory.case_names import read_case_names
+    from vkctl.running.settle import settle
+    from vkctl.terminal.display import shown
+    from vkctl.terminal.settling import round_lines
+
     names = read_case_names(directory)
 
     def show_round(shown_round: RoundShown) -> None:
@@ -160,6 +171,10 @@ def _settle(
 
 
 def _close_settled(console: Console, settled: Settled, as_json: bool) -> None:
+    from vkctl.directory.case_names import read_case_names
+    from vkctl.terminal.display import closing_lines, result_as_dict, warning_lines
+    from vkctl.terminal.settling import settled_as_dict, settled_lines
+
     if as_json:
         run_of_last = None if settled.run is None else result_as_dict(settled.run)
         output.print_json({**settled_as_dict(settled), "run": run_of_last})

@@ -8,7 +8,6 @@ from typing import TYPE_CHECKING, Annotated
 
 import typer
 
-from vkctl.directory.summary import summary, summary_values
 from vkctl.terminal import output
 from vkctl.terminal.arguments import AsJson, Directory
 from vkctl.terminal.refusal import refuse, refusing
@@ -38,6 +37,8 @@ def summary_command(
     as_json: AsJson = False,
 ) -> None:
     """Tell in a few lines what the log and the results of a directory say."""
+    from vkctl.directory.summary import summary, summary_values
+
     if (limit or sets) and not safety:
         raise refuse("--limit and --set belong to --safety.")
     limits = _limits(limit or [])

@@ -8,10 +8,8 @@ from typing import Annotated
 import typer
 
 from vkctl.basics.interrupt import undoing
-from vkctl.running.watch import KILLED_STATUS, watch
 from vkctl.terminal import output
 from vkctl.terminal.arguments import AsJson, Directory
-from vkctl.terminal.display import closing_lines, result_as_dict, shown, state_line
 from vkctl.terminal.last_resort import INTERRUPTED
 from vkctl.terminal.refusal import refuse, refusing
 
@@ -41,6 +39,9 @@ def watch_command(
     Exit status: 0 normal end, 242 the run stopped with an error, 1 it was killed, 2 there is no
     log.
     """
+    from vkctl.running.watch import KILLED_STATUS, watch
+    from vkctl.terminal.display import closing_lines, result_as_dict, shown
+
     if page and (as_json or patience is not None or wait):
         raise refuse("--page goes on until Ctrl-C: it takes no --json, --patience or --wait")
     if page:
@@ -62,6 +63,7 @@ def _show_page(directory: Path, port: int) -> None:
     """Serve the page that follows the directory; only an interrupt ends it."""
     from vkctl.report.live import follow, live_page
     from vkctl.report.server import Board, serving
+    from vkctl.terminal.display import shown, state_line
 
     console = output.console()
     with refusing():

@@ -29,12 +29,11 @@ from .changes import (
     verdict,
 )
 from .collapse import spent_elements
+from .enough import MOST_ROUNDS, TOLERANCE
 from .progress import Progress
 from .rounds import State
 from .run import RunResult, find_vk_rund, reopen, run, set_run_options
 
-TOLERANCE = 1e-3
-MOST_ROUNDS = 200
 UNSETTLED = 3  # exit status where load cases haven't settled
 _POLL = 0.1  # seconds between two looks at a solver that an earlier process has left behind
 

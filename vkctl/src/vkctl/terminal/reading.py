@@ -7,15 +7,17 @@ import threading
 from collections.abc import Iterator
 from contextlib import contextmanager
 from types import FrameType
-from typing import Annotated
+from typing import TYPE_CHECKING, Annotated
 
 import typer
 from rich.text import Text
 
 from vkctl.basics.words import printable
-from vkctl.prepare.part import Reading, Told
 
 from . import output
+
+if TYPE_CHECKING:
+    from vkctl.prepare.part import Reading, Told
 
 TrustScripts = Annotated[
     bool,
@@ -37,6 +39,8 @@ class TerminatedError(Exception):
 @contextmanager
 def reading_shown(trust_scripts: bool, no_limits: bool) -> Iterator[Reading]:
     """What a command hands on to the readers; a line on the terminal shows how they get on."""
+    from vkctl.prepare.part import Reading
+
     console = output.console(stderr=True)
 
     def keep(told: Told) -> None:
