@@ -4,9 +4,8 @@ from __future__ import annotations
 
 import signal
 from pathlib import Path
-from typing import Annotated, Any
+from typing import TYPE_CHECKING, Annotated, Any
 
-import numpy as np
 import typer
 from rich import box
 from rich.console import Console
@@ -14,12 +13,7 @@ from rich.measure import Measurement
 from rich.table import Table
 from rich.text import Text
 
-from vkctl.basics.types import Array
 from vkctl.basics.words import printable
-from vkctl.prepare.build import Prepared, build, put
-from vkctl.prepare.case_file.mistakes import CaseFileError
-from vkctl.prepare.mesh import PartMesh
-from vkctl.prepare.part import PartError
 from vkctl.terminal import output
 from vkctl.terminal.arguments import AsJson
 from vkctl.terminal.reading import (
@@ -30,6 +24,11 @@ from vkctl.terminal.reading import (
     reading_shown,
 )
 from vkctl.terminal.refusal import refuse, refusing
+
+if TYPE_CHECKING:
+    from vkctl.basics.types import Array
+    from vkctl.prepare.build import Prepared
+    from vkctl.prepare.mesh import PartMesh
 
 
 def new_command(
@@ -48,6 +47,10 @@ def new_command(
     as_json: AsJson = False,
 ) -> None:
     """Write the working directory of a part under the loads of a case file."""
+    from vkctl.prepare.build import build, put
+    from vkctl.prepare.case_file.mistakes import CaseFileError
+    from vkctl.prepare.part import PartError
+
     console = output.console()
     if directory is None and not list_sets:
         raise typer.BadParameter("name the working directory, or give --list-sets")
@@ -154,13 +157,13 @@ def cases_table(prepared: Prepared, names: bool) -> Table:
 
 def cleaned_sums(prepared: Prepared, number: int) -> Array:
     """Force and moment of a load case without the noise of nodal forces that cancel each other."""
-    case = prepared.model.load_cases[number - 1]
-    forces = np.concatenate((case.forces2["Force"], case.forces3["Force"])).astype(np.float64)
-    force = float(np.linalg.norm(forces, axis=1).sum())
+    import numpy as np
+
+    from vkctl.directory.sums import size_of_forces, without_noise
+
+    force = size_of_forces(prepared.model.load_cases[number - 1])
     arm = float(np.abs(prepared.model.nodes).max(initial=0.0))
-    noise = 1e-6 * np.repeat((force, force * arm), 3)
-    sums = prepared.resultants[number - 1]
-    return np.where(np.abs(sums) < noise, 0.0, sums)
+    return without_noise(prepared.resultants[number - 1], np.repeat((force, force * arm), 3))
 
 
 def sets_values(prepared: Prepared) -> dict[str, Any]:

@@ -5,13 +5,16 @@ from __future__ import annotations
 from collections.abc import Sequence
 from typing import Any
 
+import numpy as np
+
 from vkctl.basics.types import PathLike
 from vkctl.basics.units import UnitSystem, in_unit
 
 from .case_names import name_of, read_case_names, read_units, titled
-from .formats import MODES
+from .formats import MODES, FormatError, read_loadcase_map
 from .log import LoadCaseLog, digest, read_log
 from .results import read_results, solved
+from .sums import size_of_forces, without_noise
 
 
 def summary(directory: PathLike) -> str:
@@ -94,7 +97,8 @@ def _solver_words(case: LoadCaseLog) -> str:
 
 def _result_lines(directory: PathLike, number: int, units: UnitSystem | None) -> list[str]:
     r = read_results(directory, number)
-    load = ", ".join(f"{component:.5g}" for component in r.applied_load)
+    sums = without_noise(np.array(r.applied_load), _size_of_load(directory, number))
+    load = ", ".join(f"{component:.5g}" for component in sums)
     moved, energy = f"{r.max_displacement:.4g}", f"{r.strain_energy:.4g}"
     lines = [
         f"  largest displacement {in_unit(moved, units, 'length')}",
@@ -104,3 +108,11 @@ def _result_lines(directory: PathLike, number: int, units: UnitSystem | None) ->
         ends = f"{r.stress.min():.4g} to {r.stress.max():.4g}"
         lines.append(f"  element mean stress  {in_unit(ends, units, 'stress')}")
     return [*lines, f"  sum of loads         {in_unit(f'({load})', units, 'force')}"]
+
+
+def _size_of_load(directory: PathLike, number: int) -> float:
+    """0 where the load case's forces aren't there to be read."""
+    try:
+        return size_of_forces(read_loadcase_map(directory, number))
+    except (OSError, FormatError):
+        return 0.0

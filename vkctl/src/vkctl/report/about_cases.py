@@ -4,6 +4,8 @@ from __future__ import annotations
 
 from collections.abc import Collection, Mapping, Sequence
 
+import numpy as np
+
 from vkctl.ask.tables import Cell
 from vkctl.ask.told import extreme_table, reaction_table
 from vkctl.basics.units import UnitSystem
@@ -11,6 +13,7 @@ from vkctl.basics.words import called
 from vkctl.directory.log import LoadCaseLog
 from vkctl.directory.model import LoadCase, Model
 from vkctl.directory.results import POOR_QUALITY
+from vkctl.directory.sums import size_of_forces, without_noise
 
 from .facts import CaseFacts
 from .markup import answer_table, paragraph, section, table
@@ -33,17 +36,18 @@ def about_cases(
     rows: list[tuple[Cell, ...]] = []
     for number, name in enumerate(names, 1):
         case = shown.get(number)
-        cells = _case_cells(case, logs.get(number)) if case else [None] * 7
-        state = _state(model.load_cases[number - 1], case, number in there)
+        load = model.load_cases[number - 1]
+        cells = _case_cells(case, load, logs.get(number)) if case else [None] * 7
+        state = _state(load, case, number in there)
         rows.append((number, name or None, state, *cells))
     poor = [paragraph(f"{case.title} {case.poor}.", "warning") for case in cases if case.poor]
     return section("cases", "Load cases", *poor, table("Load cases", heads, rows))
 
 
-def _case_cells(case: CaseFacts, log: LoadCaseLog | None) -> list[Cell]:
+def _case_cells(case: CaseFacts, load: LoadCase, log: LoadCaseLog | None) -> list[Cell]:
     results = case.results
     return [
-        *results.applied_load,
+        *without_noise(np.array(results.applied_load), size_of_forces(load)).tolist(),
         results.max_displacement,
         results.strain_energy,
         results.quality,

@@ -16,6 +16,7 @@ from vkctl.directory import formats
 from vkctl.directory.case_names import case_names, titled
 from vkctl.directory.model import LoadCase, Model, read
 from vkctl.directory.numbering import prescribed_rows
+from vkctl.directory.sums import without_noise
 
 from .canvas import Canvas, Colour, Entry, put_legend, put_scene, put_title
 from .files import picture_kind, write_picture
@@ -125,7 +126,7 @@ def _forces(model: Model, records: Array, shape: Outer, extent: float) -> list[S
     if not len(records):
         return []
     nodes, vectors = records["Node"] - 1, records["Force"].astype(np.float64)
-    text = f"forces: {counted(len(nodes), 'node')}\nsum {_force(model, vectors.sum(axis=0))}"
+    text = f"forces: {counted(len(nodes), 'node')}\nsum {_force(model, vectors)}"
     cells = _cells(model.nodes[nodes], extent)
     sums = _summed(cells, vectors)
     places = _nearest_to_middle(cells, model.nodes[nodes])
@@ -147,7 +148,7 @@ def _body_forces(model: Model, records: Array, extent: float) -> list[Symbols]:
     middle = weights @ model.nodes[records["Node"] - 1] / weights.sum()
     total = vectors.sum(axis=0)
     arrow = _arrows(middle[None], total[None], np.zeros((1, 3)), 1.6 * extent)
-    return [Symbols(_BODY, f"body forces\nsum {_force(model, total)}", arrow)]
+    return [Symbols(_BODY, f"body forces\nsum {_force(model, vectors)}", arrow)]
 
 
 def _arrows(
@@ -315,11 +316,8 @@ def _units(model: Model) -> UnitSystem | None:
     return model.notes.unit_system if model.notes else None
 
 
-def _force(model: Model, values: Array) -> str:
-    return in_unit(_vector(values), _units(model), "force")
-
-
-def _vector(values: Array) -> str:
-    """Three numbers without the noise of what cancels."""
-    shown = np.where(np.abs(values) < 1e-6 * np.abs(values).max(initial=0.0), 0.0, values)
-    return "(" + ", ".join(f"{value:.5g}" for value in shown) + ")"
+def _force(model: Model, vectors: Array) -> str:
+    """The sum of forces."""
+    sums = without_noise(vectors.sum(axis=0), np.linalg.norm(vectors, axis=1).sum())
+    text = "(" + ", ".join(f"{value:.5g}" for value in sums) + ")"
+    return in_unit(text, _units(model), "force")
