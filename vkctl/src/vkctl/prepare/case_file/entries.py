@@ -18,6 +18,21 @@ from .toml_table import Field
 Vector = tuple[float, float, float]
 Names = tuple[str, ...]
 SetKind = Literal["node", "element", "face"]
+SupportKind = Literal[
+    "fixed", "prescribed", "elastic", "remote_displacement", "symmetry", "frictionless"
+]
+Per = Literal["node", "area", "total"]  # what a stiffness is of
+LoadKind = Literal[
+    "force",
+    "traction",
+    "pressure",
+    "gravity",
+    "temperature",
+    "moment",
+    "remote_force",
+    "bearing",
+]
+Spread = Literal["area", "equal", "each"]
 MATERIAL_KINDS = ("isotropic", "yielding", "compression_only", "orthotropic")
 
 
@@ -59,36 +74,25 @@ class MaterialEntry:
 class Support:
     """`values` are the prescribed displacements or the offsets of an elastic support."""
 
-    kind: Literal[
-        "fixed", "prescribed", "elastic", "remote_displacement", "symmetry", "frictionless"
-    ]
+    kind: SupportKind
     where: locate.Path
     sets: Names
     directions: str
     values: tuple[Field, Field, Field] = (0.0, 0.0, 0.0)
     axes: tuple[Vector, ...] = ((1.0, 0.0, 0.0), (0.0, 1.0, 0.0), (0.0, 0.0, 1.0))
     stiffness: Vector | None = None  # along each axis; None: the option's
-    per: Literal["node", "area", "total"] = "node"
+    per: Per = "node"
     point: Vector = (0.0, 0.0, 0.0)  # of a remote displacement
     rotation: Vector = (0.0, 0.0, 0.0)  # about it, in radians; `values` is its translation
 
 
 @dataclass
 class Load:
-    kind: Literal[
-        "force",
-        "traction",
-        "pressure",
-        "gravity",
-        "temperature",
-        "moment",
-        "remote_force",
-        "bearing",
-    ]
+    kind: LoadKind
     where: locate.Path
     sets: Names  # empty: the whole part
     values: tuple[Field, ...] = ()  # three, or one of pressure and temperature
-    spread: Literal["area", "equal", "each"] | None = None
+    spread: Spread | None = None
     array: str = ""  # node data that holds the temperature
     reference: float = 0.0
     point: Vector | None = None  # where a remote force acts, or of a bearing's axis

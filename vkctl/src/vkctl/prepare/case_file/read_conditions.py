@@ -2,7 +2,9 @@
 
 from __future__ import annotations
 
-from .entries import Level, Load, Names, Support
+from typing import cast, get_args
+
+from .entries import Level, Load, LoadKind, Names, Per, Spread, Support, SupportKind
 from .toml_table import Field, Table
 
 
@@ -26,11 +28,10 @@ def _directions(table: Table) -> str:
 
 
 def read_support(table: Table) -> Support:
-    kinds = ("fixed", "prescribed", "elastic", "remote_displacement", "symmetry", "frictionless")
-    kind = table.choice("type", kinds, "fixed")
-    whole = kind in kinds[3:]
+    kind = cast(SupportKind, table.choice("type", get_args(SupportKind), "fixed"))
+    whole = kind in ("remote_displacement", "symmetry", "frictionless")
     directions = "xyz" if whole else _directions(table)
-    support = Support(kind, table.path, set_names(table), directions)  # type: ignore[arg-type]
+    support = Support(kind, table.path, set_names(table), directions)
     if kind == "remote_displacement":
         support.point = table.vector("point")
         support.values = table.vector("translation", (0.0, 0.0, 0.0))
@@ -60,30 +61,20 @@ def _read_elastic(support: Support, table: Table) -> None:
         table.problem("stiffness", "must not be negative")
     if table.has("offset"):
         support.values = table.field_vector("offset")
-    support.per = table.choice("per", ("node", "area", "total"), "node")  # type: ignore[assignment]
+    support.per = cast(Per, table.choice("per", get_args(Per), "node"))
     if support.per != "node" and support.stiffness is None:
         table.problem("per", f"{support.per!r} needs a 'stiffness'")
 
 
 def read_load(table: Table) -> Load:
-    kinds = (
-        "force",
-        "traction",
-        "pressure",
-        "gravity",
-        "temperature",
-        "moment",
-        "remote_force",
-        "bearing",
-    )
-    kind = table.choice("type", kinds)
-    load = Load(kind, table.path, ())  # type: ignore[arg-type]
+    kind = cast(LoadKind, table.choice("type", get_args(LoadKind)))
+    load = Load(kind, table.path, ())
     if kind in ("force", "temperature") and "labels" in table.data:
         return _read_each(load, table)
     load.sets = set_names(table, required=kind not in ("gravity", "temperature"))
     if kind == "force":
         load.values = table.vector("value")
-        load.spread = table.choice("spread", ("area", "equal", "each"), "") or None  # type: ignore[assignment]
+        load.spread = cast(Spread | None, table.choice("spread", get_args(Spread), "") or None)
     elif kind == "traction":
         load.values = table.field_vector("value")
     elif kind == "gravity":
