@@ -342,3 +342,30 @@ EC3D20R, P6, 3.
     assert any(note.startswith("split: ") for note in told.notes)
     made = new(None, tmp_path / "cases.toml", tmp_path / "run")
     assert made.resultants[0, :3] == pytest.approx([3 * 4 - 5 * 4, 0, 0], abs=1e-4)
+
+
+def test_the_weight_of_a_single_element_is_that_of_all_that_it_is_split_into(
+    tmp_path: Path,
+) -> None:
+    lines = """*MATERIAL, NAME=STEEL
+*ELASTIC
+210000, 0.3
+*DENSITY
+2.
+*ELSET, ELSET=EALL
+7
+*SOLID SECTION, ELSET=EALL, MATERIAL=STEEL
+*BOUNDARY
+1, 1, 3
+*STEP
+*STATIC
+*DLOAD
+7, GRAV, 10., 0., 0., -1.
+*END STEP
+"""
+    deck, cases = tmp_path / "deck.inp", tmp_path / "cases.toml"
+    deck.write_text(inp_text(HEXAHEDRON, "C3D8", list(range(1, 9))) + lines)
+    assert import_deck(deck, cases, split=True).untaken == []
+    made = new(None, cases, tmp_path / "run")
+    volume = element_volumes(made.mesh.nodes, made.mesh.elements).sum()
+    assert made.resultants[0, :3] == pytest.approx([0, 0, -20 * volume], rel=1e-6, abs=1e-6)

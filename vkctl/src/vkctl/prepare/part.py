@@ -96,7 +96,8 @@ class Part:
     of the file, nodes already in the solver's order. `surfaces` holds for each name the node
     labels of surface elements, arrays of 3, 4 or 6 columns. `node_data` has one value per entry
     of `labels`. `meshed` tells that the mesh was made here, of geometry: its labels are Gmsh's.
-    `deck` holds what a deck says beside its mesh, where that was asked for.
+    `deck` holds what a deck says beside its mesh, where that was asked for. Where cells were split,
+    `cells` holds the label of the one that each element is of, in the order of `solids`.
     """
 
     labels: Array
@@ -110,6 +111,7 @@ class Part:
     notes: list[str] = field(default_factory=list)
     meshed: bool = False
     deck: list[DeckSection] = field(default_factory=list)
+    cells: Array | None = None
 
 
 def labelled(labels: Iterable[int]) -> str:

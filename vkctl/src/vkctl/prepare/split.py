@@ -45,6 +45,7 @@ def split(part: Part) -> Part:
         deck=part.deck,
     )
     owners = np.concatenate([labels // _PARTS_LABELS for _, labels, _ in solids])
+    result.cells = owners
     parts = np.concatenate([labels for _, labels, _ in solids])
     for name, labels in part.element_sets.items():
         result.element_sets[name] = parts[np.isin(owners, labels)]

@@ -22,7 +22,10 @@ class Targets:
         rows = [rows.ravel() for _, _, rows in part.solids]
         self.used = distinct(np.concatenate([*rows, np.empty(0, np.int64)])).astype(np.int64)
         own = [labels for _, labels, _ in part.solids]
-        self.elements = np.sort(np.concatenate([*own, np.empty(0, np.int64)]))
+        labels = np.concatenate([*own, np.empty(0, np.int64)])
+        order = np.argsort(labels, kind="stable")
+        self.elements = labels[order]
+        self._cells = labels[order] if part.cells is None else part.cells[order]  # ascending too
         self.has_assembly = any(section.keyword == "ASSEMBLY" for section in part.deck)
         order = np.argsort(part.labels, kind="stable")
         self._sorted, self._places = part.labels[order], part.points[order]
@@ -46,7 +49,10 @@ class Targets:
     def solids(self, word: str) -> tuple[str, Array] | None:
         """Title ("" of a single element) and labels; None for no such."""
         if (label := _label(word)) is not None:
-            return ("", np.array([label])) if _among(label, self.elements) else None
+            # All that the element was split into.
+            first, last = (np.searchsorted(self._cells, label, side) for side in ("left", "right"))
+            members = self.elements[first:last]
+            return ("", members) if len(members) else None
         title = self.element_set(word)
         return None if title is None else (title, np.unique(self.part.element_sets[title]))
 

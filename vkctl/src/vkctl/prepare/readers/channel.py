@@ -104,6 +104,7 @@ def part_message(part: Part) -> tuple[dict[str, Any], list[Array]]:
         "unsupported": part.unsupported,
         "notes": part.notes,
         "meshed": part.meshed,
+        "cells": None if part.cells is None else pack.put(part.cells),
         "deck": [asdict(section) for section in part.deck],
     }
     return content, pack.arrays
@@ -139,11 +140,14 @@ def told_part(message: Message) -> Part:
         part.unsupported = {printable(n): int(v) for n, v in said["unsupported"].items()}
         part.notes = [printable(str(note)) for note in said["notes"]]
         part.meshed = bool(said["meshed"])
+        part.cells = None if said["cells"] is None else take(said["cells"])
         part.deck = [_section(told) for told in said["deck"]]
     except (KeyError, TypeError, ValueError, AttributeError) as error:
         raise BrokenError(f"a part that can't be understood: {error}") from None
     sizes = [len(part.points), *(len(v) for v in part.node_data.values())]
     pairs = [len(own) == len(rows) for _, own, rows in part.solids]
+    if part.cells is not None:
+        pairs.append(len(part.cells) == sum(len(own) for _, own, _ in part.solids))
     if any(size != len(part.labels) for size in sizes) or not all(pairs):
         raise BrokenError("arrays of different lengths")
     return part
