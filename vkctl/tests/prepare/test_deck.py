@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import math
 import re
 import shutil
 import subprocess
@@ -14,6 +15,7 @@ from typer.testing import CliRunner
 
 from vkctl.ask.answers import Wanted, answer
 from vkctl.cli import app
+from vkctl.directory.model import set_flags
 from vkctl.directory.results import read_results
 from vkctl.prepare import PartError, build, new, read_cases
 from vkctl.prepare.deck import DeckError, Imported, import_deck
@@ -21,9 +23,12 @@ from vkctl.shapes.boxes import box
 from vkctl.shapes.topology import HEX8, TET4, TET10
 
 TYPES = {"tet4": (TET4, "C3D4"), "tet10": (TET10, "C3D10"), "hex8": (HEX8, "C3D8")}
-# Material without a level field has 0.99997 of its stiffness, and on the same mesh the two programs
-# agree to 1e-4, with the single-precision factor of the direct mode.
-CLOSE = 1.4e-4
+# What material without a level field lacks of its stiffness at the largest slope, by which forces
+# move it further and displacements need less force; and what single precision of the files leaves,
+# since runs are repeated: the first ends with a residual of 1e-5.
+SOFT = (1 - 0.001) * math.atan(1 / 10000.0) / math.pi
+ROUNDING = 2e-6
+CLOSE = SOFT + ROUNDING
 needs_ccx = pytest.mark.skipif(shutil.which("ccx") is None, reason="CalculiX isn't installed")
 
 
@@ -103,6 +108,8 @@ def by_import(deck: Path) -> tuple[Imported, list[dict[int, np.ndarray]]]:
         stream.write("Sys.ComputationMode = 2\n")
     made = new(None, cases, deck.with_suffix(".run"))
     assert made.directory is not None
+    solve(made.directory)
+    set_flags(made.directory, clear_done=True)
     solve(made.directory)
     results = []
     for number in range(1, len(made.model.load_cases) + 1):
