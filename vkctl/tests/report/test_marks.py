@@ -2,11 +2,14 @@
 
 from __future__ import annotations
 
+import re
+
 import numpy as np
 import pytest
 from results_on_disk import make_model
 
 from vkctl.directory.model import LoadCase
+from vkctl.report.about_conditions import about_conditions
 from vkctl.report.marks import marks_of
 
 
@@ -44,3 +47,20 @@ def test_few_of_many_supported_nodes_are_shown_all_of_few() -> None:
 def test_a_load_case_without_anything_has_no_marks() -> None:
     marks = marks_of(make_model(), LoadCase())
     assert [len(part) for part in (marks.supports, marks.places, marks.forces)] == [0, 0, 0]
+
+
+def test_springs_and_temperatures_have_marks_of_their_own() -> None:
+    model = make_model()
+    case = LoadCase().prescribe([3]).support([5], 10.0).heat([7, 9], [80.0, 20.0])
+    marks = marks_of(model, case)
+    assert marks.supports.tolist() == model.nodes[[2]].tolist()
+    assert marks.springs.tolist() == model.nodes[[4]].tolist()
+    assert marks.temperatures.tolist() == model.nodes[[6, 8]].tolist()
+
+
+def test_springs_and_temperatures_are_counted_in_the_table_of_load_cases() -> None:
+    model = make_model()
+    model.load_cases = [LoadCase().prescribe([3]).support([5], 10.0).heat([7, 9], [80.0, 20.0])]
+    (row,) = re.findall(r"<tr><td>one</td>.*?</tr>", about_conditions(model, ["one"]), re.DOTALL)
+    cells = re.findall(r"<td[^>]*>(.*?)</td>", row)
+    assert cells == ["one", "1", "1", "0", "2", "20 to 80"]

@@ -30,7 +30,7 @@ def plot_command(
     scale: Annotated[
         float | None, typer.Option(..., help="exaggeration of the deformation")
     ] = None,
-    edges: Annotated[bool, typer.Option(..., "--edges", help="draw the triangles' edges")] = False,
+    edges: Annotated[bool, typer.Option(..., "--edges", help="draw the elements' edges")] = False,
     loads: Annotated[
         bool,
         typer.Option(..., "--loads", help="forces, supports and springs instead; no run is needed"),

@@ -1,4 +1,4 @@
-"""Supports and loads of a load case as places and arrows, few enough to be looked at."""
+"""What acts in a load case as places and arrows, few enough to be looked at."""
 
 from __future__ import annotations
 
@@ -7,6 +7,7 @@ from dataclasses import dataclass
 import numpy as np
 
 from vkctl.basics.types import Array
+from vkctl.directory.formats import CONSTRAINT_PENALTY
 from vkctl.directory.model import LoadCase, Model
 
 _MOST_POINTS = 400
@@ -15,9 +16,14 @@ _CELLS = 8  # over the part's longest side: forces in one of them make one arrow
 
 @dataclass(frozen=True)
 class Marks:
-    """Places (k, 3) of supported nodes, and of forces with their sums and displacements (k, 3)."""
+    """Places (k, 3): of nodes that are held, on springs, or have a temperature, and of forces.
+
+    Forces come with their sums and displacements (k, 3).
+    """
 
     supports: Array
+    springs: Array
+    temperatures: Array
     places: Array
     forces: Array
     shifts: Array
@@ -26,19 +32,38 @@ class Marks:
 def marks_of(model: Model, case: LoadCase, displacement: Array | None = None) -> Marks:
     """What holds a part and what pulls at it.
 
-    Of many supported nodes some are shown. Forces nearby are added up, where they act on average;
+    Of many nodes some are shown. Forces nearby are added up, where they act on average;
     those that act on the volume make one arrow in its middle.
     """
-    held = np.unique(case.constraints["Node"]).astype(np.int64)
-    held = held[(held >= 1) & (held <= len(model.nodes))]
-    shown = held[:: max(1, -(-len(held) // _MOST_POINTS))]
+    on_spring = springs(case)
     still = np.zeros_like(model.nodes) if displacement is None else displacement
     points = np.concatenate((model.nodes, still), axis=1, dtype=np.float64)
     size = float(np.ptp(model.nodes, axis=0).max()) / _CELLS or 1.0
     means, sums = _gathered(points, case.forces2, size)
     middle, total = _gathered(points, case.forces3, np.inf)
     means, sums = np.concatenate((means, middle)), np.concatenate((sums, total))
-    return Marks(model.nodes[shown - 1], means[:, :3], sums, means[:, 3:])
+    nodes = case.constraints["Node"]
+    return Marks(
+        _some_places(model, nodes[~on_spring]),
+        _some_places(model, nodes[on_spring]),
+        _some_places(model, case.scalars["Node"]),
+        means[:, :3],
+        sums,
+        means[:, 3:],
+    )
+
+
+def springs(case: LoadCase) -> Array:
+    """Mask of the constraints that are springs."""
+    found: Array = (case.constraints["Kind"] & CONSTRAINT_PENALTY) != 0
+    return found
+
+
+def _some_places(model: Model, nodes: Array) -> Array:
+    known = np.unique(nodes).astype(np.int64)
+    known = known[(known >= 1) & (known <= len(model.nodes))]
+    places: Array = model.nodes[known[:: max(1, -(-len(known) // _MOST_POINTS))] - 1]
+    return places
 
 
 def _gathered(points: Array, records: Array, size: float) -> tuple[Array, Array]:

@@ -16,6 +16,7 @@ from vkctl.basics.units import UnitSystem
 from vkctl.basics.words import called
 from vkctl.directory.model import Model
 from vkctl.stress.safety import DRAWN_ALIKE
+from vkctl.view.edges import element_edges
 from vkctl.view.fields import TITLES
 from vkctl.view.grid import part_grid
 
@@ -47,10 +48,11 @@ class Scene:
 
 @dataclass(frozen=True)
 class _Shape:
-    """Rows of the solid's points that are drawn, and triangles and tetrahedra by place in them."""
+    """Rows of the solid's points that are drawn, and what is made of them, by place in them."""
 
     rows: Array
     triangles: Array  # (k, 3)
+    edges: Array  # (k, 2), of elements; empty where the surface is simplified
     tetrahedra: Array  # (k, 4), empty where the surface alone is shown
     found: int
 
@@ -72,6 +74,7 @@ def make_scene(
     values = {
         "points": packed_values(np.asarray(solid.points)[shape.rows]),
         "triangles": packed_numbers(shape.triangles),
+        "edges": packed_numbers(shape.edges),
         "tetrahedra": packed_numbers(shape.tetrahedra),
         "low": model.nodes.min(axis=0).tolist(),
         "high": model.nodes.max(axis=0).tolist(),
@@ -111,6 +114,8 @@ def _shape(solid: pyvista.UnstructuredGrid, most: int) -> _Shape:
     bare = need("pyvista").UnstructuredGrid(solid)
     bare.clear_data()
     bare.point_data["row"] = np.arange(solid.n_points)
+    bare.point_data["level"] = solid.point_data["level"]
+    bare.cell_data["element"] = solid.cell_data["element"]
     outside = need("vtkmodules.vtkFiltersGeometry").vtkGeometryFilter()
     outside.SetInputData(bare)
     outside.Update()
@@ -118,13 +123,14 @@ def _shape(solid: pyvista.UnstructuredGrid, most: int) -> _Shape:
     found = surface.n_cells
     if found > most:
         surface = simplified(surface, most)
-        return _Shape(*_numbered(surface, np.empty((0, 4), np.int64)), found)
+        none = np.empty((0, 2), np.int64), np.empty((0, 4), np.int64)
+        return _Shape(*_numbered(surface, *none), found)
     tetrahedra = np.empty((0, 4), np.int64)
     if bare.n_cells <= MOST_TETRAHEDRA:
         tetrahedra = _tetrahedra(bare)
     if len(tetrahedra) > MOST_TETRAHEDRA:
         tetrahedra = tetrahedra[:0]
-    return _Shape(*_numbered(surface, tetrahedra), found)
+    return _Shape(*_numbered(surface, element_edges(surface), tetrahedra), found)
 
 
 def _tetrahedra(solid: pyvista.UnstructuredGrid) -> Array:
@@ -135,15 +141,21 @@ def _tetrahedra(solid: pyvista.UnstructuredGrid) -> Array:
     return rows.astype(np.int64)
 
 
-def _numbered(surface: pyvista.PolyData, tetrahedra: Array) -> tuple[Array, Array, Array]:
-    """Rows of the points in use, those of the surface first, and cells by places among them."""
+def _numbered(
+    surface: pyvista.PolyData, edges: Array, tetrahedra: Array
+) -> tuple[Array, Array, Array, Array]:
+    """Rows of the points in use, those of the surface first, and cells by places among them.
+
+    Edges are of the surface's points, tetrahedra of the solid's.
+    """
     triangles = surface.point_data["row"][surface.faces.reshape(-1, 4)[:, 1:]]
     outer = np.unique(triangles)
     inner = np.setdiff1d(tetrahedra, outer)
     rows = np.concatenate((outer, inner))
     places = np.zeros(int(rows.max(initial=0)) + 1, np.int64)
     places[rows] = np.arange(len(rows))
-    return rows, places[triangles], places[tetrahedra]
+    lines = places[surface.point_data["row"][edges]]
+    return rows, places[triangles], lines, places[tetrahedra]
 
 
 def _case(
@@ -198,10 +210,15 @@ def _peak(model: Model, case: CaseFacts, peak: Extreme) -> dict[str, Any]:
 
 def _marks(model: Model, case: CaseFacts) -> dict[str, Any]:
     if not 1 <= case.number <= len(model.load_cases):
-        return {"supports": [], "loads": []}
+        return {"supports": [], "springs": [], "temperatures": [], "loads": []}
     marks = marks_of(model, model.load_cases[case.number - 1], case.displacement)
     loads = np.concatenate((marks.places, marks.forces, marks.shifts), axis=1)
-    return {"supports": marks.supports.tolist(), "loads": loads.tolist()}
+    return {
+        "supports": marks.supports.tolist(),
+        "springs": marks.springs.tolist(),
+        "temperatures": marks.temperatures.tolist(),
+        "loads": loads.tolist(),
+    }
 
 
 def _colours(name: str) -> list[list[float]]:

@@ -23,6 +23,8 @@ _TET10_PARTS = np.array(
         (7, 8, 9, 10),
     )
 )
+# In the order that `tetrahedra` has the types in.
+TETRAHEDRA_PER_TYPE = {TET4: 1, TET10: 8, HEX8: 12}
 
 
 def tetrahedra(

@@ -13,7 +13,7 @@ from vkctl.directory.levels import level_field, off_zero
 from vkctl.directory.model import Model, read
 from vkctl.directory.numbering import EXCLUDED
 from vkctl.directory.results import Results, read_results, solved
-from vkctl.shapes.simplices import tetrahedra
+from vkctl.shapes.simplices import TETRAHEDRA_PER_TYPE, tetrahedra
 from vkctl.shapes.topology import TET4, TYPES, VTK_CELLS
 
 from .fields import point_fields, stress_fields
@@ -121,11 +121,26 @@ def active_rows(model: Model) -> dict[int, Array]:
     return found
 
 
+def _owners(model: Model) -> Array:
+    """The number of the element that each of `simplices` is of."""
+    assert model.element_flags is not None
+    active = np.flatnonzero(model.element_flags & EXCLUDED == 0) + 1
+    parts = []
+    for code, count in TETRAHEDRA_PER_TYPE.items():
+        numbers = model.elements.of_type(code)[0]
+        parts.append(np.repeat(numbers[np.isin(numbers, active)], count))
+    return np.concatenate(parts)
+
+
 def part_grid(model: Model, fields: dict[str, Array] | None = None) -> pyvista.UnstructuredGrid:
-    """The part: the active elements cut off at level zero, with `fields` per node interpolated."""
+    """The part: the active elements cut off at level zero, with `fields` per node interpolated.
+
+    Cells: "element", the number of the element that they are of.
+    """
     pyvista = need("pyvista")
     rows, points, extended = simplices(model, fields or {})
     grid = pyvista.UnstructuredGrid({VTK_CELLS[TET4]: rows}, points)
+    grid.cell_data["element"] = _owners(model)
     for name, values in extended.items():
         grid.point_data[name] = values
     grid.point_data["level"] = off_zero(grid.point_data["level"])

@@ -18,6 +18,7 @@ from vkctl.stress.fields import field_unit
 from vkctl.stress.safety import DRAWN_ALIKE
 
 from .canvas import Canvas, Mark, Scale, number_texts, put_marks, put_scale, put_scene, put_title
+from .edges import edge_lines
 from .fields import TITLES, Field, shown_fields
 from .files import picture_kind, write_picture
 from .grid import has_boundary, part_grid, solved_or_fail, surface_of
@@ -143,7 +144,6 @@ def _layers(
     smooth = not has_boundary(model)
     how = {
         "color": "lightgray",
-        "show_edges": view.edges,
         "ambient": 0.6,  # shadows that leave the colours what the scale says
         "diffuse": 0.4,
         "smooth_shading": smooth,
@@ -157,7 +157,11 @@ def _layers(
             "nan_color": "lightgray",
         }
     outline = rest.extract_feature_edges(feature_angle=40.0) if smooth else rest.outline()
-    return [Layer(surface, how), Layer(outline, {"color": "gray", "line_width": 1.0})]
+    layers = [Layer(surface, how), Layer(outline, {"color": "gray", "line_width": 1.0})]
+    if view.edges:
+        lines = edge_lines(rest, surface.points)
+        layers.append(Layer(lines, {"color": "black", "line_width": 1.0}))
+    return layers
 
 
 def field_colours(low: float, high: float, field: str = "") -> Array:

@@ -1,7 +1,7 @@
 // What stands around the part: controls, caption, scale, extremes.
 
 const byId = (id) => document.getElementById(id);
-const SWITCHES = ["supports", "loads", "peaks", "edges", "alike", "turned"];
+const SWITCHES = ["supports", "springs", "temperatures", "loads", "peaks", "edges", "alike", "turned"];
 const BAR = 110; // pixels that the bar of lengths may take
 
 const shown = (value) => {
@@ -40,6 +40,9 @@ class Panel {
     byId("hollow").hidden = viewer.tetrahedra.length > 0;
     for (const id of ["deformation", "limits"]) byId(id).hidden = !viewer.scene.cases.length;
     for (const id of ["case", "field"]) byId(id).parentElement.hidden = !viewer.scene.cases.length;
+    for (const id of ["springs", "temperatures"]) {
+      byId(id).parentElement.hidden = !viewer.scene.cases.some((one) => one[id].length);
+    }
     this.length = viewer.scene.length;
   }
 

@@ -4,7 +4,9 @@ const VISIBLE = 0.08; // of the part's extent: what the largest displacement is 
 const ARROW = 0.2; // of the part's extent: the longest arrow of a load
 const KEPT = [1, 1, -1]; // side of a cut across x, y, z that stays: the one away from that corner
 const BARE = [0.72, 0.77, 0.82], EDGES = [0.2, 0.24, 0.3];
-const SUPPORTS = [0.106, 0.478, 0.239], LOADS = [0.702, 0.149, 0.118], PEAKS = [0.07, 0.07, 0.07];
+// Of what is marked by dots at nodes.
+const DOTTED = { supports: [0.106, 0.478, 0.239], springs: [0.1, 0.45, 0.75], temperatures: [0.9, 0.62, 0] };
+const LOADS = [0.702, 0.149, 0.118], PEAKS = [0.07, 0.07, 0.07];
 const AXES = [[0.75, 0.1, 0.1], [0.1, 0.5, 0.15], [0.1, 0.25, 0.8]];
 
 class PartViewer {
@@ -19,7 +21,8 @@ class PartViewer {
     this.queue = Promise.resolve();
     this.choice = {
       case: 0, field: null, scale: null, axis: -1, at: 0.5, turned: false,
-      supports: true, loads: true, peaks: true, edges: false, alike: false, least: NaN, most: NaN,
+      supports: true, springs: true, temperatures: true, loads: true, peaks: true, edges: false,
+      alike: false, least: NaN, most: NaN,
     };
     AXES.forEach((colour, k) => {
       const along = [0, 1, 2].map((m) => Number(m === k));
@@ -34,6 +37,7 @@ class PartViewer {
     const first = !this.scene;
     this.points = await unpackedValues(scene.points);
     this.triangles = await unpackedNumbers(scene.triangles.text, new Uint32Array(scene.triangles.count));
+    this.edges = await unpackedNumbers(scene.edges.text, new Uint32Array(scene.edges.count));
     this.tetrahedra = await unpackedNumbers(scene.tetrahedra.text, new Uint32Array(scene.tetrahedra.count));
     this.scene = scene;
     this.unpacked = new Map();
@@ -105,7 +109,7 @@ class PartViewer {
     };
     stage.put("part", part);
     if (choice.edges) {
-      this.lines ||= edgesOf(this.triangles);
+      this.lines ||= this.edges.length ? this.edges : edgesOf(this.triangles);
       stage.put("edges", { ...part, kind: LINES, colour: EDGES, cells: this.lines });
     } else stage.drop("edges");
     this.drawSection(shifts, values);
@@ -171,12 +175,11 @@ class PartViewer {
 
   drawMarks(said) {
     const { stage, choice } = this;
-    for (const name of ["supports", "loads", "peaks"]) stage.drop(name);
+    for (const name of [...Object.keys(DOTTED), "loads", "peaks"]) stage.drop(name);
     if (!said) return;
-    if (choice.supports && said.supports.length) {
-      stage.put("supports", {
-        kind: DOTS, colour: SUPPORTS, size: 8, cut: true, places: this.placed(said.supports.flat()),
-      });
+    for (const [name, colour] of Object.entries(DOTTED)) {
+      if (!choice[name] || !said[name].length) continue;
+      stage.put(name, { kind: DOTS, colour, size: 8, cut: true, places: this.placed(said[name].flat()) });
     }
     if (choice.loads && said.loads.length) this.drawLoads(said.loads);
     const peaks = (this.field && this.field.peaks) || [];
@@ -223,6 +226,7 @@ function paired(values) {
   return pairs;
 }
 
+// Of a simplified surface, which has no edges of elements any more.
 function edgesOf(triangles) {
   const lines = new Uint32Array(2 * triangles.length);
   for (let i = 0; i < triangles.length; i += 3) {
