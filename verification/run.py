@@ -50,7 +50,7 @@ CASES = (
     "materials",
     "calculix",
 )
-PUBLISHED = ("unstructured", "slender", "stress_order", "solvers")
+PUBLISHED = ("unstructured", "slender", "stress_order", "solvers", "optimised")
 ORDER = (*CASES, *PUBLISHED)
 
 

@@ -58,7 +58,7 @@ def compared(request: pytest.FixtureRequest, tmp_path_factory: pytest.TempPathFa
     cases.write_text(settings + OPTIONS)
     done = optimise(cases, folder / "d", vk_rund=VK_RUND)
     frame = getattr(density_method, name)()
-    fine = getattr(density_method, name)(FINER * frame.columns, FINER * frame.rows)
+    fine = getattr(density_method, name)(*(FINER * count for count in frame.counts))
     densities, grey = density_method.optimise(frame, volume, radius=1.5)
     places, levels = samples(done)
     filled = mean_by_element(frame, places, levels > 0)
@@ -80,8 +80,8 @@ def samples(done: Optimised) -> tuple[np.ndarray, np.ndarray]:
 
 
 def mean_by_element(frame: Frame, places: np.ndarray, values: np.ndarray) -> np.ndarray:
-    """Mean of the values that lie in each unit square, (columns, rows)."""
-    total = np.zeros((frame.columns, frame.rows))
+    """Mean of the values that lie in each unit square."""
+    total = np.zeros(frame.counts)
     count = np.zeros_like(total)
     squares = tuple(places.astype(int).T)
     np.add.at(total, squares, values)
