@@ -29,6 +29,7 @@ def test_the_command_prints_a_line_per_step_and_the_end(drawn: tuple[Path, str])
         "the design has fallen apart: nothing joins"
     )
     assert lines[5].startswith("ended at the step limit after 4 steps: objective ")
+    assert 20 < float(re.search(r", ([\d.]+) % of the elements cut$", lines[5])[1]) < 80  # type: ignore[index]
     assert lines[7].startswith("the part is 3 pieces, of which 1 carry")
     assert len(lines) == 9
 
@@ -54,6 +55,7 @@ def test_the_steps_come_as_json_and_nothing_else(tmp_path: Path) -> None:
     options = ["--no-pictures", "--json", "--vk-rund", str(VK_RUND)]
     told = json.loads(CliRunner().invoke(app, [*command, *options]).stdout)
     assert told["directory"] == str(tmp_path / "d") and told["converged"] is False
+    assert told["pieces"] >= told["carrying"] and 0.0 <= told["cut"] <= 1.0
     rows = read_history(tmp_path / "d")
     assert [step["step"] for step in told["steps"]] == [1, 2]
     for step, row in zip(told["steps"], rows, strict=True):

@@ -127,7 +127,8 @@ def _conclude(console: Console, done: Optimised, drawing: Painter | None) -> Non
     end = "converged" if done.converged else "ended at the step limit"
     last = done.rows[-1]
     console.print(
-        f"{end} after {last.step} steps: objective {last.objective:.6g}, volume {last.volume:.3f}"
+        f"{end} after {last.step} steps: objective {last.objective:.6g}, volume {last.volume:.3f}, "
+        f"{100 * done.cut:.3g} % of the elements cut"
     )
     for sentence in _about_pieces(done):
         console.print(sentence, markup=False, soft_wrap=True)
@@ -160,6 +161,7 @@ def values(done: Optimised) -> dict[str, Any]:
     return {
         "directory": str(done.directory),
         "converged": done.converged,
+        "cut": done.cut,
         "pieces": done.pieces.count,
         "carrying": int(done.pieces.carrying.sum()),
         "broken": list(done.pieces.broken),

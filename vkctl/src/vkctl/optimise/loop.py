@@ -32,6 +32,7 @@ from .limits.steering import begin_steering, has_settled, needs_steering, steer,
 from .pieces import Pieces, find_pieces
 from .settings import Settings, read_settings
 from .solving import give_back_mode, solve_somehow
+from .teeth import cut_share
 
 _WINDOW = 5  # steps whose mean objective is compared with that of as many before
 
@@ -55,6 +56,7 @@ class Optimised:
     converged: bool  # else the step limit ended it
     levels: Array  # per design point, of the last step solved
     pieces: Pieces  # that these leave
+    cut: float  # part of the elements that the surface goes through
     told: list[str] = field(default_factory=list)  # a sentence for each limit
 
 
@@ -132,7 +134,8 @@ def _run_steps(loop: Loop, on_step: Callable[[StepShown], None] | None) -> Optim
     levels = levels_of(loop, last)
     told = [] if loop.steering is None else told_limits(loop.steering.rows)
     pieces = _pieces(loop, levels)
-    return Optimised(loop.directory, loop.rows, converged(), levels, pieces, told)
+    cut = cut_share(loop.design.space, loop.design.levels_of_nodes(levels))
+    return Optimised(loop.directory, loop.rows, converged(), levels, pieces, cut, told)
 
 
 def _pieces(loop: Loop, levels: Array) -> Pieces:
