@@ -128,7 +128,8 @@ def _conclude(console: Console, done: Optimised, drawing: Painter | None) -> Non
     last = done.rows[-1]
     console.print(
         f"{end} after {last.step} steps: objective {last.objective:.6g}, volume {last.volume:.3f}, "
-        f"{100 * done.cut:.3g} % of the elements cut"
+        f"{100 * done.cut:.3g} % of the elements cut",
+        soft_wrap=True,
     )
     for sentence in _about_pieces(done):
         console.print(sentence, markup=False, soft_wrap=True)

@@ -23,6 +23,7 @@ _ROUNDS = 40
 _TOWARDS, _AWAY = 0.5, -0.53  # what is longer than some ten triangles passes
 _PLANE = 3e-4  # fourth of the squared angle, 2 degrees, up to which faces count as one plane
 _CORRECTIONS = 5
+_TRIALS = 6  # in each of which the corners of triangles that turned over stay as they were
 
 
 def smoothed(part: Surface, fixed: Array) -> Array:
@@ -31,11 +32,24 @@ def smoothed(part: Surface, fixed: Array) -> Array:
     freedom, ranks = _freedom(part, cut)
     means, alone = _means(part, cut, ranks)
     freedom[fixed | alone] = 0.0
-    points = part.points.copy()
-    for _ in range(_ROUNDS):
-        for share in (_TOWARDS, _AWAY):
-            points += share * _allowed(freedom, means @ points - points)
-    return _with_volume(points, part, cut, freedom)
+    for _ in range(_TRIALS):
+        points = part.points.copy()
+        for _ in range(_ROUNDS):
+            for share in (_TOWARDS, _AWAY):
+                points += share * _allowed(freedom, means @ points - points)
+        points = _with_volume(points, part, cut, freedom)
+        turned = _turned(points, part)
+        if not turned.any():
+            break
+        freedom[part.triangles[turned]] = 0.0
+    return points
+
+
+def _turned(points: Array, part: Surface) -> Array:
+    """Triangles that are seen from the other side than before: the surface overlaps there."""
+    before, after = areas(part.points, part.triangles), areas(points, part.triangles)
+    turned: Array = (before * after).sum(axis=1) < 0
+    return turned
 
 
 def _allowed(freedom: Array, moves: Array) -> Array:
