@@ -8,7 +8,7 @@ import ssl
 import threading
 import warnings
 from collections.abc import Iterator
-from contextlib import ExitStack, contextmanager
+from contextlib import ExitStack, contextmanager, suppress
 from dataclasses import dataclass, field
 from pathlib import Path
 from typing import Any
@@ -101,7 +101,8 @@ def _closing(client: Any) -> Iterator[Any]:
     try:
         yield client
     finally:
-        client.close(timeout=5)
+        with suppress(Exception):  # its connection may have broken, which is told elsewhere
+            client.close(timeout=5)
 
 
 def _connected(address: str) -> Any:
