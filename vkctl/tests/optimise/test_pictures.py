@@ -17,6 +17,7 @@ from small_loops import VK_RUND, write_small
 from vkctl.optimise import history, optimise, read_history
 from vkctl.optimise.pictures import beside, frames, painter, shown_steps
 from vkctl.optimise.pictures.frames import coarse_to_fine
+from vkctl.view.plot import View
 
 ROOT = Path(__file__).resolve().parents[3]
 
@@ -83,6 +84,13 @@ def test_without_time_the_first_and_the_last_step_are_shown(undrawn: Path) -> No
     assert pyvista.get_reader(undrawn / "optimise" / "part.pvd").time_values == [1.0, 5.0]
     with Image.open(undrawn / "optimise" / "part.gif") as film:
         assert getattr(film, "n_frames", 1) == 2
+
+
+def test_an_animation_of_another_size_leaves_the_loops_own_frames_alone(undrawn: Path) -> None:
+    view = View(field="level", size=(200, 150), marks=False)
+    with Image.open(frames.write_animation(undrawn, 5, 3, view)) as film:
+        assert getattr(film, "n_frames", 1) == 3 and film.size == (200, 150)
+    assert drawn_steps(undrawn) == []
 
 
 def test_only_what_is_missing_is_drawn(undrawn: Path) -> None:

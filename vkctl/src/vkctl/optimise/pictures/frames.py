@@ -7,6 +7,7 @@ from collections.abc import Iterator, Sequence
 from contextlib import contextmanager
 from dataclasses import dataclass, replace
 from pathlib import Path
+from typing import TYPE_CHECKING, Any
 
 import numpy as np
 
@@ -22,6 +23,9 @@ from vkctl.view.film import Film, as_mesh, cut_out, film, frame
 from vkctl.view.plot import View
 
 from .. import history
+
+if TYPE_CHECKING:
+    import pyvista
 
 MOST_FRAMES = 40
 _FRAME = View(field="level", size=(900, 600), marks=False)
@@ -94,15 +98,22 @@ def is_drawn(directory: PathLike, step: int) -> bool:
 
 def draw_step(at: Studio, step: int) -> None:
     """Write the surface of the part at a step, and a picture of it."""
-    levels = history.load_array(history.levels_file(at.directory, step), len(at.model.tp))
-    model = replace(at.model, tp=levels.astype(np.float32))
-    mesh = as_mesh(cut_out(at.film, model))
+    mesh = _mesh(at, step)
     write_grid(mesh, surface_file(at.directory, step), quickly=True)
+    with formats.replacing(picture_file(at.directory, step)) as stream:
+        _picture(at, mesh, step).save(stream, format="PNG")
+
+
+def _mesh(at: Studio, step: int) -> pyvista.PolyData:
+    levels = history.load_array(history.levels_file(at.directory, step), len(at.model.tp))
+    return as_mesh(cut_out(at.film, replace(at.model, tp=levels.astype(np.float32))))
+
+
+def _picture(at: Studio, mesh: pyvista.PolyData, step: int) -> Any:
+    """A picture of Pillow, of few colours."""
     images = need("PIL.Image")
     picture = images.fromarray(frame(at.film, mesh, f"step {step}"))
-    few = picture.quantize(256, images.Quantize.FASTOCTREE)
-    with formats.replacing(picture_file(at.directory, step)) as stream:
-        few.save(stream, format="PNG")
+    return picture.quantize(256, images.Quantize.FASTOCTREE)
 
 
 def draw_missing(at: Studio, steps: int, seconds: float) -> None:
@@ -122,7 +133,7 @@ def join(directory: PathLike, steps: int) -> None:
     """Series and animation of those shown steps that are drawn."""
     if drawn := [step for step in shown_steps(steps) if is_drawn(directory, step)]:
         _write_series(directory, drawn)
-        _write_film(directory, drawn)
+        _write_film(directory, [_opened(directory, step) for step in drawn])
 
 
 def _write_series(directory: PathLike, steps: Sequence[int]) -> Path:
@@ -131,13 +142,13 @@ def _write_series(directory: PathLike, steps: Sequence[int]) -> Path:
     return target
 
 
-def _write_film(directory: PathLike, steps: Sequence[int]) -> Path:
-    images = need("PIL.Image")
-    pictures = []
-    for step in steps:
-        with images.open(picture_file(directory, step)) as picture:
-            picture.load()
-            pictures.append(picture)
+def _opened(directory: PathLike, step: int) -> Any:
+    with need("PIL.Image").open(picture_file(directory, step)) as picture:
+        picture.load()
+        return picture
+
+
+def _write_film(directory: PathLike, pictures: Sequence[Any]) -> Path:
     target = history.folder_of(directory) / history.ANIMATION
     durations = [_FRAME_MILLISECONDS] * (len(pictures) - 1) + [_LAST_MILLISECONDS]
     write_film(pictures, target, durations)
@@ -163,6 +174,5 @@ def write_animation(
 ) -> Path:
     """A .gif of the part over the steps."""
     with studio(directory, view) as at:
-        for step in shown_steps(steps, most):
-            draw_step(at, step)
-    return _write_film(directory, shown_steps(steps, most))
+        shown = shown_steps(steps, most)
+        return _write_film(directory, [_picture(at, _mesh(at, step), step) for step in shown])
