@@ -24,7 +24,15 @@ from vkctl.view.plot import View, plot
 ROOT = Path(__file__).resolve().parents[2]
 SOURCES = ROOT / "vkctl" / "examples"
 PICTURES = ROOT / "docs" / "optimise"
-EXAMPLES = ("cantilever", "mbb-beam", "l-bracket", "bracket")
+EXAMPLES = (
+    "cantilever",
+    "mbb-beam",
+    "l-bracket",
+    "bracket",
+    "wheel",
+    "beam",
+    "printed-cantilever",
+)
 ANIMATED = "mbb-beam"
 _VIEW = View(size=(900, 600))
 _FRAME = View(field="level", size=(560, 360), marks=False)

@@ -16,13 +16,16 @@ from .history import HistoryRow, read_history
 from .loop import Optimised, StepShown, optimise
 from .pictures import write_animation, write_part_series
 from .settings import Settings, read_settings
+from .wishes.measure import Sizes, measured_sizes
 
 __all__ = [
     "HistoryRow",
     "OptimiseError",
     "Optimised",
     "Settings",
+    "Sizes",
     "StepShown",
+    "measured_sizes",
     "optimise",
     "read_history",
     "read_settings",

@@ -13,13 +13,12 @@ from scipy.spatial import cKDTree
 from vkctl.basics.types import Array
 from vkctl.directory.levels import MEAN_LEVEL
 from vkctl.directory.model import Model
-from vkctl.shapes.topology import TYPES
 
 from .pieces import Joints, loose_nodes, make_joints
 from .teeth import uneven_nodes
 from .volume import DesignVolume, design_volume
 from .wishes.entries import Wishes
-from .wishes.sampling import Field
+from .wishes.sampling import Field, mean_edge
 from .wishes.shape import Shape, make_shape
 
 DEFAULT_RADIUS = 1.5  # mean distances of neighbouring nodes
@@ -144,7 +143,7 @@ def make_design(
         [np.bincount(points_of_nodes, model.nodes[nodes, k], count) / share for k in range(3)]
     )
     space = design_volume(model)
-    edge = _node_distance(model)
+    edge = mean_edge(model)
     smoothing = _smoothing(points, reach_of(model, radius))
     shape = make_shape(
         Field(model, points, edge),
@@ -167,16 +166,7 @@ def _points_of(model: Model, nodes: Array) -> Array:
 
 def reach_of(model: Model, radius: float | None) -> float:
     """The radius of smoothing, by the mesh where it isn't given."""
-    return radius or DEFAULT_RADIUS * _node_distance(model)
-
-
-def _node_distance(model: Model) -> float:
-    """Mean length of the first edge of each element."""
-    lengths = []
-    for code in TYPES:
-        first, second = model.elements.of_type(code)[1][:, :2].T - 1
-        lengths.append(np.linalg.norm(model.nodes[first] - model.nodes[second], axis=1))
-    return float(np.concatenate(lengths).mean())
+    return radius or DEFAULT_RADIUS * mean_edge(model)
 
 
 def _smoothing(points: Array, radius: float) -> Any:

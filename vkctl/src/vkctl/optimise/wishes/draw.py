@@ -48,20 +48,19 @@ def _reached(every: list[Columns], values: Array) -> Array:
     return lowest
 
 
-def draw_operators(field: Field, draw: Draw) -> tuple[Drawn, Drawn | None, bool]:
-    """What raises a field so that it can be drawn, what spreads void, and which kind it is.
+def draw_operators(field: Field, draw: Draw) -> tuple[Drawn, Drawn | None]:
+    """What raises a field so that it can be drawn, and what spreads void.
 
-    The last says whether means of drawn fields are drawn too, as with one direction or a parting
-    plane. Void can't be spread where it isn't known to which side.
+    Void can't be spread where it isn't known to which side.
     """
     every = [columns_along(field, direction) for direction in draw.directions]
     if len(every) > 1:
-        return partial(_reached, every), None, False
+        return partial(_reached, every), None
     if draw.parting is None:
-        return partial(highest_beyond, every[0]), partial(highest_before, every[0]), True
+        return partial(highest_beyond, every[0]), partial(highest_before, every[0])
     above = (field.points - np.array(draw.parting)) @ np.array(draw.directions[0]) >= 0
     apart = partial(_from_parting, every[0], above)
-    return apart, partial(_void_from_parting, every[0], above), True
+    return apart, partial(_void_from_parting, every[0], above)
 
 
 def _void_from_parting(columns: Columns, above: Array, values: Array) -> Array:

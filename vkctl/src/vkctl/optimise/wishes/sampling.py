@@ -30,18 +30,19 @@ class Field:
     edge: float  # mean length
 
 
-def sampling(field: Field, places: Array) -> Any:
+def sampling(field: Field, places: Array, nearby: bool = True) -> Any:
     """Sparse (k, p): weights of the design points at places, which add up to 1.
 
     A place on a design point has its value, one in an element is interpolated between the corners,
-    one just outside has the nearest point's; rows of others are empty, and so are those in
-    elements without design points.
+    one just outside has the nearest point's, if `nearby`; rows of others are empty, and so are
+    those in elements without design points.
     """
     distance, nearest = cKDTree(field.points).query(places)
     row, column, weight = _interpolated(field, places, distance > _SAME * field.edge)
     inside = np.zeros(len(places), np.bool_)
     inside[row] = True
-    near = np.flatnonzero(~inside & (distance <= _NEAR * field.edge))
+    reach = _NEAR if nearby else _SAME
+    near = np.flatnonzero(~inside & (distance <= reach * field.edge))
     rows = np.concatenate((row, near))
     columns = np.concatenate((column, nearest[near]))
     weights = np.concatenate((weight, np.ones(len(near))))
@@ -71,3 +72,12 @@ def _interpolated(field: Field, places: Array, chosen: Array) -> tuple[Array, Ar
         found.append(np.array((rows[used], columns[used], weights[used])))
     row, column, weight = np.concatenate(found, axis=1)
     return row.astype(np.int64), column.astype(np.int64), weight
+
+
+def mean_edge(model: Model) -> float:
+    """Mean length of the first edge of each element."""
+    lengths = []
+    for code in TYPES:
+        first, second = model.elements.of_type(code)[1][:, :2].T - 1
+        lengths.append(np.linalg.norm(model.nodes[first] - model.nodes[second], axis=1))
+    return float(np.concatenate(lengths).mean())

@@ -49,7 +49,7 @@ class Shape:
 
     kept: Array  # bool (p,): stays material
     void: Array  # bool (p,): stays empty
-    steady: tuple[Projection, ...] = ()  # give fields whose means are such fields again
+    steady: tuple[Projection, ...] = ()  # of criterion and levels alike
     maps: tuple[CriterionMap, ...] = ()
     projections: tuple[Projection, ...] = ()
 
@@ -89,13 +89,12 @@ def make_shape(field: Field, wishes: Wishes, kept: Array, void: Array) -> Shape:
         kept, void = mean.any(kept), mean.any(void)
         steady.append(mean.of)
     if wishes.draw is not None:
-        drawn, spread, is_steady = draw_operators(field, wishes.draw)
+        drawn, spread = draw_operators(field, wishes.draw)
         kept = drawn(kept.astype(np.float64)) >= _WITHIN
         if spread is not None:
             void = spread(void.astype(np.float64)) >= _WITHIN
         steady.append(drawn)
-        if not is_steady:
-            projections.append(drawn)
+        projections.append(drawn)  # what is cleared up after a move may not be drawn
     if wishes.overhang is not None:
         held = held_points(field, wishes.overhang, kept)
         maps.append(held.holding)

@@ -1,0 +1,84 @@
+"""The smallest member and the smallest hole of a part, measured on its level field.
+
+Balls of growing diameter open the part. What an opening loses at a corner or an edge stays close to
+what is left; where something is lost that is further away than the ball is thick, there is a
+member that is thinner than the ball. That is looked for on a grid of points
+finer than the mesh. T. Hildebrand, P. Ruegsegger, J. Microsc. 185 (1997) 67-75, have the thickness
+at a point as the largest ball in the part that holds it.
+"""
+
+from __future__ import annotations
+
+from dataclasses import dataclass, replace
+
+import numpy as np
+from scipy import ndimage
+
+from vkctl.basics.types import Array, PathLike
+from vkctl.directory.levels import level_field
+from vkctl.directory.model import Model, read
+
+from .sampling import Field, mean_edge, sampling
+
+_PER_EDGE = 3  # places of the grid along an edge
+_MOST_PLACES = 4_000_000
+_LONG = 2.0  # radii from what an opening leaves: further away it isn't a corner
+_ROUNDING = 1e-6
+
+
+@dataclass(frozen=True)
+class Sizes:
+    """Diameters, to a third of an edge of the mesh or so; None where there is no such thing."""
+
+    member: float | None
+    hole: float | None
+
+
+def measured_sizes(part: PathLike | Model) -> Sizes:
+    """The smallest member and hole of a directory's part, as its level field stands.
+
+    Corners sharper than 39 degrees count as members that end. Balls may stand out of the design
+    volume: on its faces something half as thick counts as whole.
+    """
+    model = part if isinstance(part, Model) else read(part)
+    levels, inside, step = _gridded(model)
+    material, void = inside & (levels > 0), inside & (levels <= 0)
+    return Sizes(_smallest(material, inside, step), _smallest(void, inside, step))
+
+
+def _gridded(model: Model) -> tuple[Array, Array, float]:
+    """Levels on a regular grid, which of its places lie in the design volume, and its step."""
+    count = len(model.nodes)
+    nodes = replace(model, node_tp_index=np.arange(1, count + 1, dtype=np.int32))
+    edge = mean_edge(model)
+    low, high = model.nodes.min(axis=0), model.nodes.max(axis=0)
+    step = max(edge / _PER_EDGE, float(np.cbrt(np.prod(high - low) / _MOST_PLACES)))
+    sides = [np.arange(a + 0.5 * step, b, step) for a, b in zip(low, high, strict=True)]
+    places = np.stack(np.meshgrid(*sides, indexing="ij"), axis=-1)
+    weights = sampling(Field(nodes, model.nodes, edge), places.reshape(-1, 3), nearby=False)
+    inside = np.diff(weights.indptr) > 0
+    levels = weights @ level_field(model).astype(np.float64)
+    return levels.reshape(places.shape[:3]), inside.reshape(places.shape[:3]), step
+
+
+def _smallest(phase: Array, inside: Array, step: float) -> float | None:
+    """The largest diameter up to which openings lose nothing but corners."""
+    if not phase.any():
+        return None
+    within = ndimage.distance_transform_edt(np.pad(phase | ~inside, 1, mode="edge"))
+    depth = np.where(phase, within[1:-1, 1:-1, 1:-1], 0.0)
+    # The border lies half a step before the place that is the first on the other side.
+    depth = depth - 0.5
+    diameters = np.arange(1.0, 2.0 * depth.max() + 1.0)
+    for diameter in diameters:
+        radius = 0.5 * diameter
+        core = phase & (depth >= radius - 0.5)  # half a step is what places leave open
+        if not core.any():
+            return float((diameter - 1.0) * step)
+        lost = phase & (ndimage.distance_transform_edt(~core) > radius + _ROUNDING)
+        if not lost.any():
+            continue
+        away = ndimage.distance_transform_edt(lost | ~phase)
+        if (away[lost] > _LONG * radius + 1.0).any():
+            return float((diameter - 1.0) * step)
+    return float(diameters[-1] * step)
