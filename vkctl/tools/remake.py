@@ -28,6 +28,7 @@ EXAMPLES = (
     "cantilever",
     "mbb-beam",
     "l-bracket",
+    "l-bracket-stress",
     "bracket",
     "wheel",
     "beam",

@@ -85,3 +85,31 @@ def test_the_command_refuses_a_wrong_case_file(tmp_path: Path) -> None:
     assert shown.exit_code == 2
     assert "cases.toml:" in shown.output and "at most 1" in shown.output
     assert not (tmp_path / "d").exists()
+
+
+def test_several_volumes_make_a_row_that_goes_on_where_it_stopped(tmp_path: Path) -> None:
+    cases = write_small(tmp_path, "steps = 6\nreduction = 0.3\n")
+    command = ["optimise", str(cases), str(tmp_path / "d"), "--vk-rund", str(VK_RUND)]
+    first = CliRunner().invoke(app, [*command, "--no-pictures", "--volume", "0.9"])
+    assert first.exit_code == 0, first.output
+    command[2] = str(tmp_path / "row")
+    (tmp_path / "row").mkdir()
+    (tmp_path / "d").rename(tmp_path / "row" / "volume-0.9")  # as if the row had been killed then
+    done = CliRunner().invoke(app, [*command, "--volume", "0.7,0.9"])
+    assert done.exit_code == 0, done.output
+    assert "step 1 of 6" not in done.output.split("volume 0.7, in")[0]
+    lines = (tmp_path / "row" / "pareto.csv").read_text().splitlines()
+    assert lines[0] == "target,volume,objective,steps,converged,directory"
+    rows = [line.split(",") for line in lines[1:]]
+    assert [(row[0], row[-1]) for row in rows] == [("0.9", "volume-0.9"), ("0.7", "volume-0.7")]
+    assert float(rows[0][2]) < float(rows[1][2])
+    assert (tmp_path / "row" / "pareto.png").read_bytes().startswith(b"\x89PNG")
+
+
+@pytest.mark.parametrize("text", ["0.5,x", "0", "0.5,1.5", ""])
+def test_volumes_that_are_none_are_refused(tmp_path: Path, text: str) -> None:
+    cases = write_small(tmp_path)
+    command = ["optimise", str(cases), str(tmp_path / "d"), "--volume", text]
+    refused = CliRunner().invoke(app, command)
+    assert refused.exit_code == 2
+    assert "volume" in refused.stderr and not (tmp_path / "d").exists()

@@ -25,6 +25,7 @@ from vkctl.terminal.refusal import refuse, refusing
 if TYPE_CHECKING:
     from vkctl.optimise import Optimised, OptimiseError, StepShown
     from vkctl.optimise.pictures.beside import Painter
+    from vkctl.prepare.part import Reading
     from vkctl.running.progress import Progress
 
 _ROWS = 10  # steps shown at a time, the latest
@@ -38,7 +39,8 @@ def optimise_command(
     cases: Annotated[Path, typer.Argument(..., help="case file (.toml) that names its part")],
     directory: Annotated[Path, typer.Argument(..., help="working directory, made if missing")],
     volume: Annotated[
-        float | None, typer.Option(..., min=0.001, max=1.0, help="target part of the design volume")
+        str | None,
+        typer.Option(..., help="target part of the design volume, or several: 0.5,0.4,0.3"),
     ] = None,
     steps: Annotated[int | None, typer.Option(..., min=1, help="largest number of steps")] = None,
     on: On = None,
@@ -55,16 +57,75 @@ def optimise_command(
     Exit status: 0 converged or at the step limit, that of vk_rund where it failed or was
     interrupted, 127 or 126 where it can't be found or executed, 2 for mistakes in the inputs.
     """
+    from vkctl.optimise import volumes
+    from vkctl.prepare.part import Reading
+
+    console = output.console(silent=as_json)
+    with refusing(ValueError):
+        targets = [None] if volume is None else volumes.parse_volumes(volume)
+        for name in ("pyvista", "matplotlib", "PIL") if pictures else ():
+            need(name)
+    several, finished = len(targets) > 1, []
+    for target in targets:
+        place = directory
+        if several and target is not None:
+            place = volumes.folder_of_volume(directory, target)
+            console.print(f"volume {target:g}, in {place}", soft_wrap=True)
+        finished.append(
+            _run(
+                console,
+                cases,
+                place,
+                target,
+                steps,
+                on,
+                vk_rund,
+                pictures,
+                Reading(trust_scripts, not no_limits),
+            )
+        )
+        if several:
+            volumes.write_row(directory, finished, [t for t in targets if t is not None])
+    if several:
+        _conclude_row(console, directory, finished, pictures)
+    if as_json:
+        told = [values(done) for done in finished]
+        output.print_json({"volumes": told} if several else told[0])
+
+
+def _conclude_row(
+    console: Console, directory: Path, finished: list[Optimised], pictures: bool
+) -> None:
+    from vkctl.optimise import volumes
+
+    if pictures:
+        from vkctl.basics.units import unit_of
+        from vkctl.directory.case_names import read_units
+
+        unit = unit_of(read_units(finished[0].directory), "energy")
+        volumes.draw_row(directory, finished, unit)
+    what = "table and chart" if pictures else "table"
+    console.print(f"{what} of all volumes in {directory}", soft_wrap=True)
+
+
+def _run(
+    console: Console,
+    cases: Path,
+    directory: Path,
+    volume: float | None,
+    steps: int | None,
+    on: str | None,
+    vk_rund: Path | None,
+    pictures: bool,
+    reading: Reading,
+) -> Optimised:
+    """One loop to its end, shown and concluded."""
     from vkctl.optimise import OptimiseError, optimise
     from vkctl.prepare.case_file.mistakes import CaseFileError
-    from vkctl.prepare.part import PartError, Reading
+    from vkctl.prepare.part import PartError
     from vkctl.running.run import NotFoundError
     from vkctl.spread.where import WhereError
 
-    console = output.console(silent=as_json)
-    with refusing():
-        for name in ("pyvista", "matplotlib", "PIL") if pictures else ():
-            need(name)
     with _drawing(directory, pictures) as drawing:
         try:
             with (
@@ -77,7 +138,7 @@ def optimise_command(
                     volume=volume,
                     steps=steps,
                     vk_rund=vk_rund,
-                    reading=Reading(trust_scripts, not no_limits),
+                    reading=reading,
                     on_step=partial(_tell, on_step, drawing),
                     on_progress=on_progress,
                     on=on,
@@ -91,8 +152,7 @@ def optimise_command(
             raise refuse("Interrupted: start it again to go on.", 130) from None
         with refusing(ValueError):
             _conclude(console, done, drawing)
-    if as_json:
-        output.print_json(values(done))
+    return done
 
 
 @contextmanager
