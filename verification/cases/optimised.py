@@ -247,8 +247,8 @@ REMARKS = """
 The loop's mesh shows the part 2 % too stiff beside the full box: its members are some two or
 three elements thick, and linear elements are stiff in bending. Where black and white can follow
 the shapes at all, on elements of half the size and less, the loop's part is 5 to 6 % stiffer
-than the density method's at the same volume. On the loop's own mesh it is 7 % softer, which says
-little: of the elements that its surface cuts in halves any choice would do, and whether the
+than the density method's at the same volume. On the loop's own mesh it is 5 to 7 % softer, which
+says little: of the elements that its surface cuts in halves any choice would do, and whether the
 staircase hangs together decides over several percent, while densities were driven to whole
 elements of this very mesh. As the solver sees the level field, no staircase at all, the part is
 stiffer than all of these.

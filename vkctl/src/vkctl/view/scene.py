@@ -83,6 +83,10 @@ def quiet_plotter(size: tuple[int, int]) -> Any:
     logger = need("vtkmodules.vtkCommonCore").vtkLogger
     # Without a screen VTK warns once and draws in memory, which is what is wanted.
     logger.SetStderrVerbosity(logger.VERBOSITY_OFF)
+    # Lines on a surface come before it: of equal depth they would be broken.
+    mapper = need("vtkmodules.vtkRenderingCore").vtkMapper
+    mapper.SetResolveCoincidentTopologyToPolygonOffset()
+    mapper.SetResolveCoincidentTopologyLineOffsetParameters(-8.0, -8.0)
     plotter = need("pyvista").Plotter(off_screen=True, window_size=list(size))
     plotter.set_background("white")
     plotter.add_axes(color="black")
