@@ -13,7 +13,7 @@ from vkctl.shapes.smoothing import smoothed
 from vkctl.shapes.topology import HEX8, TET4, TET10
 
 
-def cut(kind: str, level) -> Surface:  # type: ignore[no-untyped-def]
+def cut(kind: str, level) -> Surface:
     """A box of 12 x 8 x 2 where a level over (x, y, z) is positive."""
     part = box(kind, (12, 8, 2), (12.0, 8.0, 2.0))  # type: ignore[arg-type]
     rows = {code: part.elements.of_type(code)[1].astype(np.int64) - 1 for code in (TET4, TET10)}
@@ -68,7 +68,7 @@ def test_faces_and_edges_of_the_mesh_and_fixed_points_stay(kind: str) -> None:
 
 
 def test_bodies_are_counted_without_the_walls_of_cavities() -> None:
-    def ball(at: float, sign: float):  # type: ignore[no-untyped-def]
+    def ball(at: float, sign: float):
         return lambda x, y, z: sign * (0.9 - np.hypot(np.hypot(x - at, y - 4.0), z - 1.0))
 
     hollow = cut("hex8", ball(6.0, -1.0))
