@@ -16,9 +16,9 @@ _CELLS = 8  # over the part's longest side: forces in one of them make one arrow
 
 @dataclass(frozen=True)
 class Marks:
-    """Places (k, 3): of nodes that are held, on springs, or have a temperature, and of forces.
+    """Places of forces with their sums and displacements, (k, 3) each.
 
-    Forces come with their sums and displacements (k, 3).
+    Of nodes that are held, on springs, or have a temperature, places and displacements (k, 6).
     """
 
     supports: Array
@@ -44,9 +44,9 @@ def marks_of(model: Model, case: LoadCase, displacement: Array | None = None) ->
     means, sums = np.concatenate((means, middle)), np.concatenate((sums, total))
     nodes = case.constraints["Node"]
     return Marks(
-        _some_places(model, nodes[~on_spring]),
-        _some_places(model, nodes[on_spring]),
-        _some_places(model, case.scalars["Node"]),
+        _some(points, nodes[~on_spring]),
+        _some(points, nodes[on_spring]),
+        _some(points, case.scalars["Node"]),
         means[:, :3],
         sums,
         means[:, 3:],
@@ -59,11 +59,11 @@ def springs(case: LoadCase) -> Array:
     return found
 
 
-def _some_places(model: Model, nodes: Array) -> Array:
+def _some(points: Array, nodes: Array) -> Array:
     known = np.unique(nodes).astype(np.int64)
-    known = known[(known >= 1) & (known <= len(model.nodes))]
-    places: Array = model.nodes[known[:: max(1, -(-len(known) // _MOST_POINTS))] - 1]
-    return places
+    known = known[(known >= 1) & (known <= len(points))]
+    found: Array = points[known[:: max(1, -(-len(known) // _MOST_POINTS))] - 1]
+    return found
 
 
 def _gathered(points: Array, records: Array, size: float) -> tuple[Array, Array]:

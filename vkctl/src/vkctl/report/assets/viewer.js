@@ -179,7 +179,11 @@ class PartViewer {
     if (!said) return;
     for (const [name, colour] of Object.entries(DOTTED)) {
       if (!choice[name] || !said[name].length) continue;
-      stage.put(name, { kind: DOTS, colour, size: 8, cut: true, places: this.placed(said[name].flat()) });
+      stage.put(name, {
+        kind: DOTS, colour, size: 8, cut: true,
+        places: this.placed(said[name].flatMap((dot) => dot.slice(0, 3))),
+        shifts: new Float32Array(said[name].flatMap((dot) => dot.slice(3))),
+      });
     }
     if (choice.loads && said.loads.length) this.drawLoads(said.loads);
     const peaks = (this.field && this.field.peaks) || [];
