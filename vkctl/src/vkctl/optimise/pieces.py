@@ -91,7 +91,9 @@ def make_joints(model: Model, numbers: Sequence[int] | None = None) -> Joints:
 
 
 def _distinct(pairs: Array, count: int) -> Array:
-    keys = np.unique(pairs.min(axis=1) * count + pairs.max(axis=1))
+    keys = np.minimum(*pairs.T) * count + np.maximum(*pairs.T)
+    keys.sort()
+    keys = keys[np.diff(keys, prepend=-1) != 0]
     return np.column_stack((keys // count, keys % count))
 
 
