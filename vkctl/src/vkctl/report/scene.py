@@ -52,7 +52,7 @@ class _Shape:
 
     rows: Array
     triangles: Array  # (k, 3)
-    edges: Array  # (k, 2), of elements; empty where the surface is simplified
+    edges: Array  # (k, 2), of elements; empty where the triangles have no others
     tetrahedra: Array  # (k, 4), empty where the surface alone is shown
     found: int
 
@@ -130,7 +130,10 @@ def _shape(solid: pyvista.UnstructuredGrid, most: int) -> _Shape:
         tetrahedra = _tetrahedra(bare)
     if len(tetrahedra) > MOST_TETRAHEDRA:
         tetrahedra = tetrahedra[:0]
-    return _Shape(*_numbered(surface, element_edges(surface), tetrahedra), found)
+    edges = element_edges(surface)
+    if 2 * len(edges) >= 3 * found:
+        edges = edges[:0]
+    return _Shape(*_numbered(surface, edges, tetrahedra), found)
 
 
 def _tetrahedra(solid: pyvista.UnstructuredGrid) -> Array:

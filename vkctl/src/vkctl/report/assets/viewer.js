@@ -230,7 +230,7 @@ function paired(values) {
   return pairs;
 }
 
-// Of a simplified surface, which has no edges of elements any more.
+// Where the page holds no edges of elements: they are the triangles', or the surface is simplified.
 function edgesOf(triangles) {
   const lines = new Uint32Array(2 * triangles.length);
   for (let i = 0; i < triangles.length; i += 3) {
