@@ -205,10 +205,10 @@ def compared(levels: Array, boxes: list[Box], steps: int) -> tuple[list[Check], 
 
 
 def run(quick: bool) -> Result:
-    boxes = [box(finer) for finer in ((1,) if quick else (1, 2, 3))]
-    levels = looped(boxes[0], 5 if quick else 60)
+    boxes = [box(finer) for finer in ((1, 2) if quick else (1, 2, 3))]
+    levels = looped(boxes[0], 20 if quick else 60)
     checks, first = refined(levels, boxes)
-    more, second = compared(levels, boxes, 5 if quick else 400)
+    more, second = compared(levels, boxes, 20 if quick else 400)
 
     def shown() -> Model:
         made = boxes[0].model([UNIT])
