@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import signal
 from collections.abc import Callable, Iterator
 from contextlib import contextmanager
 from pathlib import Path
@@ -38,6 +39,8 @@ def gmsh_session() -> Iterator[ModuleType]:
         yield gmsh
     finally:
         gmsh.finalize()
+        # Gmsh has taken back that a broken pipe is told by an error instead of ending the process.
+        signal.signal(signal.SIGPIPE, signal.SIG_IGN)
 
 
 def _write_all(directory: Path) -> None:

@@ -15,6 +15,8 @@ from contextlib import contextmanager, suppress
 from dataclasses import dataclass, field
 from typing import IO
 
+from vkctl.basics.pipes import whoever_reads
+
 from .work import Outcome, Task
 from .worker import outcome_of, told
 
@@ -111,7 +113,7 @@ def _solved(shared: _Local, place: int, task: Task) -> Outcome | None:
         if process is None:
             return None
         assert process.stdin is not None and process.stdout is not None
-        with suppress(BrokenPipeError):
+        with whoever_reads():
             process.stdin.write(told(task))
             process.stdin.flush()
         line = process.stdout.readline()
@@ -169,5 +171,5 @@ def _end(process: subprocess.Popen[bytes]) -> None:
     process.wait()
     for stream in (process.stdin, process.stdout):
         if stream is not None:
-            with suppress(BrokenPipeError):
+            with whoever_reads():
                 stream.close()

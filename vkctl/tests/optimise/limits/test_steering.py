@@ -62,14 +62,14 @@ def test_limits_of_two_load_cases_hold_and_one_is_used_up(tmp_path: Path) -> Non
         'displacement = [{ set = "tip", direction = [0, -2, 0], at_most = 60, load_case = "down" }]'
         '\ncompliance = { at_most = 55, load_case = "along" }\n'
     )
-    done = run_small(tmp_path, f"steps = 25\n{MASS}{limits}", TWO_CASES)
+    done = run_small(tmp_path, f"steps = 40\nmode = 'direct'\n{MASS}{limits}", TWO_CASES)
     nodes = {one.name: one.numbers for one in formats.read_sets(done.directory) or []}
     moved = formats.read_displacements(done.directory, 1)[nodes["tip"] - 1, 1]
     pulled = formats.read_displacements(done.directory, 2)[nodes["top_tip"] - 1, 0]
     down, along = [row for row in read_weighed(done.directory) if row.step == len(done.rows)]
     assert down.value == pytest.approx(-moved.min(), rel=1e-5)
     assert along.value == pytest.approx(2 * pulled.mean(), rel=1e-3)
-    assert max(down.ratio, along.ratio) == pytest.approx(1.0, abs=0.03)
+    assert 0.95 < max(down.ratio, along.ratio) <= 1.0
     assert done.rows[-1].volume < 0.85
     assert [told.split(":")[0] for told in done.told] == [
         "displacement of tip in down",

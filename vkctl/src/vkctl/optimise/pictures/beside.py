@@ -11,13 +11,14 @@ import subprocess
 import sys
 import tempfile
 from collections.abc import Iterator
-from contextlib import contextmanager, suppress
+from contextlib import contextmanager
 from dataclasses import dataclass
 from functools import partial
 from pathlib import Path
 from typing import IO
 
 from vkctl.basics.confine import end_with
+from vkctl.basics.pipes import whoever_reads
 from vkctl.basics.types import PathLike
 from vkctl.basics.words import printable
 
@@ -67,7 +68,8 @@ class Painter:
     def close(self) -> None:
         if self.process is not None:
             self.process.kill()
-            self.process.communicate()
+            with whoever_reads():
+                self.process.communicate()
 
 
 @contextmanager
@@ -100,7 +102,7 @@ def _started(of: Painter, planned: int) -> subprocess.Popen[str]:
 
 def _tell(process: subprocess.Popen[str], line: str) -> None:
     assert process.stdin is not None
-    with suppress(OSError):  # it may have ended, which its end tells
+    with whoever_reads():  # its end tells where there is none
         process.stdin.write(line)
         process.stdin.flush()
 

@@ -23,6 +23,7 @@ from typing import IO
 
 from vkctl.basics.extras import check_installed
 from vkctl.basics.memory import available_gb
+from vkctl.basics.pipes import whoever_reads
 from vkctl.basics.words import printable
 
 from ..part import MeshOptions, Part, PartError, Reading, Told
@@ -119,11 +120,9 @@ class _Worker:
         finally:
             os.close(writing_end)
         assert self.process.stdin is not None
-        try:
+        with whoever_reads():  # where it ended at once its status tells
             self.process.stdin.write(json.dumps(self.job).encode() + b"\n")
             self.process.stdin.flush()
-        except BrokenPipeError:
-            pass  # it ended at once, which its status tells
         return self
 
     def __exit__(self, *_: object) -> None:
@@ -133,7 +132,8 @@ class _Worker:
         self.process.wait()
         for stream in (self.messages, self.process.stdin, self.process.stdout):
             if stream is not None:
-                stream.close()
+                with whoever_reads():
+                    stream.close()
 
     def allow(self, seconds: float) -> None:
         """End the process unless it is done, or allowed more, in so many seconds."""
