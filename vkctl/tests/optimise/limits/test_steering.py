@@ -69,7 +69,7 @@ def test_limits_of_two_load_cases_hold_and_one_is_used_up(tmp_path: Path) -> Non
     down, along = [row for row in read_weighed(done.directory) if row.step == len(done.rows)]
     assert down.value == pytest.approx(-moved.min(), rel=1e-5)
     assert along.value == pytest.approx(2 * pulled.mean(), rel=1e-3)
-    assert 0.95 < max(down.ratio, along.ratio) <= 1.0
+    assert 0.95 < max(down.ratio, along.ratio) < 1.005
     assert done.rows[-1].volume < 0.85
     assert [told.split(":")[0] for told in done.told] == [
         "displacement of tip in down",
