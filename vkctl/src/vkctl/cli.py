@@ -33,9 +33,11 @@ COMMANDS = {
     "ask": "Answer questions about solved load cases with numbers.",
     "report": "Write a report as one page, with the part in three dimensions.",
     "optimise": "Optimise the part for stiffness; started again, it goes on where it stopped.",
+    "verify-part": "Mesh the smooth part as a body, solve it, compare it with the optimised one.",
     "study": "Make variants of a case file and a table of results; started again, it goes on.",
 }
-_MODULES = {"import": "import_deck"}  # where the name is a word of Python
+# Where the name is a word of Python, or none that Python would take.
+_MODULES = {"import": "import_deck", "verify-part": "verify_part"}
 _CLASSES: dict[str, type[TyperCommand]] = {"run": SettleCommand, "ask": NumbersCommand}
 
 
@@ -43,7 +45,7 @@ def load(name: str) -> Any:
     """The command of a name, its module loaded."""
     module = import_module(f"{__package__}.commands.{_MODULES.get(name, name)}")
     alone = typer.Typer(add_completion=False)
-    function = getattr(module, f"{name}_command")
+    function = getattr(module, f"{name.replace('-', '_')}_command")
     alone.command(name, cls=_CLASSES.get(name))(declared(function))
     return typer.main.get_command(alone)
 

@@ -53,14 +53,13 @@ def export_command(
 
 def _part(directory: Path, smooth: bool) -> PartSurface:
     """The part; sets that an optimisation keeps stay as they are where it is made smooth."""
-    import numpy as np
+    if smooth:
+        from vkctl.optimise.as_body import smooth_part
 
-    from vkctl.optimise.history import read_state
+        return smooth_part(directory)
     from vkctl.view.part_file import part_of
 
-    state = read_state(directory) if smooth else None
-    keep = None if state is None else np.array(state.kept, np.int64)
-    return part_of(directory, smooth, keep)
+    return part_of(directory)
 
 
 def _values(part: PartSurface) -> dict[str, Any]:

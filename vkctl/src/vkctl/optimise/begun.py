@@ -138,7 +138,7 @@ def _begin(
         step=1,
         running=0,
         model=_model_digest(directory),
-        cases=_cases_digest(cases),
+        cases=cases_digest(cases),
         load_cases=taking_part,
         keep=list(settings.keep),
         kept=kept,
@@ -148,6 +148,7 @@ def _begin(
         target=None,
         mode=_mode_of_options(model),
         void=void,
+        case_file=str(Path(cases).absolute()),
     )
     largest = float(np.abs(model.tp).max())
     history.save_array(history.levels_file(directory, 1), model.tp / (largest or 1.0))
@@ -178,7 +179,7 @@ def _model_digest(directory: Path) -> str:
     return total.hexdigest()
 
 
-def _cases_digest(cases: PathLike) -> str:
+def cases_digest(cases: PathLike) -> str:
     """Of what the case file says about the model."""
     said = tomllib.loads(Path(cases).read_text(encoding="utf-8-sig"))
     said.pop("optimise", None)
@@ -186,7 +187,7 @@ def _cases_digest(cases: PathLike) -> str:
 
 
 def _refuse_other_inputs(cases: PathLike, directory: Path, state: State) -> None:
-    if _cases_digest(cases) != state.cases:
+    if cases_digest(cases) != state.cases:
         raise OptimiseError(
             f"{cases} has changed outside [optimise] since {directory} was prepared from it: "
             f"take the changes back, or remove {directory} to begin anew"
@@ -213,6 +214,7 @@ def _take_settings(
     weights = _weights(cases, settings, state.load_cases)
     if (settings.combine, weights) != (state.combine, state.weights):
         state.combine, state.weights, state.since = settings.combine, weights, state.step
+    state.case_file = str(Path(cases).absolute())
     history.write_state(directory, state)
 
 

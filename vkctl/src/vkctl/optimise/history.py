@@ -29,6 +29,7 @@ ANIMATION = "part.gif"
 
 _PREPARING = "preparing"  # there while the working directory is being written
 _NUMBERS = ("objective", "volume", "target", "change", "quality", "seconds")
+_TEXTS = ("model", "cases", "combine", "wishes", "case_file")
 _OF_THE_SOLVER = ("mode", "iterations", "solving")
 _ENERGY = "energy_"  # columns of the load cases' strain energies, by number
 
@@ -76,6 +77,7 @@ class State:
     mode: formats.Mode = "automatic"  # of the options file before the loop changed it
     void: list[int] = field(default_factory=list)  # node numbers that stay empty
     wishes: str = ""  # what the designer wished when the next step's levels were made
+    case_file: str = ""  # its absolute path
 
 
 def folder_of(directory: PathLike) -> Path:
@@ -157,7 +159,7 @@ def read_state(directory: PathLike) -> State | None:
         raise formats.FormatError(path, "it holds no state of an optimisation") from None
     if isinstance(said, dict):
         # Earlier versions didn't note these.
-        said = {"mode": "automatic", "void": [], "wishes": "", **said}
+        said = {"mode": "automatic", "void": [], "wishes": "", "case_file": "", **said}
     if not isinstance(said, dict) or not _is_state(said):
         raise formats.FormatError(path, "it holds no state of an optimisation")
     return State(**said)
@@ -171,7 +173,7 @@ def _is_state(said: dict[str, Any]) -> bool:
     return (
         all(type(said[name]) is int and said[name] >= 0 for name in ("step", "running", "since"))
         and 1 <= said["since"] <= said["step"]
-        and all(isinstance(said[name], str) for name in ("model", "cases", "combine", "wishes"))
+        and all(isinstance(said[name], str) for name in _TEXTS)
         and isinstance(said["mode"], str)
         and said["mode"] in formats.MODES
         and all(type(number) is int and 1 <= number < 2**31 for number in numbers)

@@ -58,7 +58,7 @@ def make_terms(
         nodes = _nodes(model, limit, radius)
         for case in _cases(model, limit, cases):
             name = _named(limit, case, model, [term.name for term in found])
-            own = limit.kind == "compliance" and _is_linear(model, case)
+            own = limit.kind == "compliance" and is_linear(model, case)
             found.append(Term(name, limit, case, nodes, own))
     return found
 
@@ -120,7 +120,7 @@ def _nodes_of_set(model: Model, name: str) -> Array:
     raise ValueError(f"no set is named {name!r}" + (f"; {hint}" if hint else ""))
 
 
-def _is_linear(model: Model, case: int) -> bool:
+def is_linear(model: Model, case: int) -> bool:
     """Whether nothing but nodal forces loads the part."""
     loaded = model.load_cases[case - 1]
     strained = any(material.initial_strain for material in model.materials)

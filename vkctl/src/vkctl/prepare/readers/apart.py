@@ -30,7 +30,7 @@ from ..part import MeshOptions, Part, PartError, Reading, Told
 from .channel import BrokenError, Message, receive, told_part
 from .geo_script import LONGEST_SCRIPT, harmless_script
 
-_GEOMETRY = (".step", ".stp", ".geo")
+_GEOMETRY = (".step", ".stp", ".geo", ".stl")  # the last of our own making
 _LIBRARIES = {**dict.fromkeys((".msh", *_GEOMETRY), "gmsh"), ".vtu": "vtkmodules"}
 _GB = 2.0**30
 _MB = 2.0**20

@@ -50,7 +50,7 @@ _COUNTED = 1e12  # a count above it is written with an exponent
 
 
 @contextmanager
-def _session(threads: int = 1) -> Iterator[ModuleType]:
+def session(threads: int = 1) -> Iterator[ModuleType]:
     """Gmsh with nothing of the user's configuration."""
     try:
         gmsh = need("gmsh")
@@ -67,7 +67,7 @@ def _session(threads: int = 1) -> Iterator[ModuleType]:
     yield gmsh
 
 
-def _failure(gmsh: ModuleType, title: str, error: Exception) -> PartError:
+def failure(gmsh: ModuleType, title: str, error: Exception) -> PartError:
     said = [line for line in gmsh.logger.get() if line.startswith("Error")]
     words = said[-1].partition(":")[2].strip() if said else str(error).strip()
     return PartError(f"{title}: Gmsh can't read or mesh it: {words or 'no reason given'}")
@@ -78,12 +78,12 @@ def read_msh(path: PathLike, title: str, cells: bool = False) -> Part:
 
     `cells` takes wedges, pyramids and hexahedra of 20 and 27 nodes too.
     """
-    with _session() as gmsh:
+    with session() as gmsh:
         try:
             gmsh.merge(str(path))
         except Exception as error:
-            raise _failure(gmsh, title, error) from None
-        part = _collect(gmsh, cells)
+            raise failure(gmsh, title, error) from None
+        part = collect(gmsh, cells)
         refuse_orders_mixed(gmsh, title)
         part.node_data = _views(gmsh, part.labels)
         return part
@@ -97,7 +97,7 @@ def mesh_geometry(
     Touching solids of a STEP file are glued: their common faces share nodes. How many elements
     there will be is told, and refused where they need more than `most_bytes`, unless that is 0.
     """
-    with _session(options.threads) as gmsh:
+    with session(options.threads) as gmsh:
         try:
             _load_geometry(gmsh, path, title)
             meshed = not len(gmsh.model.mesh.getElements(3)[0])  # a script may bring its mesh
@@ -106,8 +106,8 @@ def mesh_geometry(
         except PartError:
             raise
         except Exception as error:
-            raise _failure(gmsh, title, error) from None
-        part = _collect(gmsh, options.split)
+            raise failure(gmsh, title, error) from None
+        part = collect(gmsh, options.split)
         part.meshed = meshed
         return part
 
@@ -150,8 +150,8 @@ def _announce(
     extents = measured(gmsh)
     count = expected(extents, size, options)
     text = (
-        f"about {_rounded(count.elements)} elements of size {size:.3g} at most expected, "
-        f"{_memory(count.bytes)} of memory"
+        f"about {rounded(count.elements)} elements of size {size:.3g} at most expected, "
+        f"{memory_words(count.bytes)} of memory"
     )
     if not most_bytes or count.bytes <= most_bytes:
         tell("estimate", {"elements": count.elements, "text": text})
@@ -163,21 +163,21 @@ def _announce(
         else "no size would fit: lower per_circle in [mesh], or the sizes that the script gives"
     )
     raise PartError(
-        f"{title}: {text}, but {_memory(most_bytes)} are there for them; {way}, "
+        f"{title}: {text}, but {memory_words(most_bytes)} are there for them; {way}, "
         "and --no-limits meshes it all the same"
     )
 
 
-def _rounded(count: float) -> str:
+def rounded(count: float) -> str:
     """Two digits, since it is a guess."""
     return f"{float(f'{count:.2g}'):,.0f}" if count < _COUNTED else f"{count:.1e}"
 
 
-def _memory(size: float) -> str:
+def memory_words(size: float) -> str:
     return f"{size / 2**30:.2g} GB" if size < 1e4 * 2**30 else f"{size / 2**30:.1e} GB"
 
 
-def _collect(gmsh: ModuleType, cells: bool) -> Part:
+def collect(gmsh: ModuleType, cells: bool) -> Part:
     labels, points, _ = gmsh.model.mesh.getNodes(returnParametricCoord=False)
     part = Part(np.asarray(labels, np.int64), np.reshape(points, (-1, 3)), [])
     names = _set_names(gmsh)

@@ -26,3 +26,10 @@ def read_part(
         raise PartError(f"{path}: no such file")
     check_head(path, ending)
     return read_apart(place, ending, options or MeshOptions(), reading or Reading())
+
+
+def mesh_within(
+    surface: PathLike, options: MeshOptions | None = None, reading: Reading | None = None
+) -> Part:
+    """The body within a closed surface that vkctl has written as .stl. Raises PartError."""
+    return read_apart(Path(surface), ".stl", options or MeshOptions(), reading or Reading())

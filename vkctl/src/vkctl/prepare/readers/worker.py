@@ -62,10 +62,12 @@ def _read(stream: IO[bytes], job: dict[str, Any]) -> Part:
 
         return read_vtu(path, title, limits=job["limits"], cells=options.split)
     from .gmsh import mesh_geometry, read_msh
+    from .surface import mesh_surface
 
     if ending == ".msh":
         return read_msh(path, title, cells=options.split)
-    return mesh_geometry(
+    mesh = mesh_surface if ending == ".stl" else mesh_geometry
+    return mesh(
         path,
         title,
         options,

@@ -1,0 +1,241 @@
+"""The optimised part as a body of its own: what is compared, and what is refused."""
+
+from __future__ import annotations
+
+import json
+import re
+import shutil
+from pathlib import Path
+
+import numpy as np
+import pytest
+from small_loops import VK_RUND, script, write_small
+from typer.testing import CliRunner
+
+from vkctl.cli import app
+from vkctl.directory.model import Material, Model
+from vkctl.directory.results import read_results
+from vkctl.optimise import as_body, optimise
+from vkctl.optimise.as_body import BodyError, Verified, verify_part
+from vkctl.optimise.limits.aggregates import nodal_forces
+from vkctl.prepare.build import new
+from vkctl.prepare.part import MeshOptions, PartError
+from vkctl.prepare.readers.registry import mesh_within
+from vkctl.running.run import run
+from vkctl.shapes import shells
+from vkctl.shapes.boxes import box
+from vkctl.shapes.topology import TET10
+from vkctl.view.grid import mesh_grid
+from vkctl.view.part_file import PartSurface, write_part
+
+PRESSED = """
+[face_sets.top]
+where = "y > 5.99"
+
+[loads.press]
+type = "pressure"
+set = "top"
+value = 0.1
+
+[[load_case]]
+name = "pressed"
+loads = ["press"]
+"""
+SETTINGS = "volume = 0.6\nsteps = 6\nreduction = 0.15\nkeep = ['tip']\n"
+
+
+@pytest.fixture(scope="module")
+def loop(tmp_path_factory: pytest.TempPathFactory) -> Path:
+    """A directory `work` with some steps of a loop, and its case file beside it."""
+    folder = tmp_path_factory.mktemp("part")
+    optimise(write_small(folder, SETTINGS), folder / "work", vk_rund=VK_RUND)
+    return folder
+
+
+@pytest.fixture(scope="module")
+def verified(loop: Path) -> Verified:
+    return verify_part(loop / "work", vk_rund=VK_RUND, keep=loop / "kept")
+
+
+def command(*words: object) -> tuple[int, str, str]:
+    result = CliRunner().invoke(app, ["verify-part", *map(str, words), "--vk-rund", str(VK_RUND)])
+    return result.exit_code, result.stdout, result.stderr
+
+
+def files_of(folder: Path) -> dict[str, bytes]:
+    return {str(p): p.read_bytes() for p in sorted(folder.rglob("*")) if p.is_file()}
+
+
+def boxes(*spans: tuple[float, float, bool]) -> PartSurface:
+    """Cubes from one coordinate to another in all directions, walls of a cavity where told."""
+    corners = np.array([[i & 1, i >> 1 & 1, i >> 2] for i in range(8)], float)
+    quads = [[0, 2, 3, 1], [4, 5, 7, 6], [0, 1, 5, 4], [2, 6, 7, 3], [0, 4, 6, 2], [1, 3, 7, 5]]
+    sides = np.array([[a, b, c] for a, b, c, _ in quads] + [[a, c, d] for a, _, c, d in quads])
+    points, triangles = [], []
+    for k, (low, high, cavity) in enumerate(spans):
+        points.append(low + (high - low) * corners)
+        triangles.append((sides[:, ::-1] if cavity else sides) + 8 * k)
+    whole, all_sides = np.concatenate(points), np.concatenate(triangles)
+    volume = shells.enclosed(whole, all_sides)
+    return PartSurface(all_sides, whole, 1, volume, volume, 1.0, 1.0, 0.0)
+
+
+def volume_of(surface: PartSurface, folder: Path, size: float) -> float:
+    write_part(surface, folder / "part.stl", folder)
+    part = mesh_within(folder / "part.stl", MeshOptions(size=size))
+    place = np.zeros(part.labels.max() + 1, np.int64)
+    place[part.labels] = np.arange(len(part.labels))
+    assert {code for code, _, _ in part.solids} == {TET10}
+    rows = np.concatenate([rows for _, _, rows in part.solids])
+    corners = part.points[place[rows[:, :4]]]
+    return float(np.linalg.det(corners[:, 1:] - corners[:, :1]).sum()) / 6
+
+
+def of_tetrahedra(folder: Path, cases: Path) -> float:
+    """Compliance of the plate from cubes of six 10-node tetrahedra, all of it material."""
+    plate = box("tet10", (12, 6, 1), (12.0, 6.0, 1.0))
+    whole = Model(plate.nodes, plate.elements, [Material.isotropic(1.0, 0.3)])
+    mesh_grid(whole).save(folder / "tetrahedra.vtu")
+    made = new(folder / "tetrahedra.vtu", cases, folder / "tetrahedra").model
+    assert run(folder / "tetrahedra", vk_rund=VK_RUND, mode="direct").ok
+    moved = read_results(folder / "tetrahedra", 1).displacements
+    assert moved is not None
+    return float((nodal_forces(made, 1) * moved).sum())
+
+
+def test_the_body_of_a_full_design_is_the_design(tmp_path: Path) -> None:
+    cases = write_small(tmp_path, "steps = 1\n")
+    optimise(cases, tmp_path / "work", vk_rund=VK_RUND)
+    found = verify_part(tmp_path / "work", vk_rund=VK_RUND)
+    assert found.body_volume == pytest.approx(72.0, rel=1e-5)
+    assert found.part_volume == pytest.approx(72.0, rel=1e-5)
+    (case,) = found.cases
+    assert case.body.forces == pytest.approx((0.0, -1.0, 0.0), abs=1e-6)
+    # What is left is the error of meshes: another one of 10-node tetrahedra carries as the body.
+    assert case.body.compliance == pytest.approx(of_tetrahedra(tmp_path, cases), rel=0.01)
+    assert (
+        case.measure == "compliance" and case.ratio == case.body.compliance / case.part.compliance
+    )
+
+
+def test_the_body_has_the_volume_of_the_smooth_surface(loop: Path, verified: Verified) -> None:
+    surface = as_body.smooth_part(loop / "work")
+    assert verified.body_volume == pytest.approx(surface.volume, rel=1e-4)
+    assert 100 < verified.elements < 3000
+
+
+def test_a_load_on_a_face_that_is_partly_gone_is_told(verified: Verified, tmp_path: Path) -> None:
+    (down,) = verified.cases
+    assert down.body.forces == pytest.approx(down.part.forces, abs=1e-6) and not verified.notes
+    optimise(write_small(tmp_path, SETTINGS, PRESSED), tmp_path / "work", vk_rund=VK_RUND)
+    found = verify_part(tmp_path / "work", vk_rund=VK_RUND)
+    (pressed,) = found.cases
+    assert pressed.part.forces[1] == pytest.approx(-1.2, rel=1e-5)
+    assert -1.18 < pressed.body.forces[1] < 0
+    (note,) = found.notes
+    assert "pressed: the forces on the part add up to (0, -1.2, 0), on the body to (0, -" in note
+
+
+def test_the_body_is_kept_as_a_directory_that_commands_take(verified: Verified) -> None:
+    assert verified.kept is not None
+    result = CliRunner().invoke(app, ["summary", str(verified.kept)])
+    assert result.exit_code == 0 and (verified.kept / "part.stl").stat().st_size > 84
+
+
+def test_the_status_tells_whether_it_is_within_the_tolerance(loop: Path) -> None:
+    before = files_of(loop / "work")
+    status, out, _ = command(loop / "work", "--tolerance", "0.9")
+    assert status == 0 and "down" in out and "within the tolerance of 90 %" in out
+    status, out, _ = command(loop / "work", "--tolerance", "1e-6", "--json")
+    said = json.loads(out)
+    assert status == 3 and said["within"] is False and len(said["cases"]) == 1
+    assert said["cases"][0]["ratio"] == pytest.approx(
+        said["cases"][0]["body"]["compliance"] / said["cases"][0]["part"]["compliance"]
+    )
+    assert files_of(loop / "work") == before
+
+
+@pytest.mark.parametrize(
+    ("change", "sentence"),
+    [
+        (lambda cases: cases.unlink(), "is gone: name it with --cases"),
+        (lambda cases: cases.write_text(cases.read_text() + "\n"), None),
+        (
+            lambda cases: cases.write_text(cases.read_text().replace("nu = 0.3", "nu = 0.2")),
+            "isn't what",
+        ),
+    ],
+)
+def test_the_case_file_has_to_be_the_one_of_the_part(loop, verified, tmp_path, change, sentence):
+    shutil.copytree(loop, tmp_path / "copy")
+    cases = tmp_path / "copy" / "cases.toml"
+    state = tmp_path / "copy" / "work" / "optimise" / "state.json"
+    state.write_text(state.read_text().replace(str(loop / "cases.toml"), str(cases)))
+    change(cases)
+    status, _, told = command(tmp_path / "copy" / "work", "--tolerance", "0.9")
+    assert (status, told.count("\n")) == (2, 1) if sentence else status == 0
+    assert sentence is None or sentence in told
+
+
+def test_mistakes_are_refused_in_a_sentence(loop: Path, verified: Verified, tmp_path: Path) -> None:
+    for words, sentence in (
+        ((tmp_path,), "holds no model"),
+        ((loop / "work", "--size", "0"), "a size of 0 is no length"),
+        ((loop / "work", "--tolerance", "-1"), "a tolerance of -1 is no share"),
+        ((loop / "work", "--keep", verified.kept), "isn't empty"),
+    ):
+        status, _, told = command(*words)
+        assert (status, told.count("\n")) == (2, 1) and sentence in told
+
+
+def test_what_only_the_parts_own_file_names_is_refused(loop: Path, tmp_path: Path) -> None:
+    for wall, sentence in (
+        ("labels = [1, 2]", "set 'wall' has labels of the part's file"),
+        ("from = 'surface:1'", "no set 'surface:1'"),
+    ):
+        cases = tmp_path / "cases.toml"
+        text = (loop / "cases.toml").read_text()
+        cases.write_text(text.replace('where = "x < 0.01"', wall))
+        shutil.rmtree(tmp_path / "work", ignore_errors=True)
+        shutil.copytree(loop / "work", tmp_path / "work")
+        shutil.rmtree(tmp_path / "work" / "optimise")
+        with pytest.raises(BodyError, match=re.escape(sentence)):
+            verify_part(tmp_path / "work", cases, vk_rund=VK_RUND)
+
+
+def test_a_step_that_was_broken_off_is_refused(loop: Path, tmp_path: Path) -> None:
+    shutil.copytree(loop / "work", tmp_path / "work")
+    state = tmp_path / "work" / "optimise" / "state.json"
+    said = json.loads(state.read_text())
+    state.write_text(json.dumps({**said, "running": said["step"]}))
+    with pytest.raises(BodyError, match="ended within a step: start it again"):
+        verify_part(tmp_path / "work", vk_rund=VK_RUND)
+
+
+def test_a_solver_that_fails_gives_its_status(loop: Path, tmp_path: Path) -> None:
+    failing = script(tmp_path / "vk_rund", "exit 7")
+    words = ["verify-part", str(loop / "work"), "--vk-rund", str(failing)]
+    result = CliRunner().invoke(app, words)
+    assert result.exit_code == 7 and "the body can't be solved" in result.stderr
+
+
+def test_a_surface_that_cuts_itself_is_refused_in_a_sentence(loop, monkeypatch):
+    crossing = boxes((0.0, 1.0, False))
+    crossing.points[0] = (0.5, 0.5, 1.5)  # a lower corner, through the upper face
+    monkeypatch.setattr(as_body, "smooth_part", lambda directory: crossing)
+    status, _, told = command(loop / "work")
+    assert status == 2 and told.startswith("about ")
+    (refused,) = told.splitlines()[1:]
+    assert refused.startswith("the part's surface can't be meshed as a body: ")
+
+
+def test_cavities_stay_empty_and_bodies_apart_are_filled(tmp_path: Path) -> None:
+    hollow = boxes((0.0, 3.0, False), (1.0, 2.0, True))
+    assert volume_of(hollow, tmp_path, 1.0) == pytest.approx(26.0, rel=1e-5)
+    two = boxes((0.0, 1.0, False), (2.0, 3.0, False))
+    assert volume_of(two, tmp_path, 1.0) == pytest.approx(2.0, rel=1e-5)
+
+
+def test_a_body_that_takes_more_memory_than_there_is_is_not_begun(tmp_path: Path) -> None:
+    with pytest.raises(PartError, match="take a larger size"):
+        volume_of(boxes((0.0, 1.0, False)), tmp_path, 1e-4)
