@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import csv
 from pathlib import Path
+from typing import Any
 
 import numpy as np
 import pytest
@@ -11,6 +12,7 @@ from other_holder import other_holder
 from PIL import Image
 
 from vkctl.optimise import history
+from vkctl.optimise.history import HistoryRow
 
 ROOT = Path(__file__).resolve().parents[3]
 
@@ -34,6 +36,20 @@ def test_the_chart_is_not_blank(drawn: tuple[Path, str]) -> None:
         pixels = np.asarray(picture.convert("RGB")).reshape(-1, 3)
     blue = (pixels == (31, 119, 180)).all(axis=1)  # the objective's line
     assert blue.sum() > 200 and (pixels == 255).all(axis=1).mean() < 0.99
+
+
+def test_the_chart_of_the_least_mass_shows_energies_and_the_volume_once(
+    tmp_path: Path, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    rows = [
+        HistoryRow(step, volume, volume, volume, 0.1, 1.0, 1.0, {1: 2.0 / volume})
+        for step, volume in ((1, 1.0), (2, 0.8))
+    ]
+    axes: list[Any] = []
+    monkeypatch.setattr(history, "write_figure", lambda figure, *_: axes.extend(figure.axes))
+    history.draw_history(rows, tmp_path / "chart.png", ["pulled"])
+    left, right = [[line.get_ydata().tolist() for line in one.lines] for one in axes]
+    assert left == [[2.0, 2.5]] and right == [[1.0, 0.8]]
 
 
 def test_the_lock_is_no_file_that_could_be_a_link(tmp_path: Path) -> None:

@@ -242,15 +242,18 @@ def draw_history(
 ) -> None:
     """Chart of objective, strain energies and volume over the steps.
 
-    `names` are those of the load cases, `unit` that of the energies.
+    An objective that is the volume is drawn as that alone. `names` are those of the load cases,
+    `unit` that of the energies.
     """
     need("matplotlib").use("Agg")
     pyplot = need("matplotlib.pyplot")
 
     figure, left = pyplot.subplots(figsize=(8, 4.5), layout="constrained")
     steps = [row.step for row in rows]
-    left.plot(steps, [row.objective for row in rows], color="tab:blue", label="objective")
-    if len(rows[-1].energies) > 1:
+    of_energy = any(row.objective != row.volume for row in rows)
+    if of_energy:
+        left.plot(steps, [row.objective for row in rows], color="tab:blue", label="objective")
+    if len(rows[-1].energies) > 1 or not of_energy:
         for k, number in enumerate(rows[-1].energies, 1):
             values = [row.energies[number] for row in rows]
             left.plot(steps, values, color=f"C{k}", linewidth=0.8, label=titled(number, names))
