@@ -38,6 +38,7 @@ def test_a_study_ends_with_its_table_and_picture(tmp_path: Path) -> None:
     assert names == {"study.json", "journal.jsonl", "variants", *written.split(", ")}
 
 
+@pytest.mark.thorough
 def test_failures_are_told_and_make_the_status_one(tmp_path: Path) -> None:
     told = call(write_study(tmp_path, FAILING), tmp_path / "out", "--jobs", "1", "--no-pictures")
     assert told.exit_code == 1
@@ -47,6 +48,7 @@ def test_failures_are_told_and_make_the_status_one(tmp_path: Path) -> None:
     assert Counter(row["status"] for row in rows(tmp_path / "out")) == {"done": 2, "failed": 2}
 
 
+@pytest.mark.thorough
 def test_a_study_is_told_to_programs(tmp_path: Path) -> None:
     told = call(write_study(tmp_path), tmp_path / "out", "--json", "--no-pictures")
     values = json.loads(told.output)
@@ -59,6 +61,7 @@ def test_a_study_is_told_to_programs(tmp_path: Path) -> None:
     assert not (tmp_path / "out" / "results.png").exists()
 
 
+@pytest.mark.thorough
 def test_a_dry_run_tells_what_would_be_done(tmp_path: Path) -> None:
     told = call(
         write_study(tmp_path), tmp_path / "out", "--dry-run", "--jobs", "3", "--threads", "1"
@@ -71,6 +74,7 @@ def test_a_dry_run_tells_what_would_be_done(tmp_path: Path) -> None:
     assert not (tmp_path / "out").exists()
 
 
+@pytest.mark.thorough
 def test_a_changed_study_is_refused(tmp_path: Path) -> None:
     path, out = write_study(tmp_path), tmp_path / "out"
     assert call(path, out, "--no-pictures").exit_code == 0
@@ -81,6 +85,7 @@ def test_a_changed_study_is_refused(tmp_path: Path) -> None:
     assert [row["force"] for row in rows(out)] == ["-1.0", "-1.0", "-3.0", "-3.0"]
 
 
+@pytest.mark.thorough
 @pytest.mark.parametrize(
     ("text", "words"),
     [
@@ -96,6 +101,7 @@ def test_mistakes_are_refused_with_nothing_begun(tmp_path: Path, text: str, word
     assert not (tmp_path / "out").exists()
 
 
+@pytest.mark.thorough
 def test_a_missing_study_file_or_case_file_is_refused(tmp_path: Path) -> None:
     path = write_study(tmp_path)
     told = call(tmp_path / "other.toml", tmp_path / "out")
@@ -105,11 +111,13 @@ def test_a_missing_study_file_or_case_file_is_refused(tmp_path: Path) -> None:
     assert told.exit_code == 2 and "cases.toml: can't be read: there is no such file" in told.output
 
 
+@pytest.mark.thorough
 def test_without_a_solver_the_status_is_that_of_a_shell(tmp_path: Path) -> None:
     arguments = ["study", str(write_study(tmp_path)), str(tmp_path / "out"), "--vk-rund", "nothing"]
     assert CliRunner().invoke(app, arguments).exit_code == 127
 
 
+@pytest.mark.thorough
 def test_without_duckdb_the_table_is_text_alone(
     tmp_path: Path, monkeypatch: pytest.MonkeyPatch
 ) -> None:
@@ -123,12 +131,14 @@ def test_without_duckdb_the_table_is_text_alone(
     assert "duckdb" in extras._PARTS
 
 
+@pytest.mark.thorough
 def test_progress_is_told_in_a_line() -> None:
     progress = Progress(1000, 2, Counter(done=117, failed=3), 72.0, 500.0)
     line = "120 of 1000 variants, 3 failed, 2 at a time, 1:12 min, about 8:20 min left"
     assert progress_line(progress) == line
 
 
+@pytest.mark.thorough
 def test_a_terminal_sees_failures_above_the_line() -> None:
     console = Console(width=100, record=True, file=open(os.devnull, "w"), force_terminal=True)
     with shown(console) as show:

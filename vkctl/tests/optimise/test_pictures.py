@@ -116,6 +116,7 @@ def test_meanwhile_finished_steps_are_drawn_that_the_loop_will_show(undrawn: Pat
     assert painter.wanted(undrawn, 5, 3) == [1, 2]
 
 
+@pytest.mark.thorough
 def test_a_process_that_draws_may_be_killed_and_still_there_are_pictures(undrawn: Path) -> None:
     with beside.painter(undrawn) as drawing:
         drawing.finished(1, 5)

@@ -152,6 +152,7 @@ def test_a_script_that_goes_on_for_ever_is_ended(
     assert "takes longer than it should; --no-limits" in refusal(tmp_path / "part.geo")
 
 
+@pytest.mark.thorough
 def test_a_script_that_takes_all_memory_is_ended(
     tmp_path: Path, monkeypatch: pytest.MonkeyPatch
 ) -> None:

@@ -263,6 +263,7 @@ def test_a_poor_solution_is_not_taken_for_a_settled_one(tmp_path) -> None:
     assert shown.exit_code == 3 and "too poor to leave a start vector" in shown.stdout
 
 
+@pytest.mark.thorough
 def test_rounds_killed_at_any_file_operation_go_on_as_if_nothing_had_happened(tmp_path) -> None:
     def make(folder: Path) -> Path:
         bar(folder, [yielding(0.9)], 15.0)

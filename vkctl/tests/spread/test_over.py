@@ -35,6 +35,7 @@ def place(processes: Processes) -> Iterator[Place]:
         yield found
 
 
+@pytest.mark.thorough
 def test_every_unit_comes_back_once_with_the_worker_that_did_it(place):
     units = [Unit(str(n), (n, "", "")) for n in range(20)]
     done = list(over(place, square, units))
@@ -43,6 +44,7 @@ def test_every_unit_comes_back_once_with_the_worker_that_did_it(place):
     assert all(d.ok and d.worker == d.value[1] and d.starts == 1 for d in done)
 
 
+@pytest.mark.thorough
 def test_a_worker_tells_its_declared_cores_and_memory(place):
     units = [Unit(str(n), (n, "", "")) for n in range(12)]
     told = {d.value[1]: d.value[2:] for d in over(place, square, units)}
@@ -50,11 +52,13 @@ def test_a_worker_tells_its_declared_cores_and_memory(place):
     assert told and all(told[name] == known[name] for name in told)
 
 
+@pytest.mark.thorough
 def test_a_unit_goes_only_where_its_memory_is(place):
     units = [Unit(str(n), (n, "", ""), memory_gb=3.0) for n in range(8)]
     assert {d.worker for d in over(place, square, units)} == {"bee"}
 
 
+@pytest.mark.thorough
 def test_an_error_of_the_function_ends_its_unit_alone(place):
     units = [Unit(str(n), (n, "wrong" if n == 1 else "", "")) for n in range(4)]
     done = {d.unit.key: d for d in over(place, square, units)}
@@ -62,6 +66,7 @@ def test_an_error_of_the_function_ends_its_unit_alone(place):
     assert [done[key].ok for key in "0123"] == [True, False, True, True]
 
 
+@pytest.mark.thorough
 def test_a_unit_whose_worker_dies_is_begun_again_and_the_user_told(place, tmp_path):
     units = [Unit(str(n), (n, "", "")) for n in range(4)]
     units.append(Unit("deadly", (7, "die once", str(tmp_path / "mark"))))
@@ -73,6 +78,7 @@ def test_a_unit_whose_worker_dies_is_begun_again_and_the_user_told(place, tmp_pa
     assert [e.text for e in repeated] == ["the worker has died"]
 
 
+@pytest.mark.thorough
 def test_a_unit_that_kills_every_worker_is_given_up_and_the_others_are_done(place):
     units = [Unit("deadly", (7, "die", "")), *(Unit(str(n), (n, "", "")) for n in range(6))]
     done = {d.unit.key: d for d in over(place, square, units, most_starts=2)}
@@ -80,6 +86,7 @@ def test_a_unit_that_kills_every_worker_is_given_up_and_the_others_are_done(plac
     assert len(done) == 7 and all(done[str(n)].ok for n in range(6))
 
 
+@pytest.mark.thorough
 def test_a_worker_that_turns_a_unit_away_is_avoided(place, tmp_path):
     awaited(lambda: len(place.workers()) == 2)
     units = [Unit("moving", (5, "elsewhere once", str(tmp_path / "mark")))]
@@ -90,12 +97,14 @@ def test_a_worker_that_turns_a_unit_away_is_avoided(place, tmp_path):
     assert done.value[0] == 25 and done.worker != repeated.worker and done.starts == 2
 
 
+@pytest.mark.thorough
 def test_a_unit_that_all_workers_turn_away_fails_with_the_reason(place):
     awaited(lambda: len(place.workers()) == 2)
     (done,) = over(place, square, [Unit("homeless", (5, "elsewhere", ""))])
     assert done.failure == f"{done.worker} is no good" and done.starts == 2
 
 
+@pytest.mark.thorough
 def test_what_a_unit_lacks_is_supplied_once(place, tmp_path):
     asked = []
 
@@ -108,6 +117,7 @@ def test_what_a_unit_lacks_is_supplied_once(place, tmp_path):
     assert done.value[0] == 36 and asked == [("hungry", ("a file",))] and done.starts == 1
 
 
+@pytest.mark.thorough
 def test_what_is_on_the_way_is_called_off_when_the_caller_leaves(place, tmp_path):
     mark = tmp_path / "mark"
     units = [Unit("slow", (1, "slow", str(mark))), Unit("quick", (2, "", ""))]
@@ -159,7 +169,6 @@ def _silent() -> Iterator[int]:
         yield listening.getsockname()[1]
 
 
-@pytest.mark.thorough
 def test_nobody_at_an_address_is_told_within_ten_seconds():
     with _silent() as port:
         for address in (f"tcp://127.0.0.1:{port}", "tcp://127.0.0.1:9"):
@@ -170,6 +179,7 @@ def test_nobody_at_an_address_is_told_within_ten_seconds():
             assert time.monotonic() - begun < 30  # ten on a machine that isn't busy
 
 
+@pytest.mark.thorough
 @pytest.mark.parametrize(
     ("text", "words"),
     [

@@ -69,6 +69,7 @@ def test_each_variant_has_a_row_with_its_parameters_and_results(made: Path) -> N
     assert all(float(row["seconds"]) > 0 and row["message"] == "" for row in found)
 
 
+@pytest.mark.thorough
 def test_results_scale_with_the_force_and_the_modulus_as_they_must(made: Path) -> None:
     energy = [float(row["energy"]) for row in rows(made)]
     # Of a linear part: force squared over modulus, in single precision.
@@ -77,6 +78,7 @@ def test_results_scale_with_the_force_and_the_modulus_as_they_must(made: Path) -
     assert energy[3] == pytest.approx(2 * energy[0], rel=1e-5)
 
 
+@pytest.mark.thorough
 def test_a_kept_directory_holds_the_case_file_that_makes_it_again(
     made: Path, tmp_path: Path
 ) -> None:
@@ -87,6 +89,7 @@ def test_a_kept_directory_holds_the_case_file_that_makes_it_again(
     assert energy == pytest.approx(float(rows(made)[2]["energy"]), rel=1e-6)
 
 
+@pytest.mark.thorough
 def test_started_again_it_does_nothing_twice(made: Path) -> None:
     before = (made / "journal.jsonl").read_bytes()
 
@@ -100,6 +103,7 @@ def test_started_again_it_does_nothing_twice(made: Path) -> None:
     assert (made / "journal.jsonl").read_bytes() == before
 
 
+@pytest.mark.thorough
 def test_a_variant_that_fails_has_a_row_with_the_reason(tmp_path: Path) -> None:
     text = PARAMETERS.replace("range = [1.0, 2.0, 2]", "values = [1.0, -1.0]") + RESULTS
     done = study(write_study(tmp_path, text), tmp_path / "out", vk_rund=VK_RUND, jobs=1)
@@ -110,6 +114,7 @@ def test_a_variant_that_fails_has_a_row_with_the_reason(tmp_path: Path) -> None:
     assert directories(tmp_path / "out") == ["0002", "0004"]
 
 
+@pytest.mark.thorough
 def test_a_solver_that_fails_is_told_in_every_row(tmp_path: Path) -> None:
     program = script(tmp_path / "program", "exit 242")
     done = study(write_study(tmp_path), tmp_path / "out", vk_rund=program, jobs=1)
@@ -117,6 +122,7 @@ def test_a_solver_that_fails_is_told_in_every_row(tmp_path: Path) -> None:
     assert all("error" in str(row["message"]) for row in done.rows)
 
 
+@pytest.mark.thorough
 def test_failed_variants_are_repeated_on_request(tmp_path: Path) -> None:
     path, out = write_study(tmp_path), tmp_path / "out"
     study(path, out, vk_rund=script(tmp_path / "program", "exit 242"), jobs=1)
@@ -124,6 +130,7 @@ def test_failed_variants_are_repeated_on_request(tmp_path: Path) -> None:
     assert {row["status"] for row in make(path, out, retry=True)} == {"done"}
 
 
+@pytest.mark.thorough
 def test_a_solver_that_something_kills_is_started_again(tmp_path: Path) -> None:
     mark = tmp_path / "mark"
     text = f'if [ ! -e {mark} ]; then touch {mark}; kill -9 $$; fi\nexec $real "$@"'
@@ -133,12 +140,14 @@ def test_a_solver_that_something_kills_is_started_again(tmp_path: Path) -> None:
     assert {row["status"] for row in found.rows} == {"done"} and mark.exists()
 
 
+@pytest.mark.thorough
 def test_the_best_directories_are_kept(tmp_path: Path) -> None:
     head = 'keep = { best = 2, by = "energy", order = "largest" }'
     study(write_study(tmp_path, head=head), tmp_path / "out", vk_rund=VK_RUND, dispatch=in_turn)
     assert directories(tmp_path / "out") == ["0003", "0004"]
 
 
+@pytest.mark.thorough
 @pytest.mark.parametrize("deed", ["settle", "optimise"])
 def test_a_variant_may_be_settled_or_optimised(tmp_path: Path, deed: str) -> None:
     results = '[results.energy]\nvalue = "strain_energy"\nover = "sum"\n'
@@ -165,6 +174,7 @@ def refused(path: Path, out: Path, **options) -> str:
     return str(caught.value)
 
 
+@pytest.mark.thorough
 @pytest.mark.parametrize(
     ("change", "what"),
     [
@@ -192,6 +202,7 @@ def test_a_changed_study_is_refused_and_begun_anew_on_request(
     assert len(study(path, out, vk_rund=VK_RUND, dispatch=instantly, again=True).rows) == 4
 
 
+@pytest.mark.thorough
 def test_a_changed_comment_or_choice_of_what_is_kept_changes_nothing(tmp_path: Path) -> None:
     path, out = write_study(tmp_path, head='keep = "all"'), tmp_path / "out"
     study(path, out, vk_rund=VK_RUND, dispatch=instantly)
@@ -199,6 +210,7 @@ def test_a_changed_comment_or_choice_of_what_is_kept_changes_nothing(tmp_path: P
     assert len(study(path, out, vk_rund=VK_RUND, dispatch=instantly).rows) == 4
 
 
+@pytest.mark.thorough
 def test_a_changed_part_is_noticed(tmp_path: Path) -> None:
     path, out = write_study(tmp_path), tmp_path / "out"
     study(path, out, vk_rund=VK_RUND, dispatch=instantly)
@@ -207,6 +219,7 @@ def test_a_changed_part_is_noticed(tmp_path: Path) -> None:
     assert refused(path, out).startswith("the part changed")
 
 
+@pytest.mark.thorough
 def test_nothing_is_begun_where_a_reported_set_is_not_there(tmp_path: Path) -> None:
     path = write_study(tmp_path, PARAMETERS + RESULTS + 'set = "tipp"\n')
     words = refused(path, tmp_path / "out")
@@ -214,11 +227,13 @@ def test_nothing_is_begun_where_a_reported_set_is_not_there(tmp_path: Path) -> N
     assert not (tmp_path / "out").exists()
 
 
+@pytest.mark.thorough
 def test_nothing_is_begun_without_a_solver(tmp_path: Path) -> None:
     assert "no program" in refused(write_study(tmp_path), tmp_path / "out", vk_rund=tmp_path / "x")
     assert not (tmp_path / "out").exists()
 
 
+@pytest.mark.thorough
 def test_a_folder_of_something_else_is_left_alone(tmp_path: Path) -> None:
     path, out = write_study(tmp_path), tmp_path / "out"
     out.mkdir()
@@ -229,6 +244,7 @@ def test_a_folder_of_something_else_is_left_alone(tmp_path: Path) -> None:
     assert "is a file" in refused(path, out / "letter.txt")
 
 
+@pytest.mark.thorough
 def test_another_study_on_the_folder_is_refused(tmp_path: Path) -> None:
     path, out = write_study(tmp_path), tmp_path / "out"
     words = []
@@ -240,6 +256,7 @@ def test_another_study_on_the_folder_is_refused(tmp_path: Path) -> None:
     assert words and all("another study works on" in text for text in words)
 
 
+@pytest.mark.thorough
 @pytest.mark.parametrize(
     ("name", "content"),
     [
@@ -262,6 +279,7 @@ def test_damaged_files_are_refused(tmp_path: Path, name: str, content: bytes) ->
 # --- what is told beforehand --------------------------------------------------------------------
 
 
+@pytest.mark.thorough
 def test_a_dry_run_tells_sizes_and_writes_nothing(tmp_path: Path) -> None:
     path = write_study(tmp_path)
     found = planned(path, tmp_path / "out", jobs=2)
@@ -270,6 +288,7 @@ def test_a_dry_run_tells_sizes_and_writes_nothing(tmp_path: Path) -> None:
     assert not (tmp_path / "out").exists()
 
 
+@pytest.mark.thorough
 def test_the_size_that_is_told_is_that_of_a_solved_directory(made: Path) -> None:
     found = planned(made.parent / "study.toml", made)
     directory = made / "variants" / "0001"
@@ -281,6 +300,7 @@ def test_the_size_that_is_told_is_that_of_a_solved_directory(made: Path) -> None
 # --- kills --------------------------------------------------------------------------------------
 
 
+@pytest.mark.thorough
 def test_a_study_that_is_killed_before_any_file_operation_goes_on(
     tmp_path: Path, monkeypatch: pytest.MonkeyPatch
 ) -> None:
@@ -306,6 +326,7 @@ def test_a_study_that_is_killed_before_any_file_operation_goes_on(
     assert number > 10
 
 
+@pytest.mark.thorough
 def test_a_journal_that_is_cut_anywhere_is_gone_on_with(tmp_path: Path) -> None:
     path, out = write_study(tmp_path), tmp_path / "out"
     study(path, out, vk_rund=VK_RUND, dispatch=instantly)
@@ -339,6 +360,7 @@ def test_a_variant_that_is_killed_before_any_file_operation_goes_on(tmp_path: Pa
     assert number > 15
 
 
+@pytest.mark.thorough
 def test_the_journal_is_what_was_solved(made: Path) -> None:
     lines = (made / "journal.jsonl").read_text().splitlines()
     assert sorted(json.loads(line)["number"] for line in lines) == [1, 2, 3, 4]

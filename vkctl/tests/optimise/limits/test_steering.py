@@ -41,6 +41,7 @@ def run_small(folder: Path, settings: str, load_cases: str = ONE_CASE, **more) -
     return optimise(cases, folder / "d", vk_rund=VK_RUND, **more)
 
 
+@pytest.mark.thorough
 def test_the_least_mass_of_a_compliance_is_the_volume_whose_stiffest_part_has_it(
     tmp_path: Path,
 ) -> None:
@@ -82,6 +83,7 @@ def test_a_limit_that_all_material_cannot_meet_is_told(tmp_path: Path) -> None:
         run_small(tmp_path, f"{MASS}compliance = [{{ at_most = 1.0 }}]\n")
 
 
+@pytest.mark.thorough
 def test_the_worst_of_equal_columns_makes_them_equally_stiff(tmp_path: Path) -> None:
     """One is loaded twice: the sum would favour it, the largest energy must not."""
     found = {}
@@ -101,6 +103,7 @@ def test_the_worst_of_equal_columns_makes_them_equally_stiff(tmp_path: Path) -> 
     assert favoured[3] > 1.1 * energies[3] and favoured[1] < 0.9 * energies[1]
 
 
+@pytest.mark.thorough
 def test_a_killed_loop_with_limits_goes_on_as_if_nothing_had_happened(tmp_path: Path) -> None:
     settings = f"steps = 3\n{MASS}displacement = [{{ set = 'tip', at_most = 100 }}]\n"
     cases = write_small(tmp_path, settings)
