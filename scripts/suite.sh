@@ -113,7 +113,7 @@ thorough_tests() {
 verification() {
   [ -f "$ROOT/verification/run.py" ] || return 0
   part verification env VK_RUND="$ROOT/build/release/vk_rund" \
-    "$VENV/bin/python" "$ROOT/verification/run.py"
+    "$VENV/bin/python" "$ROOT/verification/run.py" --jobs "$JOBS"
   local passed failed
   if read -r passed _ failed _ < <(tail -n 1 "$LOGS/test-verification.log") &&
     [[ $passed =~ ^[0-9]+$ && $failed =~ ^[0-9]+$ ]]; then

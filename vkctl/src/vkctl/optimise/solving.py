@@ -82,7 +82,7 @@ def _solve(loop: Loop, mode: formats.Mode) -> RunResult:
     wanted = levels_of(loop, state.step).astype(np.float32)
     if state.running != state.step or not np.array_equal(formats.read_tp(directory), wanted):
         with processes.alone_on(directory):
-            if mode == "iterative" and loop.workers is None:
+            if mode == "iterative":
                 set_start_vectors(directory, state.step, state.load_cases)
             formats.write_tp(directory, wanted)
             requested = dict.fromkeys(state.load_cases, formats.LOADCASE_REQUESTED)
