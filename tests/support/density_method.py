@@ -11,7 +11,9 @@ by one along each axis; the equations of node n are dimension * n and following.
 
 from __future__ import annotations
 
+from collections.abc import Callable
 from dataclasses import dataclass
+from functools import partial
 from itertools import product
 
 import numpy as np
@@ -131,9 +133,10 @@ def black_and_white(density: np.ndarray, volume: float) -> np.ndarray:
     return np.where(densest(density, volume), 1.0, EMPTY)
 
 
-def _filter(frame: Frame, radius: float) -> sparse.csr_matrix:
-    points = np.indices(frame.counts).reshape(frame.dimension, -1).T.astype(float)
-    near = cKDTree(points).sparse_distance_matrix(cKDTree(points), radius, output_type="coo_matrix")
+def linear_filter(points: np.ndarray, radius: float) -> sparse.csr_matrix:
+    """Means over the points around each, with weights that fall linearly to 0 at the radius."""
+    tree = cKDTree(points)
+    near = tree.sparse_distance_matrix(tree, radius, output_type="coo_matrix")
     weights = sparse.csr_matrix((radius - near.data, (near.row, near.col)), shape=near.shape)
     return sparse.diags(1.0 / np.asarray(weights.sum(axis=1)).ravel()) @ weights
 
@@ -142,25 +145,51 @@ def optimise(
     frame: Frame, volume: float, radius: float, steps: int = 400, change: float = 0.01
 ) -> tuple[np.ndarray, float]:
     """Densities and their compliance, ended by the largest change of a step."""
-    weights = _filter(frame, radius)
-    x = np.full(frame.counts, volume)
+    points = np.indices(frame.counts).reshape(frame.dimension, -1).T.astype(float)
+    weights = linear_filter(points, radius)
+    return densities(partial(energies, frame), weights, np.full(frame.counts, volume), steps, change)
+
+
+def densities(
+    local: Callable[[np.ndarray], np.ndarray],
+    weights: sparse.csr_matrix,
+    begin: np.ndarray,
+    steps: int,
+    change: float,
+    shares: np.ndarray | float = 1.0,
+    full: np.ndarray | bool = False,
+) -> tuple[np.ndarray, float]:
+    """The same of any elements, from densities whose mean is the volume.
+
+    `local` gives u K u of each element at modulus 1 from their moduli, `shares` are the elements'
+    volumes, 1 on average, and those of `full` stay full.
+    """
+    x, volume = begin, float((begin * shares).mean())
     for _ in range(steps):
-        local = energies(frame, EMPTY + x**3 * (1 - EMPTY))
-        objective = float(((EMPTY + x**3 * (1 - EMPTY)) * local).sum())
-        slope = 3 * (1 - EMPTY) * x**2 * local
+        moduli = EMPTY + x**3 * (1 - EMPTY)
+        found = local(moduli)
+        objective = float((moduli * found).sum())
+        slope = 3 * (1 - EMPTY) * x**2 * found / shares
         slope = (weights @ (x * slope).ravel()).reshape(x.shape) / np.maximum(x, 1e-3)
-        new = _updated(x, slope, volume)
+        new = _updated(x, slope, volume, shares, full)
         largest, x = np.abs(new - x).max(), new
         if largest < change:
             break
     return x, objective
 
 
-def _updated(x: np.ndarray, slope: np.ndarray, volume: float) -> np.ndarray:
+def _updated(
+    x: np.ndarray,
+    slope: np.ndarray,
+    volume: float,
+    shares: np.ndarray | float,
+    full: np.ndarray | bool,
+) -> np.ndarray:
     low, high = 0.0, 1e9
     while (high - low) / (high + low) > 1e-6:
         middle = 0.5 * (low + high)
         moved = x * np.sqrt(slope / middle)
         new = np.clip(moved, np.maximum(0, x - 0.2), np.minimum(1, x + 0.2))
-        low, high = (middle, high) if new.mean() > volume else (low, middle)
+        new = np.where(full, 1.0, new)
+        low, high = (middle, high) if (new * shares).mean() > volume else (low, middle)
     return np.asarray(new)

@@ -51,6 +51,10 @@ class Design:
         """Part of the design volume that is material, as the solver counts it."""
         return self.space.share(self.levels_of_nodes(levels))
 
+    def fullest(self) -> float:
+        """The volume of the design that has all material which the wishes leave."""
+        return self.volume(self.shape.levels(np.ones(len(self.points))))
+
     def next_levels(
         self, levels: Array, criterion: Array, volume: float, move: float
     ) -> tuple[Array, float]:

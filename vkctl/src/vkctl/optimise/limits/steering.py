@@ -40,7 +40,7 @@ _LOOKED_BACK = 3  # steps whose largest values the volume follows: they scatter
 _EVEN = 0.005  # part that the largest energy may be above the weighted mean of all
 _BESIDE = 0.4  # weight of stresses beside other values, for the least mass
 _WINDOW = 5  # steps whose values are compared with those of as many before
-_FULL = 0.9985  # volume of a design that has all material
+_FULL = 0.9985  # part of all material that counts as all
 
 
 @dataclass(frozen=True)
@@ -88,10 +88,12 @@ def steer(
     steering.rows += cases + limited
     write_weighed(loop.directory, steering.rows)
     if loop.settings.goal == "mass":
-        _require_reachable(limited, steering.terms, loop.design.volume(levels))
+        volume = loop.design.volume(levels)
+        _require_reachable(limited, steering.terms, volume, loop.design.fullest())
         latest = [row for row in steering.rows if row.step > step - _LOOKED_BACK]
         ratio = max(row.ratio for row in latest if np.isfinite(row.at_most)) / _INSIDE
-        return Steered(criterion, _next_volume(loop.settings, target, ratio))
+        # Wishes may leave less than the target, from which nothing would come down in time.
+        return Steered(criterion, _next_volume(loop.settings, min(target, volume), ratio))
     return Steered(criterion, loop.settings.next_target(target))
 
 
@@ -182,14 +184,17 @@ def _adjoints(
     return dict(zip(solved, found, strict=True))
 
 
-def _require_reachable(rows: list[Weighed], terms: list[Term], volume: float) -> None:
+def _require_reachable(
+    rows: list[Weighed], terms: list[Term], volume: float, fullest: float
+) -> None:
     """OptimiseError where all material isn't enough; for stresses less of it may be."""
-    if volume < _FULL:
+    if volume < _FULL * fullest:
         return
+    left = "" if fullest >= _FULL else f" that the wishes leave, {100 * fullest:.3g} %,"
     for row, term in zip(rows, terms, strict=True):
         if row.ratio > 1.0 and term.limit.kind != "stress":
             raise OptimiseError(
-                f"the limit can't be met: with all material the {row.term} is {row.value:.4g}, "
+                f"the limit can't be met: with all material{left} the {row.term} is {row.value:.4g}, "
                 f"and at most {row.at_most:g} is asked for"
             )
 
