@@ -147,7 +147,9 @@ def optimise(
     """Densities and their compliance, ended by the largest change of a step."""
     points = np.indices(frame.counts).reshape(frame.dimension, -1).T.astype(float)
     weights = linear_filter(points, radius)
-    return densities(partial(energies, frame), weights, np.full(frame.counts, volume), steps, change)
+    return densities(
+        partial(energies, frame), weights, np.full(frame.counts, volume), steps, change
+    )
 
 
 def densities(

@@ -194,8 +194,8 @@ def _require_reachable(
     for row, term in zip(rows, terms, strict=True):
         if row.ratio > 1.0 and term.limit.kind != "stress":
             raise OptimiseError(
-                f"the limit can't be met: with all material{left} the {row.term} is {row.value:.4g}, "
-                f"and at most {row.at_most:g} is asked for"
+                f"the limit can't be met: with all material{left} the {row.term} is "
+                f"{row.value:.4g}, and at most {row.at_most:g} is asked for"
             )
 
 
