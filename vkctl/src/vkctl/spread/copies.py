@@ -46,11 +46,15 @@ _READ_BACK = _RESULT_STEMS[:3]  # what a run reads of an earlier one
 
 
 def begin_sharing(directory: Path) -> str:
-    """Make the folder for copies in a directory, empty; the token that tells who sees it."""
+    """Make the folder for copies in a directory; the token that tells who sees it.
+
+    Of an earlier run's copies goes what can go: workers that it left may be at it themselves.
+    """
     folder = directory / FOLDER
-    with suppress(FileNotFoundError):
-        shutil.rmtree(folder)
-    folder.mkdir()
+    if folder.is_symlink():
+        folder.unlink()
+    shutil.rmtree(folder, ignore_errors=True)
+    folder.mkdir(exist_ok=True)
     token = secrets.token_hex(16)
     formats.write_parts(folder / TOKEN, [token.encode()])
     return token

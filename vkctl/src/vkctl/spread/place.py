@@ -7,7 +7,7 @@ import os
 import ssl
 import threading
 import warnings
-from collections.abc import Iterator
+from collections.abc import Callable, Iterator
 from contextlib import ExitStack, contextmanager, suppress
 from dataclasses import dataclass, field
 from pathlib import Path
@@ -24,6 +24,7 @@ from .where import Where, WhereError
 CONNECT = 8.0  # seconds that a scheduler has to answer
 _GRACE = 1.5  # beyond, for one that answers the connection and then says nothing
 _START = 120.0  # seconds for the workers of this machine, which may be busy
+_STARTS = 3  # of the engine's thread, on a machine that is too busy for it
 _MUST_AGREE = ("vkctl", "dask", "distributed")
 
 
@@ -78,7 +79,7 @@ def opened(where: Where) -> Iterator[Place]:
         if where.kind == "scheduler":
             client, most = stack.enter_context(_closing(_connected(where.text))), 0
         else:
-            cluster, most = _local(where) if where.kind == "local" else _batch(where)
+            cluster, most = _patient(_local if where.kind == "local" else _batch, where)
             stack.callback(cluster.close, timeout=10)
             client = stack.enter_context(_closing(need("distributed").Client(cluster)))
         refuse_other_versions(client, where.text)
@@ -145,6 +146,14 @@ def _why(address: str, error: BaseException | None) -> str:
 
 def _first_sentence(text: str) -> str:
     return text.strip().splitlines()[0].partition(". ")[0][:200].rstrip(".")
+
+
+def _patient(start: Callable[[Where], tuple[Any, int]], where: Where) -> tuple[Any, int]:
+    """The engine waits 10 s for its own thread, and asserts that it is there then."""
+    for _ in range(_STARTS):
+        with suppress(AssertionError):
+            return start(where)
+    raise WhereError(f"The workers of {where.text} can't be started: this machine is too busy.")
 
 
 def _local(where: Where) -> tuple[Any, int]:
