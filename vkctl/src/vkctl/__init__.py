@@ -7,9 +7,10 @@ of this package. A number is turned into a numpy position with ``number - 1``.
 
 
 def __getattr__(name: str) -> str:
-    """`__version__` is the installed distribution's, looked up when it is asked for."""
+    """`__version__` is the installed distribution's, looked up when it is asked for first."""
     if name == "__version__":
         from importlib.metadata import version
 
-        return version("vkctl")
+        globals()[name] = found = version("vkctl")
+        return found
     raise AttributeError(f"module {__name__!r} has no attribute {name!r}")
