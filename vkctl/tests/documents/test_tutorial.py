@@ -13,11 +13,11 @@ import numpy as np
 import pytest
 import pyvista
 import tutorial
+from closed_surfaces import open_edges
 from PIL import Image
 
 from vkctl.optimise import read_history
 from vkctl.prepare import read_cases
-from vkctl.view.grid import open_edges
 
 pytestmark = pytest.mark.thorough
 

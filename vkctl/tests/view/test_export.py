@@ -10,13 +10,14 @@ from pathlib import Path
 import numpy as np
 import pytest
 import pyvista
+from closed_surfaces import open_edges
 from results_on_disk import make_model, with_hole, write_results
 from typer.testing import CliRunner
 
 from vkctl.cli import app
 from vkctl.directory import formats
 from vkctl.directory.model import LoadCase, read, write
-from vkctl.view import export, grid
+from vkctl.view import export
 from vkctl.view.part_file import part_of
 
 CORE = "{http://schemas.microsoft.com/3dmanufacturing/core/2015/02}"
@@ -26,7 +27,7 @@ def test_the_stl_is_watertight_and_read_back_with_its_volume(tmp_path: Path) -> 
     write(with_hole(make_model()), tmp_path / "dir")
     export.export(tmp_path / "dir", tmp_path / "part.stl")
     surface = pyvista.read(tmp_path / "part.stl").clean()
-    assert grid.open_edges(surface) == 0
+    assert open_edges(surface) == 0
     assert surface.volume == pytest.approx(128 - np.pi * 1.3**2 * 4, rel=0.03)
 
 
@@ -56,7 +57,7 @@ def test_a_smooth_part_keeps_volume_and_nodes_and_is_told_of(tmp_path: Path) -> 
     assert said["bodies"] == 1 and said["furthest"] > 0
     assert said["volume"] == pytest.approx(said["volume_cut_out"], rel=1e-3)
     read_back = pyvista.read(tmp_path / "part.stl").clean()
-    assert grid.open_edges(read_back) == 0
+    assert open_edges(read_back) == 0
     assert read_back.volume == pytest.approx(said["volume"], rel=1e-4)
     told = CliRunner().invoke(app, command).stdout
     assert "one closed body" in told and "smooth: volume changed by" in told

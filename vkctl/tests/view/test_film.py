@@ -6,6 +6,7 @@ from dataclasses import replace
 
 import numpy as np
 import pytest
+from closed_surfaces import open_edges
 from results_on_disk import make_model, with_hole
 
 from vkctl.directory.model import Model
@@ -31,7 +32,7 @@ def test_the_surface_of_a_frame_is_that_of_the_part(kind: str) -> None:
     with film(model, SMALL) as opened:
         mesh = as_mesh(cut_out(opened, model))
     expected = grid.part_surface(model)
-    assert grid.open_edges(mesh) == 0
+    assert open_edges(mesh) == 0
     assert mesh.volume == pytest.approx(expected.volume, rel=1e-6)
     assert mesh.area == pytest.approx(expected.area, rel=1e-6)
 

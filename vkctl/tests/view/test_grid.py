@@ -5,6 +5,7 @@ from __future__ import annotations
 import numpy as np
 import pytest
 import pyvista
+from closed_surfaces import open_edges
 from results_on_disk import make_model, with_hole
 
 from vkctl.directory import formats
@@ -61,14 +62,14 @@ def test_the_grid_tells_labels_of_nodes_and_elements_where_they_are_known() -> N
 @pytest.mark.parametrize("kind", KINDS)
 def test_the_whole_mesh_is_the_part_where_all_levels_are_positive(kind: str) -> None:
     surface = grid.part_surface(make_model(kind))
-    assert grid.open_edges(surface) == 0
+    assert open_edges(surface) == 0
     assert surface.volume == pytest.approx(128.0, rel=1e-6)
 
 
 @pytest.mark.parametrize("kind", KINDS)
 def test_the_part_ends_at_level_zero(kind: str) -> None:
     surface = grid.part_surface(with_hole(make_model(kind, (32, 2, 16))))
-    assert grid.open_edges(surface) == 0
+    assert open_edges(surface) == 0
     # The cut runs straight through each element: its polygon is a little smaller than the circle.
     assert surface.volume == pytest.approx(128 - np.pi * 1.3**2 * 4, rel=3e-3)
 
@@ -83,7 +84,7 @@ def test_the_surface_is_watertight_for_any_level_field(
     model.set_level(random.choice(values, size=len(model.nodes)))
     surface = grid.part_surface(model)
     assert surface.n_cells > 100
-    assert grid.open_edges(surface) == 0
+    assert open_edges(surface) == 0
 
 
 def test_a_field_without_material_has_no_surface() -> None:
@@ -94,4 +95,4 @@ def test_a_field_without_material_has_no_surface() -> None:
 
 
 def test_open_edges_are_counted() -> None:
-    assert grid.open_edges(pyvista.Plane(i_resolution=1, j_resolution=1).triangulate()) == 4
+    assert open_edges(pyvista.Plane(i_resolution=1, j_resolution=1).triangulate()) == 4

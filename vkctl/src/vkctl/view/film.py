@@ -7,18 +7,14 @@ from contextlib import contextmanager
 from dataclasses import dataclass
 from typing import TYPE_CHECKING, Any
 
-import numpy as np
-
 from vkctl.basics.extras import need
 from vkctl.basics.types import Array
-from vkctl.directory.levels import level_field, off_zero
 from vkctl.directory.model import Model
-from vkctl.shapes.cutting import Body, Surface, body, surface
-from vkctl.shapes.simplices import at_points, tetrahedra
+from vkctl.shapes.cutting import Surface
 
 from .canvas import Canvas, Scale, put_scale, put_scene, put_title
 from .fields import TITLES
-from .grid import active_rows
+from .part_body import MeshBody, cut_part, mesh_body
 from .plot import View, field_colours
 from .scene import eye, quiet_plotter
 
@@ -33,8 +29,7 @@ class Film:
     """What all frames share. The camera sees the whole mesh, so that the part stays in place."""
 
     view: View
-    rows: dict[int, Array]  # nodes of the elements that are drawn, by type
-    body: Body
+    body: MeshBody
     plotter: Any
     actor: Any = None  # the part of the frame before
 
@@ -42,29 +37,23 @@ class Film:
 @contextmanager
 def film(model: Model, view: View) -> Iterator[Film]:
     """A film of a model's part, whose plotter is closed on leaving the block."""
-    rows = active_rows(model)
-    tets, points, _ = tetrahedra(model.nodes, rows, {})
-    made = body(points, tets, len(model.nodes))
+    made = mesh_body(model)
     plotter = quiet_plotter(Canvas(view.size).scene_size)
     try:
         plotter.suppress_rendering = True  # else everything that is added draws the scene anew
         plotter.render_window.SetMultiSamples(0)  # of two thirds of a frame's time in memory
-        seen = need("pyvista").PolyData(points[: len(model.nodes)])
+        seen = need("pyvista").PolyData(model.nodes)
         plotter.add_mesh(seen.outline(), color="gray", line_width=1.0, show_scalar_bar=False)
         towards, up = eye(model.nodes, view.direction)
         plotter.view_vector(towards, viewup=up)
-        yield Film(view, rows, made, plotter)
+        yield Film(view, made, plotter)
     finally:
         plotter.close()
 
 
 def cut_out(of: Film, model: Model) -> Surface:
     """The part's surface at the model's levels; ValueError if nothing is material."""
-    levels = at_points(level_field(model).astype(np.float64), of.rows, of_corners=True)
-    found = surface(of.body, off_zero(levels))
-    if not len(found.triangles):
-        raise ValueError("the level field leaves no material")
-    return found
+    return cut_part(of.body, model)
 
 
 def as_mesh(part: Surface) -> pyvista.PolyData:

@@ -168,11 +168,3 @@ def surface_of(solid: pyvista.UnstructuredGrid) -> pyvista.PolyData:
     return surface.compute_normals(
         cell_normals=True, point_normals=False, auto_orient_normals=True, split_vertices=False
     )
-
-
-def open_edges(surface: pyvista.PolyData) -> int:
-    """Edges that don't belong to exactly two triangles; 0 for a watertight surface."""
-    edges = surface.extract_feature_edges(
-        boundary_edges=True, non_manifold_edges=True, feature_edges=False, manifold_edges=False
-    )
-    return int(edges.n_cells)

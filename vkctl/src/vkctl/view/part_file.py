@@ -13,14 +13,12 @@ from vkctl.basics.types import Array, PathLike
 from vkctl.basics.words import counted
 from vkctl.directory import formats
 from vkctl.directory.case_names import read_units
-from vkctl.directory.levels import level_field, off_zero
 from vkctl.directory.model import Model, read
 from vkctl.shapes import shells
-from vkctl.shapes.cutting import Surface, body, surface
-from vkctl.shapes.simplices import at_points, tetrahedra
+from vkctl.shapes.cutting import Surface
 from vkctl.shapes.smoothing import smoothed
 
-from .grid import active_rows
+from .part_body import cut_part, mesh_body
 
 PART_SUFFIXES = (".stl", ".3mf")
 _FACET = np.dtype([("normal", "<f4", 3), ("corners", "<f4", (3, 3)), ("attribute", "<u2")])
@@ -47,7 +45,7 @@ def part_of(directory: PathLike, smooth: bool = False, keep: Array | None = None
     ValueError if it is empty or its surface isn't closed.
     """
     model = read(directory)
-    part = cut_part(model)
+    part = cut_part(mesh_body(model), model)
     if gaps := shells.open_edges(part.triangles):
         raise ValueError(
             f"the surface has {gaps} edges without two neighbours: does the mesh have cracks, or "
@@ -64,17 +62,6 @@ def part_of(directory: PathLike, smooth: bool = False, keep: Array | None = None
         float(shells.qualities(part.points, part.triangles).min()),
         float(np.linalg.norm(points - part.points, axis=1).max()),
     )
-
-
-def cut_part(model: Model) -> Surface:
-    """The surface at level zero and, where the mesh ends before it, of the mesh."""
-    rows = active_rows(model)
-    tets, points, _ = tetrahedra(model.nodes, rows, {})
-    levels = at_points(level_field(model).astype(np.float64), rows, of_corners=True)
-    found = surface(body(points, tets, len(model.nodes)), off_zero(levels))
-    if not len(found.triangles):
-        raise ValueError("the level field leaves no material")
-    return found
 
 
 def _fixed(model: Model, part: Surface, keep: Array | None) -> Array:
