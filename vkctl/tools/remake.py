@@ -20,6 +20,7 @@ from PIL import Image
 from vkctl.directory.model import read
 from vkctl.directory.results import read_results
 from vkctl.optimise import Optimised, history, optimise, write_animation
+from vkctl.optimise.limits.aggregates import nodal_forces
 from vkctl.view.plot import View, plot
 
 ROOT = Path(__file__).resolve().parents[2]
@@ -43,12 +44,10 @@ _FRAME = View(field="level", size=(560, 360), marks=False)
 
 def compliance(directory: Path, number: int) -> float:
     """Work of the nodal forces of a load case over its displacements."""
-    case = read(directory).load_cases[number - 1]
     moved = read_results(directory, number).displacements
     if moved is None:
         raise ValueError(f"load case {number} of {directory} was solved too poorly")
-    forces = case.forces2
-    return float((forces["Force"] * moved[forces["Node"] - 1]).sum())
+    return float((nodal_forces(read(directory), number) * moved).sum())
 
 
 def remake(name: str) -> Optimised:

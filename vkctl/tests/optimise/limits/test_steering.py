@@ -133,7 +133,7 @@ def test_a_damaged_table_of_weights_is_told(tmp_path: Path, text: str) -> None:
 @pytest.mark.parametrize(
     ("limits", "words"),
     [
-        ("displacement = [{ set = 'tipp', at_most = 1 }]", "no set is named 'tipp'"),
+        ("displacement = [{ set = 'tipp', at_most = 1 }]", "there is no set 'tipp'"),
         ("stress = { at_most = 1, away_from = 'wall', distance = 99 }", "looks at nothing"),
     ],
 )

@@ -7,8 +7,8 @@ from dataclasses import dataclass
 import numpy as np
 from scipy.spatial import cKDTree
 
+from vkctl.ask.study import find_set, set_nodes
 from vkctl.basics.types import Array
-from vkctl.basics.words import did_you_mean
 from vkctl.directory.case_names import case_names, name_of
 from vkctl.directory.model import Model
 from vkctl.stress.solution import Solution
@@ -106,18 +106,7 @@ def _nodes(model: Model, limit: Limit, radius: float) -> Array:
 
 
 def _nodes_of_set(model: Model, name: str) -> Array:
-    sets = model.sets or []
-    for one in sets:
-        if one.name == name:
-            if one.kind != "element":
-                return one.own_nodes()
-            rows = [
-                table[np.isin(numbers, one.numbers)].ravel()
-                for numbers, table in map(model.elements.of_type, (40, 41, 60))
-            ]
-            return np.unique(np.concatenate(rows)).astype(np.int64)
-    hint = did_you_mean(name, [one.name for one in sets])
-    raise ValueError(f"no set is named {name!r}" + (f"; {hint}" if hint else ""))
+    return set_nodes(model, find_set(model, name))
 
 
 def is_linear(model: Model, case: int) -> bool:
