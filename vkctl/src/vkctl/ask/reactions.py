@@ -13,6 +13,7 @@ from dataclasses import dataclass
 import numpy as np
 
 from vkctl.basics.types import Array
+from vkctl.basics.words import place_words
 from vkctl.directory import formats
 from vkctl.directory.formats.options_file import OPTIONS
 from vkctl.directory.model import Model
@@ -160,8 +161,7 @@ def applied_forces(model: Model, number: int, active: Array) -> tuple[Array, lis
     ):
         total = forces[mask].sum(axis=0)
         if forces[mask].any():
-            told = ", ".join(f"{component:.6g}" for component in total)
-            notes.append(f"loads of ({told}) lie {why}")
+            notes.append(f"loads of {place_words(total)} lie {why}")
     loads = np.zeros((len(model.nodes), 3))
     taken = ~marked & ~lost
     np.add.at(loads, place[taken], forces[taken])

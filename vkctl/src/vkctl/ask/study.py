@@ -2,7 +2,7 @@
 
 from __future__ import annotations
 
-from collections.abc import Iterable, Iterator, Sequence
+from collections.abc import Iterator, Sequence
 from dataclasses import dataclass
 from pathlib import Path
 
@@ -211,10 +211,6 @@ def place_of(text: str) -> tuple[float, float, float]:
     if not np.isfinite((x, y, z)).all():
         raise AskError(f"{text.strip()!r} is no point: its numbers must be finite")
     return x, y, z
-
-
-def place_words(place: Iterable[float]) -> str:
-    return "(" + ", ".join(f"{coordinate:.6g}" for coordinate in place) + ")"
 
 
 def require_nodes(model: Model, number: int, records: Array, what: str) -> None:

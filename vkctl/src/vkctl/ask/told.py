@@ -9,13 +9,13 @@ import numpy as np
 from vkctl.basics.types import Array
 from vkctl.basics.units import UnitSystem
 from vkctl.basics.units import unit_of as unit_of
+from vkctl.basics.words import place_words
 from vkctl.directory.case_names import titled
 from vkctl.directory.model import Model
 from vkctl.stress.fields import field_unit as field_unit
 
 from .extremes import Envelope, Extreme
 from .reactions import Reactions, Resultant
-from .study import place_words as place_words
 from .tables import Cell, Column, Table
 
 _NEGLIGIBLE = 1e-4  # of all forces: more than what the solver's tolerance leaves over

@@ -8,11 +8,11 @@ import numpy as np
 
 from vkctl.basics.types import Array
 from vkctl.basics.units import UnitSystem, unit_of
+from vkctl.basics.words import place_words
 from vkctl.stress.fields import STRESS_FIELDS, field_unit
 
 from .cut import Cut
 from .mass import Mass
-from .study import place_words
 from .tables import Cell, Column, Table
 from .told import (
     CASE,

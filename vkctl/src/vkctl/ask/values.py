@@ -8,7 +8,7 @@ from dataclasses import dataclass
 import numpy as np
 
 from vkctl.basics.types import Array
-from vkctl.basics.words import called
+from vkctl.basics.words import called, place_words
 from vkctl.directory.model import Model
 from vkctl.shapes.functions import shape_values
 from vkctl.shapes.places import elements_at_points
@@ -19,7 +19,7 @@ from vkctl.stress.solution import Solution, undeformed
 
 from .extremes import DISPLACEMENTS, CaseFields, require_field
 from .reactions import Vector
-from .study import AskError, active_nodes, place_words
+from .study import AskError, active_nodes
 
 AT_POINTS = (*DISPLACEMENTS, "magnitude", "von_mises")  # unless other fields are asked for
 _ROUNDING = 1e-9  # outside of an element, in its parameters, that is still inside

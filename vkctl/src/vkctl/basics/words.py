@@ -42,6 +42,11 @@ def did_you_mean(word: str, options: Iterable[str]) -> str:
     return f"known: {shown}"
 
 
+def place_words(place: Iterable[float], digits: int = 6) -> str:
+    """A point or vector such as "(1, 0, -2.5)"."""
+    return "(" + ", ".join(f"{component:.{digits}g}" for component in place) + ")"
+
+
 _SHOWN = 5  # numbers listed in a message
 _UNLABELLED: tuple[int, ...] = ()
 

@@ -9,7 +9,7 @@ from pathlib import Path
 import numpy as np
 
 from vkctl.basics.types import Array, PathLike
-from vkctl.basics.words import called
+from vkctl.basics.words import called, place_words
 
 from . import formats
 from .case_names import read_case_names, titled
@@ -93,8 +93,7 @@ class Difference:
 
 
 def _value(values: tuple[float, ...]) -> str:
-    text = ", ".join(f"{value:.6g}" for value in values)
-    return text if len(values) == 1 else f"({text})"
+    return f"{values[0]:.6g}" if len(values) == 1 else place_words(values)
 
 
 @dataclass

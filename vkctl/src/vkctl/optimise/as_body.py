@@ -17,12 +17,13 @@ from typing import Literal
 import numpy as np
 
 from vkctl.basics.types import Array, PathLike
-from vkctl.basics.words import counted
+from vkctl.basics.words import counted, place_words
 from vkctl.directory import formats, model
 from vkctl.directory.case_names import case_names, titled
 from vkctl.directory.formats import file_names
 from vkctl.directory.model import Model
 from vkctl.directory.results import Results, read_results
+from vkctl.directory.sums import without_noise
 from vkctl.prepare.build import Prepared, build_model, put
 from vkctl.prepare.case_file.entries import Cases
 from vkctl.prepare.case_file.mistakes import CaseFileError
@@ -287,11 +288,10 @@ def _ratio(part: Solved, body: Solved, measure: Measure) -> float:
 def _other_forces(title: str, part: Solved, body: Solved) -> list[str]:
     """Where a load on the body isn't that on the part, as on a face that is partly gone."""
     before, after = np.array(part.forces), np.array(body.forces)
-    largest = max(np.linalg.norm(before), np.linalg.norm(after))
+    largest = max(float(np.linalg.norm(one)) for one in (before, after))
     if np.linalg.norm(after - before) <= _SAME_FORCES * largest:
         return []
-    clean = [np.where(np.abs(one) < 1e-6 * largest, 0.0, one) for one in (before, after)]
-    said = [f"({', '.join(f'{value:.4g}' for value in one)})" for one in clean]
+    said = [place_words(without_noise(one, largest), 4) for one in (before, after)]
     return [
         f"{title}: the forces on the part add up to {said[0]}, on the body to {said[1]}: they act "
         "on less or more of it"

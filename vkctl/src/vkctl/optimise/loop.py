@@ -214,7 +214,8 @@ def _settled(loop: Loop, criterion: Array) -> Array:
 
 def combined(criteria: Array, weights: list[float]) -> Array:
     """Criterion of all load cases at each design point, from (cases, points)."""
-    total: Array = np.array(weights) @ criteria
+    # Not by a product of matrices, whose threads would go on spinning beside the solver.
+    total: Array = np.einsum("c,cp->p", np.array(weights), criteria)
     return total
 
 

@@ -14,6 +14,7 @@ from scipy import sparse
 from scipy.sparse.csgraph import connected_components
 
 from vkctl.basics.types import Array
+from vkctl.basics.words import place_words
 from vkctl.directory import formats
 from vkctl.directory.case_names import case_names, titled
 from vkctl.directory.model import LoadCase, Model
@@ -168,10 +169,9 @@ def _broken(joints: Joints, case: Acting, of_node: Array, held: Array) -> Iterat
         members = case.patch == number
         if not joined[members].any():
             middle = joints.points[case.loaded[members]].mean(axis=0)
-            place = ", ".join(f"{x:.4g}" for x in middle + 0.0)
             yield (
-                f"the design has fallen apart: nothing joins the load at ({place}) of {case.title} "
-                "to a support"
+                "the design has fallen apart: nothing joins the load at "
+                f"{place_words(middle + 0.0, 4)} of {case.title} to a support"
             )
 
 

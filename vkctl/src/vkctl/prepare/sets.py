@@ -9,7 +9,7 @@ import numpy as np
 
 from vkctl.basics.arrays import distinct
 from vkctl.basics.types import Array
-from vkctl.basics.words import counted, did_you_mean
+from vkctl.basics.words import counted, did_you_mean, place_words
 from vkctl.shapes.elements import Elements
 from vkctl.shapes.faces import boundary_faces
 from vkctl.shapes.measures import element_centroids
@@ -362,14 +362,10 @@ class Sets:
                 hints.append(f"the {region.shape} is {away:.4g} away from the nearest point")
         if not hints:
             low, high = points.min(axis=0), points.max(axis=0)
-            hints.append(f"the part reaches from {_triple(low)} to {_triple(high)}")
+            hints.append(f"the part reaches from {place_words(low)} to {place_words(high)}")
         return ", ".join(hints)
 
 
 def _kept(numbers: Array, mask: Array) -> Array:
     kept: Array = numbers[mask[numbers - 1]]
     return kept
-
-
-def _triple(point: Array) -> str:
-    return "(" + ", ".join(f"{v:.6g}" for v in point) + ")"

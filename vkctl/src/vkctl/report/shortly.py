@@ -4,9 +4,9 @@ from __future__ import annotations
 
 from collections.abc import Sequence
 
-from vkctl.ask.told import field_unit, place_words
+from vkctl.ask.told import field_unit
 from vkctl.basics.units import UnitSystem
-from vkctl.basics.words import counted
+from vkctl.basics.words import counted, place_words
 from vkctl.check import Report
 from vkctl.directory.model import Model
 from vkctl.view.fields import TITLES

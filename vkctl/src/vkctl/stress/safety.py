@@ -11,7 +11,7 @@ import numpy.typing as npt
 
 from vkctl.basics.types import Array, PathLike
 from vkctl.basics.units import UnitSystem, in_unit
-from vkctl.basics.words import called, did_you_mean, printable
+from vkctl.basics.words import called, did_you_mean, place_words, printable
 from vkctl.directory import formats
 from vkctl.directory.case_names import case_names, name_of, titled
 from vkctl.directory.model import Model, read
@@ -204,11 +204,10 @@ def _words(where: str, least: Safety, model: Model, units: UnitSystem | None) ->
     inside = f"set {printable(where)}, " if where else ""
     name = printable(least.name) or f"material {least.material}"
     labels = {} if model.labels is None else {"labels": model.labels.nodes}
-    place = ", ".join(f"{coordinate:.6g}" for coordinate in least.place)
     stress = in_unit(f"{least.von_mises:.4g} of {least.yield_stress:.4g}", units, "stress")
     return (
         f"{inside}{name}: safety factor {least.factor:.3g}, von Mises stress {stress} "
-        f"at node {called(least.node, **labels)}, ({place})"
+        f"at node {called(least.node, **labels)}, {place_words(least.place)}"
     )
 
 

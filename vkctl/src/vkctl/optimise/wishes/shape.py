@@ -10,7 +10,7 @@ import numpy as np
 from scipy import sparse
 
 from vkctl.basics.types import Array
-from vkctl.basics.words import counted
+from vkctl.basics.words import counted, place_words
 
 from .columns import columns_along
 from .draw import draw_operators
@@ -102,7 +102,7 @@ def make_shape(field: Field, wishes: Wishes, kept: Array, void: Array) -> Shape:
     if (both := kept & void).any():
         raise ValueError(
             f"the wishes put {counted(int(both.sum()), 'point')} both among those to keep and "
-            f"those to leave void, such as {_told(field.points[both][0])}"
+            f"those to leave void, such as {place_words(field.points[both][0], 4)}"
         )
     return Shape(kept, void, tuple(steady), tuple(maps), tuple(projections))
 
@@ -127,15 +127,12 @@ def _over_images(field: Field, isometries: Array) -> Mean:
     missing = len(isometries) - there
     if missing.sum() > _MOST_ALONE * len(field.points) * (len(isometries) - 1):
         alone = counted(int((missing > 0).sum()), "point")
+        lost = place_words(field.points[np.argmax(missing)], 4)
         raise ValueError(
             f"the part isn't like its images by symmetry or cyclic: {alone} of {len(field.points)} "
-            f"have images outside of it, such as {_told(field.points[np.argmax(missing)])}; check "
-            "the points and directions of the pattern"
+            f"have images outside of it, such as {lost}; check the points and directions of the "
+            "pattern"
         )
     matrix = (sparse.diags(1.0 / there) @ total).tocsr()
     matrix.sort_indices()
     return Mean(matrix, there)
-
-
-def _told(point: Array) -> str:
-    return "(" + ", ".join(f"{value:.4g}" for value in point) + ")"
