@@ -1,6 +1,7 @@
 """The command `vkctl`.
 
 A command's module is loaded when it is called: most take a while, for numpy, scipy and their like.
+Help is plain text: to frame it, rich would load a reader of Markdown and more, longer than all else.
 """
 
 from __future__ import annotations
@@ -44,7 +45,7 @@ _CLASSES: dict[str, type[TyperCommand]] = {"run": SettleCommand, "ask": NumbersC
 def load(name: str) -> Any:
     """The command of a name, its module loaded."""
     module = import_module(f"{__package__}.commands.{_MODULES.get(name, name)}")
-    alone = typer.Typer(add_completion=False)
+    alone = typer.Typer(add_completion=False, rich_markup_mode=None)
     function = getattr(module, f"{name.replace('-', '_')}_command")
     alone.command(name, cls=_CLASSES.get(name))(declared(function))
     return typer.main.get_command(alone)
@@ -62,7 +63,7 @@ class _Commands(TyperGroup):
         if cmd_name not in COMMANDS:
             return None
         if self.is_listing:
-            return TyperCommand(cmd_name, help=COMMANDS[cmd_name])
+            return TyperCommand(cmd_name, short_help=COMMANDS[cmd_name])
         return load(cmd_name)
 
     def format_help(self, ctx: Any, formatter: Any) -> None:
@@ -84,6 +85,7 @@ app = typer.Typer(
     cls=_Commands,
     no_args_is_help=True,
     pretty_exceptions_enable=False,
+    rich_markup_mode=None,
     help="Prepares working directories for vk_rund and reads its results.",
 )
 

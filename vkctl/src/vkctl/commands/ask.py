@@ -90,9 +90,6 @@ def ask_command(
             raise refuse("--csv prints one table: ask one question, about one field")
         typer.echo(csv_of(found.tables[0]), nl=False)
         return
-    console = output.console()
     for table in found.tables:
-        for line in [*as_lines(table), *([""] if table is not found.tables[-1] else [])]:
-            console.print(line, markup=False, soft_wrap=True)
-    for sentence in found.remarks:
-        console.print(sentence, markup=False, soft_wrap=True)
+        output.tell(*as_lines(table), *([""] if table is not found.tables[-1] else []))
+    output.tell(*found.remarks)

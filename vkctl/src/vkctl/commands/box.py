@@ -51,6 +51,4 @@ def box_command(
         counts = {"nodes": len(part.nodes), "elements": len(part.elements)}
         output.print_json({"directory": str(directory), **counts})
         return
-    output.console().print(
-        f"{len(part.nodes)} nodes and {len(part.elements)} elements in {directory}"
-    )
+    output.tell(f"{len(part.nodes)} nodes and {len(part.elements)} elements in {directory}")

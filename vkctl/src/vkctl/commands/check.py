@@ -6,20 +6,22 @@ from pathlib import Path
 from typing import TYPE_CHECKING, Annotated
 
 import typer
-from rich.console import Console
-from rich.text import Text
 
 from vkctl.basics.words import counted
 from vkctl.terminal import output
 from vkctl.terminal.refusal import refusing
 
 if TYPE_CHECKING:
+    from rich.console import Console
+
     from vkctl.check import Finding, Report
 
 _STYLES = {"error": "bold red", "warning": "yellow", "note": "cyan"}
 
 
 def _show(console: Console, finding: Finding) -> None:
+    from rich.text import Text
+
     line = Text.assemble((finding.severity, _STYLES[finding.severity]), "  ", finding.message)
     if finding.where and finding.where not in finding.message:
         line.append(f"  [{finding.where}]", "dim")

@@ -7,7 +7,6 @@ from pathlib import Path
 from typing import Annotated
 
 import typer
-from rich.console import Console
 
 from vkctl.basics.extras import MissingPartError
 from vkctl.basics.failures import reason
@@ -29,27 +28,26 @@ def demo_command(
     from vkctl.running.run import NotFoundError, find_vk_rund
     from vkctl.view.deformed import picture
 
-    console = output.console()
     with refusing():
         write_cantilever(directory)
-    console.print(f"cantilever written to {directory}")
+    output.tell(f"cantilever written to {directory}")
     try:
         program = find_vk_rund(vk_rund)
     except NotFoundError as error:
         if vk_rund is not None:
             raise refuse(error) from None
-        console.print(f"not solved: {error}", markup=False, soft_wrap=True)
+        output.tell(f"not solved: {error}")
         return
-    _solve(program, directory, console)
+    _solve(program, directory)
     try:
         picture(directory, directory / PICTURE)
     except MissingPartError as error:
-        console.print(f"no picture: {error}", markup=False, soft_wrap=True)
+        output.tell(f"no picture: {error}")
     else:
-        console.print(f"picture in {directory / PICTURE}")
+        output.tell(f"picture in {directory / PICTURE}")
 
 
-def _solve(program: Path, directory: Path, console: Console) -> None:
+def _solve(program: Path, directory: Path) -> None:
     from vkctl.directory.formats import LOG_FILE
     from vkctl.directory.summary import summary
 
@@ -60,6 +58,6 @@ def _solve(program: Path, directory: Path, console: Console) -> None:
     if Path(directory, LOG_FILE).exists():
         with refusing():
             text = summary(directory)
-        console.print(text, markup=False, soft_wrap=True)
+        output.tell(text)
     if status:
         raise refuse(f"{program} ended with status {status}")

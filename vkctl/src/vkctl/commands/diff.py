@@ -54,14 +54,13 @@ def diff_command(
 
     relative = _tolerances(rtol or [], RTOL, "--rtol")
     absolute = _tolerances(atol or [], ATOL, "--atol")
-    console = output.console(silent=as_json)
     with refusing(CannotCompareError):
         comparison = diff(first, second, rtol=relative, atol=absolute, signs=signs)
     if as_json:
         output.print_json({"equal": comparison.equal, **asdict(comparison)})
-    for line in [*comparison.one_sided, *map(str, comparison.differences)]:
-        console.print(line, markup=False, soft_wrap=True)
-    cases = len(comparison.load_cases)
+    lines = [*comparison.one_sided, *map(str, comparison.differences)]
     if comparison.equal:
-        console.print(f"Equal within the tolerances: {counted(cases, 'load case')}.")
+        cases = counted(len(comparison.load_cases), "load case")
+        lines.append(f"Equal within the tolerances: {cases}.")
+    output.tell(*lines, silent=as_json)
     raise typer.Exit(comparison.status)

@@ -29,7 +29,6 @@ def export_command(
     """Write results as .vtu or .pvd (all load cases), or the part as .stl or .3mf."""
     from vkctl.view.part_file import PART_SUFFIXES, told, write_part
 
-    console = output.console(silent=as_json)
     if out.suffix in PART_SUFFIXES:
         with refusing(ValueError):
             part = _part(directory, smooth)
@@ -46,9 +45,7 @@ def export_command(
     if as_json:
         output.print_json({"files": [str(path) for path in files], **more})
         return
-    console.print(f"written: {', '.join(map(str, files))}", markup=False, soft_wrap=True)
-    for line in lines:
-        console.print(line, soft_wrap=True)
+    output.tell(f"written: {', '.join(map(str, files))}", *lines)
 
 
 def _part(directory: Path, smooth: bool) -> PartSurface:

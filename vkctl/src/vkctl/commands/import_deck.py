@@ -33,7 +33,6 @@ def import_command(
     from vkctl.prepare.deck import DeckError, import_deck
     from vkctl.prepare.part import PartError
 
-    console = output.console()
     try:
         with refusing(DeckError, PartError), ending_when_asked():
             with reading_shown(trust_scripts, no_limits) as reading:
@@ -52,5 +51,4 @@ def import_command(
             f"results are the solver's own, whatever the deck asks: {', '.join(made.outputs)}"
         )
     lines += [f"note: {note}" for note in made.notes]
-    for line in lines:
-        console.print(printable(line), markup=False, soft_wrap=True)
+    output.tell(*map(printable, lines))

@@ -7,11 +7,6 @@ from pathlib import Path
 from typing import TYPE_CHECKING, Annotated, Any
 
 import typer
-from rich import box
-from rich.console import Console
-from rich.measure import Measurement
-from rich.table import Table
-from rich.text import Text
 
 from vkctl.basics.words import printable
 from vkctl.terminal import output
@@ -26,6 +21,9 @@ from vkctl.terminal.reading import (
 from vkctl.terminal.refusal import refuse, refusing
 
 if TYPE_CHECKING:
+    from rich.console import Console
+    from rich.table import Table
+
     from vkctl.basics.types import Array
     from vkctl.prepare.build import Prepared
     from vkctl.prepare.mesh import PartMesh
@@ -132,6 +130,8 @@ def show_cases(console: Console, prepared: Prepared) -> None:
 
 
 def _width(console: Console, table: Table) -> int:
+    from rich.measure import Measurement
+
     return Measurement.get(console, console.options.update(max_width=10_000), table).maximum
 
 
@@ -142,6 +142,10 @@ def _titles(prepared: Prepared) -> list[tuple[int, str, int]]:
 
 def cases_table(prepared: Prepared, names: bool) -> Table:
     """Sums of each load case's forces and moments, beside its name or just its number."""
+    from rich import box
+    from rich.table import Table
+    from rich.text import Text
+
     table = Table(box=box.SIMPLE_HEAD, pad_edge=False)
     table.add_column("load case" if names else "", no_wrap=True)
     for title in (*(["pattern"] if names else []), "Fx", "Fy", "Fz", "Mx", "My", "Mz"):
@@ -187,6 +191,10 @@ def sets_values(prepared: Prepared) -> dict[str, Any]:
 
 def sets_table(prepared: Prepared) -> Table:
     """The same as a table."""
+    from rich import box
+    from rich.table import Table
+    from rich.text import Text
+
     table = Table("set", "kind", "size", "from", "to", box=box.SIMPLE_HEAD, pad_edge=False)
     for one in sets_values(prepared)["sets"]:
         ends = [one[end] for end in ("from", "to") if one[end]]

@@ -10,10 +10,6 @@ from pathlib import Path
 from typing import TYPE_CHECKING, Annotated, Any
 
 import typer
-from rich.console import Console, Group
-from rich.live import Live
-from rich.table import Table
-from rich.text import Text
 
 from vkctl.basics.extras import need
 from vkctl.basics.words import printable
@@ -23,6 +19,8 @@ from vkctl.terminal.reading import NoLimits, TrustScripts
 from vkctl.terminal.refusal import refuse, refusing
 
 if TYPE_CHECKING:
+    from rich.console import Console, Group
+
     from vkctl.optimise import Optimised, OptimiseError, StepShown
     from vkctl.optimise.pictures.beside import Painter
     from vkctl.prepare.part import Reading
@@ -237,6 +235,8 @@ def _shown(console: Console) -> Iterator[tuple[OnStep, OnProgress]]:
     if not console.is_terminal:
         yield lambda step: _print_step(console, step), lambda *_: None
         return
+    from rich.live import Live
+
     finished: list[StepShown] = []
     with Live(console=console, refresh_per_second=8) as live:
 
@@ -276,6 +276,10 @@ def step_line(step: StepShown) -> str:
 
 def table(finished: list[StepShown], running: tuple[int, Progress] | None) -> Group:
     """The latest steps, and below them what the solver is doing in the present one."""
+    from rich.console import Group
+    from rich.table import Table
+    from rich.text import Text
+
     from vkctl.directory.case_names import titled
     from vkctl.terminal.display import state_line
 

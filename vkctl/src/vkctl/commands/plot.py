@@ -62,7 +62,7 @@ def plot_command(
             plot_quality(directory, out)
         else:
             _plot_field(directory, out, field or "magnitude", case, scale, edges)
-    output.console().print(f"written: {out}", soft_wrap=True)
+    output.tell(f"written: {out}")
 
 
 def _plot_field(

@@ -50,4 +50,4 @@ def report_command(
     size = f"{written.bytes / 1e6:.1f} MB"
     if written.found > written.triangles:
         size += f", the surface simplified from {written.found} to {written.triangles} triangles"
-    output.console().print(f"written: {out}, {size}", soft_wrap=True)
+    output.tell(f"written: {out}, {size}")

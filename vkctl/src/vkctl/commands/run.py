@@ -7,7 +7,6 @@ from pathlib import Path
 from typing import TYPE_CHECKING, Annotated, NoReturn
 
 import typer
-from rich.console import Console
 
 from vkctl.running.enough import MOST_ROUNDS, TOLERANCE
 from vkctl.spread.work import STARTS
@@ -16,6 +15,8 @@ from vkctl.terminal.arguments import AsJson, Directory, On
 from vkctl.terminal.refusal import refuse, refusing
 
 if TYPE_CHECKING:
+    from rich.console import Console
+
     from vkctl.directory.formats import Mode
     from vkctl.running.run import RunResult
     from vkctl.running.settle import RoundShown, Settled

@@ -56,7 +56,7 @@ def summary_command(
             from vkctl.stress.safety import safety_lines
 
             text = "\n".join((text, *safety_lines(directory, limits, _within(directory, sets))))
-    output.console().print(text, markup=False, soft_wrap=True)
+    output.tell(text)
 
 
 def _limits(texts: list[str]) -> dict[str, float]:

@@ -7,8 +7,6 @@ from pathlib import Path
 from typing import TYPE_CHECKING, Annotated, Any
 
 import typer
-from rich.table import Table
-from rich.text import Text
 
 from vkctl.basics.extras import need
 from vkctl.basics.words import counted, printable
@@ -18,6 +16,8 @@ from vkctl.terminal.reading import NoLimits, reading_shown
 from vkctl.terminal.refusal import refuse, refusing
 
 if TYPE_CHECKING:
+    from rich.table import Table
+
     from vkctl.optimise.as_body import Verified
 
 _BEYOND = 3  # exit status
@@ -93,6 +93,9 @@ def _values(found: Verified) -> dict[str, Any]:
 
 def _table(found: Verified) -> Table:
     """A row each load case: part, body, and by how much the body is softer."""
+    from rich.table import Table
+    from rich.text import Text
+
     grid = Table(box=None, pad_edge=False)
     grid.add_column("load case")
     for heading in ("of", "part", "body", "ratio", "displacement", "of the body"):

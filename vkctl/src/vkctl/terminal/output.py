@@ -4,10 +4,12 @@ from __future__ import annotations
 
 import json
 import math
-from typing import Any
+from typing import TYPE_CHECKING, Any
 
 import typer
-from rich.console import Console
+
+if TYPE_CHECKING:
+    from rich.console import Console
 
 _is_quiet = False
 
@@ -18,8 +20,17 @@ def be_quiet(wanted: bool) -> None:
     _is_quiet = wanted
 
 
+def tell(*lines: str, silent: bool = False) -> None:
+    """Print the lines as they are; `silent` where something else is printed instead."""
+    if not (_is_quiet or silent):
+        for line in lines:
+            typer.echo(line)
+
+
 def console(stderr: bool = False, silent: bool = False) -> Console:
-    """Where a command prints; `silent` where something else is printed instead."""
+    """Where a command prints tables and colours, or what is drawn anew; `silent` as for `tell`."""
+    from rich.console import Console  # takes longer to load than some commands take
+
     return Console(highlight=False, stderr=stderr, quiet=_is_quiet or silent)
 
 

@@ -10,7 +10,6 @@ from types import FrameType
 from typing import TYPE_CHECKING, Annotated
 
 import typer
-from rich.text import Text
 
 from vkctl.basics.words import printable
 
@@ -50,6 +49,8 @@ def reading_shown(trust_scripts: bool, no_limits: bool) -> Iterator[Reading]:
     if not console.is_terminal:
         yield Reading(trust_scripts, not no_limits, keep)
         return
+    from rich.text import Text
+
     with console.status("reading the part") as status:
 
         def show(told: Told) -> None:

@@ -6,7 +6,6 @@ from collections.abc import Iterator
 from contextlib import contextmanager
 
 import typer
-from rich.console import Console
 
 from vkctl.basics.extras import MissingPartError
 from vkctl.basics.failures import sentence
@@ -18,8 +17,8 @@ REFUSED = 2  # exit status of a command that can't do what it was asked
 def refuse(reason: object, status: int = REFUSED) -> typer.Exit:
     """Tell the reason on standard error; the caller raises what comes back."""
     text = sentence(reason) if isinstance(reason, OSError) else str(reason)
-    lines = [printable(line) for line in text.split("\n")]
-    Console(stderr=True, highlight=False).print("\n".join(lines), markup=False, soft_wrap=True)
+    for line in text.split("\n"):
+        typer.echo(printable(line), err=True)
     return typer.Exit(status)
 
 
