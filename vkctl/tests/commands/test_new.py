@@ -12,7 +12,7 @@ from rich.console import Console
 from typer.testing import CliRunner
 
 from vkctl.cli import app
-from vkctl.commands.new import cleaned_sums, show_cases
+from vkctl.commands.new import cleaned_sums, show_cases, values
 from vkctl.directory import model
 from vkctl.prepare import build
 
@@ -56,7 +56,7 @@ def test_names_and_numbers_of_load_cases_are_whole_on_terminals_of_any_width(
     assert "\u2026" not in shown.getvalue()
 
 
-def test_forces_that_cancel_each_other_sum_up_to_nothing(block: Path, tmp_path: Path) -> None:
+def test_forces_that_cancel_each_other_sum_up_to_nothing_for_people_alone(block: Path, tmp_path: Path) -> None:
     loads = (
         '[loads.f]\ntype = "force"\nset = "a"\nvalue = [0.1, 0.7, 0.3]\n'
         '[loads.g]\ntype = "force"\nset = "b"\nvalue = [-0.1, -0.7, -0.3]\n'
@@ -66,6 +66,7 @@ def test_forces_that_cancel_each_other_sum_up_to_nothing(block: Path, tmp_path: 
     prepared = build(block, case_file(tmp_path, loads))
     assert prepared.resultants[0][:3].any()  # noise of the numbers' precision
     assert not cleaned_sums(prepared, 1)[:3].any()
+    assert values(prepared)["load_cases"][0]["force"] == prepared.resultants[0][:3].tolist()
 
 
 def test_what_is_written_and_the_sets_come_as_json(block: Path, tmp_path: Path) -> None:

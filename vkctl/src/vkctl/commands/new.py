@@ -105,7 +105,7 @@ def values(prepared: Prepared) -> dict[str, Any]:
                 "moment": sums[3:],
             }
             for number, name, pattern in _titles(prepared)
-            for sums in [cleaned_sums(prepared, number).tolist()]
+            for sums in [prepared.resultants[number - 1].tolist()]
         ],
         "notes": prepared.notes,
     }

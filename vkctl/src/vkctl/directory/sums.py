@@ -1,4 +1,7 @@
-"""Sums of a load case's forces as they are told: nothing where its forces cancel each other."""
+"""Sums of a load case's forces as people are told them: nothing where its forces cancel each other.
+
+Programs are told them as they are: what is noise beside the rest is for them to say.
+"""
 
 from __future__ import annotations
 
