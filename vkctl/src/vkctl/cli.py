@@ -1,7 +1,7 @@
 """The command `vkctl`.
 
 A command's module is loaded when it is called: most take a while, for numpy, scipy and their like.
-Help is plain text: to frame it, rich would load a reader of Markdown and more, longer than all else.
+Help is plain text: rich, which would frame it, loads a reader of Markdown and more for that.
 """
 
 from __future__ import annotations

@@ -3,7 +3,6 @@
 import os
 from pathlib import Path
 
-import pytest
 from fake_solver import HEAD, begun, fake_solver, finished
 from rich.console import Console
 
@@ -27,10 +26,3 @@ def test_the_live_table_shows_load_cases_and_the_time_left(directory, tmp_path):
     last = next(text for text in reversed(tables) if "solving" in text)
     assert "0.800" in last and "direct" in last and "1.5 s" in last
     assert "1 of 2 load cases" in last and "left" in last and "GB" in last
-
-
-@pytest.mark.parametrize(
-    ("seconds", "text"), [(0.04, "0.0 s"), (61.4, "1:01 min"), (3723.0, "1:02:03 h")]
-)
-def test_times_are_told_shortly(seconds, text):
-    assert display.clock(seconds) == text

@@ -5,13 +5,12 @@ from __future__ import annotations
 from dataclasses import dataclass
 
 import numpy as np
-from scipy import sparse
-from scipy.sparse.csgraph import connected_components
 
 from vkctl.basics.types import Array
 from vkctl.directory import formats
 from vkctl.directory.model import Model
 from vkctl.shapes.elements import Elements
+from vkctl.shapes.groups import groups_of_links
 from vkctl.shapes.topology import NODES_PER_TYPE
 
 from .study import AskError, active_nodes, find_set, set_nodes
@@ -162,7 +161,6 @@ def touching_groups(elements: Elements, chosen: Array) -> Array:
             mask = inside[:, column]
             pairs.append(np.array((local[first[mask]], local[rows[mask, column]])))
     a, b = np.concatenate(pairs, axis=1)
-    graph = sparse.coo_matrix((np.ones(len(a), np.bool_), (a, b)), shape=(count, count))
     groups = np.full(len(chosen), -1)
-    groups[chosen] = connected_components(graph, directed=False)[1]
+    groups[chosen] = groups_of_links(count, a, b)
     return groups

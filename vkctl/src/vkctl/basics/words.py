@@ -22,6 +22,15 @@ def counted(count: int, what: str) -> str:
     return f"{count} {what}" + ("" if count == 1 else "s")
 
 
+def clock(seconds: float) -> str:
+    """Hours, minutes and seconds, as short as they can be told."""
+    if seconds < 60:
+        return f"{seconds:.1f} s"
+    minutes, rest = divmod(round(seconds), 60)
+    hours, minutes = divmod(minutes, 60)
+    return f"{hours}:{minutes:02d}:{rest:02d} h" if hours else f"{minutes}:{rest:02d} min"
+
+
 def closest(word: str, options: Iterable[str]) -> str | None:
     """The option that a misspelt word is likely to mean, if any."""
     if len(word) > _LONGEST_WORD:

@@ -14,6 +14,7 @@ from dataclasses import dataclass
 import numpy as np
 
 from vkctl.basics.types import Array
+from vkctl.shapes.groups import distinct
 
 _LEAF = 64  # nodes of a part that is not split any more
 
@@ -44,7 +45,7 @@ class _Parts:
     def border_sizes(self, count: int) -> Array:
         """Distinct nodes of separators next to each part."""
         node, left = self.border
-        keys = np.unique(self.part[node] * len(self.part) + left)
+        keys = distinct(self.part[node] * len(self.part) + left)
         return np.bincount(keys // len(self.part), minlength=count)
 
     def upper_halves(self, sizes: Array) -> Array:

@@ -13,6 +13,7 @@ import numpy as np
 
 from vkctl.basics.types import Array
 from vkctl.basics.words import counted
+from vkctl.shapes.groups import distinct, groups_of_links
 from vkctl.shapes.topology import HEX8, HEX8_FACES, TET4_FACES
 
 from .findings import Finding, error, warning
@@ -36,9 +37,6 @@ class Pieces:
 
 def find_pieces(mesh: ActiveMesh) -> Pieces:
     """Pieces of the active elements."""
-    from scipy import sparse
-    from scipy.sparse import csgraph
-
     keys, elements, first = [], [], 0
     for code, (_, rows) in mesh.blocks.items():
         corners = HEX8_FACES if code == HEX8 else TET4_FACES
@@ -49,9 +47,8 @@ def find_pieces(mesh: ActiveMesh) -> Pieces:
     order = np.argsort(key)
     same = key[order][1:] == key[order][:-1]
     a, b = element[order][1:][same], element[order][:-1][same]
-    graph = sparse.coo_matrix((np.ones(len(a), np.bool_), (a, b)), (first, first))
-    count, label = csgraph.connected_components(graph.tocsr(), directed=False)
-    return _with_nodes(mesh, int(count), label.astype(np.int64))
+    label = groups_of_links(first, a, b)
+    return _with_nodes(mesh, int(label.max(initial=-1)) + 1, label)
 
 
 def _with_nodes(mesh: ActiveMesh, count: int, label: Array) -> Pieces:
@@ -61,7 +58,7 @@ def _with_nodes(mesh: ActiveMesh, count: int, label: Array) -> Pieces:
         owner = label[first : first + len(rows)]
         pairs.append((owner[:, None] * total + rows - 1).ravel())
         first += len(rows)
-    owners, nodes = np.divmod(np.unique(np.concatenate(pairs)), total)
+    owners, nodes = np.divmod(distinct(np.concatenate(pairs)), total)
     sizes = np.bincount(owners, minlength=count)
     points = mesh.nodes[nodes]
     sums = np.column_stack([np.bincount(owners, points[:, k]) for k in range(3)])

@@ -11,6 +11,7 @@ from vkctl.basics.types import Array
 from vkctl.basics.words import called, counted
 from vkctl.directory import formats
 from vkctl.directory.numbering import prescribed_rows
+from vkctl.shapes.groups import groups_of_links
 
 from .findings import Finding, error
 from .hinges import Pieces, find_pieces, hinge_findings
@@ -33,17 +34,13 @@ class Parts:
 
 def find_parts(mesh: ActiveMesh) -> Parts:
     """Connected parts of the active elements, the largest first."""
-    from scipy import sparse
-    from scipy.sparse import csgraph
-
     count = len(mesh.nodes)
     pairs = [
         (np.repeat(rows[:, 0] - 1, rows.shape[1] - 1), rows[:, 1:].ravel() - 1)
         for _, rows in mesh.blocks.values()
     ]
     a, b = (np.concatenate(side) for side in zip(*pairs, strict=True))
-    graph = sparse.coo_matrix((np.ones(len(a), np.bool_), (a, b)), (count, count))
-    label = csgraph.connected_components(graph.tocsr(), directed=False)[1]
+    label = groups_of_links(count, a, b)
     numbers, inverse, sizes = np.unique(label[mesh.used], return_inverse=True, return_counts=True)
     order = np.argsort(-sizes, kind="stable")
     rank = np.empty(len(numbers), np.int64)

@@ -21,6 +21,7 @@ from vkctl.basics.types import Array
 from vkctl.basics.words import counted
 from vkctl.directory.formats import file_names
 from vkctl.directory.numbering import prescribed_rows
+from vkctl.shapes.groups import groups_of_links
 from vkctl.shapes.topology import HEX8, TET4
 
 from .findings import Finding, warning
@@ -161,9 +162,6 @@ def _long_axes(points: Array, region: Array, count: int) -> Array:
 
 def _regions(walls: Walls) -> Array:
     """Number of the smooth piece of surface that each wall belongs to."""
-    from scipy import sparse
-    from scipy.sparse import csgraph
-
     count = len(walls.element)
     ends = np.sort(np.stack((walls.corners, np.roll(walls.corners, -1, axis=1)), axis=2), axis=2)
     edges = ends.reshape(-1, 2).astype(np.int64)
@@ -173,7 +171,4 @@ def _regions(walls: Walls) -> Array:
     same = np.flatnonzero(keys[order][1:] == keys[order][:-1])
     a, b = wall[order[same]], wall[order[same + 1]]
     smooth = (walls.normal[a] * walls.normal[b]).sum(axis=1) > _SMOOTH
-    a, b = a[smooth], b[smooth]
-    graph = sparse.coo_matrix((np.ones(len(a), np.bool_), (a, b)), (count, count))
-    label: Array = csgraph.connected_components(graph.tocsr(), directed=False)[1]
-    return label
+    return groups_of_links(count, a[smooth], b[smooth])

@@ -7,7 +7,7 @@ from typing import TYPE_CHECKING, Annotated
 
 import typer
 
-from vkctl.basics.words import counted
+from vkctl.basics.words import clock, counted
 from vkctl.terminal import output
 from vkctl.terminal.refusal import refusing
 
@@ -40,8 +40,6 @@ def _model_line(report: Report) -> str:
 
 
 def _estimate_line(report: Report) -> str:
-    from vkctl.terminal.display import clock
-
     values = report.estimate
     mode = "iterative" if values["iterative"] else "with a factor"
     return (

@@ -7,19 +7,18 @@ holds for every load case and every choice of element flags.
 from __future__ import annotations
 
 from collections.abc import Sequence
-from typing import TYPE_CHECKING
 
 import numpy as np
 import numpy.typing as npt
 
 from vkctl.basics.types import Array
+from vkctl.shapes.groups import distinct
 
 from .formats import RawStructure
 
-if TYPE_CHECKING:
-    from scipy import sparse
-
-_NODES_PER_BLOCK = 1 << 16  # bounds the temporary index arrays of the expansion
+# Both bound temporary arrays.
+_ELEMENTS_PER_BLOCK = 1 << 16
+_NODES_PER_BLOCK = 1 << 16
 
 
 def node_neighbours(num_nodes: int, tables: Sequence[npt.ArrayLike]) -> tuple[Array, Array]:
@@ -30,37 +29,19 @@ def node_neighbours(num_nodes: int, tables: Sequence[npt.ArrayLike]) -> tuple[Ar
     the higher nodes that share an element with it. A node number outside the mesh raises
     ValueError.
     """
-    from scipy import sparse
-
-    rows = [np.asarray(t, np.int32) for t in tables if len(np.asarray(t))]
-    nodes = np.concatenate([t.ravel() for t in rows]) if rows else np.empty(0, np.int32)
-    if nodes.size and (nodes.min() < 1 or nodes.max() > num_nodes):
+    rows = [np.asarray(t, np.int64) - 1 for t in tables if len(np.asarray(t))]
+    if any(t.min() < 0 or t.max() >= num_nodes for t in rows):
         raise ValueError(f"connectivity refers to nodes outside 1..{num_nodes}")
-    # Each node is an element of its own too, so that every row has its diagonal.
-    widths = [np.full(len(t), t.shape[1], np.int64) for t in rows]
-    widths.append(np.ones(num_nodes, np.int64))
-    start = np.concatenate(([0], np.cumsum(np.concatenate(widths))))
-    columns = np.concatenate((nodes - 1, np.arange(num_nodes, dtype=np.int32)))
-    ones = np.ones(len(columns), np.bool_)
-    incidence = sparse.csr_matrix((ones, columns, start), (len(start) - 1, num_nodes))
-    return _upper_product(incidence, num_nodes)
-
-
-def _upper_product(incidence: sparse.csr_matrix, num_nodes: int) -> tuple[Array, Array]:
-    """Pattern of the sorted upper triangle of incidence^T incidence, in blocks of rows."""
-    from scipy import sparse
-
-    transposed = incidence.T.tocsr()
-    counts = np.zeros(num_nodes + 1, np.int64)
-    pieces = []
-    for first in range(0, num_nodes, _NODES_PER_BLOCK):
-        last = min(first + _NODES_PER_BLOCK, num_nodes)
-        upper = sparse.triu(transposed[first:last] @ incidence, k=first, format="csr")
-        upper.sort_indices()
-        counts[first + 1 : last + 1] = np.diff(upper.indptr)
-        pieces.append(upper.indices.astype(np.int32, copy=False))
-    columns = np.concatenate(pieces) if pieces else np.empty(0, np.int32)
-    return np.cumsum(counts), columns
+    keys = [np.arange(num_nodes) * (num_nodes + 1)]  # each node with itself
+    for table in rows:
+        low, high = np.triu_indices(table.shape[1], 1)
+        for first in range(0, len(table), _ELEMENTS_PER_BLOCK):
+            some = np.sort(table[first : first + _ELEMENTS_PER_BLOCK], axis=1)
+            keys.append(distinct(some[:, low] * num_nodes + some[:, high]))
+    lower, higher = np.divmod(distinct(np.concatenate(keys)), num_nodes)
+    start = np.zeros(num_nodes + 1, np.int64)
+    np.cumsum(np.bincount(lower, minlength=num_nodes), out=start[1:])
+    return start, higher.astype(np.int32)
 
 
 def build_structure(num_nodes: int, tables: Sequence[npt.ArrayLike]) -> RawStructure:

@@ -2,7 +2,6 @@
 
 from __future__ import annotations
 
-import importlib.metadata
 import os
 import re
 import select
@@ -104,6 +103,8 @@ def find_vk_rund(given: PathLike | None = None) -> Path:
 
 def _installed_with_vkctl() -> Path | None:
     """The program of the wheel that vkctl came in, wherever the wheel was installed."""
+    import importlib.metadata
+
     try:
         files = importlib.metadata.files("vkctl") or []
     except importlib.metadata.PackageNotFoundError:

@@ -11,6 +11,7 @@ from vkctl.basics.types import Array
 
 from .elements import Elements
 from .functions import quad4, shape_values, tri3, tri6
+from .groups import distinct
 from .measures import curved, determinants
 from .rules import GAUSS_2, QUADRANGLE_POINTS, tetrahedron_rule, triangle_points
 from .topology import HEX8, NODES_PER_TYPE, TET4, TET10
@@ -39,7 +40,7 @@ def consistent_forces(nodes: Array, faces: list[Array], traction: Traction) -> t
         for k in range(3):
             total[:, k] += np.bincount(table.ravel() - 1, loads[..., k].ravel(), len(nodes))
         touched.append(table.ravel().astype(np.int64))
-    numbers = np.unique(np.concatenate(touched))
+    numbers = distinct(np.concatenate(touched))
     return numbers, total[numbers - 1]
 
 

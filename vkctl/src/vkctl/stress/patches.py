@@ -14,7 +14,6 @@ from __future__ import annotations
 from dataclasses import dataclass
 
 import numpy as np
-from scipy import sparse
 
 from vkctl.basics.types import Array
 from vkctl.shapes.rules import COARSE, solver_rule
@@ -140,12 +139,15 @@ def _add(sums: Array, nodes: Array, values: Array) -> None:
     """Add a row of values for each entry of `nodes` to that node's sums."""
     if not nodes.size:
         return
-    touched, place = np.unique(nodes.ravel(), return_inverse=True)
-    count = len(values)
-    gather = sparse.csr_matrix(
-        (np.ones(count), (place.ravel(), np.arange(count))), shape=(len(touched), count)
-    )
-    sums[touched] += gather @ values
+    order = np.argsort(nodes, axis=None, kind="stable")
+    touched, first, counts = np.unique(nodes.ravel()[order], return_index=True, return_counts=True)
+    most = np.argsort(-counts, kind="stable")  # the nodes of most entries first
+    touched, first, counts = touched[most], first[most], counts[most]
+    total = values[order[first]]
+    for turn in range(1, int(counts[0])):  # the next entry of all nodes that have one
+        some = first[: np.searchsorted(-counts, -turn)]
+        total[: len(some)] += values[order[some + turn]]
+    sums[touched] += total
 
 
 def _scales(region: Region, places: Array) -> Array:

@@ -11,7 +11,7 @@ from rich.live import Live
 from rich.table import Table
 from rich.text import Text
 
-from vkctl.basics.words import counted
+from vkctl.basics.words import clock, counted
 from vkctl.directory.case_names import name_of, read_case_names, titled
 from vkctl.directory.formats import MODES
 from vkctl.directory.log import LoadCaseLog
@@ -34,15 +34,6 @@ _COLUMNS: tuple[tuple[str, int, Literal["left", "right"]], ...] = (
     ("time", 9, "right"),
 )
 _MODE_NAMES: dict[int, str] = {number: name for name, number in MODES.items()}
-
-
-def clock(seconds: float) -> str:
-    """Hours, minutes and seconds, as short as they can be told."""
-    if seconds < 60:
-        return f"{seconds:.1f} s"
-    minutes, rest = divmod(round(seconds), 60)
-    hours, minutes = divmod(minutes, 60)
-    return f"{hours}:{minutes:02d}:{rest:02d} h" if hours else f"{minutes}:{rest:02d} min"
 
 
 def _iterations(case: LoadCaseLog) -> str:

@@ -12,10 +12,10 @@ from rich.live import Live
 from rich.table import Table
 from rich.text import Text
 
-from vkctl.basics.words import counted, printable
+from vkctl.basics.words import clock, counted, printable
 from vkctl.spread.gathering import SpreadProgress
 
-from .display import clock, line_printer, state_line
+from .display import line_printer, state_line
 
 _ROWS = 20  # workers shown at a time
 _COLUMNS: tuple[tuple[str, int, Literal["left", "right"]], ...] = (

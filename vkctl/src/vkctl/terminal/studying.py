@@ -12,10 +12,8 @@ from rich.console import Console
 from rich.live import Live
 from rich.text import Text
 
-from vkctl.basics.words import counted, printable
+from vkctl.basics.words import clock, counted, printable
 from vkctl.study import Outcome, Planned, Progress, Studied
-
-from .display import clock
 
 _PLAIN_EVERY = 10.0  # seconds between two lines where there is no terminal
 _FAILURES = 5  # told at the end

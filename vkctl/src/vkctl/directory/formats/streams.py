@@ -4,7 +4,6 @@ from __future__ import annotations
 
 import errno
 import os
-import secrets
 import stat
 import struct
 from collections.abc import Iterable, Iterator
@@ -103,7 +102,7 @@ def _new_beside(target: Path) -> tuple[Path, int]:
     """A file that nobody had, under a name that nobody can foresee: no planted link is opened."""
     flags = os.O_WRONLY | os.O_CREAT | os.O_EXCL | os.O_NOFOLLOW | os.O_CLOEXEC
     while True:
-        name = f".{target.name[:_SHOWN_NAME]}.{secrets.token_hex(8)}.tmp"
+        name = f".{target.name[:_SHOWN_NAME]}.{os.urandom(8).hex()}.tmp"
         try:
             return target.with_name(name), os.open(target.with_name(name), flags, 0o666)
         except FileExistsError:
