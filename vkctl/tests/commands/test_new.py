@@ -56,7 +56,9 @@ def test_names_and_numbers_of_load_cases_are_whole_on_terminals_of_any_width(
     assert "\u2026" not in shown.getvalue()
 
 
-def test_forces_that_cancel_each_other_sum_up_to_nothing_for_people_alone(block: Path, tmp_path: Path) -> None:
+def test_forces_that_cancel_each_other_sum_up_to_nothing_for_people_alone(
+    block: Path, tmp_path: Path
+) -> None:
     loads = (
         '[loads.f]\ntype = "force"\nset = "a"\nvalue = [0.1, 0.7, 0.3]\n'
         '[loads.g]\ntype = "force"\nset = "b"\nvalue = [-0.1, -0.7, -0.3]\n'
