@@ -5,8 +5,8 @@ from __future__ import annotations
 import hashlib
 import json
 import tomllib
-from collections.abc import Callable
-from dataclasses import dataclass
+from collections.abc import Callable, Sequence
+from dataclasses import dataclass, field
 from functools import cache, partial
 from pathlib import Path
 from typing import TYPE_CHECKING
@@ -30,11 +30,15 @@ from vkctl.stress.solution import option_of
 
 from . import history
 from .design import Design, make_design
+from .following.kinds import heated_cases, refuse_unknown
+from .following.weights import keep_bodies, read_weights
 from .history import HistoryRow, State
 from .settings import Settings
 from .wishes.regions import nodes_around
 
 if TYPE_CHECKING:
+    from vkctl.stress.weight import Weight
+
     from .limits.terms import Steering
 
 _FIXED_FILES = (
@@ -72,6 +76,8 @@ class Loop:
     on_progress: Callable[[int, Progress], None] | None = None
     steering: Steering | None = None  # where several values count
     workers: Workers | None = None  # that solve the load cases; else this process's own run
+    weights: dict[int, Weight] = field(default_factory=dict)  # that follow the design, by load case
+    heated: list[int] = field(default_factory=list)  # load cases with strains of their own
 
 
 @dataclass
@@ -109,8 +115,20 @@ def start(cases: PathLike, directory: Path, settings: Settings, reading: Reading
     rows = history.read_history(directory)[: state.step - 1]
     if len(rows) != state.step - 1:
         raise OptimiseError(f"{directory} holds only {len(rows)} of {state.step - 1} steps")
+    heated = heated_cases(model, state.load_cases)
+    try:
+        refuse_unknown(model, heated, state.following)
+    except ValueError as error:
+        raise OptimiseError(str(error)) from None
     return Loop(
-        directory, settings, state, design, rows, cache(partial(factored_seconds, directory))
+        directory,
+        settings,
+        state,
+        design,
+        rows,
+        cache(partial(factored_seconds, directory)),
+        weights=read_weights(directory, model, state.following),
+        heated=heated,
     )
 
 
@@ -134,10 +152,11 @@ def _begin(
     if not taking_part:
         raise OptimiseError(f"no load case of {directory} is requested")
     kept, void = _set_nodes(cases, settings, model, prepared, reading)
+    following = _following(cases, directory, model, prepared, reading, taking_part)
     state = State(
         step=1,
         running=0,
-        model=_model_digest(directory),
+        model=_model_digest(directory, following),
         cases=cases_digest(cases),
         load_cases=taking_part,
         keep=list(settings.keep),
@@ -149,6 +168,7 @@ def _begin(
         mode=_mode_of_options(model),
         void=void,
         case_file=str(Path(cases).absolute()),
+        following=following,
     )
     largest = float(np.abs(model.tp).max())
     history.save_array(history.levels_file(directory, 1), model.tp / (largest or 1.0))
@@ -169,11 +189,41 @@ def _requested(model: Model) -> list[int]:
     ]
 
 
-def _model_digest(directory: Path) -> str:
-    """Of all input files but levels, flags and options."""
+def _following(
+    cases: PathLike,
+    directory: Path,
+    model: Model,
+    prepared: Prepared | None,
+    reading: Reading | None,
+    taking_part: list[int],
+) -> list[int]:
+    """Load cases whose weight follows the design; their body forces are kept for the loop."""
+    if not any(load.follows for load in read_cases(cases).loads.values()):
+        return []
+    prepared = prepared or build(None, cases, reading)
+    ours, theirs = prepared.mesh.nodes.astype(np.float32), model.nodes.astype(np.float32)
+    same_elements = len(prepared.mesh.elements) == len(model.elements)
+    if not same_elements or not np.array_equal(ours, theirs):
+        raise OptimiseError(
+            f"the part of {cases} has its nodes elsewhere than {directory}, or other elements: "
+            "what follows the design can't be found; begin in a new directory"
+        )
+    bodies = {n: body for n, body in prepared.bodies.items() if n in taking_part}
+    keep_bodies(directory, bodies)
+    return sorted(bodies)
+
+
+def _model_digest(directory: Path, following: Sequence[int]) -> str:
+    """Of all input files but levels, flags and options, and weights that follow the design."""
     total = hashlib.sha256()
+    changing = {formats.numbered(file_names.LOAD_CASE_MAP_STEM, n): n for n in following}
     for path in sorted(p for pattern in _FIXED_FILES for p in directory.glob(pattern)):
         total.update(path.name.encode())
+        if number := changing.get(path.name):
+            sections = formats.read_loadcase_map(directory, number)
+            for rows in (sections.constraints, sections.forces2, sections.scalars):
+                total.update(rows.tobytes())
+            continue
         with open(path, "rb") as stream:
             total.update(hashlib.file_digest(stream, "sha256").digest())
     return total.hexdigest()
@@ -192,7 +242,7 @@ def _refuse_other_inputs(cases: PathLike, directory: Path, state: State) -> None
             f"{cases} has changed outside [optimise] since {directory} was prepared from it: "
             f"take the changes back, or remove {directory} to begin anew"
         )
-    if _model_digest(directory) != state.model:
+    if _model_digest(directory, state.following) != state.model:
         raise OptimiseError(
             f"the model in {directory} has changed since its optimisation began: remove "
             f"{history.folder_of(directory)} to begin anew"

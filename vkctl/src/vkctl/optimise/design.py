@@ -94,18 +94,23 @@ class Design:
         def moved(threshold: float) -> Array:
             return self._moved(levels, criterion, threshold, move, set_to)
 
-        def field(threshold: float) -> Array:
-            return self.levels_of_nodes(moved(threshold))
+        shift = min(float(criterion.min()), 0.0)  # what is looked for is positive
 
-        threshold = self.space.threshold(volume, 0.0, float(criterion.max()), field, guess)
+        def field(above: float) -> Array:
+            return self.levels_of_nodes(moved(shift + above))
+
+        threshold = shift + self.space.threshold(
+            volume, 0.0, float(criterion.max()) - shift, field, guess - shift
+        )
         return moved(threshold), threshold
 
     def _moved(
         self, levels: Array, criterion: Array, threshold: float, move: float, set_to: Array
     ) -> Array:
-        if threshold <= 0:
+        unit = max(abs(threshold), _least_unit(criterion))
+        if unit <= 0:
             return self.shape.levels(np.ones_like(levels))
-        wanted = np.clip(criterion / threshold - 1.0, -1.0, 1.0)
+        wanted = np.clip((criterion - threshold) / unit, -1.0, 1.0)
         moved = (1.0 - move) * levels + move * wanted
         return self.shape.levels(np.where(np.isnan(set_to), moved, set_to))
 
@@ -122,6 +127,11 @@ class Design:
         for made in self.shape.steady:
             chosen = made((~chosen).astype(np.float64)) < _ALL
         return chosen
+
+
+def _least_unit(criterion: Array) -> float:
+    """Of what is above or below the threshold: a threshold may be 0 where material can harm."""
+    return 0.5 * float(np.abs(criterion).mean()) if criterion.min() < 0 else 0.0
 
 
 def make_design(

@@ -30,6 +30,7 @@ ANIMATION = "part.gif"
 _PREPARING = "preparing"  # there while the working directory is being written
 _NUMBERS = ("objective", "volume", "target", "change", "quality", "seconds")
 _TEXTS = ("model", "cases", "combine", "wishes", "case_file")
+_NUMBERED = ("load_cases", "kept", "void", "following")
 _OF_THE_SOLVER = ("mode", "iterations", "solving")
 _ENERGY = "energy_"  # columns of the load cases' strain energies, by number
 
@@ -78,6 +79,7 @@ class State:
     void: list[int] = field(default_factory=list)  # node numbers that stay empty
     wishes: str = ""  # what the designer wished when the next step's levels were made
     case_file: str = ""  # its absolute path
+    following: list[int] = field(default_factory=list)  # load cases whose weight follows the levels
 
 
 def folder_of(directory: PathLike) -> Path:
@@ -159,7 +161,8 @@ def read_state(directory: PathLike) -> State | None:
         raise formats.FormatError(path, "it holds no state of an optimisation") from None
     if isinstance(said, dict):
         # Earlier versions didn't note these.
-        said = {"mode": "automatic", "void": [], "wishes": "", "case_file": "", **said}
+        since_then = {"mode": "automatic", "void": [], "wishes": "", "case_file": ""}
+        said = {**since_then, "following": [], **said}
     if not isinstance(said, dict) or not _is_state(said):
         raise formats.FormatError(path, "it holds no state of an optimisation")
     return State(**said)
@@ -169,7 +172,7 @@ def _is_state(said: dict[str, Any]) -> bool:
     """Whether all fields of a State are there, of their types, and fit each other."""
     if set(said) != set(State.__dataclass_fields__):
         return False
-    numbers = [value for name in ("load_cases", "kept", "void") for value in _listed(said[name])]
+    numbers = [value for name in _NUMBERED for value in _listed(said[name])]
     return (
         all(type(said[name]) is int and said[name] >= 0 for name in ("step", "running", "since"))
         and 1 <= said["since"] <= said["step"]

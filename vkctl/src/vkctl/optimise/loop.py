@@ -27,6 +27,7 @@ from vkctl.spread.where import parse_where
 
 from . import history
 from .begun import Loop, OptimiseError, Workers, levels_of, start
+from .following.criteria import criteria_of
 from .history import HistoryRow, LockedError
 from .limits.steering import begin_steering, has_settled, needs_steering, steer, told_limits
 from .pieces import Pieces, find_pieces
@@ -152,12 +153,14 @@ def _step(loop: Loop) -> StepShown:
     outcome, mode = solve_somehow(loop)
     levels = levels_of(loop, state.step)
     results = [read_results(directory, number) for number in state.load_cases]
-    criterion = _combined_or_fail(loop, results)
+    _require_loaded(loop, results)
+    criteria = criteria_of(loop, results, levels, mode)
+    criterion = combined(criteria, state.weights)
     volume = loop.design.volume(levels)
     target = volume if state.target is None else state.target
     next_target = settings.next_target(target)
     if loop.steering is not None:
-        steered = steer(loop, results, levels, target, mode)
+        steered = steer(loop, results, criteria, levels, target, mode)
         criterion, next_target = steered.criterion, steered.next_target
     criterion = _settled(loop, criterion)
     following, _ = loop.design.next_levels(levels, criterion, next_target, settings.move)
@@ -186,7 +189,7 @@ def _step(loop: Loop) -> StepShown:
     return StepShown(row, settings.steps, outcome, _pieces(loop, levels).broken)
 
 
-def _combined_or_fail(loop: Loop, results: list[Results]) -> Array:
+def _require_loaded(loop: Loop, results: list[Results]) -> None:
     criteria = np.array([r.criterion for r in results], np.float64)
     criterion = combined(criteria, loop.state.weights)
     if not np.isfinite(criterion).all() or criterion.max() <= 0:
@@ -194,7 +197,6 @@ def _combined_or_fail(loop: Loop, results: list[Results]) -> Array:
             f"step {loop.state.step}: the criterion isn't positive and finite; do the load cases "
             f"load the part? See vkctl check {loop.directory}"
         )
-    return criterion
 
 
 def _settled(loop: Loop, criterion: Array) -> Array:

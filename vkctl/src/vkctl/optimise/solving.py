@@ -16,6 +16,7 @@ from vkctl.spread.run import run_at
 
 from . import history
 from .begun import Loop, OptimiseError, levels_of
+from .following.weights import write_weights
 from .modes import next_mode
 from .starting import set_start_vectors
 
@@ -84,6 +85,7 @@ def _solve(loop: Loop, mode: formats.Mode) -> RunResult:
         with processes.alone_on(directory):
             if mode == "iterative":
                 set_start_vectors(directory, state.step, state.load_cases)
+            write_weights(directory, loop.weights, loop.design.levels_of_nodes(wanted))
             formats.write_tp(directory, wanted)
             requested = dict.fromkeys(state.load_cases, formats.LOADCASE_REQUESTED)
             set_flags(directory, requested, clear_done=True)

@@ -16,7 +16,7 @@ from vkctl.directory.model import Model
 
 from .case_file.entries import Cases
 from .case_file.read import read_cases
-from .case_records import assign_patterns, grouped, load_case, resultant
+from .case_records import assign_patterns, body_of, grouped, load_case, resultant
 from .conditions import LoadMaker, support_records
 from .mesh import PartMesh, make_mesh
 from .part import Reading
@@ -42,6 +42,8 @@ class Prepared:
     resultants: Array  # float64 (cases, 6): sum of the nodal forces and of their moments about 0
     notes: list[str] = field(default_factory=list)
     directory: Path | None = None  # where it was written
+    # By load-case number, forces (m, 3) per volume of what follows the level field, by element.
+    bodies: dict[int, Array] = field(default_factory=dict)
 
 
 def new(
@@ -127,6 +129,7 @@ def _build(mesh: PartMesh, cases: Cases) -> Prepared:
     _apply_model_table(whole, cases, sets)
     _assign_materials(whole, cases, sets)
     _set_level(whole, cases, sets)
+    whole.options = dict(cases.options)
     supports = {name: support_records(cases, sets, s) for name, s in cases.supports.items()}
     builder = LoadMaker(cases, sets, whole)
     applied = {name: builder.make(load) for name, load in cases.loads.items()}
@@ -139,11 +142,12 @@ def _build(mesh: PartMesh, cases: Cases) -> Prepared:
     assign_patterns(whole.load_cases)
     order = cases.run_order or grouped([case.pattern for case in whole.load_cases])
     whole.run_order = np.array(order, np.int32)
-    whole.options = dict(cases.options)
     whole.sets, whole.notes = remembered_sets(sets), case_notes(cases)
     resultants = np.array([resultant(case, mesh.nodes) for case in whole.load_cases])
     notes = list(mesh.notes) + _warnings(whole, cases)
-    return Prepared(whole, mesh, sets, [e.name for e in cases.load_cases], resultants, notes)
+    bodies = {n: body for n, e in enumerate(cases.load_cases, 1) if (body := body_of(e, applied)) is not None}
+    names = [e.name for e in cases.load_cases]
+    return Prepared(whole, mesh, sets, names, resultants, notes, bodies=bodies)
 
 
 def _apply_model_table(whole: Model, cases: Cases, sets: Sets) -> None:

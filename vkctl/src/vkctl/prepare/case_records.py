@@ -17,7 +17,10 @@ _NAME_BYTES = 64  # of a load case's name in its reserved bytes
 def load_case(
     entry: CaseEntry, supports: dict[str, Array], applied: dict[str, AppliedLoad], cases: Cases
 ) -> LoadCase:
-    """Records of a load case: surface and point loads in section 2, body forces in section 3."""
+    """Records of a load case: surface and point loads in section 2, body forces in section 3.
+
+    Where some follow the level field, section 3 has these alone: it changes with the field.
+    """
     flags = formats.LOADCASE_REQUESTED if entry.requested else 0
     flags |= formats.LOADCASE_EXCLUDED if entry.excluded else 0
     name = entry.name.encode("utf-8")[:_NAME_BYTES]
@@ -25,15 +28,27 @@ def load_case(
     rows = [supports[name] for name in entry.supports]
     case.constraints = np.concatenate([*rows, np.empty(0, formats.CONSTRAINT)])
     temperatures: dict[int, tuple[Array, Array]] = {}
+    follows = body_of(entry, applied) is not None
     for place, (title, factor) in enumerate(entry.loads.items()):
         load = applied[title]
         if load.kind == "temperature":
             temperatures[place] = load.nodes, factor * load.values
         elif len(load.nodes):
-            case.load(load.nodes, factor * load.values, 3 if load.kind == "gravity" else 2)
+            third = load.kind == "gravity" and (load.body is not None or not follows)
+            case.load(load.nodes, factor * load.values, 3 if third else 2)
     if temperatures:
         case.scalars = _merged(list(temperatures.values()))
     return case
+
+
+def body_of(entry: CaseEntry, applied: dict[str, AppliedLoad]) -> Array | None:
+    """Forces (m, 3) per volume that follow the level field in a load case; None if none do."""
+    total: Array | None = None
+    for title, factor in entry.loads.items():
+        body = applied[title].body
+        if body is not None:
+            total = factor * body + (0.0 if total is None else total)
+    return total
 
 
 def _merged(pieces: list[tuple[Array, Array]]) -> Array:

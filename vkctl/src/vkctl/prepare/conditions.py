@@ -10,9 +10,12 @@ from vkctl.basics.arrays import distinct
 from vkctl.basics.types import Array
 from vkctl.basics.words import counted
 from vkctl.directory import model
+from vkctl.directory.levels import level_field
 from vkctl.directory.model import Model
 from vkctl.shapes.forces import consistent_forces, lumped_areas, nodal_masses, spread_force
+from vkctl.stress.weight import weight_of
 
+from .case_file import locate
 from .case_file.entries import Cases, Load, Support
 from .case_file.expression import ExpressionError
 from .case_file.toml_table import Field
@@ -77,6 +80,7 @@ class AppliedLoad:
     nodes: Array
     values: Array  # (k, 3) forces or (k,) temperatures
     kind: str
+    body: Array | None = None  # (m, 3) forces per volume that follow the level field, by element
 
 
 class LoadMaker:
@@ -87,6 +91,7 @@ class LoadMaker:
         self.sets = sets
         self.whole = whole
         self.nodes = sets.mesh.nodes
+        self.bodies: dict[locate.Path, Array] = {}  # of gravity that follows the level field
 
     def make(self, load: Load) -> AppliedLoad:
         before = len(self.cases.report.problems)
@@ -108,7 +113,7 @@ class LoadMaker:
         if not missing and load.kind != "temperature" and not np.any(values):
             what = load.kind.replace("_", " ")
             self.cases.report.add(load.where, f"the {what} is zero everywhere")
-        return AppliedLoad(numbers, values, load.kind)
+        return AppliedLoad(numbers, values, load.kind, self.bodies.get(load.where))
 
     def _nothing(self) -> tuple[Array, Array]:
         return np.empty(0, np.int64), np.empty((0, 3))
@@ -171,9 +176,21 @@ class LoadMaker:
                 text = f"[materials.{entry.material.name}] has no 'density', which gravity needs"
                 self.cases.report.add(entry.where, text)
         densities = np.where(chosen, per_material[materials], 0.0)
+        if load.follows:
+            body = densities[:, None] * np.array(load.values, np.float64)
+            self.bodies[load.where] = body
+            if len(self.whole.tp):
+                return self._followed(body)
         masses = nodal_masses(self.nodes, self.whole.elements, densities)
         numbers = np.flatnonzero(masses) + 1
         return numbers, masses[numbers - 1, None] * np.array(load.values, np.float64)
+
+    def _followed(self, body: Array) -> tuple[Array, Array]:
+        """Of what the case file's level field has of material."""
+        levels = level_field(self.whole).astype(np.float64)
+        forces = weight_of(self.whole, body).nodal_forces(levels)
+        numbers = np.flatnonzero(np.any(forces, axis=1)) + 1
+        return numbers, forces[numbers - 1]
 
     def _temperature(self, load: Load) -> tuple[Array, Array]:
         numbers = united(self.sets, load.sets, load.where)

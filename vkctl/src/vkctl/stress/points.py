@@ -123,12 +123,12 @@ class IntegrationBlock:
     @property
     def smooth_presences(self) -> Array:
         """Those that the stiffness is multiplied by (m, p)."""
-        return _presences(self.slope * self.levels)
+        return smooth_presences(self.levels, self.slope)
 
     @property
     def presence_slopes(self) -> Array:
         """Derivatives of the smooth presences by the level (m, p)."""
-        return (1 - _FLOOR) * self.slope / np.pi / (1 + (self.slope * self.levels) ** 2)
+        return presence_slopes(self.levels, self.slope)
 
 
 def integration_points(
@@ -186,6 +186,17 @@ def nodes_inside(solution: Solution, code: int, numbers: Array, rows: Array) -> 
 def sharp_presences(levels: Array, slope: float) -> Array:
     """Presences by which the solver sums volumes and energies, from 0.001 to 1, of levels."""
     return _presences(_SHARPER * slope * levels)
+
+
+def smooth_presences(levels: Array, slope: float) -> Array:
+    """Presences by which the solver multiplies the stiffness, from 0.001 to 1, of levels."""
+    return _presences(slope * levels)
+
+
+def presence_slopes(levels: Array, slope: float) -> Array:
+    """Derivatives of the smooth presences by the level."""
+    found: Array = (1 - _FLOOR) * slope / np.pi / (1 + (slope * levels) ** 2)
+    return found
 
 
 def _presences(steepened: Array) -> Array:

@@ -35,13 +35,18 @@ class Value:
     smooth: float  # the power mean, or the same where nothing is averaged
     pull: Array  # (n, 3) derivative of the smooth one by the displacements of nodes
     gain: Gain = mutual_work
+    of_forces: bool = False  # it is a work of the nodal forces, and changes with them
+
+    def along(self, displacements: Array) -> Array:
+        """What the value changes by with the forces that follow the design, beside the adjoint."""
+        return displacements if self.of_forces else np.zeros_like(displacements)
 
 
 def work_of_forces(model: Model, solution: Solution, case: int) -> Value:
     """The compliance: what the nodal forces of a load case do along its displacements."""
     forces = nodal_forces(model, case)
     work = float((forces * solution.displacements).sum())
-    return Value(work, work, forces)
+    return Value(work, work, forces, of_forces=True)
 
 
 def nodal_forces(model: Model, case: int) -> Array:

@@ -21,6 +21,7 @@ from vkctl.stress.solution import solution_of
 from .. import history
 from ..begun import Loop, OptimiseError
 from ..design import reach_of
+from ..following.weights import set_weights
 from ..history import HistoryRow
 from ..settings import Settings
 from .adjoint import FOLDER, AdjointError, Pull, solve_adjoint
@@ -67,24 +68,32 @@ def begin_steering(loop: Loop) -> Steering:
 
 
 def steer(
-    loop: Loop, results: list[Results], levels: Array, target: float, mode: formats.Mode
+    loop: Loop,
+    results: list[Results],
+    criteria: Array,
+    levels: Array,
+    target: float,
+    mode: formats.Mode,
 ) -> Steered:
-    """Weigh a solved step, and note it."""
+    """Weigh a solved step, whose load cases have criteria (cases, points), and note it."""
     steering, step = loop.steering, loop.state.step
     assert steering is not None
     steering.model.tp = levels.astype(np.float32)
+    set_weights(steering.model.load_cases, loop.weights, loop.design.levels_of_nodes(levels))
     steering.rows = [row for row in steering.rows if row.step < step]
     solutions = {r.number: solution_of(steering.model, r) for r in results if steering.terms}
     values = [term.value(steering.model, solutions[term.case]) for term in steering.terms]
     limited = _weighed_limits(loop, steering, values)
-    cases, criterion = _weighed_cases(loop, steering, results)
+    cases, criterion = _weighed_cases(loop, steering, results, criteria)
     chosen = [k for k, row in enumerate(limited) if row.weight > _SPOKEN and values[k].smooth > 0]
     adjoints = _adjoints(loop, steering, values, chosen, mode)
     for k in chosen:
         solution = solutions[steering.terms[k].case]
         adjoint = adjoints.get(k, solution.displacements)
-        found = sensitivity(steering.model, solution, adjoint, values[k].gain)
-        criterion += limited[k].weight / values[k].smooth * found.criterion
+        found = sensitivity(steering.model, solution, adjoint, values[k].gain).criterion
+        if (weight := loop.weights.get(steering.terms[k].case)) is not None:
+            found -= weight.work(adjoint + values[k].along(solution.displacements))
+        criterion += limited[k].weight / values[k].smooth * found
     steering.rows += cases + limited
     write_weighed(loop.directory, steering.rows)
     if loop.settings.goal == "mass":
@@ -146,10 +155,9 @@ def _is_shared(settings: Settings, term: Term) -> bool:
 
 
 def _weighed_cases(
-    loop: Loop, steering: Steering, results: list[Results]
+    loop: Loop, steering: Steering, results: list[Results], criteria: Array
 ) -> tuple[list[Weighed], Array]:
     """Load cases by their energies, and the criterion that they have together."""
-    criteria = np.array([r.criterion for r in results], np.float64)
     if any(_is_shared(loop.settings, term) for term in steering.terms):
         return [], np.zeros(criteria.shape[1])
     given = np.array(loop.state.weights)

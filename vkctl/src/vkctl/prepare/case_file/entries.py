@@ -98,6 +98,7 @@ class Load:
     point: Vector | None = None  # where a remote force acts, or of a bearing's axis
     moment: Vector = (0.0, 0.0, 0.0)  # beside a remote force
     axis: Vector | None = None  # of a bearing; None: that of the wall
+    follows: bool = False  # gravity: weighs what the level field has of material
     # In the place of sets, nodes in the numbers of the part's file with a value each.
     labels: tuple[int, ...] = ()
     each: tuple[float, ...] | tuple[Vector, ...] = ()

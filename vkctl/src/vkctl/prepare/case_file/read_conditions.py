@@ -79,6 +79,7 @@ def read_load(table: Table) -> Load:
         load.values = table.field_vector("value")
     elif kind == "gravity":
         load.values = table.vector("value")
+        load.follows = table.boolean("follows", False)
     elif kind == "pressure":
         load.values = (table.field("value"),)
     elif kind == "moment":

@@ -1,0 +1,1 @@
+"""Loads that change with the design: weight, and heat where material is."""
