@@ -35,9 +35,11 @@ EXAMPLES = (
     "wheel",
     "beam",
     "printed-cantilever",
+    "arch",
 )
 ANIMATED = "mbb-beam"
-STRESSED = "l-bracket-stress"  # shown by its stress; its history is on no page
+STRESSED = "l-bracket-stress"  # shown by its stress
+_WITHOUT_HISTORY = (STRESSED, "arch")  # theirs is on no page
 _VIEW = View(size=(900, 600))
 _FRAME = View(field="level", size=(560, 360), marks=False)
 
@@ -55,7 +57,7 @@ def remake(name: str) -> Optimised:
     done = optimise(SOURCES / f"{name}.toml", directory)
     view = replace(_VIEW, field="von_mises") if name == STRESSED else _VIEW
     plot(directory, PICTURES / f"{name}.png", view=view)
-    if name != STRESSED:
+    if name not in _WITHOUT_HISTORY:
         history.draw_history(done.rows, PICTURES / f"{name}-history.png")
     if name == ANIMATED:
         film = write_animation(directory, done.rows[-1].step, 15, _FRAME)

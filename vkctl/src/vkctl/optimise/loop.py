@@ -93,6 +93,8 @@ def optimise(
         with history.locked(directory):
             loop = start(cases, Path(directory), settings, reading)
             loop.vk_rund, loop.on_progress = vk_rund, on_progress
+            if where is not None and loop.heated:
+                raise ValueError("heat is for loops without --on: its adjoint is solved here")
             try:
                 if where is None:
                     return _run_steps(loop, on_step)

@@ -145,7 +145,11 @@ def _build(mesh: PartMesh, cases: Cases) -> Prepared:
     whole.sets, whole.notes = remembered_sets(sets), case_notes(cases)
     resultants = np.array([resultant(case, mesh.nodes) for case in whole.load_cases])
     notes = list(mesh.notes) + _warnings(whole, cases)
-    bodies = {n: body for n, e in enumerate(cases.load_cases, 1) if (body := body_of(e, applied)) is not None}
+    bodies = {
+        n: body
+        for n, e in enumerate(cases.load_cases, 1)
+        if (body := body_of(e, applied)) is not None
+    }
     names = [e.name for e in cases.load_cases]
     return Prepared(whole, mesh, sets, names, resultants, notes, bodies=bodies)
 

@@ -40,12 +40,14 @@ class HeavyCells:
         corners = self.rows[:, : self.level_shapes.shape[1]]
         # Not by a product of matrices, whose threads would go on spinning beside the solver.
         found = np.einsum("mc,pc->mp", nodes[corners], self.level_shapes)
-        return np.where(self.follows[:, None], found, 1.0)
+        levels: Array = np.where(self.follows[:, None], found, 1.0)
+        return levels
 
     def along(self, displacements: Array) -> Array:
         """Body force times displacement (m, p): the work of a volume of full material."""
         work = np.einsum("mnk,mk->mn", displacements[self.rows], self.forces)
-        return np.einsum("mn,pn->mp", work, self.shapes)
+        found: Array = np.einsum("mn,pn->mp", work, self.shapes)
+        return found
 
 
 @dataclass(frozen=True)
