@@ -40,6 +40,7 @@ LIGHT = {
     "distributed.worker.profile.enabled": False,
     "distributed.worker.memory.monitor-interval": "1h",
     "distributed.admin.system-monitor.interval": "1h",
+    "distributed.admin.tick.interval": "10s",  # every 20 ms else
     "distributed.admin.system-monitor.gil.enabled": False,
 }
 
