@@ -144,6 +144,9 @@ setup_python() {
   pip_list "$list" || fail "Python packages could not be installed; is there a network?"
   quietly pip-vkctl "$VENV/bin/python" -m pip install --no-build-isolation --no-deps --editable "$ROOT" ||
     fail "vkctl could not be installed"
+  # The process that reads parts can't write: it would compile its own modules each time.
+  find "$ROOT/vkctl/src/vkctl/prepare" "$VENV"/lib/python3*/site-packages -path '*/vkctl/prepare/*.py' -o -name gmsh.py |
+    quietly compile "$VENV/bin/python" -m compileall -q -i - || fail "Python code could not be compiled"
   made_from "$list" >"$VENV/.made_from-$list"
 }
 

@@ -4,6 +4,8 @@
 
 REPORTS=$ROOT/build/reports
 LONGEST_PART=${LONGEST_PART:-25m}
+# Tests start thousands of processes of vkctl, which would all compile it.
+unset PYTHONDONTWRITEBYTECODE
 
 start_suite() {
   rm -rf "$REPORTS"
