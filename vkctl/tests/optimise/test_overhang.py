@@ -65,15 +65,30 @@ def test_the_plate_may_lie_higher_than_the_part() -> None:
     assert lost(design, gap) == set()
 
 
+def test_levels_in_the_middle_of_edges_hold_nothing() -> None:
+    """The material there follows the corners: what looked held by them would hang free."""
+    part = box("tet10", (4, 4, 1), (4.0, 4.0, 1.0))
+    model = Model(part.nodes, part.elements, [Material.isotropic(1.0, 0.3)], [LoadCase()])
+    model.set_level(1.0)
+    design = make_design(model, 1.0, NONE, NONE, Wishes(overhang=Overhang((0, 1, 0))))
+    corner = (np.abs(design.points - design.points.round()) < 0.01).all(axis=1)
+    height = design.points[:, 1]
+    layer = (height > 0.75) & (height < 2.25)
+    printed = design.shape.levels(np.where(layer & corner, -1.0, 1.0))
+    assert (printed[corner & (height > 2.25)] == -1.0).all()
+    assert (printed[corner & (height < 0.75)] == 1.0).all()
+
+
 @pytest.mark.parametrize("distortion", [0.0, 0.2])
 def test_a_criterion_that_holds_what_it_wants_can_be_printed_at_any_threshold(
     distortion: float,
 ) -> None:
     design = design_of(Wishes(), distortion)
     rng = np.random.default_rng(5)
-    field = Field(
-        Model(np.empty((0, 3)), box("hex8", (1, 1, 1)).elements, [], []), design.points, 1.0
-    )
+    every = np.arange(1, len(design.points) + 1, dtype=np.int32)
+    part = box("hex8", (8, 6, 6), (8.0, 6.0, 6.0))
+    model = Model(part.nodes, part.elements, [], [], node_tp_index=every)
+    field = Field(model, design.points, 1.0)
     held = held_points(field, Overhang((0, 0, 1)), np.zeros(len(design.points), np.bool_))
     assert not len(held.loose)
     for _ in range(3):

@@ -15,6 +15,7 @@ import numpy as np
 from scipy.spatial import cKDTree
 
 from vkctl.basics.types import Array
+from vkctl.shapes.topology import CORNERS_PER_TYPE, TYPES
 
 from .entries import Overhang
 from .sampling import Field
@@ -107,7 +108,22 @@ def _in_cone(
     apart = field.points[upper] - field.points[lower]
     distance = np.linalg.norm(apart, axis=1)
     held = (distance > 0) & (apart @ axis >= (np.cos(np.radians(angle)) - _ROUNDING) * distance)
+    held &= _of_corners(field)[lower]
     return upper[held], lower[held]
+
+
+def _of_corners(field: Field) -> Array:
+    """Mask (p,) of the design points that some element has at a corner.
+
+    The material in the middle of an edge follows its corners: a level there holds nothing.
+    """
+    index = field.model.node_tp_index
+    assert index is not None
+    found = np.zeros(len(field.points) + 1, np.bool_)
+    for code in TYPES:
+        corners = field.model.elements.of_type(code)[1][:, : CORNERS_PER_TYPE[code]]
+        found[np.maximum(index[corners - 1], 0)] = True
+    return found[1:]
 
 
 def _layers(height: Array, upper: Array, lower: Array) -> list[Layer]:
