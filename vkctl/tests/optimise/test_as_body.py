@@ -239,3 +239,12 @@ def test_cavities_stay_empty_and_bodies_apart_are_filled(tmp_path: Path) -> None
 def test_a_body_that_takes_more_memory_than_there_is_is_not_begun(tmp_path: Path) -> None:
     with pytest.raises(PartError, match="take a larger size"):
         volume_of(boxes((0.0, 1.0, False)), tmp_path, 1e-4)
+
+
+def test_a_body_of_4_node_tetrahedra_is_stiffer(loop: Path, verified: Verified) -> None:
+    linear = verify_part(loop / "work", order=1, vk_rund=VK_RUND)
+    assert linear.elements == verified.elements
+    assert linear.cases[0].part == verified.cases[0].part
+    assert linear.cases[0].body.compliance < 0.95 * verified.cases[0].body.compliance
+    status, _, told = command(loop / "work", "--order", "3")
+    assert status == 2 and "the order must be 1 or 2, not 3" in told

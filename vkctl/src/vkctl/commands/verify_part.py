@@ -33,6 +33,7 @@ def verify_part_command(
     size: Annotated[
         float | None, typer.Option(..., help="largest edge of elements inside of the body")
     ] = None,
+    order: Annotated[int, typer.Option(..., help="1: 4-node tetrahedra, 2: 10-node")] = 2,
     tolerance: Annotated[
         float, typer.Option(..., help="part of the compliance that may be more or less")
     ] = _DEFAULT,
@@ -62,6 +63,7 @@ def verify_part_command(
                     directory,
                     cases,
                     size=size,
+                    order=order,
                     tolerance=tolerance,
                     keep=keep,
                     vk_rund=vk_rund,

@@ -1,8 +1,9 @@
 """The optimised part as a body of its own, solved beside the result that promised it.
 
-The smooth surface of the part is meshed with 10-node tetrahedra, supports and loads of the case
-file are put on that mesh by their places, and its load cases solved. What differs is what the
-level field's cut elements, and the design volume's own mesh, made of the part.
+The smooth surface of the part is meshed with tetrahedra, of 10 nodes unless 4 are asked for,
+supports and loads of the case file are put on that mesh by their places, and its load cases solved.
+What differs is what the level field's cut elements, and the design volume's own mesh, made of the
+part.
 """
 
 from __future__ import annotations
@@ -101,6 +102,7 @@ def verify_part(
     cases: PathLike | None = None,
     *,
     size: float | None = None,
+    order: int = 2,
     tolerance: float = TOLERANCE,
     keep: PathLike | None = None,
     vk_rund: PathLike | None = None,
@@ -110,7 +112,8 @@ def verify_part(
     """Solve the part of a directory, made smooth, as a body; the directory stays as it is.
 
     `cases` is the case file it was prepared from, by default that of its optimisation. `size` is
-    the largest edge inside of the body, whose surface has the triangles of the part. `keep` is an
+    the largest edge inside of the body, whose surface has the triangles of the part; tetrahedra of
+    `order` 1 have 4 nodes, which makes the body stiffer than it is. `keep` is an
     empty or missing folder for surface, model and results of the body. Raises BodyError, PartError
     where Gmsh can't mesh the surface, CaseFileError, ValueError where there is no closed surface,
     and NotFoundError without a solver.
@@ -118,6 +121,8 @@ def verify_part(
     place = Path(directory)
     if size is not None and not 0 < size < np.inf:
         raise BodyError(f"a size of {size:g} is no length")
+    if order not in (1, 2):
+        raise BodyError(f"the order must be 1 or 2, not {order}")
     if not 0 <= tolerance < np.inf:
         raise BodyError(f"a tolerance of {tolerance:g} is no share")
     find_vk_rund(vk_rund)
@@ -129,7 +134,7 @@ def verify_part(
     with _folder(place, keep) as folder:
         surface = smooth_part(place)
         write_part(surface, folder / SURFACE, place)
-        prepared = _prepared(folder / SURFACE, known, size, reading)
+        prepared = _prepared(folder / SURFACE, known, MeshOptions(size=size, order=order), reading)
         put(prepared, folder)
         _solve(folder, known, vk_rund, on_progress)
         return _compared(
@@ -182,7 +187,9 @@ def _folder(directory: Path, keep: PathLike | None) -> Iterator[Path]:
     yield kept
 
 
-def _prepared(surface: Path, known: Cases, size: float | None, reading: Reading | None) -> Prepared:
+def _prepared(
+    surface: Path, known: Cases, options: MeshOptions, reading: Reading | None
+) -> Prepared:
     """The body's model: all of it is material, and nothing is left out."""
     known.level, known.exclude, known.ignore_level = None, (), ()
     leave_needed(known)
@@ -192,7 +199,7 @@ def _prepared(surface: Path, known: Cases, size: float | None, reading: Reading 
             "in the body: say by its place what it is"
         )
     try:
-        mesh = make_mesh(mesh_within(surface, MeshOptions(size=size, order=2), reading))
+        mesh = make_mesh(mesh_within(surface, options, reading))
     except PartError as error:
         why = str(error).removeprefix(f"{surface}: ")
         raise PartError(f"the part's surface can't be meshed as a body: {why}") from None
