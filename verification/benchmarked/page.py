@@ -1,0 +1,209 @@
+"""The page of what was found: a section for each part, and a summary before them."""
+
+from __future__ import annotations
+
+from collections.abc import Mapping
+from typing import Any
+
+from .cases import CASES, Case
+from .finer import SOFT
+from .measuring import DENSITY
+
+Found = dict[str, Any]
+
+TITLE = "Benchmarks of the optimiser"
+
+INTRODUCTION = f"""
+Parts that `vkctl optimise` makes, judged by other means than the loop that made them, and beside
+a density method on the same mesh with the same volume, supports and loads. `python
+verification/benchmarks.py` computes all of it and writes this page with its pictures, case by
+case: stopped, it goes on where it was.
+
+- **Loop's mesh**: as `vk_rund` solves the level field, whose surface cuts through elements.
+- **Body, 4 nodes / 10 nodes**: the part's smooth surface meshed as a body with Gmsh, its own
+  triangles on the surface, supports and loads put on it anew, as [`vkctl
+  verify-part`](optimisation.md#the-part-as-a-body) does. The 10-node tetrahedra are the finest
+  that is looked at; 4-node ones are too stiff.
+- **Black and white**: each element of the loop's mesh is cut in smaller ones, those of the
+  largest level, or density, are full, of the same volume for both, and the others have {SOFT:g}
+  of the stiffness. Level and density are interpolated between nodes, the density also taken
+  element by element: its stiffer one counts.
+- **Density method**: modified SIMP with the power 3, sensitivity filter of the loop's radius and
+  optimality criteria ([the same](optimisation.md#compared-with-a-density-method)), in arithmetic
+  of its own, all load cases at once. It knows no wishes and no limits. So that its part can be
+  judged like the loop's, its densities become a level field at the one value whose surface holds
+  as much as the surface of the loop's part: bodies have the same volume, the solver's count
+  differs a little.
+- Compliance is the work of the loads; less is stiffer. **Cut** is the share of the elements that
+  the surface goes through, **member** and **hole** are the [measured
+  sizes](optimisation.md#what-the-shape-shall-have) in edges of a cell or mm. Times are of the
+  machine that made the page, other work beside it.
+"""
+
+
+def page(found: Mapping[str, Found], made: Mapping[str, str]) -> str:
+    """Of the cases that were found, by name, and what each was made from."""
+    cases = [case for case in CASES if case.name in found]
+    origins = sorted(set(made[case.name] for case in cases))
+    if len(origins) == 1:
+        from_what = f"Made from {origins[0]}."
+    else:
+        told = [f"- {case.title}: {made[case.name]}" for case in cases]
+        from_what = "Made from:\n\n" + "\n".join(told)
+    parts = [f"# {TITLE}", from_what, INTRODUCTION.strip(), "## In short", *_summary(cases, found)]
+    for case in cases:
+        parts += _section(case, found[case.name])
+    return "\n\n".join(parts) + "\n"
+
+
+# --- summary ------------------------------------------------------------------------------------
+
+
+def _summary(cases: list[Case], found: Mapping[str, Found]) -> list[str]:
+    """How much softer the loop's first design is than the density method's."""
+    rows, worse = [], []
+    for case in cases:
+        loop, other = found[case.name]["designs"][0], _density(found[case.name])
+        ratios = [_ratio(loop, other, key) for key in ("fine", "body_2")]
+        link = f"[{case.title}](#{_anchor(case.title)})"
+        rows.append([link, *map(_percent, ratios), _percent(_ratio(loop, loop, "body_2", "loop"))])
+        if any(ratio is not None and ratio > 1 for ratio in ratios):
+            worse.append(link)
+    head = ["part", "black and white", "body, 10 nodes", "its body against its loop's mesh"]
+    verdict = f"Softer than the density method's by either: {', '.join(worse) or 'none'}."
+    told = (
+        "Compliance of the loop's part against the density method's of the same volume, and of its "
+        "body against what its own loop says. Minus is stiffer. Wishes and limits are the loop's "
+        "alone."
+    )
+    return [told, _table(head, rows), verdict]
+
+
+def _density(found: Found) -> Found:
+    (other,) = (design for design in found["designs"] if design["name"] == DENSITY)
+    return dict(other)
+
+
+def _ratio(one: Found, other: Found, key: str, of: str = "") -> float | None:
+    if key not in one or (of or key) not in other:
+        return None
+    return float(one[key] / other[of or key])
+
+
+def _percent(ratio: float | None) -> str:
+    return "" if ratio is None else f"{100 * (ratio - 1):+.1f} %"
+
+
+def _anchor(title: str) -> str:
+    kept = "".join(letter for letter in title.lower() if letter.isalnum() or letter in " -")
+    return "-".join(kept.split())
+
+
+# --- a part -------------------------------------------------------------------------------------
+
+
+def _section(case: Case, found: Found) -> list[str]:
+    kind = "hexahedra" if found["width"] == 8 else "4-node tetrahedra"
+    meshes = (
+        f"{found['elements']} {kind}, {found['equations']} equations; in black and white "
+        f"{found['finer_elements']} elements, {found['finer_equations']} equations. With all "
+        f"material the compliance is {_number(found['full'][0])} on the loop's mesh and "
+        f"{_number(found['full'][1])} on the finer one."
+    )
+    parts = [f"## {case.title}", case.text, meshes]
+    head = ["compliance", "volume", "loop's mesh", "body, 4 nodes", "body, 10 nodes"]
+    rows = [
+        [
+            one["title"],
+            f"{one['volume']:.3f}",
+            *(_number(one.get(key)) for key in ("loop", "body_1", "body_2", "fine")),
+        ]
+        for one in found["designs"]
+    ]
+    parts.append(_table([*head, "black and white"], rows))
+    parts.append(_looks(case, found))
+    parts += _judgement(case, found)
+    for one in found["designs"]:
+        caption = f"{case.title}: {one['title']}"
+        parts.append(f"![{caption}](benchmarks/{case.name}-{one['name']}.png)")
+    return parts
+
+
+def _looks(case: Case, found: Found) -> str:
+    head = ["part", "steps", "time", "cut", "member", "hole", "bodies", "equations of the body"]
+    columns: list[tuple[str, str]] = []
+    if case.stress is not None:
+        names = ("loop's mesh", "4 nodes", "10 nodes")
+        columns += [
+            (f"largest stress, {name}", key)
+            for name, key in zip(names, ("stress", "stress_1", "stress_2"), strict=True)
+        ]
+    rows = []
+    for one in found["designs"]:
+        extra = [_number(one.get(key), 4) for _, key in columns]
+        if case.build is not None:
+            extra.append(_share(one.get("hanging")))
+        if case.drawn is not None:
+            extra.append(_share(one.get("undercut")))
+        steps = "" if "steps" not in one else str(one["steps"])
+        if "steps" in one and not one["converged"]:
+            steps += ", the most"
+        rows.append(
+            [
+                one["title"],
+                steps,
+                f"{one['seconds']:.0f} s",
+                _share(one["cut"]),
+                _number(one["member"], 2),
+                _number(one["hole"], 2),
+                str(one.get("bodies", "")),
+                str(one.get("body_equations", "")),
+                *extra,
+            ]
+        )
+    head += [name for name, _ in columns]
+    head += ["surface that hangs over"] if case.build is not None else []
+    head += ["void that can't be drawn"] if case.drawn is not None else []
+    return _table(head, rows)
+
+
+def _judgement(case: Case, found: Found) -> list[str]:
+    """What follows from the numbers, worse ones first."""
+    loop, other = found["designs"][0], _density(found)
+    told = []
+    for key, what in (
+        ("fine", "in black and white"),
+        ("body_2", "as a body of 10-node tetrahedra"),
+    ):
+        ratio = _ratio(loop, other, key)
+        if ratio is None:
+            continue
+        how = "**softer**" if ratio > 1 else "stiffer"
+        told.append(f"{what} {abs(100 * (ratio - 1)):.1f} % {how}")
+    parts = [f"Against the density method's part, {loop['title']} is {' and '.join(told)}."]
+    grey = f"The density method's own figure, with its grey elements, is {_number(other['grey'])}."
+    parts[0] += f" {grey}"
+    for one in found["designs"]:
+        if "no_body" in one:
+            parts.append(f"No body of {one['title']}: {one['no_body']}")
+        if one.get("limits"):
+            parts.append("At the end of the loop, " + "; ".join(one["limits"]) + ".")
+    if case.known:
+        parts.append(case.known.replace("{flat}", _number(found["flat"])))
+    if case.remarks:
+        parts.append(case.remarks)
+    return parts
+
+
+def _number(value: float | None, digits: int = 5) -> str:
+    return "" if value is None else f"{value:.{digits}g}"
+
+
+def _share(value: float | None) -> str:
+    return "" if value is None else f"{100 * value:.1f} %"
+
+
+def _table(head: list[str], rows: list[list[str]]) -> str:
+    lines = ["| " + " | ".join(head) + " |", "|" + "---|" * len(head)]
+    lines += ["| " + " | ".join(row) + " |" for row in rows]
+    return "\n".join(lines)
