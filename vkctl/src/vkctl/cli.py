@@ -33,7 +33,7 @@ COMMANDS = {
     "plot": "Draw the deformed part, coloured by a field, or what is prepared.",
     "ask": "Answer questions about solved load cases with numbers.",
     "report": "Write a report as one page, with the part in three dimensions.",
-    "optimise": "Optimise the part for stiffness; started again, it goes on where it stopped.",
+    "optimise": "Optimise the part for stiffness or least mass; started again, it goes on.",
     "verify-part": "Mesh the smooth part as a body, solve it, compare it with the optimised one.",
     "study": "Make variants of a case file and a table of results; started again, it goes on.",
 }

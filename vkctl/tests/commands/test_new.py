@@ -26,7 +26,7 @@ def test_the_command_writes_lists_sets_and_tells_mistakes(block: Path, tmp_path:
     directory = tmp_path / DIRECTORY
     done = runner.invoke(app, ["new", str(block), cases, str(directory)])
     assert done.exit_code == 0, done.output
-    assert "84 nodes, 36 elements, 0 design points, 1 load cases of 1 patterns" in done.output
+    assert "84 nodes, 36 elements, 0 design points, 1 load case of 1 pattern in" in done.output
     assert "-5" in done.output
     assert model.read(directory).load_cases[0].will_run
     listed = runner.invoke(app, ["new", str(block), cases, "--list-sets"])

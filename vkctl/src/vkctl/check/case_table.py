@@ -64,7 +64,7 @@ def _anything_to_do(inputs: Inputs) -> Iterator[Finding]:
             "nothing-requested", "No load case is requested: a run does nothing.", _FLAGS, hint
         )
     elif not inputs.to_run:
-        hint = "Clear bit 1 of the flags to run them again."
+        hint = "`vkctl run --again` runs them again: it clears bit 1 of the flags."
         yield note(
             "all-done", "Every requested load case is done: a run does nothing.", _FLAGS, hint
         )

@@ -25,7 +25,9 @@ class _Question(StrEnum):
 
 def ask_command(
     directory: Directory,
-    question: Annotated[_Question, typer.Argument(..., help="what is asked")] = _Question.overview,
+    question: Annotated[
+        _Question, typer.Argument(..., metavar="question", help="what is asked")
+    ] = _Question.overview,
     case: Annotated[
         list[str] | None,
         typer.Option(..., help="load case, number or name; all solved ones if not given"),
@@ -56,9 +58,14 @@ def ask_command(
 ) -> None:
     """Answer questions about solved load cases with numbers.
 
-    reactions: at each support, with the balance against the loads. extremes: by set, with node and
-    place. envelope: extremes over load cases. cut: section forces of a plane. point, line: values
-    inside the part. mass: volume, mass, centre, inertia. overview: reactions and extremes.
+    \b
+    overview     reactions and extremes
+    reactions    at each support, with the balance against the loads
+    extremes     largest and smallest values by set, with node and place
+    envelope     extremes over load cases
+    cut          section forces of a plane
+    point, line  values inside the part
+    mass         volume, mass, centre, inertia
     """
     with refusing(ValueError):
         from vkctl.ask.answers import Wanted, answer

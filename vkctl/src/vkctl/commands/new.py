@@ -8,7 +8,7 @@ from typing import TYPE_CHECKING, Annotated, Any
 
 import typer
 
-from vkctl.basics.words import printable
+from vkctl.basics.words import counted, printable
 from vkctl.terminal import output
 from vkctl.terminal.arguments import AsJson
 from vkctl.terminal.reading import (
@@ -83,8 +83,9 @@ def summary(prepared: Prepared) -> str:
     whole = prepared.model
     patterns = len({case.pattern for case in whole.load_cases})
     return (
-        f"{len(whole.nodes)} nodes, {len(whole.elements)} elements, {len(whole.tp)} design points, "
-        f"{len(whole.load_cases)} load cases of {patterns} patterns in {prepared.directory}"
+        f"{counted(len(whole.nodes), 'node')}, {counted(len(whole.elements), 'element')}, "
+        f"{counted(len(whole.tp), 'design point')}, {counted(len(whole.load_cases), 'load case')} "
+        f"of {counted(patterns, 'pattern')} in {prepared.directory}"
     )
 
 

@@ -50,7 +50,7 @@ def optimise_command(
     no_limits: NoLimits = False,
     as_json: AsJson = False,
 ) -> None:
-    """Optimise the part for stiffness; started again, it goes on where it stopped.
+    """Optimise the part for stiffness or least mass; started again, it goes on.
 
     Exit status: 0 converged or at the step limit, that of vk_rund where it failed or was
     interrupted, 127 or 126 where it can't be found or executed, 2 for mistakes in the inputs.
