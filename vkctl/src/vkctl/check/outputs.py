@@ -13,14 +13,6 @@ from vkctl.directory.formats import file_names
 from .findings import Finding, error
 from .inputs import Inputs
 
-_RESULTS = (
-    file_names.CRITERION_STEM,
-    file_names.STRESS_STEM,
-    file_names.MAGNITUDE_STEM,
-    file_names.TOTALS_STEM,
-    file_names.DISPLACEMENTS_STEM,
-)
-
 
 def check_outputs(inputs: Inputs) -> Iterator[Finding]:
     """Findings on the directory and on what stands where the run's files would be."""
@@ -31,10 +23,10 @@ def check_outputs(inputs: Inputs) -> Iterator[Finding]:
     yield from _place(inputs, formats.LOG_FILE)
     if inputs.to_run:
         yield from _place(inputs, file_names.LOAD_CASE_FLAGS)
-    stems = (*_RESULTS, *((file_names.ELEMENT_STATE_STEM,) if inputs.has_state else ()))
     for number in inputs.to_run:
-        for stem in stems:
-            yield from _place(inputs, formats.numbered(stem, number))
+        for stem in file_names.RESULT_STEMS:
+            if inputs.has_state or stem != file_names.ELEMENT_STATE_STEM:
+                yield from _place(inputs, formats.numbered(stem, number))
 
 
 def _place(inputs: Inputs, name: str) -> Iterator[Finding]:

@@ -23,15 +23,6 @@ from .changes import Change
 FOLDER = "settle"  # in the working directory
 STATE = "state.json"
 
-# All that a run writes of a load case; the totals last, since they tell that the rest is there.
-_RESULTS = (
-    file_names.DISPLACEMENTS_STEM,
-    file_names.ELEMENT_STATE_STEM,
-    file_names.CRITERION_STEM,
-    file_names.STRESS_STEM,
-    file_names.MAGNITUDE_STEM,
-    file_names.TOTALS_STEM,
-)
 _RUN_KEYS = ("Sys.MaxNumCompThreads", "Sys.ComputationMode")  # may change on the way
 
 
@@ -92,7 +83,7 @@ def put_back(directory: PathLike, number: int) -> None:
 
 
 def _copy_results(source: Path, target: Path, number: int) -> None:
-    for stem in _RESULTS:
+    for stem in file_names.RESULT_STEMS:
         name = formats.numbered(stem, number)
         try:
             with formats.open_regular(source / name) as old:

@@ -34,15 +34,6 @@ SHARED_FILES = (
     file_names.STRUCTURE,
     file_names.LOAD_CASES,
 )
-_RESULT_STEMS = (
-    file_names.DISPLACEMENTS_STEM,
-    file_names.ELEMENT_STATE_STEM,
-    file_names.CRITERION_STEM,
-    file_names.STRESS_STEM,
-    file_names.MAGNITUDE_STEM,
-    file_names.TOTALS_STEM,
-)
-_READ_BACK = _RESULT_STEMS[:3]  # what a run reads of an earlier one
 
 
 def begin_sharing(directory: Path) -> str:
@@ -74,14 +65,14 @@ def is_shared(directory: Path, token: str) -> bool:
 
 def inputs_of(directory: Path, load_cases: Iterable[int]) -> list[str]:
     """Names of the files that the runs of these load cases alone read, as far as they are there."""
-    stems = (file_names.LOAD_CASE_MAP_STEM, *_READ_BACK)
+    stems = (file_names.LOAD_CASE_MAP_STEM, *file_names.READ_BACK_STEMS)
     names = [formats.numbered(stem, number) for number in load_cases for stem in stems]
     return [name for name in names if formats.is_regular(directory / name)]
 
 
 def results_of(folder: Path, load_case: int) -> list[str]:
     """Names of a load case's results in a folder, the totals last."""
-    names = [formats.numbered(stem, load_case) for stem in _RESULT_STEMS]
+    names = [formats.numbered(stem, load_case) for stem in file_names.RESULT_STEMS]
     return [name for name in names if formats.is_regular(folder / name)]
 
 

@@ -25,6 +25,9 @@ CRITERION_STEM = "ws.tcval"
 STRESS_STEM = "ws.amsval"
 MAGNITUDE_STEM = "ws.disval"
 TOTALS_STEM = "ws.comval"
+# Results that the next run reads, and all: the totals last, which tell that the rest is there.
+READ_BACK_STEMS = (DISPLACEMENTS_STEM, ELEMENT_STATE_STEM, CRITERION_STEM)
+RESULT_STEMS = (*READ_BACK_STEMS, STRESS_STEM, MAGNITUDE_STEM, TOTALS_STEM)
 
 RESULT_PREFIX = "ws."
 FOUR_DIGITS = "[0-9][0-9][0-9][0-9]"  # of a load case's number, for a search by pattern
