@@ -106,6 +106,17 @@ def test_several_volumes_make_a_row_that_goes_on_where_it_stopped(tmp_path: Path
     assert (tmp_path / "row" / "pareto.png").read_bytes().startswith(b"\x89PNG")
 
 
+def test_the_case_file_may_name_several_volumes(tmp_path: Path) -> None:
+    cases = write_small(tmp_path, "steps = 1\nvolume = [0.7, 0.9]\n")
+    command = ["optimise", str(cases), str(tmp_path / "d"), "--vk-rund", str(VK_RUND)]
+    done = CliRunner().invoke(app, [*command, "--no-pictures"])
+    assert done.exit_code == 0, done.output
+    lines = (tmp_path / "d" / "pareto.csv").read_text().splitlines()
+    assert [line.split(",")[0] for line in lines[1:]] == ["0.9", "0.7"]
+    one = CliRunner().invoke(app, [*command, "--no-pictures", "--volume", "0.9"])
+    assert one.exit_code == 0 and "volume-" not in one.output
+
+
 @pytest.mark.parametrize("text", ["0.5,x", "0", "0.5,1.5", ""])
 def test_volumes_that_are_none_are_refused(tmp_path: Path, text: str) -> None:
     cases = write_small(tmp_path)

@@ -56,11 +56,12 @@ def optimise_command(
     interrupted, 127 or 126 where it can't be found or executed, 2 for mistakes in the inputs.
     """
     from vkctl.optimise import volumes
+    from vkctl.prepare.case_file.mistakes import CaseFileError
     from vkctl.prepare.part import Reading
 
     console = output.console(silent=as_json)
-    with refusing(ValueError):
-        targets = [None] if volume is None else volumes.parse_volumes(volume)
+    with refusing(ValueError, CaseFileError):
+        targets = volumes.volumes_of(cases) if volume is None else volumes.parse_volumes(volume)
         for name in ("pyvista", "matplotlib", "PIL") if pictures else ():
             need(name)
     several, finished = len(targets) > 1, []

@@ -77,7 +77,7 @@ def optimise(
     """Optimise the part of a case file in a working directory.
 
     The directory is made from the case file's part if it isn't prepared. `volume` and `steps`
-    override the case file's; `reading` is as for `new`. A loop that was begun there goes on where
+    override the case file's, and of several volumes there one has to be given; `reading` is as for `new`. A loop that was begun there goes on where
     it stopped, whatever stopped it, with the settings that it is given now; more steps than before
     carry a finished one further. `on_step` is called after each step, `on_progress` with the step's
     number while the solver runs. `on` and `on_line` are those of `run_on`: workers solve the
@@ -113,7 +113,9 @@ def _overridden(settings: Settings, volume: float | None, steps: int | None) -> 
             raise ValueError("no volume can be given with goal = 'mass', which looks for the least")
         if not 0 < volume <= 1:
             raise ValueError(f"the volume must be above 0 and at most 1, not {volume:g}")
-        settings = replace(settings, volume=volume)
+        settings = replace(settings, volume=volume, volumes=())
+    if settings.volumes:
+        raise ValueError("the case file asks for several volumes: give the one to optimise for")
     if steps is not None:
         if steps < 1:
             raise ValueError(f"there must be at least one step, not {steps}")

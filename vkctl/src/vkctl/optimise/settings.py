@@ -23,7 +23,8 @@ LoopMode = Literal["measured", "iterative", "direct"]
 class Settings:
     """How the loop works; every value can be given in the case file's table [optimise].
 
-    `volume` is the target part of the design volume. `radius` of smoothing is a length; if not
+    `volume` is the target part of the design volume, the largest of `volumes` where several are asked
+    for, each of which has a loop of its own. `radius` of smoothing is a length; if not
     given it is 1.5 times the mean distance of neighbouring nodes. `move` is the part of the way
     that the level field goes in a step, `reduction` the part of the design volume that is taken
     away in a step until the target is met; if not given, so much that it takes half the steps.
@@ -40,6 +41,7 @@ class Settings:
     """
 
     volume: float = 0.5
+    volumes: tuple[float, ...] = ()  # where there are several, the largest first
     steps: int = 60
     radius: float | None = None
     move: float = 0.3
@@ -80,8 +82,10 @@ def _settings(table: Table, names: list[str], report: Mistakes) -> Settings:
     combine = table.choice("combine", get_args(Combine), default.combine)
     goal = table.choice("goal", get_args(Goal), default.goal)
     mode = table.choice("mode", get_args(LoopMode), default.mode)
+    volumes = _volumes(table)
     settings = Settings(
-        volume=table.number("volume", default.volume, above=0, most=1),
+        volume=volumes[0],
+        volumes=volumes if len(volumes) > 1 else (),
         steps=table.integer("steps", default.steps, 1),
         radius=table.number("radius", None, above=0),
         move=table.number("move", default.move, above=0, most=1),
@@ -106,6 +110,21 @@ def _settings(table: Table, names: list[str], report: Mistakes) -> Settings:
                 )
         weights.done()
     return settings
+
+
+def _volumes(table: Table) -> tuple[float, ...]:
+    """One volume or a list of them, the largest first."""
+    default = Settings().volume
+    if not isinstance(table.data.get("volume"), list):
+        return (table.number("volume", default, above=0, most=1),)
+    known = len(table.report.problems)
+    given = table.numbers("volume")
+    for place, volume in enumerate(given):
+        if len(table.report.problems) == known and not 0 < volume <= 1:
+            table.problem("volume", "must be above 0 and at most 1", "", place)
+    if not given:
+        table.problem("volume", "is an empty list", "name one volume or several")
+    return tuple(sorted(set(given), reverse=True)) or (default,)
 
 
 def _check_goal(settings: Settings, table: Table) -> None:

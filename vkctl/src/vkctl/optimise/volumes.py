@@ -11,6 +11,7 @@ from vkctl.directory import formats
 from vkctl.view.files import write_figure
 
 from .loop import Optimised
+from .settings import read_settings
 
 TABLE = "pareto.csv"
 CHART = "pareto.png"
@@ -31,6 +32,11 @@ def parse_volumes(text: str) -> list[float]:
         if not 0 < volume <= 1:
             raise ValueError(f"a volume must be above 0 and at most 1, not {volume:g}")
     return sorted(set(volumes), reverse=True)
+
+
+def volumes_of(cases: PathLike) -> list[float] | list[None]:
+    """Those of a case file, the largest first; one None where it asks for no more than one."""
+    return list(read_settings(cases).volumes) or [None]
 
 
 def write_row(directory: PathLike, done: Sequence[Optimised], volumes: Sequence[float]) -> Path:
