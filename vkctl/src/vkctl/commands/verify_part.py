@@ -18,7 +18,7 @@ from vkctl.terminal.refusal import refuse, refusing
 if TYPE_CHECKING:
     from rich.table import Table
 
-    from vkctl.optimise.as_body import Verified
+    from vkctl.optimise.body_compared import Verified
 
 _BEYOND = 3  # exit status
 _DEFAULT = 0.03  # tolerance
@@ -35,7 +35,7 @@ def verify_part_command(
     ] = None,
     order: Annotated[int, typer.Option(..., help="1: 4-node tetrahedra, 2: 10-node")] = 2,
     tolerance: Annotated[
-        float, typer.Option(..., help="part of the compliance that may be more or less")
+        float, typer.Option(..., help="part of the energy that may be more or less")
     ] = _DEFAULT,
     keep: Annotated[
         Path | None, typer.Option(..., help="folder, made if missing, for the body: its directory")
@@ -100,7 +100,12 @@ def _table(found: Verified) -> Table:
 
     grid = Table(box=None, pad_edge=False)
     grid.add_column("load case")
-    for heading in ("of", "part", "body", "ratio", "displacement", "of the body"):
+    away = any(one.away is not None for one in found.cases)
+    for heading in (
+        *("of", "part", "body", "ratio"),
+        *(("away",) if away else ()),
+        *("displacement", "of the body"),
+    ):
         grid.add_column(heading, justify="left" if heading == "of" else "right")
     for one in found.cases:
         values = [
@@ -108,27 +113,43 @@ def _table(found: Verified) -> Table:
             for side in (one.part, one.body)
         ]
         title = f"{one.number} {printable(one.name)}".strip()
-        far = abs(one.ratio - 1) > found.tolerance
+        red = "red" if abs(one.judged - 1) > found.tolerance else ""
+        others = []
+        if away:
+            others.append(Text("" if one.away is None else f"{one.away:.4f}", red))
         grid.add_row(
             Text(title),
             one.measure,
             *(f"{value:.6g}" for value in values),
-            Text(f"{one.ratio:.4f}", "red" if far else ""),
+            Text(f"{one.ratio:.4f}", red if one.away is None else ""),
+            *others,
             f"{one.part.displacement:.6g}",
             f"{one.body.displacement:.6g}",
         )
     return grid
 
 
+def _about_away(found: Verified) -> list[str]:
+    """What `away` means, where there is any."""
+    if all(one.away is None for one in found.cases):
+        return []
+    return [
+        "away: the strain energy further than "
+        f"{found.distance:.3g} from single nodes that something acts on, which is what counts; around "
+        "them it grows with every finer mesh, whatever the part"
+    ]
+
+
 def _lines(found: Verified) -> list[str]:
     change = 100 * (found.body_volume / found.part_volume - 1)
-    worst = max(found.cases, key=lambda one: abs(one.ratio - 1))
+    worst = max(found.cases, key=lambda one: abs(one.judged - 1))
     how = "within" if found.within else "beyond"
     lines = [
         f"volume: part {found.part_volume:.6g}, body {found.body_volume:.6g} ({change:+.2g} %); "
         f"body of {counted(found.elements, 'element')}",
         f"{how} the tolerance of {100 * found.tolerance:g} %: load case {worst.number} is "
-        f"{abs(100 * (worst.ratio - 1)):.3g} % {'softer' if worst.ratio > 1 else 'stiffer'}",
+        f"{abs(100 * (worst.judged - 1)):.3g} % {'softer' if worst.judged > 1 else 'stiffer'}",
+        *_about_away(found),
         *map(printable, found.notes),
     ]
     if found.kept is not None:

@@ -11,20 +11,14 @@ from __future__ import annotations
 import tempfile
 from collections.abc import Callable, Iterator
 from contextlib import contextmanager
-from dataclasses import dataclass, field
 from pathlib import Path
-from typing import Literal
 
 import numpy as np
 
-from vkctl.basics.types import Array, PathLike
-from vkctl.basics.words import counted, place_words
+from vkctl.basics.types import PathLike
+from vkctl.basics.words import counted
 from vkctl.directory import formats, model
-from vkctl.directory.case_names import case_names, titled
 from vkctl.directory.formats import file_names
-from vkctl.directory.model import Model
-from vkctl.directory.results import Results, read_results
-from vkctl.directory.sums import without_noise
 from vkctl.prepare.build import Prepared, build_model, put
 from vkctl.prepare.case_file.entries import Cases
 from vkctl.prepare.case_file.mistakes import CaseFileError
@@ -33,68 +27,16 @@ from vkctl.prepare.mesh import make_mesh
 from vkctl.prepare.part import MeshOptions, PartError, Reading
 from vkctl.prepare.readers.registry import mesh_within
 from vkctl.running.progress import Progress
-from vkctl.running.run import RunResult, find_vk_rund, run
+from vkctl.running.run import find_vk_rund, run
 from vkctl.view.part_file import PartSurface, part_of, write_part
 
 from . import history
 from .begun import cases_digest
+from .body_compared import BodyError, Verified, compare
 from .body_sets import labelled_entries, leave_needed
-from .limits.aggregates import nodal_forces
-from .limits.terms import is_linear
 
 TOLERANCE = 0.03
 SURFACE = "part.stl"  # beside the body's own files
-_SAME_FORCES = 0.01  # of the largest sum; more is told
-
-Measure = Literal["compliance", "strain energy"]
-
-
-class BodyError(Exception):
-    """The part can't be verified; `run` is the solver's run that failed, if that was the reason."""
-
-    def __init__(self, text: str, run: RunResult | None = None) -> None:
-        super().__init__(text)
-        self.run = run
-
-
-@dataclass(frozen=True)
-class Solved:
-    """What one load case did to the part or to the body."""
-
-    compliance: float  # work of the nodal forces
-    strain_energy: float
-    displacement: float  # the largest
-    forces: tuple[float, float, float]  # sum of the nodal ones
-
-
-@dataclass(frozen=True)
-class Compared:
-    """A load case of the optimised part and of the body."""
-
-    number: int
-    name: str
-    part: Solved
-    body: Solved
-    measure: Measure  # what is compared: strain energy where not forces alone act
-    ratio: float  # of the body's to the part's
-
-
-@dataclass(frozen=True)
-class Verified:
-    """Part and body, load case by load case."""
-
-    directory: Path
-    tolerance: float
-    cases: list[Compared]
-    part_volume: float  # as the solver counts it
-    body_volume: float
-    elements: int  # of the body
-    notes: list[str] = field(default_factory=list)
-    kept: Path | None = None  # the body's directory, where it was to be kept
-
-    @property
-    def within(self) -> bool:
-        return all(abs(one.ratio - 1) <= self.tolerance for one in self.cases)
 
 
 def verify_part(
@@ -137,7 +79,7 @@ def verify_part(
         prepared = _prepared(folder / SURFACE, known, MeshOptions(size=size, order=order), reading)
         put(prepared, folder)
         _solve(folder, known, vk_rund, on_progress)
-        return _compared(
+        return compare(
             place, original, folder, prepared, numbers, tolerance, folder if keep else None
         )
 
@@ -223,83 +165,3 @@ def _solve(
     outcome = run(folder, mode=chosen, vk_rund=vk_rund, on_progress=on_progress)
     if not outcome.ok:
         raise BodyError(f"the body can't be solved: {outcome.advice.sentence}", outcome)
-
-
-def _compared(
-    directory: Path,
-    original: Model,
-    folder: Path,
-    prepared: Prepared,
-    numbers: list[int],
-    tolerance: float,
-    kept: Path | None,
-) -> Verified:
-    names, body = case_names(original), prepared.model
-    compared, notes = [], list(prepared.notes)
-    volumes = (0.0, 0.0)
-    for number in numbers or _requested(original):
-        results = [_results(place, number) for place in (directory, folder)]
-        part, own = (
-            _solved(whole, one) for whole, one in zip((original, body), results, strict=True)
-        )
-        volumes = (results[0].material_volume, results[1].material_volume)
-        measure: Measure = "compliance" if is_linear(original, number) else "strain energy"
-        ratio = _ratio(part, own, measure)
-        compared.append(Compared(number, names[number - 1], part, own, measure, ratio))
-        notes += _other_forces(titled(number, names), part, own)
-    if not compared:
-        raise BodyError(f"no load case of {directory} is requested")
-    return Verified(directory, tolerance, compared, *volumes, len(body.elements), notes, kept)
-
-
-def _requested(original: Model) -> list[int]:
-    cases = enumerate(original.load_cases, 1)
-    return [number for number, case in cases if formats.is_wanted(case.kind, case.flags)]
-
-
-def _results(directory: Path, number: int) -> Results:
-    try:
-        results = read_results(directory, number)
-    except FileNotFoundError:
-        raise BodyError(f"load case {number} of {directory} isn't solved") from None
-    if results.displacements is None:
-        raise BodyError(f"load case {number} of {directory} was solved too poorly")
-    if results.element_state is not None:
-        raise BodyError(
-            f"load case {number} of {directory} has material that yields or carries compression "
-            "only, whose state the body doesn't take over"
-        )
-    return results
-
-
-def _solved(whole: Model, results: Results) -> Solved:
-    forces, moved = nodal_forces(whole, results.number), np.asarray(results.displacements)
-    x, y, z = forces.sum(axis=0).tolist()
-    return Solved(
-        float((forces * moved).sum()),
-        results.strain_energy,
-        float(np.linalg.norm(moved, axis=1).max()),
-        (x, y, z),
-    )
-
-
-def _ratio(part: Solved, body: Solved, measure: Measure) -> float:
-    values: Array = np.array(
-        [one.compliance if measure == "compliance" else one.strain_energy for one in (part, body)]
-    )
-    if values[0] == values[1]:
-        return 1.0
-    return float(values[1] / values[0]) if values[0] else np.inf
-
-
-def _other_forces(title: str, part: Solved, body: Solved) -> list[str]:
-    """Where a load on the body isn't that on the part, as on a face that is partly gone."""
-    before, after = np.array(part.forces), np.array(body.forces)
-    largest = max(float(np.linalg.norm(one)) for one in (before, after))
-    if np.linalg.norm(after - before) <= _SAME_FORCES * largest:
-        return []
-    said = [place_words(without_noise(one, largest), 4) for one in (before, after)]
-    return [
-        f"{title}: the forces on the part add up to {said[0]}, on the body to {said[1]}: they act "
-        "on less or more of it"
-    ]

@@ -1,0 +1,195 @@
+"""The optimised part and the body it was meshed as, load case by load case."""
+
+from __future__ import annotations
+
+from collections.abc import Sequence
+from dataclasses import dataclass, field, replace
+from pathlib import Path
+from typing import Literal
+
+import numpy as np
+
+from vkctl.basics.types import Array
+from vkctl.basics.words import place_words
+from vkctl.directory import formats
+from vkctl.directory.case_names import case_names, titled
+from vkctl.directory.model import Model
+from vkctl.directory.results import Results, read_results
+from vkctl.directory.sums import without_noise
+from vkctl.prepare.build import Prepared
+from vkctl.running.run import RunResult
+from vkctl.shapes.topology import TET4
+
+from .away import energy_away, single_places
+from .limits.aggregates import nodal_forces
+from .limits.terms import is_linear
+from .wishes.sampling import mean_edge
+
+AWAY = 2.0  # mean edges of the part's mesh from a single node, further than which is away from it
+LOCKED = (
+    "the part was optimised on 4-node tetrahedra, which are too stiff in bending, whatever its shape: "
+    "with order = 2 in [mesh], or smaller elements, the loop's own figure comes closer to the body's"
+)
+_SAME_FORCES = 0.01  # of the largest sum; more is told
+
+Measure = Literal["compliance", "strain energy"]
+
+
+class BodyError(Exception):
+    """The part can't be verified; `run` is the solver's run that failed, if that was the reason."""
+
+    def __init__(self, text: str, run: RunResult | None = None) -> None:
+        super().__init__(text)
+        self.run = run
+
+
+@dataclass(frozen=True)
+class Solved:
+    """What one load case did to the part or to the body."""
+
+    compliance: float  # work of the nodal forces
+    strain_energy: float
+    displacement: float  # the largest
+    forces: tuple[float, float, float]  # sum of the nodal ones
+    away: float | None = None  # strain energy away from single nodes, where something acts on them
+
+
+@dataclass(frozen=True)
+class Compared:
+    """A load case of the optimised part and of the body."""
+
+    number: int
+    name: str
+    part: Solved
+    body: Solved
+    measure: Measure  # what is compared: strain energy where not forces alone act
+    ratio: float  # of the body's to the part's
+    away: float | None = None  # the same of the strain energy away from single nodes
+
+    @property
+    def judged(self) -> float:
+        """The ratio that doesn't depend on how fine the meshes are."""
+        return self.ratio if self.away is None else self.away
+
+
+@dataclass(frozen=True)
+class Verified:
+    """Part and body, load case by load case."""
+
+    directory: Path
+    tolerance: float
+    cases: list[Compared]
+    part_volume: float  # as the solver counts it
+    body_volume: float
+    elements: int  # of the body
+    notes: list[str] = field(default_factory=list)
+    kept: Path | None = None  # the body's directory, where it was to be kept
+    distance: float = 0.0  # that counts as away from single nodes
+
+    @property
+    def within(self) -> bool:
+        return all(abs(one.judged - 1) <= self.tolerance for one in self.cases)
+
+
+def compare(
+    directory: Path,
+    original: Model,
+    folder: Path,
+    prepared: Prepared,
+    numbers: list[int],
+    tolerance: float,
+    kept: Path | None,
+) -> Verified:
+    names, body = case_names(original), prepared.model
+    compared, notes = [], list(prepared.notes)
+    volumes, distance = (0.0, 0.0), AWAY * mean_edge(original)
+    for number in numbers or _requested(original):
+        results = [_results(place, number) for place in (directory, folder)]
+        part, own = (
+            _solved(whole, one) for whole, one in zip((original, body), results, strict=True)
+        )
+        volumes = (results[0].material_volume, results[1].material_volume)
+        part, own = _with_energies_away(((original, part), (body, own)), results, distance)
+        measure: Measure = "compliance" if is_linear(original, number) else "strain energy"
+        ratio, away = _ratio(part, own, measure), None
+        if part.away and own.away is not None:
+            away = own.away / part.away
+        compared.append(Compared(number, names[number - 1], part, own, measure, ratio, away))
+        notes += _other_forces(titled(number, names), part, own)
+    if not compared:
+        raise BodyError(f"no load case of {directory} is requested")
+    if any(abs(one.judged - 1) > tolerance for one in compared) and (original.elements.type_codes == TET4).any():
+        notes.append(LOCKED)
+    count = len(body.elements)
+    return Verified(directory, tolerance, compared, *volumes, count, notes, kept, distance)
+
+
+def _with_energies_away(
+    sides: Sequence[tuple[Model, Solved]], results: Sequence[Results], distance: float
+) -> list[Solved]:
+    """Of both, away from the single nodes of either; none of such a region with half the energy."""
+    known = [solved for _, solved in sides]
+    number = results[0].number
+    places = np.concatenate([single_places(whole, number) for whole, _ in sides])
+    if not len(places):
+        return known
+    energies = [
+        energy_away(whole, one, places, distance)
+        for (whole, _), one in zip(sides, results, strict=True)
+    ]
+    if energies[0] < 0.5 * results[0].strain_energy:
+        return known
+    return [replace(one, away=energy) for one, energy in zip(known, energies, strict=True)]
+
+
+def _requested(original: Model) -> list[int]:
+    cases = enumerate(original.load_cases, 1)
+    return [number for number, case in cases if formats.is_wanted(case.kind, case.flags)]
+
+
+def _results(directory: Path, number: int) -> Results:
+    try:
+        results = read_results(directory, number)
+    except FileNotFoundError:
+        raise BodyError(f"load case {number} of {directory} isn't solved") from None
+    if results.displacements is None:
+        raise BodyError(f"load case {number} of {directory} was solved too poorly")
+    if results.element_state is not None:
+        raise BodyError(
+            f"load case {number} of {directory} has material that yields or carries compression "
+            "only, whose state the body doesn't take over"
+        )
+    return results
+
+
+def _solved(whole: Model, results: Results) -> Solved:
+    forces, moved = nodal_forces(whole, results.number), np.asarray(results.displacements)
+    x, y, z = forces.sum(axis=0).tolist()
+    return Solved(
+        float((forces * moved).sum()),
+        results.strain_energy,
+        float(np.linalg.norm(moved, axis=1).max()),
+        (x, y, z),
+    )
+
+
+def _ratio(part: Solved, body: Solved, measure: Measure) -> float:
+    values: Array = np.array(
+        [one.compliance if measure == "compliance" else one.strain_energy for one in (part, body)]
+    )
+    if values[0] == values[1]:
+        return 1.0
+    return float(values[1] / values[0]) if values[0] else np.inf
+
+
+def _other_forces(title: str, part: Solved, body: Solved) -> list[str]:
+    """Where a load on the body isn't that on the part, as on a face that is partly gone."""
+    before, after = np.array(part.forces), np.array(body.forces)
+    largest = max(float(np.linalg.norm(one)) for one in (before, after))
+    if np.linalg.norm(after - before) <= _SAME_FORCES * largest:
+        return []
+    said = [place_words(without_noise(one, largest), 4) for one in (before, after)]
+    return [
+        f"{title}: the forces on the part add up to {said[0]}, on the body to {said[1]}: they act "
+        "on less or more of it"
+    ]
