@@ -136,6 +136,20 @@ def test_a_load_on_a_face_that_is_partly_gone_is_told(verified: Verified, tmp_pa
     assert "pressed: the forces on the part add up to (0, -1.2, 0), on the body to (0, -" in note
 
 
+def test_a_force_on_single_nodes_is_judged_by_the_energy_away_from_them(verified: Verified) -> None:
+    (down,) = verified.cases
+    assert down.part.away is not None and down.body.away is not None
+    assert down.judged == down.away == down.body.away / down.part.away
+    assert down.part.away < 0.99 * down.part.strain_energy
+    assert verified.distance == pytest.approx(2.0)
+
+
+def test_a_load_on_faces_is_judged_by_all_of_its_work(tmp_path: Path) -> None:
+    optimise(write_small(tmp_path, "steps = 1\n", PRESSED), tmp_path / "work", vk_rund=VK_RUND)
+    (pressed,) = verify_part(tmp_path / "work", vk_rund=VK_RUND).cases
+    assert pressed.away is None and pressed.judged == pressed.ratio
+
+
 def test_the_body_is_kept_as_a_directory_that_commands_take(verified: Verified) -> None:
     assert verified.kept is not None
     result = CliRunner().invoke(app, ["summary", str(verified.kept)])

@@ -158,6 +158,37 @@ def test_a_step_that_fails_in_both_modes_moves_less(tmp_path: Path) -> None:
     assert read_history(tmp_path / "d")[1].target == whole.rows[1].target
 
 
+# A solver whose iterations end at their limit, far from the solution, and that may have no factor.
+POOR = """
+mode=$(sed -n 's/^Sys.ComputationMode=//p' "$1/vk_rund_cmd.txt")
+echo "$mode" >> "$1/asked"
+if [ "$mode" = 2 ] && [ -n "{no_factor}" ]; then
+  printf 'Info<Msg:Tool.vk_rund.Start >\\nData<Key:LCaseId><Value:1>\\n' > "$1/vk_rund_log.txt"
+  printf 'Error<Msg:Stiffness matrix factorization error. >\\n' >> "$1/vk_rund_log.txt"
+  exit 242
+fi
+"$real" "$1"
+[ "$mode" = 1 ] || exit 0
+printf '\\315\\314\\114\\077' | dd of="$1/ws.comval.0001" bs=1 seek=8 conv=notrunc 2> /dev/null
+rm "$1/ws.sstate.0001"
+"""
+
+
+@pytest.mark.parametrize(
+    ("no_factor", "modes", "mode"),
+    [("", ["1", "2"], "direct"), ("1", ["1", "2", "1"], "iterative")],
+)
+def test_a_step_whose_iterations_end_too_early_is_solved_with_a_factor_if_there_may_be_one(
+    no_factor: str, modes: list[str], mode: str, tmp_path: Path
+) -> None:
+    cases = write_small(tmp_path, "steps = 1\n")
+    solver = script(tmp_path / "solver", POOR.replace("{no_factor}", no_factor))
+    (row,) = optimise(cases, tmp_path / "d", vk_rund=solver).rows
+    assert asked(tmp_path / "d") == modes
+    assert row.mode == mode
+    assert row.quality == pytest.approx(1.0 if mode == "direct" else 0.8)
+
+
 def test_a_loop_gives_up_with_the_first_failure_where_nothing_helps(tmp_path: Path) -> None:
     cases = write_small(tmp_path, "steps = 2\nreduction = 0.1\n")
     second = '[ -e "$1/optimise/levels.0002.npy" ]'

@@ -134,9 +134,8 @@ def _about_away(found: Verified) -> list[str]:
     if all(one.away is None for one in found.cases):
         return []
     return [
-        "away: the strain energy further than "
-        f"{found.distance:.3g} from single nodes that something acts on, which is what counts; around "
-        "them it grows with every finer mesh, whatever the part"
+        f"away: the strain energy further than {found.distance:.3g} from single nodes that "
+        "something acts on, which is what counts; around them it grows with every finer mesh"
     ]
 
 

@@ -35,6 +35,8 @@ from .begun import cases_digest
 from .body_compared import BodyError, Verified, compare
 from .body_sets import labelled_entries, leave_needed
 
+__all__ = ["BodyError", "Verified", "smooth_part", "verify_part"]
+
 TOLERANCE = 0.03
 SURFACE = "part.stl"  # beside the body's own files
 

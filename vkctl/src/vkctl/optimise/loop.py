@@ -77,13 +77,14 @@ def optimise(
     """Optimise the part of a case file in a working directory.
 
     The directory is made from the case file's part if it isn't prepared. `volume` and `steps`
-    override the case file's, and of several volumes there one has to be given; `reading` is as for `new`. A loop that was begun there goes on where
-    it stopped, whatever stopped it, with the settings that it is given now; more steps than before
-    carry a finished one further. `on_step` is called after each step, `on_progress` with the step's
-    number while the solver runs. `on` and `on_line` are those of `run_on`: workers solve the
-    constraint patterns of each step then, and keep what doesn't change. Raises CaseFileError and
-    PartError for mistakes in the inputs, OptimiseError if the loop can't go on, BusyError and
-    NotFoundError as `run` does, WhereError as `run_on`.
+    override the case file's, and of several volumes there one has to be given; `reading` is as for
+    `new`. A loop that was begun there goes on where it stopped, whatever stopped it, with the
+    settings that it is given now; more steps than before carry a finished one further. `on_step`
+    is called after each step, `on_progress` with the step's number while the solver runs. `on` and
+    `on_line` are those of `run_on`: workers solve the constraint patterns of each step then, and
+    keep what doesn't change. Raises CaseFileError and PartError for mistakes in the inputs,
+    OptimiseError if the loop can't go on, BusyError and NotFoundError as `run` does, WhereError as
+    `run_on`.
     """
     settings = _overridden(read_settings(cases), volume, steps)
     where = None if on is None else parse_where(on, clusters_of(cases))

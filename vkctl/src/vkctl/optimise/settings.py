@@ -23,8 +23,8 @@ LoopMode = Literal["measured", "iterative", "direct"]
 class Settings:
     """How the loop works; every value can be given in the case file's table [optimise].
 
-    `volume` is the target part of the design volume, the largest of `volumes` where several are asked
-    for, each of which has a loop of its own. `radius` of smoothing is a length; if not
+    `volume` is the target part of the design volume, the largest of `volumes` where several are
+    asked for, each of which has a loop of its own. `radius` of smoothing is a length; if not
     given it is 1.5 times the mean distance of neighbouring nodes. `move` is the part of the way
     that the level field goes in a step, `reduction` the part of the design volume that is taken
     away in a step until the target is met; if not given, so much that it takes half the steps.

@@ -10,6 +10,7 @@ import numpy as np
 from vkctl.basics.types import PathLike
 from vkctl.directory import formats
 from vkctl.directory.model import set_flags
+from vkctl.directory.results import KEEP_QUALITY, read_results
 from vkctl.running import processes
 from vkctl.running.run import RunResult, run, set_run_options
 from vkctl.spread.run import run_at
@@ -32,6 +33,7 @@ _OF_THE_SOLVE = re.compile(
 def solve_somehow(loop: Loop) -> tuple[RunResult, formats.Mode]:
     """The step's run, in whatever mode; where both fail, of a design that moved less.
 
+    Iterations that ended too far from a solution count as failed as long as there may be a factor.
     OptimiseError with the first failure where none of it helps, or where it isn't the solve's.
     """
     mode, first = _mode(loop), None
@@ -39,15 +41,28 @@ def solve_somehow(loop: Loop) -> tuple[RunResult, formats.Mode]:
     for attempt in range(_MOST_SHORTENED + 1):
         if attempt and not _shorten(loop, attempt):
             break
+        factored, poor = True, False
         for taken in (mode, *(other for other in others if other != mode)):
             outcome = _solve(loop, taken)
-            if outcome.ok:
+            if outcome.ok and (taken == "direct" or not factored or not _is_poor(loop)):
                 return outcome, taken
+            if outcome.ok:
+                poor, loop.state.running = True, 0  # to be solved once more
+                continue
+            factored = factored and taken != "direct"
             first = first or outcome
             if not solve_failed(outcome):
                 raise _failure(loop, outcome)
+        if poor and (outcome := _solve(loop, "iterative")).ok:
+            return outcome, "iterative"
     assert first is not None
     raise _failure(loop, first)
+
+
+def _is_poor(loop: Loop) -> bool:
+    """Whether a load case of the step has no displacements worth keeping."""
+    found = (read_results(loop.directory, number) for number in loop.state.load_cases)
+    return any(results.quality <= KEEP_QUALITY for results in found)
 
 
 def _failure(loop: Loop, outcome: RunResult) -> OptimiseError:

@@ -50,7 +50,10 @@ def criteria_of(loop: Loop, results: list[Results], levels: Array, mode: formats
         if model is not None and r.number in moved:
             solution = solution_of(model, r)
             found[k] = sensitivity(model, solution, moved[r.number], energy_gain).criterion
-        if (weight := loop.weights.get(r.number)) is not None and along is not None:
+        if (weight := loop.weights.get(r.number)) is not None:
+            if along is None:
+                text = "was solved too poorly to tell what its weight adds"
+                raise OptimiseError(f"step {loop.state.step}: load case {r.number} {text}")
             found[k] -= weight.work(np.asarray(along, np.float64))
     return found
 
