@@ -5,7 +5,7 @@ from __future__ import annotations
 import numpy as np
 import pytest
 
-from vkctl.shapes.groups import groups_of_links
+from vkctl.shapes.groups import distinct, groups_of_links
 
 
 def by_search(count, links):
@@ -36,6 +36,12 @@ def test_a_long_chain_in_any_order_is_one_group() -> None:
     order = np.random.default_rng(1).permutation(3000)
     assert not groups_of_links(3000, order[1:], order[:-1]).any()
     assert not groups_of_links(3000, np.arange(2999), np.arange(1, 3000)).any()
+
+
+def test_numbers_are_distinct_and_ascend_whatever_their_shape() -> None:
+    numbers = np.random.default_rng(3).integers(-40, 40, (30, 4))
+    assert distinct(numbers).tolist() == sorted(set(numbers.ravel().tolist()))
+    assert distinct(numbers[:0]).tolist() == []
 
 
 def test_nothing_has_no_groups() -> None:
