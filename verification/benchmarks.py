@@ -1,12 +1,13 @@
 """Computes docs/benchmarks.md and its pictures: parts of the optimiser, judged by other means.
 
-    python verification/benchmarks.py [--only CASE ...] [--fresh]
+    python verification/benchmarks.py [--only CASE ...] [--fresh] [--page]
 
 Each case is kept under run/benchmarks of the checkout when it is done, and taken from there as long
 as the solver and what is under vkctl/src, vkctl/examples, verification and tests/support are those
 it was made from; a loop that was stopped goes on. --only does the named cases, --fresh forgets them
-first; the page shows whatever is kept, and from what each case was made. The solver is $VK_RUND or
-build/release/vk_rund. There must be no changes there that aren't committed. Commit what it writes.
+first; --page computes nothing. The page shows whatever is kept, and from what each case was made.
+The solver is $VK_RUND or build/release/vk_rund. There must be no changes there that aren't
+committed. Commit what it writes.
 """
 
 from __future__ import annotations
@@ -31,7 +32,8 @@ KEPT = ROOT / "run" / "benchmarks"
 DOCS = ROOT / "docs"
 SOURCES = (
     *("vkctl/src", "vkctl/examples", "verification", "tests/support"),
-    ":(exclude)verification/benchmarked/page.py",  # which computes nothing
+    ":(exclude)verification/benchmarks.py",  # these two compute nothing
+    ":(exclude)verification/benchmarked/page.py",
 )
 NAMES = [case.name for case in CASES]
 
@@ -46,7 +48,21 @@ def main() -> int:
     parser = argparse.ArgumentParser(description=(__doc__ or "").splitlines()[0])
     parser.add_argument("--only", action="append", choices=NAMES, metavar="CASE")
     parser.add_argument("--fresh", action="store_true", help="do the cases anew")
+    parser.add_argument("--page", action="store_true", help="write the page of what is kept alone")
     options = parser.parse_args()
+    if not options.page and (status := compute(options.only or NAMES, options.fresh)):
+        return status
+    kept = {name: json.loads(path(name).read_text()) for name in NAMES if path(name).exists()}
+    found = {name: one["found"] for name, one in kept.items()}
+    (DOCS / "benchmarks.md").write_text(page(found, {n: one["made"] for n, one in kept.items()}))
+    missing = [name for name in NAMES if name not in kept]
+    if missing:
+        print(f"the page is without {', '.join(missing)}")
+    return 0
+
+
+def compute(names: list[str], fresh: bool) -> int:
+    """The cases that aren't kept; 2 where that can't be."""
     if not program().exists():
         print(f"no solver at {program()}; build it or set VK_RUND", file=sys.stderr)
         return 2
@@ -55,14 +71,8 @@ def main() -> int:
         return 2
     commit = output("git", "log", "-1", "--format=%h", "--abbrev=12", "--", *SOURCES)
     made = f"commit `{commit}` with {output(program(), '--version')}"
-    for name in options.only or NAMES:
-        do(name, made, options.fresh)
-    kept = {name: json.loads(path(name).read_text()) for name in NAMES if path(name).exists()}
-    found = {name: one["found"] for name, one in kept.items()}
-    (DOCS / "benchmarks.md").write_text(page(found, {n: one["made"] for n, one in kept.items()}))
-    missing = [name for name in NAMES if name not in kept]
-    if missing:
-        print(f"the page is without {', '.join(missing)}")
+    for name in names:
+        do(name, made, fresh)
     return 0
 
 

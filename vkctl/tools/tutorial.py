@@ -8,6 +8,7 @@ from pathlib import Path
 
 _BLOCK = re.compile(r"^```(\w+)\n(.*?)^```$", re.DOTALL | re.MULTILINE)
 CASE_FILE = "bracket.toml"
+PRINTED = "printed.toml"  # the same with another table [optimise], the page's second block
 PART = "bracket.step"
 
 
@@ -26,5 +27,8 @@ def set_up(page: Path, examples: Path, directory: Path) -> Path:
     directory.mkdir(parents=True)
     shutil.copy(examples / PART, directory)
     cases = directory / CASE_FILE
-    cases.write_text("".join(blocks(page, "toml")))
+    first, second = blocks(page, "toml")
+    cases.write_text(first)
+    head = first.partition("[optimise]")[0].replace("order = 1", "order = 2")
+    (directory / PRINTED).write_text(head + second)
     return cases

@@ -16,7 +16,10 @@ import tutorial
 from closed_surfaces import open_edges
 from PIL import Image
 
-from vkctl.optimise import read_history
+from vkctl.directory.model import read
+from vkctl.optimise import read_history, read_settings
+from vkctl.optimise.design import make_design
+from vkctl.optimise.limits.table import read_weighed
 from vkctl.prepare import read_cases
 
 pytestmark = pytest.mark.thorough
@@ -36,8 +39,9 @@ def folder(tmp_path_factory: pytest.TempPathFactory) -> Path:
     """The reader's folder after the last command."""
     directory = tmp_path_factory.mktemp("reader") / "bracket"
     cases = tutorial.set_up(PAGE, EXAMPLES, directory)
-    text = replaced(cases.read_text(), "size = 5.0", "size = 10.0")
-    cases.write_text(replaced(text, "steps = 60", "steps = 4"))
+    for path, steps in ((cases, "60"), (directory / tutorial.PRINTED, "40")):
+        text = replaced(path.read_text(), "size = 5.0", "size = 10.0")
+        path.write_text(replaced(text, f"steps = {steps}", "steps = 4"))
     program = directory.parent / "bin" / "vkctl"
     program.parent.mkdir()
     program.write_text(f'#!/bin/sh\nexec "{sys.executable}" -m vkctl "$@"\n')
@@ -48,9 +52,10 @@ def folder(tmp_path_factory: pytest.TempPathFactory) -> Path:
         done = subprocess.run(
             command, shell=True, cwd=directory, env=known, capture_output=True, text=True
         )
-        warned = command.split()[1] == "check"
-        assert done.returncode == warned, f"{command}\n{done.stdout}{done.stderr}"
-        assert not warned or "lie in thin regions" in done.stdout
+        # A body is compared with what so coarse a mesh says: 3 is beyond the tolerance.
+        expected = {"check": (1,), "verify-part": (0, 3)}.get(command.split()[1], (0,))
+        assert done.returncode in expected, f"{command}\n{done.stdout}{done.stderr}"
+        assert expected != (1,) or "lie in thin regions" in done.stdout
     return directory
 
 
@@ -58,12 +63,13 @@ def test_the_tutorial_goes_from_step_to_stl() -> None:
     typed = [command.split()[1] for command in tutorial.commands(PAGE)]
     assert typed[0] == "new" and typed[-1] == "export"
     kinds = {"new", "check", "run", "summary", "ask", "plot", "report", "export", "optimise"}
-    assert kinds == set(typed)
-    assert tutorial.commands(PAGE)[-1].endswith(".stl")
+    assert kinds | {"verify-part"} == set(typed)
+    assert tutorial.commands(PAGE)[-1].endswith(".stl --smooth")
 
 
 def test_its_pictures_show_something(folder: Path) -> None:
-    for name in ("up.png", "along.png", "optimised.png", "work/optimise/history.png"):
+    names = ("up.png", "along.png", "optimised.png", "printed.png", "work/optimise/history.png")
+    for name in names:
         with Image.open(folder / name) as picture:
             colours = picture.convert("RGB").getcolors(1 << 24)
         assert colours is not None and len(colours) > 100, name
@@ -89,6 +95,21 @@ def test_its_part_is_closed_and_smaller(folder: Path) -> None:
     last = read_history(folder / "work")[-1]
     assert last.step == 4 and last.volume < 0.5
     assert surface.volume / whole == pytest.approx(last.volume, abs=0.02)
+
+
+def test_its_printed_part_is_one_smooth_body_inside_of_its_limit(folder: Path) -> None:
+    surface = pyvista.read(folder / "printed.stl")
+    assert open_edges(surface) == 0
+    assert surface.split_bodies().n_blocks == 1
+    model, settings = read(folder / "printed"), read_settings(folder / tutorial.PRINTED)
+    kept = [one.own_nodes() for one in model.sets or [] if one.name in settings.keep]
+    shape = make_design(model, None, np.concatenate(kept), wishes=settings.wishes).shape
+    levels = model.tp.astype(np.float64)
+    assert np.array_equal(shape.levels(levels) > 0, levels > 0)
+    last = [row for row in read_weighed(folder / "printed") if row.step == 4]
+    assert len(last) == 3 and max(row.ratio for row in last) < 1.0
+    assert read_history(folder / "printed")[-1].volume < 0.97
+    assert read(folder / "body").elements.tet10.shape[0] > 1000
 
 
 def test_every_picture_of_the_pages_is_there() -> None:
