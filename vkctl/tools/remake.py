@@ -29,6 +29,7 @@ PICTURES = ROOT / "docs" / "optimise"
 EXAMPLES = (
     "cantilever",
     "mbb-beam",
+    "mbb-beam-sizes",
     "l-bracket",
     "l-bracket-stress",
     "bracket",

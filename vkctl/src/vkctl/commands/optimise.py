@@ -192,7 +192,7 @@ def _conclude(console: Console, done: Optimised, drawing: Painter | None) -> Non
     )
     for sentence in _about_pieces(done):
         console.print(sentence, markup=False, soft_wrap=True)
-    for sentence in done.told:
+    for sentence in (*done.told, *done.told_sizes):
         console.print(printable(sentence), markup=False, soft_wrap=True)
     folder = history.folder_of(done.directory)
     if drawing is None:
@@ -226,6 +226,7 @@ def values(done: Optimised) -> dict[str, Any]:
         "carrying": int(done.pieces.carrying.sum()),
         "broken": list(done.pieces.broken),
         "limits": done.told,
+        "sizes": None if done.sizes is None else asdict(done.sizes),
         "steps": [asdict(row) for row in done.rows],
     }
 

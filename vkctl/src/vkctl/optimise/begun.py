@@ -29,7 +29,7 @@ from vkctl.spread.sending import Sender
 from vkctl.stress.solution import option_of
 
 from . import history
-from .design import Design, make_design
+from .design import Design, make_design, reach_of
 from .following.kinds import heated_cases, refuse_unknown
 from .following.weights import keep_bodies, read_weights
 from .history import HistoryRow, State
@@ -70,6 +70,7 @@ class Loop:
     settings: Settings
     state: State
     design: Design
+    reach: float  # the radius of smoothing that settings and mesh have
     rows: list[HistoryRow]
     factored_seconds: Callable[[], float]  # estimated for a step with a factor
     vk_rund: PathLike | None = None
@@ -94,6 +95,22 @@ def levels_of(loop: Loop, step: int) -> Array:
     return history.load_array(history.levels_file(loop.directory, step), len(loop.design.points))
 
 
+def free_of(loop: Loop, step: int) -> Array:
+    """The field that a step's levels were made from by their sizes, where that differs."""
+    path = history.free_file(loop.directory, step)
+    if not loop.design.shape.has_sizes or not path.exists():
+        return levels_of(loop, step)
+    return history.load_array(path, len(loop.design.points))
+
+
+def write_design(loop: Loop, step: int, following: Array) -> None:
+    """Levels of a step, from the field that was moved, which is kept where it differs."""
+    directory, levels = loop.directory, loop.design.solved_levels(following)
+    if loop.design.shape.has_sizes:
+        history.save_array(history.free_file(directory, step), following)
+    history.save_array(history.levels_file(directory, step), levels)
+
+
 def start(cases: PathLike, directory: Path, settings: Settings, reading: Reading | None) -> Loop:
     """A loop that was begun goes on with the present settings; otherwise one begins."""
     state = history.read_state(directory)
@@ -108,7 +125,9 @@ def start(cases: PathLike, directory: Path, settings: Settings, reading: Reading
         raise formats.FormatError(path, f"it keeps node {highest} of {len(model.nodes)}")
     try:
         kept, void = (np.array(nodes, np.int64) for nodes in (state.kept, state.void))
-        design = make_design(model, settings.radius, kept, void, settings.wishes, state.load_cases)
+        reach = reach_of(model, settings.radius, settings.wishes.sizes)
+        radius = state.widened * reach
+        design = make_design(model, radius, kept, void, settings.wishes, state.load_cases)
     except ValueError as error:
         raise OptimiseError(str(error)) from None
     _take_wishes(directory, settings, state, design)
@@ -125,6 +144,7 @@ def start(cases: PathLike, directory: Path, settings: Settings, reading: Reading
         settings,
         state,
         design,
+        reach,
         rows,
         cache(partial(factored_seconds, directory)),
         weights=read_weights(directory, model, state.following),
@@ -275,7 +295,9 @@ def _take_wishes(directory: Path, settings: Settings, state: State, design: Desi
         return
     path = history.levels_file(directory, state.step)
     history.save_array(path, design.shape.begun(history.load_array(path, len(design.points))))
-    state.wishes, state.since = told, state.step
+    history.free_file(directory, state.step).unlink(missing_ok=True)
+    state.wishes, state.since, state.sized = told, state.step, 0
+    state.widened = 1.0
     history.write_state(directory, state)
 
 

@@ -17,13 +17,15 @@ from vkctl.directory.model import Model
 from .pieces import Joints, loose_nodes, make_joints
 from .teeth import uneven_nodes
 from .volume import DesignVolume, design_volume
-from .wishes.entries import Wishes
+from .wishes.entries import LeastSizes, Wishes
 from .wishes.sampling import Field, mean_edge
 from .wishes.shape import Shape, make_shape
 
 DEFAULT_RADIUS = 1.5  # mean distances of neighbouring nodes
+_SIZE_RADIUS = 0.7  # of the smallest size wished: members come out about as thick
 _NO_NODES = np.empty(0, np.int64)
 _MOST_ROUNDS = 3  # of clearing up after a move, since the volume moves the surface once more
+_MOST_RAISED = 1.1  # times the threshold of a design at rest, while sizes hold
 _ALL = 1e-3  # share of points outside a set below which all of those alike are in it
 
 
@@ -60,25 +62,38 @@ class Design:
     ) -> tuple[Array, float]:
         """The moved field whose volume is `volume`, and its threshold.
 
+        `solved_levels` has the levels of the design that follows.
         Pieces that carry nothing are emptied at once, and teeth and dents of the surface levelled;
         the volume is met by the rest.
         """
         criterion = self.shape.criterion(criterion, levels)
         set_to = np.full(len(levels), np.nan)
         threshold = float(np.quantile(criterion, 1.0 - volume))
+        highest = float(criterion.max())
+        if self.shape.has_sizes:
+            # Members that stay make the volume lag: gone to at once, it would wear away all others.
+            _, rest = self._met(levels, criterion, volume, 1.0, set_to, threshold, highest)
+            highest = min(highest, _MOST_RAISED * rest)
         for _ in range(_MOST_ROUNDS):
-            following, threshold = self._met(levels, criterion, volume, move, set_to, threshold)
-            nodes = self.levels_of_nodes(following)
+            following, threshold = self._met(
+                levels, criterion, volume, move, set_to, threshold, highest
+            )
+            solved = self.solved_levels(following)
+            nodes = self.levels_of_nodes(solved)
             loose = self._points(loose_nodes(self.joints, nodes, self._staying()))
             uneven = self._points(uneven_nodes(self.space, nodes)) & ~self.shape.kept
             if not (loose | uneven).any():
                 break
-            around = self.smoothing @ following
+            around = self.smoothing @ solved
             for made in self.shape.steady:
                 around = made(around)
             set_to[uneven] = around[uneven]
             set_to[loose] = -1.0
         return following, threshold
+
+    def solved_levels(self, following: Array) -> Array:
+        """Levels of a moved field: with its sizes, where the loop goes on from the field before."""
+        return self.shape.levels(following) if self.shape.has_sizes else following
 
     def _met(
         self,
@@ -88,6 +103,7 @@ class Design:
         move: float,
         set_to: Array,
         guess: float,
+        highest: float,
     ) -> tuple[Array, float]:
         """Of the levels that points are set to, unless they are no number, and else of the move."""
 
@@ -97,11 +113,13 @@ class Design:
         shift = min(float(criterion.min()), 0.0)  # what is looked for is positive
 
         def field(above: float) -> Array:
-            return self.levels_of_nodes(moved(shift + above))
+            return self.levels_of_nodes(self.solved_levels(moved(shift + above)))
 
-        threshold = shift + self.space.threshold(
-            volume, 0.0, float(criterion.max()) - shift, field, guess - shift
-        )
+        if self.shape.has_sizes:
+            above = self.space.nearest_threshold(volume, highest - shift, field, guess - shift)
+        else:
+            above = self.space.threshold(volume, 0.0, highest - shift, field, guess - shift)
+        threshold = shift + above
         return moved(threshold), threshold
 
     def _moved(
@@ -109,10 +127,12 @@ class Design:
     ) -> Array:
         unit = max(abs(threshold), _least_unit(criterion))
         if unit <= 0:
-            return self.shape.levels(np.ones_like(levels))
-        wanted = np.clip((criterion - threshold) / unit, -1.0, 1.0)
-        moved = (1.0 - move) * levels + move * wanted
-        return self.shape.levels(np.where(np.isnan(set_to), moved, set_to))
+            moved = np.ones_like(levels)
+        else:
+            wanted = np.clip((criterion - threshold) / unit, -1.0, 1.0)
+            moved = (1.0 - move) * levels + move * wanted
+            moved = np.where(np.isnan(set_to), moved, set_to)
+        return moved if self.shape.has_sizes else self.shape.levels(moved)
 
     def _staying(self) -> Array:
         """Nodes that are material whatever happens."""
@@ -158,10 +178,11 @@ def make_design(
     )
     space = design_volume(model)
     edge = mean_edge(model)
-    smoothing = _smoothing(points, reach_of(model, radius))
+    wishes = wishes or Wishes()
+    smoothing = smoothing_over(points, radius or reach_of(model, None, wishes.sizes))
     shape = make_shape(
         Field(model, points, edge),
-        wishes or Wishes(),
+        wishes,
         _points_of(model, kept_nodes),
         _points_of(model, void_nodes),
     )
@@ -178,12 +199,13 @@ def _points_of(model: Model, nodes: Array) -> Array:
     return mask
 
 
-def reach_of(model: Model, radius: float | None) -> float:
-    """The radius of smoothing, by the mesh where it isn't given."""
-    return radius or DEFAULT_RADIUS * mean_edge(model)
+def reach_of(model: Model, radius: float | None, sizes: LeastSizes | None) -> float:
+    """The radius of smoothing, by the mesh and the sizes where it isn't given."""
+    largest = 0.0 if sizes is None else max(sizes.member or 0.0, sizes.hole or 0.0)
+    return radius or max(DEFAULT_RADIUS * mean_edge(model), _SIZE_RADIUS * largest)
 
 
-def _smoothing(points: Array, radius: float) -> Any:
+def smoothing_over(points: Array, radius: float) -> Any:
     """Weights that fall linearly to 0 at `radius`; each row adds up to 1.
 
     O. Sigmund, Struct. Multidisc. Optim. 21 (2001) 120-127.

@@ -80,6 +80,8 @@ class State:
     wishes: str = ""  # what the designer wished when the next step's levels were made
     case_file: str = ""  # its absolute path
     following: list[int] = field(default_factory=list)  # load cases whose weight follows the levels
+    widened: float = 1.0  # times the radius, so that the members can have their sizes
+    sized: int = 0  # first step whose design has the sizes that are wished; 0: none yet
 
 
 def folder_of(directory: PathLike) -> Path:
@@ -118,8 +120,22 @@ def levels_file(directory: PathLike, step: int) -> Path:
     return folder_of(directory) / f"levels.{step:04d}.npy"
 
 
+def free_file(directory: PathLike, step: int) -> Path:
+    return folder_of(directory) / f"free.{step:04d}.npy"
+
+
+def centres_file(directory: PathLike, step: int) -> Path:
+    return folder_of(directory) / f"centres.{step:04d}.npy"
+
+
 def criterion_file(directory: PathLike, step: int) -> Path:
     return folder_of(directory) / f"criterion.{step:04d}.npy"
+
+
+def forget(directory: PathLike, step: int) -> None:
+    """Remove what only the next two steps were made from."""
+    for name in (criterion_file, free_file, centres_file):
+        name(directory, step).unlink(missing_ok=True)
 
 
 def displacements_file(directory: PathLike, step: int, load_case: int) -> Path:
@@ -162,7 +178,7 @@ def read_state(directory: PathLike) -> State | None:
     if isinstance(said, dict):
         # Earlier versions didn't note these.
         since_then = {"mode": "automatic", "void": [], "wishes": "", "case_file": ""}
-        said = {**since_then, "following": [], **said}
+        said = {**since_then, "following": [], "sized": 0, "widened": 1.0, **said}
     if not isinstance(said, dict) or not _is_state(said):
         raise formats.FormatError(path, "it holds no state of an optimisation")
     return State(**said)
@@ -174,7 +190,10 @@ def _is_state(said: dict[str, Any]) -> bool:
         return False
     numbers = [value for name in _NUMBERED for value in _listed(said[name])]
     return (
-        all(type(said[name]) is int and said[name] >= 0 for name in ("step", "running", "since"))
+        all(
+            type(said[name]) is int and said[name] >= 0
+            for name in ("step", "running", "since", "sized")
+        )
         and 1 <= said["since"] <= said["step"]
         and all(isinstance(said[name], str) for name in _TEXTS)
         and isinstance(said["mode"], str)
@@ -183,6 +202,7 @@ def _is_state(said: dict[str, Any]) -> bool:
         and all(isinstance(name, str) for name in _listed(said["keep"]))
         and all(_is_number(weight) for weight in _listed(said["weights"]))
         and len(said["weights"]) == len(said["load_cases"]) > 0
+        and _is_number(said["widened"])
         and (said["target"] is None or _is_number(said["target"]))
     )
 

@@ -26,14 +26,16 @@ from vkctl.spread.sending import Sender
 from vkctl.spread.where import parse_where
 
 from . import history
-from .begun import Loop, OptimiseError, Workers, levels_of, start
+from .begun import Loop, OptimiseError, Workers, free_of, levels_of, start, write_design
 from .following.criteria import criteria_of
 from .history import HistoryRow, LockedError
 from .limits.steering import begin_steering, has_settled, needs_steering, steer, told_limits
 from .pieces import Pieces, find_pieces
 from .settings import Settings, read_settings
+from .sizing import follow_sizes, read_centres, told_sizes, write_centres
 from .solving import give_back_mode, solve_somehow
 from .teeth import cut_share
+from .wishes.measure import Sizes, measured_sizes
 
 _WINDOW = 5  # steps whose mean objective is compared with that of as many before
 
@@ -59,6 +61,8 @@ class Optimised:
     pieces: Pieces  # that these leave
     cut: float  # part of the elements that the surface goes through
     told: list[str] = field(default_factory=list)  # a sentence for each limit
+    sizes: Sizes | None = None  # measured, where sizes were wished
+    told_sizes: list[str] = field(default_factory=list)  # a sentence for each of them
 
 
 def optimise(
@@ -126,11 +130,9 @@ def _overridden(settings: Settings, volume: float | None, steps: int | None) -> 
 
 def _run_steps(loop: Loop, on_step: Callable[[StepShown], None] | None) -> Optimised:
     def converged() -> bool:
-        if loop.steering is not None and not has_settled(loop):
-            return False
-        rows = loop.rows[loop.state.since - 1 :]
-        return loop.settings.goal == "mass" or has_converged(rows, loop.settings)
+        return not _waits_for_sizes(loop) and _is_settled(loop)
 
+    read_centres(loop)
     loop.steering = begin_steering(loop) if needs_steering(loop) else None
     while loop.state.step <= loop.settings.steps and not converged():
         shown = _step(loop)
@@ -141,7 +143,22 @@ def _run_steps(loop: Loop, on_step: Callable[[StepShown], None] | None) -> Optim
     told = [] if loop.steering is None else told_limits(loop.steering.rows)
     pieces = _pieces(loop, levels)
     cut = cut_share(loop.design.space, loop.design.levels_of_nodes(levels))
-    return Optimised(loop.directory, loop.rows, converged(), levels, pieces, cut, told)
+    done = Optimised(loop.directory, loop.rows, converged(), levels, pieces, cut, told)
+    if (wished := loop.settings.wishes.sizes) is not None:
+        done.sizes = measured_sizes(model_at(loop.directory, last))
+        done.told_sizes = told_sizes(wished, done.sizes, loop.rows[-1])
+    return done
+
+
+def _waits_for_sizes(loop: Loop) -> bool:
+    return loop.design.shape.sized is not None and not loop.state.sized
+
+
+def _is_settled(loop: Loop) -> bool:
+    if loop.steering is not None and not has_settled(loop):
+        return False
+    rows = loop.rows[loop.state.since - 1 :]
+    return loop.settings.goal == "mass" or has_converged(rows, loop.settings)
 
 
 def _pieces(loop: Loop, levels: Array) -> Pieces:
@@ -168,7 +185,9 @@ def _step(loop: Loop) -> StepShown:
         steered = steer(loop, results, criteria, levels, target, mode)
         criterion, next_target = steered.criterion, steered.next_target
     criterion = _settled(loop, criterion)
-    following, _ = loop.design.next_levels(levels, criterion, next_target, settings.move)
+    before = free_of(loop, state.step)
+    follow_sizes(loop, levels, next_target, _is_settled(loop))
+    following, _ = loop.design.next_levels(before, criterion, next_target, settings.move)
     energies = {r.number: r.strain_energy for r in results}
     row = HistoryRow(
         step=state.step,
@@ -177,7 +196,7 @@ def _step(loop: Loop) -> StepShown:
         else objective(list(energies.values()), state.weights, settings),
         volume=volume,
         target=target,
-        change=float(np.abs(following - levels).mean()),
+        change=float(np.abs(following - before).mean()),
         quality=min(r.quality for r in results),
         seconds=round(time.monotonic() - begun, 3),
         energies=energies,
@@ -187,10 +206,11 @@ def _step(loop: Loop) -> StepShown:
     )
     loop.rows.append(row)
     history.write_history(directory, loop.rows)
-    history.save_array(history.levels_file(directory, state.step + 1), following)
+    write_design(loop, state.step + 1, following)
+    write_centres(loop, state.step + 1)
     state.step, state.running, state.target = state.step + 1, 0, next_target
     history.write_state(directory, state)
-    history.criterion_file(directory, state.step - 2).unlink(missing_ok=True)
+    history.forget(directory, state.step - 2)
     return StepShown(row, settings.steps, outcome, _pieces(loop, levels).broken)
 
 

@@ -16,7 +16,7 @@ from vkctl.running.run import RunResult, run, set_run_options
 from vkctl.spread.run import run_at
 
 from . import history
-from .begun import Loop, OptimiseError, levels_of
+from .begun import Loop, OptimiseError, free_of, levels_of, write_design
 from .following.weights import write_weights
 from .modes import next_mode
 from .starting import set_start_vectors
@@ -84,11 +84,11 @@ def _shorten(loop: Loop, attempt: int) -> bool:
     state, step = loop.state, loop.state.step
     if step == 1 or state.target is None:
         return False
-    before = levels_of(loop, step - 1)
+    before = free_of(loop, step - 1)
     criterion = history.load_array(history.criterion_file(loop.directory, step - 1), len(before))
     move = loop.settings.move * 0.5**attempt
-    levels, _ = loop.design.next_levels(before, criterion, state.target, move)
-    history.save_array(history.levels_file(loop.directory, step), levels)
+    following, _ = loop.design.next_levels(before, criterion, state.target, move)
+    write_design(loop, step, following)
     return True
 
 

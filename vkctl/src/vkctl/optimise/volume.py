@@ -23,6 +23,8 @@ from .bracket import Bracket
 _UNCUT = 1e-3  # level above which, at all corners, an element counts as full; as empty below minus
 _MOST_TRIALS = 80
 _MET = 1e-6  # of the design volume
+_FEW_TRIALS = 14
+_NEARLY_MET = 2e-4  # of the design volume
 
 
 @dataclass(frozen=True)
@@ -89,6 +91,20 @@ class DesignVolume:
                 kept.append(some.some(~done))
             cells = tuple(kept)
         return bracket.trial
+
+    def nearest_threshold(
+        self, target: float, high: float, field: Callable[[float], Array], guess: float
+    ) -> float:
+        """The same of a field that may jump, and need not fall everywhere: the nearest found."""
+        bracket = Bracket(0.0, high, guess)
+        best, found = np.inf, guess
+        for _ in range(_FEW_TRIALS):
+            excess = self.share(field(bracket.trial)) - target
+            if abs(excess) < best - _NEARLY_MET:  # where nothing changes the first is as good
+                best, found = abs(excess), bracket.trial
+            if best <= _NEARLY_MET or not bracket.narrow(excess):
+                break
+        return found
 
 
 def filled(cells: Cells, nodes: Array, slope: float) -> Filled:

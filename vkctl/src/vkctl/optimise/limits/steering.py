@@ -60,7 +60,7 @@ def begin_steering(loop: Loop) -> Steering:
     """Of a loop at its next step; OptimiseError for limits that can't be set on its model."""
     model = read(loop.directory)
     try:
-        reach = reach_of(model, loop.settings.radius)
+        reach = reach_of(model, loop.settings.radius, loop.settings.wishes.sizes)
         terms = make_terms(model, loop.settings.limits, loop.state.load_cases, reach)
     except ValueError as error:
         raise OptimiseError(str(error)) from None

@@ -46,6 +46,14 @@ class Overhang:
 
 
 @dataclass(frozen=True)
+class LeastSizes:
+    """Diameters that members and holes have at least."""
+
+    member: float | None = None
+    hole: float | None = None
+
+
+@dataclass(frozen=True)
 class Wishes:
     """What the shape shall have; the default wishes nothing."""
 
@@ -54,6 +62,7 @@ class Wishes:
     extruded: Vector | None = None  # direction along which the shape stays the same
     draw: Draw | None = None
     overhang: Overhang | None = None
+    sizes: LeastSizes | None = None
     void: Names = ()  # sets without material
     thickness: dict[str, float] = field(default_factory=dict)  # around sets to keep or leave void
 

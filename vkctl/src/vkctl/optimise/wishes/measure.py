@@ -18,10 +18,9 @@ from vkctl.basics.types import Array, PathLike
 from vkctl.directory.levels import level_field
 from vkctl.directory.model import Model, read
 
-from .sampling import Field, mean_edge, sampling
+from .places import Places, depths, make_places
+from .sampling import Field, mean_edge
 
-_PER_EDGE = 3  # places of the grid along an edge
-_MOST_PLACES = 4_000_000
 _LONG = 2.0  # radii from what an opening leaves: further away it isn't a corner
 _ROUNDING = 1e-6
 
@@ -41,34 +40,25 @@ def measured_sizes(part: PathLike | Model) -> Sizes:
     volume: on its faces something half as thick counts as whole.
     """
     model = part if isinstance(part, Model) else read(part)
-    levels, inside, step = _gridded(model)
+    levels, places = _gridded(model)
+    inside, step = places.inside, places.step
     material, void = inside & (levels > 0), inside & (levels <= 0)
     return Sizes(_smallest(material, inside, step), _smallest(void, inside, step))
 
 
-def _gridded(model: Model) -> tuple[Array, Array, float]:
-    """Levels on a regular grid, which of its places lie in the design volume, and its step."""
+def _gridded(model: Model) -> tuple[Array, Places]:
+    """Levels on a regular grid, by those of all nodes."""
     count = len(model.nodes)
     nodes = replace(model, node_tp_index=np.arange(1, count + 1, dtype=np.int32))
-    edge = mean_edge(model)
-    low, high = model.nodes.min(axis=0), model.nodes.max(axis=0)
-    step = max(edge / _PER_EDGE, float(np.cbrt(np.prod(high - low) / _MOST_PLACES)))
-    sides = [np.arange(a + 0.5 * step, b, step) for a, b in zip(low, high, strict=True)]
-    places = np.stack(np.meshgrid(*sides, indexing="ij"), axis=-1)
-    weights = sampling(Field(nodes, model.nodes, edge), places.reshape(-1, 3), nearby=False)
-    inside = np.diff(weights.indptr) > 0
-    levels = weights @ level_field(model).astype(np.float64)
-    return levels.reshape(places.shape[:3]), inside.reshape(places.shape[:3]), step
+    places = make_places(Field(nodes, model.nodes, mean_edge(model)))
+    return places.sampled(level_field(model).astype(np.float64)), places
 
 
 def _smallest(phase: Array, inside: Array, step: float) -> float | None:
     """The largest diameter up to which openings lose nothing but corners."""
     if not phase.any():
         return None
-    within = ndimage.distance_transform_edt(np.pad(phase | ~inside, 1, mode="edge"))
-    depth = np.where(phase, within[1:-1, 1:-1, 1:-1], 0.0)
-    # The border lies half a step before the place that is the first on the other side.
-    depth = depth - 0.5
+    depth = np.where(phase, depths(phase | ~inside, (False, False, False)), -0.5)
     diameters = np.arange(1.0, 2.0 * depth.max() + 1.0)
     for diameter in diameters:
         radius = 0.5 * diameter

@@ -6,7 +6,7 @@ from vkctl.basics.words import did_you_mean
 from vkctl.prepare.case_file.entries import Vector
 from vkctl.prepare.case_file.toml_table import Table
 
-from .entries import Cyclic, Draw, Overhang, Plane, Wishes
+from .entries import Cyclic, Draw, LeastSizes, Overhang, Plane, Wishes
 from .together import refuse_together
 
 _STEEPEST = 80.0  # degrees: beyond it next to everything is held
@@ -20,6 +20,7 @@ def read_wishes(table: Table, keep: tuple[str, ...]) -> Wishes:
         extruded=_direction(table, "extruded"),
         draw=_draw(table),
         overhang=_overhang(table),
+        sizes=_sizes(table),
         void=table.names("void"),
         thickness=_thickness(table, keep),
     )
@@ -75,6 +76,16 @@ def _overhang(table: Table) -> Overhang | None:
         entry.vector("plate", None),
     )
     entry.done()
+    return found
+
+
+def _sizes(table: Table) -> LeastSizes | None:
+    if (entry := table.table("sizes")) is None:
+        return None
+    found = LeastSizes(entry.number("member", None, above=0), entry.number("hole", None, above=0))
+    entry.done()
+    if found == LeastSizes():
+        table.problem("sizes", "says nothing", "give member, hole or both")
     return found
 
 

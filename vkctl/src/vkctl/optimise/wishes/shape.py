@@ -18,6 +18,7 @@ from .entries import Wishes
 from .images import images
 from .overhang import held_points
 from .sampling import Field, sampling
+from .sizes import Sized, make_sized
 
 _MOST_ALONE = 0.1  # of the images, that may lie outside of the part
 _WITHIN = 0.5  # of an image's weight, that makes a point one of a set
@@ -52,6 +53,7 @@ class Shape:
     steady: tuple[Projection, ...] = ()  # of criterion and levels alike
     maps: tuple[CriterionMap, ...] = ()
     projections: tuple[Projection, ...] = ()
+    sized: Sized | None = None  # the sizes that are wished
 
     def criterion(self, criterion: Array, levels: Array) -> Array:
         """The criterion by which the wishes are held, before the threshold."""
@@ -73,7 +75,17 @@ class Shape:
         levels[self.kept] = 1.0
         for projection in self.projections:
             levels = projection(levels)
+        if self.sized is not None and self.has_sizes:
+            levels = self.sized.sized(levels)
+            for made in self.steady:  # the grid has other images than the mesh
+                levels = made(levels)
+            levels[self.void], levels[self.kept] = -1.0, 1.0
         return levels
+
+    @property
+    def has_sizes(self) -> bool:
+        """Whether sizes are in force: the loop then goes on from the field before it has them."""
+        return self.sized is not None and self.sized.centres is not None
 
 
 def make_shape(field: Field, wishes: Wishes, kept: Array, void: Array) -> Shape:
@@ -99,12 +111,13 @@ def make_shape(field: Field, wishes: Wishes, kept: Array, void: Array) -> Shape:
         held = held_points(field, wishes.overhang, kept)
         maps.append(held.holding)
         projections.append(held.printed)
+    sized = None if wishes.sizes is None else make_sized(field, wishes.sizes, kept, void)
     if (both := kept & void).any():
         raise ValueError(
             f"the wishes put {counted(int(both.sum()), 'point')} both among those to keep and "
             f"those to leave void, such as {place_words(field.points[both][0], 4)}"
         )
-    return Shape(kept, void, tuple(steady), tuple(maps), tuple(projections))
+    return Shape(kept, void, tuple(steady), tuple(maps), tuple(projections), sized)
 
 
 def _patterns(field: Field, wishes: Wishes) -> list[Mean]:

@@ -48,6 +48,11 @@ def refuse_together(table: Table, wishes: Wishes) -> None:
         if wishes.draw is not None:
             hint = "a shape is either drawn or printed"
             _refuse(table, "overhang", "draw", hint)
+    if wishes.sizes is not None:
+        for key in ("draw", "overhang", "extruded"):
+            if key in table.data:
+                hint = "such shapes have members of any size; take a larger radius instead"
+                _refuse(table, "sizes", key, hint)
 
 
 def _refuse(table: Table, key: str, other: str, hint: str) -> None:
