@@ -129,6 +129,7 @@ def test_a_loop_ends_with_its_sizes_and_its_volume(done: Optimised) -> None:
     assert not done.pieces.broken
 
 
+@pytest.mark.thorough
 def test_a_loop_that_was_stopped_ends_with_the_same_part(done: Optimised, tmp_path: Path) -> None:
     """Stopped before the sizes are in force, in the step that brings them, and after it."""
     cases, stops = write_small(tmp_path, SETTINGS), [5, 11, 12, 13, 16]
@@ -149,10 +150,12 @@ def test_a_loop_that_was_stopped_ends_with_the_same_part(done: Optimised, tmp_pa
 def test_sizes_that_are_taken_back_are_gone_with_the_next_step(tmp_path: Path) -> None:
     cases, directory = write_small(tmp_path, SETTINGS), tmp_path / "d"
     optimise(cases, directory, vk_rund=VK_RUND, steps=4)
-    assert history.read_state(directory).sized == 4
+    begun = history.read_state(directory)
+    assert begun is not None and begun.sized == 4
     write_small(tmp_path, SETTINGS.rpartition("sizes")[0])
     done = optimise(cases, directory, vk_rund=VK_RUND, steps=6)
-    assert done.sizes is None and history.read_state(directory).sized == 0
+    ended = history.read_state(directory)
+    assert done.sizes is None and ended is not None and ended.sized == 0
 
 
 @pytest.mark.parametrize(
