@@ -19,6 +19,7 @@ REMARKS = {
     "run: another run of the same settings ended with a body 1.3 % softer than the density "
     "method's.",
     "cantilever": "Both methods find the same part, and differ by what two loops do.",
+    "cantilever-3d": "The density method's steps, each with a factor, were 100 at most.",
     "bridge": "The wish is what costs most. Holding the arch from below takes struts that carry "
     "next to nothing, some of them chains of single points, which are beads in the smooth part: "
     "don't print such a part without looking at it. Without the wish the loop is still softer than "
