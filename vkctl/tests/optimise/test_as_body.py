@@ -150,6 +150,21 @@ def test_a_load_on_faces_is_judged_by_all_of_its_work(tmp_path: Path) -> None:
     assert pressed.away is None and pressed.judged == pressed.ratio
 
 
+def test_what_4_node_tetrahedra_lock_is_told_where_it_is_beyond_the_tolerance(
+    tmp_path: Path,
+) -> None:
+    cases = write_small(tmp_path, "steps = 1\n", PRESSED)
+    part = box("tet4", (12, 6, 1), (12.0, 6.0, 1.0))
+    mesh_grid(Model(part.nodes, part.elements, [Material.isotropic(1.0, 0.3)])).save(
+        tmp_path / "part.vtu"
+    )
+    optimise(cases, tmp_path / "work", vk_rund=VK_RUND)
+    found = verify_part(tmp_path / "work", vk_rund=VK_RUND, tolerance=0.001)
+    assert not found.within and "4-node tetrahedra, which are too stiff" in found.notes[-1]
+    alike = verify_part(tmp_path / "work", vk_rund=VK_RUND, tolerance=0.001, order=1)
+    assert not any("too stiff" in note for note in alike.notes)
+
+
 def test_the_body_is_kept_as_a_directory_that_commands_take(verified: Verified) -> None:
     assert verified.kept is not None
     result = CliRunner().invoke(app, ["summary", str(verified.kept)])

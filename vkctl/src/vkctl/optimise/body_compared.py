@@ -129,10 +129,9 @@ def compare(
 def _with_energies_away(
     sides: Sequence[tuple[Model, Solved]], results: Sequence[Results], distance: float
 ) -> list[Solved]:
-    """Of both, away from the single nodes of either; none of such a region with half the energy."""
+    """Of both, away from the part's single nodes, unless around them lies half of the energy."""
     known = [solved for _, solved in sides]
-    number = results[0].number
-    places = np.concatenate([single_places(whole, number) for whole, _ in sides])
+    places = single_places(sides[0][0], results[0].number)
     if not len(places):
         return known
     energies = [
