@@ -164,7 +164,7 @@ def _densities(part: Part) -> Found:
     densities, grey = optimised(
         model,
         part.volume,
-        reach_of(model, settings.radius),
+        reach_of(model, settings.radius, settings.wishes.sizes),
         part.weights,
         np.concatenate([np.empty(0, np.int64), *kept]),
         part.case.density_steps,
