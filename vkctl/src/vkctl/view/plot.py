@@ -91,7 +91,7 @@ def drawn(model: Model, fields: dict[str, Array], view: View, title: str) -> Arr
     scale = _scale(model, surface, view)
     if "displacement" in surface.point_data:
         surface.points = surface.points + scale * surface.point_data["displacement"]
-        title = f"{title}, deformation x {scale:.3g}"
+        title += f", deformation x {scale:.3g}" if scale else ", undeformed"
     ends = _extremes(solid, view.field, scale)
     colours = field_colours(ends[0].value, ends[1].value, view.field) if ends else None
     canvas = Canvas(view.size)
