@@ -11,11 +11,11 @@ what a stiffest part of its volume shows on a free surface (M. Y. Wang, X. Wang,
 192 (2003) 227-246).
 """
 
-from .begun import OptimiseError
 from .history import HistoryRow, read_history
 from .loop import Optimised, StepShown, optimise
 from .pictures import write_animation, write_part_series
 from .settings import Settings, read_settings
+from .standing import OptimiseError
 from .wishes.measure import Sizes, measured_sizes
 
 __all__ = [

@@ -26,7 +26,7 @@ from vkctl.spread.sending import Sender
 from vkctl.spread.where import parse_where
 
 from . import history
-from .begun import Loop, OptimiseError, Workers, free_of, levels_of, start, write_design
+from .begun import start
 from .following.criteria import criteria_of
 from .history import HistoryRow, LockedError
 from .limits.steering import begin_steering, has_settled, needs_steering, steer, told_limits
@@ -34,6 +34,7 @@ from .pieces import Pieces, find_pieces
 from .settings import Settings, read_settings
 from .sizing import follow_sizes, read_centres, told_sizes, write_centres
 from .solving import give_back_mode, solve_somehow
+from .standing import Loop, OptimiseError, Workers, free_of, levels_of, write_design
 from .teeth import cut_share
 from .wishes.measure import Sizes, measured_sizes
 

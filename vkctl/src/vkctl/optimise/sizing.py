@@ -15,10 +15,10 @@ import numpy as np
 from vkctl.basics.types import Array
 
 from . import history
-from .begun import Loop, levels_of
 from .design import Design, smoothing_over
 from .history import HistoryRow
 from .pieces import find_pieces
+from .standing import Loop, levels_of
 from .wishes.entries import LeastSizes
 from .wishes.measure import Sizes
 from .wishes.sizes import THIN

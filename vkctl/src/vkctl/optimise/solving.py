@@ -16,9 +16,9 @@ from vkctl.running.run import RunResult, run, set_run_options
 from vkctl.spread.run import run_at
 
 from . import history
-from .begun import Loop, OptimiseError, free_of, levels_of, write_design
 from .following.weights import write_weights
 from .modes import next_mode
+from .standing import Loop, OptimiseError, free_of, levels_of, write_design
 from .starting import set_start_vectors
 
 _MOST_SHORTENED = 2  # times that a step's move is halved where it can't be solved

@@ -24,10 +24,10 @@ from vkctl.stress.points import IntegrationBlock
 from vkctl.stress.solution import solution_of
 
 from .. import history
-from ..begun import Loop, OptimiseError
 from ..limits.adjoint import FOLDER, AdjointError, Pull, solve_adjoint
 from ..limits.aggregates import nodal_forces
 from ..limits.sensitivity import mutual_work, sensitivity
+from ..standing import Loop, OptimiseError
 
 
 def energy_gain(ours: IntegrationBlock, adjoint: IntegrationBlock) -> Array:

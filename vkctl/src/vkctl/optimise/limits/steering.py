@@ -19,11 +19,11 @@ from vkctl.directory.results import Results
 from vkctl.stress.solution import solution_of
 
 from .. import history
-from ..begun import Loop, OptimiseError
 from ..design import reach_of
 from ..following.weights import set_weights
 from ..history import HistoryRow
 from ..settings import Settings
+from ..standing import Loop, OptimiseError
 from .adjoint import FOLDER, AdjointError, Pull, solve_adjoint
 from .aggregates import Value
 from .sensitivity import sensitivity
