@@ -6,6 +6,7 @@ import math
 import re
 import shutil
 import subprocess
+import tomllib
 from dataclasses import replace
 from pathlib import Path
 
@@ -385,6 +386,14 @@ def test_a_line_that_makes_no_sense_is_told_and_nothing_is_written(
     line = last - 1 if words.startswith(("*ELASTIC", "*TRANSFORM")) else last
     assert told.startswith(f"{deck}:{line}: {words}")
     assert not (tmp_path / "cases.toml").exists()
+
+
+def test_the_direction_of_weight_may_have_any_length(tmp_path: Path) -> None:
+    weight = "*STEP\n*STATIC\n*DLOAD\nEALL, GRAV, 9.81, 0, 0, -1e-200\n*END STEP\n"
+    deck = deck_of(tmp_path, "hex8", STEEL + boundary() + weight)
+    import_deck(deck, tmp_path / "cases.toml")
+    loads = tomllib.loads((tmp_path / "cases.toml").read_text())["loads"]
+    assert [load["value"] for load in loads.values()] == [[0.0, 0.0, -9.81]]
 
 
 def test_the_command_tells_mistakes_with_their_lines_in_included_files_too(tmp_path: Path) -> None:

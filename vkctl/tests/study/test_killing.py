@@ -105,7 +105,7 @@ def test_a_study_that_is_killed_at_any_moment_goes_on(
     while True:
         process = subprocess.Popen(command(path, out), stdout=subprocess.DEVNULL)
         try:
-            process.wait(chance.uniform(0.5, 6.0 + 2.0 * kills))
+            process.wait(chance.uniform(0.2, 1.0 + kills))
         except subprocess.TimeoutExpired:
             process.kill()
             process.wait()

@@ -225,7 +225,8 @@ def gravity(
             report.unread(section, line, text, "ELEMENTS, GRAV, g, x, y, z")
             continue
         size, *rest = [float(n or 0.0) for n in numbers]
-        unit = np.array(rest) / np.linalg.norm(rest)
+        along = np.array(rest) / np.abs(rest).max()  # squares of tiny numbers would be 0
+        unit = along / np.linalg.norm(along)
         members = targets.solids(words[0])
         if members is None:
             text = f"{words[0]!r} is neither a solid element nor a set of them"
