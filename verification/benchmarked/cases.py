@@ -31,7 +31,6 @@ class Case:
     stress: tuple[tuple[str, ...], float] | None = None  # away from the nodes of sets, by a length
     direction: tuple[float, float, float] | None = None  # pictures are seen from
     known: str = ""
-    remarks: str = ""
 
 
 def box(nx: int, ny: int, nz: int) -> str:
