@@ -71,7 +71,7 @@ def samples(done: Optimised) -> tuple[np.ndarray, np.ndarray]:
     model = model_at(done.directory, done.rows[-1].step)
     design = make_design(model, None, NOBODY)
     (cells,) = design.space.cells
-    corners = cells.corners
+    corners = cells.corners.T
     places = (2 * np.arange(FINER) + 1) / FINER - 1
     shapes = np.array([shape_values(HEX8, np.array(point)) for point in product(places, repeat=3)])
     levels = design.levels_of_nodes(model.tp.astype(np.float64))[corners] @ shapes.T

@@ -5,9 +5,10 @@ from __future__ import annotations
 import math
 from dataclasses import dataclass, field
 
-_FIRST_FACTOR = 1.5  # from the first trial to the second, squared with each until the signs differ
+FAR = 1.5  # factor from the first trial to the second, if nothing is known of the root
+NEAR = 1.02  # and if the first is nearly right
 _LEAST = 2.0**-60  # of the upper end: no root is looked for below
-_HALVED = 3  # every so many trials within a bracket halve it, whatever the values
+_HALVED = 3  # trials within a bracket that have to halve it, else the next one does
 
 
 @dataclass
@@ -22,10 +23,11 @@ class Bracket:
     low: float
     high: float
     trial: float
+    factor: float = FAR  # squared with each trial until the signs differ
     values: dict[bool, float] = field(default_factory=dict)  # at the lower end, and at the upper
     rising: bool | None = None  # whether the last trial became the lower end
-    factor: float = _FIRST_FACTOR
-    within: int = 0  # trials since the signs differ
+    within: int = 0  # trials since the signs differ, or since the width was noted
+    width: float = math.inf
 
     def __post_init__(self) -> None:
         self.low = max(self.low, _LEAST * self.high)
@@ -52,9 +54,11 @@ class Bracket:
             further = self.low * self.factor if self.rising else self.high / self.factor
             self.factor *= self.factor
             return min(max(further, self.low), self.high)
-        self.within += 1
         low, high = math.log(self.low), math.log(self.high)
-        if self.within % _HALVED == 0:
-            return math.exp(0.5 * (low + high))
+        self.within += 1
+        if self.within > _HALVED:
+            slow, self.within, self.width = high - low > 0.5 * self.width, 1, high - low
+            if slow:
+                return math.exp(0.5 * (low + high))
         above, below = self.values[True], self.values[False]
         return math.exp((low * -below + high * above) / (above - below))

@@ -14,7 +14,7 @@ from vkctl.basics.types import Array
 from vkctl.directory.levels import MEAN_LEVEL
 from vkctl.directory.model import Model
 
-from .pieces import Joints, loose_nodes, make_joints
+from .pieces import Joints, Pieces, find_pieces, loose_nodes, make_joints
 from .teeth import uneven_nodes
 from .volume import DesignVolume, design_volume
 from .wishes.entries import LeastSizes, Wishes
@@ -41,17 +41,25 @@ class Design:
     space: DesignVolume
     joints: Joints
     num_nodes: int
+    latest: tuple[Array, Pieces] | None = None  # levels per node, and the pieces they leave
 
     def levels_of_nodes(self, levels: Array) -> Array:
         """Level per node, scaled as the solver does; nodes without a design point are material."""
         mean = float(np.abs(levels).mean())
         nodes = np.ones(self.num_nodes)
-        nodes[self.node_of] = levels[self.point_of] * (MEAN_LEVEL / mean if mean > 0 else 0.0)
+        scale = MEAN_LEVEL / mean if mean > 0 else 0.0
+        nodes[self.node_of] = levels.take(self.point_of) * scale
         return nodes
 
     def volume(self, levels: Array) -> float:
         """Part of the design volume that is material, as the solver counts it."""
         return self.space.share(self.levels_of_nodes(levels))
+
+    def pieces(self, nodes: Array) -> Pieces:
+        """That levels per node leave. Kept, for a design is looked at made and again solved."""
+        if self.latest is None or not np.array_equal(self.latest[0], nodes):
+            self.latest = nodes, find_pieces(self.joints, nodes)
+        return self.latest[1]
 
     def fullest(self) -> float:
         """The volume of the design that has all material which the wishes leave."""
@@ -74,13 +82,13 @@ class Design:
             # Members that stay make the volume lag: gone to at once, it would wear away all others.
             _, rest = self._met(levels, criterion, volume, 1.0, set_to, threshold, highest)
             highest = min(highest, _MOST_RAISED * rest)
-        for _ in range(_MOST_ROUNDS):
+        for again in range(_MOST_ROUNDS):
             following, threshold = self._met(
-                levels, criterion, volume, move, set_to, threshold, highest
+                levels, criterion, volume, move, set_to, threshold, highest, nearly=again > 0
             )
             solved = self.solved_levels(following)
             nodes = self.levels_of_nodes(solved)
-            loose = self._points(loose_nodes(self.joints, nodes, self._staying()))
+            loose = self._points(loose_nodes(self.joints, self.pieces(nodes), self._staying()))
             uneven = self._points(uneven_nodes(self.space, nodes)) & ~self.shape.kept
             if not (loose | uneven).any():
                 break
@@ -104,6 +112,7 @@ class Design:
         set_to: Array,
         guess: float,
         highest: float,
+        nearly: bool = False,
     ) -> tuple[Array, float]:
         """Of the levels that points are set to, unless they are no number, and else of the move."""
 
@@ -118,7 +127,7 @@ class Design:
         if self.shape.has_sizes:
             above = self.space.nearest_threshold(volume, highest - shift, field, guess - shift)
         else:
-            above = self.space.threshold(volume, 0.0, highest - shift, field, guess - shift)
+            above = self.space.threshold(volume, 0.0, highest - shift, field, guess - shift, nearly)
         threshold = shift + above
         return moved(threshold), threshold
 
@@ -129,9 +138,12 @@ class Design:
         if unit <= 0:
             moved = np.ones_like(levels)
         else:
-            wanted = np.clip((criterion - threshold) / unit, -1.0, 1.0)
-            moved = (1.0 - move) * levels + move * wanted
-            moved = np.where(np.isnan(set_to), moved, set_to)
+            moved = criterion - threshold  # tried often: in place
+            moved /= unit
+            np.clip(moved, -1.0, 1.0, out=moved)
+            moved *= move
+            moved += (1.0 - move) * levels
+            np.copyto(moved, set_to, where=~np.isnan(set_to))
         return moved if self.shape.has_sizes else self.shape.levels(moved)
 
     def _staying(self) -> Array:

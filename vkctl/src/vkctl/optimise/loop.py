@@ -30,7 +30,7 @@ from .begun import start
 from .following.criteria import criteria_of
 from .history import HistoryRow, LockedError
 from .limits.steering import begin_steering, has_settled, needs_steering, steer, told_limits
-from .pieces import Pieces, find_pieces
+from .pieces import Pieces
 from .settings import Settings, read_settings
 from .sizing import follow_sizes, read_centres, told_sizes, write_centres
 from .solving import give_back_mode, solve_somehow
@@ -163,7 +163,7 @@ def _is_settled(loop: Loop) -> bool:
 
 
 def _pieces(loop: Loop, levels: Array) -> Pieces:
-    return find_pieces(loop.design.joints, loop.design.levels_of_nodes(levels))
+    return loop.design.pieces(loop.design.levels_of_nodes(levels))
 
 
 # --- one step --------------------------------------------------------------------------------

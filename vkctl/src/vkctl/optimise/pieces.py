@@ -39,8 +39,8 @@ class Joints:
     """What joins the nodes of a mesh, and what its load cases do to them."""
 
     points: Array  # (n, 3)
-    edges: Array  # (k, 2) of the tetrahedra
-    hexahedra: Array  # (h, 8), whose centres have the mean level
+    edges: Array  # (2, k) of the tetrahedra
+    hexahedra: Array  # (8, h), whose centres have the mean level
     middles: Array  # (m, 3): a node in the middle of an edge and its corners, which give its level
     always: Array  # bool (n,): of an element that doesn't follow the level field
     used: Array  # bool (n,): of an element that isn't left out
@@ -88,14 +88,15 @@ def make_joints(model: Model, numbers: Sequence[int] | None = None) -> Joints:
     acting = (
         _acting(model.load_cases[n - 1], titled(n, names), skipped, edges, count) for n in chosen
     )
-    return Joints(model.nodes, edges, tables[HEX8], middles, always, used, tuple(acting))
+    hexahedra = np.ascontiguousarray(tables[HEX8].T)
+    return Joints(model.nodes, edges, hexahedra, middles, always, used, tuple(acting))
 
 
 def _distinct(pairs: Array, count: int) -> Array:
     keys = np.minimum(*pairs.T) * count + np.maximum(*pairs.T)
     keys.sort()
     keys = keys[np.diff(keys, prepend=-1) != 0]
-    return np.column_stack((keys // count, keys % count))
+    return np.stack((keys // count, keys % count))
 
 
 def _diagonals(rows: Array) -> Array:
@@ -116,14 +117,14 @@ def _acting(case: LoadCase, title: str, skipped: Array, edges: Array, count: int
     loaded = np.unique(np.concatenate((loads, moved["Node"].astype(np.int64) - 1)))
     inside = np.zeros(count, np.bool_)
     inside[loaded] = True
-    patch = _components(edges[inside[edges].all(axis=1)], count)[1][loaded]
+    patch = _components(edges[:, inside[edges].all(axis=0)], count)[1][loaded]
     held = np.unique(case.constraints["Node"].astype(np.int64) - 1)
     return Acting(title, held, loaded, patch)
 
 
 def _components(pairs: Array, count: int) -> tuple[int, Array]:
-    ones = np.ones(len(pairs), np.bool_)
-    graph = sparse.coo_array((ones, (pairs[:, 0], pairs[:, 1])), shape=(count, count))
+    """Of so many things that pairs (2, k) of them join: how many, and the number of each one's."""
+    graph = sparse.coo_array((np.ones(pairs.shape[1], np.bool_), tuple(pairs)), (count, count))
     number, label = connected_components(graph, directed=False)
     return int(number), label
 
@@ -149,17 +150,30 @@ def _pieces(joints: Joints, levels: Array) -> tuple[int, Array]:
     middle, *ends = joints.middles.T
     levels[middle] = 0.5 * (levels[ends[0]] + levels[ends[1]])
     full = (levels >= 0) & joints.used | joints.always
-    inside = joints.edges[full[joints.edges].all(axis=1)]
-    rows = joints.hexahedra[levels[joints.hexahedra].mean(axis=1) >= 0]
-    # A centre that is material joins all corners that are: each to the first of them.
-    corners = full[rows]
-    first = rows[np.arange(len(rows)), corners.argmax(axis=1)]
-    spokes = np.column_stack((np.repeat(first, corners.sum(axis=1)), rows[corners]))
-    _, label = _components(np.concatenate((inside, spokes)), len(levels))
-    numbers, place = np.unique(label[full], return_inverse=True)
+    first, second = joints.edges
+    edges = joints.edges[:, full.take(first) & full.take(second)]
+    joined = np.concatenate((edges, _spokes(joints, levels, full)), axis=1)
+    _, label = _components(joined, len(full))
+    numbers = np.zeros(len(full), np.int64)
+    numbers[label[full]] = 1
     of_node = np.full(len(levels), _VOID, np.int64)
-    of_node[full] = place
-    return len(numbers), of_node
+    of_node[full] = (numbers.cumsum() - 1)[label[full]]
+    return int(numbers.sum()), of_node
+
+
+def _spokes(joints: Joints, levels: Array, full: Array) -> Array:
+    """Pairs (2, k) that join what lies around the centres of hexahedra that are material.
+
+    Each such corner to the first of them; where all are material their edges join them.
+    """
+    rows = joints.hexahedra
+    marks = full.view(np.int8)
+    count = sum((marks.take(corner) for corner in rows), np.zeros(rows.shape[1], np.int8))
+    rows = rows.take(np.flatnonzero((count > 1) & (count < len(rows))), axis=1)
+    rows = rows[:, levels[rows].mean(axis=0) >= 0]
+    corners = full[rows]
+    first = rows[corners.argmax(axis=0), np.arange(rows.shape[1])]
+    return np.stack((np.broadcast_to(first, rows.shape)[corners], rows[corners]))
 
 
 def _broken(joints: Joints, case: Acting, of_node: Array, held: Array) -> Iterator[str]:
@@ -175,16 +189,15 @@ def _broken(joints: Joints, case: Acting, of_node: Array, held: Array) -> Iterat
             )
 
 
-def loose_nodes(joints: Joints, levels: Array, fixed: Array) -> Array:
+def loose_nodes(joints: Joints, pieces: Pieces, fixed: Array) -> Array:
     """Material nodes, bool (n,), of the pieces that carry nothing and hold no node of `fixed`.
 
     Where a load has lost its support, pieces with either stay: they may grow together again. Where
     there are neither loads nor supports nothing tells what is loose.
     """
-    pieces = find_pieces(joints, levels)
     useful = pieces.touched if pieces.broken else pieces.carrying
     if not pieces.touched.any():
-        return np.zeros(len(levels), np.bool_)
+        return np.zeros(len(pieces.of_node), np.bool_)
     useful = np.append(useful, True)  # what is no material isn't loose
     useful[pieces.of_node[fixed | joints.always]] = True
     loose: Array = ~useful[pieces.of_node]

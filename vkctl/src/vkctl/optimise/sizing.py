@@ -17,7 +17,6 @@ from vkctl.basics.types import Array
 from . import history
 from .design import Design, smoothing_over
 from .history import HistoryRow
-from .pieces import find_pieces
 from .standing import Loop, levels_of
 from .wishes.entries import LeastSizes
 from .wishes.measure import Sizes
@@ -44,7 +43,7 @@ def follow_sizes(loop: Loop, levels: Array, target: float, settled: bool) -> Non
     for thin in (THIN, 0.0):  # where loads need them, members that are thinner as well
         begun = sized.following(levels, sized.begun(levels, thin))
         design.shape = replace(shape, sized=begun)
-        if not find_pieces(design.joints, _nodes(design, levels)).broken:
+        if not design.pieces(_nodes(design, levels)).broken:
             break
     least = design.volume(replace(begun, floor=-1.0).sized(np.full_like(levels, -1.0)))
     state.since = state.step + 1

@@ -20,37 +20,39 @@ MOST_AROUND = 0.8  # for a node outside
 
 def uneven_nodes(space: DesignVolume, levels: Array) -> Array:
     """Nodes, bool (n,), that are teeth or dents of the surface that a level per node has."""
-    count = len(levels)
-    near = np.zeros(count, np.bool_)
-    for cells in space.cells:
-        near[cells.corners[_is_cut(levels[cells.corners])]] = True
-    full, whole = np.zeros((2, count))
-    for cells in space.cells:
-        some = cells.some(np.asarray(near[cells.corners].any(axis=1)))
-        inside, every = _around(some, levels)
-        full += np.bincount(some.corners.ravel(), inside.ravel(), count)
-        whole += np.bincount(some.corners.ravel(), every.ravel(), count)
-    share = full[near] / whole[near]
-    found = np.zeros(count, np.bool_)
-    found[near] = np.where(levels[near] > 0, share < LEAST_AROUND, share > MOST_AROUND)
+    inside = levels > 0
+    cut = [_cut(cells, inside) for cells in space.cells]
+    near = np.zeros(len(levels), np.bool_)
+    for cells, of_cells in zip(space.cells, cut, strict=True):
+        near[cells.corners.take(of_cells, axis=1)] = True
+    full = np.zeros(len(levels))
+    for cells, of_cells in zip(space.cells, cut, strict=True):
+        all_over = cells.of_corners(inside) == len(cells.corners)
+        whole = np.flatnonzero(all_over & (cells.of_corners(near) > 0))
+        for some, parts in (
+            (cells.some(whole), cells.parts.take(whole, axis=1)),
+            (cells.some(of_cells), _inside(cells.some(of_cells), levels)),
+        ):
+            full += np.bincount(some.corners.ravel(), parts.ravel(), len(levels))
+    share = full[near] / space.around[near]
+    found = np.zeros(len(levels), np.bool_)
+    found[near] = np.where(inside[near], share < LEAST_AROUND, share > MOST_AROUND)
     return found
 
 
 def cut_share(space: DesignVolume, levels: Array) -> float:
     """Part of the elements that follow the level field through which its surface goes."""
-    cut = sum(int(_is_cut(levels[cells.corners]).sum()) for cells in space.cells)
-    return cut / sum(len(cells.corners) for cells in space.cells)
+    cut = sum(len(_cut(cells, levels > 0)) for cells in space.cells)
+    return cut / sum(len(cells.wholes) for cells in space.cells)
 
 
-def _is_cut(levels: Array) -> Array:
-    return np.asarray((levels > 0).any(axis=1) & (levels <= 0).any(axis=1))
+def _cut(cells: Cells, inside: Array) -> Array:
+    """Places of the elements some corners of which are in a mask of nodes, but not all."""
+    count = cells.of_corners(inside)
+    return np.flatnonzero((count > 0) & (count < len(cells.corners)))
 
 
-def _around(cells: Cells, levels: Array) -> tuple[Array, Array]:
-    """Integrals (e, c) of the corners' functions: over the material, and over all of each."""
-    # Not by products of matrices, as in `volume`.
-    inside = np.einsum("ec,cp->ep", levels[cells.corners], cells.shapes) > 0
-    return (
-        np.einsum("ep,cp->ec", inside * cells.volumes, cells.shapes),
-        np.einsum("ep,cp->ec", cells.volumes, cells.shapes),
-    )
+def _inside(cells: Cells, levels: Array) -> Array:
+    """Integrals (c, e) of the corners' functions over the material."""
+    inside = cells.levels(levels) > 0
+    return np.asarray(np.einsum("ep,cp->ce", inside * cells.volumes[cells.rows], cells.shapes))

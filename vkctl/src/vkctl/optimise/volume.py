@@ -18,7 +18,7 @@ from vkctl.shapes.topology import CORNERS_PER_TYPE, HEX8, TET4, TYPES
 from vkctl.stress.points import sharp_presences
 from vkctl.stress.solution import option_of
 
-from .bracket import Bracket
+from .bracket import FAR, NEAR, Bracket
 
 _UNCUT = 1e-3  # level above which, at all corners, an element counts as full; as empty below minus
 _MOST_TRIALS = 80
@@ -31,13 +31,38 @@ _NEARLY_MET = 2e-4  # of the design volume
 class Cells:
     """Elements of a type that follow the level field, at the points of the solver's finer rule."""
 
-    corners: Array  # (e, c), 0-based nodes
+    corners: Array  # (c, e), 0-based nodes: NumPy is slow along short rows
     shapes: Array  # (c, p): values of the corners' functions that interpolate the level
-    volumes: Array  # (e, p) that belong to the points
+    volumes: Array  # (m, p) that belong to the points, of these elements and others
+    rows: Array  # (e,) of `volumes`
     wholes: Array  # (e,): volume of each element
+    parts: Array  # (c, e): and what of it belongs to each corner
 
     def some(self, chosen: Array) -> Cells:
-        return Cells(self.corners[chosen], self.shapes, self.volumes[chosen], self.wholes[chosen])
+        """Those of a mask, or by their places."""
+        chosen = np.flatnonzero(chosen) if chosen.dtype == np.bool_ else chosen
+        return Cells(
+            self.corners.take(chosen, axis=1),
+            self.shapes,
+            self.volumes,
+            self.rows[chosen],
+            self.wholes[chosen],
+            self.parts.take(chosen, axis=1),
+        )
+
+    def of_corners(self, nodes: Array) -> Array:
+        """Sums (e,) over the corners of small numbers, or how many are in a mask, of nodes."""
+        marks: Array = nodes.view(np.int8)
+        total: Array = marks.take(self.corners[0])
+        for corner in self.corners[1:]:
+            total += marks.take(corner)
+        return total
+
+    def levels(self, nodes: Array) -> Array:
+        """Levels (e, p) at the points, from those of the nodes."""
+        # Not by a product of matrices, whose threads would go on spinning beside the solver.
+        at_corners = nodes[self.corners]
+        return np.asarray(np.einsum("ce,cp->ep", at_corners, self.shapes))
 
 
 @dataclass(frozen=True)
@@ -56,6 +81,7 @@ class DesignVolume:
     cells: tuple[Cells, ...]
     total: float
     slope: float  # of the solver's presence
+    around: Array  # (n,): volume of the elements around each node that belongs to it
 
     def share(self, nodes: Array) -> float:
         """Material's part of the design volume, of the levels per node."""
@@ -69,14 +95,17 @@ class DesignVolume:
         high: float,
         field: Callable[[float], Array],
         guess: float | None = None,
+        nearly: bool = False,
     ) -> float:
         """Where between `low` and `high` a field that falls with its threshold has a share.
 
-        `field` gives levels per node. Elements that are full or empty all over what is left of the
-        range are summed once, so that late trials look at few of them.
+        `field` gives levels per node; `nearly` says that the guess is nearly right. Elements that
+        are full or empty all over what is left of the range are summed once, so that late trials
+        look at few of them.
         """
         settled, cells = 0.0, self.cells
-        bracket = Bracket(low, high, 0.5 * (low + high) if guess is None else guess)
+        first = 0.5 * (low + high) if guess is None else guess
+        bracket = Bracket(low, high, first, NEAR if nearly else FAR)
         for _ in range(_MOST_TRIALS):
             nodes = field(bracket.trial)
             found = [filled(some, nodes, self.slope) for some in cells]
@@ -109,19 +138,14 @@ class DesignVolume:
 
 def filled(cells: Cells, nodes: Array, slope: float) -> Filled:
     """The material in each element, from the levels per node."""
-    lowest = nodes[cells.corners[:, 0]]
-    highest = lowest
-    for column in cells.corners.T[1:]:  # a column at a time: rows are too short for NumPy
-        levels = nodes[column]
-        lowest, highest = np.minimum(lowest, levels), np.maximum(highest, levels)
-    full, empty = lowest > _UNCUT, highest < -_UNCUT
+    sides = cells.of_corners((nodes > _UNCUT).view(np.int8) - (nodes < -_UNCUT).view(np.int8))
+    full, empty = sides == len(cells.corners), sides == -len(cells.corners)
     volumes = cells.wholes.copy()
     volumes[empty] *= sharp_presences(np.array(-1.0), slope)
     cut = np.flatnonzero(~(full | empty))
-    # Not by a product of matrices, whose threads would go on spinning beside the solver.
-    levels = np.einsum("ec,cp->ep", nodes[cells.corners[cut]], cells.shapes)
-    presences = sharp_presences(levels, slope)
-    volumes[cut] = np.einsum("ep,ep->e", presences, cells.volumes[cut])
+    some = cells.some(cut)
+    presences = sharp_presences(some.levels(nodes), slope)
+    volumes[cut] = np.einsum("ep,ep->e", presences, some.volumes[some.rows])
     return Filled(volumes, full, empty)
 
 
@@ -136,8 +160,11 @@ def design_volume(model: Model) -> DesignVolume:
             found.append(_cells(model.nodes, code, rows[used]))
     if not found:
         raise ValueError("no element follows the level field: there is nothing to design")
-    total = sum(float(cells.volumes.sum()) for cells in found)
-    return DesignVolume(tuple(found), total, option_of(model, "Sta.MatSlopeFactor"))
+    total = sum(float(cells.wholes.sum()) for cells in found)
+    around = np.zeros(len(model.nodes))
+    for cells in found:
+        around += np.bincount(cells.corners.ravel(), cells.parts.ravel(), len(around))
+    return DesignVolume(tuple(found), total, option_of(model, "Sta.MatSlopeFactor"), around)
 
 
 def _cells(nodes: Array, code: int, rows: Array) -> Cells:
@@ -148,5 +175,7 @@ def _cells(nodes: Array, code: int, rows: Array) -> Cells:
         volumes = determinants(nodes, rows, code, points[:1]) * weights
     else:
         volumes = determinants(nodes, rows, code, points) * weights
-    own = rows[:, :corners].astype(np.int64) - 1
-    return Cells(own, np.ascontiguousarray(shapes.T), volumes, volumes.sum(axis=1))
+    own = np.ascontiguousarray(rows[:, :corners].T).astype(np.intp) - 1
+    shapes = np.ascontiguousarray(shapes.T)
+    parts = np.einsum("ep,cp->ce", volumes, shapes)
+    return Cells(own, shapes, volumes, np.arange(len(rows)), volumes.sum(axis=1), parts)

@@ -201,8 +201,12 @@ def presence_slopes(levels: Array, slope: float) -> Array:
 
 def _presences(steepened: Array) -> Array:
     """How much of the material is present where the level times a slope is this."""
-    step: Array = np.arctan(steepened) / np.pi + 0.5
-    return step * (1 - _FLOOR) + _FLOOR
+    step: Array = np.atleast_1d(np.arctan(steepened))  # often of millions: in place
+    step /= np.pi
+    step += 0.5
+    step *= 1 - _FLOOR
+    step += _FLOOR
+    return step.reshape(np.shape(steepened))
 
 
 @dataclass(frozen=True)
