@@ -5,6 +5,7 @@ from __future__ import annotations
 import os
 import subprocess
 import sys
+from pathlib import Path
 
 import pytest
 from typer.testing import CliRunner
@@ -42,6 +43,18 @@ def test_a_command_loads_only_what_it_needs(arguments: str, unneeded: str) -> No
     loaded = [line.rpartition("|")[2].strip() for line in told.stderr.splitlines()]
     assert "vkctl.cli" in loaded
     assert [name for name in loaded if (name + ".").startswith(unneeded + ".")] == []
+
+
+@pytest.mark.parametrize("words", ["check", "ask mass"])
+def test_questions_are_answered_without_what_takes_long_to_load(tmp_path: Path, words: str) -> None:
+    assert runner.invoke(app, ["box", str(tmp_path), "--cells", "2", "1", "1"]).exit_code == 0
+    command, *more = words.split()
+    arguments = [sys.executable, "-X", "importtime", "-m", "vkctl", command, str(tmp_path), *more]
+    told = subprocess.run(arguments, capture_output=True, text=True)
+    assert told.returncode == 0, told.stderr
+    loaded = {line.rpartition("|")[2].strip() for line in told.stderr.splitlines()}
+    assert f"vkctl.{command}" in loaded
+    assert not {"rich", "scipy", "numpy.ma", "numpy.random"} & loaded
 
 
 def test_no_command_loads_numpy_or_rich_before_it_does_its_work() -> None:

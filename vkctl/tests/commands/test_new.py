@@ -4,8 +4,12 @@ from __future__ import annotations
 
 import io
 import json
+import re
+import textwrap
 from pathlib import Path
+from types import SimpleNamespace
 
+import numpy as np
 import pytest
 from new_parts import case_file
 from rich.console import Console
@@ -14,6 +18,7 @@ from typer.testing import CliRunner
 from vkctl.cli import app
 from vkctl.commands.new import cleaned_sums, show_cases, values
 from vkctl.directory import model
+from vkctl.directory.model import LoadCase
 from vkctl.prepare import build
 
 DIRECTORY = "run"
@@ -54,6 +59,29 @@ def test_names_and_numbers_of_load_cases_are_whole_on_terminals_of_any_width(
     assert any(LONG in line for line in lines)
     assert sum("-5.679e+07" in line for line in lines) == 2
     assert "\u2026" not in shown.getvalue()
+
+
+def test_the_table_of_the_tutorial_is_what_a_terminal_of_80_columns_shows(tmp_path: Path) -> None:
+    page = Path(__file__).resolve().parents[3] / "docs" / "tutorial.md"
+    shown = re.search(r"\n( +load case +pattern.*?)\n\n", page.read_text(), re.DOTALL)
+    assert shown is not None
+    head, rule, *rows = textwrap.dedent(shown[1]).splitlines()
+    assert max(map(len, (head, rule, *rows))) <= 78 and set(rule) == {"\u2500"}
+    cells = [row.split() for row in rows]
+    sums = [[float(word) for word in line[-6:]] for line in cells]
+    names = [" ".join(line[1:-7]) for line in cells]
+    prepared = SimpleNamespace(
+        case_names=names,
+        model=SimpleNamespace(
+            load_cases=[LoadCase(pattern=int(line[-7])).load([1], (1e4, 0, 0)) for line in cells],
+            nodes=np.full((1, 3), 120.0),
+        ),
+        resultants=np.array(sums),
+    )
+    printed = io.StringIO()
+    show_cases(Console(file=printed, width=80), prepared)  # type: ignore[arg-type]
+    lines = [line.rstrip() for line in printed.getvalue().splitlines()]
+    assert [line[1:] for line in lines if line] == [head, rule, *rows]
 
 
 def test_forces_that_cancel_each_other_sum_up_to_nothing_for_people_alone(

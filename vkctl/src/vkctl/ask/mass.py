@@ -11,6 +11,7 @@ from dataclasses import dataclass
 
 import numpy as np
 
+from vkctl.basics.arrays import distinct
 from vkctl.basics.types import Array
 from vkctl.directory.formats import NamedSet
 from vkctl.directory.model import Model
@@ -67,7 +68,7 @@ def mass(model: Model, of_set: NamedSet | None = None) -> Mass:
     volumes, moments = np.zeros(count), np.zeros(3)
     reference = shape.nodes.mean(axis=0)  # far from the origin squares would cancel
     squares = np.zeros((3, 3))
-    used = np.unique(model.elements.materials[numbers - 1]).astype(np.int64)
+    used = distinct(model.elements.materials[numbers - 1]).astype(np.int64)
     known = np.isfinite(densities[used - 1]).all()
     weight_of = densities if known else np.ones(count)
     for block in integration_points(shape, numbers):

@@ -12,6 +12,7 @@ from dataclasses import dataclass
 
 import numpy as np
 
+from vkctl.basics.arrays import distinct
 from vkctl.basics.types import Array
 from vkctl.basics.words import place_words
 from vkctl.directory import formats
@@ -78,7 +79,7 @@ def reactions(
     def told(name: str, kind: str, of_set: str, held: Array) -> Reaction:
         nodes = nodal.nodes[held]
         acting = resultant(nodal.forces[held], arms[nodes])
-        return Reaction(name, kind, of_set, len(np.unique(nodes)), acting)
+        return Reaction(name, kind, of_set, len(distinct(nodes)), acting)
 
     found = [
         told(holder.name, holder.kind, holder.set, np.isin(nodal.rows, holder.rows))

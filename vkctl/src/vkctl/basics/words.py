@@ -31,6 +31,11 @@ def clock(seconds: float) -> str:
     return f"{hours}:{minutes:02d}:{rest:02d} h" if hours else f"{minutes}:{rest:02d} min"
 
 
+def short(value: float) -> str:
+    """A number in four digits, whole below a million: "0.1235", "12000", "1.235e+06"."""
+    return f"{value:.0f}" if 1e4 <= abs(value) < 1e6 else f"{value:.4g}"
+
+
 def closest(word: str, options: Iterable[str]) -> str | None:
     """The option that a misspelt word is likely to mean, if any."""
     if len(word) > _LONGEST_WORD:

@@ -6,6 +6,7 @@ from collections.abc import Iterator
 
 import numpy as np
 
+from vkctl.basics.arrays import distinct
 from vkctl.basics.types import Array
 from vkctl.basics.words import counted, some
 from vkctl.directory import formats
@@ -85,7 +86,7 @@ class _LoadCase:
         same = keys[order][1:] == keys[order][:-1]
         differ = same & (values[order][1:] != values[order][:-1])
         if differ.any():
-            twice = np.unique(nodes[order][1:][differ] + 1)
+            twice = distinct(nodes[order][1:][differ] + 1)
             text = f"{self._nodes(twice)} have two different prescribed values in a direction."
             yield warning("constraint-twice", text, self.where, "The later row holds.")
 
@@ -97,17 +98,17 @@ class _LoadCase:
             yield warning("support-no-stiffness", text, self.where, "Set Sta.SupportStiffness.")
         row, direction = np.nonzero(rows["DofMask"][:, None] >> np.arange(3) & 1)
         lengths = np.linalg.norm(rows["Axis"][row, direction].astype(float), axis=1)
-        undefined = np.unique(rows["Node"][row[~np.isfinite(lengths)]])
+        undefined = distinct(rows["Node"][row[~np.isfinite(lengths)]])
         if len(undefined):
             text = f"Elastic supports at {self._nodes(undefined)} have an axis that is no number."
             yield error("support-not-finite", text, self.where)
-        bad = np.unique(rows["Node"][row[lengths == 0]])
+        bad = distinct(rows["Node"][row[lengths == 0]])
         if len(bad):
             text = f"Elastic supports at {self._nodes(bad)} have an axis without direction."
             yield warning("support-axis", text, self.where, "They don't hold.")
         scaled = (lengths > 0) & (np.abs(lengths - 1) > 1e-3)
         if scaled.any():
-            nodes = np.unique(rows["Node"][row[scaled]])
+            nodes = distinct(rows["Node"][row[scaled]])
             text = f"Elastic supports at {self._nodes(nodes)} have axes not of unit length."
             yield note(
                 "support-scaled", text, self.where, "The squared length multiplies the stiffness."
@@ -138,7 +139,7 @@ class _LoadCase:
         nodes, values = rows["Node"][order], rows["Value"][order]
         differ = (nodes[1:] == nodes[:-1]) & (values[1:] != values[:-1])
         if differ.any():
-            text = f"{self._nodes(np.unique(nodes[1:][differ]))} have two temperatures."
+            text = f"{self._nodes(distinct(nodes[1:][differ]))} have two temperatures."
             yield warning("temperature-twice", text, self.where, "The later one holds.")
         materials = self.inputs.materials
         if materials is not None and not _expands(materials).any():
@@ -147,7 +148,7 @@ class _LoadCase:
 
     def _constrained_nodes(self, used: Array) -> Iterator[Finding]:
         nodes = acting(self.sections.constraints)["Node"]
-        idle = np.unique(nodes[~used[nodes - 1]])
+        idle = distinct(nodes[~used[nodes - 1]])
         if len(idle):
             text = f"Constraints on {self._nodes(idle)} that no active element uses."
             yield warning("constraint-unused", text, self.where, "They hold nothing.")
@@ -176,7 +177,7 @@ class _LoadCase:
         held = force * self._fixed()[nodes]
         if held.any():
             share = held.sum() / total
-            there = np.unique(rows["Node"][held.any(axis=1)])
+            there = distinct(rows["Node"][held.any(axis=1)])
             text = f"{share:.2g} of the load acts on prescribed components of {self._nodes(there)}."
             kind = warning if share > _NEGLIGIBLE else note
             yield kind("force-fixed", text, self.where, "It counts in the sums Rx, Ry, Rz only.")
@@ -204,7 +205,7 @@ class _LoadCase:
             no_level = self.inputs.element_flags[numbers - 1] & formats.ELEMENT_NO_LEVEL != 0
             solid = (levels[corners - 1] >= 0).any(axis=1) | no_level
             holds[nodes[solid] - 1] = True
-        void = np.unique(rows["Node"][~holds[rows["Node"] - 1]])
+        void = distinct(rows["Node"][~holds[rows["Node"] - 1]])
         if len(void):
             text = f"Forces act on {self._nodes(void)} where there is no material."
             hint = "Displacements there will be huge. Keep the level positive under loads."

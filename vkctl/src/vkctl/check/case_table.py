@@ -6,6 +6,7 @@ from collections.abc import Iterator
 
 import numpy as np
 
+from vkctl.basics.arrays import distinct
 from vkctl.basics.types import Array
 from vkctl.basics.words import listed, some
 from vkctl.directory import formats
@@ -48,7 +49,7 @@ def _order(order: Array, count: int) -> Iterator[Finding]:
         text = f"The run order names load cases outside 1 to {count} at position {some(outside)}."
         yield error("order-outside", text, _TABLE)
         return
-    never = np.setdiff1d(np.arange(1, count + 1), order)
+    never = np.flatnonzero(np.bincount(order, minlength=count + 1)[1:] == 0) + 1
     if len(never):
         text = (
             f"{listed(never, 'load case')} never come up in the run order, others more than once."
@@ -109,12 +110,12 @@ def _differences(inputs: Inputs, leader: int, number: int) -> Iterator[Finding]:
     mine, theirs = _prescribed(first), _prescribed(other)
     odd = np.setxor1d(mine[0], theirs[0])
     if len(odd):
-        nodes = np.unique(odd // 3 + 1)
+        nodes = distinct(odd // 3 + 1)
         text = f"{both} not the same prescribed components: they differ at "
         text += f"{nodes_listed(inputs, nodes)}."
         yield error("pattern-components", text, where, hint)
     elif len(wrong := _misread_values(mine, theirs, other)):
-        nodes = np.unique(wrong // 3 + 1)
+        nodes = distinct(wrong // 3 + 1)
         text = f"{both} load case {number} would have wrong values prescribed at "
         text += f"{nodes_listed(inputs, nodes)}."
         long_hint = hint + " Or list the same constraint rows in the same order, none of them zero."

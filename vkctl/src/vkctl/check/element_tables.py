@@ -6,6 +6,7 @@ from collections.abc import Iterator
 
 import numpy as np
 
+from vkctl.basics.arrays import distinct
 from vkctl.basics.types import Array
 from vkctl.basics.words import called, counted, listed, some
 from vkctl.directory.formats import file_names
@@ -45,7 +46,7 @@ def check_elements(inputs: Inputs) -> Iterator[Finding]:
     records = tables.records[: len(mesh.active)]
     unknown = np.flatnonzero(~np.isin(records["TypeCode"], list(NODES_PER_TYPE))) + 1
     if len(unknown):
-        codes = some(np.unique(records["TypeCode"][unknown - 1]))
+        codes = some(distinct(records["TypeCode"][unknown - 1]))
         text = f"{elements_listed(inputs, unknown)} of unknown type {codes} are passed over."
         yield warning("element-type", text, file_names.ELEMENTS, "Types are 40, 41 and 60.")
     excluded = int((~mesh.active).sum()) - len(unknown)

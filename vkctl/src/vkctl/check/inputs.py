@@ -11,6 +11,7 @@ from typing import Any
 
 import numpy as np
 
+from vkctl.basics.failures import reason
 from vkctl.basics.types import Array
 from vkctl.basics.units import UnitSystem
 from vkctl.basics.words import listed
@@ -178,9 +179,18 @@ def elements_listed(named: Inputs | ActiveMesh, numbers: Array) -> str:
 
 def fingerprints(rows: Array) -> Array:
     """A number per row of node numbers that is the same for the same nodes in any order."""
-    salt = np.random.default_rng(1).integers(1, 2**63, int(rows.max(initial=0)) + 1, np.uint64)
+    salt = _scattered(np.arange(int(rows.max(initial=0)) + 1, dtype=np.uint64))
     mixed: Array = salt[rows].sum(axis=1, dtype=np.uint64)
     return mixed
+
+
+def _scattered(numbers: Array) -> Array:
+    """Numbers of 64 bits as if drawn by chance, another for each: the generator splitmix64."""
+    mixed = (numbers + 1) * np.uint64(0x9E3779B97F4A7C15)
+    for shift, factor in ((30, 0xBF58476D1CE4E5B9), (27, 0x94D049BB133111EB)):
+        mixed = (mixed ^ (mixed >> np.uint64(shift))) * np.uint64(factor)
+    scattered: Array = mixed ^ (mixed >> np.uint64(31))
+    return scattered
 
 
 def acting(constraints: Array) -> Array:
@@ -267,8 +277,8 @@ def _file_finding(name: str, trouble: Exception) -> Finding:
         return error("file-short", text, name, "It was cut off, or a count in it is wrong.")
     if isinstance(trouble, formats.FormatError):
         return error("format-number", f"{name}: {trouble.reason}.", name, "Prepare it anew.")
-    reason = trouble.strerror if isinstance(trouble, OSError) else str(trouble)
-    return error("file-unreadable", f"{name} can't be read: {reason}.", name)
+    why = reason(trouble) if isinstance(trouble, OSError) else str(trouble)
+    return error("file-unreadable", f"{name} can't be read: {why}.", name)
 
 
 def _read_maps(inputs: Inputs) -> Iterator[Finding]:

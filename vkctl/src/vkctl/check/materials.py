@@ -6,6 +6,7 @@ from collections.abc import Iterator
 
 import numpy as np
 
+from vkctl.basics.arrays import distinct
 from vkctl.basics.types import Array
 from vkctl.basics.words import some
 from vkctl.directory import formats
@@ -28,7 +29,7 @@ def check_materials(inputs: Inputs) -> Iterator[Finding]:
     if inputs.materials is None or inputs.tables is None or inputs.mesh is None:
         return
     valid = inputs.mesh.valid
-    used = np.unique(inputs.tables.records["MaterialIndex"][: len(valid)][valid]).tolist()
+    used = distinct(inputs.tables.records["MaterialIndex"][: len(valid)][valid]).tolist()
     for number in used:
         yield from _one(number, inputs.materials[number - 1])
     moduli = [stiffest_modulus(inputs.materials[number - 1]) for number in used]

@@ -7,6 +7,7 @@ import stat
 from collections.abc import Iterator
 from pathlib import Path
 
+from vkctl.basics.failures import reason
 from vkctl.directory import formats
 from vkctl.directory.formats import file_names
 
@@ -41,7 +42,7 @@ def _place(inputs: Inputs, name: str) -> Iterator[Finding]:
             yield error("output-place", text, name, "Remove it.")
         return
     except OSError as trouble:
-        yield error("output-place", f"{name} can't be written: {trouble.strerror}.", name)
+        yield error("output-place", f"{name} can't be written: {reason(trouble)}.", name)
         return
     if not (stat.S_ISREG(kind) or stat.S_ISCHR(kind) or stat.S_ISBLK(kind)):
         text = f"{name} is no file: the run could not write it."

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 from collections.abc import Iterator
 
+from vkctl.basics.failures import reason
 from vkctl.directory import formats
 from vkctl.directory.formats import FormatError, file_names
 from vkctl.directory.model.whole import fitting_sets
@@ -25,8 +26,8 @@ def read_own_files(inputs: Inputs) -> Iterator[Finding]:
     yield from _read_notes(inputs)
 
 
-def _reason(trouble: OSError | FormatError) -> str | None:
-    return trouble.reason if isinstance(trouble, FormatError) else trouble.strerror
+def _reason(trouble: OSError | FormatError) -> str:
+    return trouble.reason if isinstance(trouble, FormatError) else reason(trouble)
 
 
 def _read_labels(inputs: Inputs) -> Iterator[Finding]:

@@ -9,6 +9,7 @@ from pathlib import Path
 
 import numpy as np
 
+from vkctl.basics.failures import reason
 from vkctl.basics.types import Array
 from vkctl.directory import formats
 
@@ -52,5 +53,5 @@ def load(directory: Path, name: str, words: int, count: int) -> Stored | Finding
             left = max(size // 4 - words, 0)
             return Stored(name, size, head, np.fromfile(stream, "<f4", min(count, left)))
     except OSError as trouble:
-        text = f"{name} can't be read: {trouble.strerror}."
+        text = f"{name} can't be read: {reason(trouble)}."
         return error("file-unreadable", text, name, "The run would stop at it.")

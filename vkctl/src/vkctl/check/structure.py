@@ -6,6 +6,7 @@ from collections.abc import Iterator
 
 import numpy as np
 
+from vkctl.basics.arrays import distinct
 from vkctl.basics.types import Array
 from vkctl.basics.words import called, some
 from vkctl.directory.formats import RawStructure, file_names
@@ -68,7 +69,7 @@ def _form(structure: RawStructure, components: int) -> Iterator[Finding]:
         return
     row = np.repeat(np.arange(1, components + 1), lengths)
     if columns.min() < 1 or columns.max() > components:
-        bad = np.unique(row[(columns < 1) | (columns > components)])
+        bad = distinct(row[(columns < 1) | (columns > components)])
         yield error(
             "structure-column", f"Columns outside 1 to {components} in row {some(bad)}.", _WHERE
         )
@@ -80,7 +81,7 @@ def _form(structure: RawStructure, components: int) -> Iterator[Finding]:
         )
     unsorted = (columns[1:] <= columns[:-1]) & (row[1:] == row[:-1])
     if unsorted.any():
-        bad = np.unique(row[1:][unsorted])
+        bad = distinct(row[1:][unsorted])
         yield error("structure-order", f"The columns don't ascend in row {some(bad)}.", _WHERE)
 
 

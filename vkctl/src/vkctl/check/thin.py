@@ -17,6 +17,7 @@ from dataclasses import dataclass
 
 import numpy as np
 
+from vkctl.basics.arrays import distinct
 from vkctl.basics.types import Array
 from vkctl.basics.words import counted
 from vkctl.directory.formats import file_names
@@ -80,7 +81,7 @@ def check_thin(inputs: Inputs) -> Iterator[Finding]:
     region = _regions(walls)
     thin = _thin_and_pushed(mesh, walls, region, pushes)
     if thin:
-        elements = np.unique(walls.element[np.isin(region, [t.number for t in thin])])
+        elements = distinct(walls.element[np.isin(region, [t.number for t in thin])])
         yield _finding(mesh, elements, max(thin, key=lambda t: t.excess))
 
 

@@ -2,32 +2,34 @@
 
 from __future__ import annotations
 
+from collections.abc import Iterator
 from pathlib import Path
-from typing import TYPE_CHECKING, Annotated
+from typing import TYPE_CHECKING, Annotated, Any
 
 import typer
 
-from vkctl.basics.words import clock, counted
+from vkctl.basics.words import clock, counted, printable
 from vkctl.terminal import output
 from vkctl.terminal.refusal import refusing
 
 if TYPE_CHECKING:
-    from rich.console import Console
-
     from vkctl.check import Finding, Report
 
-_STYLES = {"error": "bold red", "warning": "yellow", "note": "cyan"}
+_STYLES: dict[str, dict[str, Any]] = {
+    "error": {"fg": "red", "bold": True},
+    "warning": {"fg": "yellow"},
+    "note": {"fg": "cyan"},
+}
 
 
-def _show(console: Console, finding: Finding) -> None:
-    from rich.text import Text
-
-    line = Text.assemble((finding.severity, _STYLES[finding.severity]), "  ", finding.message)
+def _lines(finding: Finding) -> Iterator[str]:
+    where = ""
     if finding.where and finding.where not in finding.message:
-        line.append(f"  [{finding.where}]", "dim")
+        where = output.styled(f"  [{finding.where}]", dim=True)
+    severity = output.styled(finding.severity, **_STYLES[finding.severity])
+    yield f"{severity}  {printable(finding.message)}{where}"
     if finding.hint:
-        line.append(f"\n    {finding.hint}", "dim")
-    console.print(line, soft_wrap=True)
+        yield output.styled(f"    {printable(finding.hint)}", dim=True)
 
 
 def _model_line(report: Report) -> str:
@@ -65,14 +67,11 @@ def check_command(
     if as_json:
         output.print_json(report.as_dict())
         raise typer.Exit(report.status)
-    console = output.console()
     for finding in report.findings:
-        _show(console, finding)
-    for line in (
-        _model_line(report) if report.counts else "",
-        _estimate_line(report) if report.estimate else "",
+        output.tell(*_lines(finding))
+    output.tell(
+        *([_model_line(report)] if report.counts else []),
+        *([_estimate_line(report)] if report.estimate else []),
         ", ".join(counted(len(report.of(kind)), kind) for kind in SEVERITIES) + ".",
-    ):
-        if line:
-            console.print(line, markup=False, soft_wrap=True)
+    )
     raise typer.Exit(report.status)

@@ -8,7 +8,7 @@ from typing import TYPE_CHECKING, Annotated, Any
 
 import typer
 
-from vkctl.basics.words import counted, printable
+from vkctl.basics.words import counted, printable, short
 from vkctl.terminal import output
 from vkctl.terminal.arguments import AsJson
 from vkctl.terminal.reading import (
@@ -152,7 +152,7 @@ def cases_table(prepared: Prepared, names: bool) -> Table:
     for title in (*(["pattern"] if names else []), "Fx", "Fy", "Fz", "Mx", "My", "Mz"):
         table.add_column(title, justify="right", no_wrap=True)
     for number, name, pattern in _titles(prepared):
-        cells = [f"{value:.4g}" for value in cleaned_sums(prepared, number)]
+        cells = [short(value) for value in cleaned_sums(prepared, number)]
         if names:
             table.add_row(Text(printable(f"{number} {name}")), str(pattern), *cells)
         else:

@@ -7,7 +7,7 @@ from html import escape
 from math import isfinite, isnan
 
 from vkctl.ask.tables import Cell, Table, cell_texts
-from vkctl.basics.words import printable
+from vkctl.basics.words import printable, short
 
 
 def text(value: object) -> str:
@@ -90,8 +90,7 @@ def told(value: Cell) -> str:
         return str(value)
     if not isfinite(value):
         return "none" if isnan(value) else "∞" if value > 0 else "-∞"
-    size = abs(value)
-    return f"{value:.0f}" if 1e4 <= size < 1e6 else f"{value:.4g}"
+    return short(value)
 
 
 def picture(kind: str, data: str, caption: str) -> str:

@@ -78,7 +78,8 @@ def note(running: Running, event: Event) -> None:
     if event.kind == "repeated":
         running.doing.pop(event.unit, None)
         running.say(
-            f"Pattern {pattern.number} on {event.worker}: {event.text}; it runs again elsewhere."
+            f"Pattern {pattern.number} on {event.worker}: {event.text.rstrip('.')}; "
+            "it runs again elsewhere."
         )
     elif event.kind == "begun":
         running.doing[event.unit] = Doing(event.worker, pattern.number, time.monotonic())

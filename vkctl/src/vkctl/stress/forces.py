@@ -7,6 +7,7 @@ from dataclasses import dataclass
 
 import numpy as np
 
+from vkctl.basics.arrays import distinct
 from vkctl.basics.types import Array
 from vkctl.shapes.functions import GRADIENTS
 
@@ -76,7 +77,7 @@ def summed_forces(solution: Solution, blocks: Iterable[IntegrationBlock]) -> Arr
 def elements_at(solution: Solution, nodes: Array) -> Array:
     """Numbers of the active elements that have at least one of these nodes (bool (n,))."""
     found = []
-    for code in np.unique(solution.elements.type_codes[solution.active]):
+    for code in distinct(solution.elements.type_codes[solution.active]):
         numbers, rows = solution.elements.of_type(int(code))
         touching = nodes[rows - 1].any(axis=1) & solution.active[numbers - 1]
         found.append(numbers[touching])

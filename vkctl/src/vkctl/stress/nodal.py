@@ -16,6 +16,7 @@ from dataclasses import dataclass
 
 import numpy as np
 
+from vkctl.basics.arrays import distinct
 from vkctl.basics.types import Array
 from vkctl.directory.levels import NEAREST_LEVEL
 from vkctl.shapes.topology import HEX8, HEX8_SIGNS, TET4, TET10, TET10_EDGES, TET_CORNERS, TYPES
@@ -84,7 +85,7 @@ def nodal_stress(solution: Solution) -> NodalStress:
     whole, partly = _present(solution)
     materials = solution.elements.materials
     parts = []
-    for material in np.unique(materials[whole | partly]):
+    for material in distinct(materials[whole | partly]):
         chosen = materials == material
         region = _region(solution, chosen & (whole | partly), whole)
         stress = _recovered(solution, region)

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import json
 import math
+import os
 from typing import TYPE_CHECKING, Any
 
 import typer
@@ -25,6 +26,12 @@ def tell(*lines: str, silent: bool = False) -> None:
     if not (_is_quiet or silent):
         for line in lines:
             typer.echo(line)
+
+
+def styled(text: str, **style: Any) -> str:
+    """The text in colours for `tell`, which leaves them out where no terminal shows them."""
+    plain = os.environ.get("NO_COLOR") or os.environ.get("TERM") == "dumb"
+    return text if plain else typer.style(text, **style)
 
 
 def console(stderr: bool = False, silent: bool = False) -> Console:
