@@ -22,7 +22,7 @@ from .bracket import FAR, NEAR, Bracket
 
 _UNCUT = 1e-3  # level above which, at all corners, an element counts as full; as empty below minus
 _MOST_TRIALS = 80
-_MET = 1e-6  # of the design volume
+_MET = 1e-5  # of the design volume: a point of an element is about as much
 _FEW_TRIALS = 14
 _NEARLY_MET = 2e-4  # of the design volume
 
