@@ -2,6 +2,8 @@
 
 from __future__ import annotations
 
+from collections.abc import Callable
+
 import numpy as np
 from small_loops import NOBODY
 
@@ -28,3 +30,13 @@ def design_of(
 
 def shape_of(wishes: Wishes, kept: Array = NOBODY, void: Array = NOBODY) -> Shape:
     return design_of(wishes, 0.0, kept, void).shape
+
+
+def plate(field: Callable[[Array, Array], Array]) -> Model:
+    """24 x 24 x 1 cells of size 1, with a level of x and y."""
+    part = box("hex8", (24, 24, 1), (24.0, 24.0, 1.0))
+    model = Model(part.nodes, part.elements, [Material.isotropic(1.0, 0.3)], [LoadCase()])
+    model.set_level(1.0)
+    x, y, _ = part.nodes.T
+    model.tp = np.asarray(field(x, y), np.float32)
+    return model

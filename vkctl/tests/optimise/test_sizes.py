@@ -2,16 +2,16 @@
 
 from __future__ import annotations
 
-from collections.abc import Callable
 from dataclasses import replace
 from pathlib import Path
 
 import numpy as np
 import pytest
 from small_loops import VK_RUND, write_small
+from wished_boxes import plate
 
 from vkctl.basics.types import Array
-from vkctl.directory.model import LoadCase, Material, Model
+from vkctl.directory.model import Model
 from vkctl.optimise import (
     Optimised,
     OptimiseError,
@@ -21,23 +21,12 @@ from vkctl.optimise import (
     optimise,
     read_settings,
 )
-from vkctl.optimise.wishes.entries import LeastSizes
+from vkctl.optimise.wishes.entries import SizeWishes
 from vkctl.optimise.wishes.sampling import Field
 from vkctl.optimise.wishes.sizes import THIN, make_sized
 from vkctl.prepare import CaseFileError
-from vkctl.shapes.boxes import box
 
 NONE = np.zeros(25 * 25 * 2, np.bool_)
-
-
-def plate(field: Callable[[Array, Array], Array]) -> Model:
-    """24 x 24 x 1 cells of size 1, with a level of x and y."""
-    part = box("hex8", (24, 24, 1), (24.0, 24.0, 1.0))
-    model = Model(part.nodes, part.elements, [Material.isotropic(1.0, 0.3)], [LoadCase()])
-    model.set_level(1.0)
-    x, y, _ = part.nodes.T
-    model.tp = np.asarray(field(x, y), np.float32)
-    return model
 
 
 def test_the_smallest_member_and_the_smallest_hole_are_measured() -> None:
@@ -59,7 +48,7 @@ def test_the_smallest_member_and_the_smallest_hole_are_measured() -> None:
     assert full.hole is None and full.member is not None
 
 
-def sized_plate(sizes: LeastSizes, levels: Array, model: Model) -> Model:
+def sized_plate(sizes: SizeWishes, levels: Array, model: Model) -> Model:
     """The plate with the sizes in force that its members then have."""
     sized = make_sized(Field(model, model.nodes, 1.0), sizes, NONE, NONE)
     model.tp = np.asarray(
@@ -74,7 +63,7 @@ def test_thin_members_are_thickened_to_the_size_and_others_are_left(
 ) -> None:
     part = plate(lambda x, y: 0.5 * width - np.abs(y - 12.25))
     levels = np.clip(part.tp.astype(np.float64), -1.0, 1.0)
-    found = measured_sizes(sized_plate(LeastSizes(member=4.0), levels, part)).member
+    found = measured_sizes(sized_plate(SizeWishes(member=4.0), levels, part)).member
     assert found == (None if thickened is None else pytest.approx(thickened, abs=0.4))
 
 
@@ -82,7 +71,7 @@ def test_members_along_a_face_lie_inside_of_it() -> None:
     """They are as thick as the size there, not half of it."""
     part = plate(lambda x, y: 2.2 - y)
     levels = np.clip(part.tp.astype(np.float64), -1.0, 1.0)
-    found = sized_plate(LeastSizes(member=4.0), levels, part)
+    found = sized_plate(SizeWishes(member=4.0), levels, part)
     x, y, _ = found.nodes.T
     away = np.abs(x - 12) < 11.5  # from the ends
     assert (found.tp[(y < 3.6) & away] > 0).all() and (found.tp[y > 4.4] < 0).all()
@@ -93,7 +82,7 @@ def test_holes_below_the_size_are_filled_and_others_are_left() -> None:
         lambda x, y: np.minimum(np.hypot(x - 6, y - 6) - 1.6, np.hypot(x - 16, y - 16) - 4.0)
     )
     levels = np.clip(part.tp.astype(np.float64), -1.0, 1.0)
-    found = sized_plate(LeastSizes(hole=5.0), levels, part)
+    found = sized_plate(SizeWishes(hole=5.0), levels, part)
     x, y, _ = found.nodes.T
     assert (found.tp[np.hypot(x - 6, y - 6) < 3] > 0).all()
     assert np.array_equal(found.tp > 0, (np.hypot(x - 16, y - 16) > 4.0))
@@ -102,7 +91,7 @@ def test_holes_below_the_size_are_filled_and_others_are_left() -> None:
 def test_what_is_kept_is_a_member_of_the_size() -> None:
     part = plate(lambda x, y: -np.ones_like(x))
     kept = (part.nodes[:, 0] == 24) & (part.nodes[:, 1] == 0)
-    sized = make_sized(Field(part, part.nodes, 1.0), LeastSizes(member=4.0), kept, NONE)
+    sized = make_sized(Field(part, part.nodes, 1.0), SizeWishes(member=4.0), kept, NONE)
     levels = np.full(len(kept), -1.0)
     found = replace(sized, centres=sized.begun(levels, THIN)).sized(levels)
     x, y, _ = part.nodes.T

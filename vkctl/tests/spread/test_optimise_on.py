@@ -10,7 +10,7 @@ from pathlib import Path
 
 import pytest
 from cluster_work import Processes, awaited, scheduler
-from small_loops import TWO_CASES, VK_RUND, write_small
+from small_loops import TWO_CASES, VK_RUND, script, write_small
 from typer.testing import CliRunner
 
 from vkctl.cli import app
@@ -105,3 +105,55 @@ def test_a_wrong_place_is_refused_before_anything_is_made(tmp_path):
     told = runner.invoke(app, ["optimise", str(cases), str(tmp_path / "work"), "--on", "local:0"])
     assert told.exit_code == 2 and "1 to 256 workers" in told.stderr
     assert not (tmp_path / "work").exists()
+
+
+# A solver that fails under a condition: the mode is in "$mode", the number of the run in "$number".
+FAILING = """
+mode=$(sed -n 's/^Sys.ComputationMode=//p' "$1/vk_rund_cmd.txt")
+number=$(echo "$mode" >> {asked}; wc -l < {asked})
+if {condition}; then
+  printf 'Info<Msg:Tool.vk_rund.Start >\\nData<Key:LCaseId><Value:1>\\n' > "$1/vk_rund_log.txt"
+  printf 'Error<Msg:{message} >\\n' >> "$1/vk_rund_log.txt"
+  exit 242
+fi
+"$real" "$1" || exit
+{after}
+"""
+NO_CONVERGENCE = "No convergence in static response analysis process."
+POOR = """
+[ "$mode" = 1 ] || exit 0
+printf '\\315\\314\\114\\077' | dd of="$1/ws.comval.0001" bs=1 seek=8 conv=notrunc 2> /dev/null
+rm "$1/ws.sstate.0001"
+"""
+
+
+@pytest.mark.parametrize("seen", [True, False])
+@pytest.mark.parametrize(
+    ("condition", "message", "after", "asked"),
+    [
+        ('[ "$mode" = 1 ]', NO_CONVERGENCE, "", ["1", "2"] * 2),
+        ('[ "$number" = 2 ] || [ "$number" = 3 ]', NO_CONVERGENCE, "", ["1", "1", "2", "1"]),
+        ("false", "", POOR, ["1", "2"] * 2),
+    ],
+)
+def test_a_step_that_fails_is_retried_as_on_one_machine(
+    tmp_path, processes, monkeypatch, seen, condition, message, after, asked
+):
+    """With a factor, and then with a smaller move; workers see the directory or don't."""
+    if not seen:
+        monkeypatch.setattr(copies, "TOKEN", "elsewhere")
+    loops = {}
+    for where in (None, processes.address):
+        folder = tmp_path / ("here" if where is None else "there")
+        cases = write_small(folder, "reduction = 0.15\nsteps = 2\n")
+        noted = folder / "asked"
+        words = {"condition": condition, "message": message, "after": after, "asked": noted}
+        text = FAILING
+        for name, word in words.items():
+            text = text.replace(f"{{{name}}}", str(word))
+        solver = script(folder / "solver", text)
+        loops[where] = optimise(cases, folder / "work", vk_rund=solver, on=where)
+        assert noted.read_text().split() == asked
+    here, there = loops.values()
+    assert [row.mode for row in here.rows] == [row.mode for row in there.rows]
+    assert here.levels == pytest.approx(there.levels, abs=1e-4)

@@ -28,6 +28,7 @@ from .following.kinds import heated_cases, refuse_unknown
 from .following.weights import keep_bodies, read_weights
 from .history import State
 from .settings import Settings
+from .sizing import refuse_overfull
 from .standing import Loop, OptimiseError
 from .wishes.regions import nodes_around
 
@@ -58,6 +59,7 @@ def start(cases: PathLike, directory: Path, settings: Settings, reading: Reading
         reach = reach_of(model, settings.radius, settings.wishes.sizes)
         radius = state.widened * reach
         design = make_design(model, radius, kept, void, settings.wishes, state.load_cases)
+        refuse_overfull(design, settings)
     except ValueError as error:
         raise OptimiseError(str(error)) from None
     _take_wishes(directory, settings, state, design)
@@ -225,7 +227,8 @@ def _take_wishes(directory: Path, settings: Settings, state: State, design: Desi
         return
     path = history.levels_file(directory, state.step)
     history.save_array(path, design.shape.begun(history.load_array(path, len(design.points))))
-    history.free_file(directory, state.step).unlink(missing_ok=True)
+    for name in (history.free_file, history.taken_file):
+        name(directory, state.step).unlink(missing_ok=True)
     state.wishes, state.since, state.sized = told, state.step, 0
     state.widened = 1.0
     history.write_state(directory, state)

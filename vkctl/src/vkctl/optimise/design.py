@@ -17,7 +17,7 @@ from vkctl.directory.model import Model
 from .pieces import Joints, Pieces, find_pieces, loose_nodes, make_joints
 from .teeth import uneven_nodes
 from .volume import DesignVolume, design_volume
-from .wishes.entries import LeastSizes, Wishes
+from .wishes.entries import SizeWishes, Wishes
 from .wishes.sampling import Field, mean_edge
 from .wishes.shape import Shape, make_shape
 
@@ -78,7 +78,7 @@ class Design:
         set_to = np.full(len(levels), np.nan)
         threshold = float(np.quantile(criterion, 1.0 - volume))
         highest = float(criterion.max())
-        if self.shape.has_sizes:
+        if self.shape.has_sizes and self.shape.members_stay:
             # Members that stay make the volume lag: gone to at once, it would wear away all others.
             _, rest = self._met(levels, criterion, volume, 1.0, set_to, threshold, highest)
             highest = min(highest, _MOST_RAISED * rest)
@@ -88,7 +88,7 @@ class Design:
             )
             solved = self.solved_levels(following)
             nodes = self.levels_of_nodes(solved)
-            loose = self._points(loose_nodes(self.joints, self.pieces(nodes), self._staying()))
+            loose = self.loose(nodes)
             uneven = self._points(uneven_nodes(self.space, nodes)) & ~self.shape.kept
             if not (loose | uneven).any():
                 break
@@ -145,6 +145,10 @@ class Design:
             moved += (1.0 - move) * levels
             np.copyto(moved, set_to, where=~np.isnan(set_to))
         return moved if self.shape.has_sizes else self.shape.levels(moved)
+
+    def loose(self, nodes: Array) -> Array:
+        """Design points of pieces that carry nothing, of the levels per node."""
+        return self._points(loose_nodes(self.joints, self.pieces(nodes), self._staying()))
 
     def _staying(self) -> Array:
         """Nodes that are material whatever happens."""
@@ -211,7 +215,7 @@ def _points_of(model: Model, nodes: Array) -> Array:
     return mask
 
 
-def reach_of(model: Model, radius: float | None, sizes: LeastSizes | None) -> float:
+def reach_of(model: Model, radius: float | None, sizes: SizeWishes | None) -> float:
     """The radius of smoothing, by the mesh and the sizes where it isn't given."""
     largest = 0.0 if sizes is None else max(sizes.member or 0.0, sizes.hole or 0.0)
     return radius or max(DEFAULT_RADIUS * mean_edge(model), _SIZE_RADIUS * largest)

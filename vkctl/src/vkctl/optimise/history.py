@@ -128,13 +128,17 @@ def centres_file(directory: PathLike, step: int) -> Path:
     return folder_of(directory) / f"centres.{step:04d}.npy"
 
 
+def taken_file(directory: PathLike, step: int) -> Path:
+    return folder_of(directory) / f"taken.{step:04d}.npy"
+
+
 def criterion_file(directory: PathLike, step: int) -> Path:
     return folder_of(directory) / f"criterion.{step:04d}.npy"
 
 
 def forget(directory: PathLike, step: int) -> None:
     """Remove what only the next two steps were made from."""
-    for name in (criterion_file, free_file, centres_file):
+    for name in (criterion_file, free_file, centres_file, taken_file):
         name(directory, step).unlink(missing_ok=True)
 
 

@@ -32,7 +32,7 @@ from .history import HistoryRow, LockedError
 from .limits.steering import begin_steering, has_settled, needs_steering, steer, told_limits
 from .pieces import Pieces
 from .settings import Settings, read_settings
-from .sizing import follow_sizes, read_centres, told_sizes, write_centres
+from .sizing import follow_sizes, read_sizes, told_sizes, write_sizes
 from .solving import give_back_mode, solve_somehow
 from .standing import Loop, OptimiseError, Workers, free_of, levels_of, write_design
 from .teeth import cut_share
@@ -133,7 +133,7 @@ def _run_steps(loop: Loop, on_step: Callable[[StepShown], None] | None) -> Optim
     def converged() -> bool:
         return not _waits_for_sizes(loop) and _is_settled(loop)
 
-    read_centres(loop)
+    read_sizes(loop)
     loop.steering = begin_steering(loop) if needs_steering(loop) else None
     while loop.state.step <= loop.settings.steps and not converged():
         shown = _step(loop)
@@ -146,7 +146,7 @@ def _run_steps(loop: Loop, on_step: Callable[[StepShown], None] | None) -> Optim
     cut = cut_share(loop.design.space, loop.design.levels_of_nodes(levels))
     done = Optimised(loop.directory, loop.rows, converged(), levels, pieces, cut, told)
     if (wished := loop.settings.wishes.sizes) is not None:
-        done.sizes = measured_sizes(model_at(loop.directory, last))
+        done.sizes = measured_sizes(model_at(loop.directory, last), wished.thickest)
         done.told_sizes = told_sizes(wished, done.sizes, loop.rows[-1])
     return done
 
@@ -187,7 +187,7 @@ def _step(loop: Loop) -> StepShown:
         criterion, next_target = steered.criterion, steered.next_target
     criterion = _settled(loop, criterion)
     before = free_of(loop, state.step)
-    follow_sizes(loop, levels, next_target, _is_settled(loop))
+    follow_sizes(loop, levels, before, next_target, _is_settled(loop))
     following, _ = loop.design.next_levels(before, criterion, next_target, settings.move)
     energies = {r.number: r.strain_energy for r in results}
     row = HistoryRow(
@@ -208,7 +208,7 @@ def _step(loop: Loop) -> StepShown:
     loop.rows.append(row)
     history.write_history(directory, loop.rows)
     write_design(loop, state.step + 1, following)
-    write_centres(loop, state.step + 1)
+    write_sizes(loop, state.step + 1)
     state.step, state.running, state.target = state.step + 1, 0, next_target
     history.write_state(directory, state)
     history.forget(directory, state.step - 2)

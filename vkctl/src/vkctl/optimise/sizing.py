@@ -17,10 +17,12 @@ from vkctl.basics.types import Array
 from . import history
 from .design import Design, smoothing_over
 from .history import HistoryRow
+from .settings import Settings
 from .standing import Loop, levels_of
-from .wishes.entries import LeastSizes
+from .wishes.entries import SizeWishes
 from .wishes.measure import Sizes
-from .wishes.sizes import THIN
+from .wishes.sizes import THIN, Sized
+from .wishes.thickest import most_filled
 
 _LATEST = 2 / 3  # of the steps
 _OVER = 0.002  # of the design volume, from which it is told
@@ -28,14 +30,21 @@ _ROUNDING = 1e-6
 _WIDENED = 1.25  # times the radius before
 
 
-def follow_sizes(loop: Loop, levels: Array, target: float, settled: bool) -> None:
-    """Put the sizes that are wished into force with the next step, or widen the radius."""
+def follow_sizes(loop: Loop, levels: Array, free: Array, target: float, settled: bool) -> None:
+    """Put the sizes that are wished into force with the next step, or widen the radius.
+
+    `free` is the field that the levels were made from.
+    """
     design, state, settings = loop.design, loop.state, loop.settings
     shape, sized = design.shape, design.shape.sized
     if sized is None:
         return
+    if sized.thickest is not None:
+        sized = replace(sized, thickest=sized.thickest.following(free))
+        shape = design.shape = replace(shape, sized=sized)
     if state.sized:
         design.shape = replace(shape, sized=sized.following(levels, sized.followed(levels)))
+        _give_up_loose(design, levels)
         return
     late = state.step >= _LATEST * settings.steps
     if not (settled or late):
@@ -45,6 +54,7 @@ def follow_sizes(loop: Loop, levels: Array, target: float, settled: bool) -> Non
         design.shape = replace(shape, sized=begun)
         if not design.pieces(_nodes(design, levels)).broken:
             break
+    begun = _give_up_loose(design, levels)
     least = design.volume(replace(begun, floor=-1.0).sized(np.full_like(levels, -1.0)))
     state.since = state.step + 1
     if late or least <= target:
@@ -59,18 +69,37 @@ def _nodes(design: Design, levels: Array) -> Array:
     return design.levels_of_nodes(design.solved_levels(levels))
 
 
-def write_centres(loop: Loop, step: int) -> None:
-    """Keep the centres that a step's levels were made with."""
+def _give_up_loose(design: Design, levels: Array) -> Sized:
+    """Leave out members in pieces that carry nothing, which their balls alone would keep."""
+    sized = design.shape.sized
+    assert sized is not None
+    if (loose := design.loose(_nodes(design, levels))).any():
+        sized = sized.without(loose)
+        design.shape = replace(design.shape, sized=sized)
+    return sized
+
+
+def write_sizes(loop: Loop, step: int) -> None:
+    """Keep what a step's levels were made with, so that they have their sizes."""
     sized = loop.design.shape.sized
+    if sized is not None and sized.thickest is not None:
+        history.save_array(history.taken_file(loop.directory, step), sized.thickest.taken)
     if sized is not None and sized.centres is not None:
         path = history.centres_file(loop.directory, step)
         history.save_array(path, np.flatnonzero(sized.centres))
 
 
-def read_centres(loop: Loop) -> None:
-    """Put the sizes of a loop that has them into force as its next step has them."""
+def read_sizes(loop: Loop) -> None:
+    """Put the sizes of a loop into force as far as its next step has them."""
     sized = loop.design.shape.sized
-    if sized is None or not loop.state.sized:
+    if sized is None:
+        return
+    path = history.taken_file(loop.directory, loop.state.step)
+    if sized.thickest is not None and path.exists():
+        taken = history.load_array(path, len(loop.design.points))
+        sized = replace(sized, thickest=sized.thickest.with_taken(taken))
+        loop.design.shape = replace(loop.design.shape, sized=sized)
+    if not loop.state.sized:
         return
     count = int(np.prod(sized.shape))
     places = history.load_array(history.centres_file(loop.directory, loop.state.step))
@@ -81,9 +110,37 @@ def read_centres(loop: Loop) -> None:
     loop.design.shape = replace(loop.design.shape, sized=sized)
 
 
-def told_sizes(wished: LeastSizes, measured: Sizes, last: HistoryRow) -> list[str]:
+def refuse_overfull(design: Design, settings: Settings) -> None:
+    """ValueError where members that are no thicker than wished can't be the volume."""
+    sizes, sized = settings.wishes.sizes, design.shape.sized
+    if sizes is None or sized is None or sized.thickest is None or settings.goal == "mass":
+        return
+    most = most_filled(sized.thickest, sizes.hole)
+    if settings.volume > most:
+        raise ValueError(
+            f"members of at most {sizes.thickest:g} fill no more than {most:.3g} of the design "
+            f"volume, and volume = {settings.volume:g}: make thickest larger, or the volume smaller"
+        )
+
+
+def _told_thickest(most: float, found: float | None, last: HistoryRow) -> list[str]:
+    if found is None:
+        return []
+    text = f"largest thickness: {found:.4g} of at most {most:g}"
+    told = [text if found <= most * (1 + _ROUNDING) else f"{text}: the size isn't met"]
+    if last.volume < last.target - _OVER:
+        told.append(
+            f"members of at most {most:g} are {last.volume:.4g} of the design volume: less than "
+            f"the {last.target:.4g} asked for"
+        )
+    return told
+
+
+def told_sizes(wished: SizeWishes, measured: Sizes, last: HistoryRow) -> list[str]:
     """A sentence for each size that was wished, and one where it takes more than the volume."""
     told = []
+    if wished.thickest is not None:
+        told += _told_thickest(wished.thickest, measured.thickest, last)
     for name in ("member", "hole"):
         least, found = getattr(wished, name), getattr(measured, name)
         if least is None:

@@ -46,11 +46,12 @@ class Overhang:
 
 
 @dataclass(frozen=True)
-class LeastSizes:
-    """Diameters that members and holes have at least."""
+class SizeWishes:
+    """Diameters: of the thinnest member, the smallest hole and the thickest member."""
 
     member: float | None = None
     hole: float | None = None
+    thickest: float | None = None
 
 
 @dataclass(frozen=True)
@@ -62,7 +63,7 @@ class Wishes:
     extruded: Vector | None = None  # direction along which the shape stays the same
     draw: Draw | None = None
     overhang: Overhang | None = None
-    sizes: LeastSizes | None = None
+    sizes: SizeWishes | None = None
     void: Names = ()  # sets without material
     thickness: dict[str, float] = field(default_factory=dict)  # around sets to keep or leave void
 

@@ -1,4 +1,4 @@
-"""The smallest member and the smallest hole of a part, measured on its level field.
+"""The smallest member and hole of a part, and its thickest place, measured on its level field.
 
 Balls of growing diameter open the part. What an opening loses at a corner or an edge stays close to
 what is left; where something is lost that is further away than the ball is thick, there is a
@@ -21,7 +21,9 @@ from vkctl.directory.model import Model, read
 from .places import Places, depths, make_places
 from .sampling import Field, mean_edge
 
+COARSEST = 2.0  # edges that a size must have
 _LONG = 2.0  # radii from what an opening leaves: further away it isn't a corner
+_BETWEEN = 1.0  # steps of a diameter that places leave open, on average
 _ROUNDING = 1e-6
 
 
@@ -31,19 +33,27 @@ class Sizes:
 
     member: float | None
     hole: float | None
+    thickest: float | None  # the largest ball in the part
 
 
-def measured_sizes(part: PathLike | Model) -> Sizes:
-    """The smallest member and hole of a directory's part, as its level field stands.
+def measured_sizes(part: PathLike | Model, thickest: float | None = None) -> Sizes:
+    """The smallest member and hole of a directory's part, and its thickest place.
 
-    Corners sharper than 39 degrees count as members that end. Balls may stand out of the design
-    volume: on its faces something half as thick counts as whole.
+    They are as its level field stands. Corners sharper than 39 degrees count as members that end.
+    Balls of members and holes may stand out of the design volume: on its faces something half as
+    thick counts as whole. The largest ball lies inside of the part, but across a part that is
+    thinner than `thickest` all over (two edges if not given), such as a plate, it stands out.
     """
     model = part if isinstance(part, Model) else read(part)
     levels, places = _gridded(model)
     inside, step = places.inside, places.step
     material, void = inside & (levels > 0), inside & (levels <= 0)
-    return Sizes(_smallest(material, inside, step), _smallest(void, inside, step))
+    across = COARSEST * mean_edge(model) if thickest is None else thickest
+    return Sizes(
+        _smallest(material, inside, step),
+        _smallest(void, inside, step),
+        _largest(material, step, across),
+    )
 
 
 def _gridded(model: Model) -> tuple[Array, Places]:
@@ -52,6 +62,14 @@ def _gridded(model: Model) -> tuple[Array, Places]:
     nodes = replace(model, node_tp_index=np.arange(1, count + 1, dtype=np.int32))
     places = make_places(Field(nodes, model.nodes, mean_edge(model)))
     return places.sampled(level_field(model).astype(np.float64)), places
+
+
+def _largest(material: Array, step: float, across: float) -> float | None:
+    """The diameter of the largest ball in the material."""
+    if not material.any():
+        return None
+    closed = tuple(bool(n * step >= across) for n in material.shape)
+    return float((2.0 * depths(material, closed).max() + _BETWEEN) * step)
 
 
 def _smallest(phase: Array, inside: Array, step: float) -> float | None:

@@ -42,6 +42,14 @@ class Places:
         return found
 
 
+def images_at(places: Places, values: Array, isometries: Array, points: Array) -> Array:
+    """The least value of the grid at points (k, 3) and all their images by a pattern."""
+    found: Array = np.min(
+        [places.at(values, points @ one[:3, :3].T + one[:3, 3]) for one in isometries], axis=0
+    )
+    return found
+
+
 def make_places(field: Field) -> Places:
     nodes = field.model.nodes
     low, high = nodes.min(axis=0), nodes.max(axis=0)

@@ -6,7 +6,7 @@ from vkctl.basics.words import did_you_mean
 from vkctl.prepare.case_file.entries import Vector
 from vkctl.prepare.case_file.toml_table import Table
 
-from .entries import Cyclic, Draw, LeastSizes, Overhang, Plane, Wishes
+from .entries import Cyclic, Draw, Overhang, Plane, SizeWishes, Wishes
 from .together import refuse_together
 
 _STEEPEST = 80.0  # degrees: beyond it next to everything is held
@@ -79,14 +79,19 @@ def _overhang(table: Table) -> Overhang | None:
     return found
 
 
-def _sizes(table: Table) -> LeastSizes | None:
+def _sizes(table: Table) -> SizeWishes | None:
     if (entry := table.table("sizes")) is None:
         return None
-    found = LeastSizes(entry.number("member", None, above=0), entry.number("hole", None, above=0))
+    member, hole, thickest = (
+        entry.number(name, None, above=0) for name in ("member", "hole", "thickest")
+    )
     entry.done()
-    if found == LeastSizes():
-        table.problem("sizes", "says nothing", "give member, hole or both")
-    return found
+    if member is hole is thickest is None:
+        table.problem("sizes", "says nothing", "give member, hole, thickest or some of them")
+    if member and thickest and thickest < member:
+        text = f"is below member = {member:g}"
+        entry.problem("thickest", text, "members can't be thinner than their least")
+    return SizeWishes(member, hole, thickest)
 
 
 def _thickness(table: Table, keep: tuple[str, ...]) -> dict[str, float]:

@@ -57,6 +57,8 @@ class Shape:
 
     def criterion(self, criterion: Array, levels: Array) -> Array:
         """The criterion by which the wishes are held, before the threshold."""
+        if self.sized is not None and self.sized.thickest is not None:
+            criterion = self.sized.thickest.weakened(criterion)
         for made in self.steady:
             criterion = made(criterion)
         for mapped in self.maps:
@@ -87,6 +89,11 @@ class Shape:
         """Whether sizes are in force: the loop then goes on from the field before it has them."""
         return self.sized is not None and self.sized.centres is not None
 
+    @property
+    def members_stay(self) -> bool:
+        """Whether there is material that the loop can't take away."""
+        return self.sized is not None and self.sized.member is not None
+
 
 def make_shape(field: Field, wishes: Wishes, kept: Array, void: Array) -> Shape:
     """The wishes on a mesh, with sets of its design points to keep and to leave void.
@@ -111,7 +118,10 @@ def make_shape(field: Field, wishes: Wishes, kept: Array, void: Array) -> Shape:
         held = held_points(field, wishes.overhang, kept)
         maps.append(held.holding)
         projections.append(held.printed)
-    sized = None if wishes.sizes is None else make_sized(field, wishes.sizes, kept, void)
+    sized = None
+    if wishes.sizes is not None:
+        isometries = images(wishes.symmetry, wishes.cyclic)
+        sized = make_sized(field, wishes.sizes, kept, void, isometries)
     if (both := kept & void).any():
         raise ValueError(
             f"the wishes put {counted(int(both.sum()), 'point')} both among those to keep and "

@@ -18,11 +18,12 @@ from scipy import ndimage
 
 from vkctl.basics.types import Array
 
-from .entries import LeastSizes
-from .places import PER_EDGE, Places, depths, distances, make_places
+from .entries import SizeWishes
+from .measure import COARSEST
+from .places import PER_EDGE, Places, depths, distances, images_at, make_places
 from .sampling import Field
+from .thickest import Thickest, make_thickest
 
-_COARSEST = 2.0  # edges that a size must have
 THIN = 0.3  # of the size, from which a member is thickened to it
 _LEAST = 0.2  # of the size, below which nothing counts as a member
 _SLENDER = 0.75  # of the size, below which a member may be given up
@@ -30,6 +31,7 @@ _MIDDLE = 0.6  # slope of the depth below which a place lies in the middle of a 
 _CORNER = 0.5  # of the radius: further off than the nearest centre, a corner belongs to a ball
 _SLACK = 1.0  # steps: what the grid doesn't resolve
 _MOST_ROUNDS = 4
+_ALONE = np.eye(4)[None]  # isometries where there is no pattern
 _EVERYWHERE = np.ones((3, 3, 3))  # neighbours across corners too
 
 
@@ -46,6 +48,7 @@ class Balls:
     reach: Array  # (p,): how far balls reach, which is further in corners that none fits into
     free: Array  # bool (p,): so far from all balls that the size has no meaning there
     points: Array  # (p, 3)
+    isometries: Array  # (n, 4, 4) of a pattern: a ball comes with its images
     always: Array  # bool grid: centres of balls that are there whatever the field is
 
     def phase(self, levels: Array) -> Array:
@@ -98,7 +101,9 @@ class Balls:
     def around(self, centres: Array, reach: Array | float | None = None) -> Array:
         """Levels of balls around centres: 0 on their surfaces, 1 an edge inside."""
         reach = self.reach if reach is None else reach
-        away = self.places.at(np.minimum(distances(centres), 1e9), self.points)
+        away = images_at(
+            self.places, np.minimum(distances(centres), 1e9), self.isometries, self.points
+        )
         return np.asarray((reach - away) / PER_EDGE)
 
 
@@ -124,20 +129,27 @@ class Sized:
 
     member: Balls | None
     hole: Balls | None
+    thickest: Thickest | None
     centres: Array | None = None  # bool grid: of the members that stay; None: not in force yet
     floor: Array | float = -1.0  # levels (p,) that no step falls below
+    before: Array | None = None  # levels (p,) of a design that is nowhere too thick
 
     def followed(self, levels: Array) -> Array:
         """Centres for the step after a design that has its sizes."""
         assert self.centres is not None
-        return self.centres if self.member is None else self.member.followed(levels, self.centres)
+        if self.member is None:
+            return self.centres
+        centres = self.centres
+        if self.thickest is not None:  # what was cut holds no member any more
+            centres = centres & (self.member.phase(levels) | self.member.always)
+        return self.member.followed(levels, centres)
 
     @property
     def shape(self) -> tuple[int, ...]:
         """Of the grid."""
-        balls = self.member or self.hole
-        assert balls is not None
-        return balls.room.shape
+        some = self.member or self.hole or self.thickest
+        assert some is not None
+        return some.places.inside.shape
 
     def sized(self, levels: Array) -> Array:
         """The field without what is too thin, and with holes that are too small filled."""
@@ -152,18 +164,27 @@ class Sized:
                 levels = self.member.opened(levels, self.centres)
             if self.member is None or self.hole is None or np.array_equal(levels > 0, before):
                 break
-        return levels
+        return levels if self.thickest is None else self.thickest.held(levels, self.before)
 
     def following(self, levels: Array, centres: Array) -> Sized:
         """In force for the step after a design; its surface recedes by an edge at most.
 
         So no hole opens inside of a member, whose sides alone might be too thin to stay.
         """
+        before = None if self.thickest is None else self.thickest.cut(levels)
         balls = self.member or self.hole
-        assert balls is not None
+        if balls is None:
+            return replace(self, centres=centres, before=before)
         inner = depths(balls.phase(levels), balls.closed)
         floor = np.minimum(balls.places.at(inner, balls.points) / PER_EDGE - 1.0, 1.0)
-        return replace(self, centres=centres, floor=floor)
+        return replace(self, centres=centres, floor=floor, before=before)
+
+    def without(self, points: Array) -> Sized:
+        """Without the members at some design points."""
+        if self.centres is None or self.member is None:
+            return self
+        there = self.member.places.sampled(points.astype(np.float64)) > 0
+        return replace(self, centres=self.centres & ~there | self.member.always)
 
     def begun(self, levels: Array, thin: float) -> Array:
         """Centres of the members of a design."""
@@ -172,26 +193,36 @@ class Sized:
         return self.member.middles(levels, thin)
 
 
-def make_sized(field: Field, sizes: LeastSizes, kept: Array, void: Array) -> Sized:
-    """The sizes on a mesh; ValueError where it can't have them."""
+def make_sized(
+    field: Field, sizes: SizeWishes, kept: Array, void: Array, isometries: Array = _ALONE
+) -> Sized:
+    """The sizes on a mesh, with the images of a pattern; ValueError where it can't have them."""
     places = make_places(field)
-    member = hole = None
+    member = hole = thickest = None
     if sizes.member is not None:
         room = places.inside & (places.sampled(void.astype(np.float64)) < 0.5)
-        member = _balls(field, places, sizes.member, "member", room, kept)
+        member = _balls(field, places, sizes.member, "member", room, kept, isometries)
     if sizes.hole is not None:
         room = np.ones_like(places.inside)
-        hole = _balls(field, places, sizes.hole, "hole", room, np.zeros_like(void))
-    return Sized(member, hole)
+        hole = _balls(field, places, sizes.hole, "hole", room, np.zeros_like(void), isometries)
+    if sizes.thickest is not None:
+        thickest = make_thickest(field, places, sizes.thickest, sizes.hole, kept, isometries)
+    return Sized(member, hole, thickest)
 
 
 def _balls(
-    field: Field, places: Places, size: float, what: str, room: Array, always: Array
+    field: Field,
+    places: Places,
+    size: float,
+    what: str,
+    room: Array,
+    always: Array,
+    isometries: Array,
 ) -> Balls:
-    if size < _COARSEST * field.edge:
+    if size < COARSEST * field.edge:
         raise ValueError(
             f"{what} = {size:.4g} in [optimise.sizes] is below two edges of the mesh, which are "
-            f"{_COARSEST * field.edge:.4g}: make the size larger, or the mesh finer"
+            f"{COARSEST * field.edge:.4g}: make the size larger, or the mesh finer"
         )
     radius = 0.5 * size / places.step
     # Across something that is thinner than the balls all over they stand out.
@@ -215,5 +246,6 @@ def _balls(
         np.where(far > radius, far + _CORNER * radius, radius),
         far > 2.0 * radius,
         field.points,
+        isometries,
         held,
     )
