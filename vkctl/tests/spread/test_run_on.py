@@ -362,8 +362,3 @@ def test_other_versions_are_refused(tmp_path, directory, processes, monkeypatch)
     told = runner.invoke(app, ["run", str(directory), "--on", processes.address])
     assert told.exit_code == 2
     assert "has vkctl" in told.stderr and "here is 99.1: install the same" in told.stderr
-
-
-def test_settling_is_refused(directory):
-    told = runner.invoke(app, ["run", str(directory), "--settle", "--on", "local:1"])
-    assert told.exit_code == 2 and "leave out --on" in told.stderr

@@ -4,7 +4,7 @@ from __future__ import annotations
 
 from enum import StrEnum
 from pathlib import Path
-from typing import TYPE_CHECKING, Annotated, NoReturn
+from typing import TYPE_CHECKING, Annotated, Any, NoReturn
 
 import typer
 
@@ -72,18 +72,16 @@ def run_command(
 
     chosen: Mode | None = None if mode is None else mode.value
     console = output.console(silent=as_json)
-    if on is not None:
-        with refusing():
-            if until_settled:
-                raise refuse("--settle repeats runs of this machine: leave out --on.")
-            result = _spread(console, directory, on, again, threads, chosen, vk_rund, starts)
-        _close(console, result, as_json)
     try:
         with refusing(ValueError, SettleError):
             if until_settled:
-                settled = _settle(console, directory, tolerance, rounds, threads, chosen, vk_rund)
+                how: dict[str, Any] = {"threads": threads, "mode": chosen, "vk_rund": vk_rund}
+                settled = _settle(console, directory, tolerance, rounds, how, on, starts)
                 _close_settled(console, settled, as_json)
                 raise typer.Exit(settled.status)
+            if on is not None:
+                result = _spread(console, directory, on, again, threads, chosen, vk_rund, starts)
+                _close(console, result, as_json)
             with shown(console) as show:
                 result = run(
                     directory,
@@ -143,10 +141,11 @@ def _settle(
     directory: Path,
     tolerance: float,
     rounds: int,
-    threads: int | None,
-    mode: Mode | None,
-    vk_rund: Path | None,
+    how: dict[str, Any],
+    on: str | None,
+    starts: int,
 ) -> Settled:
+    """Rounds of runs here or on workers; `how` is said of every run."""
     from vkctl.directory.case_names import read_case_names
     from vkctl.running.settle import settle
     from vkctl.terminal.display import shown
@@ -158,17 +157,17 @@ def _settle(
         for line in round_lines(shown_round, names):
             console.print(line, markup=False, soft_wrap=True)
 
-    with shown(console, plain_lines=False) as show:
-        return settle(
-            directory,
-            tolerance,
-            most_rounds=rounds,
-            threads=threads,
-            mode=mode,
-            vk_rund=vk_rund,
-            on_round=show_round,
-            on_progress=show,
-        )
+    how = {**how, "most_rounds": rounds, "on_round": show_round}
+    if on is None:
+        with shown(console, plain_lines=False) as show:
+            return settle(directory, tolerance, **how, on_progress=show)
+    from vkctl.spread.settle import settle_on
+    from vkctl.spread.where import WhereError
+    from vkctl.terminal.spreading import spread_shown
+
+    with refusing(WhereError), spread_shown(console, plain_lines=False) as (look, say):
+        told: dict[str, Any] = {"on_progress": look, "on_line": say}
+        return settle_on(directory, on, tolerance, **how, **told, most_starts=starts)
 
 
 def _close_settled(console: Console, settled: Settled, as_json: bool) -> None:

@@ -10,6 +10,7 @@ from __future__ import annotations
 import time
 from collections.abc import Callable
 from dataclasses import dataclass, replace
+from functools import partial
 from pathlib import Path
 
 from vkctl.basics.types import PathLike
@@ -106,6 +107,7 @@ def settle(
     vk_rund: PathLike | None = None,
     on_round: Callable[[RoundShown], None] | None = None,
     on_progress: Callable[[Progress], None] | None = None,
+    solve: Callable[[], RunResult] | None = None,
 ) -> Settled:
     """Run the requested load cases again and again, each until it has settled.
 
@@ -113,15 +115,29 @@ def settle(
     the strain energy by less than `tolerance`, and all further rounds would, each shrinking as the
     last; it has collapsed where that came only of the least stiffness that elements keep. One
     whose changes don't shrink any more, or that ends too poorly to leave a start vector, is left
-    alone. `most_rounds` are done at most; called again, it goes on. Errors as of `run`,
+    alone. `most_rounds` are done at most; called again, it goes on. `solve` runs what the directory
+    asks for instead of `run`, which `vk_rund` and `on_progress` are for. Errors as of `run`,
     SettleError where no load case is requested.
     """
+    target = Path(directory)
+    if solve is None:
+        program = find_vk_rund(vk_rund)
+        solve = partial(run, target, vk_rund=program, on_progress=on_progress)
+    numbers = to_settle(target, tolerance, most_rounds)
+    with rounds.locked(target):
+        state = _begun(target, numbers)
+        if state.running:
+            _await_worker(target)
+        set_run_options(target, threads, mode)
+        return _rounds(target, state, tolerance, most_rounds, solve, on_round)
+
+
+def to_settle(target: Path, tolerance: float, most_rounds: int) -> list[int]:
+    """Load cases that `settle` would repeat; its errors where it can't."""
     if not FLOOR <= tolerance < 1:
         raise ValueError(f"the tolerance must be at least {FLOOR:g} and below 1, not {tolerance:g}")
     if most_rounds < 1:
         raise ValueError(f"there must be at least one round, not {most_rounds}")
-    target = Path(directory)
-    program = find_vk_rund(vk_rund)
     if not target.is_dir():
         raise NotADirectoryError(f"There is no directory {target}.")
     numbers = wanted(target)
@@ -129,12 +145,7 @@ def settle(
         raise SettleError(f"No load case of {target} is requested: there is nothing to settle.")
     if numbers[-1] > formats.LARGEST_NUMBER:
         raise SettleError(f"Load cases beyond {formats.LARGEST_NUMBER} share their files.")
-    with rounds.locked(target):
-        state = _begun(target, numbers)
-        if state.running:
-            _await_worker(target)
-        set_run_options(target, threads, mode)
-        return _rounds(target, state, tolerance, most_rounds, program, on_round, on_progress)
+    return numbers
 
 
 def _begun(directory: Path, numbers: list[int]) -> State:
@@ -157,9 +168,8 @@ def _rounds(
     state: State,
     tolerance: float,
     most_rounds: int,
-    program: Path,
+    solve: Callable[[], RunResult],
     on_round: Callable[[RoundShown], None] | None,
-    on_progress: Callable[[Progress], None] | None,
 ) -> Settled:
     result: RunResult | None = None
     done = 0
@@ -170,7 +180,7 @@ def _rounds(
                 break
             _begin_round(directory, state, to_run)
         if plan(directory):
-            result = run(directory, vk_rund=program, on_progress=on_progress)
+            result = solve()
             if not result.ok:
                 break
         _end_round(directory, state)

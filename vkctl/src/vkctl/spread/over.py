@@ -121,11 +121,11 @@ def _follow(
 
 def _refuse_gone(book: _Book) -> None:
     if book.place.client.status != "running":
-        raise _gone(book)
+        raise gone_from(book.place)
 
 
-def _gone(book: _Book) -> GoneError:
-    return GoneError(f"The scheduler of {book.place.where.text} has gone.")
+def gone_from(place: Place) -> GoneError:
+    return GoneError(f"The scheduler of {place.where.text} has gone.")
 
 
 def _look(book: _Book, tell: Callable[[Event], None], now: float) -> None:
@@ -133,7 +133,7 @@ def _look(book: _Book, tell: Callable[[Event], None], now: float) -> None:
     try:
         book.present = book.place.workers()
     except OSError:
-        raise _gone(book) from None
+        raise gone_from(book.place) from None
     if book.present:
         book.lonely_since = None
     elif book.lonely_since is None:
@@ -209,7 +209,7 @@ def _take_end(
     book.begun.discard(key)
     unit = book.units.pop(key)
     if isinstance(outcome, need("distributed").CancelledError):
-        raise _gone(book)  # not by us: the client has lost its scheduler
+        raise gone_from(book.place)  # not by us: the client has lost its scheduler
     if isinstance(outcome, Reply):
         if outcome.kind == "done":
             return Done(unit, outcome.value, "", outcome.worker, max(1, book.starts[key]))

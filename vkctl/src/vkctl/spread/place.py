@@ -38,8 +38,10 @@ class Place:
     last_seen: list[WorkerSeen] = field(default_factory=list)
 
     def workers(self) -> list[WorkerSeen]:
-        """The workers that are there now."""
-        told = self.client.scheduler_info(n_workers=-1)["workers"]
+        """The workers that are there now. OSError where the scheduler has gone."""
+        told = self.client.scheduler_info(n_workers=-1).get("workers")
+        if told is None:
+            raise ConnectionError(f"The scheduler of {self.where.text} has gone.")
         self.last_seen[:] = [
             WorkerSeen(
                 address,

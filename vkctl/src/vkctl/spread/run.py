@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import os
 from collections.abc import Callable
+from contextlib import closing
 from dataclasses import replace
 from pathlib import Path
 from typing import Any
@@ -18,7 +19,7 @@ from vkctl.running.signals import noted
 
 from . import copies, placing
 from .gathering import Running, SpreadProgress, note, result_of, take
-from .over import GoneError, over
+from .over import GoneError, gone_from, over
 from .patterns import Need, Pattern, has_state, need_of, patterns_of, split
 from .place import Place, opened
 from .sending import Sender
@@ -117,31 +118,42 @@ def _spread(
 
     try:
         with noted() as signals:
-            units = [sender.ready(u) for u in _units(running, place, token, program)]
-            ended = over(
-                place,
-                solve,
-                units,
-                most_starts=most_starts,
-                on_event=lambda event: note(running, event),
-                on_tick=tick,
-                supply=sender.supply,
-            )
             try:
-                for done in ended:
-                    take(running, done)
+                units = _ready(running, place, sender, token, program)
+                ended = over(
+                    place,
+                    solve,
+                    units,
+                    most_starts=most_starts,
+                    on_event=lambda event: note(running, event),
+                    on_tick=tick,
+                    supply=sender.supply,
+                )
+                with closing(ended):
+                    for done in ended:
+                        take(running, done)
             except _InterruptedError:
                 stopped = signals[0]
             except GoneError as error:
                 gone = error
-            finally:
-                ended.close()
     finally:
         copies.end_sharing(running.directory)
     result = result_of(running, gone, stopped)
     if on_progress is not None:
         on_progress(SpreadProgress(running.tracker.progress, [], place.seen(), running.done))
     return result
+
+
+def _ready(
+    running: Running, place: Place, sender: Sender, token: str, program: str | None
+) -> list[Unit]:
+    """The units with what their workers need; the scheduler may have gone since it was used last."""
+    try:
+        return [sender.ready(unit) for unit in _units(running, place, token, program)]
+    except OSError:
+        if place.client.status == "running":
+            raise
+        raise gone_from(place) from None
 
 
 def _units(running: Running, place: Place, token: str, program: str | None) -> list[Unit]:

@@ -53,8 +53,12 @@ def spread_table(progress: SpreadProgress) -> Group:
 
 
 @contextmanager
-def spread_shown(console: Console) -> Iterator[tuple[Show, Say]]:
-    """Functions that show each progress, and each sentence about a pattern."""
+def spread_shown(console: Console, plain_lines: bool = True) -> Iterator[tuple[Show, Say]]:
+    """Functions that show each progress, and each sentence about a pattern.
+
+    Off a terminal the first prints a line for each finished load case, or nothing without
+    `plain_lines`.
+    """
 
     def say(line: str) -> None:
         console.print(printable(line), markup=False, soft_wrap=True)
@@ -71,7 +75,7 @@ def spread_shown(console: Console) -> Iterator[tuple[Show, Say]]:
             workers.update(progress.solved_by)
             printer(progress.run)
 
-        yield show, say
+        yield show if plain_lines else lambda progress: None, say
         return
     with Live(console=console, refresh_per_second=8, transient=False) as live:
         yield lambda progress: live.update(spread_table(progress)), say
