@@ -362,3 +362,13 @@ def test_other_versions_are_refused(tmp_path, directory, processes, monkeypatch)
     told = runner.invoke(app, ["run", str(directory), "--on", processes.address])
     assert told.exit_code == 2
     assert "has vkctl" in told.stderr and "here is 99.1: install the same" in told.stderr
+
+
+@pytest.mark.parametrize("more", [[], ["--settle"]])
+def test_workers_of_this_machine_want_its_solver_before_anything_begins(directory, more):
+    before = {path.name: path.read_bytes() for path in directory.iterdir()}
+    words = ["run", str(directory), "--on", "local:2", "--vk-rund", str(directory / "none"), *more]
+    told = runner.invoke(app, words)
+    assert told.exit_code == 127 and told.stderr.startswith("There is no program ")
+    assert told.stderr.count("\n") == 1
+    assert {path.name: path.read_bytes() for path in directory.iterdir()} == before

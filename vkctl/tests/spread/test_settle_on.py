@@ -1,4 +1,4 @@
-"""Rounds that real workers solve: the same as on one machine, stopped anywhere, refused before any."""
+"""Rounds that real workers solve: those of one machine, stopped anywhere, or refused."""
 
 from __future__ import annotations
 

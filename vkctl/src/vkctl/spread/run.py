@@ -14,7 +14,7 @@ from vkctl.directory import formats
 from vkctl.directory.plan import plan
 from vkctl.running import processes
 from vkctl.running.progress import Tracker
-from vkctl.running.run import RunResult, reopen, set_run_options
+from vkctl.running.run import RunResult, find_vk_rund, reopen, set_run_options
 from vkctl.running.signals import noted
 
 from . import copies, placing
@@ -24,7 +24,7 @@ from .patterns import Need, Pattern, has_state, need_of, patterns_of, split
 from .place import Place, opened
 from .sending import Sender
 from .solving import Solve, solve
-from .where import parse_where
+from .where import Where, parse_where
 from .work import STARTS, Unit
 
 
@@ -52,14 +52,13 @@ def run_on(
     done. `threads` and `vk_rund` are of the workers. `on_progress` is called some ten times a
     second, `on_line` with sentences on what happened to patterns, both in this thread.
 
-    WhereError where the place can't be had, MissingPartError without the engine, BusyError and
-    NotADirectoryError as `run`; OSError and FormatError where what is to be run can't be read.
+    WhereError where the place can't be had, MissingPartError without the engine, BusyError,
+    NotFoundError and NotADirectoryError as `run`; OSError and FormatError where what is to be run can't be read.
     """
     target = Path(directory).absolute()
     if not target.is_dir():
         raise NotADirectoryError(f"There is no directory {target}.")
-    notes = formats.read_case_notes(target)
-    said = parse_where(where, notes.clusters if notes else {})
+    said = where_for(target, where, vk_rund)
     with processes.alone_on(target):
         plan(target)
         with opened(said) as place, Sender(target, place) as sender:
@@ -75,6 +74,18 @@ def run_on(
                 on_progress=on_progress,
                 on_line=on_line,
             )
+
+
+def where_for(directory: Path, text: str, vk_rund: PathLike | None) -> Where:
+    """What `--on` says, the clusters that the directory remembers included.
+
+    NotFoundError where the workers would be of this machine, which has no solver for them.
+    """
+    notes = formats.read_case_notes(directory)
+    where = parse_where(text, notes.clusters if notes else {})
+    if where.kind == "local":
+        find_vk_rund(vk_rund)
+    return where
 
 
 def run_at(

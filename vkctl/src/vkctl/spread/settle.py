@@ -1,4 +1,4 @@
-"""Load cases repeated until nothing changes any more, each round solved by the workers of a place."""
+"""Load cases repeated until nothing changes any more, each round solved by workers."""
 
 from __future__ import annotations
 
@@ -13,9 +13,8 @@ from vkctl.running.settle import RoundShown, Settled, settle, to_settle
 
 from .gathering import SpreadProgress
 from .place import opened
-from .run import run_at
+from .run import run_at, where_for
 from .sending import Sender
-from .where import parse_where
 from .work import STARTS
 
 
@@ -41,9 +40,7 @@ def settle_on(
     """
     target = Path(directory).absolute()
     to_settle(target, tolerance, most_rounds)
-    notes = formats.read_case_notes(target)
-    said = parse_where(where, notes.clusters if notes else {})
-    with opened(said) as place, Sender(target, place) as sender:
+    with opened(where_for(target, where, vk_rund)) as place, Sender(target, place) as sender:
         solve = partial(
             run_at,
             target,
