@@ -158,7 +158,7 @@ def _spread(
 def _ready(
     running: Running, place: Place, sender: Sender, token: str, program: str | None
 ) -> list[Unit]:
-    """The units with what their workers need; the scheduler may have gone since it was used last."""
+    """The units with what workers need; the scheduler may have gone since it was used last."""
     try:
         return [sender.ready(unit) for unit in _units(running, place, token, program)]
     except OSError:
