@@ -53,7 +53,8 @@ def run_on(
     second, `on_line` with sentences on what happened to patterns, both in this thread.
 
     WhereError where the place can't be had, MissingPartError without the engine, BusyError,
-    NotFoundError and NotADirectoryError as `run`; OSError and FormatError where what is to be run can't be read.
+    NotFoundError and NotADirectoryError as `run`; OSError and FormatError where what is to be run
+    can't be read.
     """
     target = Path(directory).absolute()
     if not target.is_dir():
