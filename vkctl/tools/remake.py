@@ -30,6 +30,7 @@ EXAMPLES = (
     "cantilever",
     "mbb-beam",
     "mbb-beam-sizes",
+    "mbb-beam-thickest",
     "l-bracket",
     "l-bracket-stress",
     "bracket",
@@ -40,7 +41,7 @@ EXAMPLES = (
 )
 ANIMATED = "mbb-beam"
 STRESSED = "l-bracket-stress"  # shown by its stress
-_WITHOUT_HISTORY = (STRESSED, "arch")  # theirs is on no page
+_WITHOUT_HISTORY = (STRESSED, "arch", "mbb-beam-sizes", "mbb-beam-thickest")  # theirs is on no page
 _VIEW = View(size=(900, 600))
 _FRAME = View(field="level", size=(560, 360), marks=False)
 

@@ -132,7 +132,7 @@ class Sized:
     thickest: Thickest | None
     centres: Array | None = None  # bool grid: of the members that stay; None: not in force yet
     floor: Array | float = -1.0  # levels (p,) that no step falls below
-    before: Array | None = None  # levels (p,) of a design that is nowhere too thick
+    before: Array | None = None  # levels (p,) that no ball which would be full rises above
 
     def followed(self, levels: Array) -> Array:
         """Centres for the step after a design that has its sizes."""
@@ -171,7 +171,7 @@ class Sized:
 
         So no hole opens inside of a member, whose sides alone might be too thin to stay.
         """
-        before = None if self.thickest is None else self.thickest.cut(levels)
+        before = None if self.thickest is None else self.thickest.opened(levels)
         balls = self.member or self.hole
         if balls is None:
             return replace(self, centres=centres, before=before)

@@ -3,7 +3,7 @@
 Where one does, the criterion around its middle loses weight, step by step, until the design has
 less material there, and gets it back slowly once it has. So thick members part where they carry
 least, from the first step on, while there is still material everywhere to choose from. What is
-left once the sizes come into force is cut: an opening of its own around the middle of each ball.
+left once the sizes come into force is opened around the middle of each ball, and grows in none.
 
 That is a multiplier for each local limit on the volume in a ball: J. K. Guest, Struct. Multidisc.
 Optim. 37 (2009) 463-473; B. S. Lazarov, F. Wang, Comput. Methods Appl. Mech. Engrg. 318 (2017)
@@ -32,11 +32,11 @@ _CLOSE = 1.0  # edges from the middle of a ball, where all of that is taken
 _FAR = 1.5  # where none is
 _GAP = 1.25  # edges, radius of an opening
 _PART_OF_SIZE = 0.25  # that is no more than this of the thickness
-_MOST_OPENINGS = 12
+_OPENED = 0.25  # of the levels in the middle, in a step
+_EDGED = 1.5  # times that radius, where the opening ends
 _RIDGE = 3  # places across which a middle is the deepest
 _BESIDE = 2.0  # steps from a ball, that its points' neighbours may be away
-_UNSEEN = 1.0  # steps that the middle of a ball may lie deeper than a place
-_EMPTY = -0.2  # level of the points next to a middle, whatever the mesh is like
+_UNSEEN = 0.5  # steps that places leave open
 _LEAST_HOLE = 1.0  # edges: what a mesh can have as a hole
 # Void in thinnest coverings of space and plane by balls, as a part of their own volume.
 _COVERING = {2: 1.2092, 3: 1.4635}
@@ -71,21 +71,16 @@ class Thickest:
         """As a restart reads it."""
         return replace(self, taken=taken.astype(np.float32).astype(np.float64))
 
-    def cut(self, levels: Array) -> Array:
-        """The field with openings in the middles of what is too thick, after which nothing is."""
-        for _ in range(_MOST_OPENINGS):
-            depth = self._depth(levels)
-            full = depth >= self.radius - _UNSEEN
-            if not full.any():
-                break
-            levels = self._opened(levels, full & (depth >= ndimage.maximum_filter(depth, _RIDGE)))
-        return levels
-
-    def _opened(self, levels: Array, middles: Array) -> Array:
-        found = np.minimum(levels, (self._away(middles) - self.gap) / PER_EDGE)
-        corners = self.places.weights[np.flatnonzero(middles)].indices
-        found[corners] = np.minimum(found[corners], _EMPTY)
-        return np.maximum(found, -1.0)
+    def opened(self, levels: Array) -> Array:
+        """The field with less in the middles of what is too thick: some steps open them."""
+        depth = self._depth(levels)
+        full = depth >= self.radius - _UNSEEN
+        if not full.any():
+            return levels
+        middles = full & (depth >= ndimage.maximum_filter(depth, _RIDGE))
+        near = np.clip(2.0 * (_EDGED - self._away(middles) / self.gap), 0.0, 1.0)
+        near[self.places.weights[np.flatnonzero(middles)].indices] = 1.0  # whatever the mesh
+        return np.maximum(levels - _OPENED * near, -1.0)
 
     def held(self, levels: Array, before: Array | None) -> Array:
         """The field with the levels of a design that isn't too thick in each ball that is full.
