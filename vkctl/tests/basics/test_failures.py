@@ -45,7 +45,8 @@ def test_a_file_that_could_not_be_replaced_is_told_by_its_own_name(tmp_path: Pat
     [
         (["summary", "gone"], "gone/vk_rund_log.txt isn't there"),
         (["summary", "file"], "something on the way to it is a file, not a folder"),
-        (["plot", "gone", "-o", "x.png"], "isn't there"),
+        (["plot", "gone", "-o", "x.png"], "isn't there: there is no folder gone."),
+        (["summary", "."], "vk_rund_log.txt isn't there."),
         (["box", "file/part"], "something on the way to it is a file, not a folder"),
         (["box", "file"], "file is there already"),
         (["new", "gone.msh", "gone.toml", "d"], "gone.toml: can't be read: there is no such file"),

@@ -8,8 +8,13 @@ from pathlib import Path
 import matplotlib as mpl
 import numpy as np
 import pytest
+from stress.states import VK_RUND
 
 from vkctl.basics.types import Array
+from vkctl.directory.model import LoadCase, Material, Model, write
+from vkctl.report import write_report
+from vkctl.running.run import run
+from vkctl.shapes.boxes import box
 
 from .browsing import Browser, covered
 from .conftest import EVIL
@@ -153,6 +158,27 @@ def test_supports_loads_extremes_and_edges_are_marked(page: Browser) -> None:
         before = page.pixels()
         page.press(name)
         assert change(before, page.pixels()) > 0.0001, name  # of one dot half is seen
+
+
+@pytest.mark.thorough
+def test_arrows_of_loads_are_whole_in_a_narrow_window(browser: Browser, tmp_path: Path) -> None:
+    """A slender bar that is pulled and grows longer, as wide as the picture."""
+    part = box("hex8", (12, 1, 1), (12.0, 1.0, 1.0))
+    case = LoadCase().prescribe(part.face("x-")).load(*part.traction("x+", (3.0, 0.0, 0.0)))
+    write(Model(part.nodes, part.elements, [Material.isotropic(1e3, 0.3)], [case]), tmp_path)
+    assert run(tmp_path, vk_rund=VK_RUND).ok
+    write_report(tmp_path, tmp_path / "bar.html")
+    size = browser.driver.get_window_size()
+    try:
+        browser.driver.set_window_size(640, 900)
+        browser.open(tmp_path / "bar.html")
+        browser.press("view-y")
+        red, green, blue = np.moveaxis(browser.pixels("canvas"), 2, 0)
+    finally:
+        browser.driver.set_window_size(size["width"], size["height"])
+    arrows = (red > 90) & (green < 70) & (blue < 70)
+    across = np.flatnonzero(arrows.any(axis=0))
+    assert arrows.sum() > 30 and across.max() < arrows.shape[1] - 5
 
 
 @pytest.mark.thorough

@@ -19,6 +19,11 @@ def test_an_engine_whose_thread_is_late_is_started_again() -> None:
     assert place._patient(late, parse_where("local:2")) == ("cluster", 2)
 
 
+def test_who_has_no_certificate_configured_is_told_where_it_belongs() -> None:
+    said = TypeError("TLS expects a `ssl_context` argument of type ssl.SSLContext. Got None")
+    assert "names no certificates, distributed.comm.tls" in place._why("tls://here:1", said)
+
+
 def test_a_machine_too_busy_for_the_engine_is_told(monkeypatch: pytest.MonkeyPatch) -> None:
     def never(where: Where) -> tuple[str, int]:
         raise AssertionError

@@ -8,7 +8,7 @@ import re
 
 # With the file's name at {0}.
 _SENTENCES = {
-    errno.ENOENT: "{0} isn't there; perhaps the folder that it should lie in is missing.",
+    errno.ENOENT: "{0} isn't there.",
     errno.EACCES: "{0} is protected: you may not open or change it.",
     errno.EPERM: "{0} is protected: you may not open or change it.",
     errno.EROFS: "{0} can't be written: its file system is for reading only.",
@@ -48,6 +48,9 @@ def sentence(error: OSError) -> str:
         text = reason(error)
         return f"{text[:1].upper()}{text[1:]}."
     name = _wanted_name(os.fsdecode(error.filename))
+    folder = os.path.dirname(name)
+    if error.errno == errno.ENOENT and folder and not os.path.isdir(folder):
+        return f"{name} isn't there: there is no folder {folder}."
     if error.errno in _SENTENCES:
         return _SENTENCES[error.errno].format(name)
     return f"{name} can't be used: {_plain(error)}."

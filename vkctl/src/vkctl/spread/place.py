@@ -137,6 +137,8 @@ def _why(address: str, error: BaseException | None) -> str:
     while seen is not None:
         if isinstance(seen, ssl.SSLError | ssl.CertificateError):
             return ": one side doesn't take the other's certificate. Is it of the same authority?"
+        if "ssl_context" in str(seen):
+            return ": Dask's configuration names no certificates, distributed.comm.tls in a .yaml."
         if "TLS" in str(seen):
             return ": " + _first_sentence(str(seen)) + "."
         seen = seen.__cause__ or seen.__context__

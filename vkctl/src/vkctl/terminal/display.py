@@ -97,7 +97,7 @@ def case_line(case: LoadCaseLog, names: Sequence[str] = ()) -> str:
     """One finished load case in a line."""
     parts = [_MODE_NAMES.get(case.mode or 0, "")]
     if case.iterations is not None:
-        parts.append(f"{_iterations(case)} iterations")
+        parts.append(f"{_iterations(case)} iteration" + ("" if case.iterations == 1 else "s"))
     if "ARQua" in case.data:
         parts.append(f"quality {case.data['ARQua']:.3f}")
     if case.seconds is not None:

@@ -18,8 +18,8 @@ class Camera {
     this.turn = [1, 0, 0, 0, 1, 0, 0, 0, 1];
     this.middle = [0, 0, 0];
     this.height = 1; // that the picture spans
-    this.half = [0.5, 0.5, 0.5]; // of the box that is looked at, around the origin
-    this.room = 0; // around that box, for what sticks out of it
+    this.half = [0.5, 0.5, 0.5]; // of the box that is looked at
+    this.centre = [0, 0, 0]; // of that box
     this.hands = new Map(); // places of pressed buttons and fingers
     this.listen();
   }
@@ -50,8 +50,8 @@ class Camera {
 
   fit() {
     const [wide, high] = [0, 3].map((row) => this.half.reduce(
-      (sum, half, k) => sum + 2 * half * Math.abs(this.turn[row + k]), 2 * this.room));
-    this.middle = [0, 0, 0];
+      (sum, half, k) => sum + 2 * half * Math.abs(this.turn[row + k]), 0));
+    this.middle = [...this.centre];
     this.height = MARGIN * Math.max(high, wide / this.aspect, 1e-6 * Math.hypot(...this.half));
     this.isWhole = true; // and stays so in a canvas of another size
     this.changed();

@@ -44,15 +44,40 @@ class PartViewer {
     this.lines = null;
     this.extent = Math.max(...scene.high.map((high, k) => high - scene.low[k])) || 1;
     this.middle = scene.high.map((high, k) => (high + scene.low[k]) / 2);
-    this.camera.half = scene.high.map((high, k) => (high - scene.low[k]) / 2);
-    // Deformation and arrows, which seldom stick out at both ends.
-    this.camera.room = scene.cases.length ? 0.75 * (VISIBLE + ARROW / 2) * this.extent : 0;
+    this.half = scene.high.map((high, k) => (high - scene.low[k]) / 2);
+    const [low, high] = this.outline();
+    this.camera.half = high.map((end, k) => (end - low[k]) / 2);
+    this.camera.centre = high.map((end, k) => (end + low[k]) / 2);
     this.places = this.placed(this.points);
     this.choice.case = Math.max(0, Math.min(this.choice.case, scene.cases.length - 1));
     if (!this.field) this.choice.field = this.offered().map((one) => one.name)[this.offered().length > 1 ? 1 : 0] || null;
     this.panel.fill(this);
     await this.draw();
     if (first) this.camera.look(VIEWS.corner);
+  }
+
+  // Ends of a box around the part's middle that holds the deformed part and the arrows of all load cases.
+  outline() {
+    const room = this.scene.cases.length ? VISIBLE * this.extent : 0;
+    const low = this.scene.low.map((end, k) => end - this.middle[k] - room);
+    const high = this.scene.high.map((end, k) => end - this.middle[k] + room);
+    for (const { loads } of this.scene.cases) {
+      const factor = this.perForce(loads);
+      for (const load of loads) {
+        for (let k = 0; k < 3; k++) {
+          const tip = load[k] - this.middle[k] + factor * load[3 + k];
+          low[k] = Math.min(low[k], tip - room);
+          high[k] = Math.max(high[k], tip + room);
+        }
+      }
+    }
+    return [low, high];
+  }
+
+  // Length of an arrow by its force: the longest is a part of the model's extent.
+  perForce(loads) {
+    const longest = Math.max(0, ...loads.map((load) => Math.hypot(...load.slice(3, 6))));
+    return longest > 0 ? (ARROW * this.extent) / longest : 0;
   }
 
   // Change something of what is shown.
@@ -154,7 +179,7 @@ class PartViewer {
     if (axis < 0) return plane;
     const kept = turned ? -KEPT[axis] : KEPT[axis];
     plane[axis] = kept;
-    plane[3] = -kept * (2 * at - 1) * this.camera.half[axis];
+    plane[3] = -kept * (2 * at - 1) * this.half[axis];
     return plane;
   }
 
@@ -164,7 +189,7 @@ class PartViewer {
     if (choice.axis < 0 || !this.tetrahedra.length) return;
     const moved = shifts
       ? this.places.map((place, i) => place + stage.look.scale * shifts[i]) : this.places;
-    const level = (2 * choice.at - 1) * this.camera.half[choice.axis];
+    const level = (2 * choice.at - 1) * this.half[choice.axis];
     const none = values || new Float32Array(this.places.length / 3);
     const found = section(moved, none, this.tetrahedra, choice.axis, level);
     if (!found.values.length) return;
@@ -198,8 +223,7 @@ class PartViewer {
 
   // Arrows as long as the forces, which move with the part.
   drawLoads(loads) {
-    const longest = Math.max(...loads.map((load) => Math.hypot(...load.slice(3, 6))));
-    const factor = (ARROW * this.extent) / longest;
+    const factor = this.perForce(loads);
     const origins = [...this.placed(loads.flatMap((load) => load.slice(0, 3)))];
     const vectors = loads.flatMap((load) => load.slice(3, 6).map((force) => factor * force));
     const places = arrows(origins, vectors, 0.8 * this.extent);
