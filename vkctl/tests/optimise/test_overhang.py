@@ -104,9 +104,9 @@ def designs_of(directory: Path, done: Optimised) -> list[np.ndarray]:
 
 
 def test_every_design_of_a_loop_can_be_printed_and_has_its_volume(tmp_path: Path) -> None:
-    settings = "steps = 10\nvolume = 0.5\nreduction = 0.1\noverhang = { direction = [0, 1, 0] }\n"
+    settings = "steps = 10\nvolume = 0.5\nreduction = 0.1\noverhang = { direction = [0, -1, 0] }\n"
     done = optimise(write_small(tmp_path, settings), tmp_path / "d", vk_rund=VK_RUND)
-    design = plate_of(Overhang((0, 1, 0)))
+    design = plate_of(Overhang((0, -1, 0)))
     nodes = read(tmp_path / "d").nodes
     assert np.allclose(design.points, nodes)
     assert not any(lost(design, levels) for levels in designs_of(tmp_path / "d", done))

@@ -142,7 +142,6 @@ def test_a_loop_without_the_wish_is_thicker(done: Optimised, tmp_path: Path) -> 
     )
     found = measured_sizes(free.directory, 2.5).thickest
     assert found is not None and found > 2.5
-    assert free.rows[-1].objective < done.rows[-1].objective
 
 
 @pytest.mark.thorough

@@ -22,6 +22,7 @@ from .wishes.sampling import Field, mean_edge
 from .wishes.shape import Shape, make_shape
 
 DEFAULT_RADIUS = 1.5  # mean distances of neighbouring nodes
+_LEVEL_RADIUS = 1.25  # edges: what levels are smoothed over, at most the radius of the criterion
 _SIZE_RADIUS = 0.7  # of the smallest size wished: members come out about as thick
 _NO_NODES = np.empty(0, np.int64)
 _MOST_ROUNDS = 3  # of clearing up after a move, since the volume moves the surface once more
@@ -36,7 +37,8 @@ class Design:
     points: Array  # (p, 3) a place of each design point: the mean of its nodes
     node_of: Array  # nodes that have a design point
     point_of: Array  # and the design point of each
-    smoothing: Any  # sparse (p, p), rows add up to 1
+    smoothing: Any  # of the criterion: sparse (p, p), rows add up to 1
+    evening: Any  # the same of the levels that the criterion asks for
     shape: Shape
     space: DesignVolume
     joints: Joints
@@ -138,9 +140,13 @@ class Design:
         if unit <= 0:
             moved = np.ones_like(levels)
         else:
-            moved = criterion - threshold  # tried often: in place
-            moved /= unit
-            np.clip(moved, -1.0, 1.0, out=moved)
+            wanted = criterion - threshold  # tried often: in place
+            wanted /= unit
+            np.clip(wanted, -1.0, 1.0, out=wanted)
+            wanted = self.evening @ wanted
+            for made in self.shape.steady:  # images differ by the order of these sums
+                wanted = made(wanted)
+            moved = np.clip(wanted, -1.0, 1.0)  # which sums round beyond
             moved *= move
             moved += (1.0 - move) * levels
             np.copyto(moved, set_to, where=~np.isnan(set_to))
@@ -195,15 +201,17 @@ def make_design(
     space = design_volume(model)
     edge = mean_edge(model)
     wishes = wishes or Wishes()
-    smoothing = smoothing_over(points, radius or reach_of(model, None, wishes.sizes))
+    radius = radius or reach_of(model, None, wishes.sizes)
+    smoothing = smoothing_over(points, radius)
     shape = make_shape(
         Field(model, points, edge),
         wishes,
         _points_of(model, kept_nodes),
         _points_of(model, void_nodes),
     )
+    evening = smoothing_over(points, min(radius, _LEVEL_RADIUS * edge), shape.void)
     joints, count = make_joints(model, cases), len(model.nodes)
-    return Design(points, nodes, points_of_nodes, smoothing, shape, space, joints, count)
+    return Design(points, nodes, points_of_nodes, smoothing, evening, shape, space, joints, count)
 
 
 def _points_of(model: Model, nodes: Array) -> Array:
@@ -221,13 +229,17 @@ def reach_of(model: Model, radius: float | None, sizes: SizeWishes | None) -> fl
     return radius or max(DEFAULT_RADIUS * mean_edge(model), _SIZE_RADIUS * largest)
 
 
-def smoothing_over(points: Array, radius: float) -> Any:
+def smoothing_over(points: Array, radius: float, without: Array | None = None) -> Any:
     """Weights that fall linearly to 0 at `radius`; each row adds up to 1.
+
+    Points of the mask `without` count for themselves alone.
 
     O. Sigmund, Struct. Multidisc. Optim. 21 (2001) 120-127.
     """
     tree = cKDTree(points)
     pairs = tree.query_pairs(radius, output_type="ndarray")
+    if without is not None:
+        pairs = pairs[~without[pairs].any(axis=1)]
     distance = np.linalg.norm(points[pairs[:, 0]] - points[pairs[:, 1]], axis=1)
     one_way = sparse.csr_matrix(
         (radius - distance, (pairs[:, 0], pairs[:, 1])), shape=(len(points), len(points))
