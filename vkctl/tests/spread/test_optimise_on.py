@@ -145,7 +145,7 @@ def test_a_step_that_fails_is_retried_as_on_one_machine(
     loops = {}
     for where in (None, processes.address):
         folder = tmp_path / ("here" if where is None else "there")
-        cases = write_small(folder, "reduction = 0.15\nsteps = 2\n")
+        cases = write_small(folder, "reduction = 0.15\nsteps = 2\nmode = 'iterative'\n")
         noted = folder / "asked"
         words = {"condition": condition, "message": message, "after": after, "asked": noted}
         text = FAILING
