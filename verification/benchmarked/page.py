@@ -15,19 +15,15 @@ Found = dict[str, Any]
 _WIDTH = 110
 # Reasons of what is not as one would expect, by case.
 REMARKS = {
-    "mbb-beam": "The loop's thin struts carry little and come and go with the last digits of "
-    "a run: another run of the same settings ended with a body 1.3 % softer than the density "
-    "method's.",
+    "mbb-beam": "The loop's thinnest struts carry little and come and go with the last digits of "
+    "a run, and with it a percent or two of the stiffness.",
     "cantilever": "Both methods find the same part, and differ by what two loops do.",
     "cantilever-3d": "The density method's steps, each with a factor, were 100 at most.",
     "mbb-beam-3d": "The part is a shell of one or two elements: on the loop's mesh both "
     "methods' parts are stiffer than as bodies, the density method's by more.",
     "l-bracket": "On one mesh the limit takes 22 % off the stress of the stiffest part at 3 % "
     "of its stiffness. A finer mesh sees more at the corner, whose stress has no bound: 63 "
-    "where the loop saw 49, above the limit of 50, and 106 in the density method's part. The "
-    "stiffest part has a strut below the mesh's resolution, which carries in the loop, is "
-    "broken in the picture, and isn't there as a body: 24 % of its stiffness. Such a part has "
-    "to be made with `sizes`, or on a finer mesh.",
+    "where the loop saw 49, above the limit of 50, and 106 in the density method's part.",
     "bridge": "The wish is what costs most. Holding the arch from below takes struts that "
     "carry next to nothing, some of them chains of single points, which are beads in the "
     "smooth part: don't print such a part without looking at it. Without the wish the loop is "
