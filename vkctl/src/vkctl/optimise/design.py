@@ -183,11 +183,13 @@ def make_design(
     void_nodes: Array = _NO_NODES,
     wishes: Wishes | None = None,
     cases: Sequence[int] | None = None,
+    evened: bool = True,
 ) -> Design:
     """Design of a model with the wishes of its designer.
 
     Design points of `kept_nodes`, by number, stay material, those of `void_nodes` empty. `cases`
-    are the numbers of the load cases that take part, all if not given. ValueError where the mesh
+    are the numbers of the load cases that take part, all if not given; `evened` has the levels
+    smoothed that the criterion asks for. ValueError where the mesh
     can't have the wishes.
     """
     assert model.node_tp_index is not None
@@ -209,7 +211,9 @@ def make_design(
         _points_of(model, kept_nodes),
         _points_of(model, void_nodes),
     )
-    evening = smoothing_over(points, min(radius, _LEVEL_RADIUS * edge), shape.void)
+    evening = sparse.identity(len(points), format="csr")
+    if evened:
+        evening = smoothing_over(points, min(radius, _LEVEL_RADIUS * edge), shape.void)
     joints, count = make_joints(model, cases), len(model.nodes)
     return Design(points, nodes, points_of_nodes, smoothing, evening, shape, space, joints, count)
 
