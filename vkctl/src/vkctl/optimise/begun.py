@@ -50,6 +50,7 @@ def start(cases: PathLike, directory: Path, settings: Settings, reading: Reading
     else:
         model = read(directory)
         _refuse_other_inputs(cases, directory, state)
+        _refuse_lost_levels(directory, model)
         _take_settings(cases, directory, settings, state, model, reading)
     if (highest := max(state.kept + state.void, default=0)) > len(model.nodes):
         path = history.folder_of(directory) / history.STATE
@@ -85,6 +86,14 @@ def start(cases: PathLike, directory: Path, settings: Settings, reading: Reading
         weights=read_weights(directory, model, state.following),
         heated=heated,
     )
+
+
+def _refuse_lost_levels(directory: Path, model: Model) -> None:
+    assert model.node_tp_index is not None
+    highest = int(model.node_tp_index.max(initial=0))
+    if highest > len(model.tp):
+        told = f"it holds {len(model.tp)} levels, and nodes have level {highest}"
+        raise formats.FormatError(directory / file_names.TP, told)
 
 
 def _begin(
