@@ -54,15 +54,23 @@ ONE_CASE = '\n[[load_case]]\nname = "down"\nloads = ["down"]\n'
 TWO_CASES = ONE_CASE + '\n[[load_case]]\nname = "along"\nloads = ["along"]\n'
 
 
-def write_small(folder: Path, settings: str = "", load_cases: str = ONE_CASE) -> Path:
-    """A case file of a plate of 12 x 6 x 1 hexahedra."""
+def write_small(
+    folder: Path, settings: str = "", load_cases: str = ONE_CASE, mode: str | None = "iterative"
+) -> Path:
+    """A case file of a plate of 12 x 6 x 1 hexahedra.
+
+    `mode` is taken where the settings name none; None leaves the choice to the loop. That goes by
+    times, so a busy machine may choose otherwise, and the last digits of one step may end in
+    another part.
+    """
     folder.mkdir(parents=True, exist_ok=True)
     part = box("hex8", (12, 6, 1), (12.0, 6.0, 1.0))
     mesh_grid(Model(part.nodes, part.elements, [Material.isotropic(1.0, 0.3)])).save(
         folder / "part.vtu"
     )
     cases = folder / "cases.toml"
-    cases.write_text(SMALL + load_cases + OPTIONS + "\n[optimise]\n" + settings)
+    solver = "" if mode is None or "mode = " in settings else f'mode = "{mode}"\n'
+    cases.write_text(SMALL + load_cases + OPTIONS + "\n[optimise]\n" + solver + settings)
     return cases
 
 

@@ -89,7 +89,7 @@ def test_the_case_files_mode_is_taken_and_the_options_file_given_back(
 
 
 def test_the_options_files_mode_is_taken_where_the_case_file_names_none(tmp_path: Path) -> None:
-    cases = write_small(tmp_path, "steps = 1\n")
+    cases = write_small(tmp_path, "steps = 1\n", mode=None)
     cases.write_text(
         cases.read_text().replace("[options]\n", '[options]\n"Sys.ComputationMode" = 2\n')
     )
@@ -99,7 +99,7 @@ def test_the_options_files_mode_is_taken_where_the_case_file_names_none(tmp_path
 
 
 def test_a_killed_loop_that_goes_on_gives_the_options_files_own_mode_back(tmp_path: Path) -> None:
-    cases = write_small(tmp_path, "steps = 2\n")
+    cases = write_small(tmp_path, "steps = 2\n", mode=None)
     killed = script(tmp_path / "killed", "kill -9 $$")
     with pytest.raises(OptimiseError):
         optimise(cases, tmp_path / "d", vk_rund=killed)
@@ -129,7 +129,7 @@ def asked(directory: Path) -> list[str]:
 
 
 def test_a_step_that_fails_without_a_factor_is_retried_with_one(tmp_path: Path) -> None:
-    cases = write_small(tmp_path, "steps = 2\n")
+    cases = write_small(tmp_path, "steps = 2\n", mode=None)
     optimise(cases, tmp_path / "d", vk_rund=failing(tmp_path / "solver", '[ "$mode" = 1 ]'))
     assert asked(tmp_path / "d")[:2] == ["1", "2"]
     assert [row.mode for row in read_history(tmp_path / "d")] == ["direct", "direct"]
@@ -181,7 +181,7 @@ rm "$1/ws.sstate.0001"
 def test_a_step_whose_iterations_end_too_early_is_solved_with_a_factor_if_there_may_be_one(
     no_factor: str, modes: list[str], mode: str, tmp_path: Path
 ) -> None:
-    cases = write_small(tmp_path, "steps = 1\n")
+    cases = write_small(tmp_path, "steps = 1\n", mode=None)
     solver = script(tmp_path / "solver", POOR.replace("{no_factor}", no_factor))
     (row,) = optimise(cases, tmp_path / "d", vk_rund=solver).rows
     assert asked(tmp_path / "d") == modes
@@ -200,7 +200,7 @@ def test_a_loop_gives_up_with_the_first_failure_where_nothing_helps(tmp_path: Pa
 
 
 def test_a_failure_that_is_not_the_solves_is_not_retried(tmp_path: Path) -> None:
-    cases = write_small(tmp_path, "steps = 1\n")
+    cases = write_small(tmp_path, "steps = 1\n", mode=None)
     solver = failing(tmp_path / "solver", "true", "Error flushing file: 400")
     with pytest.raises(OptimiseError, match="could not be written"):
         optimise(cases, tmp_path / "d", vk_rund=solver)
