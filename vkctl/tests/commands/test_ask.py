@@ -160,6 +160,7 @@ def test_without_a_question_an_overview_is_printed(directory: Path) -> None:
         ("extremes --set wal", "there is no set 'wal'; did you mean 'wall'?"),
         ("extremes --field mises", "there is no field 'mises'"),
         ("--csv", "--csv prints one table"),
+        ("--json --csv", "--json and --csv print the same answer"),
         ("cut --at 3,0,0", "cut takes one point of the plane by --at and its direction"),
         ("cut --at 3,0,0 --normal 0,0,0", "the normal of a plane can't be (0, 0, 0)"),
         ("cut --at 9,0,0 --normal 1,0,0", "the plane cuts no element"),

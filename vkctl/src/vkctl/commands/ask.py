@@ -67,6 +67,8 @@ def ask_command(
     point, line  values inside the part
     mass         volume, mass, centre, inertia
     """
+    if as_json and as_csv:
+        raise refuse("--json and --csv print the same answer: give one of them")
     with refusing(ValueError):
         from vkctl.ask.answers import Wanted, answer
         from vkctl.ask.study import place_of
