@@ -2,7 +2,11 @@
 
 from __future__ import annotations
 
+import gc
+import threading
+
 import pytest
+from distributed.utils import LoopRunner
 
 from vkctl.spread import place
 from vkctl.spread.where import Where, WhereError, parse_where
@@ -32,3 +36,17 @@ def test_a_machine_too_busy_for_the_engine_is_told(monkeypatch: pytest.MonkeyPat
     with pytest.raises(WhereError, match="local:2 can't be started: this machine is too busy"):
         with place.opened(parse_where("local:2")):
             pass
+
+
+@pytest.mark.parametrize("address", ["tls://127.0.0.1:9", "tcp://127.0.0.1:9"])
+def test_clients_that_failed_are_collected_while_the_engine_starts_a_thread(address: str) -> None:
+    """Their finaliser takes the lock that is held then, so that both would wait for ever."""
+    with pytest.raises(WhereError, match="No scheduler can be reached"):
+        with place.opened(parse_where(address)):
+            pass
+    # As the engine's thread does, which may be the one that comes upon them.
+    collecting = threading.Thread(target=gc.collect, daemon=True)
+    with LoopRunner._lock:
+        collecting.start()
+        collecting.join(60)
+        assert not collecting.is_alive()

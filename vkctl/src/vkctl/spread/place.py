@@ -83,7 +83,7 @@ def opened(where: Where) -> Iterator[Place]:
         else:
             cluster, most = _patient(_local if where.kind == "local" else _batch, where)
             stack.callback(cluster.close, timeout=10)
-            client = stack.enter_context(_closing(need("distributed").Client(cluster)))
+            client = stack.enter_context(_closing(_client(cluster)))
         refuse_other_versions(client, where.text)
         plugin = need("distributed").WorkerPlugin
         declaring = type("Declaring", (plugin,), {"name": "vkctl-resources", "setup": declare})
@@ -104,8 +104,30 @@ def _closing(client: Any) -> Iterator[Any]:
     try:
         yield client
     finally:
-        with suppress(Exception):  # its connection may have broken, which is told elsewhere
-            client.close(timeout=5)
+        _close(client)
+
+
+def _client(of: Any, **more: Any) -> Any:
+    """A client of an address or a cluster; one that can't be made is closed before that is told."""
+    kind = need("distributed").Client
+    client = kind.__new__(kind)
+    try:
+        client.__init__(of, **more)
+    except BaseException:
+        _close(client)
+        raise
+    return client
+
+
+def _close(client: Any) -> None:
+    """Leave nothing to the engine's finaliser.
+
+    The collector may call that one in any thread, also while the engine starts another and holds
+    the lock that the finaliser waits for: neither would go on.
+    """
+    with suppress(Exception):  # its connection may have broken, which is told elsewhere
+        client.close(timeout=5)
+    client.status = "closed"
 
 
 def _connected(address: str) -> Any:
@@ -118,7 +140,7 @@ def _connected(address: str) -> Any:
 
     def connect() -> None:
         try:
-            found.append(need("distributed").Client(address, timeout=CONNECT))
+            found.append(_client(address, timeout=CONNECT))
         except Exception as error:  # whatever answers there may say anything
             found.append(error)
 
