@@ -2,9 +2,13 @@
 
 import os
 import sys
+from contextlib import contextmanager
 from pathlib import Path
 
+import pytest
+
 from vkctl.directory.model import LoadCase, Material, Model, write
+from vkctl.running import processes
 from vkctl.shapes.boxes import box
 
 # Takes the lock of the directory and goes on as the same process.
@@ -63,3 +67,28 @@ def fake_solver(path, lines, ending="exit 0"):
     path.write_text(f'#!/bin/sh\n{lock}cd "$1"\nexec 3>vk_rund_log.txt\n{words}\n{ending}\n')
     os.chmod(path, 0o755)
     return path
+
+
+def lasting_solver(path):
+    """Goes on until a file `seen` lies in its directory; files tell that it has begun and ended."""
+    ending = "touch begun\nwhile [ ! -e seen ]; do sleep 0.01; done\ntouch ended"
+    return fake_solver(path, HEAD, ending)
+
+
+@contextmanager
+def ended_when_seen(directory):
+    """Inside of the block such a solver ends once somebody here has found it at work."""
+    look = processes.worker_on
+
+    def looked(where):
+        found = look(where)
+        if found is not None:
+            Path(directory, "seen").touch()
+        return found
+
+    with pytest.MonkeyPatch.context() as patch:
+        patch.setattr(processes, "worker_on", looked)
+        try:
+            yield
+        finally:
+            Path(directory, "seen").touch()

@@ -12,7 +12,7 @@ from typing import Any
 
 import numpy as np
 import pytest
-from fake_solver import HEAD, fake_solver
+from fake_solver import ended_when_seen, lasting_solver
 from killing import in_child, killed_before
 from small_loops import ONE_CASE, TWO_CASES, VK_RUND, script, write_small
 
@@ -98,7 +98,7 @@ def test_a_solver_that_was_killed_is_finished_not_repeated(tmp_path: Path) -> No
 def test_a_solver_that_outlived_its_loop_is_waited_for(tmp_path: Path) -> None:
     cases = write_small(tmp_path, "steps = 2\n")
     expected = optimise(cases, tmp_path / "whole", vk_rund=VK_RUND).rows
-    slow = fake_solver(tmp_path / "slow", HEAD, "touch begun\nsleep 1\ntouch ended")
+    slow = lasting_solver(tmp_path / "slow")
     directory = tmp_path / "d"
     context = multiprocessing.get_context("fork")
     child = context.Process(target=lambda: optimise(cases, directory, vk_rund=slow))
@@ -108,7 +108,8 @@ def test_a_solver_that_outlived_its_loop_is_waited_for(tmp_path: Path) -> None:
     child.kill()
     child.join()
     assert not (directory / "ended").exists()
-    done = optimise(cases, directory, vk_rund=VK_RUND)
+    with ended_when_seen(directory):
+        done = optimise(cases, directory, vk_rund=VK_RUND)
     assert (directory / "ended").exists()
     same_history(done.rows, expected)
 

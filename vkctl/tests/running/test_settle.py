@@ -11,7 +11,7 @@ from pathlib import Path
 
 import numpy as np
 import pytest
-from fake_solver import HEAD, fake_solver, small_box
+from fake_solver import ended_when_seen, lasting_solver, small_box
 from killing import in_child, killed_before
 from small_loops import VK_RUND, script
 from typer.testing import CliRunner
@@ -309,7 +309,7 @@ def test_a_round_whose_solver_was_killed_is_finished_not_repeated(tmp_path) -> N
 
 def test_a_solver_that_outlived_its_rounds_is_waited_for(tmp_path) -> None:
     bar(tmp_path / "part", [yielding(0.9)], 15.0)
-    slow = fake_solver(tmp_path / "slow", HEAD, "touch begun\nsleep 1\ntouch ended")
+    slow = lasting_solver(tmp_path / "slow")
     context = multiprocessing.get_context("fork")
     child = context.Process(target=lambda: settle(tmp_path / "part", vk_rund=slow))
     child.start()
@@ -318,7 +318,8 @@ def test_a_solver_that_outlived_its_rounds_is_waited_for(tmp_path) -> None:
     child.kill()
     child.join()
     assert not (tmp_path / "part" / "ended").exists()
-    assert settle(tmp_path / "part").ok
+    with ended_when_seen(tmp_path / "part"):
+        assert settle(tmp_path / "part").ok
     assert (tmp_path / "part" / "ended").exists()
 
 
