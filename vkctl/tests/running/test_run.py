@@ -131,7 +131,7 @@ def test_an_older_log_is_not_taken_for_that_of_this_run(directory, tmp_path):
 
 
 def test_a_directory_that_another_process_runs_on_is_left_alone(directory, tmp_path):
-    solver = fake_solver(tmp_path / "s", HEAD, "exec sleep 30")
+    solver = fake_solver(tmp_path / "s", HEAD, "exec sleep 600")
     other = subprocess.Popen([solver, directory])
     try:
         _until(lambda: processes.worker_on(directory) is not None)
@@ -149,7 +149,8 @@ def test_no_directory_is_told_before_anything_is_started(tmp_path):
 
 
 def test_a_failing_progress_function_does_not_leave_the_solver_behind(directory, tmp_path):
-    solver = fake_solver(tmp_path / "s", HEAD, 'echo $$ >"$1/pid"\nexec sleep 30')
+    noted = 'echo $$ >"$1/new"\nmv "$1/new" "$1/pid"\nexec sleep 600'
+    solver = fake_solver(tmp_path / "s", HEAD, noted)
 
     def fail(progress):
         if Path(directory, "pid").exists():
@@ -169,7 +170,7 @@ def test_a_run_in_another_thread_works_without_signal_handlers(directory):
     assert results[0].ok
 
 
-def _until(condition, seconds=20.0):
+def _until(condition, seconds=120.0):
     end = time.monotonic() + seconds
     while not condition():
         assert time.monotonic() < end, "nothing happened"
@@ -189,12 +190,12 @@ def _started(directory, solver):
 
 @pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM])
 def test_signals_reach_the_solver_and_make_the_exit_status(directory, tmp_path, number):
-    solver = fake_solver(tmp_path / "s", HEAD + begun(1), 'touch "$1/ready"\nexec sleep 30')
+    solver = fake_solver(tmp_path / "s", HEAD + begun(1), 'touch "$1/ready"\nexec sleep 600')
     process = _started(directory, solver)
     _until(Path(directory, "ready").exists)
     _until(lambda: processes.worker_on(directory) is not None)
     process.send_signal(number)
-    output, _ = process.communicate(timeout=20)
+    output, _ = process.communicate(timeout=120)
     assert process.returncode == 128 + number
     assert number.name in output and "load cases that are done stay done" in output
     assert processes.worker_on(directory) is None
@@ -205,7 +206,7 @@ def test_a_solver_that_ends_in_its_own_way_on_a_signal_is_believed(directory, tm
     process = _started(directory, fake_solver(tmp_path / "s", HEAD, ending))
     _until(Path(directory, "ready").exists)
     process.terminate()
-    output, _ = process.communicate(timeout=20)
+    output, _ = process.communicate(timeout=120)
     assert process.returncode == 237 and "can't write its log" in output
 
 

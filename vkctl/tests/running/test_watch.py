@@ -51,13 +51,14 @@ def test_a_log_without_end_and_writer_is_a_killed_run(tmp_path):
 
 def test_a_killed_solver_is_told_apart_from_one_that_is_slow(tmp_path):
     small_box(tmp_path)
-    script = fake_solver(tmp_path / "s", HEAD + begun(1), "exec sleep 30")
+    script = fake_solver(tmp_path / "s", HEAD + begun(1), "exec sleep 600")
     solver = subprocess.Popen([script, tmp_path])
     seen = []
 
     def kill_after_a_while(progress):
         seen.append(progress)
-        if progress.elapsed > 0.3 and progress.memory_gb:  # well beyond the grace
+        # Well beyond the grace, and looked at several times however busy the machine is.
+        if progress.elapsed > 0.3 and len(seen) > 3 and progress.memory_gb:
             solver.kill()
             solver.wait()
 
@@ -69,7 +70,7 @@ def test_a_killed_solver_is_told_apart_from_one_that_is_slow(tmp_path):
         solver.kill()
         solver.wait()
     assert result.outcome == "killed"
-    assert result.seconds > 0.3 and len(seen) > 3
+    assert result.seconds > 0.3
     assert result.peak_memory_gb > 0
 
 
@@ -169,7 +170,10 @@ def test_watching_never_takes_the_lock(tmp_path, monkeypatch):
 def test_a_log_may_take_a_while_to_appear(tmp_path):
     with pytest.raises(FileNotFoundError, match="no run has been started"):
         follow(tmp_path)
-    late = threading.Timer(0.1, write_log, (tmp_path, HEAD + TAIL))
+    (tmp_path / "elsewhere").mkdir()
+    write_log(tmp_path / "elsewhere", HEAD + TAIL)
+    log = tmp_path / "elsewhere" / formats.LOG_FILE
+    late = threading.Timer(0.1, log.rename, (tmp_path / formats.LOG_FILE,))  # whole at once
     late.start()
-    assert follow(tmp_path, wait=20.0).ok
+    assert follow(tmp_path, wait=120.0).ok
     late.join()
