@@ -23,7 +23,10 @@ _LONGEST = 120.0  # seconds for a process to come up on a busy machine
 
 
 def square(task: Any, here: Here) -> Any:
-    """The square of a number; what else a task may say makes trouble."""
+    """The square of a number; what else a task may say makes trouble.
+
+    Whoever is to die does so once somebody has left a file: that what it told has been heard.
+    """
     number, trouble, mark = task
     here.tell(number=number)
     if trouble == "wrong":
@@ -34,7 +37,9 @@ def square(task: Any, here: Here) -> Any:
     if mark:
         Path(mark).touch()
     if trouble == "die" or (trouble == "die once" and first):
-        time.sleep(0.3)  # what it has told is on its way
+        heard = Path(mark).with_suffix(".heard")
+        awaited(heard.exists)
+        heard.unlink()
         os.kill(os.getpid(), signal.SIGKILL)
     if trouble == "elsewhere" or (trouble == "elsewhere once" and first):
         raise ElsewhereError(f"{here.worker} is no good")

@@ -86,12 +86,18 @@ def test_only_the_levels_are_sent_again(tmp_path, processes, alone, monkeypatch)
 
 
 def test_a_killed_loop_goes_on_on_workers(tmp_path, processes, alone):
+    """Killed in the solve of its second step, of which nothing has come back by then.
+
+    With a part of it in place the rest would begin from other displacements.
+    """
     cases = small(tmp_path)
+    second, begun = history.levels_file(tmp_path / "work", 2), tmp_path / "begun"
+    stuck = f'[ ! -e {second} ] || {{ touch {begun}; exec sleep 600; }}\nexec "$real" "$1"'
     command = [sys.executable, "-m", "vkctl", "optimise", str(cases), str(tmp_path / "work")]
     command += ["--volume", "0.6", "--no-pictures", "--steps", str(STEPS)]
-    command += ["--on", processes.address, "--vk-rund", str(VK_RUND)]
+    command += ["--on", processes.address, "--vk-rund", str(script(tmp_path / "stuck", stuck))]
     loop = subprocess.Popen(command)
-    awaited(history.levels_file(tmp_path / "work", 2).exists)
+    awaited(begun.exists)
     loop.send_signal(signal.SIGKILL)
     loop.wait()
     optimise(

@@ -155,21 +155,25 @@ def test_lines_tell_who_solved_what_and_a_second_run_that_nothing_is_to_be_done(
     assert told.exit_code == 0 and "Nothing was to be run" in told.output
 
 
-def slow_solver(path: Path, seconds: float, condition: str = "true") -> Path:
-    """The solver, after a while where a condition of the shell holds."""
-    real = find_vk_rund()
+def noting_solver(path: Path, then: str = "true", condition: str = "true") -> Path:
+    """The solver; where a condition of the shell holds it notes its number and does something."""
     path.write_text(
-        f'#!/bin/sh\nif {condition}; then echo $$ >> "{path}.begun"; sleep {seconds}; fi\n'
-        f'exec {real} "$@"\n'
+        f'#!/bin/sh\nif {condition}; then echo $$ >> "{path}.begun"; {then}; fi\n'
+        f'exec {find_vk_rund()} "$@"\n'
     )
     path.chmod(0o755)
     return path
 
 
+def stuck_solver(path: Path, condition: str = "true") -> Path:
+    """A solver that goes on until it is ended where a condition of the shell holds."""
+    return noting_solver(path, "exec sleep 600", condition)
+
+
 def test_a_pattern_with_many_load_cases_is_split_where_there_are_more_workers(tmp_path, processes):
     directory = patterns_box(tmp_path / "part", patterns=1, cases=8)
     alone = twin(directory)
-    counting = slow_solver(tmp_path / "solver", 0)
+    counting = noting_solver(tmp_path / "solver")
     with opened(parse_where(processes.address)) as place:
         awaited(lambda: len(place.workers()) == 2)
     result = run_on(directory, processes.address, vk_rund=counting)
@@ -194,16 +198,15 @@ def test_a_worker_killed_in_the_middle_costs_its_pattern_alone(tmp_path, process
     directory = patterns_box(tmp_path / "part")
     alone = twin(directory)
     with scheduler(tmp_path / "own", worker_options=[*ONE_CORE, "--no-nanny"]) as own:
-        own.add_worker("--name", "doomed")
+        own.add_worker("--name", "doomed", DOOMED="1")
         own.add_worker("--name", "steady")
-        folder = tmp_path / "own"
-        doomed = slow_solver(tmp_path / "solver", 4, f'[ ! -e "{folder}/killed" ]')
+        awaited(lambda: _workers(own) == 2)
+        doomed = stuck_solver(tmp_path / "solver", '[ -n "$DOOMED" ]')
         lines: list[str] = []
 
         def kill(progress):
             if any(d.worker == "doomed" and d.stage for d in progress.doing):
-                if Path(f"{doomed}.begun").exists() and not (folder / "killed").exists():
-                    (folder / "killed").touch()
+                if Path(f"{doomed}.begun").exists():
                     own.workers[0].send_signal(signal.SIGKILL)
 
         result = run_on(
@@ -213,7 +216,7 @@ def test_a_worker_killed_in_the_middle_costs_its_pattern_alone(tmp_path, process
         assert any("on doomed: the worker has died; it runs again elsewhere" in x for x in lines)
     assert results(directory) == results(alone)
     begun = [int(pid) for pid in Path(f"{doomed}.begun").read_text().split()]
-    awaited(lambda: not any(_lives(pid) for pid in begun), 20)  # nothing runs on behind a worker
+    awaited(lambda: not any(_lives(pid) for pid in begun))  # nothing runs on behind a worker
 
 
 def _lives(pid: int) -> bool:
@@ -252,7 +255,7 @@ def test_a_killed_client_leaves_what_is_done_and_goes_on(tmp_path, processes):
     directory = patterns_box(tmp_path / "part")
     alone = twin(directory)
     command = [sys.executable, "-m", "vkctl", "run", str(directory), "--on", processes.address]
-    solver = slow_solver(tmp_path / "solver", 30, 'ls "$1"/mxs.lcmap.0007')
+    solver = stuck_solver(tmp_path / "solver", 'ls "$1"/mxs.lcmap.0007')
     client = subprocess.Popen([*command, "--vk-rund", str(solver)])
     awaited(lambda: Path(f"{solver}.begun").exists() and len(_marked(directory)) == 6)
     client.send_signal(signal.SIGKILL)
@@ -261,7 +264,7 @@ def test_a_killed_client_leaves_what_is_done_and_goes_on(tmp_path, processes):
     assert result.ok and result.planned == [7, 8]
     assert results(directory) == results(alone)
     (begun,) = Path(f"{solver}.begun").read_text().split()
-    awaited(lambda: not _lives(int(begun)), 20)
+    awaited(lambda: not _lives(int(begun)))
 
 
 def _marked(directory: Path) -> list[int]:
@@ -271,21 +274,21 @@ def _marked(directory: Path) -> list[int]:
 
 def test_a_client_that_is_told_to_end_calls_its_runs_off(tmp_path, processes):
     directory = patterns_box(tmp_path / "part")
-    solver = slow_solver(tmp_path / "solver", 60)
+    solver = stuck_solver(tmp_path / "solver")
     command = [sys.executable, "-m", "vkctl", "run", str(directory), "--on", processes.address]
     client = subprocess.Popen([*command, "--vk-rund", str(solver)], stdout=subprocess.PIPE)
     awaited(lambda: Path(f"{solver}.begun").exists())
     client.send_signal(signal.SIGTERM)
-    output, _ = client.communicate(timeout=60)
+    output, _ = client.communicate(timeout=120)
     assert client.returncode == 128 + signal.SIGTERM and b"done stay done" in output
     begun = [int(pid) for pid in Path(f"{solver}.begun").read_text().split()]
-    awaited(lambda: not any(_lives(pid) for pid in begun), 20)
+    awaited(lambda: not any(_lives(pid) for pid in begun))
 
 
 def test_a_killed_scheduler_is_told_and_nothing_is_lost(tmp_path, processes):
     directory = patterns_box(tmp_path / "part")
     alone = twin(directory)
-    solver = slow_solver(tmp_path / "solver", 60, 'ls "$1"/mxs.lcmap.0007')
+    solver = stuck_solver(tmp_path / "solver", 'ls "$1"/mxs.lcmap.0007')
     with scheduler(tmp_path / "own", worker_options=ONE_CORE) as own:
         own.add_worker()
 
