@@ -97,7 +97,7 @@ def test_a_killed_worker_costs_the_study_no_variant(tmp_path: Path) -> None:
     """The first variant waits for its worker's end; what is begun after it doesn't."""
     path = write_study(tmp_path)
     begun, killed = tmp_path / "begun", tmp_path / "killed"
-    slow = f'if [ ! -e {killed} ]; then echo $$ >> {begun}; sleep 60; fi\nexec $real "$@"'
+    slow = f'if [ ! -e {killed} ]; then echo $$ >> {begun}; exec sleep 600; fi\nexec $real "$@"'
     lines: list[str] = []
     with scheduler(tmp_path / "own", worker_options=["--nthreads", "1", "--no-nanny"]) as own:
         own.add_worker("--memory-limit", "2GB")
