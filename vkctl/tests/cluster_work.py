@@ -19,7 +19,7 @@ from vkctl.spread.work import ElsewhereError, Here, LackingError
 
 DASK = [str(Path(sys.executable).parent / "dask")]
 _FEW_DEATHS = {"DASK_DISTRIBUTED__SCHEDULER__ALLOWED_FAILURES": "1"}
-_LONGEST = 120.0  # seconds for a process to come up on a busy machine
+_LONGEST = 300.0  # seconds for whatever comes in a moment, on a busy machine too
 
 
 def square(task: Any, here: Here) -> Any:

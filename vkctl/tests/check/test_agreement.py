@@ -33,7 +33,7 @@ def test_random_option_lines_are_refused_by_both_or_by_none(tmp_path):
         line = agreement.random_option_line(random).encode("latin-1", "replace")
         (tmp_path / formats.OPTIONS_FILE).write_bytes(line)
         model.set_flags(tmp_path, clear_done=True)
-        status = program_under_test.start(tmp_path, timeout=60, OMP_THREAD_LIMIT="1").status
+        status = program_under_test.start(tmp_path, timeout=300, OMP_THREAD_LIMIT="1").status
         assert (status != 0) == (check(tmp_path).status == 2), line
         refused += status != 0
     assert 20 < refused < 80

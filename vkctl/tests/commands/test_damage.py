@@ -177,7 +177,7 @@ def test_the_program_itself_tells_of_damage_in_a_sentence(finished, tmp_path):
         _damaged(finished, directory, name, damage)
         arguments = _commands(directory, finished, tmp_path)[command]
         shown = subprocess.run(
-            [sys.executable, "-m", "vkctl", *arguments], capture_output=True, text=True, timeout=60
+            [sys.executable, "-m", "vkctl", *arguments], capture_output=True, text=True, timeout=300
         )
         assert shown.returncode == 2 and shown.stdout == ""
         assert shown.stderr.count("\n") == 1 and "Traceback" not in shown.stderr

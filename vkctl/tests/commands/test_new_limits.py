@@ -25,7 +25,7 @@ nu = 0.3
 [supports.clamp]
 set = "surface:1"
 """
-PATIENCE = 60  # seconds that nothing takes unless it hangs
+PATIENCE = 300  # seconds that nothing takes unless it hangs
 
 
 def command(folder: Path, edge: float, size: float, *more: str) -> subprocess.Popen[str]:

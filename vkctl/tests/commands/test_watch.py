@@ -51,7 +51,7 @@ def test_the_page_is_served_until_an_interrupt(tmp_path):
                 assert "<h1>box</h1>" in page.read().decode()
         finally:
             served.send_signal(signal.SIGINT)
-        assert served.wait(30) == 130
+        assert served.wait(300) == 130
     with pytest.raises(OSError, match="refused"):
         urllib.request.urlopen(address)
 

@@ -153,10 +153,10 @@ def test_commands_refuse_a_directory_that_is_worked_on(tmp_path, command):
 def test_the_solver_finds_a_directory_free_that_was_held(tmp_path):
     small_box(tmp_path)
     with lock.holding(tmp_path):
-        outcome = program_under_test.start(tmp_path, timeout=60)
+        outcome = program_under_test.start(tmp_path, timeout=300)
         assert outcome.status == 1005 & 0xFF and str(os.getpid()) in outcome.err
         assert not (tmp_path / formats.LOG_FILE).exists()
-    assert program_under_test.start(tmp_path, timeout=60).status == 0
+    assert program_under_test.start(tmp_path, timeout=300).status == 0
 
 
 def test_a_run_that_another_one_is_ahead_of_says_so(tmp_path, monkeypatch):

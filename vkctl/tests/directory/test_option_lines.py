@@ -40,7 +40,7 @@ def test_the_solver_refuses_the_option_lines_that_the_check_calls_errors(part):
     for given in option_texts(ends=("\n",)):
         _write(part, given.text)
         model.set_flags(part, clear_done=True)
-        status = program_under_test.start(part, timeout=60, OMP_THREAD_LIMIT="1").status
+        status = program_under_test.start(part, timeout=300, OMP_THREAD_LIMIT="1").status
         assert (status == 0) == given.readable, given
         assert (check(part).status == 2) != given.readable, given
 

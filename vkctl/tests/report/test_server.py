@@ -27,7 +27,7 @@ def ask(address: str, path: str, method: str = "GET", hosts: tuple[str, ...] = (
     """Ask for a path, with Host as in the address or as given."""
     parts = urlsplit(address)
     assert parts.port is not None
-    connection = http.client.HTTPConnection("127.0.0.1", parts.port, timeout=20)
+    connection = http.client.HTTPConnection("127.0.0.1", parts.port, timeout=300)
     connection.putrequest(method, path, skip_host=True)
     for host in hosts or (parts.netloc,):
         connection.putheader("Host", host)
@@ -81,7 +81,7 @@ def test_localhost_with_the_port_is_this_machine(address: str) -> None:
 def test_no_host_and_two_hosts_are_refused(address: str) -> None:
     parts = urlsplit(address)
     assert ask(address, parts.path, hosts=(parts.netloc, "evil.example"))[0] == 400
-    with socket.create_connection(("127.0.0.1", parts.port or 0), timeout=20) as plain:
+    with socket.create_connection(("127.0.0.1", parts.port or 0), timeout=300) as plain:
         plain.sendall(f"GET {parts.path} HTTP/1.0\r\n\r\n".encode())
         assert plain.recv(1000).split()[1] == b"400"
 
@@ -98,7 +98,7 @@ def test_it_listens_on_this_machine_alone_and_ends_with_its_block() -> None:
         assert parts.port is not None
         with (
             pytest.raises(OSError, match="refused"),
-            socket.create_connection(("127.0.0.2", parts.port), timeout=20),
+            socket.create_connection(("127.0.0.2", parts.port), timeout=300),
         ):
             pass
     with pytest.raises(ConnectionRefusedError):

@@ -170,7 +170,7 @@ def test_a_run_in_another_thread_works_without_signal_handlers(directory):
     assert results[0].ok
 
 
-def _until(condition, seconds=120.0):
+def _until(condition, seconds=300.0):
     end = time.monotonic() + seconds
     while not condition():
         assert time.monotonic() < end, "nothing happened"
@@ -195,7 +195,7 @@ def test_signals_reach_the_solver_and_make_the_exit_status(directory, tmp_path, 
     _until(Path(directory, "ready").exists)
     _until(lambda: processes.worker_on(directory) is not None)
     process.send_signal(number)
-    output, _ = process.communicate(timeout=120)
+    output, _ = process.communicate(timeout=300)
     assert process.returncode == 128 + number
     assert number.name in output and "load cases that are done stay done" in output
     assert processes.worker_on(directory) is None
@@ -206,7 +206,7 @@ def test_a_solver_that_ends_in_its_own_way_on_a_signal_is_believed(directory, tm
     process = _started(directory, fake_solver(tmp_path / "s", HEAD, ending))
     _until(Path(directory, "ready").exists)
     process.terminate()
-    output, _ = process.communicate(timeout=120)
+    output, _ = process.communicate(timeout=300)
     assert process.returncode == 237 and "can't write its log" in output
 
 

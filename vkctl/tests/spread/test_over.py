@@ -32,7 +32,7 @@ def processes(tmp_path_factory: pytest.TempPathFactory) -> Iterator[Processes]:
 @pytest.fixture
 def place(processes: Processes) -> Iterator[Place]:
     with opened(parse_where(processes.address)) as found:
-        found.client.wait_for_workers(2, timeout=120)
+        found.client.wait_for_workers(2, timeout=300)
         awaited(lambda: all(w.memory_gb for w in found.workers()))
         yield found
 

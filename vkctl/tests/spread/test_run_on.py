@@ -279,7 +279,7 @@ def test_a_client_that_is_told_to_end_calls_its_runs_off(tmp_path, processes):
     client = subprocess.Popen([*command, "--vk-rund", str(solver)], stdout=subprocess.PIPE)
     awaited(lambda: Path(f"{solver}.begun").exists())
     client.send_signal(signal.SIGTERM)
-    output, _ = client.communicate(timeout=120)
+    output, _ = client.communicate(timeout=300)
     assert client.returncode == 128 + signal.SIGTERM and b"done stay done" in output
     begun = [int(pid) for pid in Path(f"{solver}.begun").read_text().split()]
     awaited(lambda: not any(_lives(pid) for pid in begun))

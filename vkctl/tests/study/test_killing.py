@@ -176,7 +176,7 @@ def test_an_interrupted_study_leaves_its_table_and_goes_on(
     while process.poll() is None and not read_journal(out):
         time.sleep(0.05)
     process.send_signal(number)
-    words = process.communicate(timeout=120)[1].decode()
+    words = process.communicate(timeout=300)[1].decode()
     if process.returncode != 0:  # it hadn't ended before
         assert process.returncode == status and "start it again to go on" in words
     assert len(rows(out)) == len(read_journal(out))

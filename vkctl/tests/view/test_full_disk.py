@@ -43,7 +43,7 @@ def test_a_file_that_does_not_fit_ends_in_one_sentence_and_the_old_one_stays(
         capture_output=True,
         text=True,
         check=False,
-        timeout=120,
+        timeout=300,
     )
     assert done.returncode == 2, done.stderr
     (line,) = done.stderr.splitlines()
@@ -58,7 +58,7 @@ def test_a_series_that_does_not_fit_leaves_no_half_step(solved: Path, tmp_path: 
         capture_output=True,
         text=True,
         check=False,
-        timeout=120,
+        timeout=300,
     )
     assert done.returncode == 2 and len(done.stderr.splitlines()) == 1, done.stderr
     assert not [path for path in tmp_path.rglob("*") if path.is_file()]
