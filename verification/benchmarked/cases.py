@@ -4,6 +4,9 @@ from __future__ import annotations
 
 from dataclasses import dataclass
 
+DENSITY = "density"  # names of the density method's designs: without wishes,
+PRINTED = "density-printed"  # and with an overhang, on a grid
+
 
 @dataclass(frozen=True)
 class Design:
@@ -12,6 +15,7 @@ class Design:
     name: str
     title: str
     settings: str  # the table [optimise], without its head
+    like: str | None = DENSITY  # the density method's design that has the same wishes and limits
 
 
 @dataclass(frozen=True)
@@ -31,6 +35,12 @@ class Case:
     stress: tuple[tuple[str, ...], float] | None = None  # away from the nodes of sets, by a length
     direction: tuple[float, float, float] | None = None  # pictures are seen from
     known: str = ""
+
+    @property
+    def densities(self) -> tuple[str, ...]:
+        """Names of the density method's designs, those that are like one of the loop's first."""
+        found = [one.like for one in self.designs if one.like is not None]
+        return tuple(dict.fromkeys([*found, DENSITY]))
 
 
 def box(nx: int, ny: int, nz: int) -> str:
@@ -194,6 +204,7 @@ CASES = (
                 "least mass inside of the stress limit",
                 'goal = "mass"\nsteps = 80\nkeep = ["seat"]\n[optimise.limits]\n'
                 'stress = { at_most = 50.0, away_from = ["seat", "top"] }',
+                like=None,
             ),
             Design("stiffest", "stiffest of this volume", 'volume = {volume}\nkeep = ["seat"]'),
         ),
@@ -216,6 +227,7 @@ CASES = (
                 "this loop, overhang of 45 degrees",
                 'volume = 0.4\nkeep = ["deck"]\nthickness = { deck = 1.0 }\n'
                 "overhang = { direction = [0, 1, 0], angle = 45 }",
+                like=PRINTED,
             ),
             Design(
                 "free",
@@ -243,6 +255,7 @@ CASES = (
                 "symmetry = [{ point = [0, 30, 0], normal = [0, 1, 0] }]\n"
                 "draw = { directions = [0, 1, 0], parting = [0, 30, 0] }\n"
                 'weights = { up = 1.0, along = 1.0, "across and up" = 0.5 }',
+                like=None,
             ),
             Design(
                 "free",
@@ -269,6 +282,7 @@ CASES = (
                 'goal = "mass"\nsteps = 40\nkeep = ["bolts", "pin"]\n'
                 "overhang = { direction = [0, 0, 1], angle = 45 }\n[optimise.limits]\n"
                 'stress = { at_most = 60.0, away_from = ["bolts"], distance = 8.0 }',
+                like=None,
             ),
         ),
         (2, 2, 2),

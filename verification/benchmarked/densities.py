@@ -1,9 +1,11 @@
-"""The density method on the mesh, supports and loads of a prepared directory."""
+"""Density methods on the mesh, supports and loads of a prepared directory."""
 
 from __future__ import annotations
 
 import density_method
 import numpy as np
+from density_printed import printed_densities
+from printing_filter import printer
 from scipy import sparse
 from scipy.sparse.linalg import splu
 from support import fem
@@ -18,6 +20,7 @@ from vkctl.view.part_body import cut_part, mesh_body
 from .finer import one_type
 
 _TRIALS = 25
+_BEGINS = (0.7,)  # of blueprints, between all material and the volume
 
 
 class Energies:
@@ -77,18 +80,40 @@ def optimised(
     `kept` are numbers of nodes: elements that have no others stay full, and where there are none
     those with a whole face of them.
     """
-    _, table = one_type(model)
     volumes = element_volumes(model.nodes, model.elements)
-    held = np.isin(table + 1, kept).sum(axis=1)
-    full = held == table.shape[1]
-    if not full.any():
-        full = held >= (4 if table.shape[1] == 8 else 3)
     means = density_method.linear_filter(element_centroids(model.nodes, model.elements), radius)
-    begin = np.full(len(table), volume)
+    begin = np.full(len(volumes), volume)
     shares = volumes / volumes.mean()
     return density_method.densities(
-        Energies(model, weights), means, begin, steps, 0.01, shares, full
+        Energies(model, weights), means, begin, steps, 0.01, shares, _full(model, kept)
     )
+
+
+def _full(model: Model, kept: Array) -> Array:
+    """Mask of the elements that stay full, of the numbers of nodes to keep."""
+    _, table = one_type(model)
+    held = np.isin(table + 1, kept).sum(axis=1)
+    full: Array = held == table.shape[1]
+    if not full.any():
+        full = held >= (4 if table.shape[1] == 8 else 3)
+    return full
+
+
+def printed(
+    model: Model, volume: float, radius: float, weights: Array, kept: Array, build: Array
+) -> tuple[Array, list[tuple[float, float]]]:
+    """Densities of a grid that can be printed, of the stiffest part from any of three starts.
+
+    With them each start's density, and the compliance that it ended at.
+    """
+    middles = element_centroids(model.nodes, model.elements)
+    means = density_method.linear_filter(middles, radius)
+    printing = printer(middles, build, _full(model, kept))
+    local = Energies(model, weights)
+    begins = (1.0, *_BEGINS, volume)
+    found = [printed_densities(local, means, printing, begin, volume) for begin in begins]
+    ends = [told[-1] for _, told in found]
+    return found[int(np.argmin(ends))][0], list(zip(begins, ends, strict=True))
 
 
 def at_nodes(model: Model, densities: Array) -> Array:
@@ -100,6 +125,17 @@ def at_nodes(model: Model, densities: Array) -> Array:
         total += np.bincount(column, volumes * densities, len(total))
         whole += np.bincount(column, volumes, len(total))
     found: Array = total / whole
+    return found
+
+
+def densest_at_nodes(model: Model, densities: Array) -> Array:
+    """Density of the densest element around each node.
+
+    Of parts that are black and white: a mean loses members that are one element thick.
+    """
+    _, table = one_type(model)
+    found = np.zeros(len(model.nodes))
+    np.maximum.at(found, table, densities[:, None])
     return found
 
 

@@ -27,13 +27,12 @@ from vkctl.prepare.part import PartError
 from vkctl.running.run import run
 from vkctl.view.plot import View, plot
 
-from .cases import Case, Design
-from .densities import as_levels, at_nodes, enclosed, optimised
+from .cases import DENSITY, PRINTED, Case, Design
+from .densities import as_levels, at_nodes, densest_at_nodes, enclosed, optimised, printed
 from .finer import Finer, at_middles, compliances, finer, fullest, one_type, works
 from .looks import largest_stress, overhanging, undercut
 
 EXAMPLES = ROOT / "vkctl" / "examples"
-DENSITY = "density"  # name of the density method's design
 _SIZE = (900, 600)
 _COLOURS = 128
 _FLAT_RADIUS = 2.4  # of the published value
@@ -69,7 +68,7 @@ def measure(case: Case, folder: Path, pictures: Path) -> Found:
         _mean(part, compliances(one, np.ones(len(one.parents), np.bool_)))
         for one in (finer(model, _cases_file(folder, case.designs[0]), (1, 1, 1)), whole)
     ]
-    designs.append(_densities(part))
+    designs += [_densities(part, name) for name in case.densities]
     return {
         "title": case.title,
         "elements": len(table),
@@ -150,36 +149,48 @@ def _design(model: Model, radius: float | None) -> LoopDesign:
 # --- the density method -------------------------------------------------------------------------
 
 
-def _densities(part: Part) -> Found:
-    """On the mesh of the first design, of its volume; without its wishes and limits."""
+def _densities(part: Part, name: str) -> Found:
+    """On the mesh of the first design, of its volume; an overhang is the only wish it may have."""
     first = part.case.designs[0]
     cases = _cases_file(part.folder, first)
     begun = time.monotonic()
-    made = new(None, cases, part.folder / DENSITY)
+    made = new(None, cases, part.folder / name)
     model = made.model
     model.set_level(1.0)
     settings = read_settings(cases)
     thickness = settings.wishes.thickness
-    kept = [nodes_around(made.sets, name, "keep", thickness.get(name)) for name in settings.keep]
-    densities, grey = optimised(
-        model,
-        part.volume,
-        reach_of(model, settings.radius, settings.wishes.sizes),
-        part.weights,
-        np.concatenate([np.empty(0, np.int64), *kept]),
-        part.case.density_steps,
-    )
-    nodal = at_nodes(model, densities)
+    kept = [nodes_around(made.sets, one, "keep", thickness.get(one)) for one in settings.keep]
+    nodes = np.concatenate([np.empty(0, np.int64), *kept])
+    reach = reach_of(model, settings.radius, settings.wishes.sizes)
+    densities, said = _computed(part, name, model, reach, nodes)
+    nodal = (densest_at_nodes if name == PRINTED else at_nodes)(model, densities)
     model.tp = as_levels(model, nodal, enclosed(read(part.folder / first.name))).astype(np.float32)
-    write(model, part.folder / DENSITY)
-    done = run(part.folder / DENSITY, mode="direct", vk_rund=program())
+    write(model, part.folder / name)
+    done = run(part.folder / name, mode="direct", vk_rund=program())
     if not done.ok:
         raise RuntimeError(done.advice.sentence)
     levels = _design(model, settings.radius).levels_of_nodes(model.tp.astype(np.float64))
-    seconds = time.monotonic() - begun
-    title = "density method" if len(part.case.designs) == 1 else "density method, without either"
-    said = {"volume": _design(model, None).space.share(levels), "grey": grey, "seconds": seconds}
-    return said | _judged(part, DENSITY, title, cases, levels, [nodal, densities])
+    said["volume"] = _design(model, None).space.share(levels)
+    said["seconds"] = time.monotonic() - begun
+    return said | _judged(part, name, said["title"], cases, levels, [nodal, densities])
+
+
+def _computed(
+    part: Part, name: str, model: Model, radius: float, kept: Array
+) -> tuple[Array, Found]:
+    """Densities of the elements, and what is known of them by themselves."""
+    case = part.case
+    if name == DENSITY:
+        title, steps = "density method", case.density_steps
+        if any(design.like != DENSITY for design in case.designs):
+            title += ", without the wish" if PRINTED in case.densities else ", without either"
+        densities, grey = optimised(model, part.volume, radius, part.weights, kept, steps)
+        return densities, {"title": title, "grey": grey}
+    assert name == PRINTED and case.build is not None
+    build = np.array(case.build)
+    densities, starts = printed(model, part.volume, radius, part.weights, kept, build)
+    title = "density method, overhang of 45 degrees"
+    return densities, {"title": title, "grey": min(c for _, c in starts), "starts": starts}
 
 
 # --- what both are judged by --------------------------------------------------------------------

@@ -6,9 +6,8 @@ import textwrap
 from collections.abc import Mapping
 from typing import Any
 
-from .cases import CASES, Case
+from .cases import CASES, DENSITY, Case, Design
 from .finer import SOFT
-from .measuring import DENSITY
 
 Found = dict[str, Any]
 
@@ -67,6 +66,14 @@ case: stopped, it goes on where it was.
   judged like the loop's, its densities become a level field at the one value whose surface holds
   as much as the surface of the loop's part: bodies have the same volume, the solver's count
   differs a little.
+- **Density method with an overhang**: an element is at most as dense as the densest of those
+  below it and beside that, layer after layer from the plate up, and what is to keep is there
+  whatever holds it, as in the loop (M. Langelaar, Addit. Manuf. 12 (2016) 60-70; Struct. Multidisc.
+  Optim. 55 (2017) 871-883). Its densities are means of the same radius, driven to black and
+  white before they are printed (F. Wang, B. S. Lazarov, O. Sigmund, ibid. 43 (2011) 767-784):
+  grey holds as well as black and costs little. A node has the density of the densest element
+  around it, since means lose struts of one element. From three starts, one of them all material
+  as the loop's, the stiffest counts.
 - Compliance is the work of the loads; less is stiffer. **Cut** is the share of the elements that
   the surface goes through, **member** and **hole** are the [measured
   sizes](optimisation.md#what-the-shape-shall-have) in edges of a cell or mm. Times are of the
@@ -100,28 +107,55 @@ def _wrapped(part: str) -> str:
 
 
 def _summary(cases: list[Case], found: Mapping[str, Found]) -> list[str]:
-    """How much softer the loop's first design is than the density method's."""
-    rows, worse = [], []
-    for case in cases:
-        loop, other = found[case.name]["designs"][0], _density(found[case.name])
-        ratios = [_ratio(loop, other, key) for key in ("fine", "body_2")]
-        link = f"[{case.title}](#{_anchor(case.title)})"
-        rows.append([link, *map(_percent, ratios), _percent(_ratio(loop, loop, "body_2", "loop"))])
-        if any(ratio is not None and ratio > 1 for ratio in ratios):
-            worse.append(link)
-    head = ["part", "black and white", "body, 10 nodes", "its body against its loop's mesh"]
-    verdict = f"Softer than the density method's by either: {', '.join(worse) or 'none'}."
+    """How much softer the loop's parts are than the density method's."""
+    pairs = [(case, one, found[case.name]) for case in cases for one in case.designs]
+    alike = [pair for pair in pairs if pair[1].like is not None]
+    alone = [pair for pair in pairs if pair[1].like is None]
+    worse = [_name(case, one) for case, one, of in alike if max(_known(one, of), default=0) > 1]
     told = (
         "Compliance of the loop's part against the density method's of the same volume, and of its "
-        "body against what its own loop says. Minus is stiffer. Wishes and limits are the loop's "
-        "alone."
+        "body against what its own loop says. Minus is stiffer."
     )
-    return [told, _table(head, rows), verdict]
+    parts = [
+        told,
+        "Like with like: the density method's part has the same wishes.",
+        _compared(alike),
+        f"Softer than the density method's by either: {', '.join(worse) or 'none'}.",
+    ]
+    if alone:
+        parts += ["With wishes or limits that are the loop's alone:", _compared(alone)]
+    return parts
 
 
-def _density(found: Found) -> Found:
-    (other,) = (design for design in found["designs"] if design["name"] == DENSITY)
-    return dict(other)
+def _compared(pairs: list[tuple[Case, Design, Found]]) -> str:
+    head = ["part", "black and white", "body, 10 nodes", "its body against its loop's mesh"]
+    rows = []
+    for case, one, of in pairs:
+        loop = _of_name(of, one.name)
+        ratios = [*_both(one, of), _ratio(loop, loop, "body_2", "loop")]
+        rows.append([_name(case, one), *map(_percent, ratios)])
+    return _table(head, rows)
+
+
+def _name(case: Case, one: Design) -> str:
+    """Of a design among those of all cases, with a link to its case."""
+    said = one.title.partition(",")[2] if len(case.designs) > 1 else ""
+    return f"[{case.title}](#{_anchor(case.title)}){':' if said else ''}{said}"
+
+
+def _of_name(found: Found, name: str) -> Found:
+    (one,) = (design for design in found["designs"] if design["name"] == name)
+    return dict(one)
+
+
+def _known(one: Design, of: Found) -> list[float]:
+    return [ratio for ratio in _both(one, of) if ratio is not None]
+
+
+def _both(one: Design, of: Found) -> list[float | None]:
+    """The part's compliance over that of the density method, judged in both ways."""
+    loop, other = _of_name(of, one.name), _of_name(of, one.like or DENSITY)
+    return [_ratio(loop, other, key) for key in ("fine", "body_2")]
 
 
 def _ratio(one: Found, other: Found, key: str, of: str = "") -> float | None:
@@ -208,22 +242,19 @@ def _looks(case: Case, found: Found) -> str:
 
 
 def _judgement(case: Case, found: Found) -> list[str]:
-    """What follows from the numbers, worse ones first."""
-    loop, other = found["designs"][0], _density(found)
-    told = []
-    for key, what in (
-        ("fine", "in black and white"),
-        ("body_2", "as a body of 10-node tetrahedra"),
-    ):
-        ratio = _ratio(loop, other, key)
-        if ratio is None:
-            continue
-        how = "**softer**" if ratio > 1 else "stiffer"
-        told.append(f"{abs(100 * (ratio - 1)):.1f} % {how} {what}")
-    title = loop["title"].partition(",")[0]
-    parts = [f"Against the density method's part, that of {title} is {' and '.join(told)}."]
-    grey = f"The density method's own figure, with its grey elements, is {_number(other['grey'])}."
-    parts[0] += f" {grey}"
+    """What follows from the numbers."""
+    parts = []
+    for one in case.designs:
+        told = []
+        ways = ("in black and white", "as a body of 10-node tetrahedra")
+        for ratio, what in zip(_both(one, found), ways, strict=True):
+            if ratio is not None:
+                how = "**softer**" if ratio > 1 else "stiffer"
+                told.append(f"{abs(100 * (ratio - 1)):.1f} % {how} {what}")
+        other = _of_name(found, one.like or DENSITY)["title"]
+        parts.append(f"{_begun(one.title)}: {' and '.join(told)} than the {other}.")
+    greys = [_grey(one) for one in found["designs"] if "grey" in one]
+    parts = [" ".join(parts), " ".join(greys)]
     for one in found["designs"]:
         if "no_body" in one:
             parts.append(f"No body of {one['title']}: {one['no_body']}")
@@ -234,6 +265,21 @@ def _judgement(case: Case, found: Found) -> list[str]:
     if case.name in REMARKS:
         parts.append(REMARKS[case.name])
     return parts
+
+
+def _begun(words: str) -> str:
+    """As a sentence begins."""
+    return words[0].upper() + words[1:]
+
+
+def _grey(one: Found) -> str:
+    """What the density method says of its part."""
+    grey = _number(one["grey"])
+    told = f"{_begun(one['title'])}, by its own figure, with its grey elements: {grey}."
+    if "starts" not in one:
+        return told
+    starts = [f"{_number(ended)} from {begin:g}" for begin, ended in one["starts"]]
+    return f"{told} Of starts at different densities: {', '.join(starts)}."
 
 
 def _number(value: float | None, digits: int = 5) -> str:
