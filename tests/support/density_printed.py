@@ -1,8 +1,8 @@
 """A density method of what can be printed, on a grid.
 
 Blueprints are filtered, driven to black and white and printed (`printing_filter`); the material is
-what is printed of them. Optimality criteria, with the multiplier bisected on the printed volume.
-Grey holds as well as it pleases and costs little: without the projection parts stand on grey.
+what is printed of them, driven so again. Optimality criteria, with the multiplier bisected on the
+printed volume. Grey holds well and costs little: parts that aren't driven stand on grey.
 F. Wang, B. S. Lazarov, O. Sigmund, Struct. Multidisc. Optim. 43 (2011) 767-784.
 """
 
@@ -21,7 +21,6 @@ _STAGE = 30  # steps with each sharpness of the projection: none, 1, 2, 4, ...
 _SHARPEST = 32.0
 _LAST = 90  # most steps with the sharpest
 _REST = 1e-3  # of the compliance: the most that it changes over ten steps at rest
-_MIDDLE = 0.5  # mean that is as near to full as to empty
 _MOVE = 0.05  # of a variable in a step, less in proportion beyond a sharpness of _COARSE
 _COARSE = 4.0
 _EXACT = 1e-4  # of the multiplier
@@ -36,22 +35,27 @@ class Drawing:
     sharpness: float  # 0: not projected
 
     def printed(self, x: np.ndarray) -> np.ndarray:
-        return self.printer.printed(self._blueprint(x)[0])
+        return self._driven(self.printer.printed(self._blueprint(x)[0]))[0]
 
     def slope(self, x: np.ndarray, by_printed: np.ndarray) -> np.ndarray:
         blueprint, by_mean = self._blueprint(x)
-        found: np.ndarray = self.means.T @ (by_mean * self.printer.slope(blueprint, by_printed))
+        by_print = self._driven(self.printer.printed(blueprint))[1]
+        by_blueprint = self.printer.slope(blueprint, by_print * by_printed)
+        found: np.ndarray = self.means.T @ (by_mean * by_blueprint)
         return found
 
     def _blueprint(self, x: np.ndarray) -> tuple[np.ndarray, np.ndarray]:
-        """Values, 1 where they are kept, and their derivatives by the means."""
-        mean, beta, kept = self.means @ x, self.sharpness, self.printer.kept
+        """Means, driven to black and white and 1 where they are kept, and their derivatives."""
+        value, slope = self._driven(self.means @ x)
+        return np.where(self.printer.kept, 1.0, value), np.where(self.printer.kept, 0.0, slope)
+
+    def _driven(self, values: np.ndarray) -> tuple[np.ndarray, np.ndarray]:
+        """Values driven to black and white, and their derivatives."""
+        beta = self.sharpness
         if not beta:
-            return np.where(kept, 1.0, mean), np.where(kept, 0.0, 1.0)
-        low, high = np.tanh(beta * _MIDDLE), np.tanh(beta * (1 - _MIDDLE))
-        turned = np.tanh(beta * (mean - _MIDDLE))
-        value, slope = (low + turned) / (low + high), beta * (1 - turned**2) / (low + high)
-        return np.where(kept, 1.0, value), np.where(kept, 0.0, slope)
+            return values, np.ones_like(values)
+        turned, whole = np.tanh(beta * (values - 0.5)), np.tanh(0.5 * beta)
+        return 0.5 * (1 + turned / whole), 0.5 * beta * (1 - turned**2) / whole
 
 
 def printed_densities(

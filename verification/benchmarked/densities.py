@@ -21,6 +21,7 @@ from .finer import one_type
 
 _TRIALS = 25
 _BEGINS = (0.7,)  # of blueprints, between all material and the volume
+_STEPPED = 0.98  # of the volume: the surface fills the corners of steps of elements
 
 
 class Energies:
@@ -111,7 +112,8 @@ def printed(
     printing = printer(middles, build, _full(model, kept))
     local = Energies(model, weights)
     begins = (1.0, *_BEGINS, volume)
-    found = [printed_densities(local, means, printing, begin, volume) for begin in begins]
+    less = _STEPPED * volume
+    found = [printed_densities(local, means, printing, begin, less) for begin in begins]
     ends = [told[-1] for _, told in found]
     return found[int(np.argmin(ends))][0], list(zip(begins, ends, strict=True))
 

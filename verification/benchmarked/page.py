@@ -70,10 +70,10 @@ case: stopped, it goes on where it was.
   below it and beside that, layer after layer from the plate up, and what is to keep is there
   whatever holds it, as in the loop (M. Langelaar, Addit. Manuf. 12 (2016) 60-70; Struct. Multidisc.
   Optim. 55 (2017) 871-883). Its densities are means of the same radius, driven to black and
-  white before they are printed (F. Wang, B. S. Lazarov, O. Sigmund, ibid. 43 (2011) 767-784):
-  grey holds as well as black and costs little. A node has the density of the densest element
-  around it, since means lose struts of one element. From three starts, one of them all material
-  as the loop's, the stiffest counts.
+  white before and after they are printed (F. Wang, B. S. Lazarov, O. Sigmund, ibid. 43 (2011)
+  767-784): grey holds well and costs little. A node has the density of the densest element around
+  it, since means lose struts of one element, and what that adds is left out before, 2 % of the
+  volume. From three starts, one of them all material as the loop's, the stiffest counts.
 - Compliance is the work of the loads; less is stiffer. **Cut** is the share of the elements that
   the surface goes through, **member** and **hole** are the [measured
   sizes](optimisation.md#what-the-shape-shall-have) in edges of a cell or mm. Times are of the
