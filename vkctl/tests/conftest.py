@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import os
 import shutil
 import signal
 import sys
@@ -19,6 +20,10 @@ from vkctl.directory import formats
 from vkctl.optimise.pictures import beside
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "tools"))
+
+# What is printed is read as it comes without a terminal, whatever those who start the tests have.
+for name in ("FORCE_COLOR", "NO_COLOR", "TTY_COMPATIBLE", "TTY_INTERACTIVE", "COLUMNS", "LINES"):
+    os.environ.pop(name, None)
 
 # Tests that a shell started in the background ignore Ctrl-C, and so would what they start.
 if signal.getsignal(signal.SIGINT) is signal.SIG_IGN:
