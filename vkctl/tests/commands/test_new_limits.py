@@ -8,6 +8,7 @@ import signal
 import subprocess
 import sys
 import time
+from collections.abc import Callable, Iterator
 from pathlib import Path
 
 import pytest
@@ -28,20 +29,34 @@ set = "surface:1"
 PATIENCE = 300  # seconds that nothing takes unless it hangs
 
 
-def command(folder: Path, edge: float, size: float, *more: str) -> subprocess.Popen[str]:
-    """`vkctl new` of a cube; its temporary files go into the folder tmp."""
-    (folder / "tmp").mkdir()
-    script = f'SetFactory("OpenCASCADE");\nBox(1) = {{0, 0, 0, {edge}, {edge}, {edge}}};\n'
-    (folder / "cube.geo").write_text(script)
-    (folder / "cases.toml").write_text(CASES.format(size=size))
-    names = [str(folder / name) for name in ("cube.geo", "cases.toml", "run")]
-    return subprocess.Popen(
-        [sys.executable, "-m", "vkctl", "new", *names, *more],
-        stdout=subprocess.PIPE,
-        stderr=subprocess.PIPE,
-        text=True,
-        env={**os.environ, "TMPDIR": str(folder / "tmp")},
-    )
+Command = Callable[..., subprocess.Popen[str]]
+
+
+@pytest.fixture
+def command(tmp_path: Path) -> Iterator[Command]:
+    """Starts `vkctl new` of a cube, which ends with the test; its temporary files go into tmp."""
+    started: list[subprocess.Popen[str]] = []
+
+    def start(edge: float, size: float) -> subprocess.Popen[str]:
+        (tmp_path / "tmp").mkdir()
+        script = f'SetFactory("OpenCASCADE");\nBox(1) = {{0, 0, 0, {edge}, {edge}, {edge}}};\n'
+        (tmp_path / "cube.geo").write_text(script)
+        (tmp_path / "cases.toml").write_text(CASES.format(size=size))
+        names = [str(tmp_path / name) for name in ("cube.geo", "cases.toml", "run")]
+        process = subprocess.Popen(
+            [sys.executable, "-m", "vkctl", "new", *names],
+            stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE,
+            text=True,
+            env={**os.environ, "TMPDIR": str(tmp_path / "tmp")},
+        )
+        started.append(process)
+        return process
+
+    yield start
+    for process in started:
+        process.kill()
+        process.wait()
 
 
 def children(process: int) -> list[int]:
@@ -71,9 +86,9 @@ def left_behind(folder: Path) -> list[str]:
 
 
 def test_a_part_of_200_metres_in_sizes_of_10_is_refused_with_the_size_that_fits(
-    tmp_path: Path,
+    command: Command, tmp_path: Path
 ) -> None:
-    out, error = command(tmp_path, 200_000.0, 10.0).communicate(timeout=PATIENCE)
+    out, error = command(200_000.0, 10.0).communicate(timeout=PATIENCE)
     (line,) = error.splitlines()
     assert "elements of size 10 at most expected" in line and "--no-limits" in line
     found = re.search(r"size = ([0-9.e+]+) in \[mesh\] would fit", line)
@@ -81,8 +96,8 @@ def test_a_part_of_200_metres_in_sizes_of_10_is_refused_with_the_size_that_fits(
     assert not out and not left_behind(tmp_path)
 
 
-def test_what_is_expected_is_told_before_it_is_meshed(tmp_path: Path) -> None:
-    process = command(tmp_path, 10.0, 2.0)
+def test_what_is_expected_is_told_before_it_is_meshed(command: Command, tmp_path: Path) -> None:
+    process = command(10.0, 2.0)
     out, error = process.communicate(timeout=PATIENCE)
     assert process.returncode == 0, error
     found = re.search(r"about ([0-9,]+) elements of size 2 at most expected", error)
@@ -96,9 +111,9 @@ def test_what_is_expected_is_told_before_it_is_meshed(tmp_path: Path) -> None:
     ("number", "words"), [(signal.SIGINT, "Interrupted"), (signal.SIGTERM, "Terminated")]
 )
 def test_a_long_meshing_ends_when_asked_and_leaves_nothing(
-    tmp_path: Path, number: signal.Signals, words: str
+    command: Command, tmp_path: Path, number: signal.Signals, words: str
 ) -> None:
-    process = command(tmp_path, 10.0, 0.1)
+    process = command(10.0, 0.1)
     assert process.stderr is not None
     assert process.stderr.readline().startswith("about ")
     (worker,) = children(process.pid)
@@ -111,8 +126,8 @@ def test_a_long_meshing_ends_when_asked_and_leaves_nothing(
     assert not left_behind(tmp_path)
 
 
-def test_the_meshing_ends_with_a_command_that_is_killed(tmp_path: Path) -> None:
-    process = command(tmp_path, 10.0, 0.1)
+def test_the_meshing_ends_with_a_command_that_is_killed(command: Command) -> None:
+    process = command(10.0, 0.1)
     assert process.stderr is not None
     assert process.stderr.readline().startswith("about ")
     (worker,) = children(process.pid)
