@@ -10,7 +10,8 @@ from small_loops import NOBODY, VK_RUND
 
 from vkctl.directory.model import LoadCase, Material, Model, write
 from vkctl.directory.results import read_results
-from vkctl.optimise.design import make_design, smoothing_over
+from vkctl.optimise.design import make_design
+from vkctl.optimise.smoothing import near_points, smoothing_of, smoothing_over
 from vkctl.running.run import run
 from vkctl.shapes.boxes import box
 from vkctl.shapes.measures import element_volumes, select_nodes
@@ -81,6 +82,18 @@ def test_what_is_void_pulls_no_levels_down_and_a_short_radius_smooths_none() -> 
     void = np.array([True, False, False])
     assert np.allclose(smoothing_over(points, 1.25, void) @ [-1.0, 1, 1], [-1.0, 1, 1])
     assert np.allclose(smoothing_over(points, 0.9) @ [-1.0, 1, 1], [-1.0, 1, 1])
+
+
+def test_a_shorter_radius_takes_of_the_same_pairs() -> None:
+    points = np.random.default_rng(3).random((60, 3))
+    near, void = near_points(points, 0.5), np.arange(60) % 7 == 0
+    for radius in (0.5, 0.2):
+        apart = np.linalg.norm(points[:, None] - points, axis=2)
+        apart[void], apart[:, void] = 1.0, 1.0
+        np.fill_diagonal(apart, 0.0)
+        weights = np.maximum(radius - apart, 0.0)
+        weights /= weights.sum(axis=1, keepdims=True)
+        np.testing.assert_allclose(smoothing_of(near, radius, void).toarray(), weights, atol=1e-14)
 
 
 def test_smoothing_keeps_constants_and_reaches_as_far_as_its_radius() -> None:

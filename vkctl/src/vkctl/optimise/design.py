@@ -8,13 +8,13 @@ from typing import Any
 
 import numpy as np
 from scipy import sparse
-from scipy.spatial import cKDTree
 
 from vkctl.basics.types import Array
 from vkctl.directory.levels import MEAN_LEVEL
 from vkctl.directory.model import Model
 
 from .pieces import Joints, Pieces, find_pieces, loose_nodes, make_joints
+from .smoothing import near_points, smoothing_of
 from .teeth import uneven_nodes
 from .volume import DesignVolume, design_volume
 from .wishes.entries import SizeWishes, Wishes
@@ -25,7 +25,7 @@ DEFAULT_RADIUS = 1.5  # mean distances of neighbouring nodes
 _LEVEL_RADIUS = 1.25  # edges: what levels are smoothed over, at most the radius of the criterion
 _SIZE_RADIUS = 0.7  # of the smallest size wished: members come out about as thick
 _NO_NODES = np.empty(0, np.int64)
-_MOST_ROUNDS = 3  # of clearing up after a move, since the volume moves the surface once more
+_MOST_ROUNDS = 3  # of a move and clearing up, since the volume moves the surface once more
 _MOST_RAISED = 1.1  # times the threshold of a design at rest, while sizes hold
 _ALL = 1e-3  # share of points outside a set below which all of those alike are in it
 
@@ -58,7 +58,7 @@ class Design:
         return self.space.share(self.levels_of_nodes(levels))
 
     def pieces(self, nodes: Array) -> Pieces:
-        """That levels per node leave. Kept, for a design is looked at made and again solved."""
+        """That levels per node leave. Those of the latest are kept: asked for made and solved."""
         if self.latest is None or not np.array_equal(self.latest[0], nodes):
             self.latest = nodes, find_pieces(self.joints, nodes)
         return self.latest[1]
@@ -85,21 +85,27 @@ class Design:
             _, rest = self._met(levels, criterion, volume, 1.0, set_to, threshold, highest)
             highest = min(highest, _MOST_RAISED * rest)
         for again in range(_MOST_ROUNDS):
+            if again > 0 and not self._cleared_up(following, set_to):
+                break
             following, threshold = self._met(
                 levels, criterion, volume, move, set_to, threshold, highest, nearly=again > 0
             )
-            solved = self.solved_levels(following)
-            nodes = self.levels_of_nodes(solved)
-            loose = self.loose(nodes)
-            uneven = self._points(uneven_nodes(self.space, nodes)) & ~self.shape.kept
-            if not (loose | uneven).any():
-                break
-            around = self.smoothing @ solved
-            for made in self.shape.steady:
-                around = made(around)
-            set_to[uneven] = around[uneven]
-            set_to[loose] = -1.0
         return following, threshold
+
+    def _cleared_up(self, following: Array, set_to: Array) -> bool:
+        """Set what a moved field leaves loose or uneven to other levels; whether there is any."""
+        solved = as_kept(self.solved_levels(following))
+        nodes = self.levels_of_nodes(solved)
+        loose = self.loose(nodes)
+        uneven = self._points(uneven_nodes(self.space, nodes)) & ~self.shape.kept
+        if not (loose | uneven).any():
+            return False
+        around = self.smoothing @ solved
+        for made in self.shape.steady:
+            around = made(around)
+        set_to[uneven] = around[uneven]
+        set_to[loose] = -1.0
+        return True
 
     def solved_levels(self, following: Array) -> Array:
         """Levels of a moved field: with its sizes, where the loop goes on from the field before."""
@@ -171,6 +177,11 @@ class Design:
         return chosen
 
 
+def as_kept(levels: Array) -> Array:
+    """Levels as the loop's files keep them, in 32 bits, which it goes on from."""
+    return levels.astype(np.float32).astype(np.float64)
+
+
 def _least_unit(criterion: Array) -> float:
     """Of what is above or below the threshold: a threshold may be 0 where material can harm."""
     return 0.5 * float(np.abs(criterion).mean()) if criterion.min() < 0 else 0.0
@@ -204,16 +215,17 @@ def make_design(
     edge = mean_edge(model)
     wishes = wishes or Wishes()
     radius = radius or reach_of(model, None, wishes.sizes)
-    smoothing = smoothing_over(points, radius)
+    near = near_points(points, radius)
     shape = make_shape(
         Field(model, points, edge),
         wishes,
         _points_of(model, kept_nodes),
         _points_of(model, void_nodes),
     )
+    smoothing = smoothing_of(near, radius)
     evening = sparse.identity(len(points), format="csr")
     if evened:
-        evening = smoothing_over(points, min(radius, _LEVEL_RADIUS * edge), shape.void)
+        evening = smoothing_of(near, min(radius, _LEVEL_RADIUS * edge), shape.void)
     joints, count = make_joints(model, cases), len(model.nodes)
     return Design(points, nodes, points_of_nodes, smoothing, evening, shape, space, joints, count)
 
@@ -231,22 +243,3 @@ def reach_of(model: Model, radius: float | None, sizes: SizeWishes | None) -> fl
     """The radius of smoothing, by the mesh and the sizes where it isn't given."""
     largest = 0.0 if sizes is None else max(sizes.member or 0.0, sizes.hole or 0.0)
     return radius or max(DEFAULT_RADIUS * mean_edge(model), _SIZE_RADIUS * largest)
-
-
-def smoothing_over(points: Array, radius: float, without: Array | None = None) -> Any:
-    """Weights that fall linearly to 0 at `radius`; each row adds up to 1.
-
-    Points of the mask `without` count for themselves alone.
-
-    O. Sigmund, Struct. Multidisc. Optim. 21 (2001) 120-127.
-    """
-    tree = cKDTree(points)
-    pairs = tree.query_pairs(radius, output_type="ndarray")
-    if without is not None:
-        pairs = pairs[~without[pairs].any(axis=1)]
-    distance = np.linalg.norm(points[pairs[:, 0]] - points[pairs[:, 1]], axis=1)
-    one_way = sparse.csr_matrix(
-        (radius - distance, (pairs[:, 0], pairs[:, 1])), shape=(len(points), len(points))
-    )
-    weights = one_way + one_way.T + radius * sparse.identity(len(points), format="csr")
-    return sparse.diags(1.0 / np.asarray(weights.sum(axis=1)).ravel()) @ weights

@@ -175,6 +175,7 @@ def _step(loop: Loop) -> StepShown:
     state, settings, directory = loop.state, loop.settings, loop.directory
     outcome, mode = solve_somehow(loop)
     levels = levels_of(loop, state.step)
+    broken = _pieces(loop, levels).broken  # while they are the latest looked at
     results = [read_results(directory, number) for number in state.load_cases]
     _require_loaded(loop, results)
     criteria = criteria_of(loop, results, levels, mode)
@@ -212,7 +213,7 @@ def _step(loop: Loop) -> StepShown:
     state.step, state.running, state.target = state.step + 1, 0, next_target
     history.write_state(directory, state)
     history.forget(directory, state.step - 2)
-    return StepShown(row, settings.steps, outcome, _pieces(loop, levels).broken)
+    return StepShown(row, settings.steps, outcome, broken)
 
 
 def _require_loaded(loop: Loop, results: list[Results]) -> None:

@@ -15,9 +15,10 @@ import numpy as np
 from vkctl.basics.types import Array
 
 from . import history
-from .design import Design, smoothing_over
+from .design import Design
 from .history import HistoryRow
 from .settings import Settings
+from .smoothing import smoothing_over
 from .standing import Loop, levels_of
 from .wishes.entries import SizeWishes
 from .wishes.measure import Sizes

@@ -72,7 +72,7 @@ NEARLY_NO_VOLUME = 1e-6
 # is measured as a straight one: what lies between can't fold it.
 STRAIGHT = 1e-6
 NEARLY_STRAIGHT = 1e-4
-_BLOCK = 1 << 13  # elements at a time
+_BLOCK = 1 << 8  # elements at a time
 
 
 def curved(nodes: Array, table: Array) -> Array:
