@@ -13,11 +13,13 @@ from small_loops import VK_RUND, script, write_small
 from typer.testing import CliRunner
 
 from vkctl.cli import app
+from vkctl.directory import model
 from vkctl.directory.model import Material, Model
 from vkctl.directory.results import read_results
 from vkctl.optimise import as_body, optimise
 from vkctl.optimise.as_body import BodyError, Verified, verify_part
 from vkctl.optimise.limits.aggregates import nodal_forces
+from vkctl.optimise.limits.table import read_weighed
 from vkctl.prepare.build import new
 from vkctl.prepare.part import MeshOptions, PartError
 from vkctl.prepare.readers.registry import mesh_within
@@ -25,6 +27,9 @@ from vkctl.running.run import run
 from vkctl.shapes import shells
 from vkctl.shapes.boxes import box
 from vkctl.shapes.topology import TET10
+from vkctl.stress.measures import von_mises
+from vkctl.stress.nodal import nodal_stress
+from vkctl.stress.solution import solution_of
 from vkctl.view.grid import mesh_grid
 from vkctl.view.part_file import PartSurface, write_part
 
@@ -277,3 +282,68 @@ def test_a_body_of_4_node_tetrahedra_is_stiffer(loop: Path, verified: Verified) 
     assert linear.cases[0].body.compliance < 0.95 * verified.cases[0].body.compliance
     status, _, told = command(loop / "work", "--order", "3")
     assert status == 2 and "the order must be 1 or 2, not 3" in told
+
+
+LIMITED = """goal = "mass"
+steps = 3
+reduction = 0.1
+
+[optimise.limits]
+stress = { at_most = 4.0, away_from = ["wall", "tip"], distance = 1.5 }
+displacement = { set = "tip", direction = [0, -1, 0], at_most = 50 }
+"""
+
+
+@pytest.fixture(scope="module")
+def limited(tmp_path_factory: pytest.TempPathFactory) -> Path:
+    folder = tmp_path_factory.mktemp("limited")
+    optimise(write_small(folder, LIMITED), folder / "work", vk_rund=VK_RUND)
+    return folder
+
+
+def test_limits_are_looked_at_on_part_and_body(limited: Path, tmp_path: Path) -> None:
+    found = verify_part(limited / "work", vk_rund=VK_RUND, keep=tmp_path / "body")
+    moved, stress = found.limits
+    assert [one.name for one in (stress, moved)] == ["stress in down", "displacement of tip in down"]
+    last = [row for row in read_weighed(limited / "work") if row.step == 3]
+    for one, row in zip(found.limits, last, strict=True):
+        assert (one.name, one.at_most) == (row.term, row.at_most)
+        assert one.part == pytest.approx(row.value, rel=1e-6)
+        assert one.held == (one.body <= 1.005 * one.at_most)
+    body = model.read(tmp_path / "body")
+    results = read_results(tmp_path / "body", 1)
+    assert results.displacements is not None
+    tip = next(one for one in body.sets if one.name == "tip").numbers
+    assert moved.body == pytest.approx(-results.displacements[tip - 1, 1].min(), rel=1e-6)
+    nodal = nodal_stress(solution_of(body, results)).merged()
+    x, y, _ = body.nodes.T
+    away = (x > 1.5) & (np.hypot(x - 12, y) > 1.5)
+    assert stress.body == pytest.approx(von_mises(nodal.stress[away]).max(), rel=0.05)
+
+
+def test_a_limit_that_the_body_does_not_hold_is_told(limited: Path, tmp_path: Path) -> None:
+    shutil.copytree(limited, tmp_path / "copy")
+    cases = tmp_path / "copy" / "cases.toml"
+    cases.write_text(cases.read_text().replace("at_most = 50", "at_most = 5"))
+    place = (tmp_path / "copy" / "work", "--cases", cases, "--tolerance", "0.9")
+    status, told, _ = command(*place)
+    assert status == 0
+    assert re.search(r"displacement of tip in down: part \S+, body \S+ of at most 5: the body", told)
+    assert "take smaller elements or a lower limit" in told
+    _, said, _ = command(*place, "--json")
+    assert [one["held"] for one in json.loads(said)["limits"]] == [False, True]
+
+
+def test_limits_of_sets_that_the_body_has_not_are_told_and_the_rest_is_compared(
+    limited: Path, tmp_path: Path
+) -> None:
+    shutil.copytree(limited, tmp_path / "copy")
+    work = tmp_path / "copy" / "work"
+    cases = tmp_path / "copy" / "cases.toml"
+    named = '\n[node_sets.first]\nlabels = [1, 2]\n\n[optimise]'
+    text = cases.read_text().replace('"wall", "tip"', '"wall", "first"').replace("\n[optimise]", named)
+    cases.write_text(text)
+    shutil.rmtree(work / "optimise")  # which would know of another case file
+    found = verify_part(work, cases, vk_rund=VK_RUND)
+    assert not found.limits and found.cases
+    assert any("the limits can't be looked at" in note and "'first'" in note for note in found.notes)

@@ -149,6 +149,7 @@ def _lines(found: Verified) -> list[str]:
         f"{how} the tolerance of {100 * found.tolerance:g} %: load case {worst.number} is "
         f"{abs(100 * (worst.judged - 1)):.3g} % {'softer' if worst.judged > 1 else 'stiffer'}",
         *_about_away(found),
+        *(printable(one.told()) for one in found.limits),
         *map(printable, found.notes),
     ]
     if found.kept is not None:

@@ -23,7 +23,7 @@ from vkctl.prepare.build import Prepared, build_model, put
 from vkctl.prepare.case_file.entries import Cases
 from vkctl.prepare.case_file.mistakes import CaseFileError
 from vkctl.prepare.case_file.read import read_cases
-from vkctl.prepare.mesh import make_mesh
+from vkctl.prepare.mesh import PartMesh, make_mesh
 from vkctl.prepare.part import MeshOptions, PartError, Reading
 from vkctl.prepare.readers.registry import mesh_within
 from vkctl.running.progress import Progress
@@ -33,7 +33,11 @@ from vkctl.view.part_file import PartSurface, part_of, write_part
 from . import history
 from .begun import cases_digest
 from .body_compared import BodyError, Verified, compare
+from .body_limits import sets_of
 from .body_sets import labelled_entries, leave_needed
+from .design import reach_of
+from .limits.settings import Limit
+from .settings import read_settings
 
 __all__ = ["BodyError", "Verified", "smooth_part", "verify_part"]
 
@@ -71,18 +75,21 @@ def verify_part(
         raise BodyError(f"a tolerance of {tolerance:g} is no share")
     find_vk_rund(vk_rund)
     numbers, known = _inputs(place, None if cases is None else Path(cases))
-    original = model.read(place)
+    original, settings = model.read(place), read_settings(known.path)
+    reach = reach_of(original, settings.radius, settings.wishes.sizes)
     if len(known.load_cases) != len(original.load_cases):
         theirs = counted(len(known.load_cases), "load case")
         raise BodyError(f"{known.path} has {theirs}, {place} has {len(original.load_cases)}")
     with _folder(place, keep) as folder:
         surface = smooth_part(place)
         write_part(surface, folder / SURFACE, place)
-        prepared = _prepared(folder / SURFACE, known, MeshOptions(size=size, order=order), reading)
+        options = MeshOptions(size=size, order=order)
+        prepared, limits = _prepared(folder / SURFACE, known, options, reading, settings.limits)
         put(prepared, folder)
         _solve(folder, known, vk_rund, on_progress)
+        kept = folder if keep else None
         return compare(
-            place, original, folder, prepared, numbers, tolerance, folder if keep else None
+            place, original, folder, prepared, numbers, tolerance, kept, limits, reach
         )
 
 
@@ -132,21 +139,31 @@ def _folder(directory: Path, keep: PathLike | None) -> Iterator[Path]:
 
 
 def _prepared(
-    surface: Path, known: Cases, options: MeshOptions, reading: Reading | None
-) -> Prepared:
-    """The body's model: all of it is material, and nothing is left out."""
-    known.level, known.exclude, known.ignore_level = None, (), ()
-    leave_needed(known)
-    if labelled := labelled_entries(known):
-        raise BodyError(
-            f"{known.path}: {labelled[0]} has labels of the part's file, which are others "
-            "in the body: say by its place what it is"
-        )
+    surface: Path,
+    known: Cases,
+    options: MeshOptions,
+    reading: Reading | None,
+    limits: tuple[Limit, ...],
+) -> tuple[Prepared, tuple[Limit, ...]]:
+    """The body's model, and the limits that can be looked at on it: all, or none."""
+    _take_needed(read_cases(known.path), set())  # before it is meshed, which may take long
     try:
         mesh = make_mesh(mesh_within(surface, options, reading))
     except PartError as error:
         why = str(error).removeprefix(f"{surface}: ")
         raise PartError(f"the part's surface can't be meshed as a body: {why}") from None
+    try:
+        return _built(mesh, known, sets_of(limits)), limits
+    except BodyError as error:
+        prepared = _built(mesh, read_cases(known.path), set())
+        said = str(error).split("\n")[0]
+        prepared.notes.append(f"the limits can't be looked at on the body: {said}")
+        return prepared, ()
+
+
+def _built(mesh: PartMesh, known: Cases, also: set[str]) -> Prepared:
+    """With the sets that load cases need and those of `also`."""
+    _take_needed(known, also)
     try:
         return build_model(mesh, known)
     except CaseFileError as error:
@@ -154,6 +171,17 @@ def _prepared(
             f"{error}\nThe body has a mesh of its own: its sets have to be found by their place "
             "('where', 'plane', 'box', ... in the case file), not by names of the part's file."
         ) from None
+
+
+def _take_needed(known: Cases, also: set[str]) -> None:
+    """Leave what makes the body: all of it is material, and nothing is left out."""
+    known.level, known.exclude, known.ignore_level = None, (), ()
+    leave_needed(known, also)
+    if labelled := labelled_entries(known):
+        raise BodyError(
+            f"{known.path}: {labelled[0]} has labels of the part's file, which are others "
+            "in the body: say by its place what it is"
+        )
 
 
 def _solve(

@@ -21,7 +21,9 @@ from vkctl.running.run import RunResult
 from vkctl.shapes.topology import TET4
 
 from .away import energy_away, single_places
+from .body_limits import FINER, LimitCompared, compare_limits
 from .limits.aggregates import nodal_forces
+from .limits.settings import Limit
 from .limits.terms import is_linear
 from .wishes.sampling import mean_edge
 
@@ -85,6 +87,7 @@ class Verified:
     notes: list[str] = field(default_factory=list)
     kept: Path | None = None  # the body's directory, where it was to be kept
     distance: float = 0.0  # that counts as away from single nodes
+    limits: list[LimitCompared] = field(default_factory=list)  # of the optimisation
 
     @property
     def within(self) -> bool:
@@ -99,12 +102,15 @@ def compare(
     numbers: list[int],
     tolerance: float,
     kept: Path | None,
+    limits: tuple[Limit, ...] = (),
+    reach: float = 0.0,
 ) -> Verified:
+    """`limits` are looked at on both, stresses further than `reach` from sets if not told else."""
     names, body = case_names(original), prepared.model
-    compared, notes = [], list(prepared.notes)
+    compared, notes, sides = [], list(prepared.notes), {}
     volumes, distance = (0.0, 0.0), AWAY * mean_edge(original)
     for number in numbers or _requested(original):
-        results = [_results(place, number) for place in (directory, folder)]
+        results = sides[number] = (_results(directory, number), _results(folder, number))
         part, own = (
             _solved(whole, one) for whole, one in zip((original, body), results, strict=True)
         )
@@ -123,6 +129,12 @@ def compare(
     ours, bodys = (TET4 in whole.elements.type_codes for whole in (original, body))
     if ours and not bodys and not found.within:
         notes.append(LOCKED)
+    try:
+        found.limits[:] = compare_limits(original, body, limits, reach, sides)
+    except ValueError as error:
+        notes.append(f"the limits can't be looked at on the body: {error}")
+    if not all(one.held for one in found.limits):
+        notes.append(FINER)
     return found
 
 

@@ -5,8 +5,8 @@ from __future__ import annotations
 from vkctl.prepare.case_file.entries import Cases
 
 
-def leave_needed(cases: Cases) -> None:
-    """Take out what no load case uses: sets may be where the part has no material any more."""
+def leave_needed(cases: Cases, also: set[str]) -> None:
+    """Take out what neither load cases nor `also` name: there may be no material any more."""
     supports = {name for case in cases.load_cases for name in case.supports}
     loads = {name for case in cases.load_cases for name in case.loads}
     cases.supports = {name: one for name, one in cases.supports.items() if name in supports}
@@ -17,7 +17,7 @@ def leave_needed(cases: Cases) -> None:
         *(one.elements for one in cases.materials.values()),
         cases.marked_nodes,
     ]
-    wanted = {name.lower() for names in used for name in names}
+    wanted = {name.lower() for names in (*used, also) for name in names}
     while more := _sources(cases, wanted) - wanted:
         wanted |= more
     cases.sets = [(name, one) for name, one in cases.sets if name.lower() in wanted]

@@ -32,7 +32,7 @@ from .terms import Steering, Term, make_terms
 from .weights import multipliers, shares
 
 _INSIDE = 0.995  # part of a limit that is gone to, so that it holds in the end
-_HELD = 1.005  # part of a limit up to which it counts as held
+HELD = 1.005  # part of a limit up to which it counts as held
 _FOLLOWS = 0.3  # power of the largest ratio that the volume is multiplied by in a step
 _SPOKEN = 0.01  # weight from which a term's adjoint load case is worth solving
 _DAMPING = 0.5  # of the correction of stresses from step to step
@@ -218,7 +218,7 @@ def has_settled(loop: Loop) -> bool:
     assert loop.steering is not None
     since = loop.state.step - _WINDOW
     latest = [r for r in loop.steering.rows if r.step >= since and np.isfinite(r.at_most)]
-    if any(row.ratio > _HELD for row in latest) or not _is_even(loop):
+    if any(row.ratio > HELD for row in latest) or not _is_even(loop):
         return False
     if loop.settings.goal == "stiffness":
         return True
@@ -245,5 +245,5 @@ def told_limits(rows: list[Weighed]) -> list[str]:
     for row in rows:
         if row.step == last and np.isfinite(row.at_most):
             text = f"{row.term}: {row.value:.4g} of at most {row.at_most:g}"
-            told.append(text if row.ratio <= _HELD else f"{text}: the limit isn't met")
+            told.append(text if row.ratio <= HELD else f"{text}: the limit isn't met")
     return told
