@@ -106,6 +106,77 @@ def test_a_killed_loop_goes_on_on_workers(tmp_path, processes, alone):
     assert equal_steps(tmp_path / "work", alone)
 
 
+LIMITED = """goal = "mass"
+mode = "iterative"
+reduction = 0.1
+steps = 3
+
+[optimise.limits]
+stress = { at_most = 2.0, away_from = ["wall", "tip"], distance = 1.5 }
+displacement = { set = "tip", direction = [0, -1, 0], at_most = 70, load_case = "down" }
+"""
+HEATED = """
+[loads.warm]
+type = "temperature"
+set = "far"
+value = 2.0
+
+[[load_case]]
+name = "warm"
+loads = ["warm", "down"]
+"""
+
+
+def heated(folder: Path) -> Path:
+    cases = write_small(folder, "reduction = 0.1\nsteps = 3\nvolume = 0.7\n", TWO_CASES + HEATED)
+    cases.write_text(cases.read_text().replace("nu = 0.3", "nu = 0.3\ninitial_strain = 0.5"))
+    return cases
+
+
+def limited(folder: Path) -> Path:
+    return write_small(folder, LIMITED, TWO_CASES)
+
+
+@pytest.mark.parametrize("written", [limited, heated])
+@pytest.mark.parametrize("seen", [True, False])
+def test_adjoint_load_cases_too_are_solved_on_workers(
+    tmp_path, processes, monkeypatch, written, seen
+):
+    """And none here, where there need be no solver."""
+    if not seen:
+        monkeypatch.setattr(copies, "TOKEN", "elsewhere")
+    here, there = (written(tmp_path / where) for where in ("here", "there"))
+    whole = optimise(here, here.parent / "work", vk_rund=VK_RUND)
+    monkeypatch.setattr("vkctl.optimise.runs.run", None)
+    done = optimise(there, there.parent / "work", vk_rund=VK_RUND, on=processes.address)
+    assert equal_steps(here.parent / "work", there.parent / "work")
+    assert done.told == whole.told and len(done.rows) == 3
+    folders = [history.folder_of(cases.parent / "work") for cases in (here, there)]
+    adjoints = [sorted(path.name for path in folder.glob("adjoint*")) for folder in folders]
+    assert adjoints[0] == adjoints[1] != []
+
+
+def test_a_loop_with_limits_that_was_killed_goes_on_on_workers_or_here(tmp_path, processes):
+    """Adjoint load cases that were cut off begin with what they had: to the solver's tolerance."""
+    whole = limited(tmp_path / "whole")
+    expected = optimise(whole, whole.parent / "work", vk_rund=VK_RUND)
+    cases = limited(tmp_path / "killed")
+    work = cases.parent / "work"
+    command = [sys.executable, "-m", "vkctl", "optimise", str(cases), str(work), "--no-pictures"]
+    command += ["--on", processes.address, "--vk-rund", str(VK_RUND)]
+    for reached in (
+        lambda: list(history.folder_of(work).glob("adjoint/ws.*")),
+        history.levels_file(work, 3).exists,
+    ):
+        loop = subprocess.Popen(command)
+        awaited(reached)
+        loop.send_signal(signal.SIGKILL)
+        loop.wait()
+    done = optimise(cases, work, vk_rund=VK_RUND)
+    assert done.levels == pytest.approx(expected.levels, abs=1e-3)
+    assert len(done.rows) == len(expected.rows) == 3
+
+
 def test_a_wrong_place_is_refused_before_anything_is_made(tmp_path):
     cases = small(tmp_path)
     told = runner.invoke(app, ["optimise", str(cases), str(tmp_path / "work"), "--on", "local:0"])

@@ -9,6 +9,7 @@ from __future__ import annotations
 
 import time
 from collections.abc import Callable
+from contextlib import ExitStack
 from dataclasses import dataclass, field, replace
 from pathlib import Path
 
@@ -22,7 +23,6 @@ from vkctl.prepare.part import Reading
 from vkctl.running.progress import Progress
 from vkctl.running.run import RunResult
 from vkctl.spread.place import opened
-from vkctl.spread.sending import Sender
 from vkctl.spread.where import parse_where
 
 from . import history
@@ -93,19 +93,15 @@ def optimise(
     """
     settings = _overridden(read_settings(cases), volume, steps)
     where = None if on is None else parse_where(on, clusters_of(cases))
-    if where is not None and settings.limits:
-        raise ValueError("limits are for loops without --on: adjoint load cases are solved here")
     try:
         with history.locked(directory):
             loop = start(cases, Path(directory), settings, reading)
             loop.vk_rund, loop.on_progress = vk_rund, on_progress
-            if where is not None and loop.heated:
-                raise ValueError("heat is for loops without --on: its adjoint is solved here")
             try:
                 if where is None:
                     return _run_steps(loop, on_step)
-                with opened(where) as place, Sender(loop.directory.absolute(), place) as sender:
-                    loop.workers = Workers(place, sender, on_line)
+                with opened(where) as place, ExitStack() as ending:
+                    loop.workers = Workers(place, ending, on_line)
                     return _run_steps(loop, on_step)
             finally:
                 give_back_mode(loop)

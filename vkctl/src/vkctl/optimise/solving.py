@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import re
 import time
+from functools import partial
 
 import numpy as np
 
@@ -12,12 +13,12 @@ from vkctl.directory import formats
 from vkctl.directory.model import set_flags
 from vkctl.directory.results import KEEP_QUALITY, read_results
 from vkctl.running import processes
-from vkctl.running.run import RunResult, run, set_run_options
-from vkctl.spread.run import run_at
+from vkctl.running.run import RunResult, set_run_options
 
 from . import history
 from .following.weights import write_weights
 from .modes import next_mode
+from .runs import run_in
 from .standing import Loop, OptimiseError, free_of, levels_of, write_design
 from .starting import set_start_vectors
 
@@ -120,22 +121,8 @@ def _set_mode(directory: PathLike, mode: formats.Mode) -> None:
 
 
 def _run(loop: Loop) -> RunResult:
-    step, workers = loop.state.step, loop.workers
-    show = loop.on_progress or (lambda step, progress: None)
-    if workers is None:
-        return run(
-            loop.directory,
-            vk_rund=loop.vk_rund,
-            on_progress=lambda progress: show(step, progress),
-        )
-    return run_at(
-        loop.directory.absolute(),
-        workers.place,
-        workers.sender,
-        vk_rund=loop.vk_rund,
-        on_progress=lambda progress: show(step, progress.run),
-        on_line=workers.on_line,
-    )
+    step, show = loop.state.step, loop.on_progress
+    return run_in(loop, loop.directory, None if show is None else partial(show, step))
 
 
 def solve_failed(outcome: RunResult) -> bool:

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 from collections.abc import Callable
+from contextlib import ExitStack
 from dataclasses import dataclass, field
 from pathlib import Path
 from typing import TYPE_CHECKING
@@ -59,8 +60,9 @@ class Workers:
     """Where the load cases of all steps are solved, open as long as the loop goes on."""
 
     place: Place
-    sender: Sender
+    ending: ExitStack  # of the senders
     on_line: Callable[[str], None] | None
+    senders: dict[Path, Sender] = field(default_factory=dict)  # by the directory
 
 
 def levels_of(loop: Loop, step: int) -> Array:

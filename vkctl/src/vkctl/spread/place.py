@@ -7,6 +7,7 @@ import os
 import ssl
 import threading
 import warnings
+from collections import Counter
 from collections.abc import Callable, Iterator
 from contextlib import ExitStack, contextmanager, suppress
 from dataclasses import dataclass, field
@@ -36,6 +37,7 @@ class Place:
     client: Any  # distributed.Client
     most_workers: int  # that there may be; 0 where nobody knows
     last_seen: list[WorkerSeen] = field(default_factory=list)
+    files: Counter[str] = field(default_factory=Counter)  # sent, by digest: how many senders hold it
 
     def workers(self) -> list[WorkerSeen]:
         """The workers that are there now. OSError where the scheduler has gone."""

@@ -69,7 +69,10 @@ class Sender:
         digest = copies.digest_of(path)
         if before is not None and before[1] != digest:
             self._forget(before[1])
-        if before is None or before[1] != digest or is_missing:
+        if before is None or before[1] != digest:
+            self.place.files[digest] += 1
+            is_missing |= self.place.files[digest] == 1  # else another directory has the same file
+        if is_missing:
             self._send(path, digest)
         self.sent[name] = stamp, digest
         return digest
@@ -82,6 +85,9 @@ class Sender:
         self.place.client.register_plugin(sent)
 
     def _forget(self, digest: str) -> None:
+        self.place.files[digest] -= 1
+        if self.place.files[digest] > 0:
+            return
         if self.place.client.status == "running":
             self.place.client.unregister_worker_plugin(_NAME + digest)
 

@@ -14,6 +14,8 @@ heat moves). Presence multiplies the free strains' forces in the solver already.
 
 from __future__ import annotations
 
+from functools import partial
+
 import numpy as np
 
 from vkctl.basics.types import Array
@@ -27,6 +29,7 @@ from .. import history
 from ..limits.adjoint import FOLDER, AdjointError, Pull, solve_adjoint
 from ..limits.aggregates import nodal_forces
 from ..limits.sensitivity import mutual_work, sensitivity
+from ..runs import run_in
 from ..standing import Loop, OptimiseError
 
 
@@ -69,7 +72,7 @@ def _moved_by_forces(loop: Loop, model: Model | None, mode: formats.Mode) -> dic
         return moved
     folder = history.folder_of(loop.directory) / f"{FOLDER}-heated"
     try:
-        found = solve_adjoint(folder, model, loop.state.model, pulled, mode, loop.vk_rund)
+        found = solve_adjoint(folder, model, loop.state.model, pulled, mode, partial(run_in, loop))
     except AdjointError as error:
         raise OptimiseError(f"step {loop.state.step}: {error}", error.run) from None
     return moved | dict(zip((pull.case for pull in pulled), found, strict=True))

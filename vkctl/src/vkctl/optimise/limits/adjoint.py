@@ -11,17 +11,17 @@ from __future__ import annotations
 import json
 import shutil
 import time
-from collections.abc import Sequence
+from collections.abc import Callable, Sequence
 from dataclasses import dataclass, replace
 from pathlib import Path
 
 import numpy as np
 
-from vkctl.basics.types import Array, PathLike
+from vkctl.basics.types import Array
 from vkctl.directory import formats
 from vkctl.directory.model import LoadCase, Model, forces, set_flags, write
 from vkctl.running import processes
-from vkctl.running.run import RunResult, run, set_run_options
+from vkctl.running.run import RunResult, set_run_options
 
 FOLDER = "adjoint"  # in the loop's folder
 _MADE = "made"  # in it, once it is whole: what it was made for
@@ -50,11 +50,11 @@ def solve_adjoint(
     digest: str,
     pulls: Sequence[Pull],
     mode: formats.Mode,
-    vk_rund: PathLike | None = None,
+    run: Callable[[Path], RunResult],
 ) -> list[Array]:
     """Displacements (n, 3) of each pull at the model's levels, in either mode.
 
-    `digest` tells one model from another. AdjointError where both modes fail.
+    `run` has the solver do what a directory requests. `digest` tells one model from another. AdjointError where both modes fail.
     """
     while processes.worker_on(folder) is not None:  # outlived the loop that started it
         time.sleep(_POLL)
@@ -69,18 +69,18 @@ def solve_adjoint(
             formats.LoadCaseMap(case.constraints, case.forces2, case.forces3, case.scalars),
         )
     set_flags(folder, dict.fromkeys(range(1, len(cases) + 1), formats.LOADCASE_REQUESTED))
-    _solve(folder, mode, vk_rund)
+    _solve(folder, mode, run)
     return [
         formats.read_displacements(folder, number).astype(np.float64) * size
         for number, size in enumerate(sizes, 1)
     ]
 
 
-def _solve(folder: Path, mode: formats.Mode, vk_rund: PathLike | None) -> None:
+def _solve(folder: Path, mode: formats.Mode, run: Callable[[Path], RunResult]) -> None:
     others: tuple[formats.Mode, ...] = ("direct", "iterative")
     for taken in (mode, *(other for other in others if other != mode)):
         set_run_options(folder, mode=taken)
-        outcome = run(folder, vk_rund=vk_rund)
+        outcome = run(folder)
         if outcome.ok or outcome.outcome in ("killed", "interrupted"):
             break
     if not outcome.ok:

@@ -8,6 +8,7 @@ too: it falls while all values are below their limits and rises where one is abo
 from __future__ import annotations
 
 from dataclasses import dataclass, replace
+from functools import partial
 
 import numpy as np
 
@@ -23,6 +24,7 @@ from ..design import reach_of
 from ..following.weights import set_weights
 from ..history import HistoryRow
 from ..settings import Settings
+from ..runs import run_in
 from ..standing import Loop, OptimiseError
 from .adjoint import FOLDER, AdjointError, Pull, solve_adjoint
 from .aggregates import Value
@@ -186,7 +188,7 @@ def _adjoints(
     pulls = [Pull(steering.terms[k].case, values[k].pull) for k in solved]
     folder = history.folder_of(loop.directory) / FOLDER
     try:
-        found = solve_adjoint(folder, steering.model, loop.state.model, pulls, mode, loop.vk_rund)
+        found = solve_adjoint(folder, steering.model, loop.state.model, pulls, mode, partial(run_in, loop))
     except AdjointError as error:
         raise OptimiseError(f"step {loop.state.step}: {error}", error.run) from None
     return dict(zip(solved, found, strict=True))
