@@ -88,9 +88,7 @@ def verify_part(
         put(prepared, folder)
         _solve(folder, known, vk_rund, on_progress)
         kept = folder if keep else None
-        return compare(
-            place, original, folder, prepared, numbers, tolerance, kept, limits, reach
-        )
+        return compare(place, original, folder, prepared, numbers, tolerance, kept, limits, reach)
 
 
 def smooth_part(directory: PathLike) -> PartSurface:

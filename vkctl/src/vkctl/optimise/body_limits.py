@@ -32,7 +32,9 @@ class LimitCompared:
     held: bool  # by the body
 
     def told(self) -> str:
-        text = f"{self.name}: part {self.part:.4g}, body {self.body:.4g} of at most {self.at_most:g}"
+        text = (
+            f"{self.name}: part {self.part:.4g}, body {self.body:.4g} of at most {self.at_most:g}"
+        )
         return text if self.held else f"{text}: the body doesn't hold the limit"
 
 

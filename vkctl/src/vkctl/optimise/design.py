@@ -84,6 +84,7 @@ class Design:
             # Members that stay make the volume lag: gone to at once, it would wear away all others.
             _, rest = self._met(levels, criterion, volume, 1.0, set_to, threshold, highest)
             highest = min(highest, _MOST_RAISED * rest)
+        following = levels
         for again in range(_MOST_ROUNDS):
             if again > 0 and not self._cleared_up(following, set_to):
                 break

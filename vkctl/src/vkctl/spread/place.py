@@ -37,7 +37,9 @@ class Place:
     client: Any  # distributed.Client
     most_workers: int  # that there may be; 0 where nobody knows
     last_seen: list[WorkerSeen] = field(default_factory=list)
-    files: Counter[str] = field(default_factory=Counter)  # sent, by digest: how many senders hold it
+    files: Counter[str] = field(
+        default_factory=Counter
+    )  # sent, by digest: how many senders hold it
 
     def workers(self) -> list[WorkerSeen]:
         """The workers that are there now. OSError where the scheduler has gone."""

@@ -114,7 +114,9 @@ def test_derivatives_under_weight_and_heat_are_the_differences_of_solved_values(
     levels = shelf.model.tp.astype(np.float64)
     solution = shelf.solve(levels)
     pull = Pull(1, nodal_forces(shelf.model, 1))
-    (by_forces,) = solve_adjoint(tmp_path / "a", shelf.model, "", [pull], "direct", partial(run, vk_rund=VK_RUND))
+    (by_forces,) = solve_adjoint(
+        tmp_path / "a", shelf.model, "", [pull], "direct", partial(run, vk_rund=VK_RUND)
+    )
     of_energy = sensitivity(shelf.model, solution, by_forces, energy_gain).gradient
     of_energy = of_energy + shelf.weight_slopes(by_forces)
     of_work = sensitivity(shelf.model, solution, by_forces).gradient

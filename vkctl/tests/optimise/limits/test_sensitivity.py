@@ -75,7 +75,9 @@ def plate(folder: Path, kind: str, slope: float, heated: bool) -> Plate:
 
 def adjoints(plate: Plate, values: list[Value]) -> list[Array]:
     pulls = [Pull(1, value.pull) for value in values]
-    return solve_adjoint(plate.folder / "adjoint", plate.model, "", pulls, "direct", partial(run, vk_rund=VK_RUND))
+    return solve_adjoint(
+        plate.folder / "adjoint", plate.model, "", pulls, "direct", partial(run, vk_rund=VK_RUND)
+    )
 
 
 @pytest.mark.parametrize(

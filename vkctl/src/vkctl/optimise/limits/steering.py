@@ -23,8 +23,8 @@ from .. import history
 from ..design import reach_of
 from ..following.weights import set_weights
 from ..history import HistoryRow
-from ..settings import Settings
 from ..runs import run_in
+from ..settings import Settings
 from ..standing import Loop, OptimiseError
 from .adjoint import FOLDER, AdjointError, Pull, solve_adjoint
 from .aggregates import Value
@@ -188,7 +188,9 @@ def _adjoints(
     pulls = [Pull(steering.terms[k].case, values[k].pull) for k in solved]
     folder = history.folder_of(loop.directory) / FOLDER
     try:
-        found = solve_adjoint(folder, steering.model, loop.state.model, pulls, mode, partial(run_in, loop))
+        found = solve_adjoint(
+            folder, steering.model, loop.state.model, pulls, mode, partial(run_in, loop)
+        )
     except AdjointError as error:
         raise OptimiseError(f"step {loop.state.step}: {error}", error.run) from None
     return dict(zip(solved, found, strict=True))
