@@ -14,8 +14,8 @@ from .limits.steering import HELD
 from .limits.terms import make_terms
 
 FINER = (
-    "a body has notches that the loop's mesh is too coarse for: where a limit must hold on it, take "
-    "smaller elements or a lower limit"
+    "a body has notches that the loop's mesh is too coarse for: where a limit must hold on it, "
+    "take smaller elements or a lower limit"
 )
 
 Sides = tuple[Results, Results]  # of the part and of the body

@@ -1,4 +1,4 @@
-"""The solver on a directory of a loop, its own or one of adjoint load cases: here, or on workers."""
+"""The solver on a directory of a loop, or of its adjoint load cases: here, or on workers."""
 
 from __future__ import annotations
 

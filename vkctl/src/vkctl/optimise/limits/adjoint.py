@@ -54,7 +54,8 @@ def solve_adjoint(
 ) -> list[Array]:
     """Displacements (n, 3) of each pull at the model's levels, in either mode.
 
-    `run` has the solver do what a directory requests. `digest` tells one model from another. AdjointError where both modes fail.
+    `run` has the solver do what a directory requests. `digest` tells one model from another.
+    AdjointError where both modes fail.
     """
     while processes.worker_on(folder) is not None:  # outlived the loop that started it
         time.sleep(_POLL)
