@@ -82,6 +82,7 @@ class State:
     following: list[int] = field(default_factory=list)  # load cases whose weight follows the levels
     widened: float = 1.0  # times the radius, so that the members can have their sizes
     sized: int = 0  # first step whose design has the sizes that are wished; 0: none yet
+    returned: int = 0  # the latest step that solved the levels of an earlier one again
 
 
 def folder_of(directory: PathLike) -> Path:
@@ -182,7 +183,7 @@ def read_state(directory: PathLike) -> State | None:
     if isinstance(said, dict):
         # Earlier versions didn't note these.
         since_then = {"mode": "automatic", "void": [], "wishes": "", "case_file": ""}
-        said = {**since_then, "following": [], "sized": 0, "widened": 1.0, **said}
+        said = {**since_then, "following": [], "sized": 0, "returned": 0, "widened": 1.0, **said}
     if not isinstance(said, dict) or not _is_state(said):
         raise formats.FormatError(path, "it holds no state of an optimisation")
     return State(**said)
@@ -196,7 +197,7 @@ def _is_state(said: dict[str, Any]) -> bool:
     return (
         all(
             type(said[name]) is int and said[name] >= 0
-            for name in ("step", "running", "since", "sized")
+            for name in ("step", "running", "since", "sized", "returned")
         )
         and 1 <= said["since"] <= said["step"]
         and all(isinstance(said[name], str) for name in _TEXTS)

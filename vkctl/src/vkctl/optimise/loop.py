@@ -31,6 +31,7 @@ from .following.criteria import criteria_of
 from .history import HistoryRow, LockedError
 from .limits.steering import begin_steering, has_settled, needs_steering, steer, told_limits
 from .pieces import Pieces
+from .returning import go_back, has_gone_back, lost_step, told_return
 from .settings import Settings, read_settings
 from .sizing import follow_sizes, read_sizes, told_sizes, write_sizes
 from .solving import give_back_mode, solve_somehow
@@ -61,7 +62,7 @@ class Optimised:
     levels: Array  # per design point, of the last step solved
     pieces: Pieces  # that these leave
     cut: float  # part of the elements that the surface goes through
-    told: list[str] = field(default_factory=list)  # a sentence for each limit
+    told: list[str] = field(default_factory=list)  # a sentence for each limit, or on a return
     sizes: Sizes | None = None  # measured, where sizes were wished
     told_sizes: list[str] = field(default_factory=list)  # a sentence for each of them
 
@@ -131,13 +132,18 @@ def _run_steps(loop: Loop, on_step: Callable[[StepShown], None] | None) -> Optim
 
     read_sizes(loop)
     loop.steering = begin_steering(loop) if needs_steering(loop) else None
-    while loop.state.step <= loop.settings.steps and not converged():
+    while (left := loop.settings.steps - loop.state.step) >= 0:
+        settled = converged()
+        if settled and lost_step(loop) is None:
+            break
+        if settled or left == 0:
+            go_back(loop)
         shown = _step(loop)
         if on_step is not None:
             on_step(shown)
     last = max(loop.state.step - 1, 1)
     levels = levels_of(loop, last)
-    told = [] if loop.steering is None else told_limits(loop.steering.rows)
+    told = told_return(loop) if loop.steering is None else told_limits(loop.steering.rows)
     pieces = _pieces(loop, levels)
     cut = cut_share(loop.design.space, loop.design.levels_of_nodes(levels))
     done = Optimised(loop.directory, loop.rows, converged(), levels, pieces, cut, told)
@@ -154,7 +160,7 @@ def _waits_for_sizes(loop: Loop) -> bool:
 def _is_settled(loop: Loop) -> bool:
     if loop.steering is not None and not has_settled(loop):
         return False
-    rows = loop.rows[loop.state.since - 1 :]
+    rows = loop.rows[loop.state.since - 1 : -1 if has_gone_back(loop) else None]
     return loop.settings.goal == "mass" or has_converged(rows, loop.settings)
 
 
