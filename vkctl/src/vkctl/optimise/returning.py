@@ -12,6 +12,7 @@ from .standing import Loop, levels_of
 _LOST = (
     0.02  # part that the objective is above that of the best step, from which it is gone back to
 )
+_AT_HOME = 10  # steps at the volume that is wanted, before which the loop is still on its way
 _MET = 2e-4  # of the design volume: as much has the part what it was to have
 
 
@@ -29,10 +30,10 @@ def lost_step(loop: Loop) -> int | None:
         for row in loop.rows[loop.state.since - 1 :]
         if abs(row.target - volume) <= 1e-9 and abs(row.volume - volume) <= _MET
     ]
-    best = min(rows, key=lambda row: row.objective, default=None)
-    if best is None or loop.rows[-1].objective <= (1 + _LOST) * best.objective:
+    if len(rows) < _AT_HOME:
         return None
-    return best.step
+    best = min(rows, key=lambda row: row.objective)
+    return best.step if loop.rows[-1].objective > (1 + _LOST) * best.objective else None
 
 
 def go_back(loop: Loop) -> None:
