@@ -133,12 +133,15 @@ def calculix_seconds(ccx: str, directory: Path, threads: int) -> float:
 # --- the figures -----------------------------------------------------------------------------
 
 
-def box_rows(name: str, build: Path, which: str, ccx_seconds: float, threads: int) -> list[Row]:
+def box_rows(
+    name: str, build: Path, which: str, coloured: bool, ccx_seconds: float, threads: int
+) -> list[Row]:
     with folder() as directory:
-        write_box(directory, "hex8", BOXES[which], 1)
+        write_box(directory, "hex8", BOXES[which], 1, coloured=coloured)
         whole = run_best(build, directory, "iterative", threads, RUNS if which == "box" else 1)
         found = iteration(build, directory, threads)
-    title = f"hexahedra, {found['equations']:,.0f} equations"
+    order_of = "numbered by vkctl" if coloured else "nodes along x"
+    title = f"hexahedra, {found['equations']:,.0f} equations, {order_of}"
     rows = [
         (name, f"{title}: whole run, {whole.iterations} iterations", whole.seconds, "s"),
         (name, f"{title}: peak memory", whole.peak_gb, "GB"),
@@ -220,8 +223,11 @@ def measured(
             seconds = calculix_seconds(ccx, directory, threads)
     for name, build in builds.items():
         for which in BOXES:
-            if which in only:
-                yield from box_rows(name, build, which, seconds if which == "box" else 0.0, threads)
+            if which not in only:
+                continue
+            for coloured in (True, False) if which == "box" else (True,):
+                beside = seconds if which == "box" else 0.0
+                yield from box_rows(name, build, which, coloured, beside, threads)
         for kind in BRACKETS:
             if kind in only:
                 for meshed in (False, True):

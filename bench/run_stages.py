@@ -25,7 +25,8 @@ ROOT = Path(__file__).resolve().parent.parent
 sys.path.insert(0, str(ROOT / "vkctl" / "src"))
 
 from vkctl.directory.model import LoadCase, Material, Model, write  # noqa: E402
-from vkctl.shapes.boxes import Kind, box  # noqa: E402
+from vkctl.shapes.boxes import Kind, box, renumbered  # noqa: E402
+from vkctl.shapes.ordering import in_colours  # noqa: E402
 
 STAGES = (
     "1_read",
@@ -54,9 +55,15 @@ def write_box(
     mode: int,
     threads: int = 0,
     crossing: bool = False,
+    coloured: bool = False,
 ) -> None:
-    """A clamped box with a pull at its other end, all of material unless the level crosses zero."""
+    """A clamped box with a pull at its other end, all of material unless the level crosses zero.
+
+    Hexahedra may be numbered in colours, as vkctl numbers what it meshes, else nodes run along x.
+    """
     part = box(kind, cells, size=(float(cells[0]), float(cells[1]), float(cells[2])))
+    if coloured:
+        part = renumbered(part, in_colours(part.nodes, part.elements.hex8 - 1))
     case = LoadCase().prescribe(part.face("x-"))
     case.load(*part.traction("x+", (0.0, 0.0, -1.0)))
     model = Model(part.nodes, part.elements, [Material.isotropic(210000.0, 0.3)], [case])

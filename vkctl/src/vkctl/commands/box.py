@@ -35,11 +35,14 @@ def box_command(
     from vkctl.directory import model
     from vkctl.directory.sides import side_sets
     from vkctl.shapes import boxes
+    from vkctl.shapes.ordering import in_colours
 
     if kind not in ("tet4", "hex8", "tet10", "mixed"):
         raise refuse(f"unknown kind {kind!r}: tet4, hex8, tet10 or mixed")
     with refusing(ValueError):
         part = boxes.box(kind, cells, size)  # type: ignore[arg-type]
+    if kind == "hex8":  # numbered as `new` numbers what it meshes
+        part = boxes.renumbered(part, in_colours(part.nodes, part.elements.hex8 - 1))
     case = model.LoadCase().prescribe(part.face("x-")).load(*part.traction("x+", traction))
     whole = model.Model(
         part.nodes, part.elements, [model.Material.isotropic(modulus, poisson)], [case]

@@ -1,8 +1,8 @@
 """The mesh of the solver, made from a part.
 
 `make_mesh` turns a `Part` into a `PartMesh`: nodes numbered from 1 in the order of their labels, or
-along the part where it was meshed here, unused ones dropped, coordinates rounded to the 32-bit
-numbers that the solver reads, elements of positive volume.
+to suit the iterative mode where it was meshed here, unused ones dropped, coordinates rounded to the
+32-bit numbers that the solver reads, elements of positive volume.
 """
 
 from __future__ import annotations
@@ -15,6 +15,7 @@ from vkctl.basics.arrays import distinct
 from vkctl.basics.types import Array
 from vkctl.basics.words import counted
 from vkctl.shapes.elements import Elements
+from vkctl.shapes.ordering import along_the_part, in_colours
 from vkctl.shapes.topology import HEX8, NODES_PER_TYPE, TET4, TET10
 
 from .orientation import orient
@@ -59,7 +60,7 @@ def make_mesh(part: Part, *, scale: float = 1.0, reorder: bool = True) -> PartMe
         used[lookup.positions(rows)] = True
     order = np.flatnonzero(used)[np.argsort(part.labels[used], kind="stable")]
     if part.meshed:
-        order = order[along_the_part(part.points[order])]
+        order = _order_of_ours(part, lookup, order)
     rank = np.zeros(len(used), np.int32)  # number of each position, 0 for unused ones
     rank[order] = np.arange(1, len(order) + 1)
     nodes = _rounded(part.points[order] * scale)
@@ -92,19 +93,18 @@ def refuse_unsupported(part: Part) -> None:
         raise PartError(f"the part has no solid elements{found}; mesh its volume")
 
 
-def along_the_part(points: Array) -> Array:
-    """Positions of the points in order along the longest side of their box.
+def _order_of_ours(part: Part, lookup: Lookup, chosen: Array) -> Array:
+    """Positions of the chosen nodes of a part that was meshed here, in the order of their numbers.
 
-    The iterative mode sweeps through the equations in the order of the nodes. Where these follow
-    each other through the part, a sweep carries further than in the mesher's order, which takes
-    points, curves and surfaces before what is inside. Equal points keep their order; whether they
-    are equal is judged in 32 bits, where a mesher's rounding is gone.
+    Meshes of hexahedra alone have colours; for tetrahedra no order was found that needs fewer
+    iterations than that along the part.
     """
-    with np.errstate(over="ignore", invalid="ignore"):
-        rounded = points.astype(np.float32)
-        longest = int(np.argmax(np.ptp(rounded, axis=0))) if len(points) else 0
-    order: Array = np.argsort(rounded[:, longest], kind="stable")
-    return order
+    if any(code != HEX8 for code, _, _ in part.solids):
+        return chosen[along_the_part(part.points[chosen])]
+    place = np.zeros(len(part.labels), np.int32)
+    place[chosen] = np.arange(len(chosen), dtype=np.int32)
+    rows = np.concatenate([place[lookup.positions(rows)] for _, _, rows in part.solids])
+    return chosen[in_colours(part.points[chosen], rows)]
 
 
 _Block = tuple[int, Array, Array]  # type code, labels (k,), rows of node numbers (k, nodes)

@@ -44,7 +44,7 @@ def _cell_tetrahedra() -> Array:
 
 @dataclass
 class Box:
-    """Mesh of a box. Node numbers run along x fastest, then y, then z."""
+    """Mesh of a box. Node numbers run along x fastest, then y, then z, unless `renumbered`."""
 
     nodes: Array  # float64 (n, 3)
     elements: Elements
@@ -127,6 +127,22 @@ def box(
         points[tet10[:, 4:] - 1] = points[tet10[:, TET10_EDGES] - 1].mean(axis=2)
     elements = Elements.from_tables(**tables, materials=materials)
     return Box(points, elements, lattice, steps)
+
+
+def renumbered(part: Box, order: Array) -> Box:
+    """The box with its nodes in another order of their positions, and elements by lowest nodes.
+
+    The box is of elements of one type.
+    """
+    number = np.empty(len(order), np.int32)
+    number[order] = np.arange(1, len(order) + 1, dtype=np.int32)
+    old = part.elements
+    tables = {name: number[getattr(old, name) - 1] for name in _WIDTHS}
+    rows = next(table for table in tables.values() if len(table))
+    by_lowest = np.argsort(rows.min(axis=1), kind="stable")
+    tables = {name: table[by_lowest] if len(table) else table for name, table in tables.items()}
+    elements = Elements.from_tables(**tables, materials=old.materials[by_lowest])
+    return Box(part.nodes[order], elements, part.lattice[order], part.steps)
 
 
 def _shift(parts: Array) -> Array:
