@@ -5,8 +5,9 @@ from __future__ import annotations
 import numpy as np
 import pytest
 
-from vkctl.shapes import shells
+from vkctl.shapes import shells, smoothing
 from vkctl.shapes.boxes import box
+from vkctl.shapes.crossing import crossing
 from vkctl.shapes.cutting import Surface, body, surface
 from vkctl.shapes.simplices import at_points, tetrahedra
 from vkctl.shapes.smoothing import smoothed
@@ -34,7 +35,8 @@ KINDS = pytest.mark.parametrize("kind", ["tet4", "tet10", "hex8"])
 @KINDS
 def test_smoothing_keeps_the_volume_and_makes_normals_turn_less(kind: str) -> None:
     rough = cut(kind, jagged)
-    points = smoothed(rough, np.zeros(len(rough.points), np.bool_))
+    points, overlapping = smoothed(rough, np.zeros(len(rough.points), np.bool_))
+    assert not overlapping
     assert shells.open_edges(rough.triangles) == 0
     before = shells.enclosed(rough.points, rough.triangles)
     assert shells.enclosed(points, rough.triangles) == pytest.approx(before, rel=1e-6)
@@ -58,7 +60,7 @@ def turning(points: np.ndarray, part: Surface) -> float:
 def test_faces_and_edges_of_the_mesh_and_fixed_points_stay(kind: str) -> None:
     rough = cut(kind, jagged)
     fixed = np.linalg.norm(rough.points - (6.0, 8.0, 2.0), axis=1) < 2.5
-    points = smoothed(rough, fixed)
+    points, _ = smoothed(rough, fixed)
     assert fixed.any() and np.array_equal(points[fixed], rough.points[fixed])
     for axis, end in ((0, 12.0), (1, 8.0), (2, 2.0)):
         for plane in (0.0, end):
@@ -77,3 +79,30 @@ def test_bodies_are_counted_without_the_walls_of_cavities() -> None:
     two = cut("hex8", lambda x, y, z: np.abs(x - 6.2) - 0.7)
     assert shells.bodies(two.points, two.triangles) == 2
     assert shells.open_edges(two.triangles[1:]) == 3
+
+
+def touched(points: np.ndarray, part: Surface) -> int:
+    return int(crossing(points, part.triangles, np.ones(len(part.triangles), np.bool_)).sum())
+
+
+@pytest.mark.parametrize("seed", [4, 7])
+def test_beads_and_threads_dont_cut_through_themselves_when_made_smooth(monkeypatch, seed) -> None:
+    rng = np.random.default_rng(seed)
+    scattered = rng.uniform(-1.0, 0.6, (13, 9, 3))
+
+    def level(x: np.ndarray, y: np.ndarray, z: np.ndarray) -> np.ndarray:
+        found = scattered[tuple(np.rint(c).astype(int) for c in (x, y, z))]
+        return np.asarray(np.where(np.abs(found) < 0.05, 0.05, found))
+
+    rough = cut("hex8", level)
+    nothing = np.zeros(len(rough.points), np.bool_)
+    assert touched(rough.points, rough) == 0
+    monkeypatch.setattr(smoothing, "_TRIALS", 1)
+    wrong, told = smoothed(rough, nothing)
+    assert touched(wrong, rough) > 0 and told >= touched(wrong, rough)
+    monkeypatch.undo()
+    points, left = smoothed(rough, nothing)
+    assert left == 0 and touched(points, rough) == 0
+    before = shells.enclosed(rough.points, rough.triangles)
+    assert shells.enclosed(points, rough.triangles) == pytest.approx(before, rel=1e-6)
+    assert np.abs(points - rough.points).max() > 0.1

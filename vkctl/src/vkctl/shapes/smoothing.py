@@ -4,7 +4,9 @@ Each round moves every point towards the mean of its neighbours and then, a litt
 from it: waves shorter than a few triangles go, longer ones stay (G. Taubin, SIGGRAPH 95, 351-358).
 A point on an outer face of the mesh stays in its plane, one on an edge between two on their line.
 Where the cut surface meets an outer face, neighbours are those along this curve alone. At the end
-the cut surface is moved along its normals by the one distance that restores the volume.
+the cut surface is moved along its normals by the one distance that restores the volume. Where
+triangles turn over or cut through others by that, as necks between beads do, points stay, and
+around them as many as it takes.
 """
 
 from __future__ import annotations
@@ -16,6 +18,7 @@ from scipy import sparse
 
 from vkctl.basics.types import Array
 
+from .crossing import crossing
 from .cutting import Surface
 from .shells import areas, edges_of, enclosed
 
@@ -23,26 +26,41 @@ _ROUNDS = 40
 _TOWARDS, _AWAY = 0.5, -0.53  # what is longer than some ten triangles passes
 _PLANE = 3e-4  # fourth of the squared angle, 2 degrees, up to which faces count as one plane
 _CORRECTIONS = 5
-_TRIALS = 6  # in each of which the corners of triangles that turned over stay as they were
+_TRIALS = 30  # in each of which more points stay as they were
 
 
-def smoothed(part: Surface, fixed: Array) -> Array:
-    """Points (n, 3) of a closed surface made smooth; those of the mask `fixed` stay."""
+def smoothed(part: Surface, fixed: Array) -> tuple[Array, int]:
+    """Points (n, 3) of a closed surface made smooth; those of the mask `fixed` stay.
+
+    And how many triangles are left that turned over or cut through others: hardly ever any.
+    """
     cut = np.asarray((part.levels[part.triangles] == 0).all(axis=1))
     freedom, ranks = _freedom(part, cut)
     means, alone = _means(part, cut, ranks)
-    freedom[fixed | alone] = 0.0
+    stays = fixed | alone
     for _ in range(_TRIALS):
+        freedom[stays] = 0.0
         points = part.points.copy()
         for _ in range(_ROUNDS):
             for share in (_TOWARDS, _AWAY):
                 points += share * _allowed(freedom, means @ points - points)
         points = _with_volume(points, part, cut, freedom)
-        turned = _turned(points, part)
-        if not turned.any():
+        wrong = _turned(points, part) | crossing(points, part.triangles, cut)
+        if not wrong.any():
             break
-        freedom[part.triangles[turned]] = 0.0
-    return points
+        stays = _more(stays, part.triangles, wrong)
+    return points, int(np.count_nonzero(wrong))
+
+
+def _more(stays: Array, triangles: Array, wrong: Array) -> Array:
+    """With the corners of triangles, and where these stayed already, of those around them."""
+    more = stays.copy()
+    more[triangles[wrong]] = True
+    stood = wrong & stays[triangles].all(axis=1)
+    at_them = np.zeros(len(stays), np.bool_)
+    at_them[triangles[stood]] = True
+    more[triangles[at_them[triangles].any(axis=1)]] = True
+    return more
 
 
 def _turned(points: Array, part: Surface) -> Array:

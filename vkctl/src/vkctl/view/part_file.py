@@ -37,6 +37,7 @@ class PartSurface:
     poorest: float  # quality of the triangles, 1 is equilateral,
     poorest_cut_out: float
     furthest: float  # that a point has moved
+    overlapping: int = 0  # triangles that smoothing made turn over or cut through others
 
 
 def part_of(directory: PathLike, smooth: bool = False, keep: Array | None = None) -> PartSurface:
@@ -51,7 +52,9 @@ def part_of(directory: PathLike, smooth: bool = False, keep: Array | None = None
             f"the surface has {gaps} edges without two neighbours: does the mesh have cracks, or "
             "hexahedra beside tetrahedra?"
         )
-    points = smoothed(part, _fixed(model, part, keep)) if smooth else part.points
+    points, overlapping = part.points, 0
+    if smooth:
+        points, overlapping = smoothed(part, _fixed(model, part, keep))
     return PartSurface(
         part.triangles,
         points,
@@ -61,6 +64,7 @@ def part_of(directory: PathLike, smooth: bool = False, keep: Array | None = None
         float(shells.qualities(points, part.triangles).min()),
         float(shells.qualities(part.points, part.triangles).min()),
         float(np.linalg.norm(points - part.points, axis=1).max()),
+        overlapping,
     )
 
 
@@ -88,6 +92,11 @@ def told(part: PartSurface) -> list[str]:
         lines.append(
             f"smooth: volume changed by {change:.2g} %, points moved {part.furthest:.3g} at most, "
             f"poorest triangle {part.poorest:.2g} (before {part.poorest_cut_out:.2g}, best 1)"
+        )
+    if part.overlapping:
+        lines.append(
+            f"{counted(part.overlapping, 'triangle')} turned over or cut through others: export "
+            "the part without smoothing where it has to be meshed"
         )
     return lines
 
