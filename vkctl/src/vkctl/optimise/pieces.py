@@ -39,7 +39,7 @@ class Joints:
     """What joins the nodes of a mesh, and what its load cases do to them."""
 
     points: Array  # (n, 3)
-    edges: Array  # (2, k) of the tetrahedra
+    edges: Array  # int32 (2, k) of the tetrahedra, each once, by the first of its nodes
     hexahedra: Array  # (8, h), whose centres have the mean level
     middles: Array  # (m, 3): a node in the middle of an edge and its corners, which give its level
     always: Array  # bool (n,): of an element that doesn't follow the level field
@@ -96,7 +96,7 @@ def _distinct(pairs: Array, count: int) -> Array:
     keys = np.minimum(*pairs.T) * count + np.maximum(*pairs.T)
     keys.sort()
     keys = keys[np.diff(keys, prepend=-1) != 0]
-    return np.stack((keys // count, keys % count))
+    return np.stack((keys // count, keys % count)).astype(np.int32)
 
 
 def _diagonals(rows: Array) -> Array:
@@ -129,6 +129,15 @@ def _components(pairs: Array, count: int) -> tuple[int, Array]:
     return int(number), label
 
 
+def _joined_in_order(pairs: Array, count: int) -> tuple[int, Array]:
+    """The same of pairs by the first of each, which need no sorting."""
+    begins = np.concatenate(([0], np.bincount(pairs[0], minlength=count).cumsum()))
+    ones = np.ones(pairs.shape[1])
+    graph = sparse.csr_array((ones, pairs[1], begins.astype(np.int32)), (count, count))
+    number, label = connected_components(graph, directed=False)
+    return int(number), label
+
+
 def find_pieces(joints: Joints, levels: Array) -> Pieces:
     """Pieces of the part that a level per node leaves."""
     count, of_node = _pieces(joints, levels)
@@ -151,9 +160,9 @@ def _pieces(joints: Joints, levels: Array) -> tuple[int, Array]:
     levels[middle] = 0.5 * (levels[ends[0]] + levels[ends[1]])
     full = (levels >= 0) & joints.used | joints.always
     first, second = joints.edges
-    edges = joints.edges[:, full.take(first) & full.take(second)]
-    joined = np.concatenate((edges, _spokes(joints, levels, full)), axis=1)
-    _, label = _components(joined, len(full))
+    edges = joints.edges.take(np.flatnonzero(full.take(first) & full.take(second)), axis=1)
+    count, label = _joined_in_order(edges, len(full))
+    label = _components(label[_spokes(joints, levels, full)], count)[1].take(label)
     numbers = np.zeros(len(full), np.int64)
     numbers[label[full]] = 1
     of_node = np.full(len(levels), _VOID, np.int64)
