@@ -18,6 +18,7 @@ from vkctl.directory.model import Material, Model
 from vkctl.directory.results import read_results
 from vkctl.optimise import as_body, optimise
 from vkctl.optimise.as_body import BodyError, Verified, verify_part
+from vkctl.optimise.body_compared import Solved, other_forces
 from vkctl.optimise.limits.aggregates import nodal_forces
 from vkctl.optimise.limits.table import read_weighed
 from vkctl.prepare.build import new
@@ -139,6 +140,18 @@ def test_a_load_on_a_face_that_is_partly_gone_is_told(verified: Verified, tmp_pa
     assert -1.18 < pressed.body.forces[1] < 0
     (note,) = found.notes
     assert "pressed: the forces on the part add up to (0, -1.2, 0), on the body to (0, -" in note
+
+
+def test_forces_that_act_beside_their_place_are_told() -> None:
+    def solved(turned: float, force: float = -1.0) -> Solved:
+        return Solved(1.0, 0.5, 1.0, (0.0, force, 0.0), (turned, 0.0, 3.0), 1.0)
+
+    assert other_forces("down", solved(0.5), solved(0.41), 1.0) == []
+    (note,) = other_forces("down", solved(0.5), solved(0.0), 1.0)
+    assert "as if they acted 0.5 beside it" in note
+    assert other_forces("down", solved(0.5), solved(0.0), 10.0) == []
+    (note,) = other_forces("down", solved(0.5), solved(0.0, -0.9), 1.0)
+    assert "add up to (0, -1, 0), on the body to (0, -0.9, 0)" in note
 
 
 def test_a_force_on_single_nodes_is_judged_by_the_energy_away_from_them(verified: Verified) -> None:

@@ -33,6 +33,7 @@ LOCKED = (
     "shape: with order = 2 in [mesh], or smaller elements, the loop's own figure comes closer"
 )
 _SAME_FORCES = 0.01  # of the largest sum; more is told
+_SAME_PLACE = 0.1  # mean edges of the part's mesh, by which forces may act elsewhere
 
 Measure = Literal["compliance", "strain energy"]
 
@@ -53,6 +54,8 @@ class Solved:
     strain_energy: float
     displacement: float  # the largest
     forces: tuple[float, float, float]  # sum of the nodal ones
+    moment: tuple[float, float, float]  # of them about the middle of the part's mesh
+    pull: float  # sum of their amounts
     away: float | None = None  # strain energy away from single nodes, where something acts on them
 
 
@@ -108,11 +111,14 @@ def compare(
     """`limits` are looked at on both, stresses further than `reach` from sets if not told else."""
     names, body = case_names(original), prepared.model
     compared, notes, sides = [], list(prepared.notes), {}
-    volumes, distance = (0.0, 0.0), AWAY * mean_edge(original)
+    edge = mean_edge(original)
+    volumes, distance = (0.0, 0.0), AWAY * edge
+    middle = 0.5 * (original.nodes.min(axis=0) + original.nodes.max(axis=0))
     for number in numbers or _requested(original):
         results = sides[number] = (_results(directory, number), _results(folder, number))
         part, own = (
-            _solved(whole, one) for whole, one in zip((original, body), results, strict=True)
+            _solved(whole, one, middle)
+            for whole, one in zip((original, body), results, strict=True)
         )
         volumes = (results[0].material_volume, results[1].material_volume)
         part, own = _with_energies_away(((original, part), (body, own)), results, distance)
@@ -121,7 +127,7 @@ def compare(
         if part.away and own.away is not None:
             away = own.away / part.away
         compared.append(Compared(number, names[number - 1], part, own, measure, ratio, away))
-        notes += _other_forces(titled(number, names), part, own)
+        notes += other_forces(titled(number, names), part, own, edge)
     if not compared:
         raise BodyError(f"no load case of {directory} is requested")
     count = len(body.elements)
@@ -175,14 +181,17 @@ def _results(directory: Path, number: int) -> Results:
     return results
 
 
-def _solved(whole: Model, results: Results) -> Solved:
+def _solved(whole: Model, results: Results, middle: Array) -> Solved:
     forces, moved = nodal_forces(whole, results.number), np.asarray(results.displacements)
     x, y, z = forces.sum(axis=0).tolist()
+    around_x, around_y, around_z = np.cross(whole.nodes - middle, forces).sum(axis=0).tolist()
     return Solved(
         float((forces * moved).sum()),
         results.strain_energy,
         float(np.linalg.norm(moved, axis=1).max()),
         (x, y, z),
+        (around_x, around_y, around_z),
+        float(np.linalg.norm(forces, axis=1).sum()),
     )
 
 
@@ -195,14 +204,24 @@ def _ratio(part: Solved, body: Solved, measure: Measure) -> float:
     return float(values[1] / values[0]) if values[0] else np.inf
 
 
-def _other_forces(title: str, part: Solved, body: Solved) -> list[str]:
-    """Where a load on the body isn't that on the part, as on a face that is partly gone."""
+def other_forces(title: str, part: Solved, body: Solved, edge: float) -> list[str]:
+    """A sentence where a load on the body isn't that on the part, with its mean edge.
+
+    As on a face that is partly gone, or on nodes some of which smoothing has taken elsewhere.
+    """
     before, after = np.array(part.forces), np.array(body.forces)
     largest = max(float(np.linalg.norm(one)) for one in (before, after))
-    if np.linalg.norm(after - before) <= _SAME_FORCES * largest:
-        return []
-    said = [place_words(without_noise(one, largest), 4) for one in (before, after)]
-    return [
-        f"{title}: the forces on the part add up to {said[0]}, on the body to {said[1]}: they act "
-        "on less or more of it"
-    ]
+    if np.linalg.norm(after - before) > _SAME_FORCES * largest:
+        said = [place_words(without_noise(one, largest), 4) for one in (before, after)]
+        return [
+            f"{title}: the forces on the part add up to {said[0]}, on the body to {said[1]}: they "
+            "act on less or more of it"
+        ]
+    turned = float(np.linalg.norm(np.array(body.moment) - part.moment))
+    if turned > _SAME_PLACE * edge * part.pull:
+        return [
+            f"{title}: the forces on the body have another moment than those on the part, as if "
+            f"they acted {turned / part.pull:.3g} beside it: their sets have other nodes there. "
+            "Sets that 'keep' names stay where they are"
+        ]
+    return []
