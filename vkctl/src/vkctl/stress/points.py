@@ -18,6 +18,7 @@ from .solution import Solution
 
 _BLOCK = 1 << 16  # points at a time
 _FLOOR = float(np.float32(0.001))  # of the presence
+_LARGE = 1e3  # number beyond which the fourth term of its arctangent is below rounding
 _SHARPER = 1000.0  # slope of the sharp presence over that of the smooth one
 HALF = 0.5  # share of material above which an element counts as present
 
@@ -185,12 +186,12 @@ def nodes_inside(solution: Solution, code: int, numbers: Array, rows: Array) -> 
 
 def sharp_presences(levels: Array, slope: float) -> Array:
     """Presences by which the solver sums volumes and energies, from 0.001 to 1, of levels."""
-    return _presences(_SHARPER * slope * levels)
+    return _presences(_arctangents(_SHARPER * slope * levels))
 
 
 def smooth_presences(levels: Array, slope: float) -> Array:
     """Presences by which the solver multiplies the stiffness, from 0.001 to 1, of levels."""
-    return _presences(slope * levels)
+    return _presences(np.arctan(slope * levels))
 
 
 def presence_slopes(levels: Array, slope: float) -> Array:
@@ -199,14 +200,29 @@ def presence_slopes(levels: Array, slope: float) -> Array:
     return found
 
 
-def _presences(steepened: Array) -> Array:
-    """How much of the material is present where the level times a slope is this."""
-    step: Array = np.atleast_1d(np.arctan(steepened))  # often of millions: in place
+def _arctangents(values: Array) -> Array:
+    """Of numbers that are large but for a few, for which three terms of the series suffice."""
+    flat = np.ravel(values)
+    with np.errstate(divide="ignore", over="ignore", invalid="ignore"):
+        inverse = 1.0 / flat
+        found = inverse * inverse
+        found /= 3.0
+        found -= 1.0
+        found *= inverse
+    found += np.copysign(0.5 * np.pi, flat)
+    near = np.flatnonzero(np.abs(flat) < _LARGE)
+    found[near] = np.arctan(flat[near])
+    return found.reshape(np.shape(values))
+
+
+def _presences(arctangents: Array) -> Array:
+    """How much of the material is present, from arctangents of the level times a slope."""
+    step: Array = np.atleast_1d(arctangents)  # often of millions: in place
     step /= np.pi
     step += 0.5
     step *= 1 - _FLOOR
     step += _FLOOR
-    return step.reshape(np.shape(steepened))
+    return step.reshape(np.shape(arctangents))
 
 
 @dataclass(frozen=True)
