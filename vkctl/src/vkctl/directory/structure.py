@@ -18,7 +18,7 @@ from .formats import RawStructure
 
 # Both bound temporary arrays.
 _ELEMENTS_PER_BLOCK = 1 << 16
-_NODES_PER_BLOCK = 1 << 16
+_NODES_PER_BLOCK = 1 << 13
 
 
 def node_neighbours(num_nodes: int, tables: Sequence[npt.ArrayLike]) -> tuple[Array, Array]:
@@ -51,34 +51,34 @@ def build_structure(num_nodes: int, tables: Sequence[npt.ArrayLike]) -> RawStruc
     is the largest distance of a column from its row, plus one. ValueError as `node_neighbours`.
     """
     start, neighbours = node_neighbours(num_nodes, tables)
-    per_node = np.diff(start)
-    lengths = (3 * per_node[:, None] - np.arange(3)).ravel()
+    lengths = (3 * np.diff(start)[:, None] - np.arange(3)).ravel()
     row_start = np.ones(3 * num_nodes + 1, np.int64)
     row_start[1:] += np.cumsum(lengths)
     columns = np.empty(row_start[-1] - 1, np.int32)
     for first in range(0, num_nodes, _NODES_PER_BLOCK):
         last = min(first + _NODES_PER_BLOCK, num_nodes)
-        block = slice(row_start[3 * first] - 1, row_start[3 * last] - 1)
-        columns[block] = _component_columns(
-            start[first : last + 1] - start[first],
-            neighbours[start[first] : start[last]],
-            lengths[3 * first : 3 * last],
+        columns[row_start[3 * first] - 1 : row_start[3 * last] - 1] = _component_columns(
+            start[first : last + 1] - start[first], neighbours[start[first] : start[last]]
         )
     return RawStructure(columns, row_start, _bandwidth(start, neighbours))
 
 
-def _component_columns(start: Array, neighbours: Array, lengths: Array) -> Array:
+def _component_columns(start: Array, neighbours: Array) -> Array:
     """1-based columns of the three component rows of a block of nodes.
 
     A node's x row holds the components of all its neighbours; the y row is that without its
     first entry, the z row without its first two.
     """
-    components = (3 * neighbours[:, None] + np.arange(1, 4, dtype=np.int32)).ravel()
-    source = (3 * start[:-1, None] + np.arange(3)).ravel()
-    target = np.cumsum(lengths) - lengths
-    gather = np.repeat(source - target, lengths)
+    counts = np.diff(start)
+    thrice = np.repeat(counts, 3)
+    begins = np.cumsum(thrice) - thrice
+    gather = np.repeat(np.repeat(start[:-1], 3) - begins, thrice)
     gather += np.arange(len(gather))
-    taken: Array = components[gather]
+    columns = 3 * neighbours.take(gather)[:, None] + np.arange(1, 4, dtype=np.int32)
+    kept = np.ones(columns.shape, np.bool_)
+    kept[begins[1::3], 0] = False
+    kept[begins[2::3], :2] = False
+    taken: Array = columns[kept]
     return taken
 
 
