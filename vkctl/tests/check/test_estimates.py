@@ -1,12 +1,15 @@
 """Faults that `vkctl.check.estimates` tells."""
 
+from pathlib import Path
+
 import numpy as np
 import pytest
 
 from vkctl.check import check
-from vkctl.check.estimates import check_estimate
+from vkctl.check.dissection import rising_sizes
+from vkctl.check.estimates import check_estimate, factored_time
 from vkctl.check.inputs import read_inputs
-from vkctl.directory import model
+from vkctl.directory import formats, model
 from vkctl.directory.model import LoadCase
 from vkctl.directory.structure import node_neighbours
 from vkctl.running.run import run
@@ -63,3 +66,32 @@ def test_the_factor_estimate_is_near_what_the_solver_reports(tmp_path):
     estimated = check(tmp_path).estimate
     reported = run(tmp_path).log.load_cases[0].memory_estimate_gb
     assert estimated["factor_gb"] == pytest.approx(reported, rel=0.3)
+
+
+def test_the_time_with_a_factor_is_estimated_only_as_far_as_it_is_asked_for(tmp_path, monkeypatch):
+    part = box("hex8", (14, 12, 12))
+    case = LoadCase().prescribe(part.face("x-")).load(part.corner("x+", "y+", "z+"), (0, 0, -1e-3))
+    model.write(sound(nodes=part.nodes, elements=part.elements, load_cases=[case])[0], tmp_path)
+    Path(tmp_path, formats.OPTIONS_FILE).write_text("Sys.ComputationMode=2\n")
+    whole = check(tmp_path).estimate["seconds"]
+    assert factored_time(tmp_path).is_below(1.001 * whole)
+    assert not factored_time(tmp_path).is_below(0.999 * whole)
+    asked = []
+
+    def counted(*arguments):
+        for size in rising_sizes(*arguments):
+            asked.append(size)
+            yield size
+
+    monkeypatch.setattr("vkctl.check.estimates.rising_sizes", counted)
+    time = factored_time(tmp_path)
+    assert asked == []
+    assert not time.is_below(0.1 * whole) and (few := len(asked)) > 0
+    assert not time.is_below(0.05 * whole) and len(asked) == few
+    assert time.is_below(2.0 * whole) and len(asked) > few
+
+
+def test_without_the_memory_for_a_factor_its_time_is_infinite(tmp_path, monkeypatch):
+    model.write(sound()[0], tmp_path)
+    monkeypatch.setattr("vkctl.check.estimates.available_gb", lambda: 0.001)
+    assert not factored_time(tmp_path).is_below(1e12)

@@ -9,6 +9,7 @@ about as well on meshes.
 
 from __future__ import annotations
 
+from collections.abc import Iterator
 from dataclasses import dataclass
 
 import numpy as np
@@ -126,8 +127,16 @@ def factor_size(points: Array, edges: tuple[Array, Array], components: int = 3) 
     `points` (n, 3), all finite, are the nodes, `edges` their couplings as two arrays of 0-based
     numbers.
     """
+    *_, found = FactorSize(0.0, 0.0), *rising_sizes(points, edges, components)
+    return found
+
+
+def rising_sizes(
+    points: Array, edges: tuple[Array, Array], components: int = 3
+) -> Iterator[FactorSize]:
+    """The same, after each level of the dissection: what the separators so far come to."""
     parts = _Parts(points, edges)
-    fronts: list[tuple[Array, Array]] = []
+    entries = operations = 0.0
     while (count := parts.renumber()) > 0:
         sizes = np.bincount(parts.part[parts.part >= 0], minlength=count)
         border = parts.border_sizes(count)
@@ -135,11 +144,11 @@ def factor_size(points: Array, edges: tuple[Array, Array], components: int = 3) 
         upper = parts.upper_halves(sizes)
         separator = parts.separators(upper, split)
         separator_sizes = np.bincount(parts.part[separator], minlength=count)
-        fronts.append((np.where(split, separator_sizes, sizes), border))
         parts.divide(upper, separator, split)
-    own, border = (
-        components * np.concatenate(side).astype(float) for side in zip(*fronts, strict=True)
-    )
-    entries = own * (own + 1) / 2 + own * border
-    operations = own**3 / 3 + own**2 * border + own * border**2
-    return FactorSize(float(entries.sum()), float(operations.sum()))
+        own, border = (
+            components * side.astype(float)
+            for side in (np.where(split, separator_sizes, sizes), border)
+        )
+        entries += float((own * (own + 1) / 2 + own * border).sum())
+        operations += float((own**3 / 3 + own**2 * border + own * border**2).sum())
+        yield FactorSize(entries, operations)

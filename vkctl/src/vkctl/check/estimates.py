@@ -10,6 +10,7 @@ from __future__ import annotations
 import math
 import os
 from collections.abc import Iterator
+from dataclasses import dataclass
 from pathlib import Path
 
 import numpy as np
@@ -21,7 +22,7 @@ from vkctl.directory.numbering import prescribed_components
 from vkctl.directory.structure import node_neighbours
 from vkctl.shapes.topology import HEX8, TET4, TET10
 
-from .dissection import FactorSize, factor_size
+from .dissection import FactorSize, factor_size, rising_sizes
 from .findings import Finding, note, warning
 from .inputs import ActiveMesh, Inputs, read_inputs
 
@@ -51,26 +52,18 @@ def estimate(inputs: Inputs) -> dict[str, float]:
     of a pattern's first load case and "next_seconds" of each further one, "iterative" 1 where no
     factor is used.
     """
-    mesh = inputs.mesh
-    if mesh is None or not inputs.sound_maps or not np.isfinite(mesh.nodes[mesh.used]).all():
+    matrix = _matrix(inputs)
+    if matrix is None:
         return {}
-    fixed = prescribed_components(inputs.maps[inputs.sound_maps[0]].constraints, len(mesh.nodes))
-    free = ~fixed & mesh.used[:, None]
-    equations = int(free.sum())
-    if equations == 0:
-        return {}
-    edges, points = _free_graph(mesh, np.asarray(free.any(axis=1)))
-    entries = 9.0 * len(edges[0]) * (equations / (3 * len(points))) ** 2 + 2.0 * equations
-    factor = factor_size(points, edges)
-    factor_gb = factor.entries * _BYTES_PER_FACTOR_ENTRY / _GB
-    factor_gb += _FACTOR_GB_PER_THREAD * (threads(inputs) - 1)
+    factor = factor_size(matrix.points, matrix.edges)
+    factor_gb = _factor_gb(inputs, factor)
     iterative = _is_iterative(inputs, factor_gb)
-    first, further = _case_seconds(inputs, mesh, entries, factor, len(points), iterative)
+    first, further = _case_seconds(inputs, matrix, factor, iterative)
     return {
-        "equations": equations,
-        "entries": round(entries),
+        "equations": matrix.equations,
+        "entries": round(matrix.entries),
         "factor_gb": factor_gb,
-        "memory_gb": _memory(inputs, mesh, entries, 0.0 if iterative else factor_gb),
+        "memory_gb": _memory(inputs, matrix, 0.0 if iterative else factor_gb),
         "seconds": _seconds(inputs, first, further),
         "first_seconds": first,
         "next_seconds": further,
@@ -78,15 +71,69 @@ def estimate(inputs: Inputs) -> dict[str, float]:
     }
 
 
-def factored_seconds(directory: PathLike) -> float:
-    """Seconds of all requested load cases with a factor; infinite where memory doesn't suffice."""
-    inputs, _ = read_inputs(Path(directory))
+@dataclass
+class FactoredTime:
+    """Seconds of all requested load cases with a factor, estimated as far as it is asked for."""
+
+    rising: Iterator[float]  # each at least as much as the one before, the last is the estimate
+    known: float = 0.0
+
+    def is_below(self, seconds: float) -> bool:
+        while self.known < seconds:
+            further = next(self.rising, None)
+            if further is None:
+                return True
+            self.known = further
+        return False
+
+
+def factored_time(directory: PathLike) -> FactoredTime:
+    """Of a working directory, read when it is first asked for; infinite without enough memory."""
+    return FactoredTime(_rising_seconds(Path(directory)))
+
+
+def _rising_seconds(directory: Path) -> Iterator[float]:
+    inputs, _ = read_inputs(directory)
     inputs.option_values["Sys.ComputationMode"] = MODES["direct"]
-    values = estimate(inputs)
-    there = available_gb()
-    if not values or (there is not None and values["memory_gb"] > there):
-        return math.inf
-    return values["seconds"]
+    matrix, there = _matrix(inputs), available_gb()
+    if matrix is None:
+        yield math.inf
+        return
+    for factor in rising_sizes(matrix.points, matrix.edges):
+        if there is not None and _memory(inputs, matrix, _factor_gb(inputs, factor)) > there:
+            yield math.inf
+            return
+        yield _seconds(inputs, *_case_seconds(inputs, matrix, factor, False))
+
+
+@dataclass(frozen=True)
+class _Matrix:
+    """Of a model: what its entries are and how nodes with equations are coupled."""
+
+    mesh: ActiveMesh
+    equations: int
+    entries: float
+    edges: tuple[Array, Array]  # 0-based, of the nodes with equations
+    points: Array  # (k, 3) where these are
+
+
+def _matrix(inputs: Inputs) -> _Matrix | None:
+    mesh = inputs.mesh
+    if mesh is None or not inputs.sound_maps or not np.isfinite(mesh.nodes[mesh.used]).all():
+        return None
+    fixed = prescribed_components(inputs.maps[inputs.sound_maps[0]].constraints, len(mesh.nodes))
+    free = ~fixed & mesh.used[:, None]
+    equations = int(free.sum())
+    if equations == 0:
+        return None
+    edges, points = _free_graph(mesh, np.asarray(free.any(axis=1)))
+    entries = 9.0 * len(edges[0]) * (equations / (3 * len(points))) ** 2 + 2.0 * equations
+    return _Matrix(mesh, equations, entries, edges, points)
+
+
+def _factor_gb(inputs: Inputs, factor: FactorSize) -> float:
+    found = factor.entries * _BYTES_PER_FACTOR_ENTRY / _GB
+    return found + _FACTOR_GB_PER_THREAD * (threads(inputs) - 1)
 
 
 def _free_graph(mesh: ActiveMesh, free: Array) -> tuple[tuple[Array, Array], Array]:
@@ -104,8 +151,9 @@ def _is_iterative(inputs: Inputs, factor_gb: float) -> bool:
     return mode == _ITERATIVE or (mode == _AUTOMATIC and 0 < budget < _MARGIN * factor_gb)
 
 
-def _memory(inputs: Inputs, mesh: ActiveMesh, entries: float, factor_gb: float) -> float:
+def _memory(inputs: Inputs, matrix: _Matrix, factor_gb: float) -> float:
     """Peak of the process, GB: with the factor, or while the raw structure is compressed."""
+    mesh, entries = matrix.mesh, matrix.entries
     nodes, elements = len(mesh.nodes), len(mesh.active)
     connectivity = sum(rows.size for _, rows in mesh.blocks.values())
     model = 60 * nodes + 10 * elements + 4 * connectivity
@@ -123,18 +171,14 @@ def threads(inputs: Inputs) -> int:
 
 
 def _case_seconds(
-    inputs: Inputs,
-    mesh: ActiveMesh,
-    entries: float,
-    factor: FactorSize,
-    nodes: int,
-    iterative: bool,
+    inputs: Inputs, matrix: _Matrix, factor: FactorSize, iterative: bool
 ) -> tuple[float, float]:
     """The first load case of a pattern and a further one, on threads as those measured on."""
+    mesh, entries = matrix.mesh, matrix.entries
     gain = 1 + _THREAD_GAIN * (threads(inputs) - 1)
     elements = sum(_ELEMENT_TIME[code] * len(rows) for code, (_, rows) in mesh.blocks.items())
     if iterative:
-        prepare, solve = 0.0, _iterations(mesh, nodes) * _SWEEP * entries
+        prepare, solve = 0.0, _iterations(mesh, len(matrix.points)) * _SWEEP * entries
     else:
         prepare = factor.operations / _FACTOR_SPEED / gain
         solve = _FACTOR_ITERATIONS * (_FACTOR_PASS * factor.entries + _SWEEP * entries)

@@ -15,16 +15,17 @@ from .history import HistoryRow
 CONVERGED = 1.0  # quality of a solve that met its tolerance
 _WORTH_AN_ESTIMATE = 0.5  # seconds of a step below which no factor is thought of
 _LOOK_AGAIN = 10  # steps after which the mode not taken is measured anew
+_OFF = 2.0  # factor by which an estimate may be too high
 _WORTH_A_LOOK = 2.0  # times the better one's time that the other may have taken to be tried again
 
 
-def next_mode(rows: list[HistoryRow], estimated: Callable[[], float]) -> Mode:
+def next_mode(rows: list[HistoryRow], factor_takes_less: Callable[[float], bool]) -> Mode:
     """Mode of the step that follows finished ones, oldest first.
 
-    The first step goes without a factor. A factor is tried once `estimated()`, the seconds of a
-    step with one to a factor of two (infinite where it doesn't fit), promises to be less than the
-    latest step took. From then on the faster one is taken, and the slower one looked at again now
-    and then. After a step that ended at the iteration limit all have a factor.
+    The first step goes without a factor. A factor is tried once `factor_takes_less`, which
+    estimates the seconds of a step with one to a factor of two, promises that it may take less than
+    the latest step took. From then on the faster one is taken, and the slower one looked at again
+    now and then. After a step that ended at the iteration limit all have a factor.
     """
     without = [row for row in rows if row.mode == "iterative"]
     factored = [row for row in rows if row.mode == "direct"]
@@ -34,7 +35,8 @@ def next_mode(rows: list[HistoryRow], estimated: Callable[[], float]) -> Mode:
         return "direct"
     if not factored:
         slow = without[-1].solving > _WORTH_AN_ESTIMATE
-        return "direct" if slow and 0.5 * estimated() < without[-1].solving else "iterative"
+        promising = slow and factor_takes_less(_OFF * without[-1].solving)
+        return "direct" if promising else "iterative"
     faster: Mode = "iterative" if without[-1].solving <= factored[-1].solving else "direct"
     fast, other = (without, factored) if faster == "iterative" else (factored, without)
     stale = rows[-1].step - other[-1].step >= _LOOK_AGAIN

@@ -46,7 +46,7 @@ class Loop:
     design: Design
     reach: float  # the radius of smoothing that settings and mesh have
     rows: list[HistoryRow]
-    factored_seconds: Callable[[], float]  # estimated for a step with a factor
+    factor_takes_less: Callable[[float], bool]  # estimated: a step with one, than so many seconds
     vk_rund: PathLike | None = None
     on_progress: Callable[[int, Progress], None] | None = None
     steering: Steering | None = None  # where several values count
