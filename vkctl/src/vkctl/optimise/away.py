@@ -8,7 +8,7 @@ Finite Element Analysis, 1991, 10.4), so that it can be compared between two mes
 from __future__ import annotations
 
 import numpy as np
-from scipy.spatial import cKDTree
+import scipy
 
 from vkctl.basics.types import Array
 from vkctl.directory.model import Model
@@ -38,7 +38,7 @@ def _without_face(model: Model, nodes: Array) -> Array:
 
 def energy_away(model: Model, results: Results, places: Array, distance: float) -> float:
     """Strain energy of the material further than `distance` from all places."""
-    tree, total = cKDTree(places), 0.0
+    tree, total = scipy.spatial.cKDTree(places), 0.0
     for block in integration_points(solution_of(model, results)):
         near, _ = tree.query(block.at.positions.reshape(-1, 3), distance_upper_bound=distance)
         energies = block.at.energies * block.volumes * block.presences

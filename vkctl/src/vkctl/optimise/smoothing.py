@@ -6,8 +6,7 @@ from dataclasses import dataclass
 from typing import Any
 
 import numpy as np
-from scipy import sparse
-from scipy.spatial import cKDTree
+import scipy
 
 from vkctl.basics.types import Array
 
@@ -24,7 +23,7 @@ class Near:
 
 def near_points(points: Array, radius: float) -> Near:
     """All pairs of points (p, 3) within a radius."""
-    pairs = cKDTree(points).query_pairs(radius, output_type="ndarray")
+    pairs = scipy.spatial.cKDTree(points).query_pairs(radius, output_type="ndarray")
     first, second = pairs.T.astype(np.int32)
     apart = points.take(first, axis=0) - points.take(second, axis=0)
     return Near(len(points), first, second, np.sqrt(np.einsum("pk,pk->p", apart, apart)))
@@ -47,7 +46,7 @@ def smoothing_of(near: Near, radius: float, without: Array | None = None) -> Any
         chosen &= ~(without[near.first] | without[near.second])
     first, second = near.first[chosen], near.second[chosen]
     weight, own = radius - near.distance[chosen], np.arange(near.count, dtype=np.int32)
-    weights = sparse.coo_array(
+    weights = scipy.sparse.coo_array(
         (
             np.concatenate((weight, weight, np.full(near.count, radius))),
             (np.concatenate((first, second, own)), np.concatenate((second, first, own))),

@@ -77,7 +77,7 @@ def _mode(loop: Loop) -> formats.Mode:
         return loop.settings.mode
     if loop.state.mode != "automatic":
         return loop.state.mode
-    return next_mode(loop.rows, loop.factored_seconds)
+    return next_mode(loop.rows, loop.factor_takes_less)
 
 
 def _shorten(loop: Loop, attempt: int) -> bool:

@@ -5,7 +5,7 @@ from __future__ import annotations
 from dataclasses import dataclass
 
 import numpy as np
-from scipy.spatial import cKDTree
+import scipy
 
 from vkctl.basics.types import Array
 
@@ -61,7 +61,7 @@ def _near(facets: _Facets, only: Array) -> tuple[Array, Array]:
     """Pairs of triangles whose boxes may meet, by the middles of these."""
     middles = 0.5 * (facets.low + facets.high)
     longest = float((facets.high - facets.low).max())
-    tree = cKDTree(middles.T, balanced_tree=False)
+    tree = scipy.spatial.cKDTree(middles.T, balanced_tree=False)
     first, second = tree.query_pairs(longest, p=np.inf, output_type="ndarray").T
     wanted = only[first] | only[second]
     return first[wanted], second[wanted]

@@ -6,12 +6,14 @@ many iterations it takes.
 
 from __future__ import annotations
 
+from collections.abc import Sequence
+from dataclasses import dataclass
+
 import numpy as np
-from scipy import sparse
-from scipy.sparse.csgraph import connected_components
 
 from vkctl.basics.types import Array
 
+from .groups import distinct, groups_of_links
 from .topology import HEX8_EDGES
 
 _MOST_COUPLED = 63  # nodes around a node, so that its colour is one of 64 bits
@@ -47,7 +49,7 @@ def in_colours(points: Array, hexahedra: Array) -> Array:
     rows = rank[hexahedra]
     halves = _halves(rows, len(points))
     coupled = _coupled(rows, halves)
-    if np.diff(coupled.indptr).max(initial=0) > _MOST_COUPLED:
+    if np.diff(coupled.begins).max(initial=0) > _MOST_COUPLED:
         return along_the_part(points)
     order: Array = by_place[np.lexsort((_colours(coupled), halves))]
     return order
@@ -67,24 +69,56 @@ def _longest_first(points: Array) -> list[int]:
     return sorted(range(3), key=lambda axis: -sides[axis])
 
 
+@dataclass(frozen=True)
+class _Graph:
+    """Neighbours of each node, those of one after the other's, each once."""
+
+    begins: Array  # (n + 1,)
+    neighbours: Array
+
+    def owners(self) -> Array:
+        """The node of each neighbour."""
+        return np.repeat(np.arange(len(self.begins) - 1), np.diff(self.begins))
+
+    def around(self, nodes: Array) -> tuple[Array, Array]:
+        """Neighbours of some nodes, one node's after the other's, and where each node's end."""
+        begin = self.begins[nodes]
+        counts = self.begins[nodes + 1] - begin
+        ends = counts.cumsum()
+        places = np.arange(ends[-1]) + np.repeat(begin - (ends - counts), counts)
+        return self.neighbours[places], ends
+
+
+def _joined(pairs: Sequence[Array], count: int) -> _Graph:
+    """Of so many nodes that pairs (k, 2) join."""
+    either = [np.minimum(*some.T).astype(np.int64) * count + np.maximum(*some.T) for some in pairs]
+    low, high = np.divmod(distinct(np.concatenate(either)), count)
+    first, second = np.divmod(
+        np.sort(np.concatenate((low * count + high, high * count + low))), count
+    )
+    begins = np.concatenate(([0], np.bincount(first, minlength=count).cumsum()))
+    return _Graph(begins, second)
+
+
 def _halves(rows: Array, count: int) -> Array:
     """0 or 1 for each of so many nodes: ends of an edge differ, where the mesh allows it.
 
     From the lowest node of each piece on. A ring of an odd number of elements has a seam.
     """
-    edges = _joined((rows[:, HEX8_EDGES].reshape(-1, 2),), count)
+    edges = _joined([rows[:, HEX8_EDGES].reshape(-1, 2)], count)
     half = np.full(count, _NOT_YET, np.int8)
-    front = np.unique(connected_components(edges, directed=False)[1], return_index=True)[1]
+    pieces = groups_of_links(count, edges.owners(), edges.neighbours)
+    front = np.unique(pieces, return_index=True)[1]
     now = 0
     while len(front):
         half[front] = now
-        around = _around(edges, front)[0]
-        front = np.unique(around[half[around] == _NOT_YET])
+        around = edges.around(front)[0]
+        front = distinct(around[half[around] == _NOT_YET])
         now = 1 - now
     return half
 
 
-def _coupled(rows: Array, halves: Array) -> sparse.csr_array:
+def _coupled(rows: Array, halves: Array) -> _Graph:
     """Which nodes of a half share an element."""
     half_of = halves[rows]
     pairs = [
@@ -92,48 +126,30 @@ def _coupled(rows: Array, halves: Array) -> sparse.csr_array:
         for first in range(8)
         for second in range(first)
     ]
-    return _joined(tuple(pairs), len(halves))
+    return _joined(pairs, len(halves))
 
 
-def _joined(pairs: tuple[Array, ...], count: int) -> sparse.csr_array:
-    """A symmetric matrix of ones at pairs (k, 2) of so many nodes, each once."""
-    first, second = np.concatenate(pairs).T
-    ones = np.ones(len(first), np.bool_)
-    one_way = sparse.coo_array((ones, (first, second)), (count, count))
-    both = sparse.csr_array(one_way + one_way.T)
-    both.sum_duplicates()
-    return both
-
-
-def _colours(coupled: sparse.csr_array) -> Array:
+def _colours(coupled: _Graph) -> Array:
     """The lowest colour that no lower node has taken around each node, node by node upwards.
 
     Nodes whose lower neighbours have their colours are taken at once.
     """
-    count = coupled.shape[0]
+    count = len(coupled.begins) - 1
     colour = np.full(count, _NOT_YET, np.int64)
     taken = np.zeros(count, np.uint64)  # the bit of a node's colour
-    owners = np.repeat(np.arange(count), np.diff(coupled.indptr))
-    waiting = np.bincount(owners[coupled.indices < owners], minlength=count)
+    owners = coupled.owners()
+    waiting = np.bincount(owners[coupled.neighbours < owners], minlength=count)
     front = np.flatnonzero(waiting == 0)
     while len(front):
-        around, ends = _around(coupled, front)
+        around, ends = coupled.around(front)
         bits = _any_of(taken[around], ends)
         free = ~bits & (bits + np.uint64(1))  # lowest bit that isn't set
         taken[front] = free
         colour[front] = np.frexp(free.astype(np.float64))[1] - 1
         above = around[colour[around] == _NOT_YET]
         np.subtract.at(waiting, above, 1)
-        front = np.unique(above[waiting[above] == 0])
+        front = distinct(above[waiting[above] == 0])
     return colour
-
-
-def _around(graph: sparse.csr_array, nodes: Array) -> tuple[Array, Array]:
-    """Neighbours of some nodes, one node's after the other's, and where each node's end."""
-    begin, counts = graph.indptr[nodes], np.diff(graph.indptr)[nodes]
-    ends = counts.cumsum()
-    places = np.arange(ends[-1]) + np.repeat(begin - (ends - counts), counts)
-    return graph.indices[places], ends
 
 
 def _any_of(bits: Array, ends: Array) -> Array:

@@ -3,8 +3,7 @@
 from __future__ import annotations
 
 import numpy as np
-from scipy import sparse
-from scipy.sparse.csgraph import connected_components
+import scipy
 
 from vkctl.basics.types import Array
 
@@ -38,10 +37,10 @@ def enclosed(points: Array, triangles: Array) -> float:
 def bodies(points: Array, triangles: Array) -> int:
     """Closed surfaces that hang together and aren't the walls of a cavity."""
     edges, _ = edges_of(triangles)
-    graph = sparse.coo_array(
+    graph = scipy.sparse.coo_array(
         (np.ones(len(edges), np.bool_), (edges[:, 0], edges[:, 1])), shape=(len(points),) * 2
     )
-    _, shell = connected_components(graph, directed=False)
+    _, shell = scipy.sparse.csgraph.connected_components(graph, directed=False)
     volumes = np.bincount(shell[triangles[:, 0]], _cones(points, triangles))
     return int(np.count_nonzero(volumes > 0))
 

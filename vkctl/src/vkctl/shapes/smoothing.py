@@ -14,7 +14,7 @@ from __future__ import annotations
 from typing import Any
 
 import numpy as np
-from scipy import sparse
+import scipy
 
 from vkctl.basics.types import Array
 
@@ -116,7 +116,7 @@ def _means(part: Surface, cut: Array, ranks: Array) -> tuple[Any, Array]:
     )
     degree = np.bincount(pairs[:, 0], minlength=count)
     shares = 1.0 / np.maximum(degree, 1)[pairs[:, 0]]
-    means = sparse.csr_array((shares, (pairs[:, 0], pairs[:, 1])), shape=(count, count))
+    means = scipy.sparse.csr_array((shares, (pairs[:, 0], pairs[:, 1])), shape=(count, count))
     return means, (degree == 0) | (on_rim & (degree != 2))
 
 

@@ -5,7 +5,7 @@ from __future__ import annotations
 from dataclasses import dataclass
 
 import numpy as np
-from scipy.spatial import cKDTree
+import scipy
 
 from vkctl.ask.study import find_set, set_nodes
 from vkctl.basics.types import Array
@@ -95,7 +95,7 @@ def _nodes(model: Model, limit: Limit, radius: float) -> Array:
     if limit.away_from:
         reach = radius if limit.distance is None else limit.distance
         chosen = np.concatenate([_nodes_of_set(model, name) for name in limit.away_from])
-        distance, _ = cKDTree(model.nodes[chosen - 1]).query(model.nodes)
+        distance, _ = scipy.spatial.cKDTree(model.nodes[chosen - 1]).query(model.nodes)
         mask = distance > reach
         if not mask.any():
             raise ValueError(

@@ -6,9 +6,7 @@ from dataclasses import dataclass
 from typing import Any
 
 import numpy as np
-from scipy import sparse
-from scipy.sparse.csgraph import connected_components
-from scipy.spatial import cKDTree
+import scipy
 
 from vkctl.basics.types import Array
 
@@ -50,9 +48,9 @@ class Columns:
         even = ((self.order >= len(self.line)) & (self.order < count)).any(axis=1, keepdims=True)
         line, place = np.nonzero((self.order < count) & ((self.order >= len(self.line)) | ~even))
         chosen = (np.ones(len(line)), (line, self.order[line, place]))
-        member = sparse.csr_matrix(chosen, (len(self.order), count))
+        member = scipy.sparse.csr_matrix(chosen, (len(self.order), count))
         sizes = np.diff(member.indptr)
-        mean = (sparse.diags(1.0 / sizes) @ member @ self.sample).tocsr()
+        mean = (scipy.sparse.diags(1.0 / sizes) @ member @ self.sample).tocsr()
         return mean[self.line], sizes[self.line]
 
 
@@ -61,13 +59,13 @@ def columns_along(field: Field, direction: tuple[float, float, float]) -> Column
     axis = np.array(direction) / np.linalg.norm(direction)
     height = field.points @ axis
     count, line = _lines(field.points - np.outer(height, axis), _SAME * field.edge)
-    own = sparse.identity(len(field.points), format="csr")
+    own = scipy.sparse.identity(len(field.points), format="csr")
     sample, lines, heights = own, line, height
     if (np.bincount(line) < 2).any():
         stations, of_lines = _stations(field, axis, height, line, count)
         values = sampling(field, stations)
         there = np.diff(values.indptr) > 0
-        sample = sparse.vstack((own, values[there])).tocsr()
+        sample = scipy.sparse.vstack((own, values[there])).tocsr()
         lines = np.concatenate((line, of_lines[there]))
         heights = np.concatenate((height, (stations @ axis)[there]))
     order, place = _ordered(lines, heights, count)
@@ -76,10 +74,10 @@ def columns_along(field: Field, direction: tuple[float, float, float]) -> Column
 
 def _lines(across: Array, reach: float) -> tuple[int, Array]:
     """How many lines there are, and that of each point, from places across the direction."""
-    pairs = cKDTree(across).query_pairs(reach, output_type="ndarray")
+    pairs = scipy.spatial.cKDTree(across).query_pairs(reach, output_type="ndarray")
     ones = np.ones(len(pairs), np.bool_)
-    near = sparse.coo_matrix((ones, (pairs[:, 0], pairs[:, 1])), (len(across), len(across)))
-    count, line = connected_components(near, directed=False)
+    near = scipy.sparse.coo_matrix((ones, (pairs[:, 0], pairs[:, 1])), (len(across), len(across)))
+    count, line = scipy.sparse.csgraph.connected_components(near, directed=False)
     return int(count), line
 
 

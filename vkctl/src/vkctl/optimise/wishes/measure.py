@@ -12,7 +12,7 @@ from __future__ import annotations
 from dataclasses import dataclass, replace
 
 import numpy as np
-from scipy import ndimage
+import scipy
 
 from vkctl.basics.types import Array, PathLike
 from vkctl.directory.levels import level_field
@@ -83,10 +83,10 @@ def _smallest(phase: Array, inside: Array, step: float) -> float | None:
         core = phase & (depth >= radius - 0.5)  # half a step is what places leave open
         if not core.any():
             return float((diameter - 1.0) * step)
-        lost = phase & (ndimage.distance_transform_edt(~core) > radius + _ROUNDING)
+        lost = phase & (scipy.ndimage.distance_transform_edt(~core) > radius + _ROUNDING)
         if not lost.any():
             continue
-        away = ndimage.distance_transform_edt(lost | ~phase)
+        away = scipy.ndimage.distance_transform_edt(lost | ~phase)
         if (away[lost] > _LONG * radius + 1.0).any():
             return float((diameter - 1.0) * step)
     return float(diameters[-1] * step)

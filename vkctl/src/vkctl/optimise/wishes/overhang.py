@@ -12,7 +12,7 @@ from __future__ import annotations
 from dataclasses import dataclass
 
 import numpy as np
-from scipy.spatial import cKDTree
+import scipy
 
 from vkctl.basics.types import Array
 from vkctl.shapes.topology import CORNERS_PER_TYPE, TYPES
@@ -100,7 +100,7 @@ def _in_cone(
     field: Field, axis: Array, angle: float, reach: float, some: Array | None = None
 ) -> tuple[Array, Array]:
     """Pairs of a point and one in the cone below it."""
-    tree = cKDTree(field.points)
+    tree = scipy.spatial.cKDTree(field.points)
     chosen = np.arange(len(field.points)) if some is None else some
     near = tree.query_ball_point(field.points[chosen], reach * field.edge)
     upper = np.repeat(chosen, [len(found) for found in near])

@@ -6,7 +6,7 @@ from dataclasses import dataclass
 from typing import Any
 
 import numpy as np
-from scipy import ndimage
+import scipy
 
 from vkctl.basics.types import Array
 
@@ -38,7 +38,7 @@ class Places:
     def at(self, values: Array, points: Array) -> Array:
         """Values of the grid, interpolated at points (k, 3)."""
         where = (points - self.lowest) / self.step
-        found: Array = ndimage.map_coordinates(values, where.T, order=1, mode="nearest")
+        found: Array = scipy.ndimage.map_coordinates(values, where.T, order=1, mode="nearest")
         return found
 
 
@@ -71,7 +71,7 @@ def depths(phase: Array, closed: tuple[bool, ...]) -> Array:
     if phase.all() and not any(closed):
         return np.full(phase.shape, float(max(phase.shape)))
     width = [(int(ends), int(ends)) for ends in closed]
-    within = ndimage.distance_transform_edt(np.pad(phase, width))
+    within = scipy.ndimage.distance_transform_edt(np.pad(phase, width))
     own = within[
         tuple(slice(ends, ends + n) for (ends, _), n in zip(width, phase.shape, strict=True))
     ]
@@ -83,5 +83,5 @@ def distances(some: Array) -> Array:
     """Distance in steps of each place to the nearest of some, infinite where there are none."""
     if not some.any():
         return np.full(some.shape, np.inf)
-    found: Array = ndimage.distance_transform_edt(~some)
+    found: Array = scipy.ndimage.distance_transform_edt(~some)
     return found

@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 import numpy as np
-from scipy.spatial import cKDTree
+import scipy
 
 from vkctl.basics.types import Array
 from vkctl.prepare.face_sets import Faces
@@ -19,7 +19,9 @@ def nodes_around(sets: Sets, name: str, key: str, thickness: float | None) -> Ar
         return own
     reach = thickness * (1.0 + _ROUNDING)
     nodes = sets.mesh.nodes
-    near = cKDTree(nodes[own - 1]).query(nodes, distance_upper_bound=reach)[0] <= reach
+    near = (
+        scipy.spatial.cKDTree(nodes[own - 1]).query(nodes, distance_upper_bound=reach)[0] <= reach
+    )
     for triangles in _triangles(_faces(sets, name, own)):
         near |= within(nodes, nodes[triangles - 1], reach)
     return np.flatnonzero(near & sets.active_nodes) + 1
@@ -48,7 +50,7 @@ def within(points: Array, triangles: Array, reach: float) -> Array:
     """Whether points (p, 3) are at most `reach` away from one of the triangles (t, 3, 3)."""
     middle = triangles.mean(axis=1)
     around = np.linalg.norm(triangles - middle[:, None], axis=2).max(axis=1)
-    near = cKDTree(points).query_ball_point(middle, around + reach)
+    near = scipy.spatial.cKDTree(points).query_ball_point(middle, around + reach)
     of_triangle = np.repeat(np.arange(len(triangles)), [len(some) for some in near])
     of_point = np.concatenate([np.empty(0, np.int64), *near]).astype(np.int64)
     distance = _distances(points[of_point], triangles[of_triangle])

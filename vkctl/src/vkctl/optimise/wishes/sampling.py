@@ -6,8 +6,7 @@ from dataclasses import dataclass
 from typing import Any
 
 import numpy as np
-from scipy import sparse
-from scipy.spatial import cKDTree
+import scipy
 
 from vkctl.basics.types import Array
 from vkctl.directory import formats
@@ -37,7 +36,7 @@ def sampling(field: Field, places: Array, nearby: bool = True) -> Any:
     one just outside has the nearest point's, if `nearby`; rows of others are empty, and so are
     those in elements without design points.
     """
-    distance, nearest = cKDTree(field.points).query(places)
+    distance, nearest = scipy.spatial.cKDTree(field.points).query(places)
     row, column, weight = _interpolated(field, places, distance > _SAME * field.edge)
     inside = np.zeros(len(places), np.bool_)
     inside[row] = True
@@ -46,9 +45,11 @@ def sampling(field: Field, places: Array, nearby: bool = True) -> Any:
     rows = np.concatenate((row, near))
     columns = np.concatenate((column, nearest[near]))
     weights = np.concatenate((weight, np.ones(len(near))))
-    made = sparse.csr_matrix((weights, (rows, columns)), shape=(len(places), len(field.points)))
+    made = scipy.sparse.csr_matrix(
+        (weights, (rows, columns)), shape=(len(places), len(field.points))
+    )
     total = np.asarray(made.sum(axis=1)).ravel()
-    return sparse.diags(1.0 / np.where(total > 0, total, 1.0)) @ made
+    return scipy.sparse.diags(1.0 / np.where(total > 0, total, 1.0)) @ made
 
 
 def _interpolated(field: Field, places: Array, chosen: Array) -> tuple[Array, Array, Array]:

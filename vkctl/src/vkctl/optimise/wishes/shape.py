@@ -7,7 +7,7 @@ from dataclasses import dataclass
 from typing import Any
 
 import numpy as np
-from scipy import sparse
+import scipy
 
 from vkctl.basics.types import Array
 from vkctl.basics.words import counted, place_words
@@ -141,7 +141,7 @@ def _patterns(field: Field, wishes: Wishes) -> list[Mean]:
 
 def _over_images(field: Field, isometries: Array) -> Mean:
     """The mean over the images of each point that lie in the part."""
-    total = sparse.csr_matrix((len(field.points),) * 2)
+    total = scipy.sparse.csr_matrix((len(field.points),) * 2)
     there = np.zeros(len(field.points))
     for one in isometries:
         weights = sampling(field, field.points @ one[:3, :3].T + one[:3, 3])
@@ -156,6 +156,6 @@ def _over_images(field: Field, isometries: Array) -> Mean:
             f"have images outside of it, such as {lost}; check the points and directions of the "
             "pattern"
         )
-    matrix = (sparse.diags(1.0 / there) @ total).tocsr()
+    matrix = (scipy.sparse.diags(1.0 / there) @ total).tocsr()
     matrix.sort_indices()
     return Mean(matrix, there)

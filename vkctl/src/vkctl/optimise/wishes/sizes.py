@@ -14,7 +14,7 @@ from __future__ import annotations
 from dataclasses import dataclass, replace
 
 import numpy as np
-from scipy import ndimage
+import scipy
 
 from vkctl.basics.types import Array
 
@@ -77,10 +77,10 @@ class Balls:
         middles = _one_wide(within & level)
         # Where the grid has no clear middle the deepest places stand in.
         away = distances(middles | (depth >= self.radius)) > 0.5 * self.radius
-        middles |= within & away & (depth >= ndimage.maximum_filter(depth, 3))
+        middles |= within & away & (depth >= scipy.ndimage.maximum_filter(depth, 3))
         slender = middles & (depth < _SLENDER * self.radius)
-        near = ndimage.binary_dilation(slender, _EVERYWHERE)
-        numbers = np.where(slender, ndimage.label(near, _EVERYWHERE)[0], 0)
+        near = scipy.ndimage.binary_dilation(slender, _EVERYWHERE)
+        numbers = np.where(slender, scipy.ndimage.label(near, _EVERYWHERE)[0], 0)
         sums = np.bincount(numbers.ravel(), depth.ravel()) / np.bincount(numbers.ravel())
         sums[0] = self.radius
         middles &= sums[numbers] >= thin * self.radius
@@ -232,7 +232,7 @@ def _balls(
         raise ValueError(
             f"{what} = {size:.4g} in [optimise.sizes] is thicker than the design volume"
         )
-    away, nearest = ndimage.distance_transform_edt(~fitting, return_indices=True)
+    away, nearest = scipy.ndimage.distance_transform_edt(~fitting, return_indices=True)
     far = places.at(away, field.points)
     held = np.zeros_like(room)
     held[tuple(nearest[:, *places.nearest(field.points[always]).T])] = True

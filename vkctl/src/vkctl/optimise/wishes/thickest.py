@@ -16,7 +16,7 @@ from __future__ import annotations
 from dataclasses import dataclass, replace
 
 import numpy as np
-from scipy import ndimage
+import scipy
 
 from vkctl.basics.types import Array
 from vkctl.basics.words import place_words
@@ -77,7 +77,7 @@ class Thickest:
         full = depth >= self.radius - _UNSEEN
         if not full.any():
             return levels
-        middles = full & (depth >= ndimage.maximum_filter(depth, _RIDGE))
+        middles = full & (depth >= scipy.ndimage.maximum_filter(depth, _RIDGE))
         near = np.clip(2.0 * (_EDGED - self._away(middles) / self.gap), 0.0, 1.0)
         near[self.places.weights[np.flatnonzero(middles)].indices] = 1.0  # whatever the mesh
         return np.maximum(levels - _OPENED * near, -1.0)
