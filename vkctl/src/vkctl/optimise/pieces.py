@@ -10,8 +10,7 @@ from collections.abc import Iterator, Sequence
 from dataclasses import dataclass
 
 import numpy as np
-from scipy import sparse
-from scipy.sparse.csgraph import connected_components
+import scipy
 
 from vkctl.basics.types import Array
 from vkctl.basics.words import place_words
@@ -39,7 +38,8 @@ class Joints:
     """What joins the nodes of a mesh, and what its load cases do to them."""
 
     points: Array  # (n, 3)
-    edges: Array  # int32 (2, k) of the tetrahedra, each once, by the first of its nodes
+    edges: Array  # int32 (2, k) of the elements, each once, by the first of its nodes
+    diagonals: Array  # int32 (4, d) of faces of hexahedra: its ends, and the face's other corners
     hexahedra: Array  # (8, h), whose centres have the mean level
     middles: Array  # (m, 3): a node in the middle of an edge and its corners, which give its level
     always: Array  # bool (n,): of an element that doesn't follow the level field
@@ -74,22 +74,24 @@ def make_joints(model: Model, numbers: Sequence[int] | None = None) -> Joints:
     pairs = [
         tables[TET4][:, TET10_EDGES].reshape(-1, 2),
         tables[HEX8][:, HEX8_EDGES].reshape(-1, 2),
-        _diagonals(tables[HEX8]),
         middles[:, [0, 1]],
         middles[:, [0, 2]],
     ]
     count = len(model.nodes)
     edges = _distinct(np.concatenate(pairs), count)
+    diagonals = _diagonals(tables[HEX8])
     used = np.zeros(count, np.bool_)
     used[edges] = True
     names = case_names(model)
     skipped = np.flatnonzero(model.node_flags & formats.NODE_NO_LOADS)
     chosen = range(1, len(model.load_cases) + 1) if numbers is None else numbers
+    pairs_of_nodes = np.concatenate((edges, diagonals[:2]), axis=1)
     acting = (
-        _acting(model.load_cases[n - 1], titled(n, names), skipped, edges, count) for n in chosen
+        _acting(model.load_cases[n - 1], titled(n, names), skipped, pairs_of_nodes, count)
+        for n in chosen
     )
     hexahedra = np.ascontiguousarray(tables[HEX8].T)
-    return Joints(model.nodes, edges, hexahedra, middles, always, used, tuple(acting))
+    return Joints(model.nodes, edges, diagonals, hexahedra, middles, always, used, tuple(acting))
 
 
 def _distinct(pairs: Array, count: int) -> Array:
@@ -100,13 +102,15 @@ def _distinct(pairs: Array, count: int) -> Array:
 
 
 def _diagonals(rows: Array) -> Array:
-    """Of the faces of hexahedra, from the lowest node of each, as they are cut."""
-    faces = rows[:, HEX8_FACES]
-    lowest = faces.argmin(axis=2)[..., None]
-    opposite = np.take_along_axis(faces, (lowest + 2) % 4, axis=2)
-    return np.concatenate((np.take_along_axis(faces, lowest, axis=2), opposite), axis=2).reshape(
-        -1, 2
-    )
+    """Of the faces of hexahedra, from the lowest node of each, as they are cut; and the others."""
+    faces = rows[:, HEX8_FACES].reshape(-1, 4)
+    lowest = faces.argmin(axis=1)[:, None]
+    turned = np.take_along_axis(faces, (lowest + np.array([0, 2, 1, 3])) % 4, axis=1)
+    turned[:, 2:].sort(axis=1)
+    order = np.lexsort(turned.T)
+    turned = turned[order]
+    first = np.append(True, (turned[1:] != turned[:-1]).any(axis=1)) if len(turned) else slice(0)
+    return np.ascontiguousarray(turned[first].T.astype(np.int32))
 
 
 def _acting(case: LoadCase, title: str, skipped: Array, edges: Array, count: int) -> Acting:
@@ -124,8 +128,10 @@ def _acting(case: LoadCase, title: str, skipped: Array, edges: Array, count: int
 
 def _components(pairs: Array, count: int) -> tuple[int, Array]:
     """Of so many things that pairs (2, k) of them join: how many, and the number of each one's."""
-    graph = sparse.coo_array((np.ones(pairs.shape[1], np.bool_), tuple(pairs)), (count, count))
-    number, label = connected_components(graph, directed=False)
+    graph = scipy.sparse.coo_array(
+        (np.ones(pairs.shape[1], np.bool_), tuple(pairs)), (count, count)
+    )
+    number, label = scipy.sparse.csgraph.connected_components(graph, directed=False)
     return int(number), label
 
 
@@ -133,8 +139,8 @@ def _joined_in_order(pairs: Array, count: int) -> tuple[int, Array]:
     """The same of pairs by the first of each, which need no sorting."""
     begins = np.concatenate(([0], np.bincount(pairs[0], minlength=count).cumsum()))
     ones = np.ones(pairs.shape[1])
-    graph = sparse.csr_array((ones, pairs[1], begins.astype(np.int32)), (count, count))
-    number, label = connected_components(graph, directed=False)
+    graph = scipy.sparse.csr_array((ones, pairs[1], begins.astype(np.int32)), (count, count))
+    number, label = scipy.sparse.csgraph.connected_components(graph, directed=False)
     return int(number), label
 
 
@@ -159,15 +165,28 @@ def _pieces(joints: Joints, levels: Array) -> tuple[int, Array]:
     middle, *ends = joints.middles.T
     levels[middle] = 0.5 * (levels[ends[0]] + levels[ends[1]])
     full = (levels >= 0) & joints.used | joints.always
-    first, second = joints.edges
-    edges = joints.edges.take(np.flatnonzero(full.take(first) & full.take(second)), axis=1)
-    count, label = _joined_in_order(edges, len(full))
-    label = _components(label[_spokes(joints, levels, full)], count)[1].take(label)
-    numbers = np.zeros(len(full), np.int64)
-    numbers[label[full]] = 1
+    nodes = np.flatnonzero(full)
+    place = np.cumsum(full, dtype=np.int32) - 1  # among these
+    count, label = _joined_in_order(place.take(_within(joints.edges, full)), len(nodes))
+    others = np.concatenate((_diagonally(joints, full), _spokes(joints, levels, full)), axis=1)
+    count, united = _components(label.take(place.take(others)), count)
     of_node = np.full(len(levels), _VOID, np.int64)
-    of_node[full] = (numbers.cumsum() - 1)[label[full]]
-    return int(numbers.sum()), of_node
+    of_node[nodes] = united.take(label)
+    return count, of_node
+
+
+def _within(pairs: Array, full: Array) -> Array:
+    """Those of pairs (2, k) of nodes both of which are in a mask."""
+    return pairs.take(np.flatnonzero(full.take(pairs[0]) & full.take(pairs[1])), axis=1)
+
+
+def _diagonally(joints: Joints, full: Array) -> Array:
+    """Pairs (2, k) across faces of hexahedra with no other material: else edges join them."""
+    first, second, *others = joints.diagonals
+    alone = np.flatnonzero(full.take(first) & full.take(second))
+    for other in others:
+        alone = alone[~full.take(other.take(alone))]
+    return joints.diagonals[:2].take(alone, axis=1)
 
 
 def _spokes(joints: Joints, levels: Array, full: Array) -> Array:

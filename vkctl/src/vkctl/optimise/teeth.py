@@ -10,7 +10,7 @@ import numpy as np
 
 from vkctl.basics.types import Array
 
-from .volume import Cells, DesignVolume
+from .volume import Cells, DesignVolume, blocks_of
 
 # Part of what lies around a node, weighted by its shape function, that is material. A flat surface
 # through the node leaves a half, an edge of 90 degrees a quarter of it or three.
@@ -21,19 +21,22 @@ MOST_AROUND = 0.8  # for a node outside
 def uneven_nodes(space: DesignVolume, levels: Array) -> Array:
     """Nodes, bool (n,), that are teeth or dents of the surface that a level per node has."""
     inside = levels > 0
-    cut = [_cut(cells, inside) for cells in space.cells]
+    counts = [cells.of_corners(inside) for cells in space.cells]
     near = np.zeros(len(levels), np.bool_)
-    for cells, of_cells in zip(space.cells, cut, strict=True):
-        near[cells.corners.take(of_cells, axis=1)] = True
     full = np.zeros(len(levels))
-    for cells, of_cells in zip(space.cells, cut, strict=True):
-        all_over = cells.of_corners(inside) == len(cells.corners)
-        whole = np.flatnonzero(all_over & (cells.of_corners(near) > 0))
-        for some, parts in (
-            (cells.some(whole), cells.parts.take(whole, axis=1)),
-            (cells.some(of_cells), _inside(cells.some(of_cells), levels)),
-        ):
-            full += np.bincount(some.corners.ravel(), parts.ravel(), len(levels))
+    for cells, count in zip(space.cells, counts, strict=True):
+        cut = _cut(cells, count)
+        corners = cells.corners.take(cut, axis=1)
+        near[corners] = True
+        parts = np.empty(corners.shape)
+        for block in blocks_of(len(cut)):
+            parts[:, block] = _inside(cells, levels, cut[block])
+        full += np.bincount(corners.ravel(), parts.ravel(), len(levels))
+    for cells, count in zip(space.cells, counts, strict=True):
+        whole = np.flatnonzero(count == len(cells.corners))
+        beside = whole[near.take(cells.corners.take(whole, axis=1)).any(axis=0)]
+        corners, parts = (each.take(beside, axis=1) for each in (cells.corners, cells.parts))
+        full += np.bincount(corners.ravel(), parts.ravel(), len(levels))
     share = full[near] / space.around[near]
     found = np.zeros(len(levels), np.bool_)
     found[near] = np.where(inside[near], share < LEAST_AROUND, share > MOST_AROUND)
@@ -42,17 +45,17 @@ def uneven_nodes(space: DesignVolume, levels: Array) -> Array:
 
 def cut_share(space: DesignVolume, levels: Array) -> float:
     """Part of the elements that follow the level field through which its surface goes."""
-    cut = sum(len(_cut(cells, levels > 0)) for cells in space.cells)
+    cut = sum(len(_cut(cells, cells.of_corners(levels > 0))) for cells in space.cells)
     return cut / sum(len(cells.wholes) for cells in space.cells)
 
 
-def _cut(cells: Cells, inside: Array) -> Array:
-    """Places of the elements some corners of which are in a mask of nodes, but not all."""
-    count = cells.of_corners(inside)
+def _cut(cells: Cells, count: Array) -> Array:
+    """Places of the elements of whose corners so many (e,) are in a mask: some, but not all."""
     return np.flatnonzero((count > 0) & (count < len(cells.corners)))
 
 
-def _inside(cells: Cells, levels: Array) -> Array:
-    """Integrals (c, e) of the corners' functions over the material."""
-    inside = cells.levels(levels) > 0
-    return np.asarray(np.einsum("ep,cp->ce", inside * cells.volumes[cells.rows], cells.shapes))
+def _inside(cells: Cells, levels: Array, places: Array) -> Array:
+    """Integrals (c, e) of the corners' functions over the material, of a block of elements."""
+    inside = cells.levels(levels, places) > 0
+    volumes = inside * cells.volumes[cells.rows[places]]
+    return np.asarray(cells.shapes @ volumes.T)
