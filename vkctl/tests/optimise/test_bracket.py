@@ -47,3 +47,26 @@ def test_awkward_functions_are_bracketed_down_to_the_last_digits(
 def test_without_a_root_the_search_ends_at_the_end_that_is_nearest_to_one() -> None:
     assert search(lambda x: 1.0 - 0.5 * x, 0.01)[0] == 1.0
     assert search(lambda x: -0.1 - x, 0.01)[0] < 1e-17
+
+
+def test_a_steepness_that_is_known_leads_to_the_root_in_few_trials() -> None:
+    def falling(x: float) -> float:
+        return 0.5 - x / (x + 0.3)
+
+    first = Bracket(0.0, 1.0, 0.31, steepness=4.0)
+    tried: list[float] = []
+    while abs(value := falling(first.trial)) > 1e-9 and len(tried) < 10:
+        tried.append(first.trial)
+        first.narrow(value)
+    assert len(tried) <= 4
+    assert first.learnt == pytest.approx(4.0, rel=0.05)  # 1 / (d value / d log x) at the root
+
+
+@pytest.mark.parametrize("steepness", [1e-9, 1e9, math.inf, 0.0])
+def test_a_steepness_that_is_wrong_costs_trials_but_not_the_root(steepness: float) -> None:
+    bracket, trials = Bracket(0.0, 1.0, 0.9, steepness=steepness), 0
+    while abs(value := 0.5 - bracket.trial / (bracket.trial + 1e-3)) > 1e-9 and trials < 40:
+        trials += 1
+        bracket.narrow(value)
+    assert bracket.trial == pytest.approx(1e-3, rel=1e-7)
+    assert trials <= 20

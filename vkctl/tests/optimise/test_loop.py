@@ -21,8 +21,9 @@ from vkctl.directory.model import read, write
 from vkctl.directory.results import read_results
 from vkctl.optimise import HistoryRow, OptimiseError, optimise, read_history
 from vkctl.optimise import history as loop_files
+from vkctl.optimise.begun import start
 from vkctl.optimise.loop import Optimised, combined, has_converged, objective
-from vkctl.optimise.settings import Settings
+from vkctl.optimise.settings import Settings, read_settings
 from vkctl.prepare import CaseFileError, new
 
 ROOT = Path(__file__).resolve().parents[3]
@@ -123,6 +124,15 @@ def test_more_steps_carry_a_finished_loop_further(tmp_path: Path) -> None:
     more = optimise(cases, tmp_path / "d", steps=4, vk_rund=VK_RUND)
     assert more.rows[:2] == first.rows and len(more.rows) == 4
     assert [row.target for row in more.rows] == pytest.approx([1.0, 0.95, 0.9, 0.85])
+
+
+def test_a_loop_that_goes_on_looks_for_the_threshold_where_it_did_before(tmp_path: Path) -> None:
+    cases = write_small(tmp_path, "steps = 3\nreduction = 0.1\n")
+    optimise(cases, tmp_path / "d", vk_rund=VK_RUND)
+    kept = state_of(tmp_path / "d")
+    assert kept.ratio != 1.0 and kept.steepness is not None and kept.steepness > 0
+    sought = start(cases, tmp_path / "d", read_settings(cases), None).design.sought
+    assert (sought.ratio, sought.steepness) == (kept.ratio, kept.steepness)
 
 
 def test_another_volume_is_approached_from_where_the_loop_stands(tmp_path: Path) -> None:

@@ -6,13 +6,13 @@ import hashlib
 import json
 import tomllib
 from collections.abc import Sequence
-from functools import cache, partial
 from pathlib import Path
 
 import numpy as np
 
+from vkctl.basics.ahead import load_ahead
 from vkctl.basics.types import Array, PathLike
-from vkctl.check.estimates import factored_seconds
+from vkctl.check.estimates import factored_time
 from vkctl.directory import formats
 from vkctl.directory.formats import file_names
 from vkctl.directory.model import Model, read
@@ -23,7 +23,7 @@ from vkctl.running import processes
 from vkctl.stress.solution import option_of
 
 from . import history
-from .design import Design, make_design, reach_of
+from .design import Design, Sought, make_design, reach_of
 from .following.kinds import heated_cases, refuse_unknown
 from .following.weights import keep_bodies, read_weights
 from .history import State
@@ -66,6 +66,7 @@ def start(cases: PathLike, directory: Path, settings: Settings, reading: Reading
         refuse_overfull(design, settings)
     except ValueError as error:
         raise OptimiseError(str(error)) from None
+    design.sought = Sought(state.ratio, state.steepness)
     _take_wishes(directory, settings, state, design)
     rows = history.read_history(directory)[: state.step - 1]
     if len(rows) != state.step - 1:
@@ -82,7 +83,7 @@ def start(cases: PathLike, directory: Path, settings: Settings, reading: Reading
         design,
         reach,
         rows,
-        cache(partial(factored_seconds, directory)),
+        factored_time(directory).is_below,
         weights=read_weights(directory, model, state.following),
         heated=heated,
     )
@@ -102,6 +103,7 @@ def _begin(
     """Prepare the directory where needed, write the first levels and the first state."""
     prepared: Prepared | None = None
     if history.is_half_prepared(directory) or not Path(directory, file_names.NODES).exists():
+        load_ahead("scipy.spatial")  # while another process reads the part
         history.begin_preparing(directory)
         prepared = new(None, cases, directory, reading)
         history.end_preparing(directory)

@@ -3,11 +3,11 @@
 from __future__ import annotations
 
 from collections.abc import Sequence
-from dataclasses import dataclass
+from dataclasses import dataclass, replace
 from typing import Any
 
 import numpy as np
-from scipy import sparse
+import scipy
 
 from vkctl.basics.types import Array
 from vkctl.directory.levels import MEAN_LEVEL
@@ -16,7 +16,7 @@ from vkctl.directory.model import Model
 from .pieces import Joints, Pieces, find_pieces, loose_nodes, make_joints
 from .smoothing import near_points, smoothing_of
 from .teeth import uneven_nodes
-from .volume import DesignVolume, design_volume
+from .volume import MET, NEARLY_MET, DesignVolume, design_volume
 from .wishes.entries import SizeWishes, Wishes
 from .wishes.sampling import Field, mean_edge
 from .wishes.shape import Shape, make_shape
@@ -28,6 +28,28 @@ _NO_NODES = np.empty(0, np.int64)
 _MOST_ROUNDS = 3  # of a move and clearing up, since the volume moves the surface once more
 _MOST_RAISED = 1.1  # times the threshold of a design at rest, while sizes hold
 _ALL = 1e-3  # share of points outside a set below which all of those alike are in it
+
+
+@dataclass(frozen=True)
+class Sought:
+    """What the search for a threshold came to, from which the next step's begins."""
+
+    ratio: float = 1.0  # of the threshold to that of a design at rest
+    steepness: float | None = None  # by which its logarithm rises for each unit of volume less
+
+
+@dataclass
+class _Asked:
+    """A move of the levels, whose threshold is sought."""
+
+    levels: Array
+    criterion: Array  # as the wishes want it
+    volume: float
+    move: float
+    lowest: float  # of the criterion, where it is negative: what is sought lies above
+    least_unit: float  # of what is above or below the threshold
+    set_to: Array  # levels of points that don't move, no number elsewhere
+    steepness: float | None = None
 
 
 @dataclass
@@ -43,6 +65,7 @@ class Design:
     space: DesignVolume
     joints: Joints
     num_nodes: int
+    sought: Sought = Sought()
     latest: tuple[Array, Pieces] | None = None  # levels per node, and the pieces they leave
 
     def levels_of_nodes(self, levels: Array) -> Array:
@@ -76,22 +99,24 @@ class Design:
         Pieces that carry nothing are emptied at once, and teeth and dents of the surface levelled;
         the volume is met by the rest.
         """
-        criterion = self.shape.criterion(criterion, levels)
-        set_to = np.full(len(levels), np.nan)
-        threshold = float(np.quantile(criterion, 1.0 - volume))
-        highest = float(criterion.max())
+        asked = _asked(levels, self.shape.criterion(criterion, levels), volume, move)
+        at_rest = float(np.quantile(asked.criterion, 1.0 - volume)) - asked.lowest
+        highest = float(asked.criterion.max()) - asked.lowest
         if self.shape.has_sizes and self.shape.members_stay:
             # Members that stay make the volume lag: gone to at once, it would wear away all others.
-            _, rest = self._met(levels, criterion, volume, 1.0, set_to, threshold, highest)
-            highest = min(highest, _MOST_RAISED * rest)
-        following = levels
-        for again in range(_MOST_ROUNDS):
-            if again > 0 and not self._cleared_up(following, set_to):
+            rest = self._met(replace(asked, move=1.0), at_rest, highest)[1]
+            highest = min(highest, _MOST_RAISED * (asked.lowest + rest) - asked.lowest)
+        guess, asked.steepness = at_rest * self.sought.ratio, self.sought.steepness
+        following, above = self._met(asked, guess, highest, NEARLY_MET)
+        for again in range(1, _MOST_ROUNDS):
+            changed = self._cleared_up(following, asked.set_to)
+            if changed or (again == 1 and not self.shape.has_sizes):
+                following, above = self._met(asked, above, highest)
+            if not changed:
                 break
-            following, threshold = self._met(
-                levels, criterion, volume, move, set_to, threshold, highest, nearly=again > 0
-            )
-        return following, threshold
+        if not self.shape.has_sizes:
+            self.sought = Sought(above / at_rest if at_rest > 0 else 1.0, asked.steepness)
+        return following, asked.lowest + above
 
     def _cleared_up(self, following: Array, set_to: Array) -> bool:
         """Set what a moved field leaves loose or uneven to other levels; whether there is any."""
@@ -113,50 +138,38 @@ class Design:
         return self.shape.levels(following) if self.shape.has_sizes else following
 
     def _met(
-        self,
-        levels: Array,
-        criterion: Array,
-        volume: float,
-        move: float,
-        set_to: Array,
-        guess: float,
-        highest: float,
-        nearly: bool = False,
+        self, asked: _Asked, guess: float, highest: float, near: float = MET
     ) -> tuple[Array, float]:
-        """Of the levels that points are set to, unless they are no number, and else of the move."""
-
-        def moved(threshold: float) -> Array:
-            return self._moved(levels, criterion, threshold, move, set_to)
-
-        shift = min(float(criterion.min()), 0.0)  # what is looked for is positive
+        """The moved field with the volume asked for, and its threshold above the lowest."""
 
         def field(above: float) -> Array:
-            return self.levels_of_nodes(self.solved_levels(moved(shift + above)))
+            return self.levels_of_nodes(self.solved_levels(self._moved(asked, above)))
 
         if self.shape.has_sizes:
-            above = self.space.nearest_threshold(volume, highest - shift, field, guess - shift)
+            above = self.space.nearest_threshold(asked.volume, highest, field, guess)
         else:
-            above = self.space.threshold(volume, 0.0, highest - shift, field, guess - shift, nearly)
-        threshold = shift + above
-        return moved(threshold), threshold
+            above, asked.steepness = self.space.threshold(
+                asked.volume, highest, field, guess, asked.steepness, near
+            )
+        return self._moved(asked, above), above
 
-    def _moved(
-        self, levels: Array, criterion: Array, threshold: float, move: float, set_to: Array
-    ) -> Array:
-        unit = max(abs(threshold), _least_unit(criterion))
+    def _moved(self, asked: _Asked, above: float) -> Array:
+        """Of the levels that points are set to, unless they are no number, and else of the move."""
+        threshold = asked.lowest + above
+        unit = max(abs(threshold), asked.least_unit)
         if unit <= 0:
-            moved = np.ones_like(levels)
+            moved = np.ones_like(asked.levels)
         else:
-            wanted = criterion - threshold  # tried often: in place
+            wanted = asked.criterion - threshold  # tried often: in place
             wanted /= unit
             np.clip(wanted, -1.0, 1.0, out=wanted)
             wanted = self.evening @ wanted
             for made in self.shape.steady:  # images differ by the order of these sums
                 wanted = made(wanted)
             moved = np.clip(wanted, -1.0, 1.0)  # which sums round beyond
-            moved *= move
-            moved += (1.0 - move) * levels
-            np.copyto(moved, set_to, where=~np.isnan(set_to))
+            moved *= asked.move
+            moved += (1.0 - asked.move) * asked.levels
+            np.copyto(moved, asked.set_to, where=~np.isnan(asked.set_to))
         return moved if self.shape.has_sizes else self.shape.levels(moved)
 
     def loose(self, nodes: Array) -> Array:
@@ -183,9 +196,12 @@ def as_kept(levels: Array) -> Array:
     return levels.astype(np.float32).astype(np.float64)
 
 
-def _least_unit(criterion: Array) -> float:
-    """Of what is above or below the threshold: a threshold may be 0 where material can harm."""
-    return 0.5 * float(np.abs(criterion).mean()) if criterion.min() < 0 else 0.0
+def _asked(levels: Array, criterion: Array, volume: float, move: float) -> _Asked:
+    lowest = min(float(criterion.min()), 0.0)
+    # A threshold may be 0 where material can harm.
+    least_unit = 0.5 * float(np.abs(criterion).mean()) if lowest < 0 else 0.0
+    set_to = np.full(len(levels), np.nan)
+    return _Asked(levels, criterion, volume, move, lowest, least_unit, set_to)
 
 
 def make_design(
@@ -224,7 +240,7 @@ def make_design(
         _points_of(model, void_nodes),
     )
     smoothing = smoothing_of(near, radius)
-    evening = sparse.identity(len(points), format="csr")
+    evening = scipy.sparse.identity(len(points), format="csr")
     if evened:
         evening = smoothing_of(near, min(radius, _LEVEL_RADIUS * edge), shape.void)
     joints, count = make_joints(model, cases), len(model.nodes)

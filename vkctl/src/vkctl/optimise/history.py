@@ -83,6 +83,9 @@ class State:
     widened: float = 1.0  # times the radius, so that the members can have their sizes
     sized: int = 0  # first step whose design has the sizes that are wished; 0: none yet
     returned: int = 0  # the latest step that solved the levels of an earlier one again
+    # Of the latest search for a threshold, from which the next one begins.
+    ratio: float = 1.0
+    steepness: float | None = None
 
 
 def folder_of(directory: PathLike) -> Path:
@@ -182,8 +185,10 @@ def read_state(directory: PathLike) -> State | None:
         raise formats.FormatError(path, "it holds no state of an optimisation") from None
     if isinstance(said, dict):
         # Earlier versions didn't note these.
-        since_then = {"mode": "automatic", "void": [], "wishes": "", "case_file": ""}
-        said = {**since_then, "following": [], "sized": 0, "returned": 0, "widened": 1.0, **said}
+        since_then: dict[str, Any] = {"mode": "automatic", "void": [], "wishes": ""}
+        since_then |= {"case_file": "", "following": [], "sized": 0, "returned": 0}
+        since_then |= {"widened": 1.0, "ratio": 1.0, "steepness": None}
+        said = {**since_then, **said}
     if not isinstance(said, dict) or not _is_state(said):
         raise formats.FormatError(path, "it holds no state of an optimisation")
     return State(**said)
@@ -208,7 +213,8 @@ def _is_state(said: dict[str, Any]) -> bool:
         and all(_is_number(weight) for weight in _listed(said["weights"]))
         and len(said["weights"]) == len(said["load_cases"]) > 0
         and _is_number(said["widened"])
-        and (said["target"] is None or _is_number(said["target"]))
+        and _is_number(said["ratio"])
+        and all(said[name] is None or _is_number(said[name]) for name in ("target", "steepness"))
     )
 
 

@@ -213,6 +213,7 @@ def _step(loop: Loop) -> StepShown:
     write_design(loop, state.step + 1, following)
     write_sizes(loop, state.step + 1)
     state.step, state.running, state.target = state.step + 1, 0, next_target
+    state.ratio, state.steepness = loop.design.sought.ratio, loop.design.sought.steepness
     history.write_state(directory, state)
     history.forget(directory, state.step - 2)
     return StepShown(row, settings.steps, outcome, broken)

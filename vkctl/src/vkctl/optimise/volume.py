@@ -2,7 +2,7 @@
 
 from __future__ import annotations
 
-from collections.abc import Callable
+from collections.abc import Callable, Iterator
 from dataclasses import dataclass
 
 import numpy as np
@@ -18,13 +18,15 @@ from vkctl.shapes.topology import CORNERS_PER_TYPE, HEX8, TET4, TYPES
 from vkctl.stress.points import sharp_presences
 from vkctl.stress.solution import option_of
 
-from .bracket import FAR, NEAR, Bracket
+from .bracket import Bracket
 
 _UNCUT = 1e-3  # level above which, at all corners, an element counts as full; as empty below minus
 _MOST_TRIALS = 80
-_MET = 1e-5  # of the design volume: a point of an element is about as much
+# Elements at a time: products of larger matrices have threads, which spin on beside the solver.
+_BLOCK = 1 << 9
+MET = 1e-5  # of the design volume: a point of an element is about as much
 _FEW_TRIALS = 14
-_NEARLY_MET = 2e-4  # of the design volume
+NEARLY_MET = 2e-4  # of the design volume
 
 
 @dataclass(frozen=True)
@@ -58,11 +60,10 @@ class Cells:
             total += marks.take(corner)
         return total
 
-    def levels(self, nodes: Array) -> Array:
-        """Levels (e, p) at the points, from those of the nodes."""
-        # Not by a product of matrices, whose threads would go on spinning beside the solver.
-        at_corners = nodes[self.corners]
-        return np.asarray(np.einsum("ce,cp->ep", at_corners, self.shapes))
+    def levels(self, nodes: Array, places: Array) -> Array:
+        """Levels (e, p) at the points of a block of elements, from those of the nodes."""
+        at_corners = nodes.take(self.corners.take(places, axis=1))
+        return np.asarray(at_corners.T @ self.shapes)
 
 
 @dataclass(frozen=True)
@@ -91,26 +92,29 @@ class DesignVolume:
     def threshold(
         self,
         target: float,
-        low: float,
         high: float,
         field: Callable[[float], Array],
-        guess: float | None = None,
-        nearly: bool = False,
-    ) -> float:
-        """Where between `low` and `high` a field that falls with its threshold has a share.
+        guess: float,
+        steepness: float | None = None,
+        met: float = MET,
+    ) -> tuple[float, float | None]:
+        """Where up to `high` a field that falls with its threshold has a share, within `met`.
 
-        `field` gives levels per node; `nearly` says that the guess is nearly right. Elements that
-        are full or empty all over what is left of the range are summed once, so that late trials
-        look at few of them.
+        `field` gives levels per node. Of an earlier search nearby comes the steepness: by how much
+        the logarithm of the threshold rises for each unit that the share is to fall. Returned is
+        that of this search too. Elements that are full or empty all over what is left of the range
+        are summed once, so that late trials look at few of them.
         """
         settled, cells = 0.0, self.cells
-        first = 0.5 * (low + high) if guess is None else guess
-        bracket = Bracket(low, high, first, NEAR if nearly else FAR)
+        bracket = Bracket(0.0, high, guess, steepness)
         for _ in range(_MOST_TRIALS):
             nodes = field(bracket.trial)
             found = [filled(some, nodes, self.slope) for some in cells]
-            excess = settled + sum(float(f.volumes.sum()) for f in found) - target * self.total
-            if abs(excess) <= _MET * self.total or not bracket.narrow(excess):
+            excess = (settled + sum(float(f.volumes.sum()) for f in found)) / self.total - target
+            if abs(excess) <= met:
+                bracket.learn(excess)
+                break
+            if not bracket.narrow(excess):
                 break
             kept = []
             for some, of_cells in zip(cells, found, strict=True):
@@ -119,7 +123,7 @@ class DesignVolume:
                 settled += float(of_cells.volumes[done].sum())
                 kept.append(some.some(~done))
             cells = tuple(kept)
-        return bracket.trial
+        return bracket.trial, bracket.learnt or steepness
 
     def nearest_threshold(
         self, target: float, high: float, field: Callable[[float], Array], guess: float
@@ -129,9 +133,9 @@ class DesignVolume:
         best, found = np.inf, guess
         for _ in range(_FEW_TRIALS):
             excess = self.share(field(bracket.trial)) - target
-            if abs(excess) < best - _NEARLY_MET:  # where nothing changes the first is as good
+            if abs(excess) < best - NEARLY_MET:  # where nothing changes the first is as good
                 best, found = abs(excess), bracket.trial
-            if best <= _NEARLY_MET or not bracket.narrow(excess):
+            if best <= NEARLY_MET or not bracket.narrow(excess):
                 break
         return found
 
@@ -143,10 +147,17 @@ def filled(cells: Cells, nodes: Array, slope: float) -> Filled:
     volumes = cells.wholes.copy()
     volumes[empty] *= sharp_presences(np.array(-1.0), slope)
     cut = np.flatnonzero(~(full | empty))
-    some = cells.some(cut)
-    presences = sharp_presences(some.levels(nodes), slope)
-    volumes[cut] = np.einsum("ep,ep->e", presences, some.volumes[some.rows])
+    for block in blocks_of(len(cut)):
+        some = cut[block]
+        presences = sharp_presences(cells.levels(nodes, some), slope)
+        volumes[some] = np.einsum("ep,ep->e", presences, cells.volumes[cells.rows[some]])
     return Filled(volumes, full, empty)
+
+
+def blocks_of(count: int) -> Iterator[slice]:
+    """So many elements, as many at a time as let what belongs to their points keep to caches."""
+    for first in range(0, count, _BLOCK):
+        yield slice(first, first + _BLOCK)
 
 
 def design_volume(model: Model) -> DesignVolume:
