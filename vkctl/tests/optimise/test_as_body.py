@@ -12,6 +12,7 @@ import pytest
 from small_loops import VK_RUND, script, write_small
 from typer.testing import CliRunner
 
+from vkctl.basics.types import Array
 from vkctl.cli import app
 from vkctl.directory import model
 from vkctl.directory.model import Material, Model
@@ -27,6 +28,7 @@ from vkctl.prepare.readers.registry import mesh_within
 from vkctl.running.run import run
 from vkctl.shapes import shells
 from vkctl.shapes.boxes import box
+from vkctl.shapes.faces import boundary_faces, face_triangles
 from vkctl.shapes.topology import TET10
 from vkctl.stress.measures import von_mises
 from vkctl.stress.nodal import nodal_stress
@@ -86,14 +88,31 @@ def boxes(*spans: tuple[float, float, bool]) -> PartSurface:
     return PartSurface(all_sides, whole, 1, volume, volume, 1.0, 1.0, 0.0)
 
 
-def volume_of(surface: PartSurface, folder: Path, size: float) -> float:
+def uneven_plate() -> PartSurface:
+    """Its upper side is flat but for less than a ten-thousandth of its squares' edges."""
+    part = box("hex8", (4, 4, 1), (4.0, 4.0, 1.0))
+    points = part.nodes.copy()
+    inner = np.all((points[:, :2] > 0) & (points[:, :2] < 4), axis=1) & (points[:, 2] > 0)
+    points[inner, 2] += 3e-5 * np.random.default_rng(2).random(np.count_nonzero(inner))
+    triangles = face_triangles(boundary_faces(part.elements)) - 1
+    triangles = triangles if shells.enclosed(points, triangles) > 0 else triangles[:, ::-1]
+    volume = shells.enclosed(points, triangles)
+    return PartSurface(triangles, points, 1, volume, volume, 1.0, 1.0, 0.0)
+
+
+def corners_of(surface: PartSurface, folder: Path, size: float) -> Array:
+    """Corners (t, 4, 3) of the body's 10-node tetrahedra."""
     write_part(surface, folder / "part.stl", folder)
     part = mesh_within(folder / "part.stl", MeshOptions(size=size))
     place = np.zeros(part.labels.max() + 1, np.int64)
     place[part.labels] = np.arange(len(part.labels))
     assert {code for code, _, _ in part.solids} == {TET10}
     rows = np.concatenate([rows for _, _, rows in part.solids])
-    corners = part.points[place[rows[:, :4]]]
+    return np.asarray(part.points[place[rows[:, :4]]])
+
+
+def volume_of(surface: PartSurface, folder: Path, size: float) -> float:
+    corners = corners_of(surface, folder, size)
     return float(np.linalg.det(corners[:, 1:] - corners[:, :1]).sum()) / 6
 
 
@@ -281,6 +300,15 @@ def test_cavities_stay_empty_and_bodies_apart_are_filled(tmp_path: Path) -> None
     assert volume_of(hollow, tmp_path, 1.0) == pytest.approx(26.0, rel=1e-5)
     two = boxes((0.0, 1.0, False), (2.0, 3.0, False))
     assert volume_of(two, tmp_path, 1.0) == pytest.approx(2.0, rel=1e-5)
+
+
+def test_tetrahedra_that_come_out_flat_are_made_anew(tmp_path: Path) -> None:
+    surface = uneven_plate()
+    corners = corners_of(surface, tmp_path, 1.0)
+    edges = corners[:, 1:] - corners[:, :1]
+    volumes = np.linalg.det(edges) / 6
+    assert volumes.min() > 1e-3 * np.linalg.norm(edges, axis=2).max() ** 3
+    assert volumes.sum() == pytest.approx(surface.volume, rel=1e-6)
 
 
 def test_a_body_that_takes_more_memory_than_there_is_is_not_begun(tmp_path: Path) -> None:

@@ -104,7 +104,7 @@ def _table(found: Verified) -> Table:
     for heading in (
         *("of", "part", "body", "ratio"),
         *(("away",) if away else ()),
-        *("displacement", "of the body"),
+        *("max. displ.", "of the body"),  # which wrap
     ):
         grid.add_column(heading, justify="left" if heading == "of" else "right")
     for one in found.cases:

@@ -11,6 +11,7 @@ from types import ModuleType
 import numpy as np
 
 from vkctl.basics.types import Array, PathLike
+from vkctl.shapes.measures import NEARLY_NO_VOLUME
 
 from ..part import MeshOptions, Part, PartError
 from .element_count import Extents, Face, expected
@@ -18,6 +19,8 @@ from .gmsh import Tell, collect, failure, memory_words, rounded, session
 
 _TRIANGLES_PER_SQUARE = 4 / math.sqrt(3)  # equilateral ones, of their side
 _FILLED = 0.999  # of the surface's volume; a mesh with less has holes
+_NEARLY_FLAT = 10 * NEARLY_NO_VOLUME
+_TET4 = 4  # as Gmsh calls its type
 
 
 def mesh_surface(
@@ -38,10 +41,13 @@ def mesh_surface(
             corners = np.concatenate(list(shells.values()))
             _announce(title, corners, options, most_bytes, tell)
             gmsh.option.setNumber("Mesh.MeshOnlyEmpty", 1)
-            gmsh.option.setNumber("Mesh.ElementOrder", options.order)
             if options.size is not None:
                 gmsh.option.setNumber("Mesh.MeshSizeMax", options.size)
             gmsh.model.mesh.generate(3)
+            if _has_flat(gmsh):
+                gmsh.model.mesh.optimize("Netgen", force=True)  # takes three times as long
+            if options.order > 1:
+                gmsh.model.mesh.setOrder(options.order)
         except PartError:
             raise
         except Exception as error:
@@ -54,16 +60,32 @@ def mesh_surface(
     return part
 
 
+def _has_flat(gmsh: ModuleType) -> bool:
+    """Whether a tetrahedron is next to one that would be refused."""
+    points = _points_by_label(gmsh)
+    _, rows = gmsh.model.mesh.getElementsByType(_TET4)
+    corners = points[np.reshape(np.asarray(rows, np.int64), (-1, 4))]
+    edges = corners[:, 1:] - corners[:, :1]
+    longest = np.linalg.norm(edges, axis=2).max(axis=1, initial=0.0)
+    return bool(np.any(np.abs(np.linalg.det(edges)) / 6 <= _NEARLY_FLAT * longest**3))
+
+
 def _shells(gmsh: ModuleType) -> dict[int, Array]:
     """Corners (f, 3, 3) of each piece of the surface that hangs together, by Gmsh's tag."""
-    labels, points, _ = gmsh.model.mesh.getNodes(returnParametricCoord=False)
-    where = np.zeros((int(np.max(labels, initial=0)) + 1, 3))
-    where[np.asarray(labels, np.int64)] = np.reshape(points, (-1, 3))
+    where = _points_by_label(gmsh)
     found = {}
     for _, tag in gmsh.model.getEntities(2):
         _, rows = gmsh.model.mesh.getElementsByType(2, tag)
         found[tag] = where[np.reshape(np.asarray(rows, np.int64), (-1, 3))]
     return found
+
+
+def _points_by_label(gmsh: ModuleType) -> Array:
+    """Where the node of each label is, 0 where there is none."""
+    labels, points, _ = gmsh.model.mesh.getNodes(returnParametricCoord=False)
+    where = np.zeros((int(np.max(labels, initial=0)) + 1, 3))
+    where[np.asarray(labels, np.int64)] = np.reshape(points, (-1, 3))
+    return where
 
 
 def _bodies(shells: dict[int, Array]) -> list[list[int]]:
