@@ -1,7 +1,7 @@
-// Half of an arch's space: 40 x 40 cells of size 1, one cell thick, x from the middle to the foot.
+// Half of an arch's space: 40 x 40, 1 thick, x from the middle to the foot; cells of 0.5, one across.
 nx = 40; ny = 40;
 Point(1) = {0, 0, 0};
-line[] = Extrude {nx, 0, 0} { Point{1}; Layers{nx}; };
-face[] = Extrude {0, ny, 0} { Curve{line[1]}; Layers{ny}; Recombine; };
+line[] = Extrude {nx, 0, 0} { Point{1}; Layers{2 * nx}; };
+face[] = Extrude {0, ny, 0} { Curve{line[1]}; Layers{2 * ny}; Recombine; };
 body[] = Extrude {0, 0, 1} { Surface{face[1]}; Layers{1}; Recombine; };
 Physical Volume("body") = {body[1]};
