@@ -1,4 +1,4 @@
-// Half of an arch's space: 40 x 40, 1 thick, x from the middle to the foot; cells of 0.5, one across.
+// Half of an arch's space: 40 x 40, 1 thick, x from the middle to the foot, in cells of 0.5, one across.
 nx = 40; ny = 40;
 Point(1) = {0, 0, 0};
 line[] = Extrude {nx, 0, 0} { Point{1}; Layers{2 * nx}; };
