@@ -184,7 +184,7 @@ def bracket_rows(name: str, build: Path, kind: str, meshed: bool, threads: int) 
         one = iteration(build, directory, 1)
         team = iteration(build, directory, threads)
         whole = run_best(build, directory, "iterative", threads)
-    order_of = "numbered along the part" if meshed else "in Gmsh's order"
+    order_of = "numbered by vkctl" if meshed else "in Gmsh's order"
     title = f"bracket, {kind}, {team['equations']:,.0f} equations, {order_of}"
     return [
         (name, f"{title}: whole run, {whole.iterations} iterations", whole.seconds, "s"),

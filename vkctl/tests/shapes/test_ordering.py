@@ -1,13 +1,15 @@
-"""The order of the nodes of hexahedra: halves and colours, on meshes with and without structure."""
+"""The order of nodes: from both ends, and of hexahedra halves and colours, on meshes with and
+without structure."""
 
 from __future__ import annotations
 
 import numpy as np
 import pytest
+from scipy.spatial import Delaunay
 
 from vkctl.basics.types import Array
 from vkctl.shapes.boxes import box, renumbered
-from vkctl.shapes.ordering import along_the_part, in_colours
+from vkctl.shapes.ordering import from_both_ends, in_colours
 from vkctl.shapes.topology import HEX8_EDGES
 
 CELLS = (7, 5, 4)
@@ -61,6 +63,21 @@ def box_rows() -> tuple[Array, Array, Array]:
     return part.nodes * CELLS, part.elements.hex8.astype(np.int64) - 1, part.lattice
 
 
+def test_nodes_from_both_ends_follow_each_other_along_the_longest_side_to_the_middle() -> None:
+    x = np.array([9.0, 1.0, 5.0, 0.0, 10.0, 4.0])
+    points = np.column_stack((x / 2, -x, 1e8 * np.ones(6)))
+    np.testing.assert_array_equal(from_both_ends(points), [3, 4, 0, 1, 5, 2])
+    assert not len(from_both_ends(np.empty((0, 3))))
+
+
+def test_from_both_ends_half_as_many_levels_are_left_as_from_one() -> None:
+    points = np.random.default_rng(1).random((2000, 3)) * (30, 4, 4)
+    rows = Delaunay(points).simplices.astype(np.int64)
+    one = levels_of(rows, np.argsort(points[:, 0])).max()
+    both = levels_of(rows, from_both_ends(points)).max()
+    assert 0.45 * one < both < 0.65 * one
+
+
 def test_a_box_has_two_halves_of_four_colours_each() -> None:
     points, rows, lattice = box_rows()
     order = in_colours(points, rows)
@@ -72,7 +89,7 @@ def test_a_box_has_two_halves_of_four_colours_each() -> None:
     assert levels_of(rows, order).max() == 8
 
 
-def test_nodes_of_one_colour_lie_along_the_part() -> None:
+def test_nodes_of_one_colour_lie_from_both_ends() -> None:
     points, rows, lattice = box_rows()
     placed = lattice[in_colours(points, rows)]
     same = np.diff(placed % 2 @ (1, 2, 4)) == 0
@@ -110,11 +127,11 @@ def test_a_ring_is_ordered_whether_its_elements_are_even_or_odd(count: int) -> N
     assert along == 1 if count == 6 else along > 0.6
 
 
-def test_too_many_elements_around_a_node_leave_the_order_along_the_part() -> None:
+def test_too_many_elements_around_a_node_leave_the_order_from_both_ends() -> None:
     points, rows = fan(40)
-    np.testing.assert_array_equal(in_colours(points, rows), along_the_part(points))
+    np.testing.assert_array_equal(in_colours(points, rows), from_both_ends(points))
     few, around = fan(12)
-    assert not np.array_equal(in_colours(few, around), along_the_part(few))
+    assert not np.array_equal(in_colours(few, around), from_both_ends(few))
 
 
 def test_a_mesh_without_elements_keeps_its_points() -> None:

@@ -15,7 +15,7 @@ from vkctl.basics.arrays import distinct
 from vkctl.basics.types import Array
 from vkctl.basics.words import counted
 from vkctl.shapes.elements import Elements
-from vkctl.shapes.ordering import along_the_part, in_colours
+from vkctl.shapes.ordering import from_both_ends, in_colours
 from vkctl.shapes.topology import HEX8, NODES_PER_TYPE, TET4, TET10
 
 from .orientation import orient
@@ -97,10 +97,10 @@ def _order_of_ours(part: Part, lookup: Lookup, chosen: Array) -> Array:
     """Positions of the chosen nodes of a part that was meshed here, in the order of their numbers.
 
     Meshes of hexahedra alone have colours; for tetrahedra no order was found that needs fewer
-    iterations than that along the part.
+    iterations than those along the part.
     """
     if any(code != HEX8 for code, _, _ in part.solids):
-        return chosen[along_the_part(part.points[chosen])]
+        return chosen[from_both_ends(part.points[chosen])]
     place = np.zeros(len(part.labels), np.int32)
     place[chosen] = np.arange(len(chosen), dtype=np.int32)
     rows = np.concatenate([place[lookup.positions(rows)] for _, _, rows in part.solids])

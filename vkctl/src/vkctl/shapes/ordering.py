@@ -20,15 +20,22 @@ _MOST_COUPLED = 63  # nodes around a node, so that its colour is one of 64 bits
 _NOT_YET = -1
 
 
-def along_the_part(points: Array) -> Array:
-    """Positions of the points in order along the longest side of their box.
+def from_both_ends(points: Array) -> Array:
+    """Positions of the points in order along the longest side of their box, from both ends inwards.
 
     Where nodes follow each other through the part, a sweep carries further than in the mesher's
-    order, which takes points, curves and surfaces before what is inside. Equal points keep their
-    order; whether they are equal is judged in 32 bits, where a mesher's rounding is gone.
+    order, which takes points, curves and surfaces before what is inside. Begun at both ends, it
+    takes as many iterations as from one to the other, and has twice the nodes to work on at once:
+    H. A. van der Vorst, SIAM J. Sci. Stat. Comput. 10 (1989) 1174-1185, on such orders.
+
+    Equal distances keep the points' order; whether they are equal is judged in 32 bits, where a
+    mesher's rounding is gone.
     """
     rounded = _rounded(points)
-    order: Array = np.argsort(rounded[:, _longest_first(rounded)[0]], kind="stable")
+    along = rounded[:, _longest_first(rounded)[0]]
+    with np.errstate(over="ignore", invalid="ignore"):
+        from_ends = np.minimum(along - along.min(), along.max() - along) if len(along) else along
+    order: Array = np.argsort(from_ends, kind="stable")
     return order
 
 
@@ -50,7 +57,7 @@ def in_colours(points: Array, hexahedra: Array) -> Array:
     halves = _halves(rows, len(points))
     coupled = _coupled(rows, halves)
     if np.diff(coupled.begins).max(initial=0) > _MOST_COUPLED:
-        return along_the_part(points)
+        return from_both_ends(points)
     order: Array = by_place[np.lexsort((_colours(coupled), halves))]
     return order
 
