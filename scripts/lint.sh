@@ -65,7 +65,7 @@ lint_python-format() {
 # The companion's tests apart: they have a conftest of their own, and arguments that are fixtures and
 # rows of tables, for which annotations would say nothing more.
 lint_types() {
-  local mypy=("$LINT/bin/mypy" --python-executable "$VENV/bin/python")
+  local mypy=("$LINT/bin/mypy" --num-workers "$JOBS" --python-executable "$VENV/bin/python")
   "${mypy[@]}" "${TYPED[@]}" &&
     "${mypy[@]}" --allow-untyped-defs --allow-incomplete-defs --allow-untyped-calls vkctl/tests
 }

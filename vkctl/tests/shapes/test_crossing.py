@@ -58,15 +58,15 @@ def test_pairs_without_a_triangle_of_those_asked_for_are_left_out() -> None:
 
 def test_many_triangles_are_found_as_one_by_one() -> None:
     rng = np.random.default_rng(2)
-    middles = rng.uniform(0, 6, (300, 1, 3))
-    points = (middles + rng.uniform(-1, 1, (300, 3, 3))).reshape(-1, 3)
-    triangles = np.arange(900).reshape(-1, 3)
-    found = crossing(points, triangles, np.ones(300, np.bool_))
-    each = np.zeros(300, np.bool_)
-    for first in range(300):
+    middles = rng.uniform(0, 4.5, (120, 1, 3))
+    points = (middles + rng.uniform(-1, 1, (120, 3, 3))).reshape(-1, 3)
+    triangles = np.arange(360).reshape(-1, 3)
+    found = crossing(points, triangles, np.ones(120, np.bool_))
+    each = np.zeros(120, np.bool_)
+    for first in range(120):
         for second in range(first):
             pair = np.array((triangles[first], triangles[second]))
             if crossing(points, pair, np.ones(2, np.bool_)).any():
                 each[[first, second]] = True
     np.testing.assert_array_equal(found, each)
-    assert 50 < found.sum() < 290
+    assert 20 < found.sum() < 110
