@@ -12,16 +12,16 @@ start_suite() {
   mkdir -p "$REPORTS"
 }
 
-# Shows a part's output only if it failed.
+# Shows a part's output only if it failed, and how many seconds it took.
 part() {
-  local name=$1
+  local name=$1 begin=$SECONDS
   shift
   printf '%-34s' "$name"
   local log=$LOGS/test-$name.log
   if "$@" >"$log" 2>&1; then
-    say "passed"
+    say "passed $(printf %5d $((SECONDS - begin))) s"
   else
-    say "FAILED"
+    say "FAILED $(printf %5d $((SECONDS - begin))) s"
     tail -n 60 "$log" >&2
     [ -f "$REPORTS/$name.xml" ] || report "$name" 1 1
   fi

@@ -29,9 +29,9 @@ REMARKS = {
     "loop's struts below the deck are one point wide. On its own mesh they are stiffer than they "
     "are, and come and go with the last digits of a run: of twelve runs ten ended as bodies of "
     "14.5 to 15.8, and two of 49 and 53, with a strut that had come apart between two points; "
-    "`vkctl verify-part` tells that. What only holds while it is printed is left as chains of beads. "
-    "Without the wish the loop is softer: material is kept to the nodes 1 below the deck, so its "
-    "surface lies up to an element further down, and fewer struts are left than the density "
+    "`vkctl verify-part` tells that. What only holds while it is printed is left as chains of "
+    "beads. Without the wish the loop is softer: material is kept to the nodes 1 below the deck, "
+    "so its surface lies up to an element further down, and fewer struts are left than the density "
     "method has. What hangs over in the loop's printed part lies between nodes, each of which has "
     "material in its cone.",
     "bracket": "What the wishes cost is what the comparison shows: without them the loop's "

@@ -11,6 +11,7 @@ from small_loops import VK_RUND, write_small
 from vkctl.basics.types import Array
 from vkctl.optimise import Optimised, history, optimise
 from vkctl.optimise.design import Design
+from vkctl.optimise.limits.table import HELD, read_weighed
 
 Patch = pytest.MonkeyPatch
 SETTINGS = "volume = 0.7\nreduction = 0.15\nsteps = 18\n"
@@ -106,3 +107,32 @@ def test_a_loop_that_has_just_come_to_its_volume_goes_on(clumsy: Patch, tmp_path
     cases = write_small(tmp_path, SETTINGS.replace("18", "13"))
     done = optimise(cases, tmp_path / "d", vk_rund=VK_RUND)
     assert not done.told and done.rows[-1].objective > 1.02 * done.rows[LOST - 2].objective
+
+
+LEAST = "goal = 'mass'\nreduction = 0.05\nsteps = {steps}\nmode = 'direct'\n[optimise.limits]\n"
+LEAST += "compliance = {{ at_most = 90.0 }}\n"
+
+
+def test_the_least_mass_ends_with_the_lightest_part_that_held_its_limits(
+    clumsy: Patch, tmp_path: Path
+) -> None:
+    done = optimise(write_small(tmp_path, LEAST.format(steps=18)), tmp_path / "d", vk_rund=VK_RUND)
+    ratios = [row.ratio for row in read_weighed(done.directory)]
+    held = [row for row, ratio in zip(done.rows[:-1], ratios, strict=False) if ratio <= HELD]
+    lightest = min(held, key=lambda row: row.volume)
+    assert ratios[-2] > 2 and ratios[-1] < 1 and done.rows[-2].volume < lightest.volume + 0.1
+    assert done.rows[-1].volume == lightest.volume < 0.7
+    assert np.array_equal(
+        done.levels, history.load_array(history.levels_file(tmp_path / "d", lightest.step))
+    )
+    went_back, limit = done.told
+    assert went_back.startswith("step 18 has the lightest part again that held all limits: volume")
+    assert limit.startswith("compliance in down") and "isn't met" not in limit
+    assert optimise(tmp_path / "cases.toml", tmp_path / "d", vk_rund=VK_RUND).rows == done.rows
+
+
+def test_a_loop_that_has_broken_no_limit_on_its_way_down_goes_on_to_its_last_step(
+    clumsy: Patch, tmp_path: Path
+) -> None:
+    done = optimise(write_small(tmp_path, LEAST.format(steps=9)), tmp_path / "d", vk_rund=VK_RUND)
+    assert len(done.told) == 1 and done.rows[-1].volume < done.rows[-2].volume

@@ -10,7 +10,7 @@ from vkctl.directory.results import Results
 from vkctl.stress.solution import solution_of
 
 from .limits.settings import Limit
-from .limits.steering import HELD
+from .limits.table import HELD
 from .limits.terms import make_terms
 
 FINER = (

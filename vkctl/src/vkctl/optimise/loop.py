@@ -62,7 +62,7 @@ class Optimised:
     levels: Array  # per design point, of the last step solved
     pieces: Pieces  # that these leave
     cut: float  # part of the elements that the surface goes through
-    told: list[str] = field(default_factory=list)  # a sentence for each limit, or on a return
+    told: list[str] = field(default_factory=list)  # a sentence on a return, and for each limit
     sizes: Sizes | None = None  # measured, where sizes were wished
     told_sizes: list[str] = field(default_factory=list)  # a sentence for each of them
 
@@ -137,13 +137,15 @@ def _run_steps(loop: Loop, on_step: Callable[[StepShown], None] | None) -> Optim
         if settled and lost_step(loop) is None:
             break
         if settled or left == 0:
-            go_back(loop)
+            go_back(loop, ending=left == 0)
         shown = _step(loop)
         if on_step is not None:
             on_step(shown)
     last = max(loop.state.step - 1, 1)
     levels = levels_of(loop, last)
-    told = told_return(loop) if loop.steering is None else told_limits(loop.steering.rows)
+    told = told_return(loop)
+    if loop.steering is not None:
+        told += told_limits(loop.steering.rows)
     pieces = _pieces(loop, levels)
     cut = cut_share(loop.design.space, loop.design.levels_of_nodes(levels))
     done = Optimised(loop.directory, loop.rows, converged(), levels, pieces, cut, told)
@@ -158,9 +160,10 @@ def _waits_for_sizes(loop: Loop) -> bool:
 
 
 def _is_settled(loop: Loop) -> bool:
-    if loop.steering is not None and not has_settled(loop):
+    last = loop.state.step - 1 - has_gone_back(loop)
+    if loop.steering is not None and not has_settled(loop, last):
         return False
-    rows = loop.rows[loop.state.since - 1 : -1 if has_gone_back(loop) else None]
+    rows = loop.rows[loop.state.since - 1 : last]
     return loop.settings.goal == "mass" or has_converged(rows, loop.settings)
 
 

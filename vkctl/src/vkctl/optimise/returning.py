@@ -7,6 +7,7 @@ on it with it; the loop then goes on from what is left, and may end far from the
 from __future__ import annotations
 
 from . import history
+from .history import HistoryRow
 from .standing import Loop, levels_of
 
 _LOST = (
@@ -16,29 +17,45 @@ _AT_HOME = 10  # steps at the volume that is wanted, before which the loop is st
 _MET = 2e-4  # of the design volume: as much has the part what it was to have
 
 
-def lost_step(loop: Loop) -> int | None:
-    """The step of the best part at the volume that is wanted, if much was lost since.
+def lost_step(loop: Loop, ending: bool = False) -> int | None:
+    """The step of the best part that the loop had, if much was lost since.
 
-    Of the steps with the present settings. Parts with limits or sizes are left as they are: a
-    stiffer one may not have had them.
+    Of the steps with the present settings that held all limits, at the volume that is wanted or,
+    for the least mass, at any. Parts with sizes are left as they are: a better one may not have had
+    them. `ending` has the loop end after one more step: where a limit was broken on the way, that
+    step may break it too, and the best part counts as lost however little is.
     """
-    if loop.steering is not None or loop.design.shape.has_sizes:
+    if loop.design.shape.has_sizes or has_gone_back(loop):
         return None
-    volume = loop.settings.volume
-    rows = [
-        row
-        for row in loop.rows[loop.state.since - 1 :]
-        if abs(row.target - volume) <= 1e-9 and abs(row.volume - volume) <= _MET
-    ]
-    if len(rows) < _AT_HOME:
+    rows = loop.rows[loop.state.since - 1 :]
+    broken = _broken_steps(loop)
+    mass = loop.settings.goal == "mass"
+    if not mass:
+        rows = [row for row in rows if _at_home(row, loop.settings.volume)]
+        if len(rows) < _AT_HOME:
+            return None
+    best = min((r for r in rows if r.step not in broken), key=lambda r: r.objective, default=None)
+    if best is None:
         return None
-    best = min(rows, key=lambda row: row.objective)
-    return best.step if loop.rows[-1].objective > (1 + _LOST) * best.objective else None
+    last = loop.rows[-1]
+    lost = last.objective > (1 + _LOST) * best.objective or last.step in broken
+    at_risk = mass and ending and any(row.step in broken for row in rows)
+    return best.step if lost or at_risk else None
 
 
-def go_back(loop: Loop) -> None:
+def _at_home(row: HistoryRow, volume: float) -> bool:
+    return abs(row.target - volume) <= 1e-9 and abs(row.volume - volume) <= _MET
+
+
+def _broken_steps(loop: Loop) -> set[int]:
+    """Steps whose part didn't hold a limit."""
+    weighed = [] if loop.steering is None else loop.steering.rows
+    return {row.step for row in weighed if row.broken}
+
+
+def go_back(loop: Loop, ending: bool) -> None:
     """Have the next step solve the levels of the best one again, where that was lost."""
-    state, best = loop.state, lost_step(loop)
+    state, best = loop.state, lost_step(loop, ending)
     if best is None or state.returned == state.step:
         return
     path = history.levels_file(loop.directory, state.step)
@@ -57,6 +74,11 @@ def told_return(loop: Loop) -> list[str]:
     if not has_gone_back(loop) or len(loop.rows) < 2:
         return []
     before, last = loop.rows[-2:]
+    if loop.settings.goal == "mass":
+        return [
+            f"step {last.step} has the lightest part again that held all limits: "
+            f"volume {last.volume:.3f}, after {before.volume:.3f}"
+        ]
     return [
         f"step {last.step} has the stiffest part again that the loop had: "
         f"objective {last.objective:.6g}, after it had come to {before.objective:.6g}"

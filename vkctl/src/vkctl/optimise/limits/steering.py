@@ -34,7 +34,6 @@ from .terms import Steering, Term, make_terms
 from .weights import multipliers, shares
 
 _INSIDE = 0.995  # part of a limit that is gone to, so that it holds in the end
-HELD = 1.005  # part of a limit up to which it counts as held
 _FOLLOWS = 0.3  # power of the largest ratio that the volume is multiplied by in a step
 _SPOKEN = 0.01  # weight from which a term's adjoint load case is worth solving
 _DAMPING = 0.5  # of the correction of stresses from step to step
@@ -217,26 +216,25 @@ def _next_volume(settings: Settings, target: float, ratio: float) -> float:
     return float(min(max(wanted, target - most), target + most, 1.0))
 
 
-def has_settled(loop: Loop) -> bool:
-    """Whether the limits hold, and for the least mass whether the volume has come to rest."""
+def has_settled(loop: Loop, last: int) -> bool:
+    """Whether after step `last` the limits hold, and for the least mass the volume is at rest."""
     assert loop.steering is not None
-    since = loop.state.step - _WINDOW
-    latest = [r for r in loop.steering.rows if r.step >= since and np.isfinite(r.at_most)]
-    if any(row.ratio > HELD for row in latest) or not _is_even(loop):
+    latest = [row for row in loop.steering.rows if last - _WINDOW < row.step <= last]
+    if any(row.broken for row in latest) or not _is_even(loop, last):
         return False
     if loop.settings.goal == "stiffness":
         return True
-    rows: list[HistoryRow] = loop.rows[loop.state.since - 1 :][-2 * _WINDOW :]
+    rows: list[HistoryRow] = loop.rows[loop.state.since - 1 : last][-2 * _WINDOW :]
     volumes = [row.volume for row in rows]
     change = abs(sum(volumes[_WINDOW:]) - sum(volumes[:_WINDOW]))
     settled = change <= loop.settings.tolerance * sum(volumes[_WINDOW:])
     return len(volumes) == 2 * _WINDOW and settled
 
 
-def _is_even(loop: Loop) -> bool:
-    """Whether all load cases that have a weight have the largest energy, after the last step."""
+def _is_even(loop: Loop, last: int) -> bool:
+    """Whether all load cases that have a weight have the largest energy, after step `last`."""
     assert loop.steering is not None
-    rows = [r for r in loop.steering.rows if r.step == loop.state.step - 1]
+    rows = [r for r in loop.steering.rows if r.step == last]
     cases = [row for row in rows if not np.isfinite(row.at_most)]
     mean = sum(row.weight * row.value for row in cases)
     return bool(max((row.value for row in cases), default=0.0) <= (1 + _EVEN) * mean)
@@ -249,5 +247,5 @@ def told_limits(rows: list[Weighed]) -> list[str]:
     for row in rows:
         if row.step == last and np.isfinite(row.at_most):
             text = f"{row.term}: {row.value:.4g} of at most {row.at_most:g}"
-            told.append(text if row.ratio <= HELD else f"{text}: the limit isn't met")
+            told.append(f"{text}: the limit isn't met" if row.broken else text)
     return told

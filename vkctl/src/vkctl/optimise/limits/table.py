@@ -13,6 +13,7 @@ from vkctl.directory import formats
 from .. import history
 
 LIMITS = "limits.csv"  # in the loop's folder
+HELD = 1.005  # part of a limit up to which it counts as held
 
 
 @dataclass(frozen=True)
@@ -29,6 +30,11 @@ class Weighed:
     @property
     def ratio(self) -> float:
         return self.value / self.at_most
+
+    @property
+    def broken(self) -> bool:
+        """Whether it is a limit that isn't held."""
+        return math.isfinite(self.at_most) and not self.ratio <= HELD
 
 
 def write_weighed(directory: PathLike, rows: list[Weighed]) -> None:
