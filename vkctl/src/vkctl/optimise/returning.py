@@ -75,9 +75,11 @@ def told_return(loop: Loop) -> list[str]:
         return []
     before, last = loop.rows[-2:]
     if loop.settings.goal == "mass":
+        if last.volume == before.volume:  # that of the step before: nothing was lost
+            return []
         return [
             f"step {last.step} has the lightest part again that held all limits: "
-            f"volume {last.volume:.3f}, after {before.volume:.3f}"
+            f"volume {last.volume:.4g}, after {before.volume:.4g}"
         ]
     return [
         f"step {last.step} has the stiffest part again that the loop had: "
