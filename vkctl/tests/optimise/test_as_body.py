@@ -24,6 +24,7 @@ from vkctl.optimise.limits.aggregates import nodal_forces
 from vkctl.optimise.limits.table import read_weighed
 from vkctl.prepare.build import new
 from vkctl.prepare.part import MeshOptions, PartError
+from vkctl.prepare.readers import surface
 from vkctl.prepare.readers.registry import mesh_within
 from vkctl.running.run import run
 from vkctl.shapes import shells
@@ -309,6 +310,30 @@ def test_tetrahedra_that_come_out_flat_are_made_anew(tmp_path: Path) -> None:
     volumes = np.linalg.det(edges) / 6
     assert volumes.min() > 1e-3 * np.linalg.norm(edges, axis=2).max() ** 3
     assert volumes.sum() == pytest.approx(surface.volume, rel=1e-6)
+
+
+def test_where_they_stay_flat_another_mesher_fills_the_body(
+    tmp_path: Path, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    hollow = boxes((0.0, 1.0, False), (0.3, 0.7, True))
+    write_part(hollow, tmp_path / "part.stl", tmp_path)
+
+    def meshed() -> tuple[int, float]:
+        options = MeshOptions(size=0.3)
+        part = surface.mesh_surface(
+            tmp_path / "part.stl", "part", options, most_bytes=0, tell=lambda kind, content: None
+        )
+        place = np.argsort(part.labels)
+        rows = place[np.searchsorted(part.labels[place], part.solids[0][2][:, :4])]
+        corners = part.points[rows]
+        volume = float(np.linalg.det(corners[:, 1:] - corners[:, :1]).sum()) / 6
+        return len(rows), volume
+
+    first, volume = meshed()
+    monkeypatch.setattr(surface, "_has_flat", lambda gmsh: True)
+    other, same = meshed()
+    assert first != other and volume == pytest.approx(same, rel=1e-9)
+    assert volume == pytest.approx(hollow.volume, rel=1e-5)
 
 
 def test_a_body_that_takes_more_memory_than_there_is_is_not_begun(tmp_path: Path) -> None:

@@ -21,6 +21,7 @@ _TRIANGLES_PER_SQUARE = 4 / math.sqrt(3)  # equilateral ones, of their side
 _FILLED = 0.999  # of the surface's volume; a mesh with less has holes
 _NEARLY_FLAT = 10 * NEARLY_NO_VOLUME
 _TET4 = 4  # as Gmsh calls its type
+_FRONTAL = 4  # and its mesher that goes inwards from the surface
 
 
 def mesh_surface(
@@ -45,7 +46,7 @@ def mesh_surface(
                 gmsh.option.setNumber("Mesh.MeshSizeMax", options.size)
             gmsh.model.mesh.generate(3)
             if _has_flat(gmsh):
-                gmsh.model.mesh.optimize("Netgen", force=True)  # takes three times as long
+                _mend(gmsh)
             if options.order > 1:
                 gmsh.model.mesh.setOrder(options.order)
         except PartError:
@@ -58,6 +59,16 @@ def mesh_surface(
     part.node_sets, part.element_sets, part.surfaces = {}, {}, {}
     part.meshed = True
     return part
+
+
+def _mend(gmsh: ModuleType) -> None:
+    """Take flat tetrahedra away, in three times as long; with another mesher if they stay."""
+    gmsh.model.mesh.optimize("Netgen", force=True)
+    if _has_flat(gmsh):
+        gmsh.model.mesh.clear(gmsh.model.getEntities(3))
+        gmsh.option.setNumber("Mesh.Algorithm3D", _FRONTAL)
+        gmsh.model.mesh.generate(3)
+        gmsh.model.mesh.optimize("Netgen", force=True)
 
 
 def _has_flat(gmsh: ModuleType) -> bool:
