@@ -5,6 +5,8 @@ from __future__ import annotations
 import json
 import re
 import shutil
+import subprocess
+import sys
 from pathlib import Path
 
 import numpy as np
@@ -24,7 +26,6 @@ from vkctl.optimise.limits.aggregates import nodal_forces
 from vkctl.optimise.limits.table import read_weighed
 from vkctl.prepare.build import new
 from vkctl.prepare.part import MeshOptions, PartError
-from vkctl.prepare.readers import surface
 from vkctl.prepare.readers.registry import mesh_within
 from vkctl.running.run import run
 from vkctl.shapes import shells
@@ -312,26 +313,35 @@ def test_tetrahedra_that_come_out_flat_are_made_anew(tmp_path: Path) -> None:
     assert volumes.sum() == pytest.approx(surface.volume, rel=1e-6)
 
 
-def test_where_they_stay_flat_another_mesher_fills_the_body(
-    tmp_path: Path, monkeypatch: pytest.MonkeyPatch
-) -> None:
+# In a process of its own, as the readers are: Gmsh's session stays open to its end.
+MESHED_TWICE = """
+import json, sys
+import numpy as np
+from vkctl.prepare import MeshOptions
+from vkctl.prepare.readers import surface
+
+def meshed():
+    options = MeshOptions(size=0.3)
+    part = surface.mesh_surface(
+        sys.argv[1], "part", options, most_bytes=0, tell=lambda kind, content: None
+    )
+    place = np.argsort(part.labels)
+    rows = place[np.searchsorted(part.labels[place], part.solids[0][2][:, :4])]
+    corners = part.points[rows]
+    return len(rows), np.linalg.det(corners[:, 1:] - corners[:, :1]).sum() / 6
+
+first = meshed()
+surface._has_flat = lambda gmsh: True
+print(json.dumps((first, meshed())))
+"""
+
+
+def test_where_they_stay_flat_another_mesher_fills_the_body(tmp_path: Path) -> None:
     hollow = boxes((0.0, 1.0, False), (0.3, 0.7, True))
     write_part(hollow, tmp_path / "part.stl", tmp_path)
-
-    def meshed() -> tuple[int, float]:
-        options = MeshOptions(size=0.3)
-        part = surface.mesh_surface(
-            tmp_path / "part.stl", "part", options, most_bytes=0, tell=lambda kind, content: None
-        )
-        place = np.argsort(part.labels)
-        rows = place[np.searchsorted(part.labels[place], part.solids[0][2][:, :4])]
-        corners = part.points[rows]
-        volume = float(np.linalg.det(corners[:, 1:] - corners[:, :1]).sum()) / 6
-        return len(rows), volume
-
-    first, volume = meshed()
-    monkeypatch.setattr(surface, "_has_flat", lambda gmsh: True)
-    other, same = meshed()
+    command = [sys.executable, "-c", MESHED_TWICE, str(tmp_path / "part.stl")]
+    done = subprocess.run(command, capture_output=True, text=True, check=True)
+    (first, volume), (other, same) = json.loads(done.stdout.splitlines()[-1])
     assert first != other and volume == pytest.approx(same, rel=1e-9)
     assert volume == pytest.approx(hollow.volume, rel=1e-5)
 
