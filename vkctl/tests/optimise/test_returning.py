@@ -136,3 +136,16 @@ def test_a_loop_that_has_broken_no_limit_on_its_way_down_goes_on_to_its_last_ste
 ) -> None:
     done = optimise(write_small(tmp_path, LEAST.format(steps=9)), tmp_path / "d", vk_rund=VK_RUND)
     assert len(done.told) == 1 and done.rows[-1].volume < done.rows[-2].volume
+
+
+def test_the_stiffest_part_that_held_its_limits_is_gone_back_to(
+    clumsy: Patch, tmp_path: Path
+) -> None:
+    limit = "[optimise.limits]\ncompliance = { at_most = 90.0 }\n"
+    settings = f"{SETTINGS}mode = 'direct'\n{limit}"
+    done = optimise(write_small(tmp_path, settings), tmp_path / "d", vk_rund=VK_RUND)
+    broken = {row.step for row in read_weighed(done.directory) if row.broken}
+    assert set(range(LOST, 18)) <= broken and 18 not in broken
+    went_back, limit = done.told
+    assert went_back.startswith("step 18 has the stiffest part again that held all limits: obj")
+    assert "isn't met" not in limit

@@ -81,7 +81,8 @@ def told_return(loop: Loop) -> list[str]:
             f"step {last.step} has the lightest part again that held all limits: "
             f"volume {last.volume:.4g}, after {before.volume:.4g}"
         ]
+    had = "held all limits" if loop.settings.limits else "the loop had"
     return [
-        f"step {last.step} has the stiffest part again that the loop had: "
+        f"step {last.step} has the stiffest part again that {had}: "
         f"objective {last.objective:.6g}, after it had come to {before.objective:.6g}"
     ]
