@@ -149,3 +149,22 @@ def test_the_stiffest_part_that_held_its_limits_is_gone_back_to(
     went_back, limit = done.told
     assert went_back.startswith("step 18 has the stiffest part again that held all limits: obj")
     assert "isn't met" not in limit
+
+
+def test_where_no_part_held_the_limits_the_one_that_came_nearest_is_gone_back_to(
+    clumsy: Patch, tmp_path: Path
+) -> None:
+    limit = "[optimise.limits]\ncompliance = { at_most = 40.0 }\n"
+    settings = f"{SETTINGS.replace('18', '24')}mode = 'direct'\n{limit}"
+    done = optimise(write_small(tmp_path, settings), tmp_path / "d", vk_rund=VK_RUND)
+    ratios = [row.ratio for row in read_weighed(done.directory)]
+    at_home = [
+        ratio
+        for row, ratio in zip(done.rows[:-1], ratios, strict=False)
+        if row.volume == pytest.approx(0.7, abs=2e-4)
+    ]
+    assert HELD < ratios[-1] == pytest.approx(min(at_home), rel=5e-3) and ratios[-2] > 1.2 * HELD
+    nearest, told = done.told
+    assert nearest == "step 24 has the part again that came nearest to its limits"
+    assert told.endswith("the limit isn't met")
+    assert optimise(tmp_path / "cases.toml", tmp_path / "d", vk_rund=VK_RUND).rows == done.rows

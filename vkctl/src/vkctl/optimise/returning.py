@@ -8,11 +8,14 @@ from __future__ import annotations
 
 from . import history
 from .history import HistoryRow
+from .limits.table import HELD, largest_ratios
 from .standing import Loop, levels_of
 
 _LOST = (
     0.02  # part that the objective is above that of the best step, from which it is gone back to
 )
+_NEAR = 0.9  # part of a limit from which the next step may break it
+_NEARER = 0.01  # part that a ratio to a limit is above that of the nearest step, the same
 _AT_HOME = 10  # steps at the volume that is wanted, before which the loop is still on its way
 _MET = 2e-4  # of the design volume: as much has the part what it was to have
 
@@ -22,35 +25,45 @@ def lost_step(loop: Loop, ending: bool = False) -> int | None:
 
     Of the steps with the present settings that held all limits, at the volume that is wanted or,
     for the least mass, at any. Parts with sizes are left as they are: a better one may not have had
-    them. `ending` has the loop end after one more step: where a limit was broken on the way, that
-    step may break it too, and the best part counts as lost however little is.
+    them. `ending` has the loop end after one more step: where a limit was near on the way, that
+    step may break it, and the best part counts as lost however little is, even if it is the last
+    one; and where none held the limits, the best is the one that came nearest.
     """
     if loop.design.shape.has_sizes or has_gone_back(loop):
         return None
     rows = loop.rows[loop.state.since - 1 :]
-    broken = _broken_steps(loop)
+    ratios = _ratios(loop)
     mass = loop.settings.goal == "mass"
     if not mass:
         rows = [row for row in rows if _at_home(row, loop.settings.volume)]
         if len(rows) < _AT_HOME:
             return None
-    best = min((r for r in rows if r.step not in broken), key=lambda r: r.objective, default=None)
-    if best is None:
-        return None
+    held = [row for row in rows if not ratios.get(row.step, 0.0) > HELD]
+    if not held:
+        return _nearest(rows, ratios) if ending else None
+    best = min(held, key=lambda row: row.objective)
     last = loop.rows[-1]
-    lost = last.objective > (1 + _LOST) * best.objective or last.step in broken
-    at_risk = mass and ending and any(row.step in broken for row in rows)
+    lost = last.objective > (1 + _LOST) * best.objective or last not in held
+    at_risk = ending and max(ratios.get(row.step, 0.0) for row in rows) > _NEAR
     return best.step if lost or at_risk else None
+
+
+def _nearest(rows: list[HistoryRow], ratios: dict[int, float]) -> int | None:
+    """The step whose largest ratio to a limit is the least, if it isn't about the last one's."""
+    steps = [row.step for row in rows if row.step in ratios]
+    best = min(steps, key=ratios.__getitem__, default=None)
+    if best is None or ratios[best] * (1 + _NEARER) > ratios[steps[-1]]:
+        return None
+    return best
 
 
 def _at_home(row: HistoryRow, volume: float) -> bool:
     return abs(row.target - volume) <= 1e-9 and abs(row.volume - volume) <= _MET
 
 
-def _broken_steps(loop: Loop) -> set[int]:
-    """Steps whose part didn't hold a limit."""
-    weighed = [] if loop.steering is None else loop.steering.rows
-    return {row.step for row in weighed if row.broken}
+def _ratios(loop: Loop) -> dict[int, float]:
+    """Of each step with limits, the largest ratio of a value to its limit."""
+    return {} if loop.steering is None else largest_ratios(loop.steering.rows)
 
 
 def go_back(loop: Loop, ending: bool) -> None:
@@ -74,9 +87,12 @@ def told_return(loop: Loop) -> list[str]:
     if not has_gone_back(loop) or len(loop.rows) < 2:
         return []
     before, last = loop.rows[-2:]
-    if loop.settings.goal == "mass":
-        if last.volume == before.volume:  # that of the step before: nothing was lost
-            return []
+    mass = loop.settings.goal == "mass"
+    if mass and last.volume == before.volume:  # that of the step before: nothing was lost
+        return []
+    if _ratios(loop).get(last.step, 0.0) > HELD:
+        return [f"step {last.step} has the part again that came nearest to its limits"]
+    if mass:
         return [
             f"step {last.step} has the lightest part again that held all limits: "
             f"volume {last.volume:.4g}, after {before.volume:.4g}"

@@ -2,7 +2,7 @@
 
 What each value gains by material at a place is brought to one scale, as a part of the value, and
 added up with weights that follow the values (`weights.py`). For the least mass the volume follows
-too: it falls while all values are below their limits and rises where one is above.
+too (`mass.py`).
 """
 
 from __future__ import annotations
@@ -28,17 +28,16 @@ from ..settings import Settings
 from ..standing import Loop, OptimiseError
 from .adjoint import FOLDER, AdjointError, Pull, solve_adjoint
 from .aggregates import Value
+from .mass import next_volume
 from .sensitivity import sensitivity
-from .table import Weighed, read_weighed, write_weighed
+from .table import Weighed, largest_ratios, read_weighed, write_weighed
 from .terms import Steering, Term, make_terms
 from .weights import multipliers, shares
 
 _INSIDE = 0.995  # part of a limit that is gone to, so that it holds in the end
-_FOLLOWS = 0.3  # power of the largest ratio that the volume is multiplied by in a step
 _SPOKEN = 0.01  # weight from which a term's adjoint load case is worth solving
 _DAMPING = 0.5  # of the correction of stresses from step to step
 _MASS_REDUCTION = 1.2  # of the volume over all steps, at most, while all limits hold
-_LOOKED_BACK = 3  # steps whose largest values the volume follows: they scatter
 _EVEN = 0.005  # part that the largest energy may be above the weighted mean of all
 _BESIDE = 0.4  # weight of stresses beside other values, for the least mass
 _WINDOW = 5  # steps whose values are compared with those of as many before
@@ -99,11 +98,12 @@ def steer(
     write_weighed(loop.directory, steering.rows)
     if loop.settings.goal == "mass":
         volume = loop.design.volume(levels)
-        _require_reachable(limited, steering.terms, volume, loop.design.fullest())
-        latest = [row for row in steering.rows if row.step > step - _LOOKED_BACK]
-        ratio = max(row.ratio for row in latest if np.isfinite(row.at_most)) / _INSIDE
+        fullest = loop.design.fullest()
+        _require_reachable(limited, steering.terms, volume, fullest)
         # Wishes may leave less than the target, from which nothing would come down in time.
-        return Steered(criterion, _next_volume(loop.settings, min(target, volume), ratio))
+        start = loop.rows[loop.state.since - 1].volume if step > loop.state.since else volume
+        next_target = _next_volume(loop, min(target, volume), start >= _FULL * fullest)
+        return Steered(criterion, next_target)
     return Steered(criterion, loop.settings.next_target(target))
 
 
@@ -210,10 +210,12 @@ def _require_reachable(
             )
 
 
-def _next_volume(settings: Settings, target: float, ratio: float) -> float:
-    most = settings.reduction or _MASS_REDUCTION / settings.steps
-    wanted = target * max(ratio, 1e-6) ** _FOLLOWS
-    return float(min(max(wanted, target - most), target + most, 1.0))
+def _next_volume(loop: Loop, target: float, begins_full: bool) -> float:
+    assert loop.steering is not None
+    largest = largest_ratios(loop.steering.rows, loop.state.since)
+    ratios = [ratio / _INSIDE for ratio in largest.values()]
+    most = loop.settings.reduction or _MASS_REDUCTION / loop.settings.steps
+    return next_volume(ratios, target, most, begins_full)
 
 
 def has_settled(loop: Loop, last: int) -> bool:

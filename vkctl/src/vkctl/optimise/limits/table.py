@@ -37,6 +37,19 @@ class Weighed:
         return math.isfinite(self.at_most) and not self.ratio <= HELD
 
 
+def largest_ratios(rows: list[Weighed], since: int = 1) -> dict[int, float]:
+    """Of each step from one on, the largest ratio of a value to its limit, in order.
+
+    Infinite where a value is no number.
+    """
+    found: dict[int, float] = {}
+    for row in rows:
+        if row.step >= since and math.isfinite(row.at_most):
+            ratio = math.inf if math.isnan(row.ratio) else row.ratio
+            found[row.step] = max(found.get(row.step, 0.0), ratio)
+    return dict(sorted(found.items()))
+
+
 def write_weighed(directory: PathLike, rows: list[Weighed]) -> None:
     """Replace the table; numbers keep all their digits."""
     with formats.replacing(history.folder_of(directory) / LIMITS) as stream:

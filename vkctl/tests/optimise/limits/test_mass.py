@@ -1,0 +1,64 @@
+"""The volume of a loop for the least mass, by the ratios of its steps."""
+
+from __future__ import annotations
+
+import math
+
+import pytest
+
+from vkctl.optimise.limits.mass import next_volume
+
+MOST = 0.03
+
+
+def volumes(ratios: list[float], begins_full: bool = False) -> list[float]:
+    """Volumes that steps with these ratios go to, from 0.5."""
+    found = [0.5]
+    for k in range(1, len(ratios) + 1):
+        found.append(next_volume(ratios[:k], found[-1], MOST, begins_full))
+    return found
+
+
+def test_far_below_its_limits_the_volume_falls_by_the_longest_steps() -> None:
+    assert volumes([0.5] * 3) == pytest.approx([0.5, 0.47, 0.44, 0.41])
+
+
+def test_the_step_of_one_part_that_breaks_a_limit_is_passed_over() -> None:
+    assert volumes([0.5, 0.5, 2.0, 0.5]) == pytest.approx([0.5, 0.47, 0.44, 0.41, 0.38])
+
+
+def test_two_steps_of_three_turn_the_volume_by_half_a_step() -> None:
+    found = volumes([0.5, 0.5, 2.0, 2.0])
+    assert found[-1] - found[-2] == pytest.approx(MOST / 2)
+
+
+def test_steps_shorten_with_each_turn_and_lengthen_between() -> None:
+    ways = [0.5, 0.5, 2.0, 2.0, 0.5, 0.5, 0.5, 0.5, 0.5, 0.5, 0.5]
+    found = volumes(ways)
+    moves = [(b - a) / MOST for a, b in zip(found[3:-1], found[4:], strict=True)]
+    expected = [0.5, 0.6, -0.3, -0.36, -0.432, -0.5184, -0.62208, -0.746496]
+    assert moves == pytest.approx(expected)
+
+
+def test_near_a_limit_steps_are_as_short_as_the_ratio_says() -> None:
+    assert volumes([0.99])[-1] == pytest.approx(0.5 * 0.99**0.3)
+    assert volumes([1.0]) == [0.5, 0.5]
+
+
+def test_a_volume_is_at_most_all() -> None:
+    assert next_volume([3.0, 3.0], 0.99, MOST, begins_full=False) == 1.0
+
+
+def test_a_ratio_without_bounds_raises_the_volume_by_a_step() -> None:
+    assert volumes([math.inf, math.inf])[-1] == pytest.approx(0.56)
+
+
+def test_all_material_that_breaks_a_limit_is_taken_away_until_that_makes_it_worse() -> None:
+    assert volumes([1.1, 1.1, 1.11], begins_full=True) == pytest.approx([0.5, 0.47, 0.44, 0.41])
+    found = volumes([1.1, 1.1, 1.2, 1.2, 1.2], begins_full=True)
+    assert found[-1] > found[-2] > found[-3]
+    assert volumes([1.1], begins_full=False)[-1] > 0.5
+
+
+def test_material_that_never_makes_it_worse_is_not_taken_away_to_nothing() -> None:
+    assert all(volume > 0 for volume in volumes([1.1] * 60, begins_full=True))
