@@ -60,5 +60,10 @@ def test_all_material_that_breaks_a_limit_is_taken_away_until_that_makes_it_wors
     assert volumes([1.1], begins_full=False)[-1] > 0.5
 
 
+def test_all_material_near_a_limit_is_taken_away_by_the_longest_steps_until_it_matters() -> None:
+    found = volumes([0.98, 0.98, 0.99, 1.01, 1.01], begins_full=True)
+    assert found[:4] == pytest.approx([0.5, 0.47, 0.44, 0.41]) and found[-1] > found[-2]
+
+
 def test_material_that_never_makes_it_worse_is_not_taken_away_to_nothing() -> None:
     assert all(volume > 0 for volume in volumes([1.1] * 60, begins_full=True))

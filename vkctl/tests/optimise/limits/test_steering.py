@@ -13,9 +13,11 @@ from small_loops import ONE_CASE, TWO_CASES, VK_RUND, write_small
 
 from vkctl.directory import formats
 from vkctl.optimise import OptimiseError, optimise
-from vkctl.optimise.limits.table import LIMITS, read_weighed
+from vkctl.optimise.limits.table import HELD, LIMITS, read_weighed
 from vkctl.optimise.loop import Optimised
 from vkctl.prepare import CaseFileError
+
+EXAMPLES = Path(__file__).resolve().parents[3] / "examples"
 
 # Two columns of 2 each on a floor; the left one is pressed in two load cases.
 COLUMNS = "".join(
@@ -81,6 +83,23 @@ def test_limits_of_two_load_cases_hold_and_one_is_used_up(tmp_path: Path) -> Non
 def test_a_limit_that_all_material_cannot_meet_is_told(tmp_path: Path) -> None:
     with pytest.raises(OptimiseError, match="with all material the compliance in down is 4"):
         run_small(tmp_path, f"{MASS}compliance = [{{ at_most = 1.0 }}]\n")
+
+
+@pytest.mark.thorough
+def test_a_stress_limit_that_all_material_breaks_at_a_notch_is_met_with_less(
+    tmp_path: Path,
+) -> None:
+    """Of the L-bracket of the examples, on elements twice as large."""
+    geometry = (EXAMPLES / "l-bracket.geo").read_text()
+    geometry = geometry.replace("h = 2.5", "h = 5").replace("Layers{2}", "Layers{1}")
+    (tmp_path / "l-bracket.geo").write_text(geometry)
+    text = (EXAMPLES / "l-bracket-stress.toml").read_text()
+    cases = tmp_path / "cases.toml"
+    cases.write_text(text.replace("at_most = 50.0", "at_most = 40.0"))
+    done = optimise(cases, tmp_path / "d", steps=30, vk_rund=VK_RUND)
+    rows = read_weighed(done.directory)
+    assert done.rows[0].volume == 1.0 and rows[0].ratio > 1.02
+    assert rows[-1].ratio <= HELD and done.rows[-1].volume < 0.75
 
 
 @pytest.mark.thorough

@@ -3,6 +3,9 @@
 The largest stress of a part scatters by a tenth from step to step, and for a step by much more
 where a member is about to go. So the volume follows the middle of some steps' values, and its steps
 shorten whenever it turns, as in a search by trust regions: it settles at what the limits leave.
+
+From all material on it falls as long as that makes nothing worse, even where a limit is broken: a
+notch may be what breaks it, which only a part that isn't full can round off.
 """
 
 from __future__ import annotations
@@ -23,7 +26,7 @@ def next_volume(ratios: list[float], volume: float, most: float, begins_full: bo
     `most` is the longest step, `begins_full` whether the first one had all material.
     """
     middles = [float(np.median(ratios[max(k - _LOOKED_BACK, 0) : k])) for k in _counts(ratios)]
-    if begins_full and _has_no_shape_yet(middles):
+    if begins_full and max(middles) <= _NO_WORSE * middles[0]:
         return max(volume - most, volume / 2)
     reach = most * _calmed(middles)
     wanted = volume * max(middles[-1], 1e-6) ** _FOLLOWS
@@ -32,14 +35,6 @@ def next_volume(ratios: list[float], volume: float, most: float, begins_full: bo
 
 def _counts(ratios: list[float]) -> range:
     return range(1, len(ratios) + 1)
-
-
-def _has_no_shape_yet(middles: list[float]) -> bool:
-    """Whether all material breaks a limit, and parts with less of it don't by more.
-
-    What breaks it may be a notch, which only a part that isn't full can round off.
-    """
-    return middles[0] > 1.0 and max(middles) <= _NO_WORSE * middles[0]
 
 
 def _calmed(middles: list[float]) -> float:
