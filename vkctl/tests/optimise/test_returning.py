@@ -168,3 +168,28 @@ def test_where_no_part_held_the_limits_the_one_that_came_nearest_is_gone_back_to
     assert nearest == "step 24 has the part again that came nearest to its limits"
     assert told.endswith("the limit isn't met")
     assert optimise(tmp_path / "cases.toml", tmp_path / "d", vk_rund=VK_RUND).rows == done.rows
+
+
+def test_a_last_step_that_solves_the_one_before_again_tells_nothing_of_it(tmp_path: Path) -> None:
+    settings = LEAST.format(steps=10).replace("90.0", "60.0")
+    done = optimise(write_small(tmp_path, settings), tmp_path / "d", vk_rund=VK_RUND)
+    ratios = [row.ratio for row in read_weighed(done.directory)]
+    assert max(ratios) <= HELD and ratios[-2] > 0.9 and len(done.told) == 1
+    assert done.rows[-1].volume == done.rows[-2].volume < done.rows[-3].volume
+    state = history.read_state(tmp_path / "d")
+    assert state is not None and state.returned == 10 and state.target is not None
+
+
+def test_parts_of_another_goal_or_other_limits_are_not_gone_back_to(tmp_path: Path) -> None:
+    """A loop for the stiffest part goes on for the least mass, then with a tighter limit."""
+    optimise(write_small(tmp_path, SETTINGS), tmp_path / "d", vk_rund=VK_RUND)
+    mass = "goal = 'mass'\nreduction = 0.05\nmode = 'direct'\n[optimise.limits]\n"
+    for steps, at_most in ((24, 80.0), (32, 60.0)):
+        limit = f"compliance = {{ at_most = {at_most} }}\n"
+        cases = write_small(tmp_path, f"steps = {steps}\n{mass}{limit}")
+        done = optimise(cases, tmp_path / "d", vk_rund=VK_RUND)
+        state = history.read_state(tmp_path / "d")
+        assert state is not None and state.since == (19 if steps == 24 else 25)
+        assert len(done.rows) == steps and done.rows[-1].volume < 0.95
+        assert "isn't met" not in done.told[-1]
+    assert read_weighed(tmp_path / "d")[-1].ratio > 0.85

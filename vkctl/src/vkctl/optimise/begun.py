@@ -135,6 +135,7 @@ def _begin(
         void=void,
         case_file=str(Path(cases).absolute()),
         following=following,
+        aims=settings.aims(),
     )
     largest = float(np.abs(model.tp).max())
     history.save_array(history.levels_file(directory, 1), model.tp / (largest or 1.0))
@@ -230,6 +231,10 @@ def _take_settings(
     weights = _weights(cases, settings, state.load_cases)
     if (settings.combine, weights) != (state.combine, state.weights):
         state.combine, state.weights, state.since = settings.combine, weights, state.step
+    if (aims := settings.aims()) != state.aims:
+        if state.aims:  # else of an earlier version, which didn't note them
+            state.since, state.returned = state.step, min(state.returned, state.step - 1)
+        state.aims = aims
     state.case_file = str(Path(cases).absolute())
     history.write_state(directory, state)
 
@@ -244,7 +249,7 @@ def _take_wishes(directory: Path, settings: Settings, state: State, design: Desi
     for name in (history.free_file, history.taken_file):
         name(directory, state.step).unlink(missing_ok=True)
     state.wishes, state.since, state.sized = told, state.step, 0
-    state.widened = 1.0
+    state.widened, state.returned = 1.0, min(state.returned, state.step - 1)
     history.write_state(directory, state)
 
 

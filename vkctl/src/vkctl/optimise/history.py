@@ -29,7 +29,7 @@ ANIMATION = "part.gif"
 
 _PREPARING = "preparing"  # there while the working directory is being written
 _NUMBERS = ("objective", "volume", "target", "change", "quality", "seconds")
-_TEXTS = ("model", "cases", "combine", "wishes", "case_file")
+_TEXTS = ("model", "cases", "combine", "wishes", "case_file", "aims")
 _NUMBERED = ("load_cases", "kept", "void", "following")
 _OF_THE_SOLVER = ("mode", "iterations", "solving")
 _ENERGY = "energy_"  # columns of the load cases' strain energies, by number
@@ -83,6 +83,7 @@ class State:
     widened: float = 1.0  # times the radius, so that the members can have their sizes
     sized: int = 0  # first step whose design has the sizes that are wished; 0: none yet
     returned: int = 0  # the latest step that solved the levels of an earlier one again
+    aims: str = ""  # what counts since `since`: goal and limits
     # Of the latest search for a threshold, from which the next one begins.
     ratio: float = 1.0
     steepness: float | None = None
@@ -187,7 +188,7 @@ def read_state(directory: PathLike) -> State | None:
         # Earlier versions didn't note these.
         since_then: dict[str, Any] = {"mode": "automatic", "void": [], "wishes": ""}
         since_then |= {"case_file": "", "following": [], "sized": 0, "returned": 0}
-        since_then |= {"widened": 1.0, "ratio": 1.0, "steepness": None}
+        since_then |= {"widened": 1.0, "ratio": 1.0, "steepness": None, "aims": ""}
         said = {**since_then, **said}
     if not isinstance(said, dict) or not _is_state(said):
         raise formats.FormatError(path, "it holds no state of an optimisation")

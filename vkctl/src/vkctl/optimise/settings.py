@@ -55,6 +55,10 @@ class Settings:
     goal: Goal = "stiffness"
     limits: tuple[Limit, ...] = ()
 
+    def aims(self) -> str:
+        """What the loop goes for, to tell settings apart."""
+        return repr((self.goal, self.limits))
+
     def next_target(self, target: float) -> float:
         """Target volume of a step from that of the step before."""
         most = self.reduction or (1.0 - self.volume) / max(self.steps / 2, 1.0)

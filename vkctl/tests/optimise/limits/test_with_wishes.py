@@ -72,7 +72,7 @@ def test_the_volume_follows_limits_from_what_the_wishes_leave(tmp_path: Path) ->
     done = run_small(tmp_path, f"{MASS.replace('14', '4')}{void}{limits}")
     fullest = done.rows[0].volume
     assert fullest < 0.9
-    assert [row.volume for row in done.rows] == pytest.approx([fullest] * 4, abs=0.03)
+    assert all(row.volume <= fullest + 2e-3 for row in done.rows)
     assert done.rows[-1].volume == pytest.approx(fullest, abs=2e-3)
     assert max(row.target for row in done.rows) <= fullest + 0.051
     assert done.told[0].endswith("came nearest to its limits")

@@ -12,37 +12,53 @@ from __future__ import annotations
 
 import numpy as np
 
+from vkctl.basics.types import Array
+
 _FOLLOWS = 0.3  # power of the largest ratio that the volume is multiplied by in a step
-_LOOKED_BACK = 3  # steps whose largest ratios the volume follows the middle of
+_LOOKED_BACK = 3  # steps whose ratios the volume follows the middle of, the lower one of two
 _SHORTENED = 0.5  # by so much steps shorten with a turn
 _LENGTHENED = 1.2  # and grow again in steps that go on one way
 _SHORTEST = 1 / 16  # of the longest step
 _NO_WORSE = 1.02  # part of the largest ratio of all material
 
 
-def next_volume(ratios: list[float], volume: float, most: float, begins_full: bool) -> float:
-    """From the largest ratio of a value to its limit in each step up to the present one.
+def next_volume(ratios: Array, volume: float, most: float, begins_full: bool) -> float:
+    """From the ratios (steps, terms) of values to their limits, up to the present step's.
 
     `most` is the longest step, `begins_full` whether the first one had all material.
     """
-    middles = [float(np.median(ratios[max(k - _LOOKED_BACK, 0) : k])) for k in _counts(ratios)]
-    if begins_full and max(middles) <= _NO_WORSE * middles[0]:
+    middles = _middles(ratios.max(axis=1))
+    fallen = _fallen(ratios, middles) if begins_full else 0
+    if fallen == len(ratios):
         return max(volume - most, volume / 2)
-    reach = most * _calmed(middles)
+    above = middles[fallen:] > 1.0
+    # A fall is a way down, from which the first step up is a turn.
+    reach = most * _calmed(np.append(False, above) if fallen else above)
     wanted = volume * max(middles[-1], 1e-6) ** _FOLLOWS
     return float(min(max(wanted, volume - reach), volume + reach, 1.0))
 
 
-def _counts(ratios: list[float]) -> range:
-    return range(1, len(ratios) + 1)
+def _middles(ratios: Array) -> Array:
+    """Of each step (steps, ...) the middle one of it and those before."""
+    found = np.empty_like(ratios)
+    for k in range(len(ratios)):
+        some = np.sort(ratios[max(k + 1 - _LOOKED_BACK, 0) : k + 1], axis=0)
+        found[k] = some[(len(some) - 1) // 2]
+    return found
 
 
-def _calmed(middles: list[float]) -> float:
-    """Part of the longest step that is gone."""
+def _fallen(ratios: Array, largest: Array) -> int:
+    """How many steps from all material on made nothing worse, and broke no other limit."""
+    if not np.isfinite(ratios[0]).all():
+        return 0
+    each = (_middles(ratios) <= np.maximum(_NO_WORSE * ratios[0], 1.0)).all(axis=1)
+    worse = ~(each & (largest <= _NO_WORSE * largest[0]))
+    return int(np.argmax(worse)) if worse.any() else len(ratios)
+
+
+def _calmed(above: Array) -> float:
+    """Part of the longest step that is gone, from whether each step is above its limits."""
     part = 1.0
-    for before, now in zip(middles[:-1], middles[1:], strict=True):
-        if (before > 1.0) != (now > 1.0):
-            part = max(part * _SHORTENED, _SHORTEST)
-        else:
-            part = min(part * _LENGTHENED, 1.0)
+    for turned in above[1:] != above[:-1]:
+        part = max(part * _SHORTENED, _SHORTEST) if turned else min(part * _LENGTHENED, 1.0)
     return part

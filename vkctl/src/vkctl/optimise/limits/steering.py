@@ -30,7 +30,7 @@ from .adjoint import FOLDER, AdjointError, Pull, solve_adjoint
 from .aggregates import Value
 from .mass import next_volume
 from .sensitivity import sensitivity
-from .table import Weighed, largest_ratios, read_weighed, write_weighed
+from .table import Weighed, ratios_of, read_weighed, write_weighed
 from .terms import Steering, Term, make_terms
 from .weights import multipliers, shares
 
@@ -101,8 +101,7 @@ def steer(
         fullest = loop.design.fullest()
         _require_reachable(limited, steering.terms, volume, fullest)
         # Wishes may leave less than the target, from which nothing would come down in time.
-        start = loop.rows[loop.state.since - 1].volume if step > loop.state.since else volume
-        next_target = _next_volume(loop, min(target, volume), start >= _FULL * fullest)
+        next_target = _next_volume(loop, min(target, volume), volume, fullest)
         return Steered(criterion, next_target)
     return Steered(criterion, loop.settings.next_target(target))
 
@@ -210,12 +209,19 @@ def _require_reachable(
             )
 
 
-def _next_volume(loop: Loop, target: float, begins_full: bool) -> float:
-    assert loop.steering is not None
-    largest = largest_ratios(loop.steering.rows, loop.state.since)
-    ratios = [ratio / _INSIDE for ratio in largest.values()]
+def _next_volume(loop: Loop, target: float, volume: float, fullest: float) -> float:
+    steering = loop.steering
+    assert steering is not None
+    by_step = {
+        step: ratios
+        for step, ratios in ratios_of(steering.rows, loop.state.since).items()
+        if len(ratios) == len(steering.terms)
+    }
+    first = min(by_step)
+    start = loop.rows[first - 1].volume if first < loop.state.step else volume
+    ratios = np.array(list(by_step.values())) / _INSIDE
     most = loop.settings.reduction or _MASS_REDUCTION / loop.settings.steps
-    return next_volume(ratios, target, most, begins_full)
+    return next_volume(ratios, target, most, start >= _FULL * fullest)
 
 
 def has_settled(loop: Loop, last: int) -> bool:

@@ -37,16 +37,16 @@ class Weighed:
         return math.isfinite(self.at_most) and not self.ratio <= HELD
 
 
-def largest_ratios(rows: list[Weighed], since: int = 1) -> dict[int, float]:
-    """Of each step from one on, the largest ratio of a value to its limit, in order.
+def ratios_of(rows: list[Weighed], since: int = 1) -> dict[int, list[float]]:
+    """Of each step from one on, the ratios of values to their limits, in order.
 
     Infinite where a value is no number.
     """
-    found: dict[int, float] = {}
+    found: dict[int, list[float]] = {}
     for row in rows:
         if row.step >= since and math.isfinite(row.at_most):
             ratio = math.inf if math.isnan(row.ratio) else row.ratio
-            found[row.step] = max(found.get(row.step, 0.0), ratio)
+            found.setdefault(row.step, []).append(ratio)
     return dict(sorted(found.items()))
 
 
@@ -83,6 +83,6 @@ def _row(entry: dict[str, str]) -> Weighed:
         weight=float(entry["weight"]),
         correction=float(entry["correction"]),
     )
-    if not math.isfinite(row.weight) or not math.isfinite(row.correction):
+    if not math.isfinite(row.weight) or not math.isfinite(row.correction) or row.at_most <= 0:
         raise ValueError
     return row
