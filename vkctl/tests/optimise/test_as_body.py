@@ -16,7 +16,7 @@ from typer.testing import CliRunner
 
 from vkctl.basics.types import Array
 from vkctl.cli import app
-from vkctl.directory import model
+from vkctl.directory import formats, model
 from vkctl.directory.model import Material, Model
 from vkctl.directory.results import read_results
 from vkctl.optimise import as_body, optimise
@@ -285,6 +285,17 @@ def test_a_solver_that_fails_gives_its_status(loop: Path, tmp_path: Path) -> Non
     words = ["verify-part", str(loop / "work"), "--vk-rund", str(failing)]
     result = CliRunner().invoke(app, words)
     assert result.exit_code == 7 and "the body can't be solved" in result.stderr
+
+
+def test_a_body_in_pieces_is_told_by_the_piece_that_nothing_holds(
+    loop: Path, tmp_path: Path
+) -> None:
+    shutil.copytree(loop / "work", tmp_path / "work")
+    made = model.read(tmp_path / "work")
+    middle = np.abs(made.nodes[:, 0] - 6.0) < 1.5
+    formats.write_tp(tmp_path / "work", np.where(middle, -1.0, 1.0).astype(np.float32))
+    with pytest.raises(BodyError, match="can't be solved: Part .* of 2 .* no support at all"):
+        verify_part(tmp_path / "work", vk_rund=VK_RUND)
 
 
 def test_a_surface_that_cuts_itself_is_refused_in_a_sentence(loop, monkeypatch):

@@ -17,6 +17,7 @@ import numpy as np
 
 from vkctl.basics.types import PathLike
 from vkctl.basics.words import counted
+from vkctl.check import check
 from vkctl.directory import formats, model
 from vkctl.directory.formats import file_names
 from vkctl.prepare.build import Prepared, build_model, put
@@ -192,4 +193,6 @@ def _solve(
     chosen: formats.Mode | None = None if known.options.get("Sys.ComputationMode") else "direct"
     outcome = run(folder, mode=chosen, vk_rund=vk_rund, on_progress=on_progress)
     if not outcome.ok:
-        raise BodyError(f"the body can't be solved: {outcome.advice.sentence}", outcome)
+        loose = [one.message for one in check(folder).findings if one.code == "rigid-body"]
+        why = loose or [outcome.advice.sentence]
+        raise BodyError("\n".join(("the body can't be solved: " + why[0], *why[1:])), outcome)

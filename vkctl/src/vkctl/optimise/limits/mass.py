@@ -19,6 +19,7 @@ _LOOKED_BACK = 3  # steps whose ratios the volume follows the middle of, the low
 _SHORTENED = 0.5  # by so much steps shorten with a turn
 _LENGTHENED = 1.2  # and grow again in steps that go on one way
 _SHORTEST = 1 / 16  # of the longest step
+_FALLS = 0.9  # what the volume is multiplied by in a step that makes nothing worse, at most
 _NO_WORSE = 1.02  # part of the largest ratio of all material
 
 
@@ -29,13 +30,13 @@ def next_volume(ratios: Array, volume: float, most: float, begins_full: bool) ->
     """
     middles = _middles(ratios.max(axis=1))
     fallen = _fallen(ratios, middles) if begins_full else 0
+    follows = max(middles[-1], 1e-6) ** _FOLLOWS
     if fallen == len(ratios):
-        return max(volume - most, volume / 2)
+        return float(max(volume * min(follows, _FALLS), volume - most))
     above = middles[fallen:] > 1.0
     # A fall is a way down, from which the first step up is a turn.
     reach = most * _calmed(np.append(False, above) if fallen else above)
-    wanted = volume * max(middles[-1], 1e-6) ** _FOLLOWS
-    return float(min(max(wanted, volume - reach), volume + reach, 1.0))
+    return float(min(max(volume * follows, volume - reach), volume + reach, 1.0))
 
 
 def _middles(ratios: Array) -> Array:
