@@ -106,3 +106,18 @@ def test_beads_and_threads_dont_cut_through_themselves_when_made_smooth(monkeypa
     before = shells.enclosed(rough.points, rough.triangles)
     assert shells.enclosed(points, rough.triangles) == pytest.approx(before, rel=1e-6)
     assert np.abs(points - rough.points).max() > 0.1
+
+
+@KINDS
+@pytest.mark.parametrize("depth", [1e-3, 0.1, 1.0])
+@pytest.mark.parametrize("height", [0.0, 1.0])
+def test_a_pocket_that_smoothing_would_close_sends_nothing_far_away(
+    kind: str, depth: float, height: float
+) -> None:
+    def level(x: np.ndarray, y: np.ndarray, z: np.ndarray) -> np.ndarray:
+        return np.where(abs(x - 6) + abs(y - 3) + abs(z - height) < 0.1, -depth, 1.0)
+
+    part = cut(kind, level)
+    with np.errstate(over="raise", invalid="raise"):
+        points, overlapping = smoothed(part, np.zeros(len(part.points), np.bool_))
+    assert not overlapping and np.abs(points - part.points).max() < 1.0

@@ -146,6 +146,9 @@ def _with_volume(points: Array, part: Surface, cut: Array, freedom: Array) -> Ar
     growth = 0.5 * float((across * outwards[part.triangles[cut]].mean(axis=1)).sum())
     if growth <= 0:
         return points
+    # A pocket that smoothing has all but closed has hardly any surface to move.
+    furthest = float(np.sqrt(np.linalg.norm(across, axis=1).max()))
     for _ in range(_CORRECTIONS):
-        points = points + (wanted - enclosed(points, part.triangles)) / growth * outwards
+        distance = (wanted - enclosed(points, part.triangles)) / growth
+        points = points + float(np.clip(distance, -furthest, furthest)) * outwards
     return points
