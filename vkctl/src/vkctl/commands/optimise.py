@@ -253,7 +253,7 @@ def _shown(console: Console) -> Iterator[tuple[OnStep, OnProgress]]:
 
 
 def _print_step(console: Console, step: StepShown) -> None:
-    for line in (step_line(step), *step.broken):
+    for line in (*step.told, step_line(step), *step.broken):
         console.print(printable(line), markup=False, soft_wrap=True)
 
 
@@ -290,7 +290,8 @@ def table(finished: list[StepShown], running: tuple[int, Progress] | None) -> Gr
         grid.add_column(heading, justify="right")
     for step in finished[-_ROWS:]:
         grid.add_row(*_cells(step))
-    broken = [Text(printable(sentence)) for sentence in finished[-1].broken] if finished else []
+    last = (*finished[-1].told, *finished[-1].broken) if finished else ()
+    broken = [Text(printable(sentence)) for sentence in last]
     if running is None:
         return Group(grid, *broken)
     number, progress = running

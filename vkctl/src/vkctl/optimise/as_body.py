@@ -11,6 +11,7 @@ from __future__ import annotations
 import tempfile
 from collections.abc import Callable, Iterator
 from contextlib import contextmanager
+from dataclasses import dataclass
 from pathlib import Path
 
 import numpy as np
@@ -20,6 +21,7 @@ from vkctl.basics.words import counted
 from vkctl.check import check
 from vkctl.directory import formats, model
 from vkctl.directory.formats import file_names
+from vkctl.directory.model import Model
 from vkctl.prepare.build import Prepared, build_model, put
 from vkctl.prepare.case_file.entries import Cases
 from vkctl.prepare.case_file.mistakes import CaseFileError
@@ -46,6 +48,18 @@ TOLERANCE = 0.03
 SURFACE = "part.stl"  # beside the body's own files
 
 
+@dataclass(frozen=True)
+class Body:
+    """A part's body in its folder, as long as that is there."""
+
+    folder: Path
+    original: Model  # of the part
+    prepared: Prepared  # the body's own
+    numbers: list[int]  # of the load cases that count; all if none
+    limits: tuple[Limit, ...]  # that can be looked at on it
+    reach: float  # from sets, within which stresses aren't looked at where a limit says no distance
+
+
 def verify_part(
     directory: PathLike,
     cases: PathLike | None = None,
@@ -67,13 +81,49 @@ def verify_part(
     where Gmsh can't mesh the surface, CaseFileError, ValueError where there is no closed surface,
     and NotFoundError without a solver.
     """
+    if not 0 <= tolerance < np.inf:
+        raise BodyError(f"a tolerance of {tolerance:g} is no share")
+    with solved_body(
+        directory,
+        cases,
+        size=size,
+        order=order,
+        keep=keep,
+        vk_rund=vk_rund,
+        reading=reading,
+        on_progress=on_progress,
+    ) as body:
+        return compare(
+            Path(directory),
+            body.original,
+            body.folder,
+            body.prepared,
+            body.numbers,
+            tolerance,
+            body.folder if keep else None,
+            body.limits,
+            body.reach,
+        )
+
+
+@contextmanager
+def solved_body(
+    directory: PathLike,
+    cases: PathLike | None = None,
+    *,
+    size: float | None = None,
+    order: int = 2,
+    keep: PathLike | None = None,
+    vk_rund: PathLike | None = None,
+    reading: Reading | None = None,
+    on_progress: Callable[[Progress], None] | None = None,
+) -> Iterator[Body]:
+    """The body of a part, meshed and solved, with what `verify_part` is given and raises."""
     place = Path(directory)
     if size is not None and not 0 < size < np.inf:
         raise BodyError(f"a size of {size:g} is no length")
     if order not in (1, 2):
         raise BodyError(f"the order must be 1 or 2, not {order}")
-    if not 0 <= tolerance < np.inf:
-        raise BodyError(f"a tolerance of {tolerance:g} is no share")
     find_vk_rund(vk_rund)
     numbers, known = _inputs(place, None if cases is None else Path(cases))
     original, settings = model.read(place), read_settings(known.path)
@@ -88,8 +138,7 @@ def verify_part(
         prepared, limits = _prepared(folder / SURFACE, known, options, reading, settings.limits)
         put(prepared, folder)
         _solve(folder, known, vk_rund, on_progress)
-        kept = folder if keep else None
-        return compare(place, original, folder, prepared, numbers, tolerance, kept, limits, reach)
+        yield Body(folder, original, prepared, numbers, limits, reach)
 
 
 def smooth_part(directory: PathLike) -> PartSurface:

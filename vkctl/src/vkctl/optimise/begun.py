@@ -234,9 +234,19 @@ def _take_settings(
     if (aims := settings.aims()) != state.aims:
         if state.aims:  # else of an earlier version, which didn't note them
             state.since, state.returned = state.step, min(state.returned, state.step - 1)
+            _leave_growth(state)
         state.aims = aims
+    if 0 < state.grown_at < settings.steps:
+        _leave_growth(state)
     state.case_file = str(Path(cases).absolute())
     history.write_state(directory, state)
+
+
+def _leave_growth(state: State) -> None:
+    """Have the next steps go on from a part that material was added to."""
+    if state.grown_from:
+        state.grown_from = state.grown_at = state.grown_most = 0
+        state.since, state.returned = state.step, min(state.returned, state.step - 1)
 
 
 def _take_wishes(directory: Path, settings: Settings, state: State, design: Design) -> None:
@@ -250,6 +260,7 @@ def _take_wishes(directory: Path, settings: Settings, state: State, design: Desi
         name(directory, state.step).unlink(missing_ok=True)
     state.wishes, state.since, state.sized = told, state.step, 0
     state.widened, state.returned = 1.0, min(state.returned, state.step - 1)
+    _leave_growth(state)
     history.write_state(directory, state)
 
 

@@ -115,7 +115,7 @@ def compare(
     volumes, distance = (0.0, 0.0), AWAY * edge
     middle = 0.5 * (original.nodes.min(axis=0) + original.nodes.max(axis=0))
     for number in numbers or _requested(original):
-        results = sides[number] = (_results(directory, number), _results(folder, number))
+        results = sides[number] = (results_of(directory, number), results_of(folder, number))
         part, own = (
             _solved(whole, one, middle)
             for whole, one in zip((original, body), results, strict=True)
@@ -166,7 +166,8 @@ def _requested(original: Model) -> list[int]:
     return [number for number, case in cases if formats.is_wanted(case.kind, case.flags)]
 
 
-def _results(directory: Path, number: int) -> Results:
+def results_of(directory: Path, number: int) -> Results:
+    """Of a load case of part or body; BodyError where they can't be judged by."""
     try:
         results = read_results(directory, number)
     except FileNotFoundError:

@@ -31,6 +31,8 @@ _PREPARING = "preparing"  # there while the working directory is being written
 _NUMBERS = ("objective", "volume", "target", "change", "quality", "seconds")
 _TEXTS = ("model", "cases", "combine", "wishes", "case_file", "aims")
 _NUMBERED = ("load_cases", "kept", "void", "following")
+_GROWN = ("grown_from", "grown_at", "grown_most")
+_COUNTED = ("step", "running", "since", "sized", "returned", *_GROWN)
 _OF_THE_SOLVER = ("mode", "iterations", "solving")
 _ENERGY = "energy_"  # columns of the load cases' strain energies, by number
 
@@ -84,6 +86,9 @@ class State:
     sized: int = 0  # first step whose design has the sizes that are wished; 0: none yet
     returned: int = 0  # the latest step that solved the levels of an earlier one again
     aims: str = ""  # what counts since `since`: goal and limits
+    grown_from: int = 0  # first step that material is added in until the body holds the limits
+    grown_at: int = 0  # number of steps that ended the loop before, 0 where it had converged
+    grown_most: int = 0  # steps that were allowed for it when it ended, 0 before
     # Of the latest search for a threshold, from which the next one begins.
     ratio: float = 1.0
     steepness: float | None = None
@@ -189,6 +194,7 @@ def read_state(directory: PathLike) -> State | None:
         since_then: dict[str, Any] = {"mode": "automatic", "void": [], "wishes": ""}
         since_then |= {"case_file": "", "following": [], "sized": 0, "returned": 0}
         since_then |= {"widened": 1.0, "ratio": 1.0, "steepness": None, "aims": ""}
+        since_then |= {"grown_from": 0, "grown_at": 0, "grown_most": 0}
         said = {**since_then, **said}
     if not isinstance(said, dict) or not _is_state(said):
         raise formats.FormatError(path, "it holds no state of an optimisation")
@@ -201,10 +207,7 @@ def _is_state(said: dict[str, Any]) -> bool:
         return False
     numbers = [value for name in _NUMBERED for value in _listed(said[name])]
     return (
-        all(
-            type(said[name]) is int and said[name] >= 0
-            for name in ("step", "running", "since", "sized", "returned")
-        )
+        all(type(said[name]) is int and said[name] >= 0 for name in _COUNTED)
         and 1 <= said["since"] <= said["step"]
         and all(isinstance(said[name], str) for name in _TEXTS)
         and isinstance(said["mode"], str)

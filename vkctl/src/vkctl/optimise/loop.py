@@ -11,11 +11,13 @@ import time
 from collections.abc import Callable
 from contextlib import ExitStack
 from dataclasses import dataclass, field, replace
+from functools import partial
 from pathlib import Path
 
 import numpy as np
 
 from vkctl.basics.types import Array, PathLike
+from vkctl.directory import formats
 from vkctl.directory.model import Model, read
 from vkctl.directory.results import Results, read_results
 from vkctl.prepare.case_file.read_clusters import clusters_of
@@ -28,8 +30,16 @@ from vkctl.spread.where import parse_where
 from . import history
 from .begun import start
 from .following.criteria import criteria_of
+from .growing import grow
 from .history import HistoryRow, LockedError
-from .limits.steering import begin_steering, has_settled, needs_steering, steer, told_limits
+from .limits.steering import (
+    begin_steering,
+    has_settled,
+    needs_steering,
+    note_limits,
+    steer,
+    told_limits,
+)
 from .pieces import Pieces
 from .returning import go_back, has_gone_back, lost_step, told_return
 from .settings import Settings, read_settings
@@ -50,6 +60,7 @@ class StepShown:
     steps: int
     run: RunResult
     broken: tuple[str, ...] = ()  # a sentence for each load that nothing joins to a support
+    told: tuple[str, ...] = ()  # on the part before as a body
 
 
 @dataclass
@@ -97,7 +108,7 @@ def optimise(
     try:
         with history.locked(directory):
             loop = start(cases, Path(directory), settings, reading)
-            loop.vk_rund, loop.on_progress = vk_rund, on_progress
+            loop.vk_rund, loop.on_progress, loop.reading = vk_rund, on_progress, reading
             try:
                 if where is None:
                     return _run_steps(loop, on_step)
@@ -127,13 +138,32 @@ def _overridden(settings: Settings, volume: float | None, steps: int | None) -> 
 
 
 def _run_steps(loop: Loop, on_step: Callable[[StepShown], None] | None) -> Optimised:
-    def converged() -> bool:
-        return not _waits_for_sizes(loop) and _is_settled(loop)
-
     read_sizes(loop)
     loop.steering = begin_steering(loop) if needs_steering(loop) else None
+    if not loop.state.grown_from:
+        _run_until_settled(loop, on_step)
+    told = []
+    if loop.state.grown_from or loop.settings.body_steps:
+        told = grow(loop, _has_converged(loop), partial(_grown_step, loop, on_step))
+    else:
+        told = told_return(loop)
+    last = max(loop.state.step - 1, 1)
+    levels = levels_of(loop, last)
+    if loop.steering is not None:
+        told += told_limits(loop.steering.rows)
+    pieces = _pieces(loop, levels)
+    cut = cut_share(loop.design.space, loop.design.levels_of_nodes(levels))
+    done = Optimised(loop.directory, loop.rows, _has_converged(loop), levels, pieces, cut, told)
+    if (wished := loop.settings.wishes.sizes) is not None:
+        done.sizes = measured_sizes(model_at(loop.directory, last), wished.thickest)
+        done.told_sizes = told_sizes(wished, done.sizes, loop.rows[-1])
+    return done
+
+
+def _run_until_settled(loop: Loop, on_step: Callable[[StepShown], None] | None) -> None:
+    """Steps until the part has come to rest, or as many as are wanted."""
     while (left := loop.settings.steps - loop.state.step) >= 0:
-        settled = converged()
+        settled = _has_converged(loop)
         if settled and lost_step(loop) is None:
             break
         if settled or left == 0:
@@ -141,18 +171,12 @@ def _run_steps(loop: Loop, on_step: Callable[[StepShown], None] | None) -> Optim
         shown = _step(loop)
         if on_step is not None:
             on_step(shown)
-    last = max(loop.state.step - 1, 1)
-    levels = levels_of(loop, last)
-    told = told_return(loop)
-    if loop.steering is not None:
-        told += told_limits(loop.steering.rows)
-    pieces = _pieces(loop, levels)
-    cut = cut_share(loop.design.space, loop.design.levels_of_nodes(levels))
-    done = Optimised(loop.directory, loop.rows, converged(), levels, pieces, cut, told)
-    if (wished := loop.settings.wishes.sizes) is not None:
-        done.sizes = measured_sizes(model_at(loop.directory, last), wished.thickest)
-        done.told_sizes = told_sizes(wished, done.sizes, loop.rows[-1])
-    return done
+
+
+def _has_converged(loop: Loop) -> bool:
+    if loop.state.grown_from:
+        return loop.state.grown_at == 0
+    return not _waits_for_sizes(loop) and _is_settled(loop)
 
 
 def _waits_for_sizes(loop: Loop) -> bool:
@@ -174,52 +198,99 @@ def _pieces(loop: Loop, levels: Array) -> Pieces:
 # --- one step --------------------------------------------------------------------------------
 
 
+@dataclass(frozen=True)
+class _Solved:
+    """The present design, solved."""
+
+    begun: float  # seconds of the clock
+    outcome: RunResult
+    mode: formats.Mode
+    levels: Array
+    broken: tuple[str, ...]
+    results: list[Results]
+
+
+def _solved(loop: Loop) -> _Solved:
+    begun = time.monotonic()
+    outcome, mode = solve_somehow(loop)
+    levels = levels_of(loop, loop.state.step)
+    broken = _pieces(loop, levels).broken  # while they are the latest looked at
+    results = [read_results(loop.directory, number) for number in loop.state.load_cases]
+    _require_loaded(loop, results)
+    return _Solved(begun, outcome, mode, levels, broken, results)
+
+
 def _step(loop: Loop) -> StepShown:
     """Solve the present design, note it, and leave the next one."""
-    begun = time.monotonic()
-    state, settings, directory = loop.state, loop.settings, loop.directory
-    outcome, mode = solve_somehow(loop)
-    levels = levels_of(loop, state.step)
-    broken = _pieces(loop, levels).broken  # while they are the latest looked at
-    results = [read_results(directory, number) for number in state.load_cases]
-    _require_loaded(loop, results)
-    criteria = criteria_of(loop, results, levels, mode)
+    solved = _solved(loop)
+    state, settings, levels = loop.state, loop.settings, solved.levels
+    criteria = criteria_of(loop, solved.results, levels, solved.mode)
     criterion = combined(criteria, state.weights)
     volume = loop.design.volume(levels)
     target = volume if state.target is None else state.target
     next_target = settings.next_target(target)
     if loop.steering is not None:
-        steered = steer(loop, results, criteria, levels, target, mode)
+        steered = steer(loop, solved.results, criteria, levels, target, solved.mode)
         criterion, next_target = steered.criterion, steered.next_target
     criterion = _settled(loop, criterion)
     before = free_of(loop, state.step)
     follow_sizes(loop, levels, before, next_target, _is_settled(loop))
     following, _ = loop.design.next_levels(before, criterion, next_target, settings.move)
+    change = float(np.abs(following - before).mean())
+    row = _noted(loop, solved, volume, target, change)
+    _leave(loop, row, following, next_target)
+    return StepShown(row, settings.steps, solved.outcome, solved.broken)
+
+
+def _grown_step(
+    loop: Loop, on_step: Callable[[StepShown], None] | None, told: tuple[str, ...]
+) -> None:
+    """Solve a design that material was added to; the next one is what its body wants."""
+    solved = _solved(loop)
+    state, levels = loop.state, solved.levels
+    note_limits(loop, solved.results, levels)
+    paths = [history.criterion_file(loop.directory, step) for step in (state.step - 1, state.step)]
+    history.save_array(paths[1], history.load_array(paths[0], len(levels)))
+    volume = loop.design.volume(levels)
+    change = float(np.abs(levels - levels_of(loop, state.step - 1)).mean())
+    row = _noted(loop, solved, volume, volume, change)
+    _leave(loop, row, levels, None)
+    if on_step is not None:
+        planned = state.grown_from - 1 + loop.settings.body_steps
+        on_step(StepShown(row, max(planned, row.step), solved.outcome, solved.broken, told))
+
+
+def _noted(loop: Loop, solved: _Solved, volume: float, target: float, change: float) -> HistoryRow:
+    state, settings, results = loop.state, loop.settings, solved.results
     energies = {r.number: r.strain_energy for r in results}
-    row = HistoryRow(
+    return HistoryRow(
         step=state.step,
         objective=volume
         if settings.goal == "mass"
         else objective(list(energies.values()), state.weights, settings),
         volume=volume,
         target=target,
-        change=float(np.abs(following - before).mean()),
+        change=change,
         quality=min(r.quality for r in results),
-        seconds=round(time.monotonic() - begun, 3),
+        seconds=round(time.monotonic() - solved.begun, 3),
         energies=energies,
-        mode=mode,
-        iterations=sum(case.iterations or 0 for case in outcome.log.load_cases),
-        solving=outcome.seconds,
+        mode=solved.mode,
+        iterations=sum(case.iterations or 0 for case in solved.outcome.log.load_cases),
+        solving=solved.outcome.seconds,
     )
+
+
+def _leave(loop: Loop, row: HistoryRow, following: Array, target: float | None) -> None:
+    """Leave the step's row, the next levels with their target, and last the state."""
+    directory, state = loop.directory, loop.state
     loop.rows.append(row)
     history.write_history(directory, loop.rows)
     write_design(loop, state.step + 1, following)
     write_sizes(loop, state.step + 1)
-    state.step, state.running, state.target = state.step + 1, 0, next_target
+    state.step, state.running, state.target = state.step + 1, 0, target
     state.ratio, state.steepness = loop.design.sought.ratio, loop.design.sought.steepness
     history.write_state(directory, state)
     history.forget(directory, state.step - 2)
-    return StepShown(row, settings.steps, outcome, broken)
 
 
 def _require_loaded(loop: Loop, results: list[Results]) -> None:

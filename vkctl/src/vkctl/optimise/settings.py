@@ -35,6 +35,8 @@ class Settings:
     "worst" for the least of the largest weighted one.
 
     `goal`: "stiffness" of a given volume, inside of the limits, or the least "mass" inside of them.
+    `body_steps`: at most so many more, that add material to the part of least mass until it holds
+    its limits as a body of its own, too.
 
     `mode` of the solver: "measured" takes what the loop's own steps show to be faster, unless the
     options file of the directory names one. `wishes` are what the shape shall have.
@@ -54,6 +56,7 @@ class Settings:
     wishes: Wishes = field(default_factory=Wishes)
     goal: Goal = "stiffness"
     limits: tuple[Limit, ...] = ()
+    body_steps: int = 0
 
     def aims(self) -> str:
         """What the loop goes for, to tell settings apart."""
@@ -99,6 +102,7 @@ def _settings(table: Table, names: list[str], report: Mistakes) -> Settings:
         tolerance=table.number("tolerance", default.tolerance, above=0),
         mode=cast(LoopMode, mode),
         goal=cast(Goal, goal),
+        body_steps=table.integer("body_steps", default.body_steps, 0),
     )
     settings.wishes = read_wishes(table, settings.keep)
     settings.limits = read_limits(table.table("limits"), names)
@@ -132,7 +136,11 @@ def _volumes(table: Table) -> tuple[float, ...]:
 
 
 def _check_goal(settings: Settings, table: Table) -> None:
+    if settings.body_steps and settings.wishes.sizes is not None:
+        table.problem("body_steps", "adds material where sizes may not be kept", "leave out one")
     if settings.goal == "stiffness":
+        if settings.body_steps:
+            table.problem("body_steps", "adds to the volume, which is given", "goal = 'mass' finds")
         return
     if not settings.limits:
         table.problem("goal", "needs limits", "add them to [optimise.limits]")

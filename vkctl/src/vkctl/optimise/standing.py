@@ -9,6 +9,7 @@ from pathlib import Path
 from typing import TYPE_CHECKING
 
 from vkctl.basics.types import Array, PathLike
+from vkctl.prepare.part import Reading
 from vkctl.running.progress import Progress
 from vkctl.running.run import RunResult
 from vkctl.spread.place import Place
@@ -49,6 +50,7 @@ class Loop:
     factor_takes_less: Callable[[float], bool]  # estimated: a step with one, than so many seconds
     vk_rund: PathLike | None = None
     on_progress: Callable[[int, Progress], None] | None = None
+    reading: Reading | None = None  # how bodies of the part are meshed
     steering: Steering | None = None  # where several values count
     workers: Workers | None = None  # that solve the load cases; else this process's own run
     weights: dict[int, Weight] = field(default_factory=dict)  # that follow the design, by load case

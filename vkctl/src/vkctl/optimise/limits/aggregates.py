@@ -155,6 +155,11 @@ def _von_mises_slopes(stress: Array) -> Array:
 
 
 def _largest_recovered(solution: Solution, nodes: Array) -> float:
+    return float(recovered(solution, nodes).max(initial=0.0))
+
+
+def recovered(solution: Solution, nodes: Array) -> Array:
+    """Von Mises stresses (n,) at those nodes of a mask that lie in the part, 0 at others."""
     merged = nodal_stress(solution).merged()
-    values = von_mises(merged.stress[merged.inside & nodes])
-    return float(np.nanmax(values, initial=0.0))
+    values = np.where(merged.inside & nodes, von_mises(merged.stress), 0.0)
+    return np.where(np.isnan(values), 0.0, values)

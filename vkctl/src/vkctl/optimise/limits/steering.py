@@ -17,7 +17,7 @@ from vkctl.directory import formats
 from vkctl.directory.case_names import case_names, name_of
 from vkctl.directory.model import read
 from vkctl.directory.results import Results
-from vkctl.stress.solution import solution_of
+from vkctl.stress.solution import Solution, solution_of
 
 from .. import history
 from ..design import reach_of
@@ -76,14 +76,9 @@ def steer(
     mode: formats.Mode,
 ) -> Steered:
     """Weigh a solved step, whose load cases have criteria (cases, points), and note it."""
-    steering, step = loop.steering, loop.state.step
+    steering = loop.steering
     assert steering is not None
-    steering.model.tp = levels.astype(np.float32)
-    set_weights(steering.model.load_cases, loop.weights, loop.design.levels_of_nodes(levels))
-    steering.rows = [row for row in steering.rows if row.step < step]
-    solutions = {r.number: solution_of(steering.model, r) for r in results if steering.terms}
-    values = [term.value(steering.model, solutions[term.case]) for term in steering.terms]
-    limited = _weighed_limits(loop, steering, values)
+    solutions, values, limited = _valued(loop, steering, results, levels)
     cases, criterion = _weighed_cases(loop, steering, results, criteria)
     chosen = [k for k, row in enumerate(limited) if row.weight > _SPOKEN and values[k].smooth > 0]
     adjoints = _adjoints(loop, steering, values, chosen, mode)
@@ -104,6 +99,26 @@ def steer(
         next_target = _next_volume(loop, min(target, volume), volume, fullest)
         return Steered(criterion, next_target)
     return Steered(criterion, loop.settings.next_target(target))
+
+
+def _valued(
+    loop: Loop, steering: Steering, results: list[Results], levels: Array
+) -> tuple[dict[int, Solution], list[Value], list[Weighed]]:
+    """Solutions of a step's load cases, and what its limits come to."""
+    steering.model.tp = levels.astype(np.float32)
+    set_weights(steering.model.load_cases, loop.weights, loop.design.levels_of_nodes(levels))
+    steering.rows = [row for row in steering.rows if row.step < loop.state.step]
+    solutions = {r.number: solution_of(steering.model, r) for r in results if steering.terms}
+    values = [term.value(steering.model, solutions[term.case]) for term in steering.terms]
+    return solutions, values, _weighed_limits(loop, steering, values)
+
+
+def note_limits(loop: Loop, results: list[Results], levels: Array) -> None:
+    """Note what the limits come to in a step that nothing is steered by."""
+    assert loop.steering is not None
+    *_, limited = _valued(loop, loop.steering, results, levels)
+    loop.steering.rows += limited
+    write_weighed(loop.directory, loop.steering.rows)
 
 
 def _before(steering: Steering, name: str) -> Weighed | None:

@@ -4,8 +4,10 @@ from __future__ import annotations
 
 import csv
 import math
+from collections.abc import Sequence
 from dataclasses import astuple, dataclass, fields
 from pathlib import Path
+from typing import Any
 
 from vkctl.basics.types import PathLike
 from vkctl.directory import formats
@@ -14,6 +16,8 @@ from .. import history
 
 LIMITS = "limits.csv"  # in the loop's folder
 HELD = 1.005  # part of a limit up to which it counts as held
+# What reading a damaged table may end with.
+UNREADABLE = (ValueError, KeyError, TypeError, AttributeError, csv.Error)
 
 
 @dataclass(frozen=True)
@@ -52,8 +56,13 @@ def ratios_of(rows: list[Weighed], since: int = 1) -> dict[int, list[float]]:
 
 def write_weighed(directory: PathLike, rows: list[Weighed]) -> None:
     """Replace the table; numbers keep all their digits."""
-    with formats.replacing(history.folder_of(directory) / LIMITS) as stream:
-        lines = [",".join(field.name for field in fields(Weighed))]
+    write_rows(history.folder_of(directory) / LIMITS, Weighed, rows)
+
+
+def write_rows(path: Path, kind: type[Any], rows: Sequence[Any]) -> None:
+    """Replace a table of a kind of rows: a step, a term, and numbers."""
+    with formats.replacing(path) as stream:
+        lines = [",".join(field.name for field in fields(kind))]
         for row in rows:
             step, term, *numbers = astuple(row)
             quoted = term.replace('"', '""')
@@ -65,13 +74,19 @@ def read_weighed(directory: PathLike, before: int | None = None) -> list[Weighed
     """Rows of the steps before a step, empty if none; FormatError where the table is damaged."""
     path = history.folder_of(directory) / LIMITS
     try:
-        text = formats.read_regular(path).decode()
-        rows = [_row(entry) for entry in csv.DictReader(text.splitlines())]
-    except FileNotFoundError:
-        return []
-    except (ValueError, KeyError, TypeError, AttributeError, csv.Error):
+        rows = [_row(entry) for entry in entries_of(path)]
+    except UNREADABLE:
         raise formats.FormatError(Path(path), "it is no table of what was weighed") from None
     return [row for row in rows if before is None or row.step < before]
+
+
+def entries_of(path: Path) -> list[dict[str, str]]:
+    """What a table holds, by the names of its columns; nothing where there is none."""
+    try:
+        text = formats.read_regular(path).decode()
+    except FileNotFoundError:
+        return []
+    return list(csv.DictReader(text.splitlines()))
 
 
 def _row(entry: dict[str, str]) -> Weighed:
