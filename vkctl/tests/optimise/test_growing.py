@@ -4,6 +4,7 @@ from __future__ import annotations
 
 from collections.abc import Iterator
 from contextlib import contextmanager
+from dataclasses import replace
 from pathlib import Path
 from types import SimpleNamespace
 
@@ -13,12 +14,24 @@ from small_loops import VK_RUND, write_small
 from typer.testing import CliRunner
 
 from vkctl.cli import app
-from vkctl.optimise import Optimised, OptimiseError, StepShown, growing, history, optimise
+from vkctl.directory import formats
+from vkctl.optimise import (
+    Optimised,
+    OptimiseError,
+    StepShown,
+    growing,
+    history,
+    optimise,
+    read_settings,
+    solving,
+)
 from vkctl.optimise.as_body import BodyError, verify_part
 from vkctl.optimise.body_limits import Looked
 from vkctl.optimise.limits.on_body import OnBody, read_on_body, write_on_body
+from vkctl.optimise.standing import Loop
 from vkctl.prepare.case_file.mistakes import CaseFileError
 from vkctl.prepare.part import PartError
+from vkctl.running.run import RunResult
 
 Patch = pytest.MonkeyPatch
 LIMIT = "stress = {{ at_most = {limit}, away_from = ['tip', 'wall'], distance = 1.6 }}\n"
@@ -43,13 +56,15 @@ class Bodies:
         patch.setattr(growing, "solved_body", self._body)
         patch.setattr(growing, "look_at", self._look)
         patch.setattr(growing, "results_of", lambda folder, number: None)
+        self.place = (6.0, 3.0, 0.5)
 
     @contextmanager
     def _body(self, directory: Path, cases: str, **_: object) -> Iterator[object]:
         if self.fails:
             raise PartError(self.fails)
+        limits = read_settings(cases).limits
         yield SimpleNamespace(
-            folder=directory, limits=("one",), reach=1.0, prepared=SimpleNamespace(model=None)
+            folder=directory, limits=limits, reach=1.0, prepared=SimpleNamespace(model=None)
         )
 
     def _look(self, body: object, limits: object, reach: float, *rest: object) -> Looked:
@@ -58,8 +73,9 @@ class Bodies:
         ratio = self.ratios[min(self.looks, len(self.ratios) - 1)]
         self.looks += 1
         (term,) = terms
-        row = OnBody(step, term.name, ratio * term.limit.at_most, term.limit.at_most, 6.0, 3.0, 0.5)
-        return Looked([row], np.array([[6.0, 3.0, 0.5]]), np.array([ratio]), 0.0)
+        at_most = term.limit.at_most
+        row = OnBody(step, term.name, ratio * at_most, at_most, *self.place)
+        return Looked([row], np.array([self.place]), np.array([ratio]), 0.0)
 
 
 def test_a_part_is_grown_until_its_body_holds_the_limits(tmp_path: Path) -> None:
@@ -87,6 +103,7 @@ def test_a_body_that_holds_the_limits_has_nothing_added(tmp_path: Path, monkeypa
     done = run(cases)
     assert len(done.rows) == STEPS and bodies.looks == 1
     assert [line.split(":")[0] for line in done.told] == [
+        "step 8 has the lightest part again that held all limits",
         "as a body, stress in down",
         "stress in down",
     ]
@@ -174,6 +191,135 @@ def test_more_steps_take_the_loop_up_again(tmp_path: Path, monkeypatch: Patch) -
     assert state is not None and state.grown_from == STEPS + 5 == state.step
 
 
+def test_other_limits_without_steps_left_have_the_body_looked_at_again(
+    tmp_path: Path, monkeypatch: Patch
+) -> None:
+    bodies = Bodies(monkeypatch, [1.5, 0.9, 1.7, 0.9])
+    assert len(run(cases_of(tmp_path)).rows) == STEPS + 1
+    done = run(cases_of(tmp_path, limit=3.0))
+    assert bodies.looks == 4 and len(done.rows) == STEPS + 2
+    assert "2.7 of at most 3" in done.told[1]
+
+
+def test_a_few_more_steps_than_before_leave_a_grown_part_as_it_is(
+    tmp_path: Path, monkeypatch: Patch
+) -> None:
+    bodies = Bodies(monkeypatch, [1.5, 1.4, 0.9])
+    first = run(cases_of(tmp_path))
+    assert len(first.rows) == STEPS + 2
+    done = run(cases_of(tmp_path, steps=STEPS + 1))
+    assert done.rows == first.rows and done.told == first.told and bodies.looks == 3
+
+
+def test_where_there_is_no_room_it_ends_at_once(tmp_path: Path, monkeypatch: Patch) -> None:
+    bodies = Bodies(monkeypatch, [1.5])
+    bodies.place = (60.0, 3.0, 0.5)
+    done = run(cases_of(tmp_path))
+    assert bodies.looks == 1 and len(done.rows) == STEPS
+    assert done.told[1] == "there is no room for material where the body needs it"
+    assert run(cases_of(tmp_path)).told == done.told and bodies.looks == 1
+
+
+def test_a_grown_part_that_cannot_be_solved_ends_the_loop(
+    tmp_path: Path, monkeypatch: Patch
+) -> None:
+    """It isn't moved less instead: that would be another part, which the loop has left behind."""
+    Bodies(monkeypatch, [1.5, 0.9])
+    solve = solving._solve
+
+    def failing(loop: Loop, mode: formats.Mode) -> RunResult:
+        outcome = solve(loop, mode)
+        if loop.state.step > STEPS:
+            log = replace(outcome.log, error="No convergence")
+            return replace(outcome, outcome="stopped", log=log)
+        return outcome
+
+    with monkeypatch.context() as patch:
+        patch.setattr(solving, "_solve", failing)
+        with pytest.raises(OptimiseError, match=f"step {STEPS + 1}"):
+            run(cases_of(tmp_path))
+    done = run(cases_of(tmp_path))
+    assert len(done.rows) == STEPS + 1 and done.rows[-1].volume > done.rows[-2].volume
+
+
+def test_a_step_that_was_cut_off_is_ended_whatever_the_settings_are_then(
+    tmp_path: Path, monkeypatch: Patch
+) -> None:
+    Bodies(monkeypatch, [1.5, 1.4, 1.3, 1.2])
+
+    def stop(step: int, progress: object) -> None:
+        if step == STEPS + 2:
+            raise KeyboardInterrupt
+
+    with pytest.raises(KeyboardInterrupt):
+        run(cases_of(tmp_path), on_progress=stop)
+    done = run(cases_of(tmp_path, most=1))
+    state = history.read_state(done.directory)
+    assert state is not None and state.running == 0 and state.step == len(done.rows) + 1
+    # The part that was cut off isn't known as a body, and the nearest that is comes last.
+    assert np.array_equal(
+        done.levels, history.load_array(history.levels_file(done.directory, STEPS + 1))
+    )
+
+
+def test_a_loop_that_is_cut_off_on_its_way_back_ends_the_same(
+    tmp_path: Path, monkeypatch: Patch
+) -> None:
+    ratios = [1.5, 1.1, 1.2, 1.3]
+    with monkeypatch.context() as patch:
+        Bodies(patch, ratios)
+        whole = run(cases_of(tmp_path / "whole", most=3))
+    assert len(whole.rows) == STEPS + 4
+    bodies = Bodies(monkeypatch, ratios)
+
+    def on_step(step: StepShown) -> None:
+        if step.row.step == STEPS + 4:
+            raise KeyboardInterrupt
+
+    with pytest.raises(KeyboardInterrupt):
+        run(cases_of(tmp_path / "cut", most=3), on_step=on_step)
+    done = run(cases_of(tmp_path / "cut", most=3))
+    assert done.told[:2] == whole.told[:2] and len(done.rows) == len(whole.rows)
+    assert bodies.looks == 4 and np.array_equal(done.levels, whole.levels)
+
+
+def test_what_is_carried_further_goes_on_from_the_part_that_was_gone_back_to(
+    tmp_path: Path, monkeypatch: Patch
+) -> None:
+    bodies = Bodies(monkeypatch, [1.5, 1.1, 1.2, 1.3, 1.1, 0.9])
+    assert len(run(cases_of(tmp_path, most=3)).rows) == STEPS + 4
+    done = run(cases_of(tmp_path, most=9))
+    assert bodies.looks == 6 and len(done.rows) == STEPS + 5
+    assert done.rows[-1].volume > done.rows[-2].volume == done.rows[STEPS].volume
+    assert done.told[0].startswith("with material added where a body needs it")
+
+
+def test_without_body_steps_no_body_is_looked_at(tmp_path: Path, monkeypatch: Patch) -> None:
+    bodies = Bodies(monkeypatch, [1.5])
+
+    def cut_off(*_: object) -> None:
+        raise KeyboardInterrupt
+
+    with monkeypatch.context() as patch:
+        patch.setattr(growing, "_look", cut_off)
+        with pytest.raises(KeyboardInterrupt):
+            run(cases_of(tmp_path))
+    done = run(cases_of(tmp_path, most=0))
+    assert bodies.looks == 0 and len(done.rows) == STEPS and done.body_steps == 0
+
+
+@pytest.mark.parametrize("begun", [1, 99])
+def test_a_state_that_tells_of_steps_that_are_not_there_is_refused(
+    tmp_path: Path, monkeypatch: Patch, begun: int
+) -> None:
+    Bodies(monkeypatch, [1.5, 0.9])
+    cases = cases_of(tmp_path)
+    path = history.folder_of(run(cases).directory) / history.STATE
+    path.write_text(path.read_text().replace('"grown_from": 9', f'"grown_from": {begun}'))
+    with pytest.raises(formats.FormatError, match="no state of an optimisation"):
+        run(cases)
+
+
 def test_a_part_that_is_no_body_is_told_and_left_as_it_is(
     tmp_path: Path, monkeypatch: Patch
 ) -> None:
@@ -181,7 +327,7 @@ def test_a_part_that_is_no_body_is_told_and_left_as_it_is(
     bodies.fails = "its surface\ncan't be meshed"
     done = run(cases_of(tmp_path))
     assert len(done.rows) == STEPS
-    assert done.told[0] == "the part can't be looked at as a body: its surface; can't be meshed"
+    assert done.told[1] == "the part can't be looked at as a body: its surface; can't be meshed"
 
 
 def test_where_a_later_part_is_no_body_the_nearest_is_gone_back_to(
@@ -195,6 +341,7 @@ def test_where_a_later_part_is_no_body_the_nearest_is_gone_back_to(
 
     done = run(cases_of(tmp_path), on_step=on_step)
     assert len(done.rows) == STEPS + 3
+    assert run(cases_of(tmp_path)).told == done.told
     why, back, as_body, _ = done.told
     assert why == "the part can't be looked at as a body: torn" and "step 11 has the part" in back
     assert as_body.startswith("as a body, stress in down: 7 of at most 5")
@@ -260,4 +407,4 @@ def test_the_command_tells_each_body_before_the_step_that_follows(
         "as a body, stress in down: 7.5 of at most 5 at (6, 3, 0.5): the limit isn't met"
     )
     assert lines[told + 1].startswith(f"step {STEPS + 1} of {STEPS + 6}")
-    assert f"ended at the step limit after {STEPS + 1} steps" in result.stdout
+    assert f"ended at the step limit after {STEPS} steps and 1 that added material" in result.stdout

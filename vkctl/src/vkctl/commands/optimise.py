@@ -184,9 +184,10 @@ def _conclude(console: Console, done: Optimised, drawing: Painter | None) -> Non
     from vkctl.optimise import history
 
     end = "converged" if done.converged else "ended at the step limit"
-    last = done.rows[-1]
+    last, more = done.rows[-1], done.body_steps
+    steps = f"{last.step - more} steps" + (f" and {more} that added material" if more else "")
     console.print(
-        f"{end} after {last.step} steps: objective {last.objective:.6g}, volume {last.volume:.3f}, "
+        f"{end} after {steps}: objective {last.objective:.6g}, volume {last.volume:.3f}, "
         f"{100 * done.cut:.3g} % of the elements cut",
         soft_wrap=True,
     )

@@ -236,7 +236,7 @@ def _take_settings(
             state.since, state.returned = state.step, min(state.returned, state.step - 1)
             _leave_growth(state)
         state.aims = aims
-    if 0 < state.grown_at < settings.steps:
+    if 0 < state.grown_at < settings.steps and state.step <= settings.steps:
         _leave_growth(state)
     state.case_file = str(Path(cases).absolute())
     history.write_state(directory, state)
@@ -246,6 +246,7 @@ def _leave_growth(state: State) -> None:
     """Have the next steps go on from a part that material was added to."""
     if state.grown_from:
         state.grown_from = state.grown_at = state.grown_most = 0
+        state.grown_why = ""
         state.since, state.returned = state.step, min(state.returned, state.step - 1)
 
 

@@ -20,7 +20,7 @@ from .limits.terms import Term, make_terms
 
 FINER = (
     "a body has notches that the loop's mesh is too coarse for: where a limit must hold on it, "
-    "take smaller elements or a lower limit"
+    "body_steps in [optimise] add material, with goal = 'mass'; or take smaller elements"
 )
 
 Sides = tuple[Results, Results]  # of the part and of the body

@@ -24,6 +24,7 @@ _FURTHEST = 8.0  # edges to the nearest places, beyond which nothing is added
 _FILLED = 0.5  # level from which a design point has no room
 _INSIDE = 0.998  # part of a limit that is grown to
 _HIGHEST = 2.0  # change of level that fills everything
+_LARGEST = 1.1  # times the volume before, in a step
 
 
 def grown(
@@ -34,11 +35,23 @@ def grown(
     `ratios` (n,) of stresses to their limits at `places` (n, 3), `others` the largest ratio of
     another limit; `edge` is the mesh's mean one.
     """
-    raised = np.minimum(levels + added(design, levels, places, ratios, edge), 1.0)
-    raised = design.shape.begun(raised)
+    rise = _wished(design, added(design, levels, places, ratios, edge), levels)
+    raised = np.maximum(design.shape.levels(np.minimum(levels + rise, 1.0)), levels)
     if others > _INSIDE:
-        return _lifted(design, raised, design.volume(raised) * others / _INSIDE)
+        larger = min(others / _INSIDE, _LARGEST)
+        return np.maximum(_lifted(design, raised, design.volume(raised) * larger), raised)
     return raised
+
+
+def _wished(design: Design, rise: Array, levels: Array) -> Array:
+    """A rise as patterns, draw directions and what holds a printed part want it."""
+    highest = rise.max(initial=0.0)
+    for made in design.shape.steady:
+        rise = made(rise)
+    for mapped in design.shape.maps:
+        rise = mapped(rise, levels)
+    reached = rise.max(initial=0.0)  # less where only one of several images is high
+    return rise * (highest / reached) if reached > 0 else rise
 
 
 def added(design: Design, levels: Array, places: Array, ratios: Array, edge: float) -> Array:

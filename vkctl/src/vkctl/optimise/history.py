@@ -29,7 +29,7 @@ ANIMATION = "part.gif"
 
 _PREPARING = "preparing"  # there while the working directory is being written
 _NUMBERS = ("objective", "volume", "target", "change", "quality", "seconds")
-_TEXTS = ("model", "cases", "combine", "wishes", "case_file", "aims")
+_TEXTS = ("model", "cases", "combine", "wishes", "case_file", "aims", "grown_why")
 _NUMBERED = ("load_cases", "kept", "void", "following")
 _GROWN = ("grown_from", "grown_at", "grown_most")
 _COUNTED = ("step", "running", "since", "sized", "returned", *_GROWN)
@@ -89,6 +89,7 @@ class State:
     grown_from: int = 0  # first step that material is added in until the body holds the limits
     grown_at: int = 0  # number of steps that ended the loop before, 0 where it had converged
     grown_most: int = 0  # steps that were allowed for it when it ended, 0 before
+    grown_why: str = ""  # what ended it, where a part was no body
     # Of the latest search for a threshold, from which the next one begins.
     ratio: float = 1.0
     steepness: float | None = None
@@ -194,7 +195,7 @@ def read_state(directory: PathLike) -> State | None:
         since_then: dict[str, Any] = {"mode": "automatic", "void": [], "wishes": ""}
         since_then |= {"case_file": "", "following": [], "sized": 0, "returned": 0}
         since_then |= {"widened": 1.0, "ratio": 1.0, "steepness": None, "aims": ""}
-        since_then |= {"grown_from": 0, "grown_at": 0, "grown_most": 0}
+        since_then |= {"grown_from": 0, "grown_at": 0, "grown_most": 0, "grown_why": ""}
         said = {**since_then, **said}
     if not isinstance(said, dict) or not _is_state(said):
         raise formats.FormatError(path, "it holds no state of an optimisation")
@@ -209,6 +210,7 @@ def _is_state(said: dict[str, Any]) -> bool:
     return (
         all(type(said[name]) is int and said[name] >= 0 for name in _COUNTED)
         and 1 <= said["since"] <= said["step"]
+        and (said["grown_from"] == 0 or 2 <= said["grown_from"] <= said["step"])
         and all(isinstance(said[name], str) for name in _TEXTS)
         and isinstance(said["mode"], str)
         and said["mode"] in formats.MODES

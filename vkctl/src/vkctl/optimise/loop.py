@@ -23,7 +23,7 @@ from vkctl.directory.results import Results, read_results
 from vkctl.prepare.case_file.read_clusters import clusters_of
 from vkctl.prepare.part import Reading
 from vkctl.running.progress import Progress
-from vkctl.running.run import RunResult
+from vkctl.running.run import RunResult, find_vk_rund
 from vkctl.spread.place import opened
 from vkctl.spread.where import parse_where
 
@@ -76,6 +76,7 @@ class Optimised:
     told: list[str] = field(default_factory=list)  # a sentence on a return, and for each limit
     sizes: Sizes | None = None  # measured, where sizes were wished
     told_sizes: list[str] = field(default_factory=list)  # a sentence for each of them
+    body_steps: int = 0  # of all steps the last ones, which added material
 
 
 def optimise(
@@ -138,15 +139,17 @@ def _overridden(settings: Settings, volume: float | None, steps: int | None) -> 
 
 
 def _run_steps(loop: Loop, on_step: Callable[[StepShown], None] | None) -> Optimised:
+    if loop.settings.body_steps:
+        find_vk_rund(loop.vk_rund)  # bodies are solved on this machine, wherever the loop is
     read_sizes(loop)
     loop.steering = begin_steering(loop) if needs_steering(loop) else None
     if not loop.state.grown_from:
         _run_until_settled(loop, on_step)
-    told = []
+    own = loop.state.grown_from or loop.state.step  # first step that isn't the loop's own
+    told = told_return(loop) if loop.state.step == own else []
     if loop.state.grown_from or loop.settings.body_steps:
-        told = grow(loop, _has_converged(loop), partial(_grown_step, loop, on_step))
-    else:
-        told = told_return(loop)
+        grew = grow(loop, _has_converged(loop), partial(_grown_step, loop, on_step))
+        told = grew if loop.state.step > own else told + grew
     last = max(loop.state.step - 1, 1)
     levels = levels_of(loop, last)
     if loop.steering is not None:
@@ -154,6 +157,7 @@ def _run_steps(loop: Loop, on_step: Callable[[StepShown], None] | None) -> Optim
     pieces = _pieces(loop, levels)
     cut = cut_share(loop.design.space, loop.design.levels_of_nodes(levels))
     done = Optimised(loop.directory, loop.rows, _has_converged(loop), levels, pieces, cut, told)
+    done.body_steps = loop.state.step - own
     if (wished := loop.settings.wishes.sizes) is not None:
         done.sizes = measured_sizes(model_at(loop.directory, last), wished.thickest)
         done.told_sizes = told_sizes(wished, done.sizes, loop.rows[-1])

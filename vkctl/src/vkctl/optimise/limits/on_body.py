@@ -54,7 +54,7 @@ def read_on_body(directory: PathLike, since: int, before: int) -> list[OnBody]:
     """Rows of some steps, empty if none; FormatError where the table is damaged."""
     path = history.folder_of(directory) / TABLE
     try:
-        rows = [_row(entry) for entry in entries_of(path)]
+        rows = [_row(entry) for entry in entries_of(path, OnBody)]
     except UNREADABLE:
         raise formats.FormatError(path, "it is no table of limits on a body") from None
     return [row for row in rows if since <= row.step < before]

@@ -74,19 +74,25 @@ def read_weighed(directory: PathLike, before: int | None = None) -> list[Weighed
     """Rows of the steps before a step, empty if none; FormatError where the table is damaged."""
     path = history.folder_of(directory) / LIMITS
     try:
-        rows = [_row(entry) for entry in entries_of(path)]
+        rows = [_row(entry) for entry in entries_of(path, Weighed)]
     except UNREADABLE:
         raise formats.FormatError(Path(path), "it is no table of what was weighed") from None
     return [row for row in rows if before is None or row.step < before]
 
 
-def entries_of(path: Path) -> list[dict[str, str]]:
-    """What a table holds, by the names of its columns; nothing where there is none."""
+def entries_of(path: Path, kind: type[Any]) -> list[dict[str, str]]:
+    """What a table of a kind of rows holds, by the names of its columns; nothing if none is there.
+
+    ValueError for other columns.
+    """
     try:
         text = formats.read_regular(path).decode()
     except FileNotFoundError:
         return []
-    return list(csv.DictReader(text.splitlines()))
+    table = csv.DictReader(text.splitlines())
+    if table.fieldnames != [field.name for field in fields(kind)]:
+        raise ValueError
+    return list(table)
 
 
 def _row(entry: dict[str, str]) -> Weighed:
