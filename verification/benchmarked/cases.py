@@ -195,14 +195,15 @@ CASES = (
         "L-bracket with a stress limit",
         "Hung up at the top, loaded at the end of its arm, the example `l-bracket-stress`: 2048 "
         "hexahedra of 2.5 mm. First the least mass inside of a von Mises stress of 50 MPa, further "
-        "than 3.75 mm from seat and support, then the stiffest part of the same volume.",
+        "than 3.75 mm from seat and support, on the loop's mesh and as a body, for which material "
+        "is added; then the stiffest part of the same volume.",
         "l-bracket.geo",
         "l-bracket-stress.toml",
         (
             Design(
                 "stress",
                 "least mass inside of the stress limit",
-                'goal = "mass"\nsteps = 80\nkeep = ["seat"]\n[optimise.limits]\n'
+                'goal = "mass"\nsteps = 80\nbody_steps = 12\nkeep = ["seat"]\n[optimise.limits]\n'
                 'stress = { at_most = 50.0, away_from = ["seat", "top"] }',
                 like=None,
             ),
@@ -271,15 +272,16 @@ CASES = (
     Case(
         "printed-bracket",
         "Bracket of the tutorial, printed, with a stress limit",
-        "The same bracket: the least mass inside of a stress limit, printed upwards from its foot "
-        "with an overhang of 45 degrees at most, as [the tutorial](tutorial.md) has it.",
+        "The same bracket: the least mass inside of a stress limit, on the loop's mesh and as a "
+        "body, printed upwards from its foot with an overhang of 45 degrees at most, as [the "
+        "tutorial](tutorial.md) has it.",
         "bracket.geo",
         "bracket.toml",
         (
             Design(
                 "printed",
                 "this loop, overhang and stress limit",
-                'goal = "mass"\nsteps = 40\nkeep = ["bolts", "pin"]\n'
+                'goal = "mass"\nsteps = 40\nbody_steps = 12\nkeep = ["bolts", "pin"]\n'
                 "overhang = { direction = [0, 0, 1], angle = 45 }\n[optimise.limits]\n"
                 'stress = { at_most = 60.0, away_from = ["bolts"], distance = 8.0 }',
                 like=None,

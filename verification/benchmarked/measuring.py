@@ -133,7 +133,8 @@ def _looped(part: Part, design: Design, cases: Path) -> Found:
     nodal = _design(model, settings.radius).levels_of_nodes(done.levels)
     said = {
         "volume": last.volume,
-        "steps": last.step,
+        "steps": last.step - done.body_steps,
+        "body_steps": done.body_steps,
         "converged": done.converged,
         "seconds": sum(row.seconds for row in done.rows),
         "limits": done.told,

@@ -228,6 +228,8 @@ def _looks(case: Case, found: Found) -> str:
         steps = "" if "steps" not in one else str(one["steps"])
         if "steps" in one and not one["converged"]:
             steps += ", the most"
+        if one.get("body_steps"):
+            steps += f", and {one['body_steps']} for the body"
         rows.append(
             [
                 one["title"],

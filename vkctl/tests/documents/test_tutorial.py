@@ -19,6 +19,7 @@ from PIL import Image
 from vkctl.directory.model import read
 from vkctl.optimise import read_history, read_settings
 from vkctl.optimise.design import make_design
+from vkctl.optimise.limits.on_body import read_on_body
 from vkctl.optimise.limits.table import read_weighed
 from vkctl.prepare import read_cases
 
@@ -41,7 +42,8 @@ def folder(tmp_path_factory: pytest.TempPathFactory) -> Path:
     cases = tutorial.set_up(PAGE, EXAMPLES, directory)
     for path, steps in ((cases, "60"), (directory / tutorial.PRINTED, "40")):
         text = replaced(path.read_text(), "size = 5.0", "size = 10.0")
-        path.write_text(replaced(text, f"steps = {steps}", "steps = 4"))
+        text = replaced(text, f"\nsteps = {steps}", "\nsteps = 4")
+        path.write_text(re.sub(r"body_steps = \d+", "body_steps = 2", text))
     program = directory.parent / "bin" / "vkctl"
     program.parent.mkdir()
     program.write_text(f'#!/bin/sh\nexec "{sys.executable}" -m vkctl "$@"\n')
@@ -106,9 +108,11 @@ def test_its_printed_part_is_one_smooth_body_inside_of_its_limit(folder: Path) -
     shape = make_design(model, None, np.concatenate(kept), wishes=settings.wishes).shape
     levels = model.tp.astype(np.float64)
     assert np.array_equal(shape.levels(levels) > 0, levels > 0)
-    last = [row for row in read_weighed(folder / "printed") if row.step == 4]
+    rows = read_history(folder / "printed")
+    last = [row for row in read_weighed(folder / "printed") if row.step == len(rows)]
     assert len(last) == 3 and max(row.ratio for row in last) < 1.0
-    assert read_history(folder / "printed")[-1].volume < 0.97
+    assert rows[-1].volume < 0.97
+    assert len(read_on_body(folder / "printed", 4, 5)) == 3
     assert read(folder / "body").elements.tet10.shape[0] > 1000
 
 

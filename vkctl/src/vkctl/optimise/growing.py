@@ -8,6 +8,7 @@ nearest. The next levels are there before a body is noted: killed in between, it
 
 from __future__ import annotations
 
+import time
 from collections.abc import Callable
 from functools import partial
 
@@ -31,22 +32,27 @@ _NO_ROOM = "there is no room for material where the body needs it"
 _NEARER = 0.01  # part that the largest ratio to a limit falls by, where a step came nearer
 
 
-def grow(loop: Loop, converged: bool, solve: Callable[[tuple[str, ...]], None]) -> list[str]:
+Solve = Callable[[tuple[str, ...], float], None]
+
+
+def grow(loop: Loop, converged: bool, solve: Solve) -> list[str]:
     """Add material until the body of the loop's part holds the limits; sentences on what became.
 
     `converged` is how the loop had ended. `solve` solves the next step's levels and notes it, and
-    is told what there is to tell of the body before.
+    is given what there is to tell of the body before, and the seconds that it took.
     """
     state = loop.state
     if not state.grown_from:
         state.grown_from, state.target = state.step, None
         state.grown_at = 0 if converged else loop.settings.steps
         history.write_state(loop.directory, state)
-    rows = _known(loop)
+    rows, begun = _known(loop), time.monotonic()
     while _goes_on(loop, rows):
         last = state.step - 1
         if state.running or last in _ratios(rows):
-            solve(tuple(row.told() for row in rows if row.step == last))
+            seconds = time.monotonic() - begun
+            solve(tuple(row.told() for row in rows if row.step == last), seconds)
+            begun = time.monotonic()
             continue
         try:
             rows += _look(loop, rows)
@@ -155,9 +161,7 @@ def _look(loop: Loop, rows: list[OnBody]) -> list[OnBody]:
     return seen.rows
 
 
-def _end(
-    loop: Loop, rows: list[OnBody], solve: Callable[[tuple[str, ...]], None], why: str = ""
-) -> list[str]:
+def _end(loop: Loop, rows: list[OnBody], solve: Solve, why: str = "") -> list[str]:
     """End with the part that came nearest, where that isn't the last one."""
     state, best = loop.state, _nearest(rows)
     if best is None:
@@ -173,7 +177,7 @@ def _end(
         state.returned = state.step
     history.write_state(loop.directory, state)
     if back:
-        solve(tuple(row.told() for row in rows if row.step == last))
+        solve(tuple(row.told() for row in rows if row.step == last), 0.0)
     return _told(loop, rows, best)
 
 

@@ -247,10 +247,14 @@ def _step(loop: Loop) -> StepShown:
 
 
 def _grown_step(
-    loop: Loop, on_step: Callable[[StepShown], None] | None, told: tuple[str, ...]
+    loop: Loop,
+    on_step: Callable[[StepShown], None] | None,
+    told: tuple[str, ...],
+    seconds: float,
 ) -> None:
     """Solve a design that material was added to; the next one is what its body wants."""
     solved = _solved(loop)
+    solved = replace(solved, begun=solved.begun - seconds)  # its body's belong to it
     state, levels = loop.state, solved.levels
     note_limits(loop, solved.results, levels)
     paths = [history.criterion_file(loop.directory, step) for step in (state.step - 1, state.step)]
