@@ -17,12 +17,15 @@ from vkctl.optimise.wishes.read import read_wishes
 from vkctl.prepare.case_file.mistakes import Mistakes
 from vkctl.prepare.case_file.toml_table import Table
 from vkctl.shapes.boxes import box
+from vkctl.shapes.measures import select_nodes
 
 
 def block(void: Array = NOBODY, **wishes: object) -> Design:
     """12 x 8 x 2 hexahedra with edges of 1."""
     part = box("hex8", (12, 8, 2), (12.0, 8.0, 2.0))
     model = Model(part.nodes, part.elements, [Material.isotropic(1.0, 0.3)], [LoadCase()])
+    model.load_cases[0].support(select_nodes(part.nodes, x=0.0))
+    model.load_cases[0].load(select_nodes(part.nodes, x=12.0, y=0.0), [(0.0, -1.0, 0.0)] * 3)
     model.set_level(1.0)
     mistakes = Mistakes(Path("cases.toml"))
     wished = read_wishes(Table(dict(wishes), (), mistakes), ()) if wishes else Wishes()
@@ -104,12 +107,22 @@ def test_a_plane_of_symmetry_between_the_nodes_takes_nothing_away() -> None:
     assert (following >= levels).all() and (following > levels).any()
 
 
-def test_what_holds_a_printed_part_grows_with_it() -> None:
+def test_a_printed_part_stays_held_from_below() -> None:
     design = block(overhang={"direction": [0, 1, 0], "angle": 45})
     levels = design.shape.levels(bar(design, 3.5))
-    following = grown(design, levels, np.array([[6.0, 4.5, 1.0]]), np.array([2.0]), 0.0, 1.0)
+    following = grown(design, levels, np.array([[6.0, 3.5, 1.0]]), np.array([2.0]), 0.0, 1.0)
     assert np.array_equal(following, design.shape.levels(following))
     assert (following > levels + 0.2).any() and (following >= levels).all()
+
+
+def test_a_piece_that_would_carry_nothing_is_not_added() -> None:
+    design = block()
+    levels = bar(design, 2.5)
+    apart = np.linalg.norm(design.points - (6.0, 6.0, 1.0), axis=1) < 1.5
+    levels[apart] = -0.2  # which a rise makes material
+    following = grown(design, levels, np.array([[6.0, 6.0, 1.0]]), np.array([2.0]), 0.0, 1.0)
+    assert raised(design, levels, (6.0, 6.0, 1.0), 2.0)[apart].max() > 0.25
+    assert (following[apart] <= 0).all()
 
 
 def test_other_limits_move_the_surface_everywhere() -> None:

@@ -13,7 +13,7 @@ import scipy
 
 from vkctl.basics.types import Array
 
-from .design import Design
+from .design import Design, as_kept
 
 _NEAR = 0.9  # part of its limit from which a stress has material added
 _FROM = 0.85  # part of it that the move of the surface is counted from
@@ -35,21 +35,20 @@ def grown(
     `ratios` (n,) of stresses to their limits at `places` (n, 3), `others` the largest ratio of
     another limit; `edge` is the mesh's mean one.
     """
-    rise = _wished(design, added(design, levels, places, ratios, edge), levels)
+    rise = _patterned(design, added(design, levels, places, ratios, edge))
     raised = np.maximum(design.shape.levels(np.minimum(levels + rise, 1.0)), levels)
     if others > _INSIDE:
         larger = min(others / _INSIDE, _LARGEST)
-        return np.maximum(_lifted(design, raised, design.volume(raised) * larger), raised)
-    return raised
+        raised = np.maximum(_lifted(design, raised, design.volume(raised) * larger), raised)
+    loose = design.loose(design.levels_of_nodes(as_kept(raised)))
+    return design.shape.levels(np.where(loose, -1.0, raised)) if loose.any() else raised
 
 
-def _wished(design: Design, rise: Array, levels: Array) -> Array:
-    """A rise as patterns, draw directions and what holds a printed part want it."""
+def _patterned(design: Design, rise: Array) -> Array:
+    """A rise as patterns and draw directions want it."""
     highest = rise.max(initial=0.0)
     for made in design.shape.steady:
         rise = made(rise)
-    for mapped in design.shape.maps:
-        rise = mapped(rise, levels)
     reached = rise.max(initial=0.0)  # less where only one of several images is high
     return rise * (highest / reached) if reached > 0 else rise
 
