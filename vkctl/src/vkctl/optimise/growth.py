@@ -24,6 +24,7 @@ _FURTHEST = 8.0  # edges to the nearest places, beyond which nothing is added
 _FILLED = 0.5  # level from which a design point has no room
 _INSIDE = 0.998  # part of a limit that is grown to
 _HIGHEST = 2.0  # change of level that fills everything
+_BLOCKED = 0.5  # part of a rise, less than which the wishes let through
 _LARGEST = 1.1  # times the volume before, in a step
 
 
@@ -36,12 +37,26 @@ def grown(
     another limit; `edge` is the mesh's mean one.
     """
     rise = _patterned(design, added(design, levels, places, ratios, edge))
-    raised = np.maximum(design.shape.levels(np.minimum(levels + rise, 1.0)), levels)
+    raised = _raised(design, levels, rise)
+    blocked = np.where(raised - levels < _BLOCKED * rise, rise, 0.0)
+    if design.shape.maps and blocked.any():
+        raised = _raised(design, levels, np.maximum(rise, _held(design, blocked, levels)))
     if others > _INSIDE:
         larger = min(others / _INSIDE, _LARGEST)
         raised = np.maximum(_lifted(design, raised, design.volume(raised) * larger), raised)
     loose = design.loose(design.levels_of_nodes(as_kept(raised)))
     return design.shape.levels(np.where(loose, -1.0, raised)) if loose.any() else raised
+
+
+def _raised(design: Design, levels: Array, rise: Array) -> Array:
+    return np.maximum(design.shape.levels(np.minimum(levels + rise, 1.0)), levels)
+
+
+def _held(design: Design, rise: Array, levels: Array) -> Array:
+    """A rise with what has to rise below it, so that a printed part is held."""
+    for mapped in design.shape.maps:
+        rise = mapped(rise, levels)
+    return rise
 
 
 def _patterned(design: Design, rise: Array) -> Array:
