@@ -42,7 +42,7 @@ REMARKS = {
     "whose 4-node tetrahedra of 5 mm are too stiff.",
     "printed-bracket": "On 4-node tetrahedra, as the other case, where the tutorial takes "
     "10-node ones: the loop's own stresses are too low by more than three times there, and "
-    "bodies of its part had 155 to 195. What is added for the body makes up for it. The density "
+    "bodies of its part had 155 to 198. What is added for the body makes up for it. The density "
     "method's part is for stiffness alone, the better one in that, with three times the limit as "
     "a body, and has no struts to hold what is printed.",
 }
